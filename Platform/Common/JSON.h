@@ -1,0 +1,106 @@
+// JSON (RFC 8259), both directions, in one place. Reading is strict: one value and nothing behind
+// it, UTF-8 only, no comments, nesting limited so that the stack is safe; of duplicate keys the
+// last wins. A boolean is never a number and a number never a boolean. Pure functions and values;
+// any thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace platform {
+
+class JSONValue;
+using JSONArray = std::vector<JSONValue>;
+using JSONObject = std::map<std::string, JSONValue, std::less<>>;
+
+class JSONValue {
+public:
+    // A whole number that was written without fraction and exponent and fits is an integer; every
+    // other number is a double.
+    using Variant = std::variant<std::nullptr_t, bool, std::int64_t, std::uint64_t, double,
+                                 std::string, JSONArray, JSONObject>;
+
+    JSONValue() : value(nullptr) {}
+    template <class T>
+    requires(std::constructible_from<Variant, T> &&
+             !std::same_as<std::remove_cvref_t<T>, JSONValue>) JSONValue(T&& v)
+        : value(std::forward<T>(v)) {}
+
+    bool isNull() const { return std::holds_alternative<std::nullptr_t>(value); }
+    // The value under this type, or null if it is of another.
+    template <class T>
+    const T* as() const {
+        return std::get_if<T>(&value);
+    }
+    // "null", "a boolean", "a number", "a string", "an array" or "an object", for failure texts.
+    std::string_view typeName() const;
+
+    friend bool operator==(const JSONValue&, const JSONValue&) = default;
+
+    Variant value;
+};
+
+// Why a text is not the document that was asked for, in words for a person.
+struct JSONFailure {
+    std::string description;
+};
+
+// How deep arrays and objects may nest in a document that is read.
+inline constexpr std::size_t maximumJSONDepth = 512;
+
+// Reads one document. A failure says what is wrong and where (line, column or byte).
+std::variant<JSONValue, JSONFailure> parseJSON(std::string_view text);
+
+// Reads with the options of a plain `JSONObjectWithData:options:error:` call: the top level has to
+// be an array or an object. The error is not kept.
+struct NSJSONSerialization {
+    static std::optional<JSONValue> JSONObjectWithData(std::string_view data);
+};
+
+// `object[key]` if it is there and a string table: every value a string. Nothing otherwise.
+std::optional<std::map<std::string, std::string, std::less<>>> stringTable(const JSONValue& value);
+// Every element of an array of strings; nothing for any other value.
+std::optional<std::vector<std::string>> stringArray(const JSONValue& value);
+
+// Writes a compact document piece by piece into one string. The caller keeps the order right
+// (key before value, every begin with its end); commas are put by the writer. A text that is not
+// valid UTF-8, or a number that JSON cannot express (NaN, infinity), spoils the document: `finish`
+// then gives nothing.
+class JSONWriter {
+public:
+    void beginObject() { open('{'); }
+    void endObject() { close('}'); }
+    void beginArray() { open('['); }
+    void endArray() { close(']'); }
+    void key(std::string_view name);
+    void string(std::string_view text);
+    void boolean(bool value);
+    void integer(std::int64_t value);
+    void unsignedInteger(std::uint64_t value);
+    // Shortest form that reads back as the same double.
+    void number(double value);
+    void null();
+    void value(const JSONValue& value);
+
+    void reserve(std::size_t bytes) { out.reserve(bytes); }
+    // The document, and the writer is empty again; nothing if a piece could not be expressed.
+    std::optional<std::string> finish();
+
+private:
+    void open(char bracket);
+    void close(char bracket);
+    void separate();
+    void quoted(std::string_view text);
+
+    std::string out;
+    bool needsComma = false;
+    bool isSpoiled = false;
+};
+
+}  // namespace platform

@@ -1,0 +1,33 @@
+// Data-less notifications between processes. Posts are delivered by one thread, one at a time, to
+// the observers of their name; posts during a delivery give one more delivery. The observer is a
+// plain pointer that the center neither keeps alive nor looks at.
+#pragma once
+
+#include <string_view>
+
+namespace platform {
+
+class CFNotificationCenter;
+
+// Called for each delivery with the center, the observer as registered, the notification's name,
+// and no object and no user information (this center delivers none).
+using CFNotificationCallback = void (*)(CFNotificationCenter& center, void* observer,
+                                        std::string_view name, const void* object,
+                                        const void* userInfo);
+
+enum class CFNotificationSuspensionBehavior { deliverImmediately = 4 };
+
+// The center for the whole machine. There is one.
+CFNotificationCenter& CFNotificationCenterGetDarwinNotifyCenter();
+
+// Calls `callback` with `observer` for each later post of `name`. Any thread.
+void CFNotificationCenterAddObserver(CFNotificationCenter& center, void* observer,
+                                     CFNotificationCallback callback, std::string_view name,
+                                     const void* object,
+                                     CFNotificationSuspensionBehavior suspensionBehavior);
+
+// Takes every registration of `observer` back. No delivery to it begins once this has returned; one
+// that is under way on another thread may still be running. Any thread, also from a delivery.
+void CFNotificationCenterRemoveEveryObserver(CFNotificationCenter& center, void* observer);
+
+}  // namespace platform
