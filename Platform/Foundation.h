@@ -27,11 +27,16 @@ struct NSError {
     friend bool operator==(const NSError&, const NSError&) = default;
 };
 
-// A mutual-exclusion lock that its owner may not take twice. Not held across a call to the platform
-// unless the contract of the caller says so; the simulated platform checks that.
+// A mutual-exclusion lock that its owner may not take twice. A lock guards fields and is let go
+// before any call to the platform but a log line, which the simulated platform checks; the few that
+// put whole pieces of work in one order are made with `heldAcrossCalls`.
 class CAPABILITY("mutex") NSLock {
 public:
+    enum class Use { fieldsOnly, heldAcrossCalls };
+    static constexpr Use heldAcrossCalls = Use::heldAcrossCalls;
+
     NSLock() = default;
+    explicit NSLock(Use lockUse) : use(lockUse) {}
     NSLock(const NSLock&) = delete;
     NSLock& operator=(const NSLock&) = delete;
 
@@ -39,6 +44,7 @@ public:
     void unlock() RELEASE();
 
 private:
+    const Use use = Use::fieldsOnly;
     std::mutex mutex;
 };
 
