@@ -13,6 +13,8 @@
 #include <variant>
 #include <vector>
 
+#include "Platform/Common/StringHash.h"
+
 namespace platform {
 
 class JSONValue;
@@ -63,8 +65,8 @@ struct NSJSONSerialization {
     static std::optional<JSONValue> JSONObjectWithData(std::string_view data);
 };
 
-// `object[key]` if it is there and a string table: every value a string. Nothing otherwise.
-std::optional<std::map<std::string, std::string, std::less<>>> stringTable(const JSONValue& value);
+// The entries of an object whose every value is a string; nothing for any other value.
+std::optional<StringMap<std::string>> stringTable(const JSONValue& value);
 // Every element of an array of strings; nothing for any other value.
 std::optional<std::vector<std::string>> stringArray(const JSONValue& value);
 

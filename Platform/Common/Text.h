@@ -2,6 +2,7 @@
 // strict decimal numbers, and the pieces of dotted names. Any thread.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -13,6 +14,9 @@ namespace platform {
 // True if `bytes` is well-formed UTF-8 (RFC 3629: no overlong form, no surrogate, nothing above
 // U+10FFFF).
 bool isValidUTF8(std::string_view bytes);
+
+// The length of the character that `bytes` begins with; 0 if that is not a well-formed one.
+std::size_t characterLength(std::string_view bytes);
 
 // `bytes` with everything that is not well-formed UTF-8 replaced by U+FFFD. The platform applies it
 // to text from outside, so that the core only ever sees valid text.
