@@ -3,8 +3,7 @@
 // reach the log store apart, so that it can redact what is not public. A line whose level is off
 // costs one load and a branch. Any thread; no line takes part in another.
 //
-// The format syntax: "%{public}s" a text shown in clear, "%s" a text that a store may redact,
-// "%ld",
+// The format syntax: "%{public}s" a text shown in clear, "%s" a text that a store may redact, "%ld",
 // "%{public}ld" and "%d" a whole number of any width (sizes too), "%{bool}d" a boolean printed as a
 // word.
 #pragma once

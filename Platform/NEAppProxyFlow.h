@@ -4,17 +4,14 @@
 // platforms:
 //
 // - No completion runs inside the call it belongs to; each runs exactly once, also after a close,
-// and
-//   lets go of what it holds. Completions run on a thread of the platform's choice.
+//   and lets go of what it holds. Completions run on a thread of the platform's choice.
 // - One read and one write may be outstanding at a time.
 // - An opening always completes, with an error when the application's side never comes. Closing
-// before
-//   the opening has completed is legal; the opening then completes all the same.
+//   before the opening has completed is legal; the opening then completes all the same.
 // - After a close, operations outstanding and later ones in that direction complete with an error.
 //   The first close of a direction counts, later ones do nothing.
 // - A flow that was declined, or that is let go, is no longer the extension's: a claimed one that
-// was
-//   never closed is closed without an error.
+//   was never closed is closed without an error.
 // - Texts are valid UTF-8.
 #pragma once
 

@@ -5,8 +5,7 @@
 // - `startFilter` comes before `startProxy`. The filter's side is opened by `applySettings` and is
 //   independent of the proxy: it goes on when the proxy's start failed and after `stopProxy`.
 // - Every flow is offered once, to the proxy first and then to the filter, claimed ones too, while
-// the
-//   flow waits. Calls for different flows overlap; those for one flow come in order.
+//   the flow waits. Calls for different flows overlap; those for one flow come in order.
 // - A completion that the platform hands in may be called on any thread, once.
 #pragma once
 

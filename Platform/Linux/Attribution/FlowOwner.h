@@ -16,7 +16,7 @@ namespace platform {
 struct FlowTuple {
     int protocol = 0;  // IPPROTO_TCP or IPPROTO_UDP
     int family = 0;    // AF_INET or AF_INET6: the packet's, whatever the socket's is
-    std::array<std::uint8_t, 16> sourceAddress{};       // network byte order; IPv4 in the first four
+    std::array<std::uint8_t, 16> sourceAddress{};  // network byte order; IPv4 in the first four
     std::array<std::uint8_t, 16> destinationAddress{};  // likewise
     std::uint16_t sourcePort = 0;                       // host byte order
     std::uint16_t destinationPort = 0;                  // host byte order
