@@ -1,0 +1,45 @@
+// The daemon's ears on this machine: messages of the host application, the platform preferences
+// that may change while it runs, the machine's sleep and wake, and the service manager that wants to
+// know when it is ready and whether it lives. Made, started and stopped by the one thread that starts
+// and stops the providers. (Notifications have a life of their own: they flow while observers are
+// registered.)
+//
+//   HostChannel channel;            before the first provider is called
+//   startFilter ..., startProxy ... and its completion, whatever its outcome
+//   channel.start(provider);
+//   ... until SIGTERM ...
+//   channel.stop();                 before stopProxy
+//   stopProxy ..., stopFilter ...
+#pragma once
+
+#include <memory>
+
+#include "Platform/NEProvider.h"
+
+namespace platform {
+
+class HostChannel {
+public:
+    // Makes the daemon's folders and puts the preferences' log level in force. What cannot be made
+    // costs one line each; the daemon goes on without it.
+    HostChannel();
+    ~HostChannel();
+    HostChannel(const HostChannel&) = delete;
+    HostChannel& operator=(const HostChannel&) = delete;
+
+    // From here on the channel calls `handleAppMessage`, `sleep` and `wake` of the provider, on
+    // threads of its own, and tells the service manager that the daemon is ready. Holds the provider
+    // until `stop`. Called once.
+    void start(std::shared_ptr<NETransparentProxyProvider> provider);
+
+    // Tells the service manager that the daemon is stopping and closes the message socket. When it
+    // returns, none of the provider's operations is running for the channel and none will. Once or
+    // never; the destructor stops too.
+    void stop();
+
+private:
+    class Running;
+    std::unique_ptr<Running> running;
+};
+
+}  // namespace platform

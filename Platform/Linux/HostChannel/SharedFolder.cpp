@@ -1,0 +1,68 @@
+#include "Platform/Linux/HostChannel/SharedFolder.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <optional>
+
+#include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/HostChannel/HostChannelLog.h"
+#include "Platform/Linux/HostChannel/TrustedAccounts.h"
+
+namespace platform {
+
+namespace {
+
+// What is made in a folder of the group belongs to the group too: the set-group-id bit.
+constexpr mode_t groupFolderMode = 02770;
+constexpr mode_t ownerFolderMode = 0700;
+constexpr mode_t readableFolderMode = 0755;
+constexpr mode_t permissionBits = 07777;
+
+bool failed(const std::string& path, const char* what) {
+    hostChannelLog.error("The folder %{public}s cannot be used: %{public}s", path, what);
+    return false;
+}
+
+bool giveToGroup(int folder, const struct stat& present, std::optional<gid_t> group) {
+    if (!group) return fchmod(folder, ownerFolderMode) == 0;
+    if (present.st_gid != *group && fchown(folder, static_cast<uid_t>(-1), *group) != 0)
+        return false;
+    return fchmod(folder, groupFolderMode) == 0;
+}
+
+bool isAsAsked(const struct stat& present, FolderAccess access, std::optional<gid_t> group) {
+    const mode_t mode = present.st_mode & permissionBits;
+    if (access == FolderAccess::everyoneMayRead) return mode == readableFolderMode;
+    if (!group) return mode == ownerFolderMode;
+    return mode == groupFolderMode && present.st_gid == *group;
+}
+
+bool setAccess(int folder, const struct stat& present, FolderAccess access) {
+    const auto group = trustedGroup();
+    if (isAsAsked(present, access, group)) return true;
+    if (access == FolderAccess::everyoneMayRead) return fchmod(folder, readableFolderMode) == 0;
+    return giveToGroup(folder, present, group);
+}
+
+}  // namespace
+
+bool makeSharedFolder(const std::string& path, FolderAccess access) {
+    // Closed to everybody else until its group and mode are set.
+    if (mkdir(path.c_str(), ownerFolderMode) != 0 && errno != EEXIST)
+        return failed(path, std::strerror(errno));
+    const FileDescriptor folder(
+        open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!folder) return failed(path, std::strerror(errno));
+    struct stat present {};
+    if (fstat(folder.get(), &present) != 0) return failed(path, std::strerror(errno));
+    if (!isTrustedAccount(present.st_uid)) return failed(path, "its owner is not trusted");
+    if (present.st_uid != geteuid() && geteuid() != 0) return true;
+    if (!setAccess(folder.get(), present, access)) return failed(path, std::strerror(errno));
+    return true;
+}
+
+}  // namespace platform
