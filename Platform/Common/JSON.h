@@ -4,12 +4,15 @@
 // any thread.
 #pragma once
 
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -23,8 +26,8 @@ using JSONObject = std::map<std::string, JSONValue, std::less<>>;
 
 class JSONValue {
 public:
-    // A whole number that was written without fraction and exponent and fits is an integer; every
-    // other number is a double.
+    // A whole number that was written without fraction and exponent and fits is an integer, signed
+    // if it fits that; every other number is a double, the negative zero too.
     using Variant = std::variant<std::nullptr_t, bool, std::int64_t, std::uint64_t, double,
                                  std::string, JSONArray, JSONObject>;
 
@@ -56,7 +59,7 @@ struct JSONFailure {
 // How deep arrays and objects may nest in a document that is read.
 inline constexpr std::size_t maximumJSONDepth = 512;
 
-// Reads one document. A failure says what is wrong and where (line, column or byte).
+// Reads one document. A failure says in a few words what is wrong and at which line and column.
 std::variant<JSONValue, JSONFailure> parseJSON(std::string_view text);
 
 // Reads with the options of a plain `JSONObjectWithData:options:error:` call: the top level has to

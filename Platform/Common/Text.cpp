@@ -96,6 +96,13 @@ std::string validUTF8(std::string_view bytes) {
     return text;
 }
 
+std::string excerpt(std::string_view text, std::size_t maximumLength) {
+    if (text.size() <= maximumLength) return validUTF8(text);
+    auto end = maximumLength;
+    while (end > 0 && (byteAt(text, end) & 0xC0) == 0x80) --end;
+    return validUTF8(text.substr(0, end)) + "...";
+}
+
 std::optional<std::uint16_t> decimalUInt16(std::string_view text) {
     if (!isDecimalNumber(text)) return std::nullopt;
     std::uint16_t number = 0;

@@ -22,6 +22,10 @@ std::size_t characterLength(std::string_view bytes);
 // to text from outside, so that the core only ever sees valid text.
 std::string validUTF8(std::string_view bytes);
 
+// The beginning of a text, for a person: whole if it is no longer than `maximumLength` bytes, else
+// cut between two characters with "..." behind it. Always valid UTF-8.
+std::string excerpt(std::string_view text, std::size_t maximumLength);
+
 // Reads an unsigned decimal number of 16 bits: digits only, leading zeros allowed, no sign, no
 // blanks. Nothing if it does not parse or does not fit.
 std::optional<std::uint16_t> decimalUInt16(std::string_view text);
