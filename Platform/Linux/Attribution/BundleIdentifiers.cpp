@@ -1,0 +1,165 @@
+#include "Platform/Linux/Attribution/BundleIdentifiers.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <pugixml.hpp>
+#include <unordered_map>
+
+#include "Platform/Common/Text.h"
+#include "Platform/Linux/Attribution/FileDescriptor.h"
+
+namespace platform {
+
+namespace {
+
+constexpr std::size_t largestPropertyList = 1 << 20;
+constexpr std::size_t longestIdentifier = 255;
+constexpr std::array<std::string_view, 3> suffixes = {".app", ".xpc", ".appex"};
+
+bool isControl(char byte) { return static_cast<unsigned char>(byte) < 0x20 || byte == 0x7f; }
+
+bool isUsable(std::string_view identifier) {
+    return !identifier.empty() && identifier.size() <= longestIdentifier &&
+           isValidUTF8(identifier) && std::none_of(identifier.begin(), identifier.end(), isControl);
+}
+
+std::string textOf(const pugi::xml_node& element) {
+    std::string text;
+    for (const auto& child : element.children()) text += child.value();
+    return text;
+}
+
+pugi::xml_node nextElement(pugi::xml_node node) {
+    do node = node.next_sibling();
+    while (node && node.type() != pugi::node_element);
+    return node;
+}
+
+// Tells one state of a file from another.
+struct FileVersion {
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = 0;
+    std::int64_t changed = 0;  // in nanoseconds
+
+    bool operator==(const FileVersion&) const = default;
+};
+
+FileVersion versionOf(const struct stat& status) {
+    return {status.st_dev, status.st_ino, status.st_size,
+            std::int64_t{status.st_ctim.tv_sec} * 1'000'000'000 + status.st_ctim.tv_nsec};
+}
+
+std::optional<std::string> readPropertyList(const std::string& path) {
+    // Not blocking: the file may be exchanged for a pipe after it was looked at.
+    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat status {};
+    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+    std::string text(largestPropertyList + 1, '\0');
+    std::size_t length = 0;
+    while (length < text.size()) {
+        const auto count = ::read(file.get(), text.data() + length, text.size() - length);
+        if (count < 0) return std::nullopt;
+        if (count == 0) break;
+        length += static_cast<std::size_t>(count);
+    }
+    if (length > largestPropertyList) return std::nullopt;
+    text.resize(length);
+    return text;
+}
+
+// The identifiers of the property lists seen so far, by path.
+class KnownPropertyLists {
+public:
+    static KnownPropertyLists& shared() {
+        static KnownPropertyLists lists;
+        return lists;
+    }
+
+    std::optional<std::string> identifier(const std::string& path) {
+        struct stat status {};
+        if (::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+        if (status.st_size > static_cast<off_t>(largestPropertyList)) return std::nullopt;
+        const auto version = versionOf(status);
+        {
+            const std::lock_guard guard(lock);
+            const auto found = entries.find(path);
+            if (found != entries.end() && found->second.version == version) {
+                return found->second.identifier;
+            }
+        }
+        const auto text = readPropertyList(path);
+        Entry entry{version, text ? identifierInPropertyList(*text) : std::nullopt};
+        const std::lock_guard guard(lock);
+        if (entries.size() >= limit) entries.clear();
+        return entries.insert_or_assign(path, std::move(entry)).first->second.identifier;
+    }
+
+private:
+    struct Entry {
+        FileVersion version;
+        std::optional<std::string> identifier;
+    };
+    static constexpr std::size_t limit = 1000;
+
+    std::mutex lock;  // guards `entries`; held for table work only
+    std::unordered_map<std::string, Entry> entries;
+};
+
+// The end of the bundle path that `suffix` marks in `path`, searched from the left; npos if none.
+std::size_t bundleEnd(std::string_view path, std::string_view suffix) {
+    auto start = path.find(std::string(suffix) + "/");
+    if (start == std::string_view::npos) start = path.find(suffix);
+    return start == std::string_view::npos ? start : start + suffix.size();
+}
+
+bool isBundlePath(std::string_view path) {
+    return std::any_of(suffixes.begin(), suffixes.end(),
+                       [&](std::string_view suffix) { return path.ends_with(suffix); });
+}
+
+}  // namespace
+
+std::optional<std::string> identifierInPropertyList(std::string_view text) {
+    pugi::xml_document document;
+    if (!document.load_buffer(text.data(), text.size())) return std::nullopt;
+    for (const auto& key : document.child("plist").child("dict").children("key")) {
+        if (textOf(key) != "CFBundleIdentifier") continue;
+        const auto value = nextElement(key);
+        auto identifier = textOf(value);
+        if (std::string_view(value.name()) != "string" || !isUsable(identifier)) return std::nullopt;
+        return identifier;
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> bundleIdentifierAt(const std::string& path) {
+    auto& lists = KnownPropertyLists::shared();
+    if (auto identifier = lists.identifier(path + "/Contents/Info.plist")) return identifier;
+    return lists.identifier(path + "/Info.plist");
+}
+
+std::optional<std::string> innermostBundleIdentifier(const std::string& path) {
+    for (auto end = path.rfind('/'); end != std::string::npos && end > 0;
+         end = path.rfind('/', end - 1)) {
+        const auto directory = path.substr(0, end);
+        if (!isBundlePath(directory)) continue;
+        if (auto identifier = bundleIdentifierAt(directory)) return identifier;
+    }
+    return std::nullopt;
+}
+
+bool showsBundle(const std::string& path) {
+    return std::any_of(suffixes.begin(), suffixes.end(), [&](std::string_view suffix) {
+        const auto end = bundleEnd(path, suffix);
+        return end != std::string::npos && bundleIdentifierAt(path.substr(0, end)).has_value();
+    });
+}
+
+}  // namespace platform

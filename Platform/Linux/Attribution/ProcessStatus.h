@@ -1,0 +1,45 @@
+// What /proc says about one process at one moment, read in a few system calls and all of it from the
+// same process, also when its id is given to another one meanwhile. Any thread.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Platform/Linux/Attribution/FileDescriptor.h"
+
+namespace platform {
+
+// The process's folder, open. It belongs to this process only: reads fail once it has ended.
+FileDescriptor openProcess(pid_t pid);
+
+// The fields that tell one program in one process from another.
+struct ProcessStatus {
+    pid_t parentPid = 0;
+    std::uint64_t startTime = 0;  // in clock ticks since boot
+    uid_t effectiveUserId = 0;
+    std::uint64_t executableDevice = 0;
+    std::uint64_t executableInode = 0;
+    uid_t executableOwner = 0;
+
+    bool operator==(const ProcessStatus&) const = default;
+};
+
+// Nothing if the process has ended, runs no program (the kernel's own, a zombie), or may not be
+// looked at.
+std::optional<ProcessStatus> readProcessStatus(const FileDescriptor& process);
+
+// Parent and start time in the text of /proc/PID/stat; the program's name in it may hold anything.
+bool parseProcessStat(std::string_view text, ProcessStatus& status);
+
+// The path of the running executable, in bytes. One that was removed or replaced while it runs keeps
+// the path that it was started from.
+std::optional<std::string> readExecutablePath(const FileDescriptor& process);
+
+// The text of a small file of the process's folder; empty if it cannot be read.
+std::string readProcessFile(const FileDescriptor& process, const char* name);
+
+}  // namespace platform

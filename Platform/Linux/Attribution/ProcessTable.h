@@ -1,0 +1,71 @@
+// Says what each process is to the extension: which application it belongs to, under which path,
+// parent and signing identifier it is shown. The seam's process operations and the attribution of
+// flows ask it, from any thread. It owns a bounded memory of what it has found; nobody waits while
+// another thread reads /proc.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "Platform/Linux/Attribution/AuditToken.h"
+#include "Platform/Linux/Attribution/ProcessStatus.h"
+
+namespace platform {
+
+enum class ProcessKind {
+    bundle,               // its executable lies in a real bundle
+    desktopApplication,   // it runs in the control group of a desktop application
+    applicationPart,      // neither, but a descendant of one of those two
+    ordinaryProgram       // anything else
+};
+
+struct Process {
+    pid_t pid = 0;
+    ProcessStatus status;
+    ProcessKind kind = ProcessKind::ordinaryProgram;
+    std::string signingIdentifier;  // valid UTF-8, never empty
+    std::string shownPath;          // valid UTF-8
+    pid_t shownParentPid = 1;       // the real one if the parent is of the first three kinds
+
+    AuditToken auditToken() const;
+};
+
+class ProcessTable {
+public:
+    // The one table of this system.
+    static ProcessTable& shared();
+
+    // What the process is now. Nothing if it has ended or may not be looked at.
+    std::shared_ptr<const Process> examine(pid_t pid);
+
+    // The same for a caller that was led to `pid` by an earlier answer: one that is a moment old
+    // serves, and so does the last one for a process that has ended meanwhile.
+    std::shared_ptr<const Process> recall(pid_t pid);
+
+private:
+    using Clock = std::chrono::steady_clock;
+    struct Entry {
+        std::shared_ptr<const Process> process;
+        Clock::time_point classified;  // when its place among the applications was looked up
+        Clock::time_point confirmed;   // when it was last seen to be the same program
+    };
+
+    std::shared_ptr<const Process> examine(pid_t pid, int generation);
+    Entry find(pid_t pid);
+    std::shared_ptr<const Process> store(std::shared_ptr<const Process> process,
+                                         Clock::time_point classified);
+    Process classify(pid_t pid, const ProcessStatus& status, const FileDescriptor& folder,
+                     int generation);
+    void makeRoom(Clock::time_point now);
+
+    std::mutex lock;  // guards `entries`; held for table work only
+    std::unordered_map<pid_t, Entry> entries;
+};
+
+}  // namespace platform
