@@ -22,7 +22,7 @@ struct AuditTokenFields {
     std::uint64_t startTime = 0;         // in clock ticks since boot
     std::uint64_t executableDevice = 0;  // device and inode of the running executable
     std::uint64_t executableInode = 0;
-    std::string_view signingIdentifier;
+    std::string_view signingIdentifier{};
 };
 
 // Any thread.

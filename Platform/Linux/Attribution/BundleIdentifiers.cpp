@@ -133,7 +133,8 @@ std::optional<std::string> identifierInPropertyList(std::string_view text) {
         if (textOf(key) != "CFBundleIdentifier") continue;
         const auto value = nextElement(key);
         auto identifier = textOf(value);
-        if (std::string_view(value.name()) != "string" || !isUsable(identifier)) return std::nullopt;
+        if (std::string_view(value.name()) != "string" || !isUsable(identifier))
+            return std::nullopt;
         return identifier;
     }
     return std::nullopt;

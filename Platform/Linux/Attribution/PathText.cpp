@@ -59,7 +59,8 @@ std::string pathOfText(std::string_view text) {
     std::string bytes;
     while (!text.empty()) {
         const bool escape = isEscape(text);
-        bytes += escape ? static_cast<char>(digitValue(text[2]) * 16 + digitValue(text[3])) : text[0];
+        bytes +=
+            escape ? static_cast<char>(digitValue(text[2]) * 16 + digitValue(text[3])) : text[0];
         text.remove_prefix(escape ? 4 : 1);
     }
     return bytes;

@@ -109,12 +109,13 @@ std::shared_ptr<const Process> ProcessTable::examine(pid_t pid, int generation) 
 
 Process ProcessTable::classify(pid_t pid, const ProcessStatus& status, const FileDescriptor& folder,
                                int generation) {
-    Process process{.pid = pid, .status = status};
+    Process process;
+    process.pid = pid;
+    process.status = status;
     const auto path = readExecutablePath(folder);
     if (!path) return process;
 
-    const auto parent =
-        status.parentPid > 1 ? examine(status.parentPid, generation + 1) : nullptr;
+    const auto parent = status.parentPid > 1 ? examine(status.parentPid, generation + 1) : nullptr;
     const bool isBelowApplication = parent && parent->kind != ProcessKind::ordinaryProgram;
     process.shownParentPid = isBelowApplication ? status.parentPid : 1;
 
@@ -122,8 +123,8 @@ Process ProcessTable::classify(pid_t pid, const ProcessStatus& status, const Fil
         process.kind = ProcessKind::bundle;
         process.signingIdentifier = *std::move(bundle);
         process.shownPath = shownBundlePath(*path, process.signingIdentifier);
-    } else if (auto application = applicationOfControlGroup(
-                   controlGroupPath(readProcessFile(folder, "cgroup")))) {
+    } else if (auto application =
+                   applicationOfControlGroup(controlGroupPath(readProcessFile(folder, "cgroup")))) {
         process.kind = ProcessKind::desktopApplication;
         process.signingIdentifier = identifierThatFits(*application);
         process.shownPath = virtualProgramPath(process.signingIdentifier);
@@ -154,9 +155,8 @@ std::shared_ptr<const Process> ProcessTable::store(std::shared_ptr<const Process
 }
 
 void ProcessTable::makeRoom(Clock::time_point now) {
-    std::erase_if(entries, [&](const auto& entry) {
-        return now - entry.second.confirmed > memoryOfEnded;
-    });
+    std::erase_if(entries,
+                  [&](const auto& entry) { return now - entry.second.confirmed > memoryOfEnded; });
     if (entries.size() >= entryLimit) entries.clear();
 }
 

@@ -19,10 +19,10 @@
 namespace platform {
 
 enum class ProcessKind {
-    bundle,               // its executable lies in a real bundle
-    desktopApplication,   // it runs in the control group of a desktop application
-    applicationPart,      // neither, but a descendant of one of those two
-    ordinaryProgram       // anything else
+    bundle,              // its executable lies in a real bundle
+    desktopApplication,  // it runs in the control group of a desktop application
+    applicationPart,     // neither, but a descendant of one of those two
+    ordinaryProgram      // anything else
 };
 
 struct Process {

@@ -1,0 +1,263 @@
+// What each kind of real process is shown as.
+
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <optional>
+
+#include "Platform/Foundation.h"
+#include "Platform/LibProc.h"
+#include "Platform/Linux/Attribution/ProcessTable.h"
+#include "Tests/Platform/Linux/Attribution/RealPrograms.h"
+
+namespace platform {
+namespace {
+
+using testing::readyAs;
+using testing::RunningProgram;
+using testing::TemporaryFolder;
+
+std::string shownPath(pid_t pid) {
+    std::array<char, 1024> buffer{};
+    return proc_pidpath(pid, buffer.data(), buffer.size()) > 0 ? buffer.data() : "";
+}
+
+pid_t shownParent(pid_t pid) {
+    proc_bsdinfo info;
+    return proc_pidinfo(pid, PROC_PIDTBSDINFO, 0, info) > 0 ? static_cast<pid_t>(info.pbi_ppid) : 0;
+}
+
+// The identifier that a search from the left finds in the shown path.
+std::optional<std::string> foundIdentifier(pid_t pid) {
+    const auto path = shownPath(pid);
+    for (const std::string suffix : {".app", ".xpc", ".appex"}) {
+        auto start = path.find(suffix + "/");
+        if (start == std::string::npos) start = path.find(suffix);
+        if (start == std::string::npos) continue;
+        const auto bundle = NSBundle::bundleWithPath(path.substr(0, start + suffix.size()));
+        if (bundle && bundle->bundleIdentifier()) return bundle->bundleIdentifier();
+    }
+    return std::nullopt;
+}
+
+std::string signedAs(pid_t pid) {
+    const auto process = ProcessTable::shared().examine(pid);
+    return process ? process->signingIdentifier : "";
+}
+
+void becomeUser(uid_t user) {
+    if (::setgroups(0, nullptr) != 0 || ::setgid(user) != 0 || ::setuid(user) != 0) ::_exit(126);
+}
+
+class Applications : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (const auto reason = testing::reasonForNoOrdinaryPrograms(); !reason.empty()) {
+            GTEST_SKIP() << reason;
+        }
+    }
+    // Waits until the shown identity of a process that is about to exec is `expected`.
+    static bool becomes(pid_t pid, std::string_view expected) {
+        for (int attempt = 0; attempt < 5000; ++attempt) {
+            if (signedAs(pid) == expected) return true;
+            ::usleep(1000);
+        }
+        return false;
+    }
+    TemporaryFolder folder;
+};
+
+TEST_F(Applications, ABundleIsItself) {
+    folder.addBundle("Editor.app", "com.example.Editor");
+    const auto program = folder.addProgram("Editor.app/Contents/MacOS/Editor");
+    const RunningProgram running(program, readyAs("$$"));
+    ASSERT_TRUE(running.isReady());
+    EXPECT_EQ(signedAs(running.pid()), "com.example.Editor");
+    EXPECT_EQ(foundIdentifier(running.pid()), "com.example.Editor");
+    EXPECT_EQ(shownPath(running.pid()), program);
+    EXPECT_EQ(shownParent(running.pid()), 1);
+}
+
+TEST_F(Applications, AHelperInsideABundleIsSignedAsItself) {
+    folder.addBundle("Editor.app", "com.example.Editor");
+    folder.addBundle("Editor.app/Contents/Helpers/Render.app", "com.example.Editor.render");
+    const auto editor = folder.addProgram("Editor.app/Contents/MacOS/Editor");
+    const auto helper =
+        folder.addProgram("Editor.app/Contents/Helpers/Render.app/Contents/MacOS/Render");
+    const RunningProgram running(editor, helper + " -c '" + readyAs("$$") + "'; :");
+    ASSERT_TRUE(running.isReady());
+    EXPECT_EQ(signedAs(running.namedPid()), "com.example.Editor.render");
+    EXPECT_EQ(foundIdentifier(running.namedPid()), "com.example.Editor");
+    EXPECT_EQ(shownParent(running.namedPid()), running.pid());
+}
+
+TEST_F(Applications, ABundleBehindAFalseOneIsSeen) {
+    folder.addFile("Old.app/readme", "not a bundle");
+    folder.addBundle("Old.app/Editor.app", "com.example.Editor");
+    const auto program = folder.addProgram("Old.app/Editor.app/Contents/MacOS/Editor");
+    const RunningProgram running(program, readyAs("$$"));
+    ASSERT_TRUE(running.isReady());
+    EXPECT_EQ(signedAs(running.pid()), "com.example.Editor");
+    EXPECT_EQ(foundIdentifier(running.pid()), "com.example.Editor");
+}
+
+TEST_F(Applications, ADescendantOutsideTheBundleFollowsByTheTree) {
+    folder.addBundle("Editor.app", "com.example.Editor");
+    const auto editor = folder.addProgram("Editor.app/Contents/MacOS/Editor");
+    const auto tool = folder.addProgram("bin/tool.x");
+    const RunningProgram running(
+        editor, tool + " -c '" + tool + " -c \"" + readyAs("\\$\\$") + "\"; :'; :");
+    ASSERT_TRUE(running.isReady());
+    const auto grandchild = running.namedPid();
+    const auto child = shownParent(grandchild);
+    for (const auto pid : {child, grandchild}) {
+        EXPECT_EQ(signedAs(pid), "tool.x");
+        EXPECT_EQ(foundIdentifier(pid), std::nullopt);
+        EXPECT_EQ(shownPath(pid), tool);
+    }
+    EXPECT_EQ(shownParent(child), running.pid());
+}
+
+TEST_F(Applications, AnOrdinaryProgramIsNamedByItsExecutable) {
+    const auto tool = folder.addProgram("bin/tool.x");
+    const RunningProgram running(tool, readyAs("$$"));
+    const RunningProgram other("/bin/bash", tool + " -c '" + readyAs("$$") + "'; :");
+    ASSERT_TRUE(running.isReady() && other.isReady());
+    const std::string name = ::geteuid() == 0 ? "tool-x" : folder.path("bin/tool-x");
+    for (const auto pid : {running.pid(), other.namedPid()}) {
+        EXPECT_EQ(signedAs(pid), name);
+        EXPECT_EQ(foundIdentifier(pid), name);
+        EXPECT_EQ(shownParent(pid), 1);
+    }
+    EXPECT_EQ(signedAs(other.pid()), "bash");
+}
+
+TEST_F(Applications, AUsersOwnProgramIsNamedByItsPath) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can give a file to another user";
+    const auto tool = folder.addProgram("dir.d/tool\xff.x");
+    ASSERT_EQ(::chown(tool.c_str(), 4321, 4321), 0);
+    const RunningProgram running(tool, readyAs("$$"), [] { becomeUser(4321); });
+    ASSERT_TRUE(running.isReady());
+    const auto name = folder.path("dir-d/tool\\xff-x");
+    EXPECT_EQ(signedAs(running.pid()), name);
+    EXPECT_EQ(foundIdentifier(running.pid()), name);
+    EXPECT_EQ(ProcessTable::shared().examine(running.pid())->status.effectiveUserId, 4321U);
+}
+
+TEST_F(Applications, AScriptIsItsInterpreter) {
+    folder.addFile("bin/script", "#!/bin/bash\n" + readyAs("$$") + "\n");
+    std::filesystem::permissions(folder.path("bin/script"), std::filesystem::perms(0755));
+    const RunningProgram running("/bin/bash", "exec " + folder.path("bin/script"));
+    ASSERT_TRUE(running.isReady());
+    EXPECT_EQ(signedAs(running.pid()), "bash");
+    EXPECT_EQ(foundIdentifier(running.pid()), "bash");
+}
+
+TEST_F(Applications, AProgramReplacedWhileItRunsKeepsItsName) {
+    const auto tool = folder.addProgram("bin/tool");
+    const auto marked = folder.addProgram("bin/other (deleted)");
+    const RunningProgram replaced(tool, readyAs("$$"));
+    const RunningProgram calledSo(marked, readyAs("$$"));
+    ASSERT_TRUE(replaced.isReady() && calledSo.isReady());
+    std::filesystem::remove(tool);
+    folder.addProgram("bin/tool");
+    const std::string prefix = ::geteuid() == 0 ? "" : folder.path("bin/");
+    EXPECT_EQ(signedAs(replaced.pid()), prefix + "tool");
+    EXPECT_EQ(signedAs(calledSo.pid()), prefix + "other (deleted)");
+}
+
+TEST_F(Applications, ATokenChangesWithAnExecAndStaysOtherwise) {
+    const auto first = folder.addProgram("bin/first");
+    const auto second = folder.addProgram("bin/second");
+    const RunningProgram running(first, "trap 'exec " + second +
+                                            " -c \"kill -STOP \\$\\$\"' USR1; "
+                                            "echo ready $$; while :; do sleep 0.02; done");
+    ASSERT_TRUE(running.isReady());
+    const auto before = ProcessTable::shared().examine(running.pid());
+    ASSERT_TRUE(before);
+    EXPECT_EQ(ProcessTable::shared().examine(running.pid())->auditToken(), before->auditToken());
+    ASSERT_EQ(::kill(running.pid(), SIGUSR1), 0);
+    const std::string prefix = ::geteuid() == 0 ? "" : folder.path("bin/");
+    ASSERT_TRUE(becomes(running.pid(), prefix + "second"));
+    EXPECT_NE(ProcessTable::shared().examine(running.pid())->auditToken(), before->auditToken());
+}
+
+TEST_F(Applications, AProcessThatEndedIsRemembered) {
+    folder.addBundle("Editor.app", "com.example.Editor");
+    RunningProgram running(folder.addProgram("Editor.app/Contents/MacOS/Editor"), readyAs("$$"));
+    ASSERT_TRUE(running.isReady());
+    const auto pid = running.pid();
+    ASSERT_EQ(foundIdentifier(pid), "com.example.Editor");
+    running.end();
+    EXPECT_EQ(foundIdentifier(pid), "com.example.Editor");
+    EXPECT_EQ(signedAs(pid), "");
+}
+
+TEST_F(Applications, NobodyIsNobody) {
+    for (const pid_t pid : {-1, 0, 2, 0x7fffffff}) {
+        EXPECT_EQ(shownPath(pid), "") << pid;
+        EXPECT_EQ(shownParent(pid), 0) << pid;
+    }
+    proc_bsdinfo info;
+    EXPECT_LE(proc_pidinfo(::getpid(), PROC_PIDTBSDINFO + 1, 0, info), 0);
+    std::array<char, 4> small{};
+    EXPECT_LE(proc_pidpath(::getpid(), small.data(), small.size()), 0);
+}
+
+// A control group of the unified hierarchy, removed at the end.
+class ControlGroup {
+public:
+    explicit ControlGroup(std::string_view name) {
+        for (const std::string root : {"/sys/fs/cgroup", "/sys/fs/cgroup/unified"}) {
+            if (!std::filesystem::exists(root + "/cgroup.procs")) continue;
+            std::error_code failure;
+            const auto path = std::filesystem::path(root) / name;
+            if (std::filesystem::create_directory(path, failure)) group = path;
+        }
+    }
+    ~ControlGroup() {
+        if (isThere()) ::rmdir(group.c_str());
+    }
+    bool isThere() const { return !group.empty(); }
+    bool add(pid_t pid) const {
+        std::ofstream processes(group / "cgroup.procs");
+        processes << pid << std::flush;
+        return processes.good();
+    }
+
+private:
+    std::filesystem::path group;
+};
+
+TEST_F(Applications, AllOfADesktopApplicationsGroupAreTheApplication) {
+    const ControlGroup group("app-test-org.example.Player.app-" + std::to_string(::getpid()) +
+                             ".scope");
+    if (!group.isThere()) GTEST_SKIP() << "no control group can be made here";
+    // The shell starts its child in the group; the child, once it has left, follows by the tree.
+    const RunningProgram running(
+        "/bin/bash", "/bin/bash -c '" + readyAs("$$") + "'; :", [&] { group.add(::getpid()); });
+    ASSERT_TRUE(running.isReady());
+    for (const auto pid : {running.pid(), running.namedPid()}) {
+        EXPECT_EQ(signedAs(pid), "org.example.Player.app");
+        EXPECT_EQ(foundIdentifier(pid), "org.example.Player.app");
+    }
+    EXPECT_EQ(shownParent(running.pid()), 1);
+    EXPECT_EQ(shownParent(running.namedPid()), running.pid());
+
+    const auto token = ProcessTable::shared().examine(running.namedPid())->auditToken();
+    const ControlGroup plain("plain-" + std::to_string(::getpid()));
+    ASSERT_TRUE(plain.isThere() && plain.add(running.namedPid()));
+    ASSERT_TRUE(becomes(running.namedPid(), "bash"));
+    EXPECT_EQ(shownPath(running.namedPid()), std::filesystem::canonical("/bin/bash"));
+    EXPECT_EQ(shownParent(running.namedPid()), running.pid());
+    EXPECT_NE(ProcessTable::shared().examine(running.namedPid())->auditToken(), token);
+}
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,282 @@
+// The tables of texts behind the attribution: property lists, control groups, accounts, paths.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <cstring>
+
+#include "Platform/Common/Text.h"
+#include "Platform/Foundation.h"
+#include "Platform/Linux/Attribution/AuditToken.h"
+#include "Platform/Linux/Attribution/BundleIdentifiers.h"
+#include "Platform/Linux/Attribution/ControlGroupApplication.h"
+#include "Platform/Linux/Attribution/PathText.h"
+#include "Platform/Linux/Attribution/ProcessStatus.h"
+#include "Platform/Linux/Attribution/SystemAccounts.h"
+#include "Platform/Linux/Attribution/VirtualBundle.h"
+#include "Tests/Platform/Linux/Attribution/RealPrograms.h"
+
+namespace platform {
+namespace {
+
+using namespace std::string_literals;
+
+std::string listWith(std::string_view entries) {
+    return "<plist version=\"1.0\"><dict>" + std::string(entries) + "</dict></plist>";
+}
+
+std::string identifierEntry(std::string_view value) {
+    return "<key>CFBundleIdentifier</key><string>" + std::string(value) + "</string>";
+}
+
+TEST(PropertyList, GivesTheIdentifierOrNothing) {
+    const struct {
+        const char* what;
+        std::string text;
+        std::optional<std::string> identifier;
+    } cases[] = {
+        {"plain", listWith(identifierEntry("com.example.a")), "com.example.a"},
+        {"declaration, document type and comments",
+         "<?xml version=\"1.0\" encoding=\"UTF-8\"?><!DOCTYPE plist PUBLIC \"x\" \"y\"><!-- c -->" +
+             listWith("<key>CFBundleIdentifier</key><!-- c --> <string>a.b</string>"),
+         "a.b"},
+        {"after nested values",
+         listWith("<key>K</key><dict>" + identifierEntry("in.ner") + "</dict><key>L</key><array/>" +
+                  identifierEntry("out.er")),
+         "out.er"},
+        {"escapes", listWith(identifierEntry("a&amp;b&#x2e;c")), "a&b.c"},
+        {"character data", listWith(identifierEntry("<![CDATA[a.b]]>")), "a.b"},
+        {"beyond ASCII", listWith(identifierEntry("com.\xc3\xbc.app")), "com.\xc3\xbc.app"},
+        {"empty file", "", {}},
+        {"binary list", "bplist00\xd1\x01\x02"s, {}},
+        {"no list at all", "CFBundleIdentifier=com.example", {}},
+        {"cut short", listWith(identifierEntry("com.example.a")).substr(0, 60), {}},
+        {"another root", "<html>" + listWith(identifierEntry("a.b")) + "</html>", {}},
+        {"no such key", listWith("<key>CFBundleName</key><string>a.b</string>"), {}},
+        {"key without value", listWith("<key>CFBundleIdentifier</key>"), {}},
+        {"value of another type",
+         listWith("<key>CFBundleIdentifier</key><integer>1</integer>"),
+         {}},
+        {"empty value", listWith(identifierEntry("")), {}},
+        {"invalid UTF-8", listWith(identifierEntry("com.\xff.app")), {}},
+        {"surrogate", listWith(identifierEntry("com.\xed\xa0\x80.app")), {}},
+        {"line break in it", listWith(identifierEntry("com.a\ncom.b")), {}},
+        {"far too long", listWith(identifierEntry(std::string(100'000, 'a'))), {}},
+        {"entity bomb",
+         "<!DOCTYPE p [<!ENTITY a \"aa\"><!ENTITY b \"&a;&a;\">]>" +
+             listWith(identifierEntry("&b;")),
+         "&b;"},
+        {"deep nesting",
+         "<plist>" +
+             [] {
+                 std::string text;
+                 for (int depth = 0; depth < 100'000; ++depth) text += "<dict>";
+                 return text;
+             }(),
+         {}},
+    };
+    for (const auto& each : cases) {
+        EXPECT_EQ(identifierInPropertyList(each.text), each.identifier) << each.what;
+    }
+}
+
+TEST(Bundle, OpensWhatIsOneAndFollowsItsChanges) {
+    const testing::TemporaryFolder folder;
+    folder.addBundle("A.app", "com.example.a");
+    folder.addFile("Flat.appex/Info.plist", listWith(identifierEntry("com.example.flat")));
+    folder.addBundle("Odd\xff.app", "com.example.odd");
+    folder.addFile("Huge.app/Contents/Info.plist",
+                   listWith(identifierEntry("a.b")) + std::string(2 << 20, ' '));
+    folder.addFile("Folder.app/Contents/Info.plist/x", "");
+    folder.addFile("file.app", listWith(identifierEntry("a.b")));
+    ASSERT_EQ(::mkfifo((folder.path("Flat.appex") + "/pipe").c_str(), 0600), 0);
+    std::filesystem::create_directories(folder.path("Pipe.app/Contents"));
+    std::filesystem::create_symlink(folder.path("Flat.appex/pipe"),
+                                    folder.path("Pipe.app/Contents/Info.plist"));
+
+    const auto identifier = [&](std::string_view relative) -> std::optional<std::string> {
+        const auto bundle = NSBundle::bundleWithPath(folder.path(relative));
+        return bundle ? bundle->bundleIdentifier() : std::nullopt;
+    };
+    EXPECT_EQ(identifier("A.app"), "com.example.a");
+    EXPECT_EQ(identifier("Flat.appex"), "com.example.flat");
+    EXPECT_EQ(identifier("Odd\\xff.app"), "com.example.odd");
+    EXPECT_EQ(identifier("Huge.app"), std::nullopt);
+    EXPECT_EQ(identifier("Folder.app"), std::nullopt);
+    EXPECT_EQ(identifier("Pipe.app"), std::nullopt);
+    EXPECT_FALSE(NSBundle::bundleWithPath(folder.path("file.app")));
+    EXPECT_FALSE(NSBundle::bundleWithPath(folder.path("Missing.app")));
+    EXPECT_FALSE(NSBundle::bundleWithPath(""));
+
+    folder.addBundle("A.app", "com.example.renamed");
+    EXPECT_EQ(identifier("A.app"), "com.example.renamed");
+}
+
+TEST(ControlGroup, NamesTheDesktopApplication) {
+    const struct {
+        const char* group;
+        std::optional<std::string> application;
+    } cases[] = {
+        {"/user.slice/user-1000.slice/user@1000.service/app.slice/"
+         "app-gnome-org.example.Editor-4711.scope",
+         "org.example.Editor"},
+        {"/app-gnome-google\\x2dbrowser-12.scope", "google-browser"},
+        {"/app-org.example.Terminal-8f3a.scope", "org.example.Terminal"},
+        {"/app-org.example.Terminal-8f3a.scope/tab(77).scope", "org.example.Terminal"},
+        {"/app-flatpak-org.exa-mple.Player-99.scope", "org.exa-mple.Player"},
+        {"/app-flatpak-org.exa\\x2dmple.Player-99.scope", "org.exa-mple.Player"},
+        {"/flatpak-org.example.Player-99.scope", "org.example.Player"},
+        {"/app-gnome-org.example.Clock@autostart.service", "org.example.Clock"},
+        {"/app-org.example.Clock@1f.service", "org.example.Clock"},
+        {"/app-kde-org.example.Clock-17.service", "org.example.Clock"},
+        {"/app-kde-org.example.Clock.service", "org.example.Clock"},
+        {"/app-gnome-editor.desktop-1.scope", "editor"},
+        {"/snap.browser.browser-f47ac10b-58cc-4372-a567-0e02b2c3d479.scope",
+         "snap.browser.browser"},
+        {"/snap.office.write-r.f47ac10b-58cc-4372-a567-0e02b2c3d479.scope", "snap.office.write-r"},
+        {"/snap.store.daemon.service", "snap.store.daemon"},
+        {"/app-gnome-odd\\xff-1.scope", "odd\\xff"},
+        {"/app-.scope", std::nullopt},
+        {"/app-gnome--1.scope", std::nullopt},
+        {"/snap.browser.scope", std::nullopt},
+        {"/user.slice/user@1000.service/app.slice/app-org.example.Terminal.slice/vte-spawn-1.scope",
+         std::nullopt},
+        {"/system.slice/application.service", std::nullopt},
+        {"/user.slice/user-1000.slice/session-2.scope", std::nullopt},
+        {"/", std::nullopt},
+        {"", std::nullopt},
+    };
+    for (const auto& each : cases) {
+        EXPECT_EQ(applicationOfControlGroup(each.group), each.application) << each.group;
+    }
+}
+
+TEST(ControlGroup, IsFoundInBothLayouts) {
+    EXPECT_EQ(controlGroupPath("0::/a/b\n"), "/a/b");
+    EXPECT_EQ(controlGroupPath("9:name=systemd:/a\n8:pids:/p\n0::/\n"), "/a");
+    EXPECT_EQ(controlGroupPath("9:name=systemd:/\n8:pids:/p\n0::/c\n"), "/c");
+    EXPECT_EQ(controlGroupPath("8:pids:/p"), "");
+    EXPECT_EQ(controlGroupPath(""), "");
+}
+
+TEST(SystemAccounts, AreShownBelowFiveHundred) {
+    EXPECT_EQ(lowestPersonalUserId("# UID_MIN 7\nSYS_UID_MIN 100\n UID_MIN\t 2000\n"), 2000U);
+    EXPECT_EQ(lowestPersonalUserId("UID_MIN many"), 1000U);
+    EXPECT_EQ(lowestPersonalUserId(""), 1000U);
+
+    EXPECT_EQ(shownUserId(0), 0U);
+    EXPECT_EQ(shownUserId(499), 499U);
+    EXPECT_EQ(shownUserId(65534), 499U);
+    EXPECT_EQ(shownUserId(61184), 499U);
+    EXPECT_EQ(shownUserId(65519), 499U);
+    EXPECT_EQ(shownUserId(65520), 65520U);
+    EXPECT_EQ(shownUserId(60000), 60000U);
+    EXPECT_TRUE(isSystemAccount(0));
+    EXPECT_FALSE(isSystemAccount(60000));
+}
+
+TEST(AuditToken, HoldsAccountProcessAndVersion) {
+    const AuditTokenFields fields{.effectiveUserId = 60000,
+                                  .pid = 4711,
+                                  .startTime = 99,
+                                  .executableDevice = 1,
+                                  .executableInode = 2,
+                                  .signingIdentifier = "a.b"};
+    const auto token = makeAuditToken(fields);
+    std::uint32_t words[8];
+    static_assert(sizeof words == sizeof token);
+    std::memcpy(words, token.data(), sizeof words);
+    const auto version = words[7];
+    EXPECT_THAT(words, ::testing::ElementsAre(0U, 60000U, 0U, 0U, 0U, 4711U, 0U, version));
+
+    EXPECT_EQ(makeAuditToken(fields), token);
+    auto reused = fields;
+    reused.startTime = 100;
+    auto executed = fields;
+    executed.executableInode = 3;
+    auto moved = fields;
+    moved.signingIdentifier = "a.c";
+    for (const auto& other : {reused, executed, moved}) EXPECT_NE(makeAuditToken(other), token);
+
+    const auto account = makeAuditToken({.effectiveUserId = 65534});
+    std::memcpy(words, account.data(), sizeof words);
+    EXPECT_THAT(words, ::testing::ElementsAre(0U, 499U, 0U, 0U, 0U, 0U, 0U, 0U));
+}
+
+TEST(PathText, IsValidAndLosesNothing) {
+    const struct {
+        std::string bytes;
+        std::string text;
+    } cases[] = {
+        {"/usr/bin/curl", "/usr/bin/curl"},
+        {"/\xc3\xbc/\xf0\x9f\x8e\x88", "/\xc3\xbc/\xf0\x9f\x8e\x88"},
+        {"/a\xff", "/a\\xff"},
+        {"/a\\xff", "/a\\x5cxff"},
+        {"/a\nb\x7f", "/a\\x0ab\\x7f"},
+        {"/\xc3", "/\\xc3"},
+        {"/\xed\xa0\x80", "/\\xed\\xa0\\x80"},
+        {"/\xc3/\xbc", "/\\xc3/\\xbc"},
+    };
+    for (const auto& each : cases) {
+        EXPECT_EQ(textOfPath(each.bytes), each.text);
+        EXPECT_EQ(pathOfText(each.text), each.bytes);
+        EXPECT_TRUE(isValidUTF8(each.text));
+    }
+    EXPECT_EQ(pathOfText("\\xfg\\x"), "\\xfg\\x");
+}
+
+TEST(ProcessStat, IsReadPastAnyName) {
+    const std::string tail = "S 42 1 1 0 -1 4194560 0 0 0 0 0 0 0 0 20 0 1 0 777 0 0\n";
+    for (const auto* name : {"bash", "a) R 7 (b", ") ", ""}) {
+        ProcessStatus status;
+        EXPECT_TRUE(parseProcessStat("9 (" + std::string(name) + ") " + tail, status)) << name;
+        EXPECT_EQ(status.parentPid, 42) << name;
+        EXPECT_EQ(status.startTime, 777U) << name;
+    }
+    ProcessStatus status;
+    EXPECT_FALSE(parseProcessStat("", status));
+    EXPECT_FALSE(parseProcessStat("9 (x) S 42", status));
+}
+
+TEST(VirtualBundle, IsFoundBySearchingForTheOutermost) {
+    const std::string identifiers[] = {
+        "curl",
+        "a.app",
+        ".app",
+        "a.app.app",
+        "/home/u/x-app/tool",
+        "/a-app/",
+        "a%2Fb",
+        "%",
+        "%25",
+        "a.appex",
+        ".xpc",
+        "odd\\xff",
+        "\xc3\xbc",
+        "../..",
+        ".",
+        "com.example.application.app",
+        identifierThatFits(std::string(5000, 'x')),
+        identifierThatFits(std::string(1200, '/')),
+    };
+    for (const auto& identifier : identifiers) {
+        const auto path = virtualProgramPath(identifier);
+        EXPECT_LE(path.size(), longestShownPath) << identifier;
+        const auto bundle = path.substr(0, path.find(".app/") + 4);
+        EXPECT_EQ(virtualBundleIdentifier(bundle), identifier);
+        const auto opened = NSBundle::bundleWithPath(bundle);
+        ASSERT_TRUE(opened) << identifier;
+        EXPECT_EQ(opened->bundleIdentifier(), identifier);
+    }
+    EXPECT_NE(identifierThatFits(std::string(5000, 'x')),
+              identifierThatFits(std::string(5001, 'x')));
+    for (const auto* real : {"/applications/a.app", "//applications/a", "//applications/.app",
+                             "//applications/a/b.app", "//applications/", ""}) {
+        EXPECT_EQ(virtualBundleIdentifier(real), std::nullopt) << real;
+    }
+}
+
+}  // namespace
+}  // namespace platform
