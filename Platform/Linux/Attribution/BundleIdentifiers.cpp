@@ -12,7 +12,7 @@
 #include <unordered_map>
 
 #include "Platform/Common/Text.h"
-#include "Platform/Linux/Attribution/FileDescriptor.h"
+#include "Platform/Linux/FileDescriptor.h"
 
 namespace platform {
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/Linux/Attribution/FileDescriptor.h"
+#include "Platform/Linux/FileDescriptor.h"
 
 namespace platform {
 
