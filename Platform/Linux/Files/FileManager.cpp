@@ -1,0 +1,148 @@
+// Whole files of the machine. Reading and overwriting go through the checks for files in shared
+// ground; replacing needs none, as it opens nothing that was there before.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <string>
+#include <utility>
+#include <variant>
+
+#include "Platform/Foundation.h"
+#include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/Files/TrustedFile.h"
+#include "Platform/Linux/HostChannel/FixedPlaces.h"
+#include "Platform/Linux/HostChannel/SharedFolder.h"
+#include "Platform/Linux/PlatformLog.h"
+#include "Platform/Linux/RandomBytes.h"
+#include "Platform/Linux/SystemError.h"
+
+namespace platform {
+namespace {
+
+// A file that grows without end must not take the machine's memory.
+constexpr std::size_t largestFile = std::size_t{256} << 20;
+constexpr mode_t modeOfNewFiles = 0644;
+constexpr std::string_view applicationGroup = "group.org.quillmere.Vantry";
+
+// 0 if all was written, else an errno.
+int writeAll(int descriptor, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
+        if (written < 0 && errno == EINTR) continue;
+        if (written < 0) return errno;
+        bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return 0;
+}
+
+std::optional<std::string> readAll(int descriptor) {
+    struct stat status;
+    if (::fstat(descriptor, &status) != 0) return std::nullopt;
+    // One byte more than the file seems to hold, so that the end shows without growing.
+    std::string bytes(static_cast<std::size_t>(status.st_size) + 1, '\0');
+    std::size_t length = 0;
+    for (;;) {
+        if (length > largestFile) return std::nullopt;
+        if (length == bytes.size()) bytes.resize(bytes.size() * 2);
+        const ssize_t count = ::read(descriptor, bytes.data() + length, bytes.size() - length);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return std::nullopt;
+        if (count == 0) break;
+        length += static_cast<std::size_t>(count);
+    }
+    bytes.resize(length);
+    return bytes;
+}
+
+bool isTooLarge(int descriptor) {
+    struct stat status;
+    return ::fstat(descriptor, &status) == 0 &&
+           static_cast<std::size_t>(status.st_size) > largestFile;
+}
+
+// A name beside `path` that nobody can foresee.
+std::string temporaryNameBeside(std::string_view path) {
+    std::array<std::uint8_t, 12> bytes;
+    fillWithRandomBytes(bytes);
+    std::string name = std::string(path) + ".";
+    std::array<char, 3> digits;
+    for (const auto byte : bytes) {
+        std::snprintf(digits.data(), digits.size(), "%02x", byte);
+        name += digits.data();
+    }
+    return name;
+}
+
+int createAndFill(const std::string& name, std::string_view bytes) {
+    const FileDescriptor file(
+        ::open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, modeOfNewFiles));
+    if (!file) return errno;
+    const int error = writeAll(file.get(), bytes);
+    if (error != 0) ::unlink(name.c_str());
+    return error;
+}
+
+}  // namespace
+
+NSFileManager& NSFileManager::defaultManager() {
+    static NSFileManager manager;
+    return manager;
+}
+
+std::optional<Data> NSFileManager::contentsAtPath(std::string_view path) {
+    const auto opened = openTrustedFile(std::string(path), O_RDONLY);
+    const auto* file = std::get_if<FileDescriptor>(&opened);
+    if (file == nullptr) return std::nullopt;
+    if (isTooLarge(file->get())) {
+        platformLog.error("The file %{public}s is too large to be read", path);
+        return std::nullopt;
+    }
+    auto bytes = readAll(file->get());
+    if (!bytes) return std::nullopt;
+    return Data(std::move(*bytes));
+}
+
+std::optional<NSError> NSFileManager::writeAtomically(std::string_view bytes,
+                                                      std::string_view path) {
+    const std::string temporaryName = temporaryNameBeside(path);
+    if (const int error = createAndFill(temporaryName, bytes)) return systemError(error);
+    if (::rename(temporaryName.c_str(), std::string(path).c_str()) == 0) return std::nullopt;
+    const int error = errno;
+    ::unlink(temporaryName.c_str());
+    return systemError(error);
+}
+
+std::optional<NSError> NSFileManager::write(std::string_view bytes, std::string_view path) {
+    const auto opened = openTrustedFile(std::string(path), O_WRONLY | O_CREAT);
+    if (const auto* refusal = std::get_if<FileRefusal>(&opened))
+        return NSError{"posix", refusal->error, refusal->reason};
+    const int file = std::get<FileDescriptor>(opened).get();
+    // Emptied only now, when it is known whose file it is.
+    if (::ftruncate(file, 0) != 0) return systemError(errno);
+    if (const int error = writeAll(file, bytes)) return systemError(error);
+    return std::nullopt;
+}
+
+bool NSFileManager::setPosixPermissions(int permissions, std::string_view path) {
+    const auto opened = openTrustedFile(std::string(path), O_RDONLY);
+    const auto* file = std::get_if<FileDescriptor>(&opened);
+    return file != nullptr && ::fchmod(file->get(), static_cast<mode_t>(permissions)) == 0;
+}
+
+bool NSFileManager::removeItemAtPath(std::string_view path) {
+    return ::unlink(std::string(path).c_str()) == 0;
+}
+
+std::optional<std::string> NSFileManager::containerURLForSecurityApplicationGroupIdentifier(
+    std::string_view groupIdentifier) {
+    if (groupIdentifier != applicationGroup) return std::nullopt;
+    if (!makeSharedFolder(places::groupContainer, FolderAccess::trustedGroupOnly))
+        return std::nullopt;
+    return places::groupContainer;
+}
+
+}  // namespace platform

@@ -1,0 +1,25 @@
+// Opens files that lie where others may put things too. Whoever can write to such a folder can place
+// a link, a pipe or a file of his own under the name that is expected; what is opened here is a
+// regular file of somebody who may act as the host application, that strangers cannot write to, and
+// opening it never waits. Any thread.
+#pragma once
+
+#include <string>
+#include <variant>
+
+#include "Platform/Linux/FileDescriptor.h"
+
+namespace platform {
+
+// Why a file was not opened: an errno and a sentence for people.
+struct FileRefusal {
+    int error = 0;
+    std::string reason;
+};
+
+// Opens the file with `flags` (as of open(2); with O_CREAT the mode is 0644). A refusal is the
+// system's error, or EPERM for a file that is not trusted; only the latter is logged, with one line
+// that says why.
+std::variant<FileDescriptor, FileRefusal> openTrustedFile(const std::string& path, int flags);
+
+}  // namespace platform

@@ -1,0 +1,199 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <thread>
+
+#include "Platform/Foundation.h"
+#include "Tests/Platform/Linux/Namespaces.h"
+
+namespace platform {
+namespace {
+
+using ::testing::HasSubstr;
+
+// A folder like /tmp, on a small file system that only this test sees.
+class Files : public ::testing::Test {
+protected:
+    static constexpr std::size_t capacity = 256 * 1024;
+
+    void SetUp() override {
+        if (!enterNamespaces(Namespace::mount)) GTEST_SKIP() << "no namespaces here";
+        ASSERT_EQ(::mount("tmpfs", "/mnt", "tmpfs", 0, "size=256k,mode=1777"), 0);
+    }
+
+    static std::string inFolder(const std::string& name) { return "/mnt/" + name; }
+    static void make(const std::string& path, const std::string& bytes, mode_t mode = 0644) {
+        std::ofstream(path) << bytes;
+        ASSERT_EQ(::chmod(path.c_str(), mode), 0);
+    }
+    static std::optional<std::string> contents(const std::string& path) {
+        const auto data = NSFileManager::defaultManager().contentsAtPath(path);
+        if (!data) return std::nullopt;
+        return std::string(data->bytes().value());
+    }
+    static std::size_t filesInFolder() {
+        return static_cast<std::size_t>(
+            std::distance(std::filesystem::directory_iterator("/mnt"), {}));
+    }
+
+    NSFileManager& files = NSFileManager::defaultManager();
+};
+
+TEST_F(Files, ReadsWholeFilesAndTheBytesThatWereWritten) {
+    std::string bytes(100'000, 'x');
+    bytes[50'000] = '\0';
+    make(inFolder("plain"), bytes);
+    make(inFolder("empty"), "");
+    EXPECT_EQ(contents(inFolder("plain")), bytes);
+    EXPECT_EQ(contents(inFolder("empty")), "");
+    EXPECT_EQ(contents(inFolder("missing")), std::nullopt);
+    // A file whose size is not known in advance.
+    EXPECT_THAT(contents("/proc/self/status").value_or(""), HasSubstr("VmRSS"));
+}
+
+TEST_F(Files, WhatStrangersMayHavePlacedIsNotReadAndOneLineSaysWhy) {
+    make(inFolder("target"), "secret");
+    make(inFolder("writable"), "{}", 0646);
+    ASSERT_EQ(::symlink("/mnt/target", "/mnt/link"), 0);
+    ASSERT_EQ(::mkfifo("/mnt/pipe", 0644), 0);
+    ASSERT_EQ(::mkdir("/mnt/folder", 0755), 0);
+    struct Case {
+        const char* name;
+        const char* reason;
+    };
+    const Case cases[] = {{"writable", "everybody may write to it"},
+                          {"link", "symbolic link"},
+                          {"pipe", "not a regular file"},
+                          {"folder", "not a regular file"}};
+    for (const auto& [name, reason] : cases) {
+        ::testing::internal::CaptureStderr();
+        EXPECT_EQ(contents(inFolder(name)), std::nullopt) << name;
+        const auto line = ::testing::internal::GetCapturedStderr();
+        EXPECT_THAT(line, HasSubstr(reason)) << name;
+        EXPECT_THAT(line, HasSubstr("Platform error: "));
+        EXPECT_THAT(line, HasSubstr(inFolder(name)));
+    }
+}
+
+TEST_F(Files, AFileOfAStrangerIsNotRead) {
+    make(inFolder("his"), "{}");
+    if (::chown("/mnt/his", 54321, 54321) != 0) GTEST_SKIP() << "one user id only";
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(contents(inFolder("his")), std::nullopt);
+    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("user 54321"));
+}
+
+TEST_F(Files, OverwritingFollowsNoLinkAndEmptiesNoStrangersFile) {
+    make(inFolder("target"), "precious");
+    ASSERT_EQ(::symlink("/mnt/target", "/mnt/link"), 0);
+    ::testing::internal::CaptureStderr();
+    EXPECT_TRUE(files.write("new", inFolder("link")).has_value());
+    EXPECT_FALSE(files.setPosixPermissions(0777, inFolder("link")));
+    ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(contents(inFolder("target")), "precious");
+
+    make(inFolder("open"), "long old content", 0666);
+    ::testing::internal::CaptureStderr();
+    EXPECT_TRUE(files.write("new", inFolder("open")).has_value());
+    ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(std::filesystem::file_size(inFolder("open")), 16U);
+}
+
+TEST_F(Files, OverwritingReplacesAllThatWasThere) {
+    EXPECT_EQ(files.write("something long", inFolder("file")), std::nullopt);
+    EXPECT_EQ(files.write("short", inFolder("file")), std::nullopt);
+    EXPECT_EQ(contents(inFolder("file")), "short");
+    const auto failure = files.write("x", "/mnt/no/such/folder");
+    ASSERT_TRUE(failure.has_value());
+    EXPECT_EQ(failure->code, ENOENT);
+    EXPECT_THAT(failure->localizedDescription, HasSubstr("No such file"));
+}
+
+TEST_F(Files, ReplacingALinkReplacesTheLinkItself) {
+    make(inFolder("target"), "precious");
+    ASSERT_EQ(::symlink("/mnt/target", "/mnt/link"), 0);
+    EXPECT_EQ(files.writeAtomically("new", inFolder("link")), std::nullopt);
+    EXPECT_EQ(contents(inFolder("link")), "new");
+    EXPECT_EQ(contents(inFolder("target")), "precious");
+    EXPECT_TRUE(files.setPosixPermissions(0640, inFolder("link")));
+    EXPECT_EQ(std::filesystem::status(inFolder("link")).permissions(),
+              static_cast<std::filesystem::perms>(0640));
+}
+
+TEST_F(Files, AFullDiskLeavesTheOldFileWholeAndNothingBeside) {
+    ASSERT_EQ(files.writeAtomically("old", inFolder("file")), std::nullopt);
+    const auto failure = files.writeAtomically(std::string(2 * capacity, 'x'), inFolder("file"));
+    ASSERT_TRUE(failure.has_value());
+    EXPECT_EQ(failure->code, ENOSPC);
+    EXPECT_EQ(contents(inFolder("file")), "old");
+    EXPECT_EQ(filesInFolder(), 1U);
+}
+
+TEST_F(Files, ReplacingAFolderFailsAndLeavesNothingBeside) {
+    ASSERT_EQ(::mkdir("/mnt/folder", 0755), 0);
+    EXPECT_TRUE(files.writeAtomically("x", inFolder("folder")).has_value());
+    EXPECT_EQ(filesInFolder(), 1U);
+    EXPECT_FALSE(files.removeItemAtPath(inFolder("folder")));
+}
+
+TEST_F(Files, AReaderSeesTheOldOrTheNewContent) {
+    const std::string first(20'000, 'a');
+    const std::string second(30'000, 'b');
+    ASSERT_EQ(files.writeAtomically(first, inFolder("file")), std::nullopt);
+    std::atomic<bool> isDone = false;
+    std::thread writer([&] {
+        for (int i = 0; i < 500; ++i)
+            EXPECT_EQ(files.writeAtomically(i % 2 == 0 ? second : first, inFolder("file")),
+                      std::nullopt);
+        isDone = true;
+    });
+    while (!isDone) {
+        const auto seen = contents(inFolder("file"));
+        EXPECT_TRUE(seen == first || seen == second);
+    }
+    writer.join();
+    EXPECT_EQ(filesInFolder(), 1U);
+}
+
+TEST_F(Files, RemovesFilesOnce) {
+    make(inFolder("file"), "x");
+    EXPECT_TRUE(files.removeItemAtPath(inFolder("file")));
+    EXPECT_FALSE(files.removeItemAtPath(inFolder("file")));
+}
+
+TEST_F(Files, TheGroupsFolderIsMadeWhenAskedFor) {
+    ASSERT_EQ(::mount("tmpfs", "/var/lib", "tmpfs", 0, "mode=755"), 0);
+    const auto folder =
+        files.containerURLForSecurityApplicationGroupIdentifier("group.org.quillmere.Vantry");
+    ASSERT_TRUE(folder.has_value());
+    EXPECT_EQ(files.write("[]", *folder + "/connection_failures.json"), std::nullopt);
+    EXPECT_EQ(contents(*folder + "/connection_failures.json"), "[]");
+    EXPECT_EQ(files.containerURLForSecurityApplicationGroupIdentifier("group.com.example.other"),
+              std::nullopt);
+}
+
+TEST(Identifiers, AreNeverTheSame) {
+    constexpr std::size_t perThread = 5'000;
+    std::vector<std::vector<UUID>> made(4);
+    std::vector<std::thread> threads;
+    for (auto& list : made)
+        threads.emplace_back([&list] {
+            for (std::size_t i = 0; i < perThread; ++i) list.push_back(UUID::random());
+        });
+    for (auto& thread : threads) thread.join();
+    std::set<UUID> all;
+    for (const auto& list : made) all.insert(list.begin(), list.end());
+    EXPECT_EQ(all.size(), 4 * perThread);
+}
+
+}  // namespace
+}  // namespace platform
