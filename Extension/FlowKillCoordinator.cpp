@@ -1,0 +1,151 @@
+#include "Extension/FlowKillCoordinator.h"
+
+#include <utility>
+
+namespace vantry {
+
+using platform::NSLockGuard;
+
+namespace {
+
+// How many members came and went between two sets.
+struct SetChange {
+    std::size_t added;
+    std::size_t removed;
+
+    SetChange(const BundleIdSet& before, const BundleIdSet& after)
+        : added(difference(after, before).size()), removed(difference(before, after).size()) {}
+    bool isEmpty() const { return added == 0 && removed == 0; }
+};
+
+}  // namespace
+
+FlowKillCoordinator& FlowKillCoordinator::shared() {
+    static FlowKillCoordinator instance;
+    return instance;
+}
+
+FlowKillCoordinator::FlowKillCoordinator() : childToParentMap(knownXpcMappings()) {}
+
+const platform::StringMap<std::string>& FlowKillCoordinator::knownXpcMappings() {
+    static const platform::StringMap<std::string> mappings{
+        {"com.apple.WebKit.Networking", "com.apple.Safari"},
+        {"com.apple.WebKit.WebContent", "com.apple.Safari"},
+        {"com.apple.WebKit.GPU", "com.apple.Safari"},
+        {"com.apple.Safari.SearchHelper", "com.apple.Safari"},
+    };
+    return mappings;
+}
+
+void FlowKillCoordinator::registerChildProcess(std::string_view childBundleId,
+                                               std::string_view parentBundleId) {
+    bool isNew = false;
+    {
+        const NSLockGuard hold(lock);
+        const auto entry = childToParentMap.find(childBundleId);
+        isNew = entry == childToParentMap.end();
+        if (isNew)
+            childToParentMap.emplace(childBundleId, parentBundleId);
+        else
+            entry->second = parentBundleId;
+    }
+    if (isNew)
+        logger.debug("Registered child mapping: %{public}s -> %{public}s", childBundleId,
+                     parentBundleId);
+}
+
+void FlowKillCoordinator::updateMonitoredApps(BundleIdSet vpnRoutedBundleIds) {
+    const auto after = std::make_shared<const BundleIdSet>(std::move(vpnRoutedBundleIds));
+    SharedSet before = after;
+    {
+        const NSLockGuard hold(lock);
+        monitoredBundleIds.swap(before);
+    }
+    const SetChange change(*before, *after);
+    if (change.isEmpty()) return;
+    logger.info("Monitoring updated: +%ld -%ld total=%ld", change.added, change.removed,
+                after->size());
+}
+
+void FlowKillCoordinator::updateBlockedApps(BundleIdSet newBlockedBundleIds) {
+    const auto after = std::make_shared<const BundleIdSet>(std::move(newBlockedBundleIds));
+    SharedSet before = after;
+    {
+        const NSLockGuard hold(lock);
+        blockedBundleIds.swap(before);
+    }
+    const SetChange change(*before, *after);
+    if (change.isEmpty()) return;
+    logger.info("Blocked apps updated: +%ld -%ld total=%ld", change.added, change.removed,
+                after->size());
+}
+
+void FlowKillCoordinator::updateVpnState(bool isConnected, std::string_view fallback) {
+    bool isFirst = false;
+    {
+        const NSLockGuard hold(lock);
+        isFirst = !isStateInitialized;
+        isVpnConnected = isConnected;
+        vpnFallback = fallback;
+        isStateInitialized = true;
+    }
+    logger.info("VPN state updated: connected=%{bool}d fallback=%s firstInit=%{bool}d", isConnected,
+                fallback, isFirst);
+}
+
+std::string_view FlowKillCoordinator::resolveChildMapping(std::string_view bundleId) const {
+    const auto entry = childToParentMap.find(bundleId);
+    return entry == childToParentMap.end() ? bundleId : std::string_view(entry->second);
+}
+
+bool FlowKillCoordinator::matches(const BundleIdSet& members, std::string_view bundleId) const {
+    return covers(members, resolveChildMapping(bundleId));
+}
+
+bool FlowKillCoordinator::shouldMonitorFlow(std::string_view bundleId) const {
+    const NSLockGuard hold(lock);
+    return matches(*monitoredBundleIds, bundleId);
+}
+
+bool FlowKillCoordinator::shouldBlockFlow(std::string_view bundleId) const {
+    const NSLockGuard hold(lock);
+    return matches(*blockedBundleIds, bundleId);
+}
+
+bool FlowKillCoordinator::shouldBlockForVpnFallback(std::string_view bundleId) const {
+    const NSLockGuard hold(lock);
+    return !isVpnConnected && vpnFallback == "block" && matches(*monitoredBundleIds, bundleId);
+}
+
+bool FlowKillCoordinator::hasReceivedState() const {
+    const NSLockGuard hold(lock);
+    return isStateInitialized;
+}
+
+void FlowKillCoordinator::resetState() {
+    SharedSet monitored = std::make_shared<const BundleIdSet>();
+    SharedSet blocked = monitored;
+    std::vector<ActivityLogEntryIPC> dropped;
+    {
+        const NSLockGuard hold(lock);
+        monitoredBundleIds.swap(monitored);
+        blockedBundleIds.swap(blocked);
+        isVpnConnected = true;
+        vpnFallback = "allow";
+        isStateInitialized = false;
+        pendingQuicBlocks.swap(dropped);
+    }
+    logger.info("Coordinator state reset (proxy stopped)");
+}
+
+void FlowKillCoordinator::recordQuicBlock(const ActivityLogEntryIPC& entry) {
+    const NSLockGuard hold(lock);
+    pendingQuicBlocks.push_back(entry);
+}
+
+std::vector<ActivityLogEntryIPC> FlowKillCoordinator::drainQuicBlocks() {
+    const NSLockGuard hold(lock);
+    return std::exchange(pendingQuicBlocks, {});
+}
+
+}  // namespace vantry

@@ -1,0 +1,50 @@
+// The content filter. It names the application of every flow from the flow's audit token, asks the
+// coordinator about it and answers with a verdict: a blocked application's flows are dropped, those of
+// a watched application pass and come back with every outbound chunk, the rest pass for good. What it
+// cannot attribute it lets pass. The platform owns the one object and calls it on several threads at
+// once; no verdict waits for another.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Extension/FlowKillCoordinator.h"
+#include "Extension/ProcessCache.h"
+#include "Platform/Logging.h"
+#include "Platform/NEProvider.h"
+
+namespace vantry {
+
+class FlowKillFilterProvider final : public platform::NEFilterDataProvider,
+                                     public std::enable_shared_from_this<FlowKillFilterProvider> {
+public:
+    // Asks for every flow to be shown. Returns at once; `completionHandler` gets the outcome.
+    void startFilter(ErrorCompletion completionHandler) override;
+    void stopFilter(platform::NEProviderStopReason reason,
+                    platform::Completion<> completionHandler) override;
+    platform::NEFilterNewFlowVerdict handleNewFlow(const platform::NEFilterFlow& flow) override;
+    // The bytes themselves are never looked at, only counted.
+    platform::NEFilterDataVerdict handleOutboundData(const platform::NEFilterFlow& flow,
+                                                     std::int64_t readBytesStartOffset,
+                                                     const platform::Data& readBytes) override;
+
+private:
+    std::optional<std::string> resolveAppBundleId(const platform::NEFilterFlow& from);
+    void cacheProcessResult(const platform::Data& auditToken, const std::string& bundleId);
+    std::optional<std::string> resolveViaProcessTree(std::int32_t pid) const;
+
+    platform::NEFilterNewFlowVerdict verdictForBlockedApp(const platform::NEFilterFlow& flow,
+                                                          const std::string& bundleId) const;
+    platform::NEFilterNewFlowVerdict verdictForVpnFallback(const platform::NEFilterFlow& flow,
+                                                           const std::string& bundleId) const;
+
+    static constexpr std::size_t processCacheMaxSize = 1000;
+
+    const platform::Logger logger{"org.quillmere.Vantry.Extension", "FlowKillFilter"};
+    ProcessCache processCache{processCacheMaxSize};
+};
+
+}  // namespace vantry

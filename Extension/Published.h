@@ -1,0 +1,47 @@
+// A value that some threads replace as a whole while others read it. A reader takes a snapshot, which
+// stays what it is however often the value is replaced meanwhile, and never sees half of one. The lock
+// is held for the exchange of a pointer only; making the new value and ending the old one happen
+// outside it.
+#pragma once
+
+#include <memory>
+#include <utility>
+
+#include "Platform/Foundation.h"
+
+namespace vantry {
+
+template <class T>
+class Published {
+public:
+    using Snapshot = std::shared_ptr<const T>;
+
+    explicit Published(T initial = T()) : current(std::make_shared<const T>(std::move(initial))) {}
+
+    Snapshot snapshot() const {
+        const platform::NSLockGuard hold(lock);
+        return current;
+    }
+
+    void replace(T value) {
+        auto next = std::make_shared<const T>(std::move(value));
+        const platform::NSLockGuard hold(lock);
+        current.swap(next);
+    }
+
+    // Replaces the value by a changed copy of it, in one step against other changes.
+    template <class Change>
+    void change(Change&& apply) {
+        const platform::NSLockGuard oneAtATime(changes);
+        T value = *snapshot();
+        apply(value);
+        replace(std::move(value));
+    }
+
+private:
+    mutable platform::NSLock lock;
+    platform::NSLock changes;
+    Snapshot current GUARDED_BY(lock);
+};
+
+}  // namespace vantry
