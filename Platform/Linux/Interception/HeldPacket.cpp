@@ -1,0 +1,101 @@
+#include "Platform/Linux/Interception/HeldPacket.h"
+
+#include <netinet/ip6.h>
+#include <netinet/tcp.h>
+#include <netinet/udp.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <string_view>
+
+namespace platform::interception {
+
+namespace {
+
+using Bytes = std::span<const std::uint8_t>;
+
+std::uint16_t read16(Bytes bytes, std::size_t offset) {
+    return static_cast<std::uint16_t>(bytes[offset] << 8 | bytes[offset + 1]);
+}
+std::uint32_t read32(Bytes bytes, std::size_t offset) {
+    return static_cast<std::uint32_t>(read16(bytes, offset)) << 16 | read16(bytes, offset + 2);
+}
+
+bool isExtensionHeader(int protocol) {
+    return protocol == IPPROTO_HOPOPTS || protocol == IPPROTO_ROUTING ||
+           protocol == IPPROTO_DSTOPTS;
+}
+
+// Each reads one header, fills what it tells, and gives the offset behind it; 0 if it can't.
+std::size_t readIPv4(Bytes packet, FlowTuple& flow) {
+    constexpr std::size_t shortest = 20;
+    if (packet.size() < shortest) return 0;
+    flow.family = AF_INET;
+    flow.protocol = packet[9];
+    std::copy_n(packet.begin() + 12, 4, flow.sourceAddress.begin());
+    std::copy_n(packet.begin() + 16, 4, flow.destinationAddress.begin());
+    return std::size_t{packet[0] & 0x0fu} * 4;
+}
+
+std::size_t readIPv6(Bytes packet, FlowTuple& flow) {
+    constexpr std::size_t fixedLength = 40;
+    if (packet.size() < fixedLength) return 0;
+    flow.family = AF_INET6;
+    std::copy_n(packet.begin() + 8, 16, flow.sourceAddress.begin());
+    std::copy_n(packet.begin() + 24, 16, flow.destinationAddress.begin());
+    int protocol = packet[6];
+    std::size_t offset = fixedLength;
+    while (isExtensionHeader(protocol)) {
+        if (packet.size() < offset + 8) return 0;
+        protocol = packet[offset];
+        offset += (std::size_t{packet[offset + 1]} + 1) * 8;
+    }
+    flow.protocol = protocol;
+    return offset;
+}
+
+std::size_t readTransport(Bytes packet, std::size_t offset, HeldPacket& into) {
+    const std::size_t shortest = into.flow.protocol == IPPROTO_TCP ? 20 : 8;
+    if (offset == 0 || packet.size() < offset + shortest) return 0;
+    into.flow.sourcePort = read16(packet, offset);
+    into.flow.destinationPort = read16(packet, offset + 2);
+    if (into.flow.protocol == IPPROTO_UDP) return offset + 8;
+    into.tcpSequence = read32(packet, offset + 4);
+    into.opensTcp = (packet[offset + 13] & TH_SYN) != 0;
+    return offset + (std::size_t{packet[offset + 12]} >> 4) * 4;
+}
+
+}  // namespace
+
+bool readHeaders(Bytes packet, std::size_t trueLength, HeldPacket& into) {
+    if (packet.empty()) return false;
+    const std::size_t transport =
+        packet[0] >> 4 == 4 ? readIPv4(packet, into.flow) : readIPv6(packet, into.flow);
+    if (into.flow.protocol != IPPROTO_TCP && into.flow.protocol != IPPROTO_UDP) return false;
+    const std::size_t payload = readTransport(packet, transport, into);
+    if (payload == 0) return false;
+    into.payloadLength = trueLength > payload ? trueLength - payload : 0;
+    return true;
+}
+
+bool SameFlow::operator()(const FlowTuple& left, const FlowTuple& right) const {
+    return left.protocol == right.protocol && left.family == right.family &&
+           left.sourcePort == right.sourcePort && left.destinationPort == right.destinationPort &&
+           left.sourceAddress == right.sourceAddress &&
+           left.destinationAddress == right.destinationAddress;
+}
+
+std::size_t FlowHash::operator()(const FlowTuple& flow) const {
+    std::array<char, 38> key;
+    std::memcpy(key.data(), flow.sourceAddress.data(), 16);
+    std::memcpy(key.data() + 16, flow.destinationAddress.data(), 16);
+    std::memcpy(key.data() + 32, &flow.sourcePort, 2);
+    std::memcpy(key.data() + 34, &flow.destinationPort, 2);
+    key[36] = static_cast<char>(flow.protocol);
+    key[37] = static_cast<char>(flow.family);
+    return std::hash<std::string_view>{}(std::string_view(key.data(), key.size()));
+}
+
+}  // namespace platform::interception

@@ -1,0 +1,43 @@
+// An outbound packet that the kernel holds until we say what becomes of it, as far as verdicts need
+// it: whose flow, where in its stream, how many bytes. Plain values; any thread.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <span>
+
+#include "Platform/Linux/Attribution/FlowOwner.h"
+
+namespace platform::interception {
+
+// Why a packet was handed to us.
+enum class PacketPurpose : std::uint8_t { newFlow, watchedData, offeredAgain };
+
+struct HeldPacket {
+    PacketPurpose purpose = PacketPurpose::newFlow;
+    std::uint16_t queueNumber = 0;
+    std::uint32_t id = 0;    // the kernel's number for it within its queue
+    std::uint32_t mark = 0;  // the packet's whole mark
+    FlowTuple flow;
+    bool opensTcp = false;          // a SYN
+    std::uint32_t tcpSequence = 0;  // of the first byte; of the SYN itself on a SYN
+    std::size_t payloadLength = 0;  // true length, however little of the packet was copied to us
+};
+
+// Fills what the headers of an IP packet tell. `packet` may be cut short behind the transport
+// header, `trueLength` is what it was. False if it is not TCP or UDP or cannot be read.
+bool readHeaders(std::span<const std::uint8_t> packet, std::size_t trueLength, HeldPacket& into);
+
+// Flows are told apart by their protocol, addresses and ports; the interface may change under them.
+struct SameFlow {
+    bool operator()(const FlowTuple& left, const FlowTuple& right) const;
+};
+struct FlowHash {
+    std::size_t operator()(const FlowTuple& flow) const;
+};
+
+}  // namespace platform::interception

@@ -1,0 +1,205 @@
+#include "Platform/Linux/Interception/PacketQueue.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <libnetfilter_queue/libnetfilter_queue.h>
+#include <linux/netfilter.h>
+#include <linux/netfilter/nfnetlink.h>
+#include <linux/netfilter/nfnetlink_queue.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
+namespace platform::interception {
+
+namespace {
+
+constexpr std::uint32_t copiedBytes = 128;  // all headers, and no payload to speak of
+constexpr std::uint32_t longestQueue = 8192;
+constexpr int receiveBufferSize = 16 * 1024 * 1024;
+constexpr std::size_t packetsAtOnce = 32;
+constexpr std::uint16_t firstNumber = 7660;
+constexpr std::uint16_t lastNumber = 7960;
+constexpr std::uint32_t wakeSequence = 0x77616b65;
+
+template <std::size_t size>
+std::span<const std::byte> bytesOf(const std::array<char, size>& buffer) {
+    const auto* const header = reinterpret_cast<const nlmsghdr*>(buffer.data());
+    return std::as_bytes(std::span(buffer.data(), header->nlmsg_len));
+}
+
+void putCommand(nlmsghdr* header, nfqnl_msg_config_cmds command) {
+    nfq_nlmsg_cfg_put_cmd(header, AF_UNSPEC, static_cast<std::uint8_t>(command));
+}
+
+std::uint32_t number32(const nlattr* attribute) {
+    return attribute ? ntohl(mnl_attr_get_u32(attribute)) : 0;
+}
+
+}  // namespace
+
+struct PacketQueue::Buffers {
+    Buffers() {
+        for (std::size_t index = 0; index < packetsAtOnce; ++index) {
+            vectors[index] = {datagrams[index].data(), datagrams[index].size()};
+            headers[index].msg_hdr.msg_iov = &vectors[index];
+            headers[index].msg_hdr.msg_iovlen = 1;
+        }
+    }
+
+    alignas(nlmsghdr) std::array<std::array<char, 640>, packetsAtOnce> datagrams{};
+    std::array<iovec, packetsAtOnce> vectors{};
+    std::array<mmsghdr, packetsAtOnce> headers{};
+};
+
+PacketQueue::PacketQueue(std::unique_ptr<NetlinkSocket> opened)
+    : socket(std::move(opened)), buffers(std::make_unique<Buffers>()) {}
+
+PacketQueue::~PacketQueue() = default;
+
+std::unique_ptr<PacketQueue> PacketQueue::open() {
+    auto socket = NetlinkSocket::open(NETLINK_NETFILTER);
+    if (!socket) return nullptr;
+    const int descriptor = socket->descriptor();
+    const int on = 1;
+    setsockopt(descriptor, SOL_NETLINK, NETLINK_NO_ENOBUFS, &on, sizeof on);
+    setsockopt(descriptor, SOL_SOCKET, SO_RCVBUFFORCE, &receiveBufferSize,
+               sizeof receiveBufferSize);
+    std::unique_ptr<PacketQueue> queue(new PacketQueue(std::move(socket)));
+    if (!queue->bindQueues()) return nullptr;
+    return queue;
+}
+
+bool PacketQueue::bindQueues() {
+    const std::array<std::uint16_t*, 3> wanted{&queues.newFlows, &queues.watchedData,
+                                               &queues.offeredAgain};
+    std::uint16_t number = firstNumber;
+    for (std::uint16_t* const queue : wanted) {
+        int error = EBUSY;
+        while (error != 0) {
+            if (number == lastNumber) {
+                errno = error;
+                return false;
+            }
+            *queue = number++;
+            error = bindQueue(*queue);
+            // Taken numbers are refused in either of these ways.
+            if (error != 0 && error != EBUSY && error != EPERM) {
+                errno = error;
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+int PacketQueue::bindQueue(std::uint16_t number) {
+    alignas(nlmsghdr) std::array<char, 256> buffer{};
+    nlmsghdr* const bind = nfq_nlmsg_put(buffer.data(), NFQNL_MSG_CONFIG, number);
+    bind->nlmsg_flags |= NLM_F_ACK;
+    putCommand(bind, NFQNL_CFG_CMD_BIND);
+    if (const int error = socket->transact(bytesOf(buffer))) return error;
+
+    nlmsghdr* const configure = nfq_nlmsg_put(buffer.data(), NFQNL_MSG_CONFIG, number);
+    configure->nlmsg_flags |= NLM_F_ACK;
+    nfq_nlmsg_cfg_put_params(configure, NFQNL_COPY_PACKET, copiedBytes);
+    nfq_nlmsg_cfg_put_qmaxlen(configure, longestQueue);
+    const std::uint32_t flags = NFQA_CFG_F_GSO | NFQA_CFG_F_UID_GID | NFQA_CFG_F_FAIL_OPEN;
+    mnl_attr_put_u32(configure, NFQA_CFG_FLAGS, htonl(flags));
+    mnl_attr_put_u32(configure, NFQA_CFG_MASK, htonl(flags));
+    return socket->transact(bytesOf(buffer));
+}
+
+bool PacketQueue::receive(std::vector<HeldPacket>& packets) {
+    return receive(packets, MSG_WAITFORONE);
+}
+
+void PacketQueue::receiveWaiting(std::vector<HeldPacket>& packets) {
+    receive(packets, MSG_DONTWAIT);
+}
+
+bool PacketQueue::receive(std::vector<HeldPacket>& packets, int flags) {
+    const int received =
+        recvmmsg(socket->descriptor(), buffers->headers.data(), packetsAtOnce, flags, nullptr);
+    if (received < 0) return errno == EINTR || errno == ENOBUFS;
+    bool goesOn = true;
+    for (std::size_t index = 0; index < static_cast<std::size_t>(received); ++index) {
+        const std::size_t length = buffers->headers[index].msg_len;
+        goesOn &= append(std::span(buffers->datagrams[index]).first(length), packets);
+    }
+    return goesOn;
+}
+
+bool PacketQueue::append(std::span<char> datagram, std::vector<HeldPacket>& packets) {
+    bool goesOn = true;
+    int length = static_cast<int>(datagram.size());
+    for (const auto* message = reinterpret_cast<const nlmsghdr*>(datagram.data());
+         mnl_nlmsg_ok(message, length); message = mnl_nlmsg_next(message, &length)) {
+        if (message->nlmsg_type == NLMSG_ERROR) {
+            // The refusal of a verdict that came after its packet had gone, or our own wake-up.
+            goesOn &= message->nlmsg_seq != wakeSequence;
+            continue;
+        }
+        std::array<nlattr*, NFQA_MAX + 1> attributes{};
+        if (nfq_nlmsg_parse(message, attributes.data()) < 0 || !attributes[NFQA_PACKET_HDR])
+            continue;
+        const auto* const about = static_cast<const nfgenmsg*>(mnl_nlmsg_get_payload(message));
+        const auto* const header = static_cast<const nfqnl_msg_packet_hdr*>(
+            mnl_attr_get_payload(attributes[NFQA_PACKET_HDR]));
+        HeldPacket packet;
+        packet.queueNumber = ntohs(about->res_id);
+        packet.purpose = packet.queueNumber == queues.newFlows      ? PacketPurpose::newFlow
+                         : packet.queueNumber == queues.watchedData ? PacketPurpose::watchedData
+                                                                    : PacketPurpose::offeredAgain;
+        packet.id = ntohl(header->packet_id);
+        packet.mark = number32(attributes[NFQA_MARK]);
+        packet.flow.outputInterface = number32(attributes[NFQA_IFINDEX_OUTDEV]);
+        bool isReadable = false;
+        if (const nlattr* const payload = attributes[NFQA_PAYLOAD]) {
+            const std::span bytes(static_cast<const std::uint8_t*>(mnl_attr_get_payload(payload)),
+                                  mnl_attr_get_payload_len(payload));
+            const std::uint32_t cutFrom = number32(attributes[NFQA_CAP_LEN]);
+            isReadable = readHeaders(bytes, cutFrom != 0 ? cutFrom : bytes.size(), packet);
+        }
+        if (isReadable) {
+            packets.push_back(packet);
+        } else {
+            const PacketVerdict letGo{packet.queueNumber, packet.id, packet.mark};
+            release({&letGo, 1});
+        }
+    }
+    return goesOn;
+}
+
+void PacketQueue::wake() {
+    // Any configuration that asks for an acknowledgement will do: the answer ends the waiting.
+    alignas(nlmsghdr) std::array<char, 128> buffer{};
+    nlmsghdr* const header = nfq_nlmsg_put(buffer.data(), NFQNL_MSG_CONFIG, queues.newFlows);
+    header->nlmsg_flags |= NLM_F_ACK;
+    header->nlmsg_seq = wakeSequence;
+    nfq_nlmsg_cfg_put_qmaxlen(header, longestQueue);
+    socket->send(bytesOf(buffer));
+}
+
+void PacketQueue::release(std::span<const PacketVerdict> verdicts) {
+    constexpr std::size_t atOnce = 32;
+    constexpr std::size_t room = 64;  // a verdict with a mark takes 44 bytes
+    while (!verdicts.empty()) {
+        alignas(nlmsghdr) std::array<char, atOnce * room> buffer{};
+        std::size_t used = 0;
+        for (const PacketVerdict& verdict : verdicts.first(std::min(atOnce, verdicts.size()))) {
+            nlmsghdr* const header =
+                nfq_nlmsg_put(buffer.data() + used, NFQNL_MSG_VERDICT, verdict.queueNumber);
+            nfq_nlmsg_verdict_put(header, static_cast<int>(verdict.id), NF_ACCEPT);
+            nfq_nlmsg_verdict_put_mark(header, verdict.mark);
+            used += header->nlmsg_len;
+        }
+        socket->send(std::as_bytes(std::span(buffer).first(used)));
+        verdicts = verdicts.subspan(std::min(atOnce, verdicts.size()));
+    }
+}
+
+}  // namespace platform::interception

@@ -1,0 +1,59 @@
+// The kernel's packet queues, three of them by purpose behind one netlink socket: packets come in,
+// verdicts go out. Packets that the queue has no room for pass, and so do all packets once nobody
+// reads. One thread may receive while any number of threads give verdicts.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "Platform/Linux/Interception/HeldPacket.h"
+#include "Platform/Linux/Interception/NetlinkSocket.h"
+#include "Platform/Linux/Interception/PacketTable.h"
+
+namespace platform::interception {
+
+// Lets a held packet go on, under the given mark.
+struct PacketVerdict {
+    std::uint16_t queueNumber = 0;
+    std::uint32_t id = 0;
+    std::uint32_t mark = 0;
+};
+
+class PacketQueue {
+public:
+    // Binds three queue numbers that nobody else uses. Nothing if the kernel refuses, with `errno`.
+    static std::unique_ptr<PacketQueue> open();
+    // Packets still held are dropped by the kernel: let them go first.
+    ~PacketQueue();
+
+    const QueueNumbers& numbers() const { return queues; }
+
+    // Waits for packets and appends those that are there, some dozens at most. False when `wake`
+    // was called or the socket failed.
+    bool receive(std::vector<HeldPacket>& packets);
+    // The same without waiting.
+    void receiveWaiting(std::vector<HeldPacket>& packets);
+    // Makes a `receive` that waits return.
+    void wake();
+
+    void release(std::span<const PacketVerdict> verdicts);
+
+private:
+    struct Buffers;
+    explicit PacketQueue(std::unique_ptr<NetlinkSocket> opened);
+
+    bool receive(std::vector<HeldPacket>& packets, int flags);
+    bool bindQueues();
+    int bindQueue(std::uint16_t number);
+    bool append(std::span<char> datagram, std::vector<HeldPacket>& packets);
+
+    std::unique_ptr<NetlinkSocket> socket;
+    std::unique_ptr<Buffers> buffers;
+    QueueNumbers queues;
+};
+
+}  // namespace platform::interception

@@ -1,0 +1,78 @@
+// Our table of packet rules in the kernel: it sends the first packet of every outbound flow to a
+// queue, keeps the verdicts as connection marks, redirects claimed flows to the local listeners and
+// rejects denied ones. The kernel ties the table to the netlink socket held here, so it vanishes
+// with the object and with the process, however that ends. One thread at a time.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <set>
+#include <vector>
+
+#include "Platform/Linux/Interception/FlowMark.h"
+#include "Platform/Linux/Interception/NetlinkSocket.h"
+#include "Platform/Linux/Interception/PacketRule.h"
+
+namespace platform::interception {
+
+// The packet queues, by purpose.
+struct QueueNumbers {
+    std::uint16_t newFlows = 0;
+    std::uint16_t watchedData = 0;
+    std::uint16_t offeredAgain = 0;
+};
+
+// Where claimed flows are redirected to; 0 for a family that has no listener.
+struct ListenerPorts {
+    std::uint16_t ipv4 = 0;
+    std::uint16_t ipv6 = 0;
+};
+
+struct PacketTableContent {
+    MarkPlace place{24};
+    QueueNumbers queues;
+    ListenerPorts listeners;
+    unsigned generation = 0;
+    // The protocols (IPPROTO_TCP, IPPROTO_UDP) whose new flows are offered to anyone at all.
+    std::set<std::uint8_t> offeredProtocols;
+};
+
+// Whether the table belongs to our socket alone. Kernels before 5.12 know only shared tables, which
+// others can flush and which stay behind when the process dies; with nobody reading the queues
+// their packets pass.
+enum class TableOwnership { exclusive, shared };
+
+class PacketTable {
+public:
+    // Nothing if the kernel gives no socket.
+    static std::unique_ptr<PacketTable> open(TableOwnership ownership = TableOwnership::exclusive);
+    // Takes the rules away.
+    ~PacketTable();
+
+    // Puts the whole content in force in one step, in place of what was there. 0 or an errno.
+    int install(const PacketTableContent& content);
+    // Makes `generation` the one that is not offered again; all else stays. 0 or an errno.
+    int setGeneration(unsigned generation);
+    // Takes the rules away. 0 or an errno.
+    int remove();
+
+    // True if the kernel still has every rule that `install` made.
+    bool isComplete();
+    // The netlink port of our socket: changes announced with another one are not ours.
+    unsigned portId() const { return socket->portId(); }
+
+private:
+    PacketTable(std::unique_ptr<NetlinkSocket> opened, TableOwnership wanted)
+        : socket(std::move(opened)), ownership(wanted) {}
+
+    int installIn(QueueForm form);
+
+    std::unique_ptr<NetlinkSocket> socket;
+    TableOwnership ownership;
+    std::optional<QueueForm> workingForm;
+    PacketTableContent content;
+    std::size_t ruleCount = 0;
+};
+
+}  // namespace platform::interception

@@ -1,0 +1,112 @@
+#include "Platform/Linux/Interception/HeldPacket.h"
+
+#include <gtest/gtest.h>
+#include <netinet/tcp.h>
+
+#include <string>
+#include <vector>
+
+namespace platform::interception {
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+Bytes ipv4(std::uint8_t protocol, std::uint8_t words = 5) {
+    Bytes header(words * 4u);
+    header[0] = static_cast<std::uint8_t>(0x40 | words);
+    header[9] = protocol;
+    header[12] = 10;
+    header[16] = 20;
+    return header;
+}
+Bytes ipv6(std::uint8_t next) {
+    Bytes header(40);
+    header[0] = 0x60;
+    header[6] = next;
+    header[8] = 0xfd;
+    header[24] = 0xfe;
+    return header;
+}
+Bytes extension(std::uint8_t next, std::uint8_t extraWords) {
+    Bytes header(8u + extraWords * 8u);
+    header[0] = next;
+    header[1] = extraWords;
+    return header;
+}
+Bytes tcp(std::uint8_t flags, std::uint8_t words = 5) {
+    Bytes header(words * 4u);
+    header[0] = 0x12;
+    header[1] = 0x34;
+    header[3] = 80;
+    header[4] = 0xff;
+    header[7] = 0x01;
+    header[12] = static_cast<std::uint8_t>(words << 4);
+    header[13] = flags;
+    return header;
+}
+Bytes udp() { return {0x12, 0x34, 0, 80, 0, 0, 0, 0}; }
+
+}  // namespace
+
+TEST(HeldPacket, ReadsHeadersOfEveryShape) {
+    struct Case {
+        const char* name;
+        Bytes packet;
+        std::size_t trueLength;
+        int family;
+        int protocol;
+        std::size_t payload;
+        bool opens;
+    };
+    const Case cases[] = {
+        {"SYN", ipv4(IPPROTO_TCP) + tcp(TH_SYN), 40, AF_INET, IPPROTO_TCP, 0, true},
+        {"options of both headers", ipv4(IPPROTO_TCP, 15) + tcp(TH_ACK, 15), 64120, AF_INET,
+         IPPROTO_TCP, 64000, false},
+        {"datagram", ipv4(IPPROTO_UDP) + udp() + Bytes(10), 38, AF_INET, IPPROTO_UDP, 10, false},
+        {"data on a SYN over IPv6", ipv6(IPPROTO_TCP) + tcp(TH_SYN) + Bytes(3), 63, AF_INET6,
+         IPPROTO_TCP, 3, true},
+        {"extension headers",
+         ipv6(IPPROTO_HOPOPTS) + extension(IPPROTO_DSTOPTS, 0) + extension(IPPROTO_UDP, 1) + udp(),
+         172, AF_INET6, IPPROTO_UDP, 100, false},
+    };
+    for (const Case& expected : cases) {
+        SCOPED_TRACE(expected.name);
+        HeldPacket packet;
+        ASSERT_TRUE(readHeaders(expected.packet, expected.trueLength, packet));
+        EXPECT_EQ(packet.flow.family, expected.family);
+        EXPECT_EQ(packet.flow.protocol, expected.protocol);
+        EXPECT_EQ(packet.flow.sourcePort, 0x1234);
+        EXPECT_EQ(packet.flow.destinationPort, 80);
+        EXPECT_EQ(packet.flow.sourceAddress[0], expected.family == AF_INET ? 10 : 0xfd);
+        EXPECT_EQ(packet.flow.destinationAddress[0], expected.family == AF_INET ? 20 : 0xfe);
+        EXPECT_EQ(packet.payloadLength, expected.payload);
+        EXPECT_EQ(packet.opensTcp, expected.opens);
+        EXPECT_EQ(packet.tcpSequence, expected.protocol == IPPROTO_TCP ? 0xff000001u : 0u);
+    }
+}
+
+TEST(HeldPacket, EveryCutShortOfThePortsIsRefused) {
+    const Bytes whole[] = {
+        ipv4(IPPROTO_TCP, 6) + tcp(TH_SYN),
+        ipv6(IPPROTO_ROUTING) + extension(IPPROTO_UDP, 2) + udp(),
+    };
+    for (const Bytes& packet : whole) {
+        HeldPacket read;
+        EXPECT_TRUE(readHeaders(packet, packet.size(), read));
+        for (std::size_t length = 0; length < packet.size(); ++length) {
+            HeldPacket cut;
+            EXPECT_FALSE(readHeaders(std::span(packet).first(length), packet.size(), cut))
+                << length;
+        }
+    }
+    HeldPacket other;
+    EXPECT_FALSE(readHeaders(ipv4(IPPROTO_ICMP) + Bytes(20), 40, other));
+}
+
+}  // namespace platform::interception
