@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <optional>
 
 #include "Platform/Linux/FileDescriptor.h"
 #include "Platform/Linux/HostChannel/HostChannelLog.h"
@@ -22,9 +21,8 @@ constexpr mode_t ownerFolderMode = 0700;
 constexpr mode_t readableFolderMode = 0755;
 constexpr mode_t permissionBits = 07777;
 
-bool failed(const std::string& path, const char* what) {
-    hostChannelLog.error("The folder %{public}s cannot be used: %{public}s", path, what);
-    return false;
+std::string unusable(const std::string& path, const char* what) {
+    return "The folder " + path + " cannot be used: " + what;
 }
 
 bool giveToGroup(int folder, const struct stat& present, std::optional<gid_t> group) {
@@ -50,19 +48,25 @@ bool setAccess(int folder, const struct stat& present, FolderAccess access) {
 
 }  // namespace
 
-bool makeSharedFolder(const std::string& path, FolderAccess access) {
+std::optional<std::string> prepareSharedFolder(const std::string& path, FolderAccess access) {
     // Closed to everybody else until its group and mode are set.
     if (mkdir(path.c_str(), ownerFolderMode) != 0 && errno != EEXIST)
-        return failed(path, std::strerror(errno));
+        return unusable(path, std::strerror(errno));
     const FileDescriptor folder(
         open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!folder) return failed(path, std::strerror(errno));
+    if (!folder) return unusable(path, std::strerror(errno));
     struct stat present {};
-    if (fstat(folder.get(), &present) != 0) return failed(path, std::strerror(errno));
-    if (!isTrustedAccount(present.st_uid)) return failed(path, "its owner is not trusted");
-    if (present.st_uid != geteuid() && geteuid() != 0) return true;
-    if (!setAccess(folder.get(), present, access)) return failed(path, std::strerror(errno));
-    return true;
+    if (fstat(folder.get(), &present) != 0) return unusable(path, std::strerror(errno));
+    if (!isTrustedAccount(present.st_uid)) return unusable(path, "its owner is not trusted");
+    if (present.st_uid != geteuid() && geteuid() != 0) return std::nullopt;
+    if (!setAccess(folder.get(), present, access)) return unusable(path, std::strerror(errno));
+    return std::nullopt;
+}
+
+bool makeSharedFolder(const std::string& path, FolderAccess access) {
+    const auto unusable = prepareSharedFolder(path, access);
+    if (unusable) hostChannelLog.error("%{public}s", *unusable);
+    return !unusable;
 }
 
 }  // namespace platform

@@ -2,6 +2,7 @@
 // daemon at its start, or the tool when it stores a rule before the daemon has ever run.
 #pragma once
 
+#include <optional>
 #include <string>
 
 namespace platform {
@@ -15,5 +16,8 @@ enum class FolderAccess {
 // for. A folder that belongs to somebody who is not trusted, or a link in its place, is left alone.
 // False if the folder cannot be used as asked, with one line that says why. Any thread.
 bool makeSharedFolder(const std::string& path, FolderAccess access);
+
+// The same without a line: returns why the folder cannot be used as asked, or nothing.
+std::optional<std::string> prepareSharedFolder(const std::string& path, FolderAccess access);
 
 }  // namespace platform

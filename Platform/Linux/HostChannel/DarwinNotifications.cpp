@@ -1,0 +1,214 @@
+#include "Platform/DarwinNotifications.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Platform/Common/ThreadAnnotations.h"
+#include "Platform/Foundation.h"
+#include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/HostChannel/FixedPlaces.h"
+#include "Platform/Linux/HostChannel/FolderWatch.h"
+#include "Platform/Linux/HostChannel/HostChannelLog.h"
+#include "Platform/Linux/HostChannel/NotificationTouches.h"
+#include "Platform/Linux/HostChannel/SharedFolder.h"
+
+namespace platform {
+
+namespace {
+
+constexpr int retryMilliseconds = 1000;
+constexpr mode_t notificationFileMode = 0660;
+constexpr std::size_t longestName = 200;
+
+bool canBeAFileName(std::string_view name) {
+    return !name.empty() && name.size() <= longestName && name.front() != '.' &&
+           name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
+}
+
+std::optional<std::string> makeNotificationsFolder() {
+    if (auto unusable = prepareSharedFolder(places::runtimeFolder, FolderAccess::everyoneMayRead))
+        return unusable;
+    return prepareSharedFolder(places::notificationsFolder, FolderAccess::trustedGroupOnly);
+}
+
+}  // namespace
+
+// A file for each name in a folder that only those who may post can write to; posting touches it.
+// The first observer starts the thread that delivers, and that thread lives as long as the process.
+class CFNotificationCenter {
+public:
+    CFNotificationCenter() = default;
+    ~CFNotificationCenter();
+    CFNotificationCenter(const CFNotificationCenter&) = delete;
+    CFNotificationCenter& operator=(const CFNotificationCenter&) = delete;
+
+    void addObserver(void* observer, CFNotificationCallback callback, std::string_view name);
+    void removeEveryObserver(void* observer);
+
+private:
+    struct Registration {
+        std::uint64_t number;
+        void* observer;
+        CFNotificationCallback callback;
+        std::string name;
+    };
+
+    void startDelivery();
+    void makeFile(const std::string& name);
+    void runDelivery();
+    bool waitForEvents() const;
+    std::vector<std::string> namesToDeliver();
+    std::vector<std::string> observedNames();
+    void deliver(const std::string& name);
+    std::vector<std::uint64_t> registrationsOf(const std::string& name);
+    std::optional<Registration> registration(std::uint64_t number);
+
+    NSLock lock;
+    std::vector<Registration> registrations GUARDED_BY(lock);
+    std::uint64_t lastNumber GUARDED_BY(lock) = 0;
+
+    std::once_flag deliveryStart;
+    const FileDescriptor stopSignal{eventfd(0, EFD_CLOEXEC)};
+    // Made by `startDelivery`, from then on the delivery thread's own.
+    std::unique_ptr<FolderWatch> watch;
+    NotificationTouches touches;
+    std::thread delivery;
+};
+
+CFNotificationCenter::~CFNotificationCenter() {
+    if (!delivery.joinable()) return;
+    eventfd_write(stopSignal.get(), 1);
+    // A delivery may be what ends the process.
+    if (delivery.get_id() == std::this_thread::get_id())
+        delivery.detach();
+    else
+        delivery.join();
+}
+
+void CFNotificationCenter::addObserver(void* observer, CFNotificationCallback callback,
+                                       std::string_view name) {
+    if (!canBeAFileName(name)) {
+        hostChannelLog.error("The name %{public}s cannot be observed", name);
+        return;
+    }
+    {
+        const NSLockGuard guard(lock);
+        registrations.push_back({++lastNumber, observer, callback, std::string(name)});
+    }
+    std::call_once(deliveryStart, [this] { startDelivery(); });
+    makeFile(std::string(name));
+}
+
+void CFNotificationCenter::removeEveryObserver(void* observer) {
+    const NSLockGuard guard(lock);
+    std::erase_if(registrations, [observer](const auto& r) { return r.observer == observer; });
+}
+
+void CFNotificationCenter::startDelivery() {
+    watch = std::make_unique<FolderWatch>(places::notificationsFolder, makeNotificationsFolder,
+                                          NotificationTouches::eventMask);
+    delivery = std::thread([this] { runDelivery(); });
+}
+
+// Makes the file of a name beforehand, writable for the group whoever touches it first. It appears
+// under its name as a link: an event that is no touch.
+void CFNotificationCenter::makeFile(const std::string& name) {
+    const std::string folder = places::notificationsFolder;
+    const std::string path = folder + "/" + name;
+    const std::string unfinished = folder + "/." + name;
+    if (access(path.c_str(), F_OK) == 0) return;
+    const FileDescriptor file(open(unfinished.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC,
+                                   notificationFileMode));
+    const bool isMade = file && fchmod(file.get(), notificationFileMode) == 0 &&
+                        (link(unfinished.c_str(), path.c_str()) == 0 || errno == EEXIST);
+    if (!isMade)
+        hostChannelLog.error("The file %{public}s cannot be made: %{public}s", path,
+                             std::strerror(errno));
+    unlink(unfinished.c_str());
+}
+
+void CFNotificationCenter::runDelivery() {
+    while (waitForEvents())
+        for (const auto& name : namesToDeliver()) deliver(name);
+}
+
+// False when the center ends.
+bool CFNotificationCenter::waitForEvents() const {
+    std::array<pollfd, 2> descriptors{
+        {{stopSignal.get(), POLLIN, 0}, {watch->descriptor(), POLLIN, 0}}};
+    const int timeout = watch->isWatching() ? -1 : retryMilliseconds;
+    poll(descriptors.data(), descriptors.size(), timeout);
+    return descriptors[0].revents == 0;
+}
+
+// Where posts may have been lost every observer hears of it: a delivery too many does no harm.
+std::vector<std::string> CFNotificationCenter::namesToDeliver() {
+    const auto batch = watch->read();
+    if (!batch.mayHaveMissedSome) return touches.touchedNames(batch.events);
+    touches.forget();
+    const auto names = observedNames();
+    for (const auto& name : names) makeFile(name);
+    return names;
+}
+
+std::vector<std::string> CFNotificationCenter::observedNames() {
+    const NSLockGuard guard(lock);
+    std::vector<std::string> names;
+    for (const auto& each : registrations)
+        if (std::ranges::find(names, each.name) == names.end()) names.push_back(each.name);
+    return names;
+}
+
+void CFNotificationCenter::deliver(const std::string& name) {
+    for (const auto number : registrationsOf(name))
+        if (const auto present = registration(number))
+            present->callback(*this, present->observer, name, nullptr, nullptr);
+}
+
+std::vector<std::uint64_t> CFNotificationCenter::registrationsOf(const std::string& name) {
+    const NSLockGuard guard(lock);
+    std::vector<std::uint64_t> numbers;
+    for (const auto& each : registrations)
+        if (each.name == name) numbers.push_back(each.number);
+    return numbers;
+}
+
+// Asked again for each call: an observer may have gone since the list was made.
+std::optional<CFNotificationCenter::Registration> CFNotificationCenter::registration(
+    std::uint64_t number) {
+    const NSLockGuard guard(lock);
+    const auto found = std::ranges::find(registrations, number, &Registration::number);
+    if (found == registrations.end()) return std::nullopt;
+    return *found;
+}
+
+CFNotificationCenter& CFNotificationCenterGetDarwinNotifyCenter() {
+    static CFNotificationCenter center;
+    return center;
+}
+
+void CFNotificationCenterAddObserver(CFNotificationCenter& center, void* observer,
+                                     CFNotificationCallback callback, std::string_view name,
+                                     const void*, CFNotificationSuspensionBehavior) {
+    center.addObserver(observer, callback, name);
+}
+
+void CFNotificationCenterRemoveEveryObserver(CFNotificationCenter& center, void* observer) {
+    center.removeEveryObserver(observer);
+}
+
+}  // namespace platform

@@ -1,0 +1,172 @@
+#include "Platform/Linux/HostChannel/HostChannel.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
+#include <systemd/sd-daemon.h>
+#include <systemd/sd-event.h>
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/HostChannel/FixedPlaces.h"
+#include "Platform/Linux/HostChannel/FolderWatch.h"
+#include "Platform/Linux/HostChannel/HostChannelLog.h"
+#include "Platform/Linux/HostChannel/MessageSocket.h"
+#include "Platform/Linux/HostChannel/Preferences.h"
+#include "Platform/Linux/HostChannel/SharedFolder.h"
+#include "Platform/Linux/HostChannel/SleepSignal.h"
+
+namespace platform {
+
+namespace {
+
+constexpr std::string_view preferencesName = "preferences.json";
+
+std::optional<std::string> makePreferencesFolder() {
+    return prepareSharedFolder(places::preferencesFolder, FolderAccess::trustedGroupOnly);
+}
+
+void makeFolders() {
+    makeSharedFolder(places::runtimeFolder, FolderAccess::everyoneMayRead);
+    makeSharedFolder(places::notificationsFolder, FolderAccess::trustedGroupOnly);
+    makeSharedFolder(places::groupContainer, FolderAccess::trustedGroupOnly);
+    makeSharedFolder(places::preferencesFolder, FolderAccess::trustedGroupOnly);
+}
+
+// Preferences that cannot be read leave the level as it is.
+void applyLogLevel() {
+    if (const auto preferences = Preferences::load()) Logger::setLowestLevel(preferences->logLevel);
+}
+
+void tellServiceManager(const char* state) {
+    if (const int result = sd_notify(0, state); result < 0)
+        hostChannelLog.error("The service manager cannot be told %{public}s: %{public}s", state,
+                             std::strerror(-result));
+}
+
+struct DropEventLoop {
+    void operator()(sd_event* loop) const { sd_event_unref(loop); }
+};
+
+}  // namespace
+
+// What exists between start and stop: the message socket, which has its own thread, and one thread
+// for the preferences, the sleep signal and the service manager's watchdog.
+class HostChannel::Running {
+public:
+    explicit Running(std::shared_ptr<NETransparentProxyProvider> toServe);
+    ~Running();
+    Running(const Running&) = delete;
+    Running& operator=(const Running&) = delete;
+
+private:
+    std::unique_ptr<MessageSocket> openMessageSocket();
+    SleepSignal::Listener sleepListener();
+    void follow();
+    int runLoop(sd_event& loop);
+    void readPreferencesEvents();
+
+    static int stopIsAsked(sd_event_source* source, int descriptor, std::uint32_t events, void*);
+    static int preferencesChanged(sd_event_source*, int, std::uint32_t, void* self);
+
+    const std::shared_ptr<NETransparentProxyProvider> provider;
+    const FileDescriptor stopSignal{eventfd(0, EFD_CLOEXEC)};
+    FolderWatch preferencesWatch{places::preferencesFolder, makePreferencesFolder,
+                                 IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE};
+    const std::unique_ptr<MessageSocket> messages;
+    std::thread follower;
+};
+
+HostChannel::Running::Running(std::shared_ptr<NETransparentProxyProvider> toServe)
+    : provider(std::move(toServe)), messages(openMessageSocket()), follower([this] { follow(); }) {}
+
+HostChannel::Running::~Running() {
+    eventfd_write(stopSignal.get(), 1);
+    follower.join();
+}
+
+std::unique_ptr<MessageSocket> HostChannel::Running::openMessageSocket() {
+    return MessageSocket::listenAt(
+        places::messageSocket,
+        [this](Data request, Completion<std::optional<Data>> answer) {
+            provider->handleAppMessage(std::move(request), std::move(answer));
+        },
+        MessageSocket::Limits{});
+}
+
+SleepSignal::Listener HostChannel::Running::sleepListener() {
+    return {[this](Completion<> completion) { provider->sleep(std::move(completion)); },
+            [this] { provider->wake(); }};
+}
+
+void HostChannel::Running::follow() {
+    // What was stored before the watch began.
+    applyLogLevel();
+    sd_event* made = nullptr;
+    int result = sd_event_new(&made);
+    const std::unique_ptr<sd_event, DropEventLoop> loop(made);
+    if (result >= 0) result = runLoop(*loop);
+    if (result < 0)
+        hostChannelLog.error("Preferences, sleep and the watchdog are not served: %{public}s",
+                             std::strerror(-result));
+}
+
+int HostChannel::Running::runLoop(sd_event& loop) {
+    if (const int result = sd_event_add_io(&loop, nullptr, stopSignal.get(), EPOLLIN,
+                                           &Running::stopIsAsked, nullptr);
+        result < 0)
+        return result;
+    if (preferencesWatch.isWatching()) {
+        const int result = sd_event_add_io(&loop, nullptr, preferencesWatch.descriptor(), EPOLLIN,
+                                           &Running::preferencesChanged, this);
+        if (result < 0) return result;
+    }
+    // Pings only if the service manager asked for it.
+    if (const int result = sd_event_set_watchdog(&loop, 1); result < 0) return result;
+    const SleepSignal sleepSignal(loop, sleepListener());
+    return sd_event_loop(&loop);
+}
+
+int HostChannel::Running::stopIsAsked(sd_event_source* source, int, std::uint32_t, void*) {
+    return sd_event_exit(sd_event_source_get_event(source), 0);
+}
+
+int HostChannel::Running::preferencesChanged(sd_event_source*, int, std::uint32_t, void* self) {
+    static_cast<Running*>(self)->readPreferencesEvents();
+    return 0;
+}
+
+void HostChannel::Running::readPreferencesEvents() {
+    const auto batch = preferencesWatch.read();
+    const auto concernsPreferences = [](const auto& event) {
+        return event.name == preferencesName;
+    };
+    if (batch.mayHaveMissedSome || std::ranges::any_of(batch.events, concernsPreferences))
+        applyLogLevel();
+}
+
+HostChannel::HostChannel() {
+    makeFolders();
+    applyLogLevel();
+}
+
+HostChannel::~HostChannel() { stop(); }
+
+void HostChannel::start(std::shared_ptr<NETransparentProxyProvider> provider) {
+    running = std::make_unique<Running>(std::move(provider));
+    tellServiceManager("READY=1");
+}
+
+void HostChannel::stop() {
+    if (!running) return;
+    tellServiceManager("STOPPING=1");
+    running.reset();
+}
+
+}  // namespace platform

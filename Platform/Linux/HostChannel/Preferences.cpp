@@ -1,0 +1,97 @@
+#include "Platform/Linux/HostChannel/Preferences.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "Platform/Dispatch.h"
+#include "Platform/Foundation.h"
+#include "Platform/Linux/HostChannel/FixedPlaces.h"
+#include "Platform/Linux/HostChannel/HostChannelLog.h"
+#include "Platform/NEProvider.h"
+
+namespace platform {
+
+namespace {
+
+const JSONValue* member(const JSONObject& object, std::string_view key) {
+    const auto found = object.find(key);
+    return found == object.end() ? nullptr : &found->second;
+}
+
+template <class T>
+std::optional<T> typedMember(const JSONObject& object, std::string_view key) {
+    const JSONValue* value = member(object, key);
+    const T* typed = value == nullptr ? nullptr : value->as<T>();
+    if (typed == nullptr) return std::nullopt;
+    return *typed;
+}
+
+std::shared_ptr<const NEVPNProtocol> protocolIn(const JSONValue* value) {
+    const JSONObject* object = value == nullptr ? nullptr : value->as<JSONObject>();
+    if (object == nullptr) return nullptr;
+    return std::make_shared<NETunnelProviderProtocol>(
+        typedMember<std::string>(*object, "providerBundleIdentifier"),
+        typedMember<JSONObject>(*object, "providerConfiguration"));
+}
+
+std::vector<NETunnelProviderManager> managersIn(const JSONObject& document) {
+    std::vector<NETunnelProviderManager> managers;
+    for (const auto& entry :
+         typedMember<JSONArray>(document, "tunnelManagers").value_or(JSONArray{}))
+        managers.emplace_back(protocolIn(&entry));
+    return managers;
+}
+
+LogLevel logLevelIn(const JSONObject& document) {
+    const auto word = typedMember<std::string>(document, "logLevel").value_or("info");
+    if (word == "debug") return LogLevel::debug;
+    if (word == "error") return LogLevel::error;
+    if (word != "info")
+        hostChannelLog.error(
+            "The preferences' logLevel is %{public}s, not debug, info or error: info it is", word);
+    return LogLevel::info;
+}
+
+}  // namespace
+
+std::optional<Preferences> Preferences::load() {
+    if (access(places::preferencesFile, F_OK) != 0 && errno == ENOENT) return Preferences{};
+    const auto content = NSFileManager::defaultManager().contentsAtPath(places::preferencesFile);
+    const auto bytes = content ? content->bytes() : std::nullopt;
+    if (!bytes) {
+        hostChannelLog.error("The preferences cannot be read");
+        return std::nullopt;
+    }
+    const auto document = parseJSON(*bytes);
+    const auto* value = std::get_if<JSONValue>(&document);
+    const JSONObject* object = value == nullptr ? nullptr : value->as<JSONObject>();
+    if (object == nullptr) {
+        const auto* failure = std::get_if<JSONFailure>(&document);
+        hostChannelLog.error("The preferences cannot be understood: %{public}s",
+                             failure == nullptr ? "not an object" : failure->description);
+        return std::nullopt;
+    }
+    return Preferences{protocolIn(member(*object, "protocolConfiguration")), managersIn(*object),
+                       logLevelIn(*object)};
+}
+
+std::shared_ptr<const NEVPNProtocol> NETransparentProxyProvider::protocolConfiguration() const {
+    const auto preferences = Preferences::load();
+    return preferences ? preferences->protocolConfiguration : nullptr;
+}
+
+void NETunnelProviderManager::loadAllFromPreferences(LoadCompletion completion) {
+    DispatchQueue::global(QualityOfService::utility)
+        .async([completion = std::move(completion)]() mutable {
+            auto preferences = Preferences::load();
+            if (preferences)
+                completion(std::move(preferences->tunnelManagers), std::nullopt);
+            else
+                completion(std::nullopt,
+                           NSError{"NEVPNErrorDomain", 5, "the preferences could not be read"});
+        });
+}
+
+}  // namespace platform

@@ -1,0 +1,26 @@
+// The platform preferences: the one file that holds what the host application has configured. It is
+// read afresh for every question, so that each answer is the one of its moment. Any thread.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Platform/Logging.h"
+#include "Platform/NETunnelProvider.h"
+
+namespace platform {
+
+struct Preferences {
+    std::shared_ptr<const NEVPNProtocol> protocolConfiguration;
+    std::vector<NETunnelProviderManager> tunnelManagers;
+    LogLevel logLevel = LogLevel::info;
+
+    // What the file holds now. A file that is not there holds nothing; each key is optional, and one
+    // of another type counts as absent. Nothing if the file is there but cannot be read or is no JSON
+    // object, with one line that says so.
+    static std::optional<Preferences> load();
+};
+
+}  // namespace platform

@@ -1,0 +1,214 @@
+#include "Platform/DarwinNotifications.h"
+
+#include <gtest/gtest.h>
+#include <sys/inotify.h>
+#include <utime.h>
+
+#include <condition_variable>
+#include <filesystem>
+#include <map>
+#include <mutex>
+
+#include "Platform/Linux/HostChannel/FixedPlaces.h"
+#include "Platform/Linux/HostChannel/FolderWatch.h"
+#include "Platform/Linux/HostChannel/SharedFolder.h"
+#include "Tests/Platform/Linux/HostChannel/PrivateMachine.h"
+
+namespace platform::testing {
+namespace {
+
+const std::string folder = places::notificationsFolder;
+constexpr const char* changed = "org.quillmere.Vantry.rulesChanged";
+constexpr const char* marker = "org.quillmere.Vantry.marker";
+
+bool touch(const std::string& path) {
+    const FileDescriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_NONBLOCK, 0666));
+    return file && futimens(file.get(), nullptr) == 0;
+}
+
+// Counts deliveries by name. Can hold a delivery up in the middle. Static, as the last delivery may
+// still be running when a test ends; it lives longer than the center's thread.
+class Observer {
+public:
+    void observe(const char* name) {
+        CFNotificationCenterAddObserver(CFNotificationCenterGetDarwinNotifyCenter(), this,
+                                        &Observer::delivered, name, nullptr,
+                                        CFNotificationSuspensionBehavior::deliverImmediately);
+    }
+    void stopObserving() {
+        CFNotificationCenterRemoveEveryObserver(CFNotificationCenterGetDarwinNotifyCenter(), this);
+    }
+
+    int count(const std::string& name) {
+        const std::lock_guard guard(lock);
+        return counts[name];
+    }
+    bool isDelivered(const std::string& name, int times) {
+        std::unique_lock guard(lock);
+        return change.wait_for(guard, std::chrono::seconds(20),
+                               [&] { return counts[name] >= times; });
+    }
+    // Everything posted before has been delivered when this returns: deliveries keep their order.
+    void settle() {
+        ASSERT_TRUE(touch(folder + "/" + marker));
+        ASSERT_TRUE(isDelivered(marker, ++markers));
+    }
+
+    std::mutex hold;
+    std::function<void()> whenDelivered = [] {};
+
+private:
+    static void delivered(CFNotificationCenter&, void* observer, std::string_view name,
+                          const void* object, const void* userInfo) {
+        EXPECT_EQ(object, nullptr);
+        EXPECT_EQ(userInfo, nullptr);
+        auto& self = *static_cast<Observer*>(observer);
+        {
+            const std::lock_guard guard(self.lock);
+            ++self.counts[std::string(name)];
+            self.change.notify_all();
+        }
+        const std::lock_guard held(self.hold);
+        if (name == changed) self.whenDelivered();
+    }
+
+    std::mutex lock;
+    std::condition_variable change;
+    std::map<std::string, int> counts;
+    int markers = 0;
+};
+
+using DarwinNotifications = PrivateMachine;
+
+TEST_F(DarwinNotifications, EveryShapeOfATouchIsOneDelivery) {
+    static Observer observer;
+    observer.observe(changed);
+    observer.observe(marker);
+    const std::string path = folder + "/" + changed;
+    const struct {
+        const char* what;
+        std::function<bool()> act;
+        int deliveries;
+    } cases[] = {
+        {"registering", [] { return true; }, 0},
+        {"touch", [&] { return touch(path); }, 1},
+        {"the program touch", [&] { return system(("touch " + path).c_str()) == 0; }, 1},
+        {"the shell's >", [&] { return system((": > " + path).c_str()) == 0; }, 1},
+        {"new times for the path", [&] { return utime(path.c_str(), nullptr) == 0; }, 1},
+        {"a file moved there",
+         [&] {
+             return touch(folder + "/other") &&
+                    rename((folder + "/other").c_str(), path.c_str()) == 0;
+         },
+         1},
+        {"removed and touched again", [&] { return unlink(path.c_str()) == 0 && touch(path); }, 1},
+        {"reading", [&] { return contentOf(path).empty(); }, 0},
+        {"another name", [&] { return touch(folder + "/another"); }, 0},
+        {"a folder of that kind of name",
+         [&] { return mkdir((folder + "/sub").c_str(), 0700) == 0; }, 0},
+    };
+    for (const auto& each : cases) {
+        const int before = observer.count(changed);
+        ASSERT_TRUE(each.act()) << each.what;
+        observer.settle();
+        EXPECT_EQ(observer.count(changed) - before, each.deliveries) << each.what;
+    }
+    observer.stopObserving();
+}
+
+TEST_F(DarwinNotifications, PostsDuringADeliveryGiveOneMore) {
+    static Observer observer;
+    observer.observe(changed);
+    observer.observe(marker);
+    {
+        const std::lock_guard holdsTheDelivery(observer.hold);
+        touch(folder + "/" + changed);
+        ASSERT_TRUE(observer.isDelivered(changed, 1));
+        for (int post = 0; post < 5; ++post) touch(folder + "/" + changed);
+    }
+    observer.settle();
+    EXPECT_EQ(observer.count(changed), 2);
+    observer.stopObserving();
+}
+
+TEST_F(DarwinNotifications, NoDeliveryBeginsOnceAnObserverIsRemoved) {
+    static Observer leaving;
+    static Observer staying;
+    leaving.observe(changed);
+    leaving.observe(changed);
+    staying.observe(changed);
+    staying.observe(marker);
+    // Out of its first delivery: the second registration of the same observer hears nothing more.
+    leaving.whenDelivered = [] { leaving.stopObserving(); };
+    touch(folder + "/" + changed);
+    touch(folder + "/" + changed);
+    staying.settle();
+    EXPECT_EQ(leaving.count(changed), 1);
+    EXPECT_GE(staying.count(changed), 1);
+    staying.stopObserving();
+}
+
+TEST_F(DarwinNotifications, AFolderThatIsReplacedOrRemovedIsWatchedAgain) {
+    static Observer observer;
+    observer.observe(changed);
+    observer.observe(marker);
+    const std::function<void()> harms[] = {
+        [] { std::filesystem::remove_all(folder); },
+        [] { std::filesystem::rename(folder, folder + ".old"); },
+        [] { std::filesystem::rename(places::runtimeFolder, "/run/elsewhere"); },
+    };
+    for (const auto& harm : harms) {
+        const int before = observer.count(changed);
+        harm();
+        // A post may have been lost meanwhile, so the observer hears of it as of one.
+        ASSERT_TRUE(observer.isDelivered(changed, before + 1));
+        ASSERT_TRUE(becomesTrue([&] { return touch(folder + "/" + changed); }));
+        ASSERT_TRUE(observer.isDelivered(changed, before + 2));
+    }
+    observer.stopObserving();
+}
+
+TEST_F(DarwinNotifications, OnlyTrustedAccountsMayPost) {
+    static Observer observer;
+    observer.observe(changed);
+    const auto post = [] { return touch(folder + "/" + changed); };
+    EXPECT_TRUE(succeedsAs(strangerAccount, {vantryGroupId}, post));
+    EXPECT_FALSE(succeedsAs(strangerAccount, {}, post));
+    EXPECT_TRUE(observer.isDelivered(changed, 1));
+    observer.stopObserving();
+}
+
+TEST_F(DarwinNotifications, ANameThatIsNoFileNameIsRefused) {
+    static Observer observer;
+    for (const char* name : {"", "..", "../../escaped", ".hidden"}) observer.observe(name);
+    EXPECT_FALSE(std::filesystem::exists(folder));
+}
+
+TEST_F(DarwinNotifications, AQueueThatRanOverIsSaid) {
+    FolderWatch watch(
+        "/run/watched",
+        [] { return prepareSharedFolder("/run/watched", FolderAccess::everyoneMayRead); },
+        IN_OPEN | IN_ATTRIB);
+    ASSERT_TRUE(watch.isWatching());
+    const int limit = std::stoi(contentOf("/proc/sys/fs/inotify/max_queued_events"));
+    if (limit > 200000) GTEST_SKIP() << "the queue is too long to be filled here";
+    for (int count = 0; count <= limit / 2; ++count) touch("/run/watched/file");
+    EXPECT_TRUE(watch.read().mayHaveMissedSome);
+    EXPECT_FALSE(watch.read().mayHaveMissedSome);
+}
+
+TEST_F(DarwinNotifications, AFolderOfAStrangerIsLeftAlone) {
+    ASSERT_EQ(mkdir("/run/strange", 0777), 0);
+    ASSERT_EQ(chown("/run/strange", strangerAccount, 0), 0);
+    ASSERT_EQ(symlink("/tmp", "/run/link"), 0);
+    EXPECT_FALSE(makeSharedFolder("/run/strange", FolderAccess::trustedGroupOnly));
+    EXPECT_FALSE(makeSharedFolder("/run/link", FolderAccess::trustedGroupOnly));
+    ASSERT_TRUE(makeSharedFolder("/run/ours", FolderAccess::trustedGroupOnly));
+    struct stat made {};
+    ASSERT_EQ(stat("/run/ours", &made), 0);
+    EXPECT_EQ(made.st_mode & 07777, 02770U);
+    EXPECT_EQ(made.st_gid, vantryGroupId);
+}
+
+}  // namespace
+}  // namespace platform::testing

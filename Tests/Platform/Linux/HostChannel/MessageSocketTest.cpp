@@ -1,0 +1,186 @@
+#include "Platform/Linux/HostChannel/MessageSocket.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cstring>
+#include <mutex>
+
+#include "Tests/Platform/Linux/HostChannel/PrivateMachine.h"
+
+namespace platform::testing {
+namespace {
+
+constexpr const char* path = "/run/provider.sock";
+using Answer = Completion<std::optional<Data>>;
+
+FileDescriptor connected() {
+    FileDescriptor client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, path);
+    if (connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        return {};
+    return client;
+}
+
+bool sendAll(int client, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t length = send(client, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (length < 0) return false;
+        bytes.remove_prefix(static_cast<std::size_t>(length));
+    }
+    return true;
+}
+
+// All that comes until the end; nothing after a reset.
+std::optional<std::string> received(int client) {
+    std::string bytes;
+    char buffer[4096];
+    for (;;) {
+        const ssize_t length = recv(client, buffer, sizeof buffer, 0);
+        if (length < 0) return std::nullopt;
+        if (length == 0) return bytes;
+        bytes.append(buffer, static_cast<std::size_t>(length));
+    }
+}
+
+std::optional<std::string> exchanged(const std::string& request) {
+    const auto client = connected();
+    if (!client || !sendAll(client.get(), request)) return std::nullopt;
+    shutdown(client.get(), SHUT_WR);
+    return received(client.get());
+}
+
+void echo(Data request, Answer answer) { answer(Data("<" + std::string(*request.bytes()) + ">")); }
+
+using MessageSocketTest = PrivateMachine;
+
+TEST_F(MessageSocketTest, ARequestHasAtMostOneReply) {
+    const auto socket =
+        MessageSocket::listenAt(path,
+                                [](Data request, Answer answer) {
+                                    const std::string text(*request.bytes());
+                                    if (text == "none") return answer(std::nullopt);
+                                    if (text == "dropped") return;
+                                    if (text == "later") {
+                                        std::thread([answer = std::move(answer)]() mutable {
+                                            answer(Data("late"));
+                                        }).detach();
+                                        return;
+                                    }
+                                    echo(request, std::move(answer));
+                                },
+                                {});
+    ASSERT_TRUE(socket);
+    EXPECT_EQ(exchanged("hello"), "<hello>");
+    EXPECT_EQ(exchanged(""), "<>");
+    EXPECT_EQ(exchanged("none"), "");
+    EXPECT_EQ(exchanged("dropped"), "");
+    EXPECT_EQ(exchanged("later"), "late");
+    const std::string large(3 << 20, 'x');
+    EXPECT_EQ(exchanged(large), "<" + large + ">");
+}
+
+TEST_F(MessageSocketTest, ASilentClientHoldsUpNobodyAndIsLetGo) {
+    MessageSocket::Limits limits;
+    limits.clientTime = std::chrono::milliseconds(300);
+    limits.clients = 2;
+    const auto socket = MessageSocket::listenAt(path, echo, limits);
+    ASSERT_TRUE(socket);
+    const auto silent = connected();
+    ASSERT_TRUE(sendAll(silent.get(), "half a requ"));
+    EXPECT_EQ(exchanged("hello"), "<hello>");
+    // Takes the last place: the next one waits until the silent ones have had their time.
+    const auto anotherSilent = connected();
+    EXPECT_EQ(exchanged("waits"), "<waits>");
+    EXPECT_EQ(received(silent.get()).value_or(""), "");
+    EXPECT_EQ(received(anotherSilent.get()).value_or(""), "");
+}
+
+TEST_F(MessageSocketTest, AClientThatTakesNoReplyIsLetGo) {
+    MessageSocket::Limits limits;
+    limits.clientTime = std::chrono::milliseconds(300);
+    limits.clients = 1;
+    const auto socket = MessageSocket::listenAt(path, echo, limits);
+    ASSERT_TRUE(socket);
+    const auto stubborn = connected();
+    ASSERT_TRUE(sendAll(stubborn.get(), std::string(4 << 20, 'x')));
+    shutdown(stubborn.get(), SHUT_WR);
+    EXPECT_EQ(exchanged("hello"), "<hello>");
+}
+
+TEST_F(MessageSocketTest, AnAnswerThatNeverComesEndsTheConnection) {
+    MessageSocket::Limits limits;
+    limits.handlerTime = std::chrono::milliseconds(200);
+    std::mutex lock;
+    std::vector<Answer> kept;
+    auto socket = MessageSocket::listenAt(
+        path,
+        [&](Data, Answer answer) {
+            const std::lock_guard guard(lock);
+            kept.push_back(std::move(answer));
+        },
+        limits);
+    ASSERT_TRUE(socket);
+    EXPECT_EQ(exchanged("hello"), "");
+    // Answers that come after the client, and after the socket, have gone do no harm.
+    const std::lock_guard guard(lock);
+    kept.front()(Data("too late"));
+    const auto waiting = connected();
+    socket.reset();
+    kept.clear();
+    EXPECT_FALSE(connected());
+}
+
+TEST_F(MessageSocketTest, ARequestOfTooManyBytesIsRefused) {
+    MessageSocket::Limits limits;
+    limits.requestBytes = 1000;
+    bool isHandled = false;
+    auto socket = MessageSocket::listenAt(
+        path,
+        [&](Data, Answer answer) {
+            isHandled = true;
+            answer(Data("yes"));
+        },
+        limits);
+    ASSERT_TRUE(socket);
+    EXPECT_EQ(exchanged(std::string(1000, 'x')), "yes");
+    isHandled = false;
+    EXPECT_NE(exchanged(std::string(1 << 20, 'x')), "yes");
+    socket.reset();
+    EXPECT_FALSE(isHandled);
+}
+
+TEST_F(MessageSocketTest, OnlyTrustedAccountsAreHeard) {
+    const auto socket = MessageSocket::listenAt(path, echo, {});
+    ASSERT_TRUE(socket);
+    struct stat made {};
+    ASSERT_EQ(stat(path, &made), 0);
+    EXPECT_EQ(made.st_mode & 07777, 0660U);
+    EXPECT_EQ(made.st_gid, vantryGroupId);
+    const auto isHeard = [] { return exchanged("x") == "<x>"; };
+    EXPECT_TRUE(succeedsAs(strangerAccount, {vantryGroupId}, isHeard));
+    EXPECT_FALSE(succeedsAs(strangerAccount, {}, isHeard));
+    // Where the file's mode lets everybody in, the peer's account still decides.
+    ASSERT_EQ(chmod(path, 0666), 0);
+    EXPECT_FALSE(succeedsAs(strangerAccount, {}, isHeard));
+    EXPECT_TRUE(succeedsAs(memberByAccount, {}, isHeard));
+}
+
+TEST_F(MessageSocketTest, TakesTheNameOverAndGivesUpOnlyItsOwn) {
+    auto first = MessageSocket::listenAt(path, echo, {});
+    ASSERT_TRUE(first);
+    auto second = MessageSocket::listenAt(path, echo, {});
+    ASSERT_TRUE(second);
+    first.reset();
+    EXPECT_EQ(exchanged("hello"), "<hello>");
+    second.reset();
+    struct stat made {};
+    EXPECT_NE(lstat(path, &made), 0);
+    EXPECT_FALSE(MessageSocket::listenAt("/run/missing/provider.sock", echo, {}));
+}
+
+}  // namespace
+}  // namespace platform::testing
