@@ -29,18 +29,18 @@ public:
         current.swap(next);
     }
 
-    // Replaces the value by a changed copy of it, in one step against other changes.
+    // Replaces the value by a changed copy of it, in one step against other changes. Readers wait for the
+    // copying: only for small values.
     template <class Change>
     void change(Change&& apply) {
-        const platform::NSLockGuard oneAtATime(changes);
-        T value = *snapshot();
-        apply(value);
-        replace(std::move(value));
+        const platform::NSLockGuard hold(lock);
+        auto next = std::make_shared<T>(*current);
+        apply(*next);
+        current = std::move(next);
     }
 
 private:
     mutable platform::NSLock lock;
-    platform::NSLock changes;
     Snapshot current GUARDED_BY(lock);
 };
 

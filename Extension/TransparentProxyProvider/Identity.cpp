@@ -1,0 +1,150 @@
+// Is a flow's owner a system process, is it a VPN client that must be left alone, and under which name
+// do the rules know it? A missing or malformed token takes each question to its next source; nothing
+// here fails a flow.
+
+#include <algorithm>
+
+#include "Extension/FlowKillCoordinator.h"
+#include "Extension/ProcessUtils.h"
+#include "Extension/TransparentProxyProvider.h"
+#include "Platform/Common/Text.h"
+
+namespace vantry {
+
+using platform::Data;
+
+namespace {
+
+constexpr std::size_t effectiveUserIdWord = 1;
+// Accounts below belong to the system; this one and those above to people.
+constexpr std::uint32_t firstUserAccount = 500;
+constexpr std::size_t fewestComponents = 2;
+
+}  // namespace
+
+const std::vector<std::string_view> TransparentProxyProvider::systemProcessPrefixes{
+    "com.apple.mDNSResponder",
+    "com.apple.networkd",
+    "com.apple.configd",
+    "com.apple.nsurlsessiond",
+    "com.apple.trustd",
+    "com.apple.symptomsd",
+    "com.apple.nesessionmanager",
+    "com.apple.nehelper",
+    "com.apple.netbiosd",
+    "com.apple.airportd",
+    "com.apple.WiFiAgent",
+    "com.apple.locationd",
+    "com.apple.ocspd",
+    "com.apple.captiveagent",
+    "com.apple.apsd",
+};
+
+const BundleIdSet TransparentProxyProvider::vpnClientBundleIds{
+    "net.tunnelblick.tunnelblick",
+    "net.openvpn.connect.app",
+    "org.openvpn.client.app",
+    "com.viscosityvpn.Viscosity",
+    "com.wireguard.macos",
+    "com.cisco.secureclient",
+    "com.cisco.anyconnect.gui",
+    "com.nordvpn.osx",
+    "com.expressvpn.ExpressVPN",
+    "com.surfshark.vpnclient.macos",
+    "com.privateinternetaccess.vpn",
+    "ch.protonvpn.mac",
+    "com.mullvad.vpn",
+    "com.cyberghostvpn.cg7.mac",
+    "com.paloaltonetworks.GlobalProtect",
+    "com.f5.access.macos",
+    "com.juniper.junospulse",
+    "net.pulsesecure.Pulse-Secure",
+    "com.zscaler.zscaler",
+    "io.tailscale.ipn.macos",
+    "com.cloudflare.1dot1dot1dot1.macos",
+};
+
+bool TransparentProxyProvider::isSystemProcess(std::string_view bundleId,
+                                               const AuditToken& auditToken) {
+    if (bundleId.empty()) return true;
+    if (auditToken)
+        if (const auto euid = euidFromAuditToken(*auditToken)) return *euid < firstUserAccount;
+    return std::ranges::any_of(systemProcessPrefixes, [&](std::string_view prefix) {
+        return bundleId.starts_with(prefix);
+    });
+}
+
+std::optional<std::uint32_t> TransparentProxyProvider::euidFromAuditToken(const Data& auditToken) {
+    return ProcessUtils::wordOfAuditToken(auditToken, effectiveUserIdWord);
+}
+
+bool TransparentProxyProvider::isProtectedVpnClient(std::string_view bundleId) const {
+    return covers(vpnClientBundleIds, bundleId) || covers(*dynamicVpnClients.snapshot(), bundleId);
+}
+
+void TransparentProxyProvider::discoverVpnClients() {
+    platform::NETunnelProviderManager::loadAllFromPreferences(
+        [weakSelf = weak_from_this()](
+            const std::optional<std::vector<platform::NETunnelProviderManager>>& managers,
+            const std::optional<platform::NSError>&) {
+            const auto self = weakSelf.lock();
+            if (!self || !managers) return;
+            for (const auto& manager : *managers) {
+                const auto* protocol = dynamic_cast<const platform::NETunnelProviderProtocol*>(
+                    manager.protocolConfiguration().get());
+                if (protocol && protocol->providerBundleIdentifier())
+                    self->rememberVpnClient(*protocol->providerBundleIdentifier());
+            }
+        });
+}
+
+// The provider's identifier less its last component stands for the VPN client application.
+void TransparentProxyProvider::rememberVpnClient(std::string_view providerBundleIdentifier) {
+    const auto components = platform::nonEmptyComponents(providerBundleIdentifier);
+    if (components.size() < fewestComponents) return;
+    const auto client = platform::joinComponents(components, components.size() - 1);
+    dynamicVpnClients.change([&](BundleIdSet& clients) { clients.insert(client); });
+    logger.info("Discovered VPN client: %s", client);
+}
+
+std::string TransparentProxyProvider::resolveParentBundleId(const std::string& bundleId,
+                                                            const AuditToken& auditToken) {
+    if (hasKnownRule(bundleId)) return bundleId;
+    const auto components = platform::nonEmptyComponents(bundleId);
+    for (auto count = components.size(); count > fewestComponents; --count) {
+        auto candidate = platform::joinComponents(components, count - 1);
+        if (!hasKnownRule(candidate)) continue;
+        logger.debug("Resolved %{public}s -> %{public}s via prefix stripping", bundleId, candidate);
+        return candidate;
+    }
+    if (auditToken) {
+        if (auto ancestor = resolveViaProcessTree(*auditToken)) {
+            logger.debug("Resolved %{public}s -> %{public}s via process tree", bundleId, *ancestor);
+            return *ancestor;
+        }
+    }
+    return bundleId;
+}
+
+std::optional<std::string> TransparentProxyProvider::resolveViaProcessTree(const Data& auditToken) {
+    if (auto cached = processCache.find(auditToken)) return cached;
+    const auto pid = ProcessUtils::pidFromAuditToken(auditToken);
+    if (!pid) return std::nullopt;
+    auto ancestor = ProcessUtils::nearestKnownAncestor(
+        *pid, [this](const std::string& candidate) { return hasKnownRule(candidate); });
+    if (ancestor) processCache.store(auditToken, *ancestor);
+    return ancestor;
+}
+
+// Teaches the coordinator under which name the rules know the bundle that the filter will find.
+void TransparentProxyProvider::registerChildMappingIfNeeded(std::string_view resolvedBundleId,
+                                                            const AuditToken& auditToken) const {
+    if (!auditToken) return;
+    const auto pid = ProcessUtils::pidFromAuditToken(*auditToken);
+    if (!pid) return;
+    const auto path = ProcessUtils::getBundleIdForPid(*pid);
+    if (!path || *path == resolvedBundleId) return;
+    FlowKillCoordinator::shared().registerChildProcess(*path, resolvedBundleId);
+}
+
+}  // namespace vantry

@@ -1,0 +1,136 @@
+// The two sources of the rules, both written by the host application: the provider configuration and
+// the shared rules file. Keys apply one by one, each by its type; what a source lacks stays as it was.
+// A source that cannot be read leaves everything as it was.
+
+#include "Extension/FlowKillCoordinator.h"
+#include "Extension/TransparentProxyProvider.h"
+#include "Platform/Common/Text.h"
+#include "Platform/Foundation.h"
+
+namespace vantry {
+
+using platform::JSONObject;
+using platform::JSONValue;
+
+namespace {
+
+constexpr std::string_view rulesFilePath = "/tmp/org.quillmere.Vantry.rules.json";
+constexpr std::size_t previewLength = 500;
+
+// The value under `key` if it is there and of the type asked for.
+template <class T>
+const T* valueOf(const JSONObject& source, std::string_view key) {
+    const auto entry = source.find(key);
+    return entry == source.end() ? nullptr : entry->second.template as<T>();
+}
+
+// The rules of a source; nothing if they are absent or not an object of texts.
+std::optional<RuleTable> rulesOf(const JSONObject& source) {
+    const auto* object = valueOf<JSONObject>(source, "rules");
+    if (!object) return std::nullopt;
+    RuleTable rules;
+    rules.reserve(object->size());
+    for (const auto& [bundleId, value] : *object) {
+        const auto* decision = value.as<std::string>();
+        if (!decision) return std::nullopt;
+        rules.emplace(bundleId, *decision);
+    }
+    return rules;
+}
+
+// The blocked applications of a source; nothing if they are absent or not an array of texts.
+std::optional<BundleIdSet> blockedAppsOf(const JSONObject& source) {
+    const auto* array = valueOf<platform::JSONArray>(source, "blockedApps");
+    if (!array) return std::nullopt;
+    BundleIdSet blocked;
+    for (const auto& value : *array) {
+        const auto* bundleId = value.as<std::string>();
+        if (!bundleId) return std::nullopt;
+        blocked.insert(*bundleId);
+    }
+    return blocked;
+}
+
+std::string_view previewOf(std::string_view bytes) {
+    const auto preview = bytes.substr(0, previewLength);
+    return platform::isValidUTF8(preview) ? preview : "<non-utf8>";
+}
+
+}  // namespace
+
+void TransparentProxyProvider::loadRoutingRules() {
+    const auto configured = protocolConfiguration();
+    const auto* protocol =
+        dynamic_cast<const platform::NETunnelProviderProtocol*>(configured.get());
+    if (!protocol || !protocol->providerConfiguration()) {
+        logger.error("No providerConfiguration available");
+        return;
+    }
+    const auto& source = *protocol->providerConfiguration();
+    if (auto rules = rulesOf(source)) routingRules.replace(std::move(*rules));
+    applyKeysBesidesRules(source);
+
+    FlowKillCoordinator::shared().updateVpnState(isVpnConnected, *vpnFallback.snapshot());
+    logger.info("Loaded %ld routing rules from config, default: %s, blocked: %ld",
+                routingRules.snapshot()->size(), *defaultDecision.snapshot(),
+                blockedApps.snapshot()->size());
+    logger.info("Fallback settings from config: vpn=%s, direct=%s", *vpnFallback.snapshot(),
+                *directFallback.snapshot());
+}
+
+void TransparentProxyProvider::loadRulesFromSharedFile() {
+    logger.debug("Reading rules from: %{public}s", rulesFilePath);
+    const auto file = platform::NSFileManager::defaultManager().contentsAtPath(rulesFilePath);
+    if (!file) {
+        logger.debug("No rules file found at %{public}s", rulesFilePath);
+        return;
+    }
+    const auto bytes = file->bytes().value_or(std::string_view{});
+    logger.debug("Raw file contents (%ld bytes): %{public}s", bytes.size(), previewOf(bytes));
+
+    const auto document = platform::NSJSONSerialization::JSONObjectWithData(bytes);
+    const auto* source = document ? document->as<JSONObject>() : nullptr;
+    auto rules = source ? rulesOf(*source) : std::nullopt;
+    if (!rules) {
+        logger.debug("Failed to parse rules file (invalid JSON format)");
+        return;
+    }
+    const auto oldCount = routingRules.snapshot()->size();
+    routingRules.replace(std::move(*rules));
+    applyKeysBesidesRules(*source);
+
+    auto& coordinator = FlowKillCoordinator::shared();
+    coordinator.updateVpnState(isVpnConnected, *vpnFallback.snapshot());
+    coordinator.updateBlockedApps(*blockedApps.snapshot());
+
+    const auto loaded = routingRules.snapshot();
+    logger.debug(
+        "Loaded rules from shared file: %{public}ld -> %{public}ld, default: %{public}s, blocked: "
+        "%ld",
+        oldCount, loaded->size(), *defaultDecision.snapshot(), blockedApps.snapshot()->size());
+    logger.debug("Fallback settings: vpn=%{public}s, direct=%{public}s, vpnConnected=%{bool}d",
+                 *vpnFallback.snapshot(), *directFallback.snapshot(), isVpnConnected.load());
+    for (const auto& [bundleId, decision] : *loaded)
+        logger.debug("Rule: %{public}s -> %{public}s", bundleId, decision);
+}
+
+void TransparentProxyProvider::applyKeysBesidesRules(const JSONObject& source) {
+    if (const auto* word = valueOf<std::string>(source, "defaultAction"))
+        defaultDecision.replace(*word);
+    if (const auto* word = valueOf<std::string>(source, "vpnFallback")) vpnFallback.replace(*word);
+    if (const auto* word = valueOf<std::string>(source, "directFallback"))
+        directFallback.replace(*word);
+    if (const auto* isConnected = valueOf<bool>(source, "vpnConnected"))
+        isVpnConnected = *isConnected;
+    if (auto blocked = blockedAppsOf(source)) blockedApps.replace(std::move(*blocked));
+}
+
+// The applications that a rule sends anywhere but directly.
+BundleIdSet TransparentProxyProvider::vpnRoutedBundleIds() const {
+    BundleIdSet routed;
+    for (const auto& [bundleId, decision] : *routingRules.snapshot())
+        if (decision != "direct") routed.insert(bundleId);
+    return routed;
+}
+
+}  // namespace vantry

@@ -1,0 +1,122 @@
+// Ends sessions that a rule change has taken off the direct path. They leave the table at once and end
+// one after the other, 50 ms apart, with a reset, so that their applications reconnect under the new
+// rule without doing so all in one moment.
+
+#include <array>
+#include <cstdio>
+
+#include "Extension/TransparentProxyProvider.h"
+
+namespace vantry {
+
+using platform::NSLockGuard;
+
+namespace {
+
+constexpr double secondsBetweenKills = 0.05;
+
+using KillList = std::vector<std::pair<std::intptr_t, std::shared_ptr<ProxySession>>>;
+
+double killDelay(std::size_t index) { return secondsBetweenKills * static_cast<double>(index); }
+
+std::string inMilliseconds(double seconds) {
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), "%.0f", seconds * 1000);
+    return text.data();
+}
+
+// The closure keeps the session and nothing else. A session that has ended by then is left alone.
+void scheduleKill(std::shared_ptr<ProxySession> session, double delay) {
+    platform::DispatchQueue::global(platform::QualityOfService::userInitiated)
+        .asyncAfter(delay, [session = std::move(session)] { session->cancelGracefully(); });
+}
+
+const std::string& decisionIn(const RuleTable& rules, const std::string& bundleId,
+                              const std::string& otherwise) {
+    const auto rule = rules.find(bundleId);
+    return rule == rules.end() ? otherwise : rule->second;
+}
+
+}  // namespace
+
+void TransparentProxyProvider::killSessionsForChangedRules(const RuleTable& oldRules,
+                                                           const RuleTable& newRules) {
+    logger.debug("killSessionsForChangedRules: oldRules=%ld newRules=%ld", oldRules.size(),
+                 newRules.size());
+    const auto defaultWord = defaultDecision.snapshot();
+    BundleIdSet changedBundleIds;
+    for (const auto& [bundleId, oldDecision] : oldRules) {
+        const auto& newDecision = decisionIn(newRules, bundleId, *defaultWord);
+        logger.debug("Comparing %{public}s: old=%{public}s new=%{public}s", bundleId, oldDecision,
+                     newDecision);
+        if (oldDecision == "direct" && newDecision != "direct") {
+            changedBundleIds.insert(bundleId);
+            logger.debug("CHANGE direct->vpn: %{public}s", bundleId);
+        }
+    }
+    BundleIdSet vpnToDirectBundleIds;
+    for (const auto& [bundleId, newDecision] : newRules) {
+        if (decisionIn(oldRules, bundleId, *defaultWord) != "direct" && newDecision == "direct") {
+            vpnToDirectBundleIds.insert(bundleId);
+            logger.debug("CHANGE vpn->direct: %{public}s", bundleId);
+        }
+    }
+    for (const auto& [bundleId, decision] : newRules)
+        if (!oldRules.contains(bundleId))
+            logger.debug("NEW rule appeared: %{public}s -> %{public}s", bundleId, decision);
+    for (const auto& [bundleId, decision] : oldRules)
+        if (!newRules.contains(bundleId))
+            logger.debug("REMOVED rule: %{public}s was %{public}s", bundleId, decision);
+    logger.debug("changedBundleIds count (direct->vpn): %ld", changedBundleIds.size());
+
+    if (changedBundleIds.empty()) {
+        logger.debug("No direct->vpn rule changes detected, skipping session kill");
+        if (!vpnToDirectBundleIds.empty()) flushDeclinedFlows();
+        return;
+    }
+    KillList killList;
+    {
+        const NSLockGuard hold(sessionsLock);
+        logger.debug("activeSessions.count: %ld", activeSessions.size());
+        for (const auto& [flowHash, session] : activeSessions) {
+            const bool shouldKill = covers(changedBundleIds, session->bundleId);
+            logger.debug(
+                "Evaluating session sid=%ld flowHash=%ld: bundleId=%{public}s shouldKill=%{bool}d",
+                session->sessionId, flowHash, session->bundleId, shouldKill);
+            if (shouldKill) killList.emplace_back(flowHash, session);
+        }
+        for (const auto& [flowHash, session] : killList) activeSessions.erase(flowHash);
+    }
+    for (std::size_t index = 0; index < killList.size(); ++index) {
+        const auto& session = killList[index].second;
+        const auto delay = killDelay(index);
+        logger.debug("Scheduling graceful kill: sid=%ld bundleId=%{public}s delay=%sms",
+                     session->sessionId, session->bundleId, inMilliseconds(delay));
+        scheduleKill(session, delay);
+    }
+    logger.info("Gracefully killed %ld proxy sessions for %ld changed rules", killList.size(),
+                changedBundleIds.size());
+    if (!vpnToDirectBundleIds.empty()) flushDeclinedFlows();
+}
+
+void TransparentProxyProvider::killSessionsForBlockedApps(const BundleIdSet& newlyBlocked) {
+    KillList killList;
+    {
+        const NSLockGuard hold(sessionsLock);
+        for (const auto& [flowHash, session] : activeSessions)
+            if (covers(newlyBlocked, session->bundleId)) killList.emplace_back(flowHash, session);
+        if (killList.empty()) return;
+        for (const auto& [flowHash, session] : killList) activeSessions.erase(flowHash);
+    }
+    for (std::size_t index = 0; index < killList.size(); ++index) {
+        const auto& session = killList[index].second;
+        const auto delay = killDelay(index);
+        logger.debug("Scheduling block kill: sid=%ld bundleId=%{public}s delay=%sms",
+                     session->sessionId, session->bundleId, inMilliseconds(delay));
+        scheduleKill(session, delay);
+    }
+    logger.info("Killed %ld proxy sessions for %ld newly-blocked apps", killList.size(),
+                newlyBlocked.size());
+}
+
+}  // namespace vantry

@@ -1,0 +1,424 @@
+// The six records that cross to the host application: what they look like, what is read as one, and
+// what is refused with which words.
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <limits>
+#include <random>
+
+#include "Extension/ipc/ActiveAppsResponse.h"
+#include "Extension/ipc/ActivityLogEntryIPC.h"
+#include "Extension/ipc/ActivityLogResponseIPC.h"
+#include "Extension/ipc/ExtensionMessage.h"
+#include "Extension/ipc/ExtensionResponse.h"
+#include "Extension/ipc/ExtensionStatus.h"
+#include "Platform/Common/Text.h"
+
+namespace vantry {
+namespace {
+
+using platform::Date;
+using platform::JSONFailure;
+using platform::UUID;
+using testing::AllOf;
+using testing::HasSubstr;
+using Rules = platform::StringMap<std::string>;
+using namespace std::string_literals;
+
+template <class Record>
+std::optional<Record> decoded(std::string_view document) {
+    auto result = Record::decode(document);
+    auto* record = std::get_if<Record>(&result);
+    return record ? std::optional(std::move(*record)) : std::nullopt;
+}
+
+template <class Record>
+std::string failureOf(std::string_view document) {
+    const auto result = Record::decode(document);
+    const auto* failure = std::get_if<JSONFailure>(&result);
+    return failure ? failure->description : "";
+}
+
+// The document as text of this file, with ' for the quotes.
+std::string json(std::string text) {
+    std::replace(text.begin(), text.end(), '\'', '"');
+    return text;
+}
+
+const auto browserEntry = json(
+    "{'id':'E621E1F8-C36C-495A-93FC-0C247A3E6E5F','timestamp':785164320.25,"
+    "'bundleId':'com.example.browser','appName':'browser','routingDecision':'direct',"
+    "'actualRoute':'direct','sourceIp':'192.168.1.20','destinationIp':'203.0.113.7',"
+    "'destinationPort':443,'protocolType':'tcp','isVpnConnected':true}");
+const auto shortestEntry = json(
+    "{'id':'7B2F9C3E-1D44-4A60-9E0B-52C1F0A9D311','timestamp':0,'bundleId':'com.example.mail',"
+    "'appName':'mail','routingDecision':'block','isVpnConnected':false}");
+
+// `browserEntry` with one piece of its text replaced.
+std::string entryWith(std::string piece, std::string replacement) {
+    auto document = browserEntry;
+    piece = json(std::move(piece));
+    const auto at = document.find(piece);
+    EXPECT_NE(at, std::string::npos) << piece;
+    return document.replace(at, piece.size(), json(std::move(replacement)));
+}
+
+TEST(Records, AreWrittenInTheirExactForm) {
+    ActivityLogEntryIPC entry;
+    entry.id = *UUID::fromString("E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
+    entry.timestamp = Date::sinceReferenceDate(785164320.25);
+    entry.bundleId = "com.example.browser";
+    entry.appName = "browser";
+    entry.routingDecision = "direct";
+    entry.actualRoute = "direct";
+    entry.sourceIp = "192.168.1.20";
+    entry.destinationIp = "203.0.113.7";
+    entry.destinationPort = 443;
+    entry.protocolType = "tcp";
+    entry.isVpnConnected = true;
+    EXPECT_EQ(entry.encode(), browserEntry);
+    EXPECT_EQ(decoded<ActivityLogEntryIPC>(browserEntry), entry);
+
+    const auto shortest = decoded<ActivityLogEntryIPC>(shortestEntry);
+    EXPECT_EQ(shortest->encode(), shortestEntry);
+    EXPECT_EQ(shortest->timestamp, Date::sinceReferenceDate(0));
+    EXPECT_EQ((ActivityLogResponseIPC{{entry, *shortest}}.encode()),
+              json("{'entries':[") + browserEntry + "," + shortestEntry + "]}");
+    EXPECT_EQ(ActivityLogResponseIPC().encode(), json("{'entries':[]}"));
+
+    EXPECT_EQ((ExtensionMessage{MessageType::getStatus, {}, {}}.encode()),
+              json("{'type':'getStatus'}"));
+    EXPECT_EQ((ExtensionMessage{MessageType::getActiveApps, {}, {}}.encode()),
+              json("{'type':'getActiveApps'}"));
+    EXPECT_EQ((ExtensionMessage{MessageType::clearActivityLog, {}, {}}.encode()),
+              json("{'type':'clearActivityLog'}"));
+    EXPECT_EQ((ExtensionMessage{MessageType::reload, Rules{}, "vpn"}.encode()),
+              json("{'type':'reload','rules':{},'defaultAction':'vpn'}"));
+    EXPECT_EQ((ExtensionMessage{MessageType::reload, Rules{{"a.b", "direct"}}, {}}.encode()),
+              json("{'type':'reload','rules':{'a.b':'direct'}}"));
+
+    EXPECT_EQ((ExtensionStatus{true, 12}.encode()), json("{'isActive':true,'ruleCount':12}"));
+    EXPECT_EQ((ActiveAppsResponse{{"com.example.browser", "com.example.mail"}}.encode()),
+              json("{'bundleIds':['com.example.browser','com.example.mail']}"));
+    EXPECT_EQ(ActiveAppsResponse().encode(), json("{'bundleIds':[]}"));
+    EXPECT_EQ(ExtensionResponse::success().encode(), json("{'success':{}}"));
+    EXPECT_EQ(ExtensionResponse::error("message text").encode(),
+              json("{'error':{'_0':'message text'}}"));
+}
+
+TEST(Records, WithTextThatIsNotUTF8HaveNoDocument) {
+    ActivityLogEntryIPC entry;
+    EXPECT_TRUE(entry.encode());
+    entry.sourceIp = "\xFF";
+    EXPECT_FALSE(entry.encode());
+    EXPECT_FALSE((ActivityLogResponseIPC{{entry}}.encode()));
+    entry.sourceIp.reset();
+    entry.timestamp = Date::sinceReferenceDate(std::nan(""));
+    EXPECT_FALSE(entry.encode());
+    EXPECT_FALSE((ExtensionMessage{MessageType::reload, Rules{{"\xC3", "vpn"}}, {}}.encode()));
+    EXPECT_FALSE(ExtensionResponse::error("cut \xE2\x82").encode());
+    EXPECT_FALSE((ActiveAppsResponse{{"\xED\xA0\x80"}}.encode()));
+}
+
+TEST(ExtensionMessage, IsReadWithEachFieldPresentOrNot) {
+    using Message = ExtensionMessage;
+    const struct {
+        const char* document;
+        Message message;
+    } cases[] = {
+        {"{'type':'reload'}", {MessageType::reload, {}, {}}},
+        {"{'type':'reload','rules':{}}", {MessageType::reload, Rules{}, {}}},
+        {"{'type':'getStatus','rules':null,'defaultAction':null,'extra':5}",
+         {MessageType::getStatus, {}, {}}},
+        {" {'defaultAction' : '' , 'type' : 'getActiveApps'}\n",
+         {MessageType::getActiveApps, {}, ""}},
+        {"{'type':'getStatus','type':'clearActivityLog'}", {MessageType::clearActivityLog, {}, {}}},
+        {"{'type':'reload','rules':{'a':'vpn','':'','a':'no such word'}}",
+         {MessageType::reload, Rules{{"a", "no such word"}, {"", ""}}, {}}},
+    };
+    for (const auto& [document, message] : cases)
+        EXPECT_EQ(decoded<Message>(json(document)), message) << document;
+    EXPECT_EQ(
+        decoded<Message>("{\"type\":\"reload\",\"defaultAction\":\"a\\u0000b\"}")->defaultAction,
+        "a\0b"s);
+}
+
+TEST(ExtensionMessage, IsRefusedWithAReason) {
+    const struct {
+        const char* document;
+        const char* reason;
+    } cases[] = {
+        {"", "unexpected end of input"},
+        {"[]", "expected an object, found an array"},
+        {"[{'type':'getStatus'}]", "expected an object, found an array"},
+        {"5", "expected an object, found the number 5"},
+        {"null", "expected an object, found null"},
+        {"{}", "type: required, but missing"},
+        {"{'Type':'getStatus'}", "type: required, but missing"},
+        {"{'type':null}", "type: expected one of"},
+        {"{'type':1}", "found the number 1"},
+        {"{'type':'status'}", "'getStatus', 'reload', 'getActiveApps', 'clearActivityLog'"},
+        {"{'type':'GetStatus'}", "found the string 'GetStatus'"},
+        {"{'type':'getStatus '}", "type: "},
+        {"{'type':'getStatus','rules':{'com.example.browser':1}}",
+         "rules['com.example.browser']: expected a string, found the number 1"},
+        {"{'type':'getStatus','rules':{'a':null}}", "rules['a']: expected a string, found null"},
+        {"{'type':'reload','rules':[]}", "rules: expected an object of strings, found an array"},
+        {"{'type':'reload','rules':'direct'}", "rules: "},
+        {"{'type':'reload','defaultAction':true}",
+         "defaultAction: expected a string, found a bool"},
+        {"{'type':'reload','rules':1,'defaultAction':1}", "rules: "},
+        {"{'type':'getStatus'}{}", "line 1, column 21"},
+        {"{'type':'getStatus',\n'extra':1e400}", "1e400"},
+        {"{'type':'getStatus','extra':'\\ud800'}", "surrogate"},
+    };
+    for (const auto& [document, reason] : cases) {
+        EXPECT_EQ(decoded<ExtensionMessage>(json(document)), std::nullopt) << document;
+        EXPECT_THAT(failureOf<ExtensionMessage>(json(document)), HasSubstr(json(reason)));
+    }
+}
+
+TEST(ExtensionMessage, FailsBrieflyHoweverHostileTheDocument) {
+    const std::string large(1'000'000, 'k');
+    std::string deep = "{\"type\":\"getStatus\",\"extra\":";
+    for (int i = 0; i < 100'000; ++i) deep += "{\"a\":[";
+    const auto reload = json("{'type':'reload','rules':{'a':'x','b':'\\u20ac'},'extra':[-0.5e1]}");
+    std::vector<std::string> documents{
+        deep,
+        "{\"type\":\"" + large + "\"}",
+        "{\"type\":\"" + large,
+        "{\"type\":\"reload\",\"rules\":{\"" + large + "\":1}}",
+        "{\"type\":\"reload\",\"rules\":{\"" + std::string(59, 'k') + "\xE2\x82\xAC\":1}}",
+        "{\"type\":\"\xFF\xFE\"}",
+        "{\"type\":\"getStatus\"}\0"s,
+    };
+    for (std::size_t length = 0; length < reload.size(); ++length)
+        documents.push_back(reload.substr(0, length));
+    for (const auto& document : documents) {
+        const auto failure = failureOf<ExtensionMessage>(document);
+        EXPECT_FALSE(failure.empty());
+        EXPECT_LT(failure.size(), 400u);
+        // It goes back to the host as the message of an error.
+        EXPECT_TRUE(ExtensionResponse::error(failure).encode());
+    }
+}
+
+TEST(ActivityLogEntryIPC, IsReadInEveryValidForm) {
+    const auto entry = *decoded<ActivityLogEntryIPC>(browserEntry);
+    EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("E621E1F8", "e621e1f8")), entry);
+    EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("443", "4.43e2")), entry);
+    EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("443", "443,'more':[1]")), entry);
+    EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("443", "0"))->destinationPort, 0);
+    EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("443", "-0"))->destinationPort, 0);
+    EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("443", "65535"))->destinationPort, 65535);
+    EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("443", "null"))->destinationPort,
+              std::nullopt);
+    EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("785164320.25", "-1"))->timestamp,
+              Date::sinceReferenceDate(-1));
+    EXPECT_TRUE(std::signbit(decoded<ActivityLogEntryIPC>(entryWith("785164320.25", "-0"))
+                                 ->timestamp.secondsSinceReferenceDate()));
+}
+
+TEST(ActivityLogEntryIPC, IsRefusedForAnyFieldThatDoesNotFit) {
+    const struct {
+        const char* piece;
+        const char* replacement;
+        const char* reason;
+    } cases[] = {
+        {"'id'", "'ID'", "id: required, but missing"},
+        {"E621E1F8-", "E621E1F8", "id: expected a UUID"},
+        {"0C247A3E6E5F'", "0C247A3E6E5G'", "id: expected a UUID"},
+        {"785164320.25", "'2025-11-18T14:12:00Z'", "timestamp: expected a date"},
+        {"785164320.25", "true", "timestamp: expected a date"},
+        {"785164320.25", "null", "timestamp: expected a date"},
+        {"'com.example.browser'", "null", "bundleId: expected a string, found null"},
+        {"'browser'", "7", "appName: expected a string, found the number 7"},
+        {"'routingDecision'", "'decision'", "routingDecision: required"},
+        {"'actualRoute':'direct'", "'actualRoute':{}", "actualRoute: "},
+        {"'192.168.1.20'", "19", "sourceIp: "},
+        {"'203.0.113.7'", "['203.0.113.7']", "destinationIp: "},
+        {"443", "65536", "destinationPort: expected a whole number from 0 to 65535, found the"},
+        {"443", "-1", "found the number -1"},
+        {"443", "443.5", "found the number 443.5"},
+        {"443", "1e300", "destinationPort: "},
+        {"443", "18446744073709551615", "found the number 18446744073709551615"},
+        {"443", "'443'", "found the string '443'"},
+        {"443", "true", "destinationPort: expected a whole number from 0 to 65535, found a bool"},
+        {"'tcp'", "false", "protocolType: "},
+        {"true", "1", "isVpnConnected: expected a boolean, found the number 1"},
+        {"true", "'true'", "isVpnConnected: "},
+        {"true", "null", "isVpnConnected: "},
+    };
+    for (const auto& [piece, replacement, reason] : cases) {
+        const auto document = entryWith(piece, replacement);
+        EXPECT_EQ(decoded<ActivityLogEntryIPC>(document), std::nullopt) << document;
+        EXPECT_THAT(failureOf<ActivityLogEntryIPC>(document), HasSubstr(json(reason)));
+        EXPECT_THAT(failureOf<ActivityLogResponseIPC>(json("{'entries':[") + shortestEntry + "," +
+                                                      document + "]}"),
+                    AllOf(HasSubstr("entries[1]."), HasSubstr(json(reason))));
+    }
+    for (const auto* document : {"{}", "[]", "", "{'entries':null}", "{'entries':{}}",
+                                 "{'entries':[null]}", "{'entries':[{}]}", "{'entries':[[]]}"})
+        EXPECT_EQ(decoded<ActivityLogResponseIPC>(json(document)), std::nullopt) << document;
+}
+
+TEST(ExtensionStatus, TakesWholeNumbersOf64Bits) {
+    const struct {
+        const char* count;
+        std::optional<std::int64_t> value;
+    } cases[] = {
+        {"0", 0},
+        {"-3", -3},
+        {"9223372036854775807", std::numeric_limits<std::int64_t>::max()},
+        {"-9223372036854775808", std::numeric_limits<std::int64_t>::min()},
+        {"1e3", 1000},
+        {"9007199254740991.0", 9007199254740991},
+        {"9007199254740993.0", {}},
+        {"9223372036854775808", {}},
+        {"9.223372036854775808e18", {}},
+        {"-9223372036854775809", {}},
+        {"1.5", {}},
+        {"1e-1", {}},
+        {"1e300", {}},
+        {"'1'", {}},
+        {"true", {}},
+        {"null", {}},
+        {"{}", {}},
+    };
+    for (const auto& [count, value] : cases) {
+        const auto status =
+            decoded<ExtensionStatus>(json("{'isActive':false,'ruleCount':"s + count + "}"));
+        EXPECT_EQ(status.has_value(), value.has_value()) << count;
+        if (status && value) {
+            EXPECT_EQ(*status, (ExtensionStatus{false, *value}));
+        }
+    }
+    for (const auto* document : {"{'isActive':true}", "{'ruleCount':1}", "[true,1]",
+                                 "{'isActive':1,'ruleCount':1}", "{'isActive':0,'ruleCount':1}"})
+        EXPECT_EQ(decoded<ExtensionStatus>(json(document)), std::nullopt) << document;
+}
+
+TEST(ActiveAppsResponse, HoldsStringsOnly) {
+    EXPECT_EQ(decoded<ActiveAppsResponse>(json("{'bundleIds':['b','a','']}")),
+              (ActiveAppsResponse{{"b", "a", ""}}));
+    for (const auto* document : {"{}", "['a']", "{'bundleIds':null}", "{'bundleIds':'a'}",
+                                 "{'bundleIds':{'0':'a'}}", "{'bundleIds':['a',null]}"})
+        EXPECT_EQ(decoded<ActiveAppsResponse>(json(document)), std::nullopt) << document;
+    EXPECT_EQ(failureOf<ActiveAppsResponse>(json("{'bundleIds':['a',1]}")),
+              "bundleIds[1]: expected a string, found the number 1");
+}
+
+TEST(ExtensionResponse, HasExactlyOneAlternative) {
+    using Response = ExtensionResponse;
+    for (const auto* document : {"{'success':{}}", "{'success':{},'other':1}",
+                                 "{'success':{'note':'x'}}", "{'success':{},'success':{}}"})
+        EXPECT_EQ(decoded<Response>(json(document)), Response::success()) << document;
+    for (const auto* document : {"{'error':{'_0':'x'}}", "{'error':{'_0':'x','_1':2},'a':null}"})
+        EXPECT_EQ(decoded<Response>(json(document)), Response::error("x")) << document;
+
+    for (const auto* document : {"{}", "{'success':{},'error':{'_0':'x'}}", "{'Success':{}}",
+                                 "{'success':{},'error':null}"})
+        EXPECT_EQ(failureOf<Response>(json(document)),
+                  "Invalid number of keys found, expected one.");
+    const struct {
+        const char* document;
+        const char* reason;
+    } cases[] = {
+        {"{'success':true}", "success: expected an object, found a boolean"},
+        {"{'success':null}", "success: expected an object, found null"},
+        {"{'error':'x'}", "error: expected an object, found the string 'x'"},
+        {"{'error':{}}", "error._0: required, but missing"},
+        {"{'error':{'_0':null}}", "error._0: expected a string, found null"},
+        {"{'error':{'message':'x'}}", "error._0: required, but missing"},
+        {"[]", "expected an object, found an array"},
+    };
+    for (const auto& [document, reason] : cases)
+        EXPECT_EQ(failureOf<Response>(json(document)), json(reason));
+}
+
+class RandomRecords {
+public:
+    bool coin() { return engine() % 2 == 0; }
+    std::int64_t integer() { return static_cast<std::int64_t>(engine()); }
+    std::string text() {
+        static const std::string pieces[] = {
+            "com.",     "example",          "\"", "\\",  "\n", "\0"s, "\x1F", "/",
+            "\xC3\xA9", "\xF0\x9F\x98\x80", " ",  "\x7F"};
+        std::string result;
+        for (auto count = engine() % 6; count > 0; --count)
+            result += pieces[engine() % std::size(pieces)];
+        return result;
+    }
+    Date date() {
+        for (;;) {
+            const auto seconds = coin() ? 785164320.0 + static_cast<double>(engine()) / 0x1p64
+                                        : std::bit_cast<double>(engine());
+            if (std::isfinite(seconds)) return Date::sinceReferenceDate(seconds);
+        }
+    }
+    template <class Make>
+    auto maybe(Make make) {
+        return coin() ? std::optional(make()) : std::nullopt;
+    }
+    ActivityLogEntryIPC entry() {
+        const auto anyText = [this] { return text(); };
+        UUID::Bytes bytes;
+        for (auto& byte : bytes) byte = static_cast<std::uint8_t>(engine());
+        return {UUID::randomFrom(bytes),
+                date(),
+                text(),
+                text(),
+                text(),
+                maybe(anyText),
+                maybe(anyText),
+                maybe(anyText),
+                maybe([this] { return static_cast<std::uint16_t>(engine()); }),
+                maybe(anyText),
+                coin()};
+    }
+    Rules rules() {
+        Rules table;
+        for (auto count = engine() % 4; count > 0; --count) table[text()] = text();
+        return table;
+    }
+    ExtensionMessage message() {
+        return {static_cast<MessageType>(engine() % 4), maybe([this] { return rules(); }),
+                maybe([this] { return text(); })};
+    }
+    template <class Make>
+    auto several(Make make) {
+        std::vector<decltype(make())> values;
+        for (auto count = engine() % 4; count > 0; --count) values.push_back(make());
+        return values;
+    }
+
+private:
+    std::mt19937_64 engine{20261118};
+};
+
+template <class Record>
+void expectRoundTrip(const Record& record) {
+    const auto document = record.encode();
+    ASSERT_TRUE(document);
+    const auto back = decoded<Record>(*document);
+    ASSERT_TRUE(back == record) << *document;
+}
+
+TEST(Records, ReadBackAsTheyWereWritten) {
+    RandomRecords random;
+    for (int i = 0; i < 2'000; ++i) {
+        const auto text = [&] { return random.text(); };
+        expectRoundTrip(random.entry());
+        expectRoundTrip(ActivityLogResponseIPC{random.several([&] { return random.entry(); })});
+        expectRoundTrip(random.message());
+        expectRoundTrip(ExtensionStatus{random.coin(), random.integer()});
+        expectRoundTrip(ActiveAppsResponse{random.several(text)});
+        expectRoundTrip(random.coin() ? ExtensionResponse::success()
+                                      : ExtensionResponse::error(random.text()));
+    }
+}
+
+}  // namespace
+}  // namespace vantry
