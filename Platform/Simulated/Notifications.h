@@ -1,0 +1,58 @@
+// The notification center of the simulated machine. One thread delivers, one delivery at a time;
+// posts while a name is being delivered give one more delivery of it. Any thread may post.
+#pragma once
+
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Platform/DarwinNotifications.h"
+#include "Platform/Simulated/Mutex.h"
+#include "Platform/Simulated/Scheduler.h"
+
+namespace platform {
+
+class CFNotificationCenter {
+public:
+    explicit CFNotificationCenter(simulated::Scheduler& source)
+        : scheduler(source), deliveryThread(source.makeLane()) {}
+    CFNotificationCenter(const CFNotificationCenter&) = delete;
+    CFNotificationCenter& operator=(const CFNotificationCenter&) = delete;
+
+    void post(std::string_view name);
+    // How many registrations there are for a name.
+    std::size_t observerCount(std::string_view name) const;
+    // How often an observer was called.
+    std::size_t deliveryCount() const;
+
+    // The core's side.
+    void add(void* observer, CFNotificationCallback callback, std::string_view name);
+    void removeEvery(const void* observer);
+
+private:
+    struct Registration {
+        void* observer;
+        CFNotificationCallback callback;
+        std::string name;
+        std::uint64_t number;
+    };
+    struct Delivery {
+        bool isUnderWay = false;
+        bool isWantedAgain = false;
+    };
+
+    void deliver(const std::string& name);
+    std::vector<Registration> observersOf(std::string_view name) const REQUIRES(mutex);
+    bool isStillRegistered(std::uint64_t number) const REQUIRES(mutex);
+
+    simulated::Scheduler& scheduler;
+    const simulated::Scheduler::Lane deliveryThread;
+    mutable simulated::Mutex mutex;
+    std::vector<Registration> registrations GUARDED_BY(mutex);
+    std::map<std::string, Delivery, std::less<>> deliveries GUARDED_BY(mutex);
+    std::uint64_t lastNumber GUARDED_BY(mutex) = 0;
+    std::size_t calls GUARDED_BY(mutex) = 0;
+};
+
+}  // namespace platform

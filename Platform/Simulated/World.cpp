@@ -1,0 +1,86 @@
+#include "Platform/Simulated/World.h"
+
+#include <cstdlib>
+
+#include "Platform/Simulated/Contracts.h"
+
+namespace platform::simulated {
+namespace {
+
+Machine& freshMachine(const Options& options) {
+    replaceMachine(options);
+    return machine();
+}
+
+FlowDescription describeFlow(const Process& process, FlowDescription::Kind kind, std::string host,
+                             std::string port) {
+    FlowDescription description;
+    description.kind = kind;
+    description.remoteEndpoint =
+        NWHostEndpoint::endpointWithHostname(std::move(host), std::move(port));
+    description.signingIdentifier = process.signingIdentifier;
+    description.auditToken = process.auditToken();
+    return description;
+}
+
+}  // namespace
+
+World::World(const Options& options)
+    : scheduler(freshMachine(options).scheduler),
+      logged(machine().log),
+      clock(machine().wallClock),
+      files(machine().files),
+      processes(machine().processes),
+      interfaces(machine().interfaces),
+      notifications(machine().notifications),
+      preferences(machine().preferences),
+      network(machine().network),
+      providers(machine().providers),
+      flows(machine().flows) {
+    Logger::setLowestLevel(LogLevel::debug);
+}
+
+World::~World() {
+    machine().end();
+    if (interfaces.listsOutstanding() > 0)
+        breach("a list of getifaddrs was never given to freeifaddrs");
+}
+
+void World::later(Completion<> work, double seconds) {
+    if (seconds > 0)
+        scheduler.startTimer(seconds, "the story", std::move(work));
+    else
+        scheduler.deliver("the story", std::move(work));
+}
+
+Process World::application(const std::string& name, const std::string& identifier) {
+    const std::string bundlePath = "/Applications/" + name + ".app";
+    bundle(bundlePath, identifier);
+    return process(
+        {.path = bundlePath + "/Contents/MacOS/" + name, .signingIdentifier = identifier});
+}
+
+Flow World::tcpFlow(const Process& process, std::string host, std::string port) {
+    return Flow(
+        describeFlow(process, FlowDescription::Kind::tcp, std::move(host), std::move(port)));
+}
+
+Flow World::udpFlow(const Process& process, std::string host, std::string port) {
+    return Flow(
+        describeFlow(process, FlowDescription::Kind::udp, std::move(host), std::move(port)));
+}
+
+bool World::start() {
+    const auto filterStart = startFilter();
+    const auto proxyStart = startProxy();
+    runUntilIdle();
+    return filterStart.succeeded() && proxyStart.succeeded();
+}
+
+std::optional<std::uint64_t> seedFromEnvironment() {
+    const char* text = std::getenv("SEED");
+    if (text == nullptr || *text == '\0') return std::nullopt;
+    return std::strtoull(text, nullptr, 10);
+}
+
+}  // namespace platform::simulated

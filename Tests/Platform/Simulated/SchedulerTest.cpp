@@ -1,0 +1,168 @@
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Platform/Common/UUID.h"
+#include "Platform/Dispatch.h"
+#include "Platform/Simulated/Contracts.h"
+#include "Platform/Simulated/Expectations.h"
+
+namespace platform::simulated {
+namespace {
+
+const auto pool = DispatchQueue::global(QualityOfService::userInitiated);
+
+TEST(Scheduler, RunsNoWorkInsideTheCallThatHandsItOver) {
+    World world;
+    bool hasRun = false;
+    pool.async([&] { hasRun = true; });
+    pool.asyncAfter(0, [&] { hasRun = true; });
+    EXPECT_FALSE(hasRun);
+    world.runUntilIdle();
+    EXPECT_TRUE(hasRun);
+}
+
+TEST(Scheduler, TimersFireInOrderAtTheirVirtualTimes) {
+    World world;
+    std::vector<std::pair<char, double>> fired;
+    pool.asyncAfter(30, [&] { fired.emplace_back('c', world.now()); });
+    pool.asyncAfter(0.05, [&] {
+        fired.emplace_back('a', world.now());
+        pool.asyncAfter(0.05, [&] { fired.emplace_back('b', world.now()); });
+    });
+    world.runUntilIdle();
+    EXPECT_TRUE(fired.empty());
+    world.advance(29.9);
+    ASSERT_EQ(fired.size(), 2u);
+    EXPECT_NEAR(fired[1].second, 0.1, 1e-9);
+    EXPECT_NEAR(world.now(), 29.9, 1e-9);
+    world.advance(0.1);
+    ASSERT_EQ(fired.size(), 3u);
+    EXPECT_EQ(fired[2].second, 30);
+}
+
+TEST(Scheduler, TheWallClockJumpsWithoutTheTimersNoticing) {
+    World world;
+    const auto before = Date::now();
+    bool hasFired = false;
+    DispatchQueue::main().asyncAfter(2, [&] { hasFired = true; });
+    world.clock.jump(-3600);
+    EXPECT_DOUBLE_EQ(Date::now().timeIntervalSince(before), -3600);
+    world.advance(1.5);
+    EXPECT_FALSE(hasFired);
+    EXPECT_DOUBLE_EQ(Date::now().timeIntervalSince(before), -3598.5);
+    world.advance(0.5);
+    EXPECT_TRUE(hasFired);
+}
+
+std::string orderOf(std::uint64_t seed, std::uint64_t& fingerprint) {
+    World world({.order = Order::drawn, .seed = seed});
+    std::string order;
+    for (const char name : {'a', 'b', 'c', 'd', 'e'}) pool.async([&order, name] { order += name; });
+    for (const char name : {'1', '2', '3'})
+        DispatchQueue::main().async([&order, name] { order += name; });
+    world.runUntilIdle();
+    fingerprint = world.scheduler.fingerprint();
+    return order;
+}
+
+TEST(Scheduler, TheSeedDecidesTheOrderAndRepeatsIt) {
+    std::set<std::string> orders;
+    for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+        std::uint64_t first = 0;
+        std::uint64_t again = 0;
+        const auto order = orderOf(seed, first);
+        EXPECT_EQ(order, orderOf(seed, again));
+        EXPECT_EQ(first, again);
+        EXPECT_LT(order.find('1'), order.find('2'));
+        EXPECT_LT(order.find('2'), order.find('3'));
+        orders.insert(order);
+    }
+    EXPECT_GT(orders.size(), 15u);
+}
+
+TEST(Scheduler, LatencyIsPassedOverButTimersAreNot) {
+    World world({.order = Order::drawn, .seed = 7});
+    world.scheduler.setLatency(0.5);
+    int ran = 0;
+    for (int i = 0; i < 10; ++i) pool.async([&] { ++ran; });
+    pool.asyncAfter(5, [&] { ran = -100; });
+    world.runUntilIdle();
+    EXPECT_EQ(ran, 10);
+    EXPECT_LT(world.now(), 0.5);
+}
+
+TEST(Scheduler, WorkIsLetGoWhenItHasRunAndWhenTheWorldEnds) {
+    auto held = std::make_shared<int>();
+    {
+        World world;
+        pool.async([held] {});
+        world.runUntilIdle();
+        EXPECT_EQ(held.use_count(), 1);
+        pool.asyncAfter(1, [held] {});
+        EXPECT_EQ(held.use_count(), 2);
+    }
+    EXPECT_EQ(held.use_count(), 1);
+}
+
+TEST(Scheduler, RandomIdentifiersComeFromTheSeed) {
+    const auto draw = [](std::uint64_t seed) {
+        World world({.seed = seed});
+        return UUID::random().uuidString();
+    };
+    EXPECT_EQ(draw(1), draw(1));
+    EXPECT_NE(draw(1), draw(2));
+}
+
+TEST(Scheduler, ThreadsRunAllWorkAndKeepTheMainQueueSerial) {
+    World world({.order = Order::threads});
+    std::atomic<int> ran = 0;
+    std::vector<int> serial;
+    for (int i = 0; i < 500; ++i) {
+        pool.async([&] { ++ran; });
+        DispatchQueue::main().async([&serial, i] { serial.push_back(i); });
+        pool.asyncAfter(0.5, [&] { ++ran; });
+    }
+    world.runToEnd();
+    EXPECT_EQ(ran, 1000);
+    ASSERT_EQ(serial.size(), 500u);
+    EXPECT_TRUE(std::is_sorted(serial.begin(), serial.end()));
+}
+
+TEST(Exploration, NamesTheFirstSeedThatFails) {
+    if (seedFromEnvironment()) GTEST_SKIP() << "one seed is asked for";
+    const auto failed = explore({.seeds = 50}, [](std::uint64_t seed) {
+        if (seed == 23) std::puts("what went wrong");
+        return seed != 23;
+    });
+    ASSERT_TRUE(failed);
+    EXPECT_EQ(failed->seed, 23u);
+    EXPECT_EQ(failed->how, "exit status 1");
+    EXPECT_EQ(failed->output, "what went wrong\n");
+}
+
+TEST(Exploration, ABreachFailsItsSeedAndSaysHowToRepeatIt) {
+    if (seedFromEnvironment()) GTEST_SKIP() << "one seed is asked for";
+    const auto failed = explore({.seeds = 3}, [](std::uint64_t seed) {
+        World world({.order = Order::drawn, .seed = seed});
+        pool.async([] {
+            NSLock lock;
+            const NSLockGuard guard(lock);
+            NSFileManager::defaultManager().removeItemAtPath("/x");
+        });
+        world.runUntilIdle();
+        return true;
+    });
+    ASSERT_TRUE(failed);
+    EXPECT_EQ(failed->seed, 1u);
+    EXPECT_NE(failed->output.find("removeItemAtPath is called while an NSLock is held"),
+              std::string::npos);
+    EXPECT_NE(failed->output.find("SEED=1"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace platform::simulated
