@@ -1,0 +1,177 @@
+#include "Platform/Linux/Attribution/FlowOwner.h"
+
+#include <netinet/in.h>
+
+#include <chrono>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "Platform/Linux/Attribution/ProcessTable.h"
+#include "Platform/Linux/Attribution/RecentMemory.h"
+#include "Platform/Linux/Attribution/SocketDiagnosis.h"
+#include "Platform/Linux/Attribution/SocketHolders.h"
+#include "Platform/Linux/Attribution/SystemAccounts.h"
+
+namespace platform {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+constexpr std::size_t rememberedSockets = 2048;
+// A datagram may leave after its socket was closed; a port is not used again so soon.
+constexpr auto memoryOfSource = 2s;
+// A socket that nobody was found to hold is not searched for again at once.
+constexpr auto memoryOfNobody = 1s;
+constexpr int deepestInheritance = 16;
+
+using ProcessPointer = std::shared_ptr<const Process>;
+
+struct KnownSocket {
+    SocketHolder holder;
+    FlowOwner owner;
+};
+
+struct KnownSource {
+    FlowOwner owner;
+    Clock::time_point seen;
+};
+
+// The local end of a flow, as a key.
+std::string sourceOf(const FlowTuple& flow) {
+    std::string key(flow.sourceAddress.begin(), flow.sourceAddress.end());
+    for (const int number : {flow.family, int{flow.sourcePort}})
+        key += ":" + std::to_string(number);
+    return key;
+}
+
+FlowOwner systemAccount(const SocketFacts& socket) {
+    FlowOwner owner;
+    owner.auditToken = makeAuditToken({.effectiveUserId = socket.uid});
+    owner.uid = socket.uid;
+    owner.socketCookie = socket.cookie;
+    owner.isBoundToDevice = socket.isBoundToDevice;
+    return owner;
+}
+
+FlowOwner ownerFor(const SocketFacts& socket, const Process& process) {
+    return {.signingIdentifier = process.signingIdentifier,
+            .auditToken = process.auditToken(),
+            .pid = process.pid,
+            .uid = socket.uid,
+            .socketCookie = socket.cookie,
+            .isBoundToDevice = socket.isBoundToDevice,
+            .path = process.shownPath};
+}
+
+// A child has an inherited socket at the same descriptor as its parent. The socket is the parent's
+// as long as the parent has it and runs under the account that made it.
+ProcessPointer inheritedFrom(ProcessPointer process, int descriptor, const SocketFacts& socket) {
+    for (int generation = 0; process && generation < deepestInheritance; ++generation) {
+        const auto parentPid = process->status.parentPid;
+        if (parentPid <= 1 || !holdsSocket({parentPid, descriptor}, socket.inode)) break;
+        auto parent = ProcessTable::shared().examine(parentPid);
+        if (!parent || parent->status.effectiveUserId != socket.uid) break;
+        process = std::move(parent);
+    }
+    return process;
+}
+
+}  // namespace
+
+// What one look-up needs of the others: connections to the kernel, and what they have found.
+class FlowAttribution::Search {
+public:
+    std::optional<FlowOwner> ownerOf(const FlowTuple& flow) {
+        auto diagnosis = borrowDiagnosis();
+        const auto socket = diagnosis->find(flow);
+        giveBack(std::move(diagnosis));
+        if (!socket) return ownerOfSource(flow);
+
+        auto owner = ownerOf(*socket);
+        if (owner && flow.protocol == IPPROTO_UDP) {
+            sources.remember(sourceOf(flow), {*owner, Clock::now()});
+        }
+        return owner;
+    }
+
+    bool destroySocket(const FlowTuple& flow) {
+        auto diagnosis = borrowDiagnosis();
+        const auto socket = diagnosis->find(flow);
+        const bool isEnded = socket && socket->hasPeer && diagnosis->destroy(flow, socket->cookie);
+        giveBack(std::move(diagnosis));
+        return isEnded;
+    }
+
+private:
+    std::optional<FlowOwner> ownerOf(const SocketFacts& socket) {
+        const auto known = sockets.find(socket.cookie);
+        const auto remembered = known ? std::optional(known->owner) : std::nullopt;
+        if (socket.inode == 0) return remembered;
+        if (isSystemAccount(socket.uid)) return systemAccount(socket);
+        if (known && holdsSocket(known->holder, socket.inode)) {
+            if (auto owner = remember(known->holder, socket)) return owner;
+        }
+        if (isHeldByNobody(socket)) return remembered;
+        const auto holder = holders.find(socket.inode, socket.uid);
+        if (!holder) nobodys.remember(socket.cookie, Clock::now());
+        auto owner = holder ? remember(*holder, socket) : std::nullopt;
+        return owner ? owner : remembered;
+    }
+
+    std::optional<FlowOwner> remember(const SocketHolder& holder, const SocketFacts& socket) {
+        const auto process =
+            inheritedFrom(ProcessTable::shared().examine(holder.pid), holder.descriptor, socket);
+        if (!process) return std::nullopt;
+        auto owner = ownerFor(socket, *process);
+        sockets.remember(socket.cookie, {{process->pid, holder.descriptor}, owner});
+        return owner;
+    }
+
+    std::optional<FlowOwner> ownerOfSource(const FlowTuple& flow) {
+        if (flow.protocol != IPPROTO_UDP) return std::nullopt;
+        const auto known = sources.find(sourceOf(flow));
+        const bool isFresh = known && Clock::now() - known->seen <= memoryOfSource;
+        return isFresh ? std::optional(known->owner) : std::nullopt;
+    }
+
+    bool isHeldByNobody(const SocketFacts& socket) {
+        const auto searched = nobodys.find(socket.cookie);
+        return searched && Clock::now() - *searched <= memoryOfNobody;
+    }
+
+    using DiagnosisPointer = std::unique_ptr<SocketDiagnosis>;
+
+    DiagnosisPointer borrowDiagnosis() {
+        const std::lock_guard guard(lock);
+        if (idle.empty()) return std::make_unique<SocketDiagnosis>();
+        auto diagnosis = std::move(idle.back());
+        idle.pop_back();
+        return diagnosis;
+    }
+
+    void giveBack(DiagnosisPointer diagnosis) {
+        const std::lock_guard guard(lock);
+        idle.push_back(std::move(diagnosis));
+    }
+
+    SocketHolders holders;
+    RecentMemory<std::uint64_t, KnownSocket> sockets{rememberedSockets};
+    RecentMemory<std::uint64_t, Clock::time_point> nobodys{rememberedSockets};
+    RecentMemory<std::string, KnownSource> sources{rememberedSockets};
+    std::mutex lock;  // guards `idle`
+    std::vector<DiagnosisPointer> idle;
+};
+
+FlowAttribution::FlowAttribution() : search(std::make_unique<Search>()) {}
+FlowAttribution::~FlowAttribution() = default;
+
+std::optional<FlowOwner> FlowAttribution::ownerOf(const FlowTuple& flow) {
+    return search->ownerOf(flow);
+}
+
+bool FlowAttribution::destroySocket(const FlowTuple& flow) { return search->destroySocket(flow); }
+
+}  // namespace platform

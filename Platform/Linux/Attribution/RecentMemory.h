@@ -1,0 +1,41 @@
+// A table that forgets: it holds the latest entries, at least `size` and at most twice as many, and
+// lets go of the older ones in bulk. Any thread.
+#pragma once
+
+#include <cstddef>
+#include <mutex>
+#include <optional>
+#include <unordered_map>
+#include <utility>
+
+namespace platform {
+
+template <class Key, class Value>
+class RecentMemory {
+public:
+    explicit RecentMemory(std::size_t size) : generationSize(size) {}
+
+    std::optional<Value> find(const Key& key) {
+        const std::lock_guard guard(lock);
+        for (const auto* generation : {&young, &old}) {
+            const auto found = generation->find(key);
+            if (found != generation->end()) return found->second;
+        }
+        return std::nullopt;
+    }
+
+    void remember(const Key& key, Value value) {
+        const std::lock_guard guard(lock);
+        if (young.size() >= generationSize) old = std::exchange(young, {});
+        young.insert_or_assign(key, std::move(value));
+    }
+
+private:
+    using Generation = std::unordered_map<Key, Value>;
+    const std::size_t generationSize;
+    std::mutex lock;  // guards both generations; held for table work only
+    Generation young;
+    Generation old;
+};
+
+}  // namespace platform

@@ -1,0 +1,42 @@
+// Asks the kernel which socket a flow belongs to, over one netlink socket. One thread at a time; a
+// question takes a few microseconds and no longer when there are more sockets.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+
+#include "Platform/Linux/Attribution/FlowTuple.h"
+#include "Platform/Linux/FileDescriptor.h"
+
+namespace platform {
+
+struct SocketFacts {
+    std::uint64_t cookie = 0;
+    std::uint32_t inode = 0;  // 0: no process holds the socket any more
+    uid_t uid = 0;            // of who made it, as seen in our user namespace
+    bool isBoundToDevice = false;
+    bool hasPeer = false;  // false for a UDP socket that is not connected
+};
+
+class SocketDiagnosis {
+public:
+    SocketDiagnosis();
+
+    // Nothing if there is no such socket.
+    std::optional<SocketFacts> find(const FlowTuple& flow);
+
+    // Ends the flow's socket if it still is the one with this cookie. False if that failed.
+    bool destroy(const FlowTuple& flow, std::uint64_t cookie);
+
+private:
+    // Sends the request; leaves the answer in `answer` and returns its length, 0 on failure.
+    std::size_t exchange(const void* request, std::size_t size);
+
+    FileDescriptor netlink;
+    std::uint32_t sequence = 0;
+    alignas(8) char answer[1024];
+};
+
+}  // namespace platform

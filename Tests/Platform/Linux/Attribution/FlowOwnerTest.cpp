@@ -1,0 +1,547 @@
+// Who is found to own the flows of real processes.
+
+#include "Platform/Linux/Attribution/FlowOwner.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fstream>
+#include <new>
+#include <thread>
+#include <vector>
+
+#include "Platform/LibProc.h"
+#include "Platform/Linux/Attribution/ProcessTable.h"
+#include "Platform/Linux/Attribution/SystemAccounts.h"
+#include "Tests/Platform/Linux/Attribution/RealPrograms.h"
+
+namespace platform {
+namespace {
+
+using testing::readyAs;
+using testing::RunningProgram;
+using testing::TemporaryFolder;
+
+constexpr uid_t person = 4321;
+
+// The tests' owners of flows run under a person's account.
+void becomePerson() {
+    if (::geteuid() != 0) return;
+    if (::setgroups(0, nullptr) != 0 || ::setgid(person) != 0 || ::setuid(person) != 0) {
+        ::_exit(126);
+    }
+}
+
+// Room that a child shares with the test that forked it.
+struct Shared {
+    std::atomic<int> value{0};
+    std::atomic<int> second{0};
+};
+
+class SharedRoom {
+public:
+    SharedRoom()
+        : room(new (::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
+                           MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Shared) {}
+    ~SharedRoom() { ::munmap(room, sizeof(Shared)); }
+    SharedRoom(const SharedRoom&) = delete;
+    SharedRoom& operator=(const SharedRoom&) = delete;
+    Shared* operator->() const { return room; }
+
+private:
+    Shared* room;
+};
+
+struct Address {
+    sockaddr_storage storage{};
+    socklen_t length = sizeof(sockaddr_storage);
+    sockaddr* get() { return reinterpret_cast<sockaddr*>(&storage); }
+    std::uint16_t port() const {
+        // Both families keep the port at the same place.
+        sockaddr_in internet{};
+        std::memcpy(&internet, &storage, sizeof internet);
+        return ntohs(internet.sin_port);
+    }
+};
+
+Address addressOf(int family, const char* text, std::uint16_t port) {
+    Address address;
+    if (family == AF_INET) {
+        sockaddr_in internet{};
+        internet.sin_family = AF_INET;
+        internet.sin_port = htons(port);
+        ::inet_pton(AF_INET, text, &internet.sin_addr);
+        address.length = sizeof internet;
+        std::memcpy(&address.storage, &internet, sizeof internet);
+    } else {
+        sockaddr_in6 internet{};
+        internet.sin6_family = AF_INET6;
+        internet.sin6_port = htons(port);
+        ::inet_pton(AF_INET6, text, &internet.sin6_addr);
+        address.length = sizeof internet;
+        std::memcpy(&address.storage, &internet, sizeof internet);
+    }
+    return address;
+}
+
+std::uint16_t localPort(int socket) {
+    Address address;
+    ::getsockname(socket, address.get(), &address.length);
+    return address.port();
+}
+
+FlowTuple loopbackFlow(int protocol, int family, std::uint16_t source, std::uint16_t destination) {
+    FlowTuple flow;
+    flow.protocol = protocol;
+    flow.family = family;
+    const char* loopback = family == AF_INET ? "127.0.0.1" : "::1";
+    ::inet_pton(family, loopback, flow.sourceAddress.data());
+    ::inet_pton(family, loopback, flow.destinationAddress.data());
+    flow.sourcePort = source;
+    flow.destinationPort = destination;
+    flow.outputInterface = ::if_nametoindex("lo");
+    return flow;
+}
+
+// A local port to send to, on both families; it never answers.
+class Destination {
+public:
+    Destination() {
+        for (const int type : {SOCK_STREAM, SOCK_DGRAM}) {
+            const int socket = ::socket(AF_INET6, type | SOCK_CLOEXEC, 0);
+            auto address = addressOf(AF_INET6, "::", port);
+            if (::bind(socket, address.get(), address.length) != 0) ::abort();
+            if (type == SOCK_STREAM) ::listen(socket, 1024);
+            if (port == 0) port = localPort(socket);
+            sockets.push_back(socket);
+        }
+    }
+    ~Destination() {
+        for (const int socket : sockets) ::close(socket);
+    }
+    // Waits for a datagram and says from which port it came.
+    std::uint16_t senderOfNextDatagram() const {
+        Address from;
+        char byte = 0;
+        ::recvfrom(sockets.back(), &byte, 1, 0, from.get(), &from.length);
+        return from.port();
+    }
+
+    std::uint16_t port = 0;
+
+private:
+    std::vector<int> sockets;
+};
+
+int connected(int family, int type, const char* to, std::uint16_t port) {
+    const int socket = ::socket(family, type, 0);
+    auto address = addressOf(family, to, port);
+    ::connect(socket, address.get(), address.length);
+    return socket;
+}
+
+int sendingFromWildcard(int family, const char* to, std::uint16_t port) {
+    const int socket = ::socket(family, SOCK_DGRAM, 0);
+    auto address = addressOf(family, to, port);
+    ::sendto(socket, "x", 1, 0, address.get(), address.length);
+    return socket;
+}
+
+void sayReady(int descriptor) {
+    const auto text = "ready " + std::to_string(::getpid()) + "\n";
+    if (::write(descriptor, text.data(), text.size()) < 0) ::_exit(125);
+}
+
+[[noreturn]] void waitForEnd() {
+    while (true) ::pause();
+}
+
+class FlowOwners : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (::geteuid() != 0 && isSystemAccount(::geteuid())) {
+            GTEST_SKIP() << "the tests run under a system account";
+        }
+        if (const auto reason = testing::reasonForNoOrdinaryPrograms(); !reason.empty()) {
+            GTEST_SKIP() << reason;
+        }
+    }
+
+    // The process id of the flow's owner, 0 for a system account, -1 for nobody.
+    pid_t ownerPid(const FlowTuple& flow) {
+        const auto owner = attribution.ownerOf(flow);
+        return owner ? owner->pid : -1;
+    }
+
+    FlowTuple tcp(std::uint16_t source) const {
+        return loopbackFlow(IPPROTO_TCP, AF_INET, source, destination.port);
+    }
+    FlowTuple udp(std::uint16_t source) const {
+        return loopbackFlow(IPPROTO_UDP, AF_INET, source, destination.port);
+    }
+
+    Destination destination;
+    FlowAttribution attribution;
+    SharedRoom shared;
+};
+
+TEST_F(FlowOwners, EveryKindOfSocketIsFound) {
+    const auto to = destination.port;
+    const struct {
+        const char* what;
+        int protocol;
+        int packetFamily;
+        std::function<int()> makeSocket;
+        bool isBound;
+    } cases[] = {
+        {"TCP", IPPROTO_TCP, AF_INET,
+         [&] { return connected(AF_INET, SOCK_STREAM, "127.0.0.1", to); }, false},
+        {"TCP over IPv6", IPPROTO_TCP, AF_INET6,
+         [&] { return connected(AF_INET6, SOCK_STREAM, "::1", to); }, false},
+        {"TCP, IPv4 on an IPv6 socket", IPPROTO_TCP, AF_INET,
+         [&] { return connected(AF_INET6, SOCK_STREAM, "::ffff:127.0.0.1", to); }, false},
+        {"UDP with a peer", IPPROTO_UDP, AF_INET,
+         [&] { return connected(AF_INET, SOCK_DGRAM, "127.0.0.1", to); }, false},
+        {"UDP over IPv6 with a peer", IPPROTO_UDP, AF_INET6,
+         [&] { return connected(AF_INET6, SOCK_DGRAM, "::1", to); }, false},
+        {"UDP without a peer", IPPROTO_UDP, AF_INET,
+         [&] { return sendingFromWildcard(AF_INET, "127.0.0.1", to); }, false},
+        {"UDP over IPv6 without a peer", IPPROTO_UDP, AF_INET6,
+         [&] { return sendingFromWildcard(AF_INET6, "::1", to); }, false},
+        {"UDP without a peer, IPv4 on an IPv6 socket", IPPROTO_UDP, AF_INET,
+         [&] { return sendingFromWildcard(AF_INET6, "::ffff:127.0.0.1", to); }, false},
+        {"TCP bound to a device", IPPROTO_TCP, AF_INET,
+         [&] {
+             const int socket = ::socket(AF_INET, SOCK_STREAM, 0);
+             ::setsockopt(socket, SOL_SOCKET, SO_BINDTODEVICE, "lo", 2);
+             auto address = addressOf(AF_INET, "127.0.0.1", to);
+             ::connect(socket, address.get(), address.length);
+             return socket;
+         },
+         true},
+        {"UDP bound to a device", IPPROTO_UDP, AF_INET,
+         [&] {
+             const int socket = ::socket(AF_INET, SOCK_DGRAM, 0);
+             ::setsockopt(socket, SOL_SOCKET, SO_BINDTODEVICE, "lo", 2);
+             auto address = addressOf(AF_INET, "127.0.0.1", to);
+             ::sendto(socket, "x", 1, 0, address.get(), address.length);
+             return socket;
+         },
+         true},
+    };
+    for (const auto& each : cases) {
+        const RunningProgram program([&](int ready) {
+            becomePerson();
+            shared->value = localPort(each.makeSocket());
+            sayReady(ready);
+            waitForEnd();
+        });
+        const auto source = static_cast<std::uint16_t>(shared->value);
+        const auto owner =
+            attribution.ownerOf(loopbackFlow(each.protocol, each.packetFamily, source, to));
+        ASSERT_TRUE(owner) << each.what;
+        EXPECT_EQ(owner->pid, program.pid()) << each.what;
+        EXPECT_EQ(owner->uid, ::geteuid() == 0 ? person : ::geteuid()) << each.what;
+        EXPECT_EQ(owner->isBoundToDevice, each.isBound) << each.what;
+        EXPECT_NE(owner->socketCookie, 0U) << each.what;
+        const auto process = ProcessTable::shared().examine(program.pid());
+        ASSERT_TRUE(process) << each.what;
+        EXPECT_EQ(owner->auditToken, process->auditToken()) << each.what;
+        EXPECT_EQ(owner->signingIdentifier, process->signingIdentifier) << each.what;
+    }
+}
+
+TEST_F(FlowOwners, ASystemAccountIsNotSearchedFor) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root has a system account at hand";
+    const int socket = connected(AF_INET, SOCK_STREAM, "127.0.0.1", destination.port);
+    const auto owner = attribution.ownerOf(tcp(localPort(socket)));
+    ::close(socket);
+    ASSERT_TRUE(owner);
+    EXPECT_EQ(owner->pid, 0);
+    EXPECT_EQ(owner->auditToken, AuditToken{});
+    EXPECT_EQ(owner->signingIdentifier, "");
+    EXPECT_EQ(owner->path, "");
+}
+
+TEST_F(FlowOwners, AnUnknownSocketHasNoOwner) {
+    for (const int protocol : {IPPROTO_TCP, IPPROTO_UDP}) {
+        EXPECT_EQ(ownerPid(loopbackFlow(protocol, AF_INET, 1, destination.port)), -1);
+    }
+}
+
+TEST_F(FlowOwners, ASharedSocketIsItsParentsUntilTheParentLetsGo) {
+    const RunningProgram program([&](int ready) {
+        becomePerson();
+        const int socket = connected(AF_INET, SOCK_DGRAM, "127.0.0.1", destination.port);
+        shared->value = localPort(socket);
+        const pid_t child = ::fork();
+        if (child == 0) waitForEnd();
+        const auto text = "ready " + std::to_string(child) + "\n";
+        if (::write(ready, text.data(), text.size()) < 0) ::_exit(125);
+        while (shared->second == 0) ::usleep(100);
+        ::close(socket);
+        shared->second = 2;
+        waitForEnd();
+    });
+    const auto flow = udp(static_cast<std::uint16_t>(shared->value));
+    EXPECT_EQ(ownerPid(flow), program.pid());
+    EXPECT_EQ(ownerPid(flow), program.pid());
+    shared->second = 1;
+    while (shared->second != 2) ::usleep(100);
+    EXPECT_EQ(ownerPid(flow), program.namedPid());
+}
+
+TEST_F(FlowOwners, ASocketPassedOnBelongsToItsReceiver) {
+    int channel[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, channel), 0);
+    union {
+        cmsghdr header;
+        char room[CMSG_SPACE(sizeof(int))];
+    } control{};
+    char byte = 'x';
+    iovec part{&byte, 1};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = &control;
+    message.msg_controllen = sizeof control;
+
+    const RunningProgram receiver([&](int ready) {
+        becomePerson();
+        sayReady(ready);
+        if (::recvmsg(channel[1], &message, 0) != 1) ::_exit(125);
+        shared->second = 1;
+        waitForEnd();
+    });
+    const RunningProgram sender([&](int ready) {
+        becomePerson();
+        const int socket = connected(AF_INET, SOCK_STREAM, "127.0.0.1", destination.port);
+        shared->value = localPort(socket);
+        sayReady(ready);
+        while (shared->second == 0) ::usleep(100);
+        auto* header = CMSG_FIRSTHDR(&message);
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        header->cmsg_len = CMSG_LEN(sizeof(int));
+        std::memcpy(CMSG_DATA(header), &socket, sizeof socket);
+        shared->second = 0;
+        if (::sendmsg(channel[0], &message, 0) != 1) ::_exit(125);
+        while (shared->second == 0) ::usleep(100);
+        ::close(socket);
+        shared->second = 2;
+        waitForEnd();
+    });
+    const auto flow = tcp(static_cast<std::uint16_t>(shared->value));
+    EXPECT_EQ(ownerPid(flow), sender.pid());
+    shared->second = 1;
+    while (shared->second != 2) ::usleep(100);
+    EXPECT_EQ(ownerPid(flow), receiver.pid());
+    for (const int end : channel) ::close(end);
+}
+
+TEST_F(FlowOwners, AfterAnExecItIsTheNewProgram) {
+    const TemporaryFolder folder;
+    folder.addBundle("First.app", "com.example.First");
+    folder.addBundle("Second.app", "com.example.Second");
+    const auto first = folder.addProgram("First.app/Contents/MacOS/First");
+    const auto second = folder.addProgram("Second.app/Contents/MacOS/Second");
+    const auto port = std::to_string(destination.port);
+    const RunningProgram program(
+        first,
+        "exec 7<>/dev/udp/127.0.0.1/" + port + "; echo >&7; trap 'exec " + second +
+            " -c \"kill -STOP \\$\\$\"' USR1; echo ready $$; while :; do sleep 0.02; done",
+        becomePerson);
+    ASSERT_TRUE(program.isReady());
+    const auto source = destination.senderOfNextDatagram();
+    const auto before = attribution.ownerOf(udp(source));
+    ASSERT_TRUE(before);
+    EXPECT_EQ(before->signingIdentifier, "com.example.First");
+    EXPECT_EQ(before->path, first);
+
+    ASSERT_EQ(::kill(program.pid(), SIGUSR1), 0);
+    auto after = before;
+    for (int attempt = 0; attempt < 5000; ++attempt) {
+        after = attribution.ownerOf(udp(source));
+        if (!after || after->signingIdentifier != before->signingIdentifier) break;
+        ::usleep(1000);
+    }
+    ASSERT_TRUE(after);
+    EXPECT_EQ(after->signingIdentifier, "com.example.Second");
+    EXPECT_EQ(after->pid, before->pid);
+    EXPECT_NE(after->auditToken, before->auditToken);
+}
+
+TEST_F(FlowOwners, ASocketAmongManyDescriptorsIsFound) {
+    const RunningProgram program([&](int ready) {
+        const rlimit many{4096, 4096};
+        ::setrlimit(RLIMIT_NOFILE, &many);
+        becomePerson();
+        int opened = 0;
+        while (opened < 3000 && ::dup(STDIN_FILENO) >= 0) ++opened;
+        const int late = connected(AF_INET, SOCK_STREAM, "127.0.0.1", destination.port);
+        for (int hole = 500; hole < 520; ++hole) ::close(hole);
+        const int early = connected(AF_INET, SOCK_STREAM, "127.0.0.1", destination.port);
+        shared->value = localPort(late);
+        shared->second = localPort(early);
+        sayReady(ready);
+        waitForEnd();
+    });
+    ASSERT_TRUE(program.isReady());
+    EXPECT_EQ(ownerPid(tcp(static_cast<std::uint16_t>(shared->value))), program.pid());
+    EXPECT_EQ(ownerPid(tcp(static_cast<std::uint16_t>(shared->second))), program.pid());
+}
+
+TEST_F(FlowOwners, AThreadWithDescriptorsOfItsOwnCounts) {
+    const RunningProgram program([&](int ready) {
+        becomePerson();
+        std::thread([&] {
+            if (::unshare(CLONE_FILES) != 0) ::_exit(125);
+            shared->value =
+                localPort(connected(AF_INET, SOCK_STREAM, "127.0.0.1", destination.port));
+            sayReady(ready);
+            waitForEnd();
+        }).join();
+    });
+    ASSERT_TRUE(program.isReady());
+    EXPECT_EQ(ownerPid(tcp(static_cast<std::uint16_t>(shared->value))), program.pid());
+}
+
+TEST_F(FlowOwners, AProcessThatHasJustGoneIsStillNamed) {
+    const TemporaryFolder folder;
+    RunningProgram program([&](int ready) {
+        becomePerson();
+        shared->value = localPort(sendingFromWildcard(AF_INET, "127.0.0.1", destination.port));
+        sayReady(ready);
+        waitForEnd();
+    });
+    auto flow = udp(static_cast<std::uint16_t>(shared->value));
+    const auto before = attribution.ownerOf(flow);
+    ASSERT_TRUE(before);
+    program.end();
+    // Another flow of the same socket, whose first packet is looked at too late.
+    flow.destinationPort = static_cast<std::uint16_t>(flow.destinationPort ^ 1);
+    const auto after = attribution.ownerOf(flow);
+    ASSERT_TRUE(after);
+    EXPECT_EQ(after->auditToken, before->auditToken);
+    EXPECT_EQ(after->signingIdentifier, before->signingIdentifier);
+    std::array<char, 1024> path{};
+    ASSERT_GT(proc_pidpath(after->pid, path.data(), path.size()), 0);
+    EXPECT_EQ(before->path, path.data());
+}
+
+TEST_F(FlowOwners, AReusedProcessIdIsAnotherProcess) {
+    constexpr auto setting = "/proc/sys/kernel/ns_last_pid";
+    if (!(std::ofstream(setting) << 20'000 << std::flush)) {
+        GTEST_SKIP() << "process ids cannot be chosen here";
+    }
+    // The next process gets the id behind the one that is set, unless somebody is faster.
+    const auto start = [&](pid_t pid) {
+        std::ofstream(setting) << pid - 1;
+        return std::make_unique<RunningProgram>([&](int ready) {
+            becomePerson();
+            shared->value =
+                localPort(connected(AF_INET, SOCK_DGRAM, "127.0.0.1", destination.port));
+            sayReady(ready);
+            waitForEnd();
+        });
+    };
+    const auto owner = [&] {
+        return attribution.ownerOf(udp(static_cast<std::uint16_t>(shared->value)));
+    };
+    auto first = start(20'000);
+    const auto pid = first->pid();
+    const auto before = owner();
+    first->end();
+    // Start times count in clock ticks: only a process of a later one can be told apart.
+    for (int attempt = 0; attempt < 200; ++attempt) {
+        const auto second = start(pid);
+        const auto after = owner();
+        ASSERT_TRUE(before && after);
+        EXPECT_EQ(after->pid, second->pid());
+        if (second->pid() == pid && after->auditToken != before->auditToken) return;
+    }
+    FAIL() << "no other token for the process id " << pid;
+}
+
+TEST_F(FlowOwners, ManyShortLivedProcessesAreToldApart) {
+    for (int round = 0; round < 100; ++round) {
+        const RunningProgram program([&](int ready) {
+            becomePerson();
+            shared->value = localPort(connected(AF_INET, round % 2 ? SOCK_STREAM : SOCK_DGRAM,
+                                                "127.0.0.1", destination.port));
+            sayReady(ready);
+            waitForEnd();
+        });
+        const auto source = static_cast<std::uint16_t>(shared->value);
+        EXPECT_EQ(ownerPid(round % 2 ? tcp(source) : udp(source)), program.pid()) << round;
+    }
+}
+
+TEST_F(FlowOwners, ManyThreadsMayAskAtOnce) {
+    std::vector<std::unique_ptr<RunningProgram>> programs;
+    std::vector<FlowTuple> flows;
+    for (int index = 0; index < 6; ++index) {
+        programs.push_back(std::make_unique<RunningProgram>([&](int ready) {
+            becomePerson();
+            shared->value =
+                localPort(connected(AF_INET, SOCK_STREAM, "127.0.0.1", destination.port));
+            sayReady(ready);
+            waitForEnd();
+        }));
+        flows.push_back(tcp(static_cast<std::uint16_t>(shared->value)));
+    }
+    std::atomic<int> wrong{0};
+    {
+        std::vector<std::jthread> threads;
+        for (std::size_t offset = 0; offset < 4; ++offset) {
+            threads.emplace_back([&, offset] {
+                for (std::size_t round = 0; round < 300; ++round) {
+                    const auto index = (round + offset) % flows.size();
+                    if (ownerPid(flows[index]) != programs[index]->pid()) ++wrong;
+                }
+            });
+        }
+    }
+    EXPECT_EQ(wrong, 0);
+}
+
+TEST_F(FlowOwners, ADestroyedSocketFailsAtOnce) {
+    const int stream = connected(AF_INET, SOCK_STREAM, "127.0.0.1", destination.port);
+    const int datagram = connected(AF_INET, SOCK_DGRAM, "127.0.0.1", destination.port);
+    const int free = sendingFromWildcard(AF_INET, "127.0.0.1", destination.port);
+    if (!attribution.destroySocket(tcp(localPort(stream)))) {
+        for (const int socket : {stream, datagram, free}) ::close(socket);
+        GTEST_SKIP() << "sockets cannot be destroyed here";
+    }
+    const auto datagramSource = localPort(datagram);
+    EXPECT_TRUE(attribution.destroySocket(udp(datagramSource)));
+    EXPECT_FALSE(attribution.destroySocket(udp(localPort(free))));
+    EXPECT_FALSE(attribution.destroySocket(udp(1)));
+
+    for (const int socket : {stream, datagram}) {
+        int failure = 0;
+        socklen_t length = sizeof failure;
+        ASSERT_EQ(::getsockopt(socket, SOL_SOCKET, SO_ERROR, &failure, &length), 0);
+        EXPECT_EQ(failure, ECONNABORTED);
+    }
+    EXPECT_EQ(::send(free, "x", 1, 0), -1);
+    EXPECT_EQ(errno, EDESTADDRREQ);
+    for (const int socket : {stream, datagram, free}) ::close(socket);
+}
+
+}  // namespace
+}  // namespace platform
