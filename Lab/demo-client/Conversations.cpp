@@ -1,0 +1,294 @@
+#include "Lab/demo-client/Conversations.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "Lab/sockets/Descriptor.h"
+
+namespace lab {
+namespace {
+
+constexpr std::chrono::milliseconds pace{20};
+constexpr uint64_t chunkSize = 1000;
+
+using Clock = std::chrono::steady_clock;
+
+// Waits until the socket is ready for `events`; false, with errno set, when patience runs out.
+bool waitFor(const Descriptor& socket, short events, Clock::time_point deadline) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    pollfd entry{.fd = socket.number(), .events = events, .revents = 0};
+    const auto count = poll(&entry, 1, left > 0 ? static_cast<int>(left) : 0);
+    if (count == 0) errno = ETIMEDOUT;
+    return count > 0;
+}
+
+int pendingError(const Descriptor& socket) {
+    int error = 0;
+    socklen_t length = sizeof error;
+    getsockopt(socket.number(), SOL_SOCKET, SO_ERROR, &error, &length);
+    return error;
+}
+
+Address target(const Destination& destination) {
+    return destination.isMapped ? destination.address.mapped() : destination.address;
+}
+
+Descriptor openSocket(const Destination& destination, int type, Report& report) {
+    Descriptor socket(
+        ::socket(target(destination).family(), type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!socket) report.failedAt("socket", errno);
+    const auto& device = destination.bindDevice;
+    if (socket && !device.empty() &&
+        setsockopt(socket.number(), SOL_SOCKET, SO_BINDTODEVICE, device.data(),
+                   static_cast<socklen_t>(device.size())) != 0) {
+        report.failedAt("bind", errno);
+        socket.close();
+    }
+    return socket;
+}
+
+// A socket that is connected, or none and the report filled.
+Descriptor connectTo(const Destination& destination, int type, Report& report) {
+    auto socket = openSocket(destination, type, report);
+    if (!socket) return {};
+    const auto address = target(destination);
+    const auto deadline = Clock::now() + destination.patience;
+    auto error = connect(socket.number(), address.pointer(), address.length) == 0 ? 0 : errno;
+    if (error == EINPROGRESS)
+        error = waitFor(socket, POLLOUT, deadline) ? pendingError(socket) : errno;
+    if (error != 0) {
+        report.failedAt("connect", error);
+        return {};
+    }
+    sockaddr_storage storage{};
+    socklen_t length = sizeof storage;
+    getsockname(socket.number(), reinterpret_cast<sockaddr*>(&storage), &length);
+    report.localAddress = Address::of(storage, length).host();
+    return socket;
+}
+
+// Receives what is there within the deadline; empty, and the report filled, when nothing came.
+std::string receive(const Descriptor& socket, Clock::time_point deadline, Report& report) {
+    std::array<char, 65536> buffer;
+    while (true) {
+        const auto count = recv(socket.number(), buffer.data(), buffer.size(), 0);
+        if (count > 0) {
+            report.bytesReceived += static_cast<uint64_t>(count);
+            return {buffer.data(), static_cast<size_t>(count)};
+        }
+        const auto error = count == 0 ? 0 : errno;
+        if (error != EAGAIN || !waitFor(socket, POLLIN, deadline)) {
+            report.failedAt("receive", error == EAGAIN ? errno : error);
+            return {};
+        }
+    }
+}
+
+bool sendAll(const Descriptor& socket, std::string_view bytes, Clock::time_point deadline,
+             Report& report) {
+    while (!bytes.empty()) {
+        const auto count = send(socket.number(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (count > 0) {
+            report.bytesSent += static_cast<uint64_t>(count);
+            bytes.remove_prefix(static_cast<size_t>(count));
+        } else if (errno != EAGAIN || !waitFor(socket, POLLOUT, deadline)) {
+            report.failedAt("send", errno);
+            return false;
+        }
+    }
+    return true;
+}
+
+// The server's greeting names the client as the server saw it.
+void readGreeting(const std::string& line, Report& report) {
+    const auto greeting = nlohmann::json::parse(line, nullptr, false);
+    if (greeting.is_object()) report.serverSaw = greeting.value("client", "");
+}
+
+bool takeGreeting(const Descriptor& socket, const Destination& destination, std::string& rest,
+                  Report& report) {
+    const auto deadline = Clock::now() + destination.patience;
+    std::string text;
+    while (text.find('\n') == std::string::npos) {
+        const auto more = receive(socket, deadline, report);
+        if (more.empty()) return false;
+        text += more;
+    }
+    readGreeting(text.substr(0, text.find('\n')), report);
+    rest = text.substr(text.find('\n') + 1);
+    return true;
+}
+
+// Connected and greeted, with a service asked for; or none and the report filled.
+Descriptor enter(const Destination& destination, const std::string& service, Report& report) {
+    auto socket = connectTo(destination, SOCK_STREAM, report);
+    std::string rest;
+    if (!socket || !takeGreeting(socket, destination, rest, report)) return {};
+    const auto deadline = Clock::now() + destination.patience;
+    if (!service.empty() && !sendAll(socket, service + "\n", deadline, report)) return {};
+    report.outcome = "connected";
+    return socket;
+}
+
+// An error that the peer or the machine has put on the socket while nothing was being sent.
+bool hasEnded(const Descriptor& socket, Report& report) {
+    std::array<char, 4096> buffer;
+    const auto count = recv(socket.number(), buffer.data(), buffer.size(), 0);
+    if (count > 0) report.bytesReceived += static_cast<uint64_t>(count);
+    if (count > 0 || (count < 0 && errno == EAGAIN)) return false;
+    report.failedAt("receive", count == 0 ? 0 : errno);
+    return true;
+}
+
+Report begin(const std::string& mode) {
+    Report report;
+    report.mode = mode;
+    return report;
+}
+
+// One datagram out and one back. With an unconnected socket no error can reach us but a time-out.
+std::string exchange(const Destination& destination, const std::string& question, Report& report) {
+    const auto deadline = Clock::now() + destination.patience;
+    auto socket = destination.isUnconnected ? openSocket(destination, SOCK_DGRAM, report)
+                                            : connectTo(destination, SOCK_DGRAM, report);
+    if (!socket) return {};
+    const auto address = target(destination);
+    const auto count = destination.isUnconnected
+                           ? sendto(socket.number(), question.data(), question.size(), 0,
+                                    address.pointer(), address.length)
+                           : send(socket.number(), question.data(), question.size(), 0);
+    if (count < 0) {
+        report.failedAt("send", errno);
+        return {};
+    }
+    report.bytesSent += static_cast<uint64_t>(count);
+    return receive(socket, deadline, report);
+}
+
+// A query for the address of "who.example.com".
+std::string nameQuery() {
+    using namespace std::string_literals;
+    return "\x56\x41\x01\x00\x00\x01\x00\x00\x00\x00\x00\x00\x03who\x07"s
+           "example\x03"s
+           "com\x00\x00\x01\x00\x01"s;
+}
+
+std::string addressInAnswer(const std::string& answer, const std::string& question) {
+    char text[INET6_ADDRSTRLEN] = "";
+    const auto recordOffset = question.size() + 12;
+    if (answer.size() == recordOffset + 4)
+        inet_ntop(AF_INET, answer.data() + recordOffset, text, sizeof text);
+    if (answer.size() == recordOffset + 16)
+        inet_ntop(AF_INET6, answer.data() + recordOffset, text, sizeof text);
+    return text;
+}
+
+}  // namespace
+
+Report connectOnce(const Destination& destination) {
+    auto report = begin("connect");
+    enter(destination, "", report);
+    return report;
+}
+
+Report keepUploading(const Destination& destination, std::chrono::milliseconds duration) {
+    auto report = begin("upload");
+    const auto socket = enter(destination, "upload", report);
+    report.print();
+    if (!socket) return report;
+    report.started = Clock::now();
+    const std::string chunk(chunkSize, 'u');
+    for (const auto end = Clock::now() + duration; Clock::now() < end;) {
+        if (!sendAll(socket, chunk, end, report) || hasEnded(socket, report)) return report;
+        std::this_thread::sleep_for(pace);
+    }
+    report.outcome = "finished";
+    return report;
+}
+
+Report keepReading(const Destination& destination, std::chrono::milliseconds duration) {
+    auto report = begin("read");
+    const auto socket = enter(destination, "slow", report);
+    report.print();
+    if (!socket) return report;
+    report.started = Clock::now();
+    const auto end = Clock::now() + duration;
+    while (!receive(socket, end, report).empty()) {
+    }
+    if (report.error == "ETIMEDOUT" && Clock::now() >= end) {
+        report.outcome = "finished";
+        report.error.clear();
+        report.phase.clear();
+    }
+    return report;
+}
+
+Report echo(const Destination& destination, uint64_t bytes) {
+    auto report = begin("echo");
+    const auto socket = enter(destination, "echo", report);
+    if (!socket) return report;
+    const auto deadline = Clock::now() + destination.patience;
+    std::string sent;
+    for (uint64_t index = 0; index < bytes; ++index)
+        sent += static_cast<char>('a' + index * 7 % 26);
+    std::string returned;
+    for (size_t offset = 0; offset < sent.size(); offset = returned.size()) {
+        const auto piece = std::string_view(sent).substr(offset, 32768);
+        if (!sendAll(socket, piece, deadline, report)) return report;
+        while (returned.size() < offset + piece.size()) {
+            const auto more = receive(socket, deadline, report);
+            if (more.empty()) return report;
+            returned += more;
+        }
+    }
+    report.outcome = returned == sent ? "finished" : "corrupted";
+    return report;
+}
+
+Report askOnce(const Destination& destination) {
+    auto report = begin("datagram");
+    const auto answer = exchange(destination, "who am I?", report);
+    if (answer.empty()) return report;
+    readGreeting(answer, report);
+    report.outcome = "answered";
+    return report;
+}
+
+Report resolve(const Destination& destination) {
+    auto report = begin("resolve");
+    const auto question = nameQuery();
+    const auto answer = exchange(destination, question, report);
+    if (answer.empty()) return report;
+    report.serverSaw = addressInAnswer(answer, question);
+    report.outcome = "answered";
+    return report;
+}
+
+Report keepAsking(const Destination& destination, std::chrono::milliseconds duration) {
+    auto report = begin("datagrams");
+    const auto socket = connectTo(destination, SOCK_DGRAM, report);
+    for (const auto end = Clock::now() + duration; socket && Clock::now() < end;) {
+        const auto deadline = Clock::now() + destination.patience;
+        if (!sendAll(socket, "who am I?", deadline, report)) break;
+        const auto answer = receive(socket, deadline, report);
+        if (answer.empty()) break;
+        readGreeting(answer, report);
+        if (report.outcome != "answered") {
+            report.outcome = "answered";
+            report.print();
+        }
+        std::this_thread::sleep_for(pace);
+    }
+    if (report.error.empty()) report.outcome = "finished";
+    return report;
+}
+
+}  // namespace lab

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include "Lab/demo-client/Report.h"
+#include "Lab/sockets/Address.h"
+
+namespace lab {
+
+// Where to go, and how. Filled from the command line of the demo client.
+struct Destination {
+    Address address;
+    std::string bindDevice;
+    bool isMapped = false;
+    bool isUnconnected = false;
+    std::chrono::milliseconds patience{5000};
+};
+
+// The things that an application does with a network, each in the calling thread from start to end,
+// each returning what became of it. `connectOnce` takes the server's greeting and leaves.
+// `keepUploading` sends a small chunk every few milliseconds for the given time, printing a first
+// report when it is under way. `echo` sends bytes and compares what comes back. `askOnce` sends one
+// datagram and waits for the answer; `resolve` asks for a name; `keepAsking` sends a datagram every
+// few milliseconds on one socket.
+Report connectOnce(const Destination& destination);
+Report keepUploading(const Destination& destination, std::chrono::milliseconds duration);
+Report keepReading(const Destination& destination, std::chrono::milliseconds duration);
+Report echo(const Destination& destination, uint64_t bytes);
+Report askOnce(const Destination& destination);
+Report resolve(const Destination& destination);
+Report keepAsking(const Destination& destination, std::chrono::milliseconds duration);
+
+}  // namespace lab
