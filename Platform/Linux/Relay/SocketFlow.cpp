@@ -1,0 +1,191 @@
+#include "Platform/Linux/Relay/SocketFlow.h"
+
+#include <cerrno>
+#include <limits>
+#include <utility>
+
+#include "Platform/Linux/SystemError.h"
+
+namespace platform {
+
+using Flow = NEAppProxyTCPFlow::Implementation;
+
+Flow::Implementation() = default;
+Flow::~Implementation() = default;
+
+void Flow::supplySocket(FileDescriptor newSocket) { arrive(std::move(newSocket)); }
+
+void Flow::failOpening(NSError error) { arrive(std::move(error)); }
+
+void Flow::setEndHandler(Completion<> handler) { endHandler = std::move(handler); }
+
+void Flow::arrive(Arrival arrival) {
+    EventLoop& chosen = EventLoopPool::shared().currentOrNext();
+    {
+        const NSLockGuard guard(arriving);
+        if (loop.load(std::memory_order_relaxed) != nullptr) return;
+        // Handed over under the lock, so that no other thread's operation overtakes it.
+        if (!chosen.isCurrent())
+            chosen.post([self = shared_from_this(), arrival = std::move(arrival)]() mutable {
+                self->settle(std::move(arrival));
+            });
+        loop.store(&chosen, std::memory_order_release);
+    }
+    if (chosen.isCurrent()) settle(std::move(arrival));
+}
+
+void Flow::settle(Arrival arrival) {
+    std::vector<Completion<>> waiting;
+    {
+        const NSLockGuard guard(arriving);
+        waiting.swap(beforeArrival);
+    }
+    if (auto* const descriptor = std::get_if<FileDescriptor>(&arrival)) {
+        socket = std::make_shared<StreamSocket>(*loop.load(), std::move(*descriptor), *this);
+        socket->setCloseHandler(std::move(endHandler));
+    } else {
+        openingError = std::move(std::get<NSError>(arrival));
+        if (endHandler) later(std::move(endHandler));
+    }
+    for (auto& work : waiting) work();
+}
+
+template <class Work>
+void Flow::perform(Work work) {
+    EventLoop* present = loop.load(std::memory_order_acquire);
+    if (present == nullptr) {
+        const NSLockGuard guard(arriving);
+        present = loop.load(std::memory_order_relaxed);
+        // It belongs to this object and runs only while that lives.
+        if (present == nullptr) return beforeArrival.push_back(std::move(work));
+    }
+    if (present->isCurrent()) return work();
+    present->post([self = shared_from_this(), work = std::move(work)]() mutable { work(); });
+}
+
+template <class Completion, class... Results>
+void Flow::later(Completion completion, Results... results) {
+    loop.load(std::memory_order_relaxed)
+        ->post([completion = std::move(completion), ... results = std::move(results)]() mutable {
+            completion(std::move(results)...);
+        });
+}
+
+void Flow::open(ErrorCompletion completion) {
+    perform([this, completion = std::move(completion)]() mutable {
+        later(std::move(completion), openingError);
+    });
+}
+
+void Flow::read(ReadCompletion completion) {
+    perform([this, completion = std::move(completion)]() mutable {
+        reading = std::move(completion);
+        if (isReadClosed || !socket) return cancelReading();
+        socket->read(1, std::numeric_limits<std::size_t>::max());
+    });
+}
+
+void Flow::write(Data data, ErrorCompletion completion) {
+    perform([this, data = std::move(data), completion = std::move(completion)]() mutable {
+        writing = std::move(completion);
+        if (isWriteClosed || !socket) return cancelWriting();
+        socket->write(std::move(data));
+    });
+}
+
+void Flow::closeRead(std::optional<NSError> error) {
+    perform([this, error = std::move(error)] { endReading(error); });
+}
+
+void Flow::closeWrite(std::optional<NSError> error) {
+    perform([this, error = std::move(error)] { endWriting(error); });
+}
+
+void Flow::letGo() {
+    perform([this] {
+        endReading(std::nullopt);
+        endWriting(std::nullopt);
+    });
+}
+
+void Flow::endReading(const std::optional<NSError>& error) {
+    if (std::exchange(isReadClosed, true)) return;
+    cancelReading();
+    if (error) return resetSocket();
+    if (isWriteClosed) return finishSocket();
+    if (socket) socket->stopReading();
+}
+
+void Flow::endWriting(const std::optional<NSError>& error) {
+    if (std::exchange(isWriteClosed, true)) return;
+    cancelWriting();
+    if (error) return resetSocket();
+    if (isReadClosed) return finishSocket();
+    if (socket) socket->endWriting();
+}
+
+void Flow::cancelReading() {
+    if (reading)
+        later(std::exchange(reading, {}), std::optional<Data>(),
+              std::optional<NSError>(systemError(ECANCELED)));
+}
+
+void Flow::cancelWriting() {
+    if (writing) later(std::exchange(writing, {}), std::optional<NSError>(systemError(ECANCELED)));
+}
+
+void Flow::resetSocket() {
+    cancelReading();
+    cancelWriting();
+    if (const auto ended = std::exchange(socket, nullptr)) ended->reset();
+}
+
+void Flow::finishSocket() {
+    if (const auto ended = std::exchange(socket, nullptr))
+        ended->finish(StreamSocket::Farewell::untilPeerEnds);
+}
+
+void Flow::readDone(Data data, bool, int error) {
+    const auto self = shared_from_this();
+    auto completion = std::exchange(reading, {});
+    if (error != 0) return completion(std::nullopt, systemError(error));
+    // An end that came along with bytes is what the next read finds.
+    if (data.isEmpty()) return completion(std::nullopt, std::nullopt);
+    completion(std::move(data), std::nullopt);
+}
+
+void Flow::writeDone(int error) {
+    const auto self = shared_from_this();
+    auto completion = std::exchange(writing, {});
+    if (error != 0) return completion(systemError(error));
+    completion(std::nullopt);
+}
+
+NEAppProxyTCPFlow::NEAppProxyTCPFlow(NEFlowMetaData flowMetaData, RemoteEndpoint endpoint,
+                                     std::shared_ptr<Implementation> platformSide)
+    : NEAppProxyFlow(std::move(flowMetaData), std::move(endpoint)),
+      implementation(std::move(platformSide)) {}
+
+NEAppProxyTCPFlow::~NEAppProxyTCPFlow() { implementation->letGo(); }
+
+void NEAppProxyTCPFlow::openWithLocalEndpoint(std::nullptr_t, ErrorCompletion completion) {
+    implementation->open(std::move(completion));
+}
+
+void NEAppProxyTCPFlow::readData(ReadCompletion completion) {
+    implementation->read(std::move(completion));
+}
+
+void NEAppProxyTCPFlow::writeData(Data data, ErrorCompletion completion) {
+    implementation->write(std::move(data), std::move(completion));
+}
+
+void NEAppProxyTCPFlow::closeReadWithError(std::optional<NSError> error) {
+    implementation->closeRead(std::move(error));
+}
+
+void NEAppProxyTCPFlow::closeWriteWithError(std::optional<NSError> error) {
+    implementation->closeWrite(std::move(error));
+}
+
+}  // namespace platform

@@ -1,0 +1,91 @@
+// The application's side of a claimed TCP flow, over the socket that its redirected connection was
+// accepted as. The interception makes it for every TCP flow that it offers, before that socket
+// exists, and hands the socket over when the connection has come, or says that it never will; the
+// extension's operations may come before and after that. Any thread may call any operation. It owns
+// the socket, which is served by one event loop from the moment it is handed over.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <variant>
+#include <vector>
+
+#include "Platform/Common/Completion.h"
+#include "Platform/Common/ThreadAnnotations.h"
+#include "Platform/Foundation.h"
+#include "Platform/Linux/Dispatch/EventLoop.h"
+#include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/Relay/StreamSocket.h"
+#include "Platform/NEAppProxyFlow.h"
+
+namespace platform {
+
+class NEAppProxyTCPFlow::Implementation final
+    : public std::enable_shared_from_this<NEAppProxyTCPFlow::Implementation>,
+      public StreamSocket::Owner {
+public:
+    Implementation();
+    ~Implementation() override;
+
+    // For the interception. The first of the two calls counts. Waiting no longer than is reasonable
+    // before `failOpening` is the interception's task.
+
+    // The application's connection has come: `socket` is connected and non-blocking, TCP_NODELAY is
+    // set (by inheritance from its listener, say). Called on an event loop, the flow stays on that
+    // loop. If the extension has closed the flow by now, the socket gets the end that it asked for.
+    void supplySocket(FileDescriptor socket);
+    // The application's connection will not come; an opening that waits, or comes later, completes
+    // with this error.
+    void failOpening(NSError error);
+    // Runs once, on any thread, when the application's side is over: its socket is closed for good,
+    // or the opening failed. Set before the flow is offered.
+    void setEndHandler(Completion<> handler);
+
+    // The extension's operations; their contracts are those of the flow.
+    void open(ErrorCompletion completion);
+    void read(ReadCompletion completion);
+    void write(Data data, ErrorCompletion completion);
+    void closeRead(std::optional<NSError> error);
+    void closeWrite(std::optional<NSError> error);
+    // The flow object is gone.
+    void letGo();
+
+private:
+    void readDone(Data data, bool isEnd, int error) override;
+    void writeDone(int error) override;
+
+    // What the interception brings: the socket, or why there is none.
+    using Arrival = std::variant<FileDescriptor, NSError>;
+    void arrive(Arrival arrival);
+    void settle(Arrival arrival);
+    // Does `work` on the flow's loop: at once if this is its thread, later if it is another, and
+    // once there is a loop if there is none yet.
+    template <class Work>
+    void perform(Work work);
+    // Runs a completion in a turn of its own.
+    template <class Completion, class... Results>
+    void later(Completion completion, Results... results);
+
+    void endReading(const std::optional<NSError>& error);
+    void endWriting(const std::optional<NSError>& error);
+    void cancelReading();
+    void cancelWriting();
+    void resetSocket();
+    void finishSocket();
+
+    NSLock arriving;
+    std::vector<Completion<>> beforeArrival GUARDED_BY(arriving);
+    std::atomic<EventLoop*> loop{nullptr};  // set once, under `arriving`
+
+    // The rest belongs to the loop's thread.
+    std::shared_ptr<StreamSocket> socket;
+    std::optional<NSError> openingError;
+    ReadCompletion reading;
+    ErrorCompletion writing;
+    bool isReadClosed = false;
+    bool isWriteClosed = false;
+    Completion<> endHandler;
+};
+
+}  // namespace platform

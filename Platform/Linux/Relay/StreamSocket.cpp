@@ -1,0 +1,356 @@
+#include "Platform/Linux/Relay/StreamSocket.h"
+
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <utility>
+
+#include "Platform/Linux/Relay/Pipe.h"
+
+namespace platform {
+namespace {
+
+constexpr std::size_t smallRead = 16 * 1024;
+constexpr std::size_t largeRead = 64 * 1024;
+// Blocks below this size are cheaper through memory.
+constexpr std::size_t smallestBulk = 8 * 1024;
+
+// An orderly end gives up a peer that takes no byte for this long, and any peer in the end.
+constexpr double secondsWithoutProgress = 15;
+constexpr double secondsAltogether = 300;
+constexpr double secondsForPeerToEnd = 2;
+
+constexpr std::uint32_t everyChange = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
+
+thread_local std::array<char, largeRead> readBuffer;
+
+}  // namespace
+
+void StreamSocket::Owner::connectDone(StreamSocket&, int) {}
+
+StreamSocket::StreamSocket(EventLoop& eventLoop, FileDescriptor socket, Owner& socketOwner)
+    : loop(eventLoop), descriptor(std::move(socket)), owner(&socketOwner) {}
+
+StreamSocket::~StreamSocket() {
+    if (isWatched) loop.forget(*this);
+}
+
+int StreamSocket::connect(const sockaddr* address, socklen_t length) {
+    phase = Phase::connecting;
+    if (::connect(descriptor.get(), address, length) == 0)
+        loop.askForTurn(shared_from_this());
+    else if (errno == EINPROGRESS)
+        watchOnce();
+    else
+        return errno;
+    return failure;
+}
+
+void StreamSocket::read(std::size_t minimumLength, std::size_t maximumLength) {
+    minimum = std::min(minimumLength, maximumLength);
+    maximum = maximumLength;
+    isReading = true;
+    if (mayRead || hasReadEnd || failure != 0) loop.askForTurn(shared_from_this());
+}
+
+void StreamSocket::write(Data data) {
+    writing = std::move(data);
+    written = 0;
+    isWriting = true;
+    if (mayWrite || failure != 0) loop.askForTurn(shared_from_this());
+}
+
+void StreamSocket::stopReading() { isReading = false; }
+
+void StreamSocket::endWriting() {
+    isEndingWriting = true;
+    loop.askForTurn(shared_from_this());
+}
+
+void StreamSocket::handleEvents(std::uint32_t events) {
+    const auto self = shared_from_this();
+    if (phase == Phase::connecting) return finishConnecting(events);
+    noteEvents(events);
+    turn();
+}
+
+void StreamSocket::noteEvents(std::uint32_t events) {
+    if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) peerSeemsEnded = true;
+    if ((events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) mayRead = true;
+    if ((events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0) mayWrite = true;
+}
+
+void StreamSocket::finishConnecting(std::uint32_t events) {
+    if ((events & (EPOLLOUT | EPOLLERR | EPOLLHUP)) == 0) return;
+    int error = 0;
+    socklen_t length = sizeof error;
+    if ((events & (EPOLLERR | EPOLLHUP)) != 0 &&
+        ::getsockopt(descriptor.get(), SOL_SOCKET, SO_ERROR, &error, &length) != 0)
+        error = errno;
+    phase = Phase::open;
+    mayRead = false;
+    noteEvents(events);
+    if (owner != nullptr) owner->connectDone(*this, error);
+}
+
+void StreamSocket::takeTurn() {
+    if (phase == Phase::connecting) {
+        phase = Phase::open;
+        if (owner != nullptr) owner->connectDone(*this, failure);
+        return;
+    }
+    turn();
+}
+
+void StreamSocket::turn() {
+    if (phase == Phase::finishing) return continueFinishing();
+    if (phase == Phase::open) tryWriting();
+    if (phase == Phase::open) tryReading();
+}
+
+void StreamSocket::tryReading() {
+    if (!isReading || !(mayRead || hasReadEnd || failure != 0)) return;
+    Received received = receive();
+    if (received.isNothing()) return;
+    isReading = false;
+    owner->readDone(std::move(received.data), received.isEnd, received.error);
+}
+
+StreamSocket::Received StreamSocket::receive() {
+    if (failure != 0) return Received::failed(failure);
+    if (hasReadEnd) return Received::ended();
+    Received received = minimum > 1 ? receiveAtLeast()
+                        : isBulk    ? receiveIntoPipe()
+                                    : receiveIntoMemory(std::min(maximum, smallRead));
+    if (received.isEnd) hasReadEnd = true;
+    // Bytes that came before an error count: the next read answers the error.
+    if (received.error == 0) return received;
+    failure = received.error;
+    return received;
+}
+
+StreamSocket::Received StreamSocket::receiveIntoMemory(std::size_t wanted) {
+    ssize_t count = 0;
+    do {
+        count = ::recv(descriptor.get(), readBuffer.data(), wanted, MSG_DONTWAIT);
+    } while (count < 0 && errno == EINTR);
+    if (count <= 0) return nothingReceived(count);
+    const auto length = static_cast<std::size_t>(count);
+    isBulk = length == wanted && length >= smallRead;
+    Received received{.data = std::string(readBuffer.data(), length)};
+    if (length < wanted) lookForEnd(received);
+    return received;
+}
+
+StreamSocket::Received StreamSocket::receiveIntoPipe() {
+    auto pipe = Pipe::take();
+    if (!pipe) return receiveIntoMemory(std::min(maximum, largeRead));
+    ssize_t count = 0;
+    do {
+        count = pipe->fillFrom(descriptor.get(), std::min(maximum, pipe->capacity()));
+    } while (count < 0 && errno == EINTR);
+    if (count <= 0) {
+        const int error = errno;
+        Pipe::giveBack(std::move(pipe));
+        errno = error;
+        return nothingReceived(count);
+    }
+    const auto length = static_cast<std::size_t>(count);
+    isBulk = length >= std::min(maximum, smallestBulk);
+    return {.data = Data(std::make_shared<PipeStorage>(std::move(pipe), length), length)};
+}
+
+StreamSocket::Received StreamSocket::receiveAtLeast() {
+    while (mayRead && gathered.size() < minimum) {
+        Received piece = receiveIntoMemory(std::min(maximum - gathered.size(), smallRead));
+        isBulk = false;
+        if (piece.isNothing()) return {};
+        gathered += piece.data.bytes().value();
+        if (!piece.isEnd && piece.error == 0) continue;
+        return {.data = std::exchange(gathered, {}), .isEnd = piece.isEnd, .error = piece.error};
+    }
+    if (gathered.size() < minimum) return {};
+    return {.data = std::exchange(gathered, {})};
+}
+
+StreamSocket::Received StreamSocket::nothingReceived(ssize_t result) {
+    if (result == 0) return Received::ended();
+    if (errno != EAGAIN) return Received::failed(errno);
+    awaitReading();
+    return Received::failed(failure);
+}
+
+// All that had come is read. The end, if it is there, goes along with the last bytes.
+void StreamSocket::lookForEnd(Received& received) {
+    if (!peerSeemsEnded) return awaitReading();
+    char next = 0;
+    const ssize_t count = ::recv(descriptor.get(), &next, 1, MSG_DONTWAIT | MSG_PEEK);
+    if (count == 0)
+        received.isEnd = true;
+    else if (count < 0 && errno == EAGAIN)
+        awaitReading();
+}
+
+void StreamSocket::tryWriting() {
+    if (isWriting && (mayWrite || failure != 0)) {
+        const int error = failure != 0 ? failure : writeOn();
+        if (error == EAGAIN) return;
+        isWriting = false;
+        writing = Data();
+        if (!isEndingWriting) return owner->writeDone(error);
+    }
+    if (isEndingWriting && !isWriting) shutDownWriting();
+}
+
+int StreamSocket::writeOn() {
+    const auto bytes = writing.bytes();
+    const auto* const pipe =
+        bytes ? nullptr : dynamic_cast<const PipeStorage*>(writing.storage().get());
+    if (!bytes && pipe == nullptr) return EINVAL;
+    while (written < writing.length()) {
+        const std::size_t left = writing.length() - written;
+        const ssize_t count = pipe != nullptr ? pipe->moveTo(descriptor.get(), left)
+                                              : ::send(descriptor.get(), bytes->data() + written,
+                                                       left, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0 && errno == EAGAIN) {
+            awaitWriting();
+            return failure != 0 ? failure : EAGAIN;
+        }
+        if (count < 0) return errno;
+        written += static_cast<std::size_t>(count);
+    }
+    return 0;
+}
+
+void StreamSocket::shutDownWriting() {
+    if (std::exchange(hasShutDownWriting, true)) return;
+    ::shutdown(descriptor.get(), SHUT_WR);
+}
+
+void StreamSocket::awaitReading() {
+    mayRead = false;
+    watchOnce();
+}
+
+void StreamSocket::awaitWriting() {
+    mayWrite = false;
+    watchOnce();
+}
+
+void StreamSocket::watchOnce() {
+    if (std::exchange(isWatched, true)) return;
+    // Being added reports what has changed since the attempt.
+    const int error = loop.watch(descriptor.get(), everyChange, *this);
+    if (error == 0) return;
+    isWatched = false;
+    failure = error;
+}
+
+void StreamSocket::finish(Farewell farewell) {
+    if (phase == Phase::closed || phase == Phase::finishing) return;
+    owner = nullptr;
+    isReading = false;
+    if (phase == Phase::connecting || failure != 0) return close();
+    phase = Phase::finishing;
+    finishing = std::make_unique<Finishing>();
+    finishing->self = shared_from_this();
+    finishing->farewell = farewell;
+    continueFinishing();
+}
+
+void StreamSocket::reset() {
+    owner = nullptr;
+    isReading = false;
+    if (phase == Phase::closed) return;
+    const linger abortively{1, 0};
+    ::setsockopt(descriptor.get(), SOL_SOCKET, SO_LINGER, &abortively, sizeof abortively);
+    close();
+}
+
+void StreamSocket::continueFinishing() {
+    const bool isAllHandedOver = hasDeliveredWriting();
+    discardInput();
+    if (failure != 0 || (isAllHandedOver && mayCloseNow())) return close();
+    if (isAllHandedOver) shutDownWriting();
+    checkFinishingLater();
+}
+
+bool StreamSocket::hasDeliveredWriting() {
+    if (!isWriting || failure != 0) return true;
+    if (!mayWrite) return false;
+    const int error = writeOn();
+    if (error == EAGAIN) return false;
+    isWriting = false;
+    failure = error;
+    return true;
+}
+
+void StreamSocket::discardInput() {
+    constexpr int piecesAtOnce = 16;
+    for (int i = 0; mayRead && !hasReadEnd && failure == 0; ++i) {
+        if (i == piecesAtOnce) return loop.askForTurn(shared_from_this());
+        // With MSG_TRUNC the bytes of a stream are dropped where they are.
+        const ssize_t count =
+            ::recv(descriptor.get(), nullptr, std::size_t{1} << 20, MSG_TRUNC | MSG_DONTWAIT);
+        if (count == 0)
+            hasReadEnd = true;
+        else if (count < 0 && errno == EAGAIN)
+            awaitReading();
+        else if (count < 0 && errno != EINTR)
+            failure = errno;
+    }
+}
+
+bool StreamSocket::mayCloseNow() const {
+    // A peer that sends nothing more cannot turn a plain close into a reset, and the system brings
+    // the rest to it.
+    if (hasReadEnd) return true;
+    return finishing->farewell == Farewell::untilDelivered && !mayRead && undeliveredBytes() == 0;
+}
+
+std::size_t StreamSocket::undeliveredBytes() const {
+    int queued = 0;
+    if (::ioctl(descriptor.get(), SIOCOUTQ, &queued) != 0) queued = 0;
+    return static_cast<std::size_t>(queued) + (isWriting ? writing.length() - written : 0);
+}
+
+void StreamSocket::checkFinishingLater() {
+    if (finishing->undelivered) return;
+    finishing->undelivered = undeliveredBytes();
+    loop.after(finishing->interval, [weak = weak_from_this()] {
+        if (const auto self = weak.lock()) self->checkFinishing();
+    });
+}
+
+void StreamSocket::checkFinishing() {
+    if (phase != Phase::finishing) return;
+    Finishing& state = *finishing;
+    const std::size_t before = std::exchange(state.undelivered, std::nullopt).value_or(0);
+    const std::size_t now = undeliveredBytes();
+    state.total += state.interval;
+    state.sinceProgress = now < before ? 0 : state.sinceProgress + state.interval;
+    const bool isDelivered = now == 0;
+    const double patience = isDelivered ? secondsForPeerToEnd : secondsWithoutProgress;
+    const bool isOver = isDelivered && state.farewell == Farewell::untilDelivered;
+    if (isOver || state.sinceProgress >= patience || state.total >= secondsAltogether)
+        return close();
+    state.interval = std::min(1.0, state.interval * 2);
+    checkFinishingLater();
+}
+
+void StreamSocket::close() {
+    if (phase == Phase::closed) return;
+    phase = Phase::closed;
+    isWriting = false;
+    writing = Data();
+    if (std::exchange(isWatched, false)) loop.forget(*this);
+    descriptor = FileDescriptor();
+    if (closeHandler) loop.post(std::move(closeHandler));
+    const std::unique_ptr<Finishing> ended = std::move(finishing);  // perhaps the last to hold this
+}
+
+}  // namespace platform

@@ -1,0 +1,234 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "Platform/Linux/Relay/SocketFlow.h"
+#include "Platform/Linux/SystemError.h"
+#include "Platform/NEAppProxyFlow.h"
+#include "Tests/Platform/Linux/Sockets.h"
+
+namespace platform {
+namespace {
+
+using Error = std::optional<NSError>;
+
+struct Read {
+    std::optional<Data> data;
+    Error error;
+};
+
+const NSError peerReset{NEAppProxyErrorDomain, NEAppProxyFlowErrorPeerReset, "reset"};
+
+// A flow whose application is `application`.
+class RelayFlow : public ::testing::Test {
+protected:
+    void connect() {
+        auto pair = connectedPair();
+        application = std::move(pair.far);
+        side->supplySocket(std::move(pair.near));
+    }
+    Error open() {
+        Awaited<Error> opened;
+        flow->openWithLocalEndpoint(nullptr, opened.put());
+        return opened.get();
+    }
+    static auto into(Awaited<Read>& read) {
+        return [put = read.put()](std::optional<Data> data, Error error) mutable {
+            put({std::move(data), std::move(error)});
+        };
+    }
+    Read read() {
+        Awaited<Read> read;
+        flow->readData(into(read));
+        return read.get();
+    }
+    Error write(Data data) {
+        Awaited<Error> written;
+        flow->writeData(std::move(data), written.put());
+        return written.get();
+    }
+
+    FileDescriptor application;
+    std::shared_ptr<NEAppProxyTCPFlow::Implementation> side =
+        std::make_shared<NEAppProxyTCPFlow::Implementation>();
+    std::shared_ptr<NEAppProxyTCPFlow> flow =
+        std::make_shared<NEAppProxyTCPFlow>(NEFlowMetaData{}, NWHostEndpoint{}, side);
+};
+
+TEST_F(RelayFlow, OpensOnceTheApplicationsSideHasCome) {
+    Awaited<Error> opened;
+    flow->openWithLocalEndpoint(nullptr, opened.put());
+    EXPECT_FALSE(opened.isThere(0.05));
+    connect();
+    EXPECT_EQ(opened.get(), std::nullopt);
+}
+
+TEST_F(RelayFlow, OpeningCompletesWithTheErrorWhenTheApplicationsSideNeverComes) {
+    Awaited<bool> ended;
+    side->setEndHandler([put = ended.put()] { put(true); });
+    Awaited<Error> opened;
+    flow->openWithLocalEndpoint(nullptr, opened.put());
+    side->failOpening(systemError(ETIMEDOUT));
+    side->failOpening(systemError(ECONNABORTED));  // the first one counts
+    EXPECT_EQ(opened.get(), systemError(ETIMEDOUT));
+    EXPECT_TRUE(ended.get());
+    EXPECT_TRUE(read().error.has_value());
+    EXPECT_TRUE(write("x").has_value());
+}
+
+TEST_F(RelayFlow, CarriesBytesBothWaysAndTheApplicationsEnd) {
+    connect();
+    ASSERT_EQ(open(), std::nullopt);
+    sendAll(application, "request");
+    EXPECT_EQ(read().data->bytes(), "request");
+    EXPECT_EQ(write("answer"), std::nullopt);
+    EXPECT_EQ(receive(application, 6), "answer");
+    ::shutdown(application.get(), SHUT_WR);
+    for (int i = 0; i < 2; ++i) {  // an end stays an end
+        const auto end = read();
+        EXPECT_FALSE(end.error.has_value());
+        EXPECT_TRUE(!end.data || end.data->isEmpty());
+    }
+}
+
+TEST_F(RelayFlow, NoCompletionRunsInsideItsCall) {
+    connect();
+    ASSERT_EQ(open(), std::nullopt);
+    sendAll(application, "x");
+    Awaited<bool> wasInside;
+    // On the flow's own loop, where everything could be done at once.
+    flow->readData([&](std::optional<Data>, Error) {
+        auto isInCall = std::make_shared<bool>(true);
+        flow->writeData("y", [=, put = wasInside.put()](Error) mutable { put(*isInCall); });
+        *isInCall = false;
+    });
+    EXPECT_FALSE(wasInside.get());
+    Awaited<bool> wasInsideAfterClose;
+    flow->closeWriteWithError(std::nullopt);
+    sendAll(application, "x");
+    flow->readData([&](std::optional<Data>, Error) {
+        auto isInCall = std::make_shared<bool>(true);
+        flow->writeData("y",
+                        [=, put = wasInsideAfterClose.put()](Error) mutable { put(*isInCall); });
+        *isInCall = false;
+    });
+    EXPECT_FALSE(wasInsideAfterClose.get());
+}
+
+TEST_F(RelayFlow, ClosingAnswersWhatIsOutstandingWithAnErrorOnce) {
+    connect();
+    ASSERT_EQ(open(), std::nullopt);
+    std::atomic<int> answers = 0;
+    Awaited<Read> outstanding;
+    flow->readData([&, put = into(outstanding)](std::optional<Data> data, Error error) mutable {
+        ++answers;
+        put(std::move(data), std::move(error));
+    });
+    flow->closeReadWithError(std::nullopt);
+    EXPECT_TRUE(outstanding.get().error.has_value());
+    EXPECT_TRUE(read().error.has_value());
+    // The other direction lives on.
+    EXPECT_EQ(write("still"), std::nullopt);
+    EXPECT_EQ(receive(application, 5), "still");
+    flow->closeWriteWithError(std::nullopt);
+    EXPECT_TRUE(write("more").has_value());
+    EXPECT_EQ(receiveToEnd(application), "");
+    EXPECT_EQ(answers, 1);
+}
+
+TEST_F(RelayFlow, AnErrorShowsAsAResetAndTheFirstCloseCounts) {
+    connect();
+    ASSERT_EQ(open(), std::nullopt);
+    flow->closeReadWithError(peerReset);
+    flow->closeWriteWithError(std::nullopt);
+    int error = 0;
+    receiveToEnd(application, &error);
+    EXPECT_EQ(error, ECONNRESET);
+}
+
+TEST_F(RelayFlow, AClosedFlowGetsItsEndWhenTheApplicationsSideComesLater) {
+    Awaited<Error> opened;
+    flow->openWithLocalEndpoint(nullptr, opened.put());
+    flow->closeReadWithError(peerReset);
+    flow->closeWriteWithError(peerReset);
+    connect();
+    EXPECT_TRUE(opened.isThere());
+    int error = 0;
+    receiveToEnd(application, &error);
+    EXPECT_EQ(error, ECONNRESET);
+}
+
+TEST_F(RelayFlow, LettingGoOfAFlowThatWasNeverClosedEndsItInOrder) {
+    connect();
+    ASSERT_EQ(open(), std::nullopt);
+    ASSERT_EQ(write("last words"), std::nullopt);
+    flow = nullptr;
+    int error = 0;
+    EXPECT_EQ(receiveToEnd(application, &error), "last words");
+    EXPECT_EQ(error, 0);
+}
+
+TEST_F(RelayFlow, ADeclinedFlowLeavesNothingBehind) {
+    const std::weak_ptr<NEAppProxyTCPFlow::Implementation> watched = side;
+    side = nullptr;
+    flow = nullptr;
+    EXPECT_TRUE(watched.expired());
+}
+
+// What the application still sends must not turn the end into a reset that eats the last bytes.
+TEST_F(RelayFlow, AnOrderlyCloseLosesNoneOfTheBytesWrittenWhileTheApplicationSends) {
+    const std::string bytes = randomBytes(3'000'000, 1);
+    connect();
+    ASSERT_EQ(open(), std::nullopt);
+    sendAll(application, "unread");
+    Awaited<Error> written;
+    // Larger than what the system holds for a reader that has not begun: the end of it is on its
+    // way when the flow is closed.
+    flow->writeData(bytes, written.put());
+    written.isThere(0.1);
+    flow->closeReadWithError(std::nullopt);
+    flow->closeWriteWithError(std::nullopt);
+    sendAll(application, "unread too");
+    int error = 0;
+    EXPECT_EQ(receiveToEnd(application, &error), bytes);
+    EXPECT_EQ(error, 0);
+}
+
+TEST_F(RelayFlow, TheEndIsReportedWhenTheSocketIsClosedForGood) {
+    Awaited<bool> ended;
+    side->setEndHandler([put = ended.put()] { put(true); });
+    connect();
+    ASSERT_EQ(open(), std::nullopt);
+    flow->closeReadWithError(std::nullopt);
+    flow->closeWriteWithError(std::nullopt);
+    EXPECT_FALSE(ended.isThere(0.1));  // it waits a while for the application to end too
+    application = FileDescriptor();
+    EXPECT_TRUE(ended.isThere());
+}
+
+TEST_F(RelayFlow, OperationsOfSeveralThreadsAgreeWithTheArrivalOfTheSocket) {
+    for (int round = 0; round < 300; ++round) {
+        side = std::make_shared<NEAppProxyTCPFlow::Implementation>();
+        flow = std::make_shared<NEAppProxyTCPFlow>(NEFlowMetaData{}, NWHostEndpoint{}, side);
+        auto pair = connectedPair();
+        Awaited<Error> opened;
+        std::thread opening([&] { flow->openWithLocalEndpoint(nullptr, opened.put()); });
+        std::thread closing([&] {
+            flow->closeReadWithError(std::nullopt);
+            flow->closeWriteWithError(std::nullopt);
+        });
+        side->supplySocket(std::move(pair.near));
+        opening.join();
+        closing.join();
+        EXPECT_EQ(opened.get(), std::nullopt);
+        EXPECT_EQ(receiveToEnd(pair.far), "");
+    }
+}
+
+}  // namespace
+}  // namespace platform
