@@ -25,9 +25,9 @@ struct FlowDescription {
     enum class Kind { tcp, udp, other };
 
     Kind kind = Kind::tcp;
-    RemoteEndpoint remoteEndpoint;
-    std::string signingIdentifier;
-    std::optional<Data> auditToken;
+    RemoteEndpoint remoteEndpoint = {};
+    std::string signingIdentifier = {};
+    std::optional<Data> auditToken = {};
     // False: the filter sees a flow that is no socket's.
     bool isSocketFlow = true;
 };

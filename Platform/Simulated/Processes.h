@@ -18,12 +18,12 @@ namespace platform::simulated {
 
 // A process, as tests name it. What is left out is chosen: the id, an ordinary user, no parent.
 struct Process {
-    std::string path;
+    std::string path = {};
     std::int32_t pid = 0;
     std::int32_t parent = 1;
     std::uint32_t effectiveUserId = 501;
     // What the flows of the process carry as sourceAppSigningIdentifier.
-    std::string signingIdentifier;
+    std::string signingIdentifier = {};
     // Word 7 of its audit token; another one after an exec or a reuse of the id.
     std::uint32_t version = 1;
 
