@@ -111,8 +111,10 @@ JSONDecoding decodeValue(JSONValue& value, StringMap<std::string>& field) {
     if (!object) return unexpectedValue("an object of strings", value);
     field.reserve(object->size());
     for (auto& [key, entry] : *object) {
-        auto result = decodeValue(entry, field[key]);
+        std::string text;
+        auto result = decodeValue(entry, text);
         if (result) return JSONMismatch{'[' + quotation(key) + ']', std::move(result->reason)};
+        field.emplace(std::move(key), std::move(text));
     }
     return std::nullopt;
 }

@@ -49,7 +49,7 @@ public:
 
     bool start_object(std::size_t) override { return open(JSONObject()); }
     bool key(std::string& name) override {
-        containers.back().key = std::move(name);
+        nextKey = std::move(name);
         return true;
     }
     bool end_object() override { return close(); }
@@ -67,44 +67,58 @@ public:
     JSONFailure failure;
 
 private:
-    struct Container {
-        JSONValue value;
-        std::string key;  // of the member that comes next, in an object
-    };
-
-    bool open(JSONValue container) {
-        if (containers.size() == maximumJSONDepth) {
+    template <class Container>
+    bool open(Container empty) {
+        if (openContainers.size() == maximumJSONDepth) {
             failure.description = "Not read: arrays and objects are nested deeper than " +
                                   std::to_string(maximumJSONDepth) + " levels";
             return false;
         }
-        containers.push_back({std::move(container), {}});
+        auto& place = nextPlace();
+        place.value = std::move(empty);
+        openContainers.push_back(&place);
         return true;
     }
 
     bool close() {
-        auto complete = std::move(containers.back().value);
-        containers.pop_back();
-        return add(std::move(complete));
-    }
-
-    bool add(JSONValue value) {
-        if (containers.empty()) {
-            result = std::move(value);
-            return true;
-        }
-        auto& [container, key] = containers.back();
-        if (auto* array = std::get_if<JSONArray>(&container.value))
-            array->push_back(std::move(value));
-        else if (auto* object = std::get_if<JSONObject>(&container.value))
-            // Large tables are often written in order: then the end is the place.
-            object->insert_or_assign(object->end(), std::move(key), std::move(value));
+        openContainers.pop_back();
         return true;
     }
 
+    template <class Value>
+    bool add(Value&& value) {
+        nextPlace().value = std::forward<Value>(value);
+        return true;
+    }
+
+    // Where the next value belongs. The place of a key that was there before is used again.
+    JSONValue& nextPlace() {
+        if (openContainers.empty()) return result;
+        auto& container = openContainers.back()->value;
+        if (auto* array = std::get_if<JSONArray>(&container)) return array->emplace_back();
+        return std::get<JSONObject>(container)[std::move(nextKey)];
+    }
+
     std::string_view text;
-    std::vector<Container> containers;
+    std::string nextKey;
+    // The containers that have begun and not ended, outermost first. Each stays where it is, as
+    // what is around it grows only after its end.
+    std::vector<JSONValue*> openContainers;
 };
+
+// Takes the texts out of an object that may be changed, and copies those of a constant one.
+template <class Object>
+std::optional<StringMap<std::string>> tableOf(Object* object) {
+    if (!object) return std::nullopt;
+    StringMap<std::string> table;
+    table.reserve(object->size());
+    for (auto& [key, entry] : *object) {
+        auto* text = std::get_if<std::string>(&entry.value);
+        if (!text) return std::nullopt;
+        table.emplace(std::move(key), std::move(*text));
+    }
+    return table;
+}
 
 }  // namespace
 
@@ -141,16 +155,11 @@ std::string_view JSONValue::typeName() const {
 }
 
 std::optional<StringMap<std::string>> stringTable(const JSONValue& value) {
-    const auto* object = value.as<JSONObject>();
-    if (!object) return std::nullopt;
-    StringMap<std::string> table;
-    table.reserve(object->size());
-    for (const auto& [key, entry] : *object) {
-        const auto* text = entry.as<std::string>();
-        if (!text) return std::nullopt;
-        table.emplace(key, *text);
-    }
-    return table;
+    return tableOf(value.as<JSONObject>());
+}
+
+std::optional<StringMap<std::string>> stringTable(JSONValue&& value) {
+    return tableOf(std::get_if<JSONObject>(&value.value));
 }
 
 std::optional<std::vector<std::string>> stringArray(const JSONValue& value) {

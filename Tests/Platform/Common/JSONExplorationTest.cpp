@@ -63,7 +63,7 @@ JSONValue randomValue(Random& random, std::size_t depth) {
         default: {
             JSONObject object;
             for (auto count = below(random, 5); count > 0; --count)
-                object.insert_or_assign(randomText(random), randomValue(random, depth - 1));
+                object[randomText(random)] = randomValue(random, depth - 1);
             return object;
         }
     }
