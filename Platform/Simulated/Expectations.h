@@ -4,6 +4,7 @@
 //     EXPECT_TRUE(holdsForSeeds(1000, [](World& world) { ... }));
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <functional>
