@@ -11,6 +11,7 @@ import os
 import pathlib
 import shutil
 import subprocess
+import threading
 
 from . import world
 
@@ -60,8 +61,13 @@ class Running:
         return json.loads(line)
 
     def finish(self, wait: float = 30) -> dict:
-        output, _ = self.process.communicate(timeout=wait)
-        reports = [json.loads(line) for line in output.splitlines()]
+        """Lets it run to its end and gives its last report; what runs longer than `wait` is ended."""
+        overdue = threading.Timer(wait, self.process.kill)
+        overdue.start()
+        self.process.stdin.close()
+        reports = [json.loads(line) for line in self.process.stdout]
+        self.process.wait()
+        overdue.cancel()
         if not reports:
             raise RuntimeError(f"{' '.join(self.command)} ended without a report")
         return reports[-1]
@@ -90,7 +96,7 @@ def lay_out() -> dict[str, Application]:
         "render": _bundle(bundles / "Studio.app/Contents/XPCServices/Render.xpc",
                           "com.example.studio.render"),
         "updater": _bundle(bundles / "Studio.app/Contents/Helpers/Updater.app",
-                           "org.example.updater"),
+                           "com.example.studio.updater"),
         "sync": _ordinary(world.APPLICATIONS / "lib/studio/sync", owner=0),
         "fetch": _ordinary(world.APPLICATIONS / "bin/fetch", owner=0),
         "fetch2": _ordinary(world.APPLICATIONS / "bin/fetch-2.0", owner=0),

@@ -1,0 +1,89 @@
+"""The daemon under test: its start and end, and the lines that it writes."""
+
+import dataclasses
+import re
+import signal
+import subprocess
+import threading
+import time
+
+from . import world
+
+PROGRAM = world.BUILD / "vantryd"
+
+_LINE = re.compile(r"(?P<category>\w+) (?P<level>debug|info|error): (?P<text>.*)$")
+
+
+@dataclasses.dataclass(frozen=True)
+class Line:
+    category: str
+    level: str
+    text: str
+    at: float
+
+
+class Daemon:
+    """One run of the daemon. A thread takes its lines as they come; any thread may ask for them."""
+
+    def __init__(self):
+        self.process = subprocess.Popen([str(PROGRAM)], stdin=subprocess.DEVNULL,
+                                        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                                        errors="replace")
+        self._lines: list[Line] = []
+        self._other_output: list[str] = []
+        self._changed = threading.Condition()
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
+
+    def _read(self) -> None:
+        for raw in self.process.stdout:
+            match = _LINE.search(raw.rstrip("\n"))
+            with self._changed:
+                if match:
+                    self._lines.append(Line(**match.groupdict(), at=time.monotonic()))
+                else:
+                    self._other_output.append(raw)
+                self._changed.notify_all()
+
+    def count(self, text: str) -> int:
+        """How many lines so far contain the text."""
+        with self._changed:
+            return sum(text in line.text for line in self._lines)
+
+    def mark(self) -> int:
+        """A place in the log, for `since`."""
+        with self._changed:
+            return len(self._lines)
+
+    def lines(self, since: int = 0) -> list[Line]:
+        with self._changed:
+            return self._lines[since:]
+
+    def wait_for(self, text: str, since: int = 0, count: int = 1, seconds: float = 5) -> Line | None:
+        """The `count`-th line after the mark that contains the text; None if it doesn't come in time."""
+        def found():
+            matching = [line for line in self._lines[since:] if text in line.text]
+            return matching[count - 1] if len(matching) >= count else None
+        with self._changed:
+            return self._changed.wait_for(found, seconds) or found()
+
+    def other_output(self) -> str:
+        """What it wrote that is no line of its log: the words of a sanitizer, say."""
+        with self._changed:
+            return "".join(self._other_output)
+
+    def stop(self, number: int = signal.SIGTERM, seconds: float = 5) -> int | None:
+        """Sends the signal and gives the exit status; None if it was still there after the time."""
+        if self.process.poll() is None:
+            self.process.send_signal(number)
+        try:
+            return self.process.wait(seconds)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
+            return None
+        finally:
+            self._reader.join(seconds)
+
+    def is_running(self) -> bool:
+        return self.process.poll() is None

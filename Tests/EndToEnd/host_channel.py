@@ -1,0 +1,127 @@
+"""The host application's side: messages, files, preferences, and who may use them."""
+
+import os
+import stat
+
+from vantrylab import host, network, world
+from vantrylab.host import Rules
+
+COURIER, LEDGER = "com.example.courier", "com.example.ledger"
+RULES = Rules(rules={COURIER: "direct", LEDGER: "vpn"})
+
+
+def run(stage) -> None:
+    network.vpn_up()
+    _preferences_alone(stage)
+    _messages(stage)
+    _activity_log_file(stage)
+    _untrusted_rules_files(stage)
+    _protected_vpn_client(stage)
+    network.vpn_down()
+
+
+def _preferences_alone(stage) -> None:
+    """A provider configuration is in force when there is no rules file; the file wins key by key."""
+    configuration = {"rules": {COURIER: "direct"}, "defaultAction": "vpn", "vpnConnected": True}
+    stage.start_daemon(rules=None, protocolConfiguration={
+        "providerBundleIdentifier": "org.quillmere.Vantry.Extension",
+        "providerConfiguration": configuration})
+    address = stage.ipv4()
+    stage.expect_physical("rules from the preferences", stage.courier.run("connect", address, 80), address)
+    stage.checks.equal("status counts them", host.send({"type": "getStatus"}),
+                       {"isActive": True, "ruleCount": 1})
+    stage.apply(Rules(rules={LEDGER: "direct"}))
+    for application, expect in ((stage.ledger, stage.expect_physical), (stage.courier, stage.expect_tunnel)):
+        address = stage.ipv4()
+        expect(f"the rules file wins: {application.identifier}",
+               application.run("connect", address, 80), address)
+    stage.stop_daemon()
+
+
+def _messages(stage) -> None:
+    stage.start_daemon(RULES)
+    checks = stage.checks
+    checks.equal("status", host.send({"type": "getStatus"}), {"isActive": True, "ruleCount": 2})
+    stage.courier.run("connect", stage.ipv4(), 80)
+    stage.ledger.run("connect", stage.ipv4(), 80)
+    active = host.send({"type": "getActiveApps"})
+    checks.check("active applications", {COURIER, LEDGER} <= set(active["bundleIds"]), active)
+
+    checks.equal("reload", host.send({"type": "reload", "rules": {COURIER: "vpn"}}), {"success": {}})
+    address = stage.ipv4()
+    stage.expect_tunnel("reload takes effect for the next connection",
+                        stage.courier.run("connect", address, 80), address)
+    checks.equal("reload without rules", host.send({"type": "reload"}), {"success": {}})
+    checks.equal("reload without rules changes none", host.send({"type": "getStatus"}),
+                 {"isActive": True, "ruleCount": 1})
+    for text in ('{"type":"unheardOf"}', "no JSON", "[]", '{"type":"getStatus","rules":{"a":1}}'):
+        reply = host.send(text)
+        checks.check(f"{text} is answered with an error", list(reply or {}) == ["error"], reply)
+
+    stage.expect_record("before clearing there is a record", address, bundleId=COURIER)
+    checks.equal("clear", host.send({"type": "clearActivityLog"}), {"success": {}})
+    checks.equal("cleared: nobody is active", host.send({"type": "getActiveApps"}), {"bundleIds": []})
+    stage.stop_daemon()
+
+
+def _activity_log_file(stage) -> None:
+    host.ACTIVITY_LOG.unlink(missing_ok=True)
+    stage.start_daemon(RULES)
+    address = stage.ipv4()
+    stage.courier.run("connect", address, 80)
+    stage.expect_record("the activity log is written", address, bundleId=COURIER)
+    mode = stat.S_IMODE(host.ACTIVITY_LOG.stat().st_mode)
+    stage.checks.equal("the activity log can be read by all and written by its owner", oct(mode), "0o644")
+    # A link in its place must not lead the daemon to write elsewhere.
+    victim = world.STATE / "victim"
+    victim.write_text("untouched")
+    host.ACTIVITY_LOG.unlink()
+    host.ACTIVITY_LOG.symlink_to(victim)
+    address = stage.ipv4()
+    stage.courier.run("connect", address, 80)
+    stage.expect_record("the activity log is written anew", address, bundleId=COURIER)
+    stage.checks.equal("a link in the log's place is not followed", victim.read_text(), "untouched")
+    stage.stop_daemon()
+
+
+def _untrusted_rules_files(stage) -> None:
+    """A rules file that a stranger could have written is as good as none, and a line says why."""
+    stage.start_daemon(RULES)
+
+    def writable_by_all():
+        os.chmod(host.RULES_FILE, 0o666)
+
+    def a_link():
+        other = host.RULES_FILE.with_name("elsewhere.json")
+        os.replace(host.RULES_FILE, other)
+        host.RULES_FILE.symlink_to(other)
+
+    def a_pipe():
+        host.RULES_FILE.unlink()
+        os.mkfifo(host.RULES_FILE)
+
+    cases = [("writable by all", writable_by_all), ("a link", a_link), ("a pipe", a_pipe)]
+    if world.is_root_world():
+        cases.append(("a stranger's", lambda: os.chown(host.RULES_FILE, 4711, 4711)))
+    for name, spoil in cases:
+        host.write_rules(RULES.but(rules={COURIER: "vpn"}))
+        spoil()
+        since = stage.daemon.mark()
+        host.post()
+        stage.expect_line(f"rules file {name}: not read", "No rules file found", since)
+        address = stage.ipv4()
+        stage.expect_physical(f"rules file {name}: the rules stay in force",
+                              stage.courier.run("connect", address, 80), address)
+        host.RULES_FILE.unlink()
+    stage.stop_daemon()
+
+
+def _protected_vpn_client(stage) -> None:
+    """The program of a configured tunnel is left alone, whatever the rules say."""
+    stage.start_daemon(RULES, tunnelManagers=[{"providerBundleIdentifier": f"{COURIER}.tunnel"}])
+    stage.expect_line("the VPN client is discovered", f"Discovered VPN client: {COURIER}")
+    address = stage.ipv4()
+    stage.expect_tunnel("a VPN client's connection is left alone",
+                        stage.courier.run("connect", address, 80), address)
+    stage.expect_no_record("a VPN client's connection leaves no record", address)
+    stage.stop_daemon()

@@ -1,0 +1,39 @@
+"""The main verdicts in every way in which VPNs take over a machine's routes."""
+
+from vantrylab import network
+from vantrylab.host import Rules
+
+RULES = Rules(rules={"com.example.courier": "direct", "com.example.ledger": "vpn"},
+              blockedApps=("com.example.chatter",))
+
+
+def run(stage) -> None:
+    stage.start_daemon(RULES)
+    for layout in network.LAYOUTS:
+        # A direct upload that began without the VPN lives through its coming and going.
+        upload = stage.courier.start("upload", stage.ipv4(), 8080, "--duration", 3)
+        upload.report()
+        network.vpn_up(layout)
+        _verdicts(stage, layout)
+        tunnelled = stage.courier.start("upload", stage.ipv4(), 8080, "--duration", 2)
+        tunnelled.report()
+        network.vpn_down()
+        stage.expect_untouched(f"{layout}: a direct upload outlives the tunnel under it", tunnelled.finish())
+        stage.expect_untouched(f"{layout}: a direct upload outlives the VPN's coming", upload.finish())
+        address = stage.ipv4()
+        stage.expect_physical(f"{layout}, VPN gone", stage.ledger.run("connect", address, 80), address)
+    stage.stop_daemon()
+
+
+def _verdicts(stage, layout: str) -> None:
+    for next_address in (stage.ipv4, stage.ipv6):
+        for application, expect in ((stage.courier, stage.expect_physical),
+                                    (stage.ledger, stage.expect_tunnel),
+                                    (stage.nobody, stage.expect_tunnel),
+                                    (stage.chatter, stage.expect_denied)):
+            address = next_address()
+            expect(f"{layout}: {application.identifier} to {address}",
+                   application.run("connect", address, 80), address)
+    address = stage.ipv4()
+    report = stage.courier.run("echo", address, 8080, "--bytes", 1_000_000)
+    stage.expect_physical(f"{layout}: a megabyte both ways, direct", report, address)

@@ -1,0 +1,122 @@
+"""Which way each new connection goes, and what is recorded of it.
+
+With the VPN up: the decision words, the default, IPv4 and IPv6, streams and datagrams, sockets that
+are bound to an interface, and the traffic that is nobody's business.
+"""
+
+import socket
+import threading
+
+from vantrylab import network
+from vantrylab.host import Rules
+
+RULES = Rules(rules={"com.example.courier": "direct", "com.example.ledger": "vpn",
+                     "com.example.chatter": "block", "com.example.studio": "sideways"})
+
+
+def run(stage) -> None:
+    network.vpn_up()
+    stage.start_daemon(RULES)
+    _direct(stage)
+    _through_the_vpn(stage)
+    _words_that_only_look_like_rules(stage)
+    _datagrams_stay_on_the_systems_route(stage)
+    _bound_to_an_interface(stage)
+    _loopback_is_not_offered(stage)
+    _accounts_of_the_system(stage)
+    _direct_by_default(stage)
+    stage.stop_daemon()
+    network.vpn_down()
+
+
+def _direct(stage) -> None:
+    for name, next_address, words in (("IPv4", stage.ipv4, []), ("IPv6", stage.ipv6, []),
+                                      ("IPv4 through an IPv6 socket", stage.ipv4, ["--mapped"])):
+        address = next_address()
+        report = stage.courier.run("connect", address, 443, *words)
+        stage.expect_physical(f"direct, {name}", report, address)
+        stage.expect_record(f"direct, {name}: recorded", address, bundleId="com.example.courier",
+                            appName="courier", routingDecision="direct", actualRoute="direct",
+                            sourceIp=network.CLIENT_IPV4, destinationPort=443, protocolType="tcp",
+                            isVpnConnected=True)
+    for next_address in (stage.ipv4, stage.ipv6):
+        address = next_address()
+        report = stage.courier.run("echo", address, 8080, "--bytes", 3_000_000)
+        stage.expect_physical(f"direct, three megabytes both ways to {address}", report, address)
+
+
+def _through_the_vpn(stage) -> None:
+    for name, application, decision in (("a rule", stage.ledger, "vpn"), ("no rule", stage.nobody, "vpn"),
+                                        ("an unknown word", stage.studio, "sideways")):
+        for next_address in (stage.ipv4, stage.ipv6):
+            address = next_address()
+            report = application.run("echo", address, 80, "--bytes", 200_000)
+            stage.expect_tunnel(f"VPN by {name}: {address}", report, address)
+            stage.expect_record(f"VPN by {name}: {address} recorded", address,
+                                bundleId=application.identifier, routingDecision=decision,
+                                actualRoute="vpn", sourceIp=network.TUNNEL_IPV4, protocolType="tcp")
+
+
+def _words_that_only_look_like_rules(stage) -> None:
+    """Blocking is a list of its own: the word alone only keeps a connection off the direct path."""
+    since = stage.daemon.mark()
+    address = stage.ipv4()
+    stage.expect_tunnel("the rule 'block' alone does not block",
+                        stage.chatter.run("connect", address, 80), address)
+    stage.expect_line("the rule 'block' is logged", "BLOCK (filter-enforced): com.example.chatter", since)
+    stage.expect_no_record("the rule 'block' leaves no record", address)
+
+
+def _datagrams_stay_on_the_systems_route(stage) -> None:
+    for application in (stage.courier, stage.ledger, stage.nobody):
+        for next_address in (stage.ipv4, stage.ipv6):
+            for words in ([], ["--unconnected"]):
+                address = next_address()
+                report = application.run("datagram", address, 443, *words)
+                stage.expect_tunnel(f"datagram of {application.identifier} {' '.join(words)} to {address}",
+                                    report, address)
+    address = stage.ipv4()
+    stage.expect_tunnel("name look-up of a direct application",
+                        stage.courier.run("resolve", address, 53), address)
+    stage.expect_no_record("datagrams leave no record", address)
+
+
+def _bound_to_an_interface(stage) -> None:
+    address = stage.ipv4()
+    report = stage.ledger.run("connect", address, 80, "--bind-device", network.PHYSICAL)
+    stage.expect_physical("a socket bound to an interface keeps it", report, address)
+    stage.expect_no_record("a socket bound to an interface is not the proxy's", address)
+
+
+def _loopback_is_not_offered(stage) -> None:
+    since = stage.daemon.mark()
+    with socket.create_server(("127.0.0.1", 0)) as listener:
+        def greet():
+            connection, _ = listener.accept()
+            connection.sendall(b'{"client":"loopback"}\n')
+            connection.close()
+        greeter = threading.Thread(target=greet)
+        greeter.start()
+        report = stage.courier.run("connect", "127.0.0.1", listener.getsockname()[1])
+        greeter.join(10)
+    stage.checks.equal("loopback works", report["serverSaw"], "loopback")
+    stage.checks.equal("loopback is never offered",
+                       [each.text for each in stage.daemon.lines(since) if "TCP flow" in each.text], [])
+
+
+def _accounts_of_the_system(stage) -> None:
+    if stage.applications_run_as_one_account():
+        return
+    address = stage.ipv4()
+    stage.expect_tunnel("a process of the system's own accounts is left alone",
+                        stage.courier.run("connect", address, 80, user=None), address)
+    stage.expect_no_record("a process of the system's own accounts leaves no record", address)
+
+
+def _direct_by_default(stage) -> None:
+    stage.apply(RULES.but(defaultAction="direct"))
+    for application, expect in ((stage.nobody, stage.expect_physical), (stage.ledger, stage.expect_tunnel)):
+        address = stage.ipv4()
+        expect(f"direct by default: {application.identifier}",
+               application.run("connect", address, 80), address)
+    stage.apply(RULES)

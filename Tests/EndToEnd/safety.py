@@ -1,0 +1,90 @@
+"""The daemon's end, wanted or not, leaves the machine as it was, with its traffic flowing."""
+
+import json
+import signal
+import subprocess
+
+from vantrylab import network
+from vantrylab.host import Rules
+
+RULES = Rules(rules={"com.example.courier": "direct", "com.example.ledger": "vpn"},
+              blockedApps=("com.example.chatter",))
+ENDINGS = (signal.SIGKILL, signal.SIGTERM, signal.SIGINT)
+
+
+def run(stage) -> None:
+    network.vpn_up()
+    before = _traces()
+    for ending in ENDINGS:
+        _end_under_load(stage, ending, before)
+    _restart(stage)
+    _ends_while_packets_wait(stage)
+    network.vpn_down()
+
+
+def _traces() -> dict[str, object]:
+    """All places where the daemon could have left something."""
+    def output(*command: str) -> str:
+        return subprocess.run(command, capture_output=True, text=True, check=True).stdout
+    return {"packet rules": json.loads(output("nft", "--json", "list", "ruleset"))["nftables"][1:],
+            "routing rules": output("ip", "rule"), "routing rules for IPv6": output("ip", "-6", "rule"),
+            "addresses on lo": output("ip", "-brief", "address", "show", "dev", "lo"),
+            "routes": output("ip", "route", "show", "table", "all")}
+
+
+def _end_under_load(stage, ending: signal.Signals, before: dict[str, object]) -> None:
+    stage.start_daemon(RULES)
+    relayed = stage.courier.start("upload", stage.ipv4(), 8080, "--duration", 3)
+    watched = stage.ledger.start("upload", stage.ipv4(), 8080, "--duration", 3)
+    passed = stage.nobody.start("upload", stage.ipv4(), 8080, "--duration", 3)
+    for each in (relayed, watched, passed):
+        each.report()
+    address = stage.ipv4()
+    stage.expect_denied(f"{ending.name}: before it", stage.chatter.run("connect", address, 80), address)
+    status = stage.daemon.stop(ending, seconds=3)
+    ended_at = stage.now()
+    stage.daemon = None
+    expected = -signal.SIGKILL if ending == signal.SIGKILL else 0
+    stage.checks.equal(f"{ending.name}: the daemon ends", status, expected)
+    for application in (stage.courier, stage.ledger, stage.nobody, stage.chatter):
+        for next_address in (stage.ipv4, stage.ipv6):
+            address = next_address()
+            stage.expect_tunnel(f"{ending.name}: {application.identifier} connects as if there had been none",
+                                application.run("connect", address, 80), address)
+    report = relayed.finish()
+    stage.checks.check(f"{ending.name}: the relayed upload ends and does not hang",
+                       report["error"] in ("ECONNRESET", "EPIPE", "EOF") and report["at"] < ended_at + 1, report)
+    if ending == signal.SIGKILL:
+        stage.expect_untouched(f"{ending.name}: the watched upload goes on", watched.finish())
+    else:
+        watched.finish()
+    stage.expect_untouched(f"{ending.name}: the passed upload goes on", passed.finish())
+    for place, content in _traces().items():
+        stage.checks.equal(f"{ending.name}: nothing left in {place}", content, before[place])
+
+
+def _restart(stage) -> None:
+    """A new daemon does its work at once, also for connections that an old one has marked."""
+    stage.start_daemon(RULES)
+    passed = stage.nobody.start("upload", stage.ipv4(), 8080, "--duration", 3)
+    passed.report()
+    stage.daemon.stop(signal.SIGKILL)
+    stage.start_daemon(RULES)
+    for application, expect in ((stage.courier, stage.expect_physical), (stage.ledger, stage.expect_tunnel),
+                                (stage.chatter, stage.expect_denied)):
+        address = stage.ipv4()
+        expect(f"after a restart: {application.identifier}", application.run("connect", address, 80), address)
+    stage.expect_untouched("a connection older than the daemon goes on", passed.finish())
+    stage.stop_daemon()
+
+
+def _ends_while_packets_wait(stage) -> None:
+    """First packets that wait for a verdict when the daemon is killed are sent once more, and pass."""
+    stage.start_daemon(RULES)
+    stage.daemon.process.send_signal(signal.SIGSTOP)
+    addresses = [stage.ipv4() for _ in range(3)]
+    waiting = [stage.courier.start("connect", address, 80) for address in addresses]
+    stage.daemon.stop(signal.SIGKILL)
+    stage.daemon = None
+    for address, each in zip(addresses, waiting):
+        stage.expect_tunnel(f"waiting for a verdict when the daemon died: {address}", each.finish(), address)

@@ -1,0 +1,105 @@
+"""What becomes of connections while the VPN is down: by the host's word alone, and for real."""
+
+from vantrylab import network
+from vantrylab.host import Rules
+from vantrylab.verdicts import ENDED
+
+LEDGER = "com.example.ledger"
+UP = Rules(rules={"com.example.courier": "direct", LEDGER: "vpn"}, vpnFallback="block")
+DOWN = UP.but(vpnConnected=False)
+
+
+def run(stage) -> None:
+    network.vpn_up()
+    stage.start_daemon(UP)
+    _watched_connections_end(stage)
+    stage.apply(UP)
+    _the_tunnel_really_goes(stage)
+    _new_flows_with_fallback_block(stage)
+    _new_flows_with_fallback_allow(stage)
+    network.vpn_up()
+    stage.apply(UP)
+    address = stage.ipv4()
+    stage.expect_tunnel("the VPN is back", stage.ledger.run("connect", address, 80), address)
+    stage.stop_daemon()
+    network.vpn_down()
+
+
+def _watched_connections_end(stage) -> None:
+    """The host's word is enough; the tunnel itself stays up here, so that nothing else ends them."""
+    cases = (("upload", 8080, "VPN FALLBACK DROP", False), ("datagrams", 443, "QUIC BLOCK (deferred)", True),
+             ("datagrams", 5353, "VPN FALLBACK DROP", False), ("datagrams", 53, "VPN FALLBACK DROP", False))
+    for mode, port, line, is_recorded in cases:
+        for next_address in (stage.ipv4, stage.ipv6):
+            stage.apply(UP)
+            name, address = f"VPN down: running {mode} to port {port}", next_address()
+            direct_address = stage.ipv4()
+            running = stage.ledger.start(mode, address, port, "--duration", 20)
+            direct = stage.courier.start("upload", direct_address, 8080, "--duration", 1)
+            running.report()
+            direct.report()
+            since, changed_at = stage.daemon.mark(), stage.now()
+            stage.apply(DOWN)
+            stage.expect_ended(f"{name} at {address} end", running.finish(), changed_at, ENDED)
+            stage.expect_line(f"{name} at {address}: logged", f"{line}: {LEDGER}", since)
+            stage.expect_untouched(f"{name}: a direct upload goes on", direct.finish())
+            if is_recorded:
+                stage.expect_record(f"{name} at {address}: recorded", address, bundleId=LEDGER,
+                                    routingDecision="vpn", actualRoute="blocked", destinationPort=443,
+                                    protocolType="udp", isVpnConnected=False)
+            else:
+                stage.expect_no_record(f"{name} at {address}: not recorded", address)
+
+
+def _the_tunnel_really_goes(stage) -> None:
+    address, direct_address = stage.ipv4(), stage.ipv4()
+    upload = stage.ledger.start("upload", address, 8080, "--duration", 20)
+    direct = stage.courier.start("upload", direct_address, 8080, "--duration", 3)
+    upload.report()
+    direct.report()
+    network.vpn_down()
+    changed_at = stage.now()
+    stage.apply(DOWN)
+    stage.expect_ended("the tunnel goes: the upload through it ends", upload.finish(), changed_at, ENDED)
+    stage.expect_untouched("the tunnel goes: a direct upload goes on", direct.finish())
+
+
+def _new_flows_with_fallback_block(stage) -> None:
+    for next_address in (stage.ipv4, stage.ipv6):
+        for words, port, protocol in (("connect", 80, "tcp"), ("connect", 53, "tcp"), ("datagram", 443, "udp")):
+            address, since = next_address(), stage.daemon.mark()
+            name = f"fallback block: {words} to {address} port {port}"
+            stage.expect_denied(name, stage.ledger.run(words, address, port), address)
+            stage.expect_line(f"{name}: logged",
+                              f"VPN BLOCK: {LEDGER} {protocol.upper()} -> {address}:{port}", since)
+            stage.expect_record(f"{name}: recorded", address, bundleId=LEDGER, routingDecision="vpn",
+                                actualRoute="blocked", destinationPort=port, protocolType=protocol)
+        for words, port in (("resolve", 53), ("datagram", 123), ("datagram", 8080)):
+            address = next_address()
+            name = f"fallback block: {words} to {address} port {port} passes"
+            stage.expect_physical(name, stage.ledger.run(words, address, port), address)
+            stage.expect_no_record(f"{name} without a record", address)
+        address = next_address()
+        stage.expect_physical(f"fallback block: a direct application at {address}",
+                              stage.courier.run("connect", address, 80), address)
+        stage.expect_record(f"fallback block: the direct connection to {address} is recorded", address,
+                            routingDecision="direct", actualRoute="direct", isVpnConnected=False)
+        address = next_address()
+        stage.expect_physical(f"fallback block: an application without a rule at {address}",
+                              stage.nobody.run("connect", address, 80), address)
+
+
+def _new_flows_with_fallback_allow(stage) -> None:
+    stage.apply(DOWN.but(vpnFallback="allow"))
+    for next_address in (stage.ipv4, stage.ipv6):
+        for words, port in (("connect", 80), ("datagram", 443), ("datagram", 8080)):
+            address = next_address()
+            name = f"fallback allow: {words} to {address} port {port}"
+            stage.expect_physical(name, stage.ledger.run(words, address, port), address)
+            if words == "connect":
+                stage.expect_record(f"{name}: recorded as direct", address, bundleId=LEDGER,
+                                    routingDecision="vpn", actualRoute="direct",
+                                    sourceIp=network.CLIENT_IPV4, isVpnConnected=False)
+    address = stage.ipv4()
+    upload = stage.ledger.start("upload", address, 8080, "--duration", 0.5)
+    stage.expect_untouched("fallback allow: an upload goes on", upload.finish())
