@@ -12,6 +12,16 @@
 
 namespace platform::interception {
 
+// Calls `visit` for each attribute behind the message's fixed header of `headerLength` bytes.
+template <class Visit>
+void forEachAttribute(const nlmsghdr& message, std::size_t headerLength, Visit visit) {
+    const auto call = [](const nlattr* attribute, void* visitor) {
+        (*static_cast<Visit*>(visitor))(*attribute);
+        return MNL_CB_OK;
+    };
+    mnl_attr_parse(&message, static_cast<unsigned>(headerLength), call, &visit);
+}
+
 class NetlinkSocket {
 public:
     // Nothing if the kernel refuses; `errno` says why. `groups` are multicast group numbers.

@@ -1,0 +1,52 @@
+// Keeps the source address of claimed flows alive. A flow that began while a tunnel was up has the
+// tunnel's address on the application's side; when the tunnel goes, the kernel would no longer
+// deliver to it. While such a claim lives the address also stands on the loopback interface, with a
+// short lifetime that is renewed, so that it goes by itself whatever becomes of this process. Any
+// thread.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+
+#include "Platform/Linux/Attribution/FlowOwner.h"
+#include "Platform/Linux/Interception/NetlinkSocket.h"
+
+namespace platform::interception {
+
+class AddressAliases : public std::enable_shared_from_this<AddressAliases> {
+public:
+    AddressAliases();
+    // Takes all aliases away.
+    ~AddressAliases();
+    AddressAliases(const AddressAliases&) = delete;
+    AddressAliases& operator=(const AddressAliases&) = delete;
+
+    // Keeps the flow's source address while the token lives. Nothing is kept for a flow that does
+    // not leave through a tunnel. Needs the object to be held by a shared pointer.
+    std::shared_ptr<void> keepSourceOf(const FlowTuple& flow);
+    // To be called more often than every `lifetimeSeconds`.
+    void renew();
+
+    static constexpr std::uint32_t lifetimeSeconds = 30;
+
+private:
+    struct Address {
+        int family;
+        std::array<std::uint8_t, 16> bytes;
+        friend auto operator<=>(const Address&, const Address&) = default;
+    };
+
+    bool put(const Address& address);
+    void take(const Address& address);
+    void letGo(const Address& address);
+
+    // Guards all.
+    std::mutex lock;
+    std::unique_ptr<NetlinkSocket> socket;
+    std::map<Address, std::size_t> users;
+};
+
+}  // namespace platform::interception

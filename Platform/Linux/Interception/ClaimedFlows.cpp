@@ -1,0 +1,199 @@
+#include "Platform/Linux/Interception/ClaimedFlows.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <linux/netfilter_ipv4.h>
+#include <linux/netfilter_ipv6/ip6_tables.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <mutex>
+#include <optional>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/Interception/HeldPacket.h"
+#include "Platform/Linux/Relay/SocketFlow.h"
+#include "Platform/Linux/SystemError.h"
+
+namespace platform::interception {
+
+namespace {
+
+constexpr std::chrono::seconds longestWait{10};
+// A claimed flow takes two sockets and up to two pipes; with fewer descriptors left than this, new
+// flows stay with the system.
+constexpr std::size_t descriptorReserve = 48;
+
+void fillFrom(const sockaddr_storage& address, std::array<std::uint8_t, 16>& bytes,
+              std::uint16_t& port) {
+    if (address.ss_family == AF_INET) {
+        const auto& four = reinterpret_cast<const sockaddr_in&>(address);
+        std::memcpy(bytes.data(), &four.sin_addr, sizeof four.sin_addr);
+        port = ntohs(four.sin_port);
+    } else {
+        const auto& six = reinterpret_cast<const sockaddr_in6&>(address);
+        std::memcpy(bytes.data(), &six.sin6_addr, sizeof six.sin6_addr);
+        port = ntohs(six.sin6_port);
+    }
+}
+
+// The flow as its application sees it; nothing if the connection was not redirected.
+std::optional<FlowTuple> originalFlow(int socket, const sockaddr_storage& peer) {
+    const bool isIPv4 = peer.ss_family == AF_INET;
+    sockaddr_storage wanted{};
+    socklen_t length = sizeof wanted;
+    if (getsockopt(socket, isIPv4 ? SOL_IP : SOL_IPV6,
+                   isIPv4 ? SO_ORIGINAL_DST : IP6T_SO_ORIGINAL_DST, &wanted, &length) != 0)
+        return std::nullopt;
+    FlowTuple flow;
+    flow.protocol = IPPROTO_TCP;
+    flow.family = peer.ss_family;
+    fillFrom(peer, flow.sourceAddress, flow.sourcePort);
+    fillFrom(wanted, flow.destinationAddress, flow.destinationPort);
+    return flow;
+}
+
+void reset(FileDescriptor socket) {
+    const linger atOnce{1, 0};
+    setsockopt(socket.get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+}
+
+std::uint16_t portOf(const FileDescriptor& listener) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &length);
+    std::array<std::uint8_t, 16> bytes{};
+    std::uint16_t port = 0;
+    fillFrom(address, bytes, port);
+    return port;
+}
+
+FileDescriptor openListener(int family) {
+    FileDescriptor listener(socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!listener) return {};
+    const int on = 1;
+    setsockopt(listener.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    sockaddr_storage address{};
+    socklen_t length = 0;
+    if (family == AF_INET) {
+        auto& four = reinterpret_cast<sockaddr_in&>(address);
+        four.sin_family = AF_INET;
+        four.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        length = sizeof four;
+    } else {
+        setsockopt(listener.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+        auto& six = reinterpret_cast<sockaddr_in6&>(address);
+        six.sin6_family = AF_INET6;
+        six.sin6_addr = in6addr_loopback;
+        length = sizeof six;
+    }
+    if (bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
+        listen(listener.get(), SOMAXCONN) != 0)
+        return {};
+    return listener;
+}
+
+}  // namespace
+
+// The claims whose connections have not come yet.
+class ClaimedFlows::Awaited {
+public:
+    void add(const FlowTuple& flow, Flow claimed) {
+        const std::lock_guard guard(lock);
+        claims.insert_or_assign(flow, Claim{std::move(claimed), Clock::now() + longestWait});
+    }
+
+    void supply(FileDescriptor socket, const sockaddr_storage& peer) {
+        const auto flow = originalFlow(socket.get(), peer);
+        const Flow claimed = flow ? take(*flow) : nullptr;
+        if (claimed)
+            claimed->supplySocket(std::move(socket));
+        else
+            reset(std::move(socket));
+    }
+
+    void failThoseBefore(std::chrono::steady_clock::time_point deadline, const NSError& error) {
+        std::vector<Flow> failed;
+        {
+            const std::lock_guard guard(lock);
+            std::erase_if(claims, [&](auto& entry) {
+                if (entry.second.deadline > deadline) return false;
+                failed.push_back(std::move(entry.second.flow));
+                return true;
+            });
+        }
+        for (const Flow& claimed : failed) claimed->failOpening(error);
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    struct Claim {
+        Flow flow;
+        Clock::time_point deadline;
+    };
+
+    Flow take(const FlowTuple& flow) {
+        const std::lock_guard guard(lock);
+        const auto found = claims.find(flow);
+        if (found == claims.end()) return nullptr;
+        Flow claimed = std::move(found->second.flow);
+        claims.erase(found);
+        return claimed;
+    }
+
+    // Guards `claims`.
+    std::mutex lock;
+    std::unordered_map<FlowTuple, Claim, FlowHash, SameFlow> claims;
+};
+
+ClaimedFlows::ClaimedFlows() : awaited(std::make_shared<Awaited>()) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    descriptorLimit = limit.rlim_cur;
+    const auto listen = [this](int family, std::uint16_t& port) {
+        FileDescriptor listener = openListener(family);
+        if (!listener) return std::unique_ptr<ConnectionAcceptor>();
+        port = portOf(listener);
+        return std::make_unique<ConnectionAcceptor>(
+            std::move(listener),
+            [waiting = awaited](FileDescriptor socket, const sockaddr_storage& peer) {
+                waiting->supply(std::move(socket), peer);
+            });
+    };
+    ipv4 = listen(AF_INET, listenerPorts.ipv4);
+    ipv6 = listen(AF_INET6, listenerPorts.ipv6);
+}
+
+ClaimedFlows::~ClaimedFlows() {
+    ipv4.reset();
+    ipv6.reset();
+    awaited->failThoseBefore(std::chrono::steady_clock::time_point::max(),
+                             systemError(ECONNABORTED));
+}
+
+bool ClaimedFlows::canClaim(int family) const {
+    if ((family == AF_INET ? listenerPorts.ipv4 : listenerPorts.ipv6) == 0) return false;
+    // The kernel gives the lowest free number, which tells how many are taken at least.
+    const FileDescriptor probe(eventfd(0, EFD_CLOEXEC));
+    return probe && static_cast<std::size_t>(probe.get()) + descriptorReserve < descriptorLimit;
+}
+
+void ClaimedFlows::expect(const FlowTuple& flow, Flow claimed) {
+    awaited->add(flow, std::move(claimed));
+}
+
+void ClaimedFlows::failOverdue() {
+    awaited->failThoseBefore(std::chrono::steady_clock::now(), systemError(ETIMEDOUT));
+}
+
+}  // namespace platform::interception

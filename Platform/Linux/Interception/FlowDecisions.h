@@ -1,0 +1,82 @@
+// What becomes of each packet that is held: asks who sent it, offers the flow to the proxy and then
+// to the filter, shows the bytes of watched flows, and turns the answers into the mark under which
+// the packet goes on. Called on many threads at once, for one packet of a flow at a time.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "Platform/Linux/Attribution/FlowOwner.h"
+#include "Platform/Linux/Interception/AddressAliases.h"
+#include "Platform/Linux/Interception/ClaimedFlows.h"
+#include "Platform/Linux/Interception/ConnectionEntries.h"
+#include "Platform/Linux/Interception/FlowMark.h"
+#include "Platform/Linux/Interception/HeldPacket.h"
+#include "Platform/Linux/Interception/RecentVerdicts.h"
+#include "Platform/Linux/Interception/WatchedFlows.h"
+#include "Platform/NEProvider.h"
+
+namespace platform::interception {
+
+struct Providers {
+    std::shared_ptr<NETransparentProxyProvider> proxy;
+    std::shared_ptr<NEFilterDataProvider> filter;
+};
+
+// Who is asked at present, and about what.
+struct Offers {
+    std::vector<NENetworkRule> proxyRules;       // none: the proxy is not asked
+    std::optional<NEFilterAction> filterAction;  // nothing: the filter is not asked
+    unsigned generation = 0;
+};
+
+class FlowDecisions {
+public:
+    FlowDecisions(Providers toAsk, MarkPlace markPlace);
+
+    ListenerPorts listenerPorts() const { return claims.ports(); }
+
+    std::shared_ptr<const Offers> offers() const;
+    void setOffers(Offers replacement);
+
+    // The mark under which the packet goes on.
+    std::uint32_t markFor(const HeldPacket& packet);
+
+    // Forgets what is over. To be called every few seconds.
+    void keepHouse();
+
+private:
+    struct Source;
+
+    Verdict verdictOnFlow(const HeldPacket& packet, const Offers& asked);
+    Verdict offer(const HeldPacket& packet, const Offers& asked);
+    // The application's side of the flow if the proxy claims it, else null.
+    ClaimedFlows::Flow offerToProxy(const HeldPacket& packet, const Source& source,
+                                    const Offers& asked);
+    NEFilterNewFlowVerdict offerToFilter(const NEFilterSocketFlow& flow, const Offers& asked);
+    Verdict claim(const HeldPacket& packet, ClaimedFlows::Flow flow, FlowState state);
+    Verdict verdictOnData(const HeldPacket& packet, const Offers& asked);
+    std::shared_ptr<WatchedFlow> watchedFlow(const HeldPacket& packet);
+    Source sourceOf(const HeldPacket& packet);
+    Verdict deny(const HeldPacket& packet);
+
+    const Providers providers;
+    const MarkPlace place;
+    FlowAttribution attribution;
+    const std::shared_ptr<AddressAliases> aliases;
+    ClaimedFlows claims;
+    RecentVerdicts recent;
+    WatchedFlows watched;
+
+    // Guards `entries`.
+    std::mutex entriesLock;
+    std::unique_ptr<ConnectionEntries> entries;
+    // Guards `inForce`.
+    mutable std::mutex offersLock;
+    std::shared_ptr<const Offers> inForce;
+};
+
+}  // namespace platform::interception

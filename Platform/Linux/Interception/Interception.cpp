@@ -1,0 +1,194 @@
+#include "Platform/Linux/Interception/Interception.h"
+
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <linux/netfilter/nfnetlink.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <utility>
+
+#include "Platform/Linux/Interception/MarkPlaces.h"
+#include "Platform/Linux/Interception/NetworkRules.h"
+#include "Platform/Linux/OwnTraffic.h"
+#include "Platform/Linux/PlatformLog.h"
+#include "Platform/Linux/SystemError.h"
+
+namespace platform::interception {
+
+namespace {
+
+constexpr int housekeepingMilliseconds = 5000;
+
+std::set<std::uint8_t> protocolsOf(const Offers& offers) {
+    if (offers.filterAction) return {IPPROTO_TCP, IPPROTO_UDP};
+    std::set<std::uint8_t> protocols;
+    for (const NENetworkRule& rule : offers.proxyRules) {
+        if (rule.protocol != NENetworkRule::Protocol::UDP) protocols.insert(IPPROTO_TCP);
+        if (rule.protocol != NENetworkRule::Protocol::TCP) protocols.insert(IPPROTO_UDP);
+    }
+    return protocols;
+}
+
+}  // namespace
+
+Interception::Interception(Providers providers, Choices choices)
+    : place(freeMarkPlace(markBitsInUse())),
+      decisions(std::move(providers), place),
+      chosen(choices),
+      wakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    OwnTraffic::setMark(place.value(FlowState::ownTraffic));
+    settingsThread = std::thread([this] { serveSettings(); });
+}
+
+Interception::~Interception() {
+    {
+        const std::lock_guard guard(lock);
+        isStopping = true;
+    }
+    eventfd_write(wakeUp.get(), 1);
+    settingsThread.join();
+    for (Setting& setting : waiting)
+        if (setting.completion) setting.completion(systemError(ECANCELED));
+    // First nothing new comes, then what is held goes.
+    if (table) table->remove();
+    workers.reset();
+    if (entries && isInstalled)
+        entries->changeMarks(place.mask(), [&](std::uint32_t mark) {
+            return (mark & place.mask()) != 0 ? std::optional(0u) : std::nullopt;
+        });
+}
+
+void Interception::setProxyRules(std::vector<NENetworkRule> rules, ErrorCompletion completion) {
+    apply([rules = std::move(rules)](Offers& offers) { offers.proxyRules = rules; },
+          std::move(completion));
+}
+
+void Interception::setFilterAction(std::optional<NEFilterAction> action,
+                                   ErrorCompletion completion) {
+    apply([action](Offers& offers) { offers.filterAction = action; }, std::move(completion));
+}
+
+void Interception::apply(Change change, ErrorCompletion completion) {
+    {
+        const std::lock_guard guard(lock);
+        waiting.push_back({std::move(change), std::move(completion)});
+    }
+    eventfd_write(wakeUp.get(), 1);
+}
+
+void Interception::serveSettings() {
+    while (waitForWork()) {
+        for (Setting& setting : takeSettings()) {
+            const int error = carryOut(setting.change);
+            if (!setting.completion) continue;
+            setting.completion(error == 0 ? std::nullopt : std::optional(systemError(error)));
+        }
+    }
+}
+
+// False when the end has come.
+bool Interception::waitForWork() {
+    std::array<pollfd, 2> polled{
+        {{wakeUp.get(), POLLIN, 0}, {ruleEvents ? ruleEvents->descriptor() : -1, POLLIN, 0}}};
+    const int count = poll(polled.data(), polled.size(), housekeepingMilliseconds);
+    eventfd_t ignored = 0;
+    eventfd_read(wakeUp.get(), &ignored);
+    if (polled[1].revents != 0) watchRules();
+    if (count == 0) decisions.keepHouse();
+    const std::lock_guard guard(lock);
+    return !isStopping;
+}
+
+std::vector<Interception::Setting> Interception::takeSettings() {
+    const std::lock_guard guard(lock);
+    return std::exchange(waiting, {});
+}
+
+int Interception::carryOut(const Change& change) {
+    const auto before = decisions.offers();
+    Offers wanted = *before;
+    change(wanted);
+    const bool needsFlush = isInstalled && !wanted.proxyRules.empty() &&
+                            !keepsAllRules(before->proxyRules, wanted.proxyRules);
+    if (const int error = putInForce(*before, wanted)) return error;
+    decisions.setOffers(wanted);
+    if (!needsFlush) return 0;
+    // From here on verdicts carry the new generation, and those that were asked for before don't.
+    const int error = flushDeclined(wanted);
+    decisions.setOffers(wanted);
+    return error;
+}
+
+int Interception::putInForce(const Offers& before, const Offers& wanted) {
+    const auto protocols = protocolsOf(wanted);
+    if (isInstalled && protocols == protocolsOf(before)) return 0;
+    if (!isInstalled) {
+        if (protocols.empty()) return 0;
+        if (const int error = begin()) return error;
+    }
+    content.offeredProtocols = protocols;
+    content.generation = before.generation;
+    const int error = table->install(content);
+    if (error == 0) isInstalled = true;
+    return error;
+}
+
+int Interception::begin() {
+    if (!entries) entries = ConnectionEntries::open();
+    if (!table) table = PacketTable::open(chosen.ownership);
+    if (!queue) queue = PacketQueue::open();
+    if (!entries || !table || !queue) return errno;
+    if (!workers) {
+        workers = std::make_unique<PacketWorkers>(
+            *queue, [this](const HeldPacket& packet) { return decisions.markFor(packet); },
+            [](std::size_t count) {
+                platformLog.error("%ld packets had waited too long for a verdict and were let go",
+                                  count);
+            },
+            chosen.limits);
+    }
+    if (!ruleEvents) {
+        constexpr std::array<unsigned, 1> groups{NFNLGRP_NFTABLES};
+        ruleEvents = NetlinkSocket::open(NETLINK_NETFILTER, groups);
+    }
+    content.place = place;
+    content.queues = queue->numbers();
+    content.listeners = decisions.listenerPorts();
+    // An earlier process may have left its verdicts behind.
+    return entries->changeMarks(place.mask(), [this](std::uint32_t mark) {
+        return (mark & place.mask()) != 0 ? std::optional(0u) : std::nullopt;
+    });
+}
+
+int Interception::flushDeclined(Offers& wanted) {
+    wanted.generation = (wanted.generation + 1) % staleGeneration;
+    const std::uint32_t reused = place.value(FlowState::declined, wanted.generation);
+    const std::uint32_t stale = place.value(FlowState::declined, staleGeneration);
+    entries->changeMarks(place.mask(), [&](std::uint32_t mark) {
+        return (mark & place.mask()) == reused ? std::optional(stale) : std::nullopt;
+    });
+    content.generation = wanted.generation;
+    return table->setGeneration(wanted.generation);
+}
+
+// Somebody changed the packet rules of the machine, perhaps ours.
+void Interception::watchRules() {
+    std::array<char, 64 * 1024> ignored;
+    while (recv(ruleEvents->descriptor(), ignored.data(), ignored.size(), MSG_DONTWAIT) > 0) {
+    }
+    if (!isInstalled || table->isComplete()) return;
+    const int error = table->install(content);
+    if (error == 0)
+        platformLog.error("The interception's rules had been removed and were put back");
+    else
+        platformLog.error(
+            "The interception's rules were removed and cannot be put back: %{public}s",
+            systemError(error).localizedDescription);
+}
+
+}  // namespace platform::interception

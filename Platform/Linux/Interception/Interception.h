@@ -1,0 +1,82 @@
+// Stands between the machine's outbound flows and the two providers. It is made before the
+// providers start, puts nothing in force until their settings ask for flows, and takes everything
+// away when it goes. Settings are carried out one after the other on a thread of its own, which
+// also puts the rules back when somebody removes them. Any thread may call.
+#pragma once
+
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/Interception/ConnectionEntries.h"
+#include "Platform/Linux/Interception/FlowDecisions.h"
+#include "Platform/Linux/Interception/PacketQueue.h"
+#include "Platform/Linux/Interception/PacketTable.h"
+#include "Platform/Linux/Interception/PacketWorkers.h"
+
+namespace platform::interception {
+
+class Interception {
+public:
+    using ErrorCompletion = Completion<std::optional<NSError>>;
+
+    struct Choices {
+        TableOwnership ownership = TableOwnership::exclusive;
+        PacketWorkers::Limits limits;
+    };
+
+    explicit Interception(Providers providers) : Interception(std::move(providers), Choices()) {}
+    Interception(Providers providers, Choices choices);
+    // Lets all held packets go. Settings that still wait complete with an error.
+    ~Interception();
+    Interception(const Interception&) = delete;
+    Interception& operator=(const Interception&) = delete;
+
+    // Which flows are offered to the proxy from now on; none ends its part. When a rule leaves the
+    // list, declined flows are offered once more. The completion runs on a thread of ours.
+    void setProxyRules(std::vector<NENetworkRule> rules, ErrorCompletion completion);
+    // What the filter is asked about; nothing ends its part.
+    void setFilterAction(std::optional<NEFilterAction> action, ErrorCompletion completion);
+
+private:
+    using Change = std::function<void(Offers&)>;
+    struct Setting {
+        Change change;
+        ErrorCompletion completion;
+    };
+
+    void apply(Change change, ErrorCompletion completion);
+    void serveSettings();
+    bool waitForWork();
+    std::vector<Setting> takeSettings();
+    int carryOut(const Change& change);
+    int begin();
+    int putInForce(const Offers& before, const Offers& wanted);
+    int flushDeclined(Offers& wanted);
+    void watchRules();
+
+    const MarkPlace place;
+    FlowDecisions decisions;
+    std::unique_ptr<PacketTable> table;
+    std::unique_ptr<PacketQueue> queue;
+    std::unique_ptr<PacketWorkers> workers;
+    std::unique_ptr<ConnectionEntries> entries;
+    std::unique_ptr<NetlinkSocket> ruleEvents;
+    const Choices chosen;
+    PacketTableContent content;
+    bool isInstalled = false;
+
+    // Guards the next two.
+    std::mutex lock;
+    std::vector<Setting> waiting;
+    bool isStopping = false;
+    FileDescriptor wakeUp;
+    std::thread settingsThread;
+};
+
+}  // namespace platform::interception

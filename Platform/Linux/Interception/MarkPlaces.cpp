@@ -1,0 +1,97 @@
+#include "Platform/Linux/Interception/MarkPlaces.h"
+
+#include <sys/socket.h>
+
+#include <linux/fib_rules.h>
+#include <linux/rtnetlink.h>
+#include <nftables/libnftables.h>
+
+#include <array>
+#include <bit>
+#include <charconv>
+#include <memory>
+
+#include "Platform/Linux/Interception/NetlinkSocket.h"
+#include "Platform/Linux/Interception/PacketRule.h"
+
+namespace platform::interception {
+
+namespace {
+
+// A number with most bits set is a mask that keeps those and speaks of the others.
+std::uint32_t bitsMeantBy(std::uint32_t number) {
+    return std::popcount(number) > 16 ? ~number : number;
+}
+
+std::uint32_t bitsInLine(std::string_view line) {
+    std::uint32_t bits = 0;
+    for (auto at = line.find("0x"); at != std::string_view::npos; at = line.find("0x", at + 2)) {
+        std::uint32_t number = 0;
+        std::from_chars(line.data() + at + 2, line.data() + line.size(), number, 16);
+        bits |= bitsMeantBy(number);
+    }
+    return bits;
+}
+
+std::uint32_t bitsInRoutingRules() {
+    const auto socket = NetlinkSocket::open(NETLINK_ROUTE);
+    if (!socket) return 0;
+    std::uint32_t bits = 0;
+    alignas(nlmsghdr) std::array<char, 64> room{};
+    nlmsghdr* const header = mnl_nlmsg_put_header(room.data());
+    header->nlmsg_type = RTM_GETRULE;
+    header->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    header->nlmsg_seq = 1;
+    mnl_nlmsg_put_extra_header(header, sizeof(fib_rule_hdr));
+    socket->request(*header, [&](const nlmsghdr& rule) {
+        std::uint32_t mark = 0;
+        std::uint32_t mask = 0;
+        forEachAttribute(rule, sizeof(fib_rule_hdr), [&](const nlattr& attribute) {
+            if (mnl_attr_get_type(&attribute) == FRA_FWMARK) mark = mnl_attr_get_u32(&attribute);
+            if (mnl_attr_get_type(&attribute) == FRA_FWMASK) mask = mnl_attr_get_u32(&attribute);
+        });
+        // Whoever compares the whole mark uses the bits of the value.
+        bits |= mask == ~0u ? mark : mask;
+    });
+    return bits;
+}
+
+}  // namespace
+
+std::uint32_t markBitsInRules(std::string_view ruleset) {
+    std::uint32_t bits = 0;
+    bool isOurs = false;
+    while (!ruleset.empty()) {
+        const auto end = ruleset.find('\n');
+        const std::string_view line = ruleset.substr(0, end);
+        ruleset.remove_prefix(end == std::string_view::npos ? ruleset.size() : end + 1);
+        if (line.starts_with("table "))
+            isOurs = line.find(std::string(" ") + packetTableName + " ") != std::string_view::npos;
+        if (!isOurs && line.find("mark") != std::string_view::npos) bits |= bitsInLine(line);
+    }
+    return bits;
+}
+
+std::uint32_t markBitsInUse() {
+    const std::unique_ptr<nft_ctx, decltype(&nft_ctx_free)> context(nft_ctx_new(NFT_CTX_DEFAULT),
+                                                                    &nft_ctx_free);
+    std::uint32_t bits = bitsInRoutingRules();
+    if (!context) return bits;
+    nft_ctx_buffer_output(context.get());
+    nft_ctx_buffer_error(context.get());
+    if (nft_run_cmd_from_buffer(context.get(), "list ruleset") == 0)
+        bits |= markBitsInRules(nft_ctx_get_output_buffer(context.get()));
+    return bits;
+}
+
+MarkPlace freeMarkPlace(std::uint32_t used) {
+    constexpr unsigned highest = 24;
+    MarkPlace best(highest);
+    for (unsigned shift = highest + 1; shift-- > 0;) {
+        const MarkPlace place(shift);
+        if (std::popcount(used & place.mask()) < std::popcount(used & best.mask())) best = place;
+    }
+    return best;
+}
+
+}  // namespace platform::interception

@@ -1,0 +1,56 @@
+#include <cerrno>
+#include <mutex>
+#include <utility>
+
+#include "Platform/Dispatch.h"
+#include "Platform/Linux/Interception/RunningInterception.h"
+#include "Platform/Linux/SystemError.h"
+#include "Platform/NEProvider.h"
+
+namespace platform {
+
+namespace interception {
+
+namespace {
+std::mutex runningLock;
+std::shared_ptr<Interception> running;  // guarded by `runningLock`
+}  // namespace
+
+std::shared_ptr<Interception> RunningInterception::get() {
+    const std::lock_guard guard(runningLock);
+    return running;
+}
+
+void RunningInterception::set(std::shared_ptr<Interception> interception) {
+    const std::lock_guard guard(runningLock);
+    running.swap(interception);
+}
+
+}  // namespace interception
+
+namespace {
+
+void refuse(Completion<std::optional<NSError>> completion) {
+    DispatchQueue::global(QualityOfService::defaultQuality)
+        .async(
+            [completion = std::move(completion)]() mutable { completion(systemError(ENOTCONN)); });
+}
+
+}  // namespace
+
+void NETransparentProxyProvider::setTunnelNetworkSettings(
+    NETransparentProxyNetworkSettings settings, ErrorCompletion completion) {
+    if (const auto running = interception::RunningInterception::get())
+        running->setProxyRules(settings.includedNetworkRules(), std::move(completion));
+    else
+        refuse(std::move(completion));
+}
+
+void NEFilterDataProvider::applySettings(NEFilterSettings settings, ErrorCompletion completion) {
+    if (const auto running = interception::RunningInterception::get())
+        running->setFilterAction(settings.defaultAction, std::move(completion));
+    else
+        refuse(std::move(completion));
+}
+
+}  // namespace platform

@@ -1,0 +1,58 @@
+// The verdicts of the last moment. Packets of one opening can reach us more than once: a SYN that
+// is retransmitted, a burst of datagrams that were queued before the first one's verdict, every
+// datagram of a denied flow, which the kernel does not remember. They get the verdict of the first
+// one, so that a flow is offered once. Any thread; bounded in time and number.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <unordered_map>
+
+#include "Platform/Linux/Interception/FlowMark.h"
+#include "Platform/Linux/Interception/HeldPacket.h"
+
+namespace platform::interception {
+
+struct Verdict {
+    FlowState state = FlowState::unseen;
+    unsigned generation = 0;  // in which it was asked for
+};
+
+class RecentVerdicts {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    // The verdict on what `packet` belongs to, if it was given just now. A flow that is offered
+    // again counts as something else in each generation.
+    std::optional<Verdict> find(const HeldPacket& packet, unsigned generation);
+    void remember(const HeldPacket& packet, Verdict verdict);
+    // The flow has ended: what comes next between its ports is another one.
+    void forget(const FlowTuple& flow);
+
+private:
+    static constexpr std::chrono::seconds lifetime{1};
+    static constexpr std::size_t capacity = 16384;
+
+    struct Entry {
+        PacketPurpose purpose;
+        std::uint32_t occasion;
+        Verdict verdict;
+        Clock::time_point expiry;
+    };
+    struct Expiring {
+        FlowTuple flow;
+        Clock::time_point expiry;
+    };
+
+    void forgetExpired(Clock::time_point now);
+
+    // Guards both; the second holds each entry of the first in order of expiry.
+    std::mutex lock;
+    std::unordered_map<FlowTuple, Entry, FlowHash, SameFlow> entries;
+    std::deque<Expiring> byExpiry;
+};
+
+}  // namespace platform::interception

@@ -1,0 +1,122 @@
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <future>
+#include <memory>
+#include <optional>
+#include <thread>
+#include <utility>
+
+#include "Platform/Linux/Dispatch/MainQueue.h"
+#include "Platform/Linux/HostChannel/HostChannel.h"
+#include "Platform/Linux/Interception/RunningInterception.h"
+#include "Platform/Linux/PlatformLog.h"
+#include "Platform/NEProvider.h"
+
+namespace platform {
+
+namespace {
+
+using interception::Interception;
+using interception::Providers;
+using interception::RunningInterception;
+
+constexpr std::chrono::seconds longestStart{10};
+constexpr std::chrono::milliseconds longestStop{800};
+constexpr std::chrono::milliseconds longestEnd{2500};
+
+sigset_t endSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    return signals;
+}
+
+// Calls `operation` with a completion and waits for that, so long as is reasonable. What the
+// completion was given; nothing if it did not come.
+template <class Result, class Operation>
+std::optional<Result> await(std::chrono::milliseconds longest, Operation operation) {
+    const auto done = std::make_shared<std::promise<Result>>();
+    auto result = done->get_future();
+    operation(done);
+    if (result.wait_for(longest) != std::future_status::ready) return std::nullopt;
+    return result.get();
+}
+
+void startFilter(const Providers& providers) {
+    await<bool>(longestStart, [&](auto done) {
+        providers.filter->startFilter(
+            [done](const std::optional<NSError>& error) { done->set_value(!error); });
+    });
+}
+
+void startProxy(const Providers& providers) {
+    await<bool>(longestStart, [&](auto done) {
+        providers.proxy->startProxy(
+            std::nullopt, [done](const std::optional<NSError>& error) { done->set_value(!error); });
+    });
+}
+
+void stopProxy(const Providers& providers, Interception& interception) {
+    await<bool>(longestStop, [&](auto done) {
+        providers.proxy->stopProxy(NEProviderStopReason::userInitiated,
+                                   [done] { done->set_value(true); });
+    });
+    interception.setProxyRules({}, {});
+}
+
+void stopFilter(const Providers& providers, Interception& interception) {
+    await<bool>(longestStop, [&](auto done) {
+        providers.filter->stopFilter(NEProviderStopReason::userInitiated,
+                                     [done] { done->set_value(true); });
+    });
+    interception.setFilterAction(std::nullopt, {});
+}
+
+// Whatever a provider or a verdict hangs in, the process ends in time.
+void endInAnyCase() {
+    std::thread([] {
+        std::this_thread::sleep_for(longestEnd);
+        platformLog.error("The end took too long; leaving at once");
+        _exit(EXIT_SUCCESS);
+    }).detach();
+}
+
+// The life of the extension, on a thread of its own.
+void runExtension() {
+    HostChannel channel;
+    const Providers providers{registeredProviders.makeProxyProvider(),
+                              registeredProviders.makeFilterProvider()};
+    auto interception = std::make_shared<Interception>(providers);
+    RunningInterception::set(interception);
+    startFilter(providers);
+    startProxy(providers);
+    channel.start(providers.proxy);
+
+    const sigset_t signals = endSignals();
+    int received = 0;
+    sigwait(&signals, &received);
+
+    endInAnyCase();
+    channel.stop();
+    stopProxy(providers, *interception);
+    stopFilter(providers, *interception);
+    RunningInterception::set(nullptr);
+    interception.reset();
+    MainQueue::shared().stop(EXIT_SUCCESS);
+}
+
+}  // namespace
+
+void NEProvider::startSystemExtensionMode() {
+    // Every thread inherits this: only the one that waits for them sees these signals.
+    const sigset_t signals = endSignals();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+    std::thread(runExtension).detach();
+}
+
+}  // namespace platform

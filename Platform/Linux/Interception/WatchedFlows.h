@@ -1,0 +1,74 @@
+// The flows whose outbound bytes are shown to the filter, and how far in its stream each of them
+// is. Any thread may look up; a flow's own fields are for the thread that decides its packets,
+// which is one at a time. Bounded: beyond the capacity the flow that sent nothing for longest is
+// forgotten, and is made up anew from its next packet.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+
+#include "Platform/Linux/Interception/HeldPacket.h"
+#include "Platform/NEFilterFlow.h"
+
+namespace platform::interception {
+
+class WatchedFlow {
+public:
+    // `firstSequence`: of the first byte of a TCP stream.
+    WatchedFlow(std::shared_ptr<const NEFilterSocketFlow> shown, std::uint32_t firstSequence,
+                bool claimed)
+        : flow(std::move(shown)), firstByte(firstSequence), isClaimed_(claimed) {}
+
+    const NEFilterSocketFlow& shownAs() const { return *flow; }
+    // Whether the proxy relays it.
+    bool isClaimed() const { return isClaimed_; }
+
+    // Where the packet's payload begins in the flow's stream, counted from its first byte. A
+    // retransmission repeats its place; datagrams follow each other.
+    std::int64_t offsetOf(const HeldPacket& packet);
+
+private:
+    std::shared_ptr<const NEFilterSocketFlow> flow;
+    std::uint32_t firstByte;
+    bool isClaimed_;
+    std::int64_t furthestEnd = 0;
+};
+
+class WatchedFlows {
+public:
+    static constexpr std::size_t standardCapacity = 16384;
+    explicit WatchedFlows(std::size_t mostFlows = standardCapacity) : capacity(mostFlows) {}
+
+    // Null if the flow is not known, or was forgotten.
+    std::shared_ptr<WatchedFlow> find(const FlowTuple& flow);
+    void add(const FlowTuple& flow, std::shared_ptr<WatchedFlow> watched);
+    void remove(const FlowTuple& flow);
+    // Asks about each flow that has sent nothing for a while, outside the lock, and forgets those
+    // that are over.
+    void removeEnded(std::chrono::seconds idleFor,
+                     const std::function<bool(const FlowTuple&)>& isOver);
+    std::size_t count();
+
+private:
+    using Clock = std::chrono::steady_clock;
+    struct Entry {
+        FlowTuple flow;
+        std::shared_ptr<WatchedFlow> watched;
+        Clock::time_point lastUse;
+    };
+    using Entries = std::list<Entry>;
+
+    const std::size_t capacity;
+    // Guards both; the list is in order of last use, the latest first.
+    std::mutex lock;
+    Entries byLastUse;
+    std::unordered_map<FlowTuple, Entries::iterator, FlowHash, SameFlow> entries;
+};
+
+}  // namespace platform::interception
