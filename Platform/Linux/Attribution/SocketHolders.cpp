@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -23,10 +24,15 @@ namespace platform {
 
 namespace {
 
-constexpr std::size_t recentLimit = 32;
-constexpr std::size_t recentLimitOfAccount = 4;
-constexpr int nearbyDescriptors = 4;
-constexpr pid_t youngProcesses = 16;
+using namespace std::chrono_literals;
+
+constexpr std::size_t openerLimit = 256;
+constexpr std::size_t openerLimitOfAccount = 64;
+constexpr std::size_t latestOpeners = 8;
+constexpr pid_t youngestProcesses = 16;
+constexpr auto youth = 1s;
+constexpr int firstOwnDescriptor = 3;  // behind the standard streams
+constexpr int lastLowDescriptor = 12;
 
 // The text of a descriptor's link to the socket.
 class SocketLink {
@@ -88,13 +94,35 @@ std::optional<SocketHolder> searchProcess(pid_t pid, const SocketLink& socket) {
     return descriptor ? std::optional(SocketHolder{pid, *descriptor}) : std::nullopt;
 }
 
-// A new descriptor mostly lies close to the one before.
-std::optional<SocketHolder> searchNearby(const SocketHolder& known, const SocketLink& socket) {
-    for (int distance = 0; distance <= nearbyDescriptors; ++distance) {
-        for (const int descriptor : {known.descriptor + distance, known.descriptor - distance}) {
-            const SocketHolder candidate{known.pid, descriptor};
-            if (socket.isAt(AT_FDCWD, descriptorPath(candidate).data())) return candidate;
-        }
+std::optional<SocketHolder> searchAt(pid_t pid, int descriptor, const SocketLink& socket) {
+    const SocketHolder candidate{pid, descriptor};
+    const bool isThere = socket.isAt(AT_FDCWD, descriptorPath(candidate).data());
+    return isThere ? std::optional(candidate) : std::nullopt;
+}
+
+// A new descriptor often takes the place of the one before, or the next.
+std::optional<SocketHolder> searchNearLatest(const SocketOpener& opener, const SocketLink& socket) {
+    for (const int distance : {0, 1, 2, -1}) {
+        const int descriptor = opener.descriptors[0] + distance;
+        if (const auto holder = searchAt(opener.pid, descriptor, socket)) return holder;
+    }
+    return std::nullopt;
+}
+
+// Or the place of an earlier one: the lowest that is free.
+std::optional<SocketHolder> searchKnown(const SocketOpener& opener, const SocketLink& socket) {
+    for (std::size_t index = 1; index < opener.count; ++index) {
+        const int descriptor = opener.descriptors[index];
+        if (const auto holder = searchAt(opener.pid, descriptor, socket)) return holder;
+    }
+    return std::nullopt;
+}
+
+// A program that has just started has its sockets at low descriptors. Listing all of them would
+// make the kernel build an inode for each.
+std::optional<SocketHolder> searchLow(pid_t pid, const SocketLink& socket) {
+    for (int descriptor = firstOwnDescriptor; descriptor <= lastLowDescriptor; ++descriptor) {
+        if (const auto holder = searchAt(pid, descriptor, socket)) return holder;
     }
     return std::nullopt;
 }
@@ -156,41 +184,22 @@ std::optional<SocketHolder> searchSeparateThreads(pid_t pid, const SocketLink& s
     return found;
 }
 
-// One search for one socket; it looks into no process twice.
-class OneSearch {
+// Whole tables, none of them twice.
+class TableSearch {
 public:
-    OneSearch(std::uint32_t inode, uid_t account) : socket(inode), uid(account) {}
+    TableSearch(const SocketLink& link, uid_t account) : socket(link), uid(account) {}
 
-    std::optional<SocketHolder> amongRecent(const std::vector<SocketHolder>& recent) {
-        for (const auto& known : recent) {
-            if (const auto holder = searchNearby(known, socket)) return holder;
-        }
-        return std::nullopt;
-    }
-
-    std::optional<SocketHolder> amongYoung() {
-        latest = latestPid();
-        for (pid_t pid = latest; pid > 0 && pid > latest - youngProcesses; --pid) {
-            if (accountOf(pid) != uid || !isProcess(pid)) continue;
+    std::optional<SocketHolder> among(std::span<const pid_t> pids) {
+        for (const auto pid : pids) {
+            if (accountOf(pid) != uid) continue;
             if (const auto holder = look(pid)) return holder;
-        }
-        return std::nullopt;
-    }
-
-    std::optional<SocketHolder> throughoutRecent(const std::vector<SocketHolder>& recent) {
-        for (const auto& known : recent) {
-            if (accountOf(known.pid) != uid) continue;
-            if (const auto holder = look(known.pid)) return holder;
         }
         return std::nullopt;
     }
 
     std::optional<SocketHolder> amongAll() {
-        const auto pids = processesByAge(latest);
-        for (const auto pid : pids) {
-            if (accountOf(pid) != uid) continue;
-            if (const auto holder = look(pid)) return holder;
-        }
+        const auto pids = processesByAge(latestPid());
+        if (const auto holder = among(pids)) return holder;
         for (const auto pid : pids) {
             if (const auto holder = look(pid)) return holder;
         }
@@ -205,45 +214,98 @@ private:
         return seen.insert(pid).second ? searchProcess(pid, socket) : std::nullopt;
     }
 
-    SocketLink socket;
+    const SocketLink& socket;
     uid_t uid;
-    pid_t latest = 0;
     std::unordered_set<pid_t> seen;
 };
+
+// The first answer that `search` gives for one of the items.
+template <class Items, class Search>
+std::optional<SocketHolder> firstOf(const Items& items, Search&& search) {
+    for (const auto& item : items) {
+        if (const auto holder = search(item)) return holder;
+    }
+    return std::nullopt;
+}
+
+std::vector<pid_t> pidsOf(std::span<const SocketOpener> openers) {
+    std::vector<pid_t> pids;
+    for (const auto& opener : openers) pids.push_back(opener.pid);
+    return pids;
+}
 
 }  // namespace
 
 bool holdsSocket(const SocketHolder& holder, std::uint32_t inode) {
-    return SocketLink(inode).isAt(AT_FDCWD, descriptorPath(holder).data());
+    return searchAt(holder.pid, holder.descriptor, SocketLink(inode)).has_value();
+}
+
+void SocketOpener::addDescriptor(int descriptor) {
+    auto place = std::find(descriptors.begin(), descriptors.begin() + count, descriptor);
+    if (place == descriptors.end()) --place;
+    if (place == descriptors.begin() + count) ++count;
+    *place = descriptor;
+    std::rotate(descriptors.begin(), place, place + 1);
 }
 
 std::optional<SocketHolder> SocketHolders::find(std::uint32_t inode, uid_t uid) {
-    OneSearch search(inode, uid);
-    const auto known = recentOf(uid);
-    auto holder = search.amongRecent(known);
-    if (!holder) holder = search.amongYoung();
-    if (!holder) holder = search.throughoutRecent(known);
-    if (!holder) holder = search.amongAll();
-    if (!holder) return std::nullopt;
-    remember(uid, *holder);
+    const SocketLink socket(inode);
+    const auto known = openersOf(uid);
+    const auto latest = std::span(known).first(std::min(known.size(), latestOpeners));
+    const auto nearLatest = [&](const auto& opener) { return searchNearLatest(opener, socket); };
+    const auto atKnown = [&](const auto& opener) { return searchKnown(opener, socket); };
+    const auto low = [&](pid_t pid) { return searchLow(pid, socket); };
+
+    auto holder = firstOf(latest, nearLatest);
+    std::vector<pid_t> young;
+    if (!holder) young = youngProcessesOf(uid);
+    if (!holder) holder = firstOf(young, low);
+    if (!holder) holder = firstOf(latest, atKnown);
+    if (!holder) holder = firstOf(std::span(known).subspan(latest.size()), nearLatest);
+    TableSearch tables(socket, uid);
+    if (!holder) holder = tables.among(young);
+    if (!holder) holder = tables.among(pidsOf(known));
+    if (!holder) holder = tables.amongAll();
+    if (holder) remember(uid, *holder);
     return holder;
 }
 
-std::vector<SocketHolder> SocketHolders::recentOf(uid_t uid) {
-    std::vector<SocketHolder> holders;
+std::vector<SocketOpener> SocketHolders::openersOf(uid_t uid) {
+    std::vector<SocketOpener> result;
     const std::lock_guard guard(lock);
-    for (const auto& each : recent) {
-        if (each.uid == uid && holders.size() < recentLimitOfAccount)
-            holders.push_back(each.holder);
+    for (const auto& opener : openers) {
+        if (opener.uid == uid && result.size() < openerLimitOfAccount) result.push_back(opener);
     }
-    return holders;
+    return result;
 }
 
 void SocketHolders::remember(uid_t uid, const SocketHolder& holder) {
     const std::lock_guard guard(lock);
-    std::erase_if(recent, [&](const Recent& each) { return each.holder.pid == holder.pid; });
-    if (recent.size() >= recentLimit) recent.pop_back();
-    recent.insert(recent.begin(), Recent{uid, holder});
+    auto place = std::find_if(openers.begin(), openers.end(), [&](const SocketOpener& opener) {
+        return opener.pid == holder.pid && opener.uid == uid;
+    });
+    if (place == openers.end()) {
+        if (openers.size() >= openerLimit) openers.pop_back();
+        place = openers.insert(openers.end(), SocketOpener{.pid = holder.pid, .uid = uid});
+    }
+    place->addDescriptor(holder.descriptor);
+    std::rotate(openers.begin(), place, place + 1);
+}
+
+std::vector<pid_t> SocketHolders::youngProcessesOf(uid_t uid) {
+    std::vector<pid_t> pids;
+    const auto latest = latestPid();
+    for (pid_t pid = latest; pid > 0 && pid > latest - youngestProcesses; --pid) {
+        if (accountOf(pid) == uid && isYoung(pid) && isProcess(pid)) pids.push_back(pid);
+    }
+    return pids;
+}
+
+bool SocketHolders::isYoung(pid_t pid) {
+    const auto now = Clock::now();
+    const auto seen = firstSeen.find(pid);
+    if (!seen) firstSeen.remember(pid, now);
+    return !seen || now - *seen <= youth;
 }
 
 }  // namespace platform
