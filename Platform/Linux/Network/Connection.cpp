@@ -1,0 +1,390 @@
+#include "Platform/Linux/Network/Connection.h"
+
+#include <net/if.h>
+#include <netdb.h>
+#include <netinet/tcp.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "Platform/Linux/Network/NameResolver.h"
+#include "Platform/Linux/Network/NetworkMonitor.h"
+#include "Platform/Linux/OwnTraffic.h"
+#include "Platform/Linux/SystemError.h"
+
+namespace platform {
+
+using Connection = NWConnection::Implementation;
+
+namespace {
+
+// How long one address may keep the next one waiting.
+constexpr double secondsBetweenAddresses = 0.25;
+
+// True for errors that another state of the network may cure; the others are the peer's word or the
+// machine's.
+bool dependsOnNetwork(int error) {
+    switch (error) {
+        case ENETUNREACH:
+        case EHOSTUNREACH:
+        case ENETDOWN:
+        case EHOSTDOWN:
+        case ENONET:
+        case ENODEV:
+        case EADDRNOTAVAIL:
+        case ETIMEDOUT:
+            return true;
+        default:
+            return false;
+    }
+}
+
+int setOption(const FileDescriptor& socket, int level, int option, int value) {
+    return ::setsockopt(socket.get(), level, option, &value, sizeof value) == 0 ? 0 : errno;
+}
+
+NSError resolverError(int code) { return {"dns", code, ::gai_strerror(code)}; }
+
+}  // namespace
+
+// The connections that a loop serves, to be told of changes of the network; each thread has its own.
+class Connection::OfOneLoop {
+public:
+    static OfOneLoop& current() {
+        thread_local OfOneLoop connections;
+        return connections;
+    }
+
+    void add(Implementation& connection) {
+        connection.nextOfLoop = first;
+        if (first != nullptr) first->previousOfLoop = &connection;
+        first = &connection;
+    }
+    void remove(Implementation& connection) {
+        if (connection.previousOfLoop != nullptr)
+            connection.previousOfLoop->nextOfLoop = connection.nextOfLoop;
+        else if (first == &connection)
+            first = connection.nextOfLoop;
+        if (connection.nextOfLoop != nullptr)
+            connection.nextOfLoop->previousOfLoop = connection.previousOfLoop;
+        connection.previousOfLoop = connection.nextOfLoop = nullptr;
+    }
+
+    // From the first connection of the process on.
+    static void followNetwork() {
+        static const auto token = NetworkMonitor::shared().observe([](const auto& network) {
+            for (const auto& loop : EventLoopPool::shared().loops())
+                loop->post([network] { current().networkChanged(*network); });
+        });
+    }
+
+private:
+    void networkChanged(const NetworkState& network) {
+        // A connection that ends by it leaves the list.
+        for (Implementation* next = first; next != nullptr;)
+            std::exchange(next, next->nextOfLoop)->networkChanged(network);
+    }
+
+    Implementation* first = nullptr;
+};
+
+Connection::Implementation(NWEndpoint::Host remoteHost, NWEndpoint::Port remotePort,
+                           NWParameters parameters)
+    : host(remoteHost.text()),
+      port(remotePort.rawValue()),
+      interfaceName(parameters.requiredInterface
+                        ? std::optional(parameters.requiredInterface->name())
+                        : std::nullopt) {}
+
+Connection::~Implementation() = default;
+
+template <class Work>
+void Connection::perform(Work work) {
+    EventLoop* home = nullptr;
+    EventLoop& candidate = EventLoopPool::shared().currentOrNext();
+    if (loop.compare_exchange_strong(home, &candidate)) home = &candidate;
+    if (home->isCurrent()) return work();
+    home->post([self = shared_from_this(), work = std::move(work)]() mutable { work(); });
+}
+
+template <class Completion, class... Results>
+void Connection::later(Completion completion, Results... results) {
+    auto work = [completion = std::move(completion), ... results = std::move(results)]() mutable {
+        completion(std::move(results)...);
+    };
+    if (deliversOnMainQueue)
+        DispatchQueue::main().async(std::move(work));
+    else
+        loop.load()->post(std::move(work));
+}
+
+template <class Completion, class... Results>
+void Connection::now(Completion completion, Results... results) {
+    if (deliversOnMainQueue) return later(std::move(completion), std::move(results)...);
+    completion(std::move(results)...);
+}
+
+void Connection::setStateHandler(StateHandler handler) {
+    stateHandler = std::make_shared<const StateHandler>(std::move(handler));
+}
+
+void Connection::start(DispatchQueue queue) {
+    perform([this, queue] {
+        if (state != Kind::setup) return;
+        deliversOnMainQueue = queue.isMain();
+        OfOneLoop::followNetwork();
+        OfOneLoop::current().add(*this);
+        connect();
+    });
+}
+
+void Connection::cancel() {
+    perform([this] {
+        if (state == Kind::cancelled) return;
+        const bool wasStarted = state != Kind::setup;
+        OfOneLoop::current().remove(*this);
+        giveUpAttempts();
+        failOperations(ECANCELED);
+        if (const auto ended = std::exchange(socket, nullptr))
+            ended->finish(StreamSocket::Farewell::untilDelivered);
+        if (!wasStarted) stateHandler = nullptr;
+        enter(Kind::cancelled);
+    });
+}
+
+void Connection::letGo() {
+    perform([this] {
+        stateHandler = nullptr;
+        cancel();
+    });
+}
+
+void Connection::send(Data content, SendCompletion completion) {
+    perform([this, content = std::move(content), completion = std::move(completion)]() mutable {
+        sending = std::move(content);
+        sendCompletion = std::move(completion);
+        if (hasEnded()) return failOperations(ECANCELED);
+        if (socket) beginSending();
+    });
+}
+
+void Connection::receive(std::size_t minimum, std::size_t maximum, ReceiveCompletion completion) {
+    perform([this, minimum, maximum, completion = std::move(completion)]() mutable {
+        receiving = Receiving{minimum, maximum, std::move(completion)};
+        if (hasEnded()) return failOperations(ECANCELED);
+        if (socket) beginReceiving();
+    });
+}
+
+void Connection::connect() {
+    ++round;
+    hasNetworkChanged = false;
+    enter(Kind::preparing);
+    if (const auto address = SocketAddress::fromNumeric(host, port))
+        return tryAddresses({*address});
+    resolveName(host, port, [self = shared_from_this(), asked = round](ResolvedName name) mutable {
+        EventLoop& home = *self->loop.load();
+        home.post([self = std::move(self), asked, name = std::move(name)] {
+            if (self->state != Kind::preparing || self->round != asked) return;
+            if (name.addresses.empty()) return self->waitForNetwork(resolverError(name.error));
+            self->tryAddresses(name.addresses);
+        });
+    });
+}
+
+void Connection::tryAddresses(std::vector<SocketAddress> addresses) {
+    attempts = std::make_unique<Attempts>();
+    attempts->addresses = std::move(addresses);
+    tryNextAddress();
+}
+
+void Connection::tryNextAddress() {
+    while (attempts->next < attempts->addresses.size()) {
+        const int error = beginAttempt(attempts->addresses[attempts->next++]);
+        if (error == 0) return tryAnotherSoon();
+        attemptFailed(error);
+    }
+    if (attempts->underWay.empty()) allAttemptsFailed();
+}
+
+int Connection::beginAttempt(const SocketAddress& given) {
+    SocketAddress address = given;
+    FileDescriptor descriptor(
+        ::socket(address.family(), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
+    if (!descriptor) return errno;
+    if (const int error = bindToInterface(descriptor)) return error;
+    if (address.family() == AF_INET6 && IN6_IS_ADDR_LINKLOCAL(&address.ipv6.sin6_addr) &&
+        address.ipv6.sin6_scope_id == 0)
+        address.ipv6.sin6_scope_id = static_cast<std::uint32_t>(interfaceIndex);
+    if (const auto mark = OwnTraffic::mark()) {
+        const int error = setOption(descriptor, SOL_SOCKET, SO_MARK, static_cast<int>(mark));
+        if (error != 0) return error;
+    }
+    setOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
+    const auto attempt = std::make_shared<StreamSocket>(*loop.load(), std::move(descriptor), *this);
+    if (const int error = attempt->connect(&address.any, address.length)) return error;
+    attempts->underWay.push_back(attempt);
+    return 0;
+}
+
+// By index, so that a later interface of the same name is told from this one.
+int Connection::bindToInterface(const FileDescriptor& descriptor) {
+    if (!interfaceName) return 0;
+    const auto network = NetworkMonitor::shared().state();
+    if (const auto* known = network->named(*interfaceName))
+        interfaceIndex = known->index;
+    else
+        interfaceIndex = static_cast<int>(::if_nametoindex(interfaceName->c_str()));
+    if (interfaceIndex == 0) return ENODEV;
+    return setOption(descriptor, SOL_SOCKET, SO_BINDTOIFINDEX, interfaceIndex);
+}
+
+void Connection::tryAnotherSoon() {
+    if (attempts->next == attempts->addresses.size()) return;
+    loop.load()->after(
+        secondsBetweenAddresses, [weak = weak_from_this(), asked = round, next = attempts->next] {
+            const auto self = weak.lock();
+            if (self && self->round == asked && self->attempts && self->attempts->next == next)
+                self->tryNextAddress();
+        });
+}
+
+void Connection::connectDone(StreamSocket& attempt, int error) {
+    const auto self = shared_from_this();
+    if (!attempts) return;
+    if (error == 0) return connected(attempt);
+    attempt.reset();
+    std::erase_if(attempts->underWay, [&](const auto& one) { return one.get() == &attempt; });
+    attemptFailed(error);
+    tryNextAddress();
+}
+
+void Connection::attemptFailed(int error) {
+    // The peer's word tells more than that it could not be reached another way.
+    if (attempts->error == 0 || dependsOnNetwork(attempts->error)) attempts->error = error;
+}
+
+void Connection::connected(StreamSocket& attempt) {
+    const auto ended = std::move(attempts);
+    for (auto& one : ended->underWay) {
+        if (one.get() == &attempt)
+            socket = one;
+        else
+            one->reset();
+    }
+    enter(Kind::ready);
+    if (sendCompletion) beginSending();
+    if (receiving) beginReceiving();
+}
+
+void Connection::giveUpAttempts() {
+    if (const auto ended = std::move(attempts))
+        for (const auto& one : ended->underWay) one->reset();
+}
+
+void Connection::allAttemptsFailed() {
+    const int error = std::exchange(attempts, nullptr)->error;
+    if (dependsOnNetwork(error))
+        waitForNetwork(systemError(error));
+    else
+        fail(systemError(error));
+}
+
+void Connection::waitForNetwork(NSError error) {
+    enter(Kind::waiting, std::move(error));
+    // What changed while the attempts were under way may have come too late for them.
+    if (hasNetworkChanged) connect();
+}
+
+void Connection::fail(NSError error) {
+    OfOneLoop::current().remove(*this);
+    failOperations(static_cast<int>(error.code));
+    enter(Kind::failed, std::move(error));
+}
+
+void Connection::networkChanged(const NetworkState& network) {
+    hasNetworkChanged = true;
+    if (state == Kind::waiting) return connect();
+    if (state != Kind::ready || !interfaceName) return;
+    const auto* const present = network.named(*interfaceName);
+    if (present != nullptr && present->index == interfaceIndex) return;
+    // The interface is no more, and no byte will ever pass again; the system itself would try for a
+    // quarter of an hour.
+    if (const auto ended = std::exchange(socket, nullptr)) ended->reset();
+    fail(systemError(ENETDOWN));
+}
+
+void Connection::beginSending() { socket->write(std::move(sending)); }
+
+void Connection::beginReceiving() { socket->read(receiving->minimum, receiving->maximum); }
+
+void Connection::readDone(Data data, bool isEnd, int error) {
+    const auto self = shared_from_this();
+    auto completion = std::move(receiving->completion);
+    receiving.reset();
+    std::optional<Data> bytes;
+    if (!data.isEmpty()) bytes = std::move(data);
+    std::optional<NSError> failure;
+    if (error != 0) failure = systemError(error);
+    now(std::move(completion), std::move(bytes), ContentContext::defaultMessage, isEnd,
+        std::move(failure));
+}
+
+void Connection::writeDone(int error) {
+    const auto self = shared_from_this();
+    std::optional<NSError> failure;
+    if (error != 0) failure = systemError(error);
+    now(std::exchange(sendCompletion, {}), std::move(failure));
+}
+
+void Connection::failOperations(int error) {
+    const std::optional<NSError> failure = systemError(error);
+    sending = Data();
+    if (sendCompletion) later(std::exchange(sendCompletion, {}), failure);
+    if (!receiving) return;
+    auto completion = std::move(receiving->completion);
+    receiving.reset();
+    later(std::move(completion), std::optional<Data>(), ContentContext::defaultMessage, false,
+          failure);
+}
+
+void Connection::enter(Kind kind, std::optional<NSError> error) {
+    state = kind;
+    if (!stateHandler) return;
+    State news{kind, std::move(error)};
+    if (deliversOnMainQueue)
+        return DispatchQueue::main().async(
+            [handler = stateHandler, news = std::move(news)] { (*handler)(news); });
+    loop.load()->post([self = shared_from_this(), news = std::move(news)] {
+        // Held by this call too: it may be let go from inside. Nothing follows the last state.
+        auto handler = self->stateHandler;
+        if (news.kind == Kind::cancelled) self->stateHandler = nullptr;
+        if (handler) (*handler)(news);
+    });
+}
+
+NWConnection::NWConnection(NWEndpoint::Host host, NWEndpoint::Port port, NWParameters parameters)
+    : implementation(
+          std::make_shared<Implementation>(std::move(host), port, std::move(parameters))) {}
+
+NWConnection::~NWConnection() { implementation->letGo(); }
+
+void NWConnection::setStateUpdateHandler(std::function<void(const State&)> handler) {
+    implementation->setStateHandler(std::move(handler));
+}
+
+void NWConnection::start(DispatchQueue queue) { implementation->start(queue); }
+
+void NWConnection::cancel() { implementation->cancel(); }
+
+void NWConnection::send(Data content, ContentContext, bool, SendCompletion completion) {
+    implementation->send(std::move(content), std::move(completion));
+}
+
+void NWConnection::receive(std::size_t minimumIncompleteLength, std::size_t maximumLength,
+                           ReceiveCompletion completion) {
+    implementation->receive(minimumIncompleteLength, maximumLength, std::move(completion));
+}
+
+}  // namespace platform

@@ -1,0 +1,111 @@
+// An outgoing connection over a socket of one event loop. It belongs to the loop whose thread first
+// uses it, so that a connection started from a flow's callback is served where the flow is. All of it
+// but the entry points happens on that loop's thread.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Platform/Linux/Dispatch/EventLoop.h"
+#include "Platform/Linux/Network/NetworkState.h"
+#include "Platform/Linux/Network/SocketAddress.h"
+#include "Platform/Linux/Relay/StreamSocket.h"
+#include "Platform/Network.h"
+
+namespace platform {
+
+class NWConnection::Implementation final : public std::enable_shared_from_this<Implementation>,
+                                           public StreamSocket::Owner {
+public:
+    using StateHandler = std::function<void(const State&)>;
+
+    Implementation(NWEndpoint::Host host, NWEndpoint::Port port, NWParameters parameters);
+    ~Implementation() override;
+
+    // The connection's operations. Any thread.
+    void setStateHandler(StateHandler handler);
+    void start(DispatchQueue queue);
+    void cancel();
+    void send(Data content, SendCompletion completion);
+    void receive(std::size_t minimum, std::size_t maximum, ReceiveCompletion completion);
+    // The connection object is gone.
+    void letGo();
+
+private:
+    using Kind = State::Kind;
+
+    // The addresses being tried, and how it goes.
+    struct Attempts {
+        std::vector<SocketAddress> addresses;
+        std::size_t next = 0;
+        std::vector<std::shared_ptr<StreamSocket>> underWay;
+        int error = 0;  // the one that tells most so far
+    };
+    struct Receiving {
+        std::size_t minimum;
+        std::size_t maximum;
+        ReceiveCompletion completion;
+    };
+    class OfOneLoop;
+
+    template <class Work>
+    void perform(Work work);
+    // Runs a completion on the queue that `start` was given, in a turn of its own.
+    template <class Completion, class... Results>
+    void later(Completion completion, Results... results);
+    // Runs it now where that queue is the loop's own, from a turn of the loop.
+    template <class Completion, class... Results>
+    void now(Completion completion, Results... results);
+
+    void connect();
+    void tryAddresses(std::vector<SocketAddress> addresses);
+    void tryNextAddress();
+    int beginAttempt(const SocketAddress& address);
+    int bindToInterface(const FileDescriptor& descriptor);
+    void tryAnotherSoon();
+    void connectDone(StreamSocket& attempt, int error) override;
+    void attemptFailed(int error);
+    void connected(StreamSocket& attempt);
+    void giveUpAttempts();
+    void allAttemptsFailed();
+    void waitForNetwork(NSError error);
+    void fail(NSError error);
+    void networkChanged(const NetworkState& network);
+
+    void beginSending();
+    void beginReceiving();
+    void readDone(Data data, bool isEnd, int error) override;
+    void writeDone(int error) override;
+    void failOperations(int error);
+
+    void enter(Kind kind, std::optional<NSError> error = std::nullopt);
+    bool hasEnded() const { return state == Kind::failed || state == Kind::cancelled; }
+
+    const std::string host;
+    const std::uint16_t port;
+    const std::optional<std::string> interfaceName;
+    std::atomic<EventLoop*> loop{nullptr};
+    // Set before `start`. Held by itself, as it may be let go while it runs.
+    std::shared_ptr<const StateHandler> stateHandler;
+
+    Kind state = Kind::setup;
+    bool deliversOnMainQueue = false;
+    bool hasNetworkChanged = false;  // since the present attempts began
+    int interfaceIndex = 0;          // of the interface that the socket is bound to
+    unsigned round = 0;              // of attempts: tells a late answer from one that is awaited
+    std::unique_ptr<Attempts> attempts;
+    std::shared_ptr<StreamSocket> socket;
+    Data sending;
+    SendCompletion sendCompletion;
+    std::optional<Receiving> receiving;
+
+    // The neighbours in the list of the loop's connections.
+    Implementation* previousOfLoop = nullptr;
+    Implementation* nextOfLoop = nullptr;
+};
+
+}  // namespace platform

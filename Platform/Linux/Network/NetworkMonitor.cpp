@@ -1,0 +1,116 @@
+#include "Platform/Linux/Network/NetworkMonitor.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "Platform/Linux/Dispatch/EventLoop.h"
+#include "Platform/Linux/Network/RememberedRoutes.h"
+#include "Platform/Linux/Network/RouteMessages.h"
+#include "Platform/Linux/PlatformLog.h"
+
+namespace platform {
+namespace {
+
+// However many reports come, pictures are taken no closer together than this.
+constexpr double secondsBetweenPictures = 0.02;
+
+}  // namespace
+
+class NetworkMonitor::Watch final : public EventLoop::Source {
+public:
+    void start() {
+        takePicture();
+        loop.post([this] { watchReports(); });
+    }
+
+    std::shared_ptr<const NetworkState> state() const {
+        const NSLockGuard guard(lock);
+        return present;
+    }
+
+    void add(const Token& token) {
+        const NSLockGuard guard(lock);
+        std::erase_if(observers, [](const auto& observer) { return observer.expired(); });
+        observers.push_back(token);
+    }
+
+    void handleEvents(std::uint32_t) override {
+        discardReports(reports);
+        if (isResting) {
+            isOutdated = true;
+            return;
+        }
+        refresh();
+    }
+
+private:
+    void watchReports() {
+        reports = openChangeReports();
+        if (!reports || loop.watch(reports.get(), EPOLLIN, *this) != 0)
+            return platformLog.error("Changes of the network cannot be followed");
+        refresh();  // what changed since the first picture
+    }
+
+    void refresh() {
+        isResting = true;
+        isOutdated = false;
+        loop.after(secondsBetweenPictures, [this] {
+            isResting = false;
+            if (isOutdated) refresh();
+        });
+        if (takePicture()) tellObservers();
+    }
+
+    // True if it differs from the one before.
+    bool takePicture() {
+        auto picture = readNetworkState();
+        if (!picture) {
+            platformLog.error("The state of the network cannot be read");
+            return false;
+        }
+        const auto before = state();
+        rememberRoutes(*before, *picture);
+        if (*picture == *before) return false;
+        const NSLockGuard guard(lock);
+        present = std::make_shared<const NetworkState>(std::move(*picture));
+        return true;
+    }
+
+    void tellObservers() {
+        std::vector<Token> living;
+        {
+            const NSLockGuard guard(lock);
+            for (const auto& observer : observers)
+                if (auto token = observer.lock()) living.push_back(std::move(token));
+        }
+        for (const auto& observer : living) (*observer)(state());
+    }
+
+    // Never destroyed, as the monitor; so the loop may hold it by its address.
+    EventLoop& loop = *EventLoopPool::shared().loops().front();
+    FileDescriptor reports;
+    bool isResting = false;   // since the last picture
+    bool isOutdated = false;  // by a report since then
+    mutable NSLock lock;
+    std::shared_ptr<const NetworkState> present GUARDED_BY(lock) =
+        std::make_shared<const NetworkState>();
+    std::vector<std::weak_ptr<const Observer>> observers GUARDED_BY(lock);
+};
+
+NetworkMonitor::NetworkMonitor() : watch(std::make_shared<Watch>()) { watch->start(); }
+
+NetworkMonitor& NetworkMonitor::shared() {
+    static NetworkMonitor& monitor = *std::unique_ptr<NetworkMonitor>(new NetworkMonitor).release();
+    return monitor;
+}
+
+std::shared_ptr<const NetworkState> NetworkMonitor::state() const { return watch->state(); }
+
+NetworkMonitor::Token NetworkMonitor::observe(Observer observer) {
+    auto token = std::make_shared<const Observer>(std::move(observer));
+    watch->add(token);
+    return token;
+}
+
+}  // namespace platform

@@ -1,0 +1,79 @@
+#include <mutex>
+#include <utility>
+
+#include "Platform/Linux/Network/NetworkMonitor.h"
+#include "Platform/Network.h"
+
+namespace platform {
+
+// Passes the changes of the network on to one handler, on its queue and one at a time.
+class NWPathMonitor::Implementation : public std::enable_shared_from_this<Implementation> {
+public:
+    using Handler = std::function<void(const NWPath&)>;
+
+    void setHandler(Handler newHandler) { handler = std::move(newHandler); }
+
+    void start(DispatchQueue deliveryQueue) {
+        {
+            const std::lock_guard guard(mutex);
+            if (isCancelled || queue) return;
+            queue = deliveryQueue;
+        }
+        token = NetworkMonitor::shared().observe(
+            [weak = weak_from_this()](const std::shared_ptr<const NetworkState>& network) {
+                if (const auto self = weak.lock()) self->announce(network->path());
+            });
+        announce(NetworkMonitor::shared().state()->path());
+    }
+
+    void cancel() {
+        const std::lock_guard guard(mutex);
+        isCancelled = true;
+        waiting.reset();
+    }
+
+private:
+    // Only the latest path counts; it waits while an earlier one is being delivered.
+    void announce(NWPath path) {
+        const std::lock_guard guard(mutex);
+        if (isCancelled) return;
+        waiting = std::move(path);
+        if (std::exchange(isDelivering, true)) return;
+        queue->async([weak = weak_from_this()] {
+            if (const auto self = weak.lock()) self->deliver();
+        });
+    }
+
+    void deliver() {
+        while (const auto path = next()) handler(*path);
+    }
+
+    std::optional<NWPath> next() {
+        const std::lock_guard guard(mutex);
+        auto path = std::exchange(waiting, std::nullopt);
+        isDelivering = path.has_value();
+        return path;
+    }
+
+    Handler handler;
+    NetworkMonitor::Token token;
+    std::mutex mutex;
+    std::optional<DispatchQueue> queue;
+    std::optional<NWPath> waiting;
+    bool isDelivering = false;
+    bool isCancelled = false;
+};
+
+NWPathMonitor::NWPathMonitor() : implementation(std::make_shared<Implementation>()) {}
+
+NWPathMonitor::~NWPathMonitor() { implementation->cancel(); }
+
+void NWPathMonitor::setPathUpdateHandler(std::function<void(const NWPath&)> handler) {
+    implementation->setHandler(std::move(handler));
+}
+
+void NWPathMonitor::start(DispatchQueue queue) { implementation->start(queue); }
+
+void NWPathMonitor::cancel() { implementation->cancel(); }
+
+}  // namespace platform
