@@ -61,6 +61,9 @@ public:
     void wake() override;
 
 private:
+    // Asks single questions, for the benchmarks and for tests of steps that no flow reaches alone.
+    friend class ProxyProbe;
+
     using FlowHash = std::intptr_t;
     using SessionTable = std::unordered_map<FlowHash, std::shared_ptr<ProxySession>>;
     using AuditToken = std::optional<platform::Data>;

@@ -1,0 +1,201 @@
+#include "Tests/Extension/TransparentProxyProvider/ProxyTest.h"
+
+namespace vantry {
+namespace {
+
+using platform::Data;
+using platform::NWHostEndpoint;
+using platform::simulated::debug;
+using platform::simulated::info;
+using platform::simulated::makeAuditToken;
+
+class IdentityTest : public ProxyTest {
+protected:
+    void SetUp() override { ASSERT_TRUE(world.start()); }
+
+    void offer(const std::string& signingIdentifier, std::optional<Data> auditToken,
+               platform::simulated::FlowDescription::Kind kind =
+                   platform::simulated::FlowDescription::Kind::tcp) {
+        world.offerToProxy(world.flow({.kind = kind,
+                                       .remoteEndpoint = NWHostEndpoint{"h", "1"},
+                                       .signingIdentifier = signingIdentifier,
+                                       .auditToken = std::move(auditToken)}));
+    }
+    // The identifier that a TCP flow is routed by; empty if the flow is left alone before that.
+    std::string routedBy(const std::string& signingIdentifier, std::optional<Data> auditToken) {
+        world.takeLog();
+        offer(signingIdentifier, std::move(auditToken));
+        for (const auto& line : world.takeLog(proxyCategory))
+            if (line.format == "TCP flow: %{public}s, decision: %{public}s" ||
+                line.format == "BLOCK (filter-enforced): %{public}s TCP -> %{public}s:%s")
+                return line.arguments[0];
+        return "";
+    }
+};
+
+TEST_F(IdentityTest, SystemProcessesAreLeftAloneByAccountOrWithoutATokenByName) {
+    const Data malformed(std::string(31, 'x'));
+    struct Case {
+        std::string signingIdentifier;
+        std::optional<Data> auditToken;
+        bool isSystem;
+    };
+    const std::vector<Case> cases{
+        {"", std::nullopt, true},
+        {"", makeAuditToken(501, 7), true},
+        {"com.acme", makeAuditToken(0, 7), true},
+        {"com.acme", makeAuditToken(499, 7), true},
+        {"com.acme", makeAuditToken(500, 7), false},
+        {"com.apple.trustd", makeAuditToken(501, 7), false},  // the account alone decides
+        {"com.apple.trustd", std::nullopt, true},
+        {"com.apple.trustd.agent", malformed, true},
+        {"com.apple.trustdaemon", malformed, true},
+        {"com.apple.apsd", std::nullopt, true},
+        {"com.apple.Safari", std::nullopt, false},
+        {"xcom.apple.trustd", std::nullopt, false},
+    };
+    for (const auto& test : cases)
+        EXPECT_EQ(routedBy(test.signingIdentifier, test.auditToken),
+                  test.isSystem ? "" : test.signingIdentifier)
+            << test.signingIdentifier;
+}
+
+TEST_F(IdentityTest, VpnClientsPassEvenWhenBlocked) {
+    changeRules(R"({"rules":{"com.wireguard.macos":"direct"},"blockedApps":["a.b.c"]})");
+    EXPECT_EQ(routedBy("com.wireguard.macosx", std::nullopt), "com.wireguard.macosx");
+    EXPECT_EQ(routedBy("a.b.c", std::nullopt), "a.b.c");
+    world.takeLog();
+    offer("com.wireguard.macos", std::nullopt);
+    offer("com.wireguard.macos.network-extension", makeAuditToken(501, 7));
+    EXPECT_TRUE(proxyLogIs(
+        {debug("Protected VPN client, passing through: com.wireguard.macos"),
+         debug("Protected VPN client, passing through: com.wireguard.macos.network-extension")}));
+
+    // What the machine's own VPN configurations name is protected too, from the next discovery on.
+    world.preferences.setTunnelProviders({"a.b.c.tunnel", "single", "x.y", "..p..q.."});
+    world.wake();
+    world.runUntilIdle();
+    std::vector<std::string> discovered;
+    for (const auto& line : world.takeLog(proxyCategory))
+        if (line.format == "Discovered VPN client: %s") discovered.push_back(line.arguments[0]);
+    EXPECT_EQ(discovered, (std::vector<std::string>{"a.b.c", "x", "p"}));
+    for (const auto* name : {"a.b.c", "a.b.c.helper", "x", "x.z", "p"})
+        EXPECT_EQ(routedBy(name, std::nullopt), "") << name;
+    EXPECT_EQ(routedBy("a.b", std::nullopt), "a.b");
+
+    // A failed load, and one without those configurations, take nothing back.
+    world.preferences.failTunnelManagers({"test", 1, "no list"});
+    world.wake();
+    world.runUntilIdle();
+    world.preferences.setTunnelProviders({});
+    world.wake();
+    world.runUntilIdle();
+    EXPECT_EQ(routedBy("a.b.c", std::nullopt), "");
+}
+
+TEST_F(IdentityTest, DiscoveryDoesNothingOnceTheProviderHasGone) {
+    world.preferences.setTunnelProviders({"a.b.c.tunnel"});
+    world.wake();
+    world.takeLog();
+    world.providers.letGoOfProxy();
+    world.runToEnd();
+    EXPECT_TRUE(proxyLogIs({}));
+}
+
+TEST_F(IdentityTest, ANameIsFoundByStrippingTrailingComponents) {
+    struct Case {
+        std::string rules;
+        std::string signingIdentifier;
+        std::string resolved;
+    };
+    const std::vector<Case> cases{
+        {R"({"rules":{"a.b.c":"vpn"}})", "a.b.c.d.e", "a.b.c"},
+        {R"({"rules":{"a.b":"vpn"}})", "a.b.c.d.e", "a.b"},
+        {R"({"rules":{"a":"vpn"}})", "a.b.c", "a.b.c"},
+        {R"({"rules":{"a.b":"vpn","a.b.c":"vpn"}})", "a.b.c.d", "a.b.c"},
+        {R"({"rules":{"a.b.c":"vpn"},"blockedApps":["a.b.c.d"]})", "a.b.c.d.e", "a.b.c.d"},
+        {R"({"rules":{"a.b":"vpn"}})", "a..b.c.", "a.b"},
+        {R"({"rules":{"com.apple.WebKit":"vpn"}})", "com.apple.WebKit.Networking",
+         "com.apple.WebKit"},
+        {R"({"rules":{}})", "a.b.c.d", "a.b.c.d"},
+    };
+    for (const auto& test : cases) {
+        changeRules(R"({"rules":{},"blockedApps":[]})");
+        changeRules(test.rules);
+        EXPECT_EQ(routedBy(test.signingIdentifier, std::nullopt), test.resolved)
+            << test.signingIdentifier << " under " << test.rules;
+    }
+}
+
+TEST_F(IdentityTest, ANameIsFoundAmongTheAncestorsAndRemembered) {
+    changeRules(R"({"rules":{"com.example.Host":"vpn"}})");
+    const auto host = world.application("Host", "com.example.Host");
+    const auto shell = world.process({.path = "/bin/sh", .parent = host.pid});
+    const auto tool = world.process({.path = "/bin/tool", .parent = shell.pid});
+    world.takeLog();
+    offer("tool", tool.auditToken());
+    EXPECT_TRUE(logHolds(
+        world, {debug("Resolved tool -> com.example.Host via process tree", proxyCategory)}));
+
+    // The answer is cached per token, only if it came from a walk, and outlives the rule.
+    world.processes.forgetQuestions();
+    EXPECT_EQ(routedBy("tool", tool.auditToken()), "com.example.Host");
+    EXPECT_EQ(world.processes.questions(), 1u);  // the child mapping's own look-up
+    changeRules(R"({"rules":{}})");
+    EXPECT_EQ(routedBy("tool", tool.auditToken()), "com.example.Host");
+    world.wake();
+    EXPECT_EQ(routedBy("tool", tool.auditToken()), "tool");
+    // A rule under the identifier itself goes before what the cache holds.
+    changeRules(R"({"rules":{"com.example.Host":"vpn"}})");
+    EXPECT_EQ(routedBy("tool", tool.auditToken()), "com.example.Host");
+    changeRules(R"({"rules":{"com.example.Host":"vpn","tool":"direct"}})");
+    EXPECT_EQ(routedBy("tool", tool.auditToken()), "tool");
+}
+
+TEST_F(IdentityTest, AFullCacheOfWalksGoesAtOnce) {
+    changeRules(R"({"rules":{"com.example.Host":"vpn"}})");
+    const auto host = world.application("Host", "com.example.Host");
+    auto tool = world.process({.path = "/bin/tool", .parent = host.pid});
+    const auto walks = [&](std::uint32_t version) {
+        tool.version = version;
+        world.processes.forgetQuestions();
+        offer("tool", tool.auditToken());
+        return world.processes.questions() > 1;
+    };
+    for (std::uint32_t version = 1; version <= 1000; ++version) ASSERT_TRUE(walks(version));
+    EXPECT_FALSE(walks(1));
+    EXPECT_TRUE(walks(1001));
+    EXPECT_FALSE(walks(1001));
+    EXPECT_TRUE(walks(1));
+}
+
+TEST_F(IdentityTest, TheCoordinatorLearnsUnderWhichNameABundleIsKnown) {
+    changeRules(R"({"rules":{"com.example.Host":"vpn"},"blockedApps":["com.blocked"]})");
+    const auto host = world.application("Host", "com.example.Host");
+    world.bundle("/Applications/Host.app/Contents/XPCServices/S.xpc", "com.example.other");
+    const auto service = world.process({.path = "/opt/S.xpc/S", .parent = host.pid});
+    world.bundle("/opt/S.xpc", "net.service");
+    EXPECT_FALSE(coordinator.shouldMonitorFlow("net.service"));
+    world.takeLog();
+    // Datagram flows teach it too.
+    offer("net.service", service.auditToken(), platform::simulated::FlowDescription::Kind::udp);
+    EXPECT_TRUE(logHolds(world, {debug("Registered child mapping: net.service -> "
+                                       "com.example.Host",
+                                       "FlowKillCoordinator")}));
+    EXPECT_TRUE(coordinator.shouldMonitorFlow("net.service"));
+
+    // The resolver found nothing: the mapping is to the signing identifier itself.
+    const auto loose = world.process({.path = "/opt/S.xpc/S"});
+    offer("com.blocked", loose.auditToken());
+    EXPECT_TRUE(coordinator.shouldBlockFlow("net.service"));
+
+    // No mapping without a token, without a bundle, or where both names agree.
+    world.takeLog();
+    offer("x.y", std::nullopt);
+    offer("x.y", world.process({.path = "/bin/x"}).auditToken());
+    offer("com.example.Host", host.auditToken());
+    EXPECT_TRUE(world.log("FlowKillCoordinator").empty());
+}
+
+}  // namespace
+}  // namespace vantry

@@ -1,0 +1,82 @@
+// The decision by itself. A flow's identifier has mostly been resolved to one with a rule of its own
+// by the time that its decision is asked for, so the later steps are asked for directly.
+
+#include "Tests/Extension/TransparentProxyProvider/ProxyTest.h"
+
+namespace vantry {
+
+class ProxyProbe {
+public:
+    static std::string getRoutingDecision(const TransparentProxyProvider& proxy,
+                                          std::string_view bundleId) {
+        return proxy.getRoutingDecision(bundleId);
+    }
+    static bool hasKnownRule(const TransparentProxyProvider& proxy, std::string_view bundleId) {
+        return proxy.hasKnownRule(bundleId);
+    }
+};
+
+namespace {
+
+class RoutingRulesTest : public ProxyTest {
+protected:
+    void SetUp() override { ASSERT_TRUE(world.start()); }
+    const TransparentProxyProvider& proxy() {
+        return static_cast<const TransparentProxyProvider&>(*world.proxy());
+    }
+};
+
+struct Expectation {
+    std::string bundleId;
+    std::string decision;
+};
+struct Case {
+    std::string rules;
+    std::vector<Expectation> expectations;
+};
+
+TEST_F(RoutingRulesTest, AnswersInTheOrderOfItsSteps) {
+    const std::vector<Case> cases{
+        {R"({"rules":{},"defaultAction":"direct","blockedApps":["x.y"]})",
+         {{"a", "direct"}, {"a.b.c", "direct"}, {"x.y", "block"}}},
+        // Blocked outright goes before a rule; blocking a parent prefix does not reach the child.
+        {R"({"rules":{"a.b":"direct"},"blockedApps":["a.b","p.q"]})",
+         {{"a.b", "block"}, {"p.q.r", "vpn"}}},
+        // One level of parent only, and never from two components.
+        {R"({"rules":{"org.acme.mail":"direct","org":"direct"}})",
+         {{"org.acme.mail", "direct"},
+          {"org.acme.mail.agent", "direct"},
+          {"org.acme.mail.agent.xpc", "vpn"},
+          {"org.acme", "vpn"},
+          {"org", "direct"}}},
+        // Empty components are dropped before the parent is joined.
+        {R"({"rules":{"org.acme":"direct","org..acme":"block"}})",
+         {{"org..acme.mail", "direct"}, {"org..acme", "block"}, {".org.acme.", "vpn"}}},
+        // One identifier skips the parent step, and nothing else.
+        {R"({"rules":{"com.apple.WebKit":"direct"}})",
+         {{"com.apple.WebKit.Networking", "vpn"}, {"com.apple.WebKit.GPU", "direct"}}},
+        {R"({"rules":{"com.apple.WebKit.Networking":"direct"},"blockedApps":["b"]})",
+         {{"com.apple.WebKit.Networking", "direct"}, {"b", "block"}}},
+        // Words are handed on as they are.
+        {R"({"rules":{"a":"block","b":"Direct","c":""},"defaultAction":"odd"})",
+         {{"a", "block"}, {"b", "Direct"}, {"c", ""}, {"d", "odd"}}},
+    };
+    for (const auto& test : cases) {
+        changeRules(R"({"rules":{},"defaultAction":"vpn","blockedApps":[]})");
+        changeRules(test.rules);
+        for (const auto& [bundleId, decision] : test.expectations)
+            EXPECT_EQ(ProxyProbe::getRoutingDecision(proxy(), bundleId), decision)
+                << bundleId << " under " << test.rules;
+    }
+}
+
+TEST_F(RoutingRulesTest, OnlyTheExactIdentifierIsKnown) {
+    changeRules(R"({"rules":{"org.acme.mail":"vpn"},"blockedApps":["a.b"]})");
+    for (const auto* known : {"org.acme.mail", "a.b"})
+        EXPECT_TRUE(ProxyProbe::hasKnownRule(proxy(), known)) << known;
+    for (const auto* unknown : {"org.acme.mail.agent", "org.acme", "a.b.c", ""})
+        EXPECT_FALSE(ProxyProbe::hasKnownRule(proxy(), unknown)) << unknown;
+}
+
+}  // namespace
+}  // namespace vantry
