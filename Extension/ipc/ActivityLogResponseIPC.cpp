@@ -4,8 +4,10 @@
 
 namespace vantry {
 
+static constexpr std::size_t usualEntrySize = 350;  // in bytes
+
 std::optional<std::string> ActivityLogResponseIPC::encode() const {
-    return platform::encodeDocument(*this);
+    return platform::encodeDocument(*this, entries.size() * usualEntrySize);
 }
 
 std::variant<ActivityLogResponseIPC, platform::JSONFailure> ActivityLogResponseIPC::decode(

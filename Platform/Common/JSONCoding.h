@@ -187,10 +187,12 @@ std::variant<Record, JSONFailure> decodeDocument(std::string_view document) {
     return record;
 }
 
-// Nothing if a text of the record is not valid UTF-8 or a date of it not finite.
+// Nothing if a text of the record is not valid UTF-8 or a date of it not finite. A guess of the
+// document's size in bytes saves copies of a large one.
 template <class Record>
-std::optional<std::string> encodeDocument(const Record& record) {
+std::optional<std::string> encodeDocument(const Record& record, std::size_t expectedSize = 0) {
     JSONWriter writer;
+    writer.reserve(expectedSize);
     encodeValue(writer, record);
     return writer.finish();
 }

@@ -106,20 +106,6 @@ private:
     std::vector<JSONValue*> openContainers;
 };
 
-// Takes the texts out of an object that may be changed, and copies those of a constant one.
-template <class Object>
-std::optional<StringMap<std::string>> tableOf(Object* object) {
-    if (!object) return std::nullopt;
-    StringMap<std::string> table;
-    table.reserve(object->size());
-    for (auto& [key, entry] : *object) {
-        auto* text = std::get_if<std::string>(&entry.value);
-        if (!text) return std::nullopt;
-        table.emplace(std::move(key), std::move(*text));
-    }
-    return table;
-}
-
 }  // namespace
 
 std::variant<JSONValue, JSONFailure> parseJSON(std::string_view text) {
@@ -138,41 +124,6 @@ std::optional<JSONValue> NSJSONSerialization::JSONObjectWithData(std::string_vie
     auto* value = std::get_if<JSONValue>(&parsed);
     if (!value || (!value->as<JSONArray>() && !value->as<JSONObject>())) return std::nullopt;
     return std::move(*value);
-}
-
-std::string_view JSONValue::typeName() const {
-    struct {
-        std::string_view operator()(std::nullptr_t) const { return "null"; }
-        std::string_view operator()(bool) const { return "a boolean"; }
-        std::string_view operator()(std::int64_t) const { return "a number"; }
-        std::string_view operator()(std::uint64_t) const { return "a number"; }
-        std::string_view operator()(double) const { return "a number"; }
-        std::string_view operator()(const std::string&) const { return "a string"; }
-        std::string_view operator()(const JSONArray&) const { return "an array"; }
-        std::string_view operator()(const JSONObject&) const { return "an object"; }
-    } name;
-    return std::visit(name, value);
-}
-
-std::optional<StringMap<std::string>> stringTable(const JSONValue& value) {
-    return tableOf(value.as<JSONObject>());
-}
-
-std::optional<StringMap<std::string>> stringTable(JSONValue&& value) {
-    return tableOf(std::get_if<JSONObject>(&value.value));
-}
-
-std::optional<std::vector<std::string>> stringArray(const JSONValue& value) {
-    const auto* array = value.as<JSONArray>();
-    if (!array) return std::nullopt;
-    std::vector<std::string> texts;
-    texts.reserve(array->size());
-    for (const auto& element : *array) {
-        const auto* text = element.as<std::string>();
-        if (!text) return std::nullopt;
-        texts.push_back(*text);
-    }
-    return texts;
 }
 
 }  // namespace platform

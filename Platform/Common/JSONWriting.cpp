@@ -1,6 +1,6 @@
-#include <array>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 
 #include "Platform/Common/JSON.h"
 #include "Platform/Common/Text.h"
@@ -8,17 +8,27 @@
 namespace platform {
 namespace {
 
-// True for each byte that stands for itself in a JSON string: ASCII but for quotes, backslashes
-// and control characters.
-constexpr auto isPlainByte = [] {
-    std::array<bool, 256> plain{};
-    for (std::size_t byte = 0x20; byte < 0x80; ++byte) plain[byte] = byte != '"' && byte != '\\';
-    return plain;
-}();
+// True for a byte that stands for itself in a JSON string: ASCII but for quotes, backslashes and
+// control characters.
+bool isPlain(signed char byte) { return byte >= 0x20 && byte != '"' && byte != '\\'; }
+
+// Whether all eight bytes are plain, found out at once. In each byte's top bit: is it no ASCII, is
+// it below 0x20, is it a quote, is it a backslash. A borrow can only make a later byte look not
+// plain, and that one is then looked at by itself.
+bool arePlain(const char* bytes) {
+    constexpr std::uint64_t each = 0x0101010101010101;
+    std::uint64_t block;
+    std::memcpy(&block, bytes, sizeof block);
+    const auto quotes = block ^ each * '"';
+    const auto backslashes = block ^ each * '\\';
+    const auto other = block | (block - each * 0x20) | (quotes - each) | (backslashes - each);
+    return (other & each * 0x80) == 0;
+}
 
 std::size_t plainLength(std::string_view text) {
     std::size_t length = 0;
-    while (length < text.size() && isPlainByte[static_cast<unsigned char>(text[length])]) ++length;
+    while (length + 8 <= text.size() && arePlain(text.data() + length)) length += 8;
+    while (length < text.size() && isPlain(text[length])) ++length;
     return length;
 }
 
@@ -84,33 +94,6 @@ void JSONWriter::null() {
     out += "null";
 }
 
-// As deep as the value: one that was read is never deeper than `maximumJSONDepth`.
-void JSONWriter::value(const JSONValue& value) {
-    struct {
-        JSONWriter& writer;
-        void operator()(std::nullptr_t) const { writer.null(); }
-        void operator()(bool truth) const { writer.boolean(truth); }
-        void operator()(std::int64_t number) const { writer.integer(number); }
-        void operator()(std::uint64_t number) const { writer.unsignedInteger(number); }
-        void operator()(double number) const { writer.number(number); }
-        void operator()(const std::string& text) const { writer.string(text); }
-        void operator()(const JSONArray& array) const {
-            writer.beginArray();
-            for (const auto& element : array) writer.value(element);
-            writer.endArray();
-        }
-        void operator()(const JSONObject& object) const {
-            writer.beginObject();
-            for (const auto& [name, member] : object) {
-                writer.key(name);
-                writer.value(member);
-            }
-            writer.endObject();
-        }
-    } write{*this};
-    std::visit(write, value.value);
-}
-
 std::optional<std::string> JSONWriter::finish() {
     auto document = std::exchange(out, {});
     needsComma = false;
@@ -143,7 +126,7 @@ void JSONWriter::quoted(std::string_view text) {
             isSpoiled = true;
             return;
         }
-        if (length == 1 && !isPlainByte[static_cast<unsigned char>(text.front())])
+        if (length == 1 && !isPlain(text.front()))
             appendEscape(out, text.front());
         else
             out += text.substr(0, length);

@@ -239,6 +239,18 @@ TEST(JSONWriting, IsCompactAndExact) {
     EXPECT_EQ(writer.finish(), "");
 }
 
+TEST(JSONWriting, EscapesEachByteWhereverItStands) {
+    for (int byte = 0; byte < 0x80; ++byte)
+        for (std::size_t at = 0; at < 20; ++at) {
+            std::string text(20, '~');
+            text[at] = static_cast<char>(byte);
+            const auto document = *written(text);
+            ASSERT_EQ(*parsed(document)->as<std::string>(), text) << document;
+            const bool isEscaped = byte < 0x20 || byte == '"' || byte == '\\';
+            ASSERT_EQ(document.size() > text.size() + 2, isEscaped) << document;
+        }
+}
+
 TEST(JSONWriting, GivesNothingForWhatJSONCannotExpress) {
     for (const double number :
          {std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity(),
