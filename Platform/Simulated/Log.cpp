@@ -32,6 +32,27 @@ std::ostream& operator<<(std::ostream& out, const ExpectedLine& line) {
 
 namespace {
 
+constexpr std::string_view anyRun = "<any>";
+
+bool textMatches(std::string_view expected, std::string_view actual) {
+    const auto wild = expected.find(anyRun);
+    if (wild == std::string_view::npos) return expected == actual;
+    if (!actual.starts_with(expected.substr(0, wild))) return false;
+    const auto rest = expected.substr(wild + anyRun.size());
+    for (auto from = wild; from <= actual.size(); ++from)
+        if (textMatches(rest, actual.substr(from))) return true;
+    return false;
+}
+
+}  // namespace
+
+bool ExpectedLine::matches(const LogLine& line) const {
+    return level == line.level && (category.empty() || category == line.category) &&
+           textMatches(text, line.text);
+}
+
+namespace {
+
 // For each pair of positions the length of the longest common run of lines behind them.
 std::vector<std::vector<std::size_t>> commonLengths(const std::vector<ExpectedLine>& expected,
                                                     const std::vector<LogLine>& actual) {

@@ -27,16 +27,14 @@ struct LogLine {
     std::string redactedText;            // as a store shows it that hides what is not public
 };
 
-// What a test expects of a line. An empty category stands for any.
+// What a test expects of a line. "<any>" in the text stands for any run of characters, an empty
+// category for any.
 struct ExpectedLine {
     LogLevel level;
     std::string text;
     std::string category = {};
 
-    bool matches(const LogLine& line) const {
-        return level == line.level && text == line.text &&
-               (category.empty() || category == line.category);
-    }
+    bool matches(const LogLine& line) const;
 };
 inline ExpectedLine debug(std::string text, std::string category = {}) {
     return {LogLevel::debug, std::move(text), std::move(category)};

@@ -14,6 +14,9 @@ namespace {
 
 const NSError reset{NEAppProxyErrorDomain, NEAppProxyFlowErrorPeerReset, ""};
 
+// Apart, so that the compiler's own analysis does not see what the platform has to notice.
+void takeAndRelease(NSLock& lock) { const NSLockGuard guard(lock); }
+
 // What a completion with an optional error brought, and how often it ran.
 struct Seen {
     int times = 0;
@@ -194,7 +197,7 @@ TEST_F(FlowTest, BreachesOnTheCoresSideAreNamed) {
               Texts{});
     EXPECT_EQ(breachesOf([&] {
                   const NSLockGuard guard(lock);
-                  const NSLockGuard again(lock);
+                  takeAndRelease(lock);
               }).front(),
               "an NSLock is taken twice by one thread");
     collectBreaches(false);
