@@ -1,0 +1,389 @@
+#include "Extension/proxy-session/ProxySession.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Platform/Simulated/Expectations.h"
+
+namespace vantry {
+namespace {
+
+using platform::NSError;
+using platform::NWConnection;
+using platform::NWEndpoint;
+using platform::simulated::debug;
+using platform::simulated::error;
+using platform::simulated::Flow;
+using platform::simulated::holdsForSeeds;
+using platform::simulated::logIs;
+using platform::simulated::Options;
+using platform::simulated::Order;
+using platform::simulated::Peer;
+using platform::simulated::World;
+using Kind = NWConnection::State::Kind;
+
+const NSError reset{platform::NEAppProxyErrorDomain, platform::NEAppProxyFlowErrorPeerReset,
+                    "The application's peer reset the flow"};
+const NSError broken{"posix", 104, "Connection reset by peer"};
+const auto ready = debug("sid=7 Connection ready, starting relay");
+
+// A session between an application and a scripted peer, and what its owner sees of it.
+struct Relay {
+    explicit Relay(World& world, std::uint16_t port = 443)
+        : peer(world.peer("peer.example", port)),
+          flow(world.flow({.remoteEndpoint = platform::NWHostEndpoint{"peer.example", "443"}})) {
+        auto connection = std::make_shared<NWConnection>(
+            NWEndpoint::Host("peer.example"), *NWEndpoint::Port::fromString(std::to_string(port)),
+            platform::NWParameters::tcp());
+        session =
+            std::make_shared<ProxySession>(flow.object(), std::move(connection), "com.example.App",
+                                           7, platform::Logger("test", "TransparentProxy"));
+    }
+    void start() {
+        session->start([ends = ends] { ++*ends; });
+    }
+    bool isOpenAndRelaying() const {
+        return *ends == 0 && !flow.isClosed() && peer.connection()->state() == Kind::ready;
+    }
+    testing::AssertionResult endedOnce(const std::optional<NSError>& closedWith = {}) const {
+        const bool isClosed =
+            closedWith ? flow.isClosedOnceWith(*closedWith) : flow.isClosedOnceCleanly();
+        if (*ends == 1 && isClosed) return testing::AssertionSuccess();
+        return testing::AssertionFailure() << *ends << " ends, closed " << isClosed;
+    }
+
+    Peer peer;
+    Flow flow;
+    std::shared_ptr<ProxySession> session;
+    std::shared_ptr<std::atomic<int>> ends = std::make_shared<std::atomic<int>>(0);
+};
+
+class ProxySessionTest : public testing::Test {
+protected:
+    void startAndConnect() {
+        relay.start();
+        world.runUntilIdle();
+        ASSERT_TRUE(relay.isOpenAndRelaying());
+        ASSERT_TRUE(logIs(world, {ready}));
+    }
+
+    World world;
+    Relay relay{world};
+};
+
+TEST_F(ProxySessionTest, OpensTheFlowFirstAndThenConnectsAndMovesBytesBothWays) {
+    relay.flow.opensAfter(5);
+    relay.flow.sends("early");
+    relay.peer.echoes();
+    relay.start();
+    world.advance(4);
+    EXPECT_TRUE(relay.peer.connections().empty());
+    world.advance(2);
+    EXPECT_EQ(relay.flow.received(), "early");
+    relay.flow.sends("more");
+    relay.peer.sends(std::string(100'000, 'x'));
+    world.runUntilIdle();
+    EXPECT_EQ(relay.peer.received(), "earlymore");
+    EXPECT_EQ(relay.flow.received().size(), 100'009u);
+    EXPECT_TRUE(relay.isOpenAndRelaying());
+    EXPECT_TRUE(logIs(world, {ready}));
+}
+
+TEST_F(ProxySessionTest, AFlowThatCannotBeOpenedEndsWithoutAConnection) {
+    relay.flow.failsOpening({"test", 1, "gone"});
+    relay.start();
+    world.runToEnd();
+    EXPECT_TRUE(relay.endedOnce());
+    EXPECT_TRUE(relay.peer.connections().empty());
+    EXPECT_TRUE(logIs(world, {error("Failed to open TCP flow: gone")}));
+}
+
+// How a relay ends by itself, with what it logs behind the line of the connection's being ready.
+TEST_F(ProxySessionTest, EndsAsAWholeWhenEitherSideEndsOrFails) {
+    struct Case {
+        const char* what;
+        void (*happens)(Relay&);
+        std::vector<platform::simulated::ExpectedLine> lines;
+        const char* received;
+    };
+    const std::vector<Case> cases{
+        {"the application ends its sending", [](Relay& r) { r.flow.endsSending(); }, {}, ""},
+        {"the application's side fails", [](Relay& r) { r.flow.fails(broken); }, {}, ""},
+        {"the peer ends with its last bytes",
+         [](Relay& r) { r.peer.sendsLast("last"); },
+         {},
+         "last"},
+        {"the peer ends alone",
+         [](Relay& r) {
+             r.peer.sends("a");
+             r.peer.ends();
+         },
+         {},
+         "a"},
+        {"a receive brings nothing",
+         [](Relay& r) { r.peer.sendsNothing(); },
+         {debug("sid=7 Empty receive without completion, cancelling")},
+         ""},
+        {"a receive fails with bytes", [](Relay& r) { r.peer.breaks(broken, "lost"); }, {}, ""},
+        {"a send fails",
+         [](Relay& r) {
+             r.peer.failsNextSend(broken);
+             r.flow.sends("x");
+         },
+         {},
+         ""},
+        {"a write fails",
+         [](Relay& r) {
+             r.flow.failsNextWrite(broken);
+             r.peer.sends("x");
+         },
+         {},
+         ""},
+    };
+    int port = 1000;
+    for (const auto& test : cases) {
+        Relay one(world, static_cast<std::uint16_t>(++port));
+        one.start();
+        world.runUntilIdle();
+        ASSERT_TRUE(one.isOpenAndRelaying()) << test.what;
+        world.takeLog();
+        test.happens(one);
+        world.runToEnd();
+        EXPECT_TRUE(one.endedOnce()) << test.what;
+        EXPECT_EQ(one.flow.received(), test.received) << test.what;
+        EXPECT_TRUE(logIs(world, test.lines)) << test.what;
+        EXPECT_EQ(one.peer.connection()->record().states.back(), Kind::cancelled) << test.what;
+    }
+}
+
+TEST_F(ProxySessionTest, AConnectionThatIsRefusedEndsIt) {
+    relay.peer.refuses();
+    relay.start();
+    world.runToEnd();
+    EXPECT_TRUE(relay.endedOnce());
+    EXPECT_TRUE(logIs(world, {error("sid=7 Connection failed: Connection refused")}));
+}
+
+TEST_F(ProxySessionTest, TheFirstCancelDecidesWhatTheApplicationSees) {
+    for (const bool gracefullyFirst : {false, true}) {
+        Relay one(world, gracefullyFirst ? 1 : 2);
+        one.start();
+        world.runUntilIdle();
+        if (gracefullyFirst) one.session->cancelGracefully();
+        one.session->cancel();
+        one.session->cancelGracefully();
+        EXPECT_EQ(*one.ends, 1);
+        world.runToEnd();
+        EXPECT_TRUE(one.endedOnce(gracefullyFirst ? std::optional(reset) : std::nullopt));
+    }
+}
+
+TEST_F(ProxySessionTest, ACancelDuringTheOpeningEndsAtOnceAndNothingIsRelayed) {
+    relay.flow.opensAfter(5);
+    relay.start();
+    relay.session->cancel();
+    EXPECT_TRUE(relay.endedOnce());
+    world.runToEnd();
+    EXPECT_TRUE(relay.endedOnce());
+    EXPECT_EQ(relay.flow.record().reads, 0);
+    EXPECT_EQ(relay.peer.received(), "");
+}
+
+TEST_F(ProxySessionTest, ASessionKilledBeforeItsStartOpensNothing) {
+    relay.session->cancelGracefully();
+    relay.start();
+    world.runToEnd();
+    EXPECT_EQ(relay.flow.record().opens, 0);
+    EXPECT_TRUE(relay.flow.isClosedOnceWith(reset));
+    EXPECT_LE(*relay.ends, 1);
+    EXPECT_TRUE(relay.peer.connections().empty());
+}
+
+TEST_F(ProxySessionTest, AConnectionThatStaysWaitingIsGivenUpThirtySecondsAfterTheFirstTime) {
+    relay.peer.isUnreachable();
+    relay.start();
+    world.runUntilIdle();
+    ASSERT_EQ(world.takeLog().size(), 1u);
+    world.advance(29);
+    relay.peer.makesWaiting({"posix", 101, "Network is unreachable"});
+    world.runUntilIdle();
+    EXPECT_EQ(*relay.ends, 0);
+    EXPECT_TRUE(logIs(world, {error("sid=7 Connection waiting: Network is unreachable")}));
+    world.advance(1.5);
+    EXPECT_TRUE(relay.endedOnce());
+    EXPECT_TRUE(logIs(world, {error("sid=7 Connection stuck in .waiting(), cancelling")}));
+    world.runToEnd();
+    EXPECT_TRUE(logIs(world, {}));
+}
+
+TEST_F(ProxySessionTest, AConnectionThatLeavesWaitingGoesOnWhenTheTimerFires) {
+    relay.peer.waits(3);
+    relay.peer.echoes();
+    relay.start();
+    world.advance(20);
+    ASSERT_TRUE(relay.isOpenAndRelaying());
+    world.advance(60);
+    EXPECT_TRUE(relay.isOpenAndRelaying());
+    relay.flow.sends("alive");
+    world.runUntilIdle();
+    EXPECT_EQ(relay.flow.received(), "alive");
+}
+
+TEST_F(ProxySessionTest, AWaitingConnectionThatFailsEndsByItsFailure) {
+    relay.peer.isUnreachable();
+    relay.start();
+    world.advance(29);
+    relay.peer.fails(broken);
+    world.runUntilIdle();
+    EXPECT_TRUE(relay.endedOnce());
+    world.takeLog();
+    world.runToEnd();
+    EXPECT_TRUE(logIs(world, {}));
+}
+
+TEST_F(ProxySessionTest, ASideThatDoesNotReadHoldsBackTheOther) {
+    startAndConnect();
+    relay.flow.stopsReading();
+    relay.peer.stopsReading();
+    for (int n = 0; n < 20; ++n) {
+        relay.peer.sends(std::string(65'536, 'd'));
+        relay.flow.sends(std::string(65'536, 'u'));
+    }
+    world.runUntilIdle();
+    const auto taken = relay.flow.record();
+    EXPECT_EQ(taken.reads, 1);
+    EXPECT_EQ(taken.writes, 1);
+    EXPECT_EQ(relay.peer.connection()->record().receives, 1);
+    EXPECT_EQ(relay.peer.connection()->record().sends, 1);
+    relay.flow.readsOn();
+    relay.peer.readsOn();
+    world.runUntilIdle();
+    EXPECT_EQ(relay.flow.received().size(), 20u * 65'536u);
+    EXPECT_EQ(relay.peer.received().size(), 20u * 65'536u);
+}
+
+TEST_F(ProxySessionTest, ASessionThatWasLetGoDoesNothingMore) {
+    startAndConnect();
+    const std::weak_ptr<ProxySession> gone = relay.session;
+    relay.session.reset();
+    EXPECT_TRUE(gone.expired());
+    relay.flow.sends("late");
+    relay.peer.sends("late");
+    world.runToEnd();
+    EXPECT_EQ(*relay.ends, 0);
+    EXPECT_TRUE(logIs(world, {}));
+}
+
+// Any mixture of what can happen to a session, in any order of its callbacks: it ends at most once, each
+// direction is closed once and with one kind of end, bytes arrive in order, and nothing acts after.
+void mixture(World& world) {
+    Relay relay(world);
+    std::string sentUp, sentDown;
+    if (world.draw(4) == 0) relay.flow.opensAfter(static_cast<double>(world.draw(40)));
+    if (world.draw(8) == 0) relay.flow.failsOpening(broken);
+    switch (world.draw(4)) {
+        case 0:
+            relay.peer.waits(static_cast<int>(world.draw(5)));
+            break;
+        case 1:
+            relay.peer.isUnreachable();
+            break;
+        case 2:
+            relay.peer.refuses();
+            break;
+        default:
+            break;
+    }
+    world.scheduler.setLatency(static_cast<double>(world.draw(3)));
+    const auto steps = world.draw(12);
+    bool isStarted = false;
+    for (std::uint64_t step = 0; step < steps; ++step) {
+        const std::string bytes(world.draw(100'000) + 1, static_cast<char>('a' + step));
+        if (!isStarted && world.draw(2) == 0) {
+            isStarted = true;
+            relay.start();
+        }
+        switch (world.draw(12)) {
+            case 0:
+            case 1:
+            case 2:
+                relay.flow.sends(bytes);
+                sentUp += bytes;
+                break;
+            case 3:
+            case 4:
+            case 5:
+                relay.peer.sends(bytes);
+                sentDown += bytes;
+                break;
+            case 6:
+                world.later([session = relay.session] { session->cancel(); });
+                break;
+            case 7:
+                world.later([session = relay.session] { session->cancelGracefully(); });
+                break;
+            case 8:
+                relay.flow.endsSending();
+                break;
+            case 9:
+                relay.peer.ends();
+                break;
+            case 10:
+                world.draw(2) ? relay.flow.fails(broken) : relay.peer.fails(broken);
+                break;
+            case 11:
+                world.advance(static_cast<double>(world.draw(35)));
+                break;
+            default:
+                break;
+        }
+    }
+    if (!isStarted) relay.start();
+    world.runToEnd();
+    if (world.draw(2) == 0) {
+        relay.session->cancel();
+        world.runToEnd();
+    }
+    EXPECT_LE(*relay.ends, 1);
+    EXPECT_TRUE(sentUp.starts_with(relay.peer.received()));
+    EXPECT_TRUE(sentDown.starts_with(relay.flow.received()));
+    const auto record = relay.flow.record();
+    if (*relay.ends == 1) {
+        EXPECT_TRUE(relay.flow.isClosedOnceCleanly() || relay.flow.isClosedOnceWith(reset));
+        for (const auto& connection : relay.peer.connections())
+            EXPECT_EQ(connection->state(), Kind::cancelled);
+    } else {
+        EXPECT_LE(record.readCloses.size(), 1u);
+    }
+    EXPECT_LE(record.opens, 1);
+}
+
+TEST(ProxySessionStory, EndsExactlyOnceWhateverHappens) {
+    EXPECT_TRUE(holdsForSeeds(2000, mixture));
+}
+
+// Thousands of sessions that start, move bytes and end at once, on real threads.
+TEST(ProxySessionStory, ManySessionsAtOnceOnThreads) {
+    World world({.order = Order::threads});
+    world.peer("peer.example", 443).echoes();
+    std::vector<Relay> relays;
+    for (int n = 0; n < 2000; ++n) relays.emplace_back(world);
+    for (auto& relay : relays) {
+        relay.flow.sends("hello");
+        world.later([&relay] { relay.start(); });
+        world.later([session = relay.session] { session->cancel(); }, 0.5);
+        world.later([session = relay.session] { session->cancelGracefully(); }, 0.5);
+    }
+    world.runToEnd();
+    for (const auto& relay : relays) {
+        EXPECT_EQ(*relay.ends, relay.flow.record().opens);  // a kill may come before the start
+        EXPECT_TRUE(relay.flow.isClosedOnceCleanly() || relay.flow.isClosedOnceWith(reset));
+    }
+}
+
+}  // namespace
+}  // namespace vantry
