@@ -20,7 +20,8 @@ struct ExtensionResponse {
     };
     struct SuccessCodingKeys {};
     struct ErrorCodingKeys {
-        static constexpr std::string_view _0 = "_0";
+        // Named as on the wire: the message has no label of its own.
+        static constexpr std::string_view _0 = "_0";  // NOLINT(readability-identifier-naming)
     };
 
     struct Success {
