@@ -43,19 +43,12 @@ uid_t readRootAsSeenHere() {
     return overflow;
 }
 
-bool belongsToRoot(const ProcessStatus& status) {
+bool isRoot(uid_t owner) {
     static const uid_t root = readRootAsSeenHere();
-    return status.executableOwner == 0 || status.executableOwner == root;
+    return owner == 0 || owner == root;
 }
 
 std::string fileName(const std::string& path) { return path.substr(path.rfind('/') + 1); }
-
-// Without dots, so that no rule for a longer or a shorter name ever covers it.
-std::string ordinaryIdentifier(const std::string& path, const ProcessStatus& status) {
-    auto name = textOfPath(belongsToRoot(status) ? fileName(path) : path);
-    std::replace(name.begin(), name.end(), '.', '-');
-    return identifierThatFits(name);
-}
 
 // The extension searches a path from the left; where that would miss the bundle, or where the path
 // is too long to be shown, a virtual bundle of the same identifier stands in.
@@ -66,6 +59,12 @@ std::string shownBundlePath(const std::string& path, const std::string& identifi
 }
 
 }  // namespace
+
+std::string ordinaryProgramIdentifier(const std::string& path, uid_t owner) {
+    auto name = textOfPath(isRoot(owner) ? fileName(path) : path);
+    std::replace(name.begin(), name.end(), '.', '-');
+    return identifierThatFits(name);
+}
 
 AuditToken Process::auditToken() const {
     return makeAuditToken({.effectiveUserId = status.effectiveUserId,
@@ -133,7 +132,7 @@ Process ProcessTable::classify(pid_t pid, const ProcessStatus& status, const Fil
         process.signingIdentifier = textOfPath(fileName(*path));
         process.shownPath = textOfPath(*path);
     } else {
-        process.signingIdentifier = ordinaryIdentifier(*path, status);
+        process.signingIdentifier = ordinaryProgramIdentifier(*path, status.executableOwner);
         process.shownPath = virtualProgramPath(process.signingIdentifier);
     }
     return process;

@@ -36,6 +36,10 @@ struct Process {
     AuditToken auditToken() const;
 };
 
+// What a program in no bundle is called, by the path and the owner of its executable. Without dots, so
+// that no rule for a longer or a shorter name ever covers it.
+std::string ordinaryProgramIdentifier(const std::string& path, uid_t owner);
+
 class ProcessTable {
 public:
     // The one table of this system.

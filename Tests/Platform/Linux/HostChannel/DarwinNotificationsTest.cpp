@@ -134,12 +134,12 @@ TEST_F(DarwinNotifications, PostsDuringADeliveryGiveOneMore) {
 TEST_F(DarwinNotifications, NoDeliveryBeginsOnceAnObserverIsRemoved) {
     static Observer leaving;
     static Observer staying;
+    // Out of its first delivery: the second registration of the same observer hears nothing more.
+    leaving.whenDelivered = [] { leaving.stopObserving(); };
     leaving.observe(changed);
     leaving.observe(changed);
     staying.observe(changed);
     staying.observe(marker);
-    // Out of its first delivery: the second registration of the same observer hears nothing more.
-    leaving.whenDelivered = [] { leaving.stopObserving(); };
     touch(folder + "/" + changed);
     touch(folder + "/" + changed);
     staying.settle();

@@ -1,0 +1,12 @@
+// Says for each thing that the daemon needs whether this machine has it, and what to do if not.
+#pragma once
+
+#include "Host/vantryctl/Console.h"
+#include "Host/vantryctl/Outcome.h"
+
+namespace vantryctl {
+
+// Fails if something is missing without which the daemon cannot work.
+ExitCode checkMachine(bool asJSON, const Console& console);
+
+}  // namespace vantryctl

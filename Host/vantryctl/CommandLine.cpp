@@ -1,0 +1,207 @@
+#include "Host/vantryctl/CommandLine.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <functional>
+
+#include "Host/vantryctl/CheckCommand.h"
+#include "Host/vantryctl/IdentifyCommand.h"
+#include "Host/vantryctl/LogCommands.h"
+#include "Host/vantryctl/RuleCommands.h"
+#include "Host/vantryctl/WatchCommand.h"
+
+namespace vantryctl {
+
+namespace {
+
+constexpr const char* closingText =
+    "Applications are named by identifier: vantryctl apps lists those seen,\n"
+    "vantryctl identify PID|FILE finds one's. A rule covers what is named below it:\n"
+    "one for org.example.mail covers org.example.mail.agent too.\n"
+    "\n"
+    "Exit codes: 0 done, 1 failed, 2 not a command or not possible, 3 the daemon is not\n"
+    "running, 4 not permitted (root, or the group vantry).\n";
+
+// Where the explanations begin, so that lines fit a terminal.
+constexpr std::size_t columnOfHelp = 18;
+
+using Applications = std::vector<std::string>;
+
+// What the options of all commands are read into, and what the given command will do.
+struct Request {
+    bool asJSON = false;
+    bool isEmptying = false;
+    LogOptions log;
+    WatchOptions watch;
+    Applications applications;
+    std::string word;
+    std::string subject;
+    std::function<ExitCode()> command;
+};
+
+class Commands {
+public:
+    Commands(CLI::App& toFill, const Console& toUse) : app(toFill), console(toUse) {
+        addRules();
+        addVPN();
+        addViews();
+        addMachine();
+    }
+
+    ExitCode carryOut() const { return request.command(); }
+
+private:
+    using Act = std::function<ExitCode()>;
+
+    CLI::App& add(CLI::App& parent, const char* name, const char* help, Act act) {
+        CLI::App& command = *parent.add_subcommand(name, help);
+        // The innermost command that was given comes first, and counts.
+        command.callback([this, act = std::move(act)] {
+            if (!request.command) request.command = act;
+        });
+        return command;
+    }
+    void takeJSON(CLI::App& command) {
+        command.add_flag("--json", request.asJSON, "Print JSON, whole and unshortened");
+    }
+    void takeApplications(CLI::App& command) {
+        command.add_option("APPLICATION", request.applications, "Identifiers, one or more")
+            ->type_name("")
+            ->required();
+    }
+    void takeWord(CLI::App& command, const char* name, const char* help) {
+        command.add_option(name, request.word, help)->type_name("")->required();
+    }
+
+    void addRules();
+    void addFallbacks(CLI::App& rules);
+    void addVPN();
+    void addViews();
+    void addLog();
+    void addMachine();
+
+    CLI::App& app;
+    const Console& console;
+    Request request;
+};
+
+void Commands::addRules() {
+    CLI::App& rules = add(app, "rules", "Show or change what each application may do",
+                          [this] { return showRules(request.asJSON, console); });
+    rules.require_subcommand(0, 1);
+    takeJSON(rules);
+    takeJSON(add(rules, "show", "Show them all, as without a word",
+                 [this] { return showRules(request.asJSON, console); }));
+    add(rules, "set", "Send applications over the VPN or directly",
+        [this] {
+            const std::string route = request.applications.back();
+            request.applications.pop_back();
+            return setRule(request.applications, route, console);
+        })
+        .add_option("APPLICATION", request.applications,
+                    "Identifiers, and last the route: vpn or direct (TCP)")
+        ->type_name("")
+        ->expected(-2)  // two or more
+        ->required();
+    takeApplications(add(rules, "remove", "Take rules away: the default holds again",
+                         [this] { return removeRules(request.applications, console); }));
+    takeWord(add(rules, "default", "Choose the route of applications without a rule",
+                 [this] { return setDefaultRoute(request.word, console); }),
+             "ROUTE", "vpn or direct (a default cannot block)");
+    takeApplications(add(rules, "block", "Block applications, whatever their rule says",
+                         [this] { return blockApplications(request.applications, console); }));
+    takeApplications(add(rules, "unblock", "Lift blocks: the rule or the default holds again",
+                         [this] { return unblockApplications(request.applications, console); }));
+    addFallbacks(rules);
+}
+
+void Commands::addFallbacks(CLI::App& rules) {
+    CLI::App& fallback =
+        *rules.add_subcommand("fallback", "Choose what happens when a route is missing");
+    fallback.require_subcommand(1);
+    takeWord(add(fallback, "vpn", "While the VPN is down: applications with a VPN rule",
+                 [this] { return setFallback(Fallback::vpn, request.word, console); }),
+             "WORD", "allow: over the system's own route. block: not at all");
+    takeWord(add(fallback, "direct", "While no physical interface is there: direct ones",
+                 [this] { return setFallback(Fallback::direct, request.word, console); }),
+             "WORD", "allow: over the system's own route. block: not at all");
+}
+
+void Commands::addVPN() {
+    CLI::App& vpn =
+        *app.add_subcommand("vpn", "Say whether the VPN is up (watch does it by itself)");
+    vpn.require_subcommand(1);
+    add(vpn, "up", "The VPN is up", [this] { return setVPNState(true, console); });
+    add(vpn, "down", "The VPN is down: its fallback holds",
+        [this] { return setVPNState(false, console); });
+}
+
+void Commands::addViews() {
+    takeJSON(add(app, "status", "Show whether the daemon runs and what it goes by",
+                 [this] { return showStatus(request.asJSON, console); }));
+    add(app, "reload", "Have the daemon read the rules, made anew if need be",
+        [this] { return reloadRules(console); });
+    takeJSON(add(app, "apps", "List the applications that were seen, by identifier",
+                 [this] { return showApplications(request.asJSON, console); }));
+    CLI::App& identifyCommand =
+        add(app, "identify", "Find the identifier of a process or a program",
+            [this] { return identify(request.subject, request.asJSON, console); });
+    identifyCommand.add_option("PID|FILE", request.subject, "A process id or a program's path")
+        ->type_name("")
+        ->required();
+    takeJSON(identifyCommand);
+    addLog();
+    add(app, "clear", "Empty the log", [this] { return clearLog(console); });
+    CLI::App& failures =
+        add(app, "failures", "List direct connections that found no interface", [this] {
+            return request.isEmptying ? clearFailures(console)
+                                      : showFailures(request.asJSON, console);
+        });
+    takeJSON(failures);
+    failures.add_flag("--clear", request.isEmptying, "Empty the list");
+}
+
+void Commands::addLog() {
+    CLI::App& log = add(app, "log", "Show which flows went where", [this] {
+        request.log.asJSON = request.asJSON;
+        return showLog(request.log, console);
+    });
+    takeJSON(log);
+    log.add_flag("-f,--follow", request.log.isFollowing, "Go on with each new flow");
+    log.add_option("-n,--lines", request.log.lines, "How many of the latest (40)");
+    log.add_option("-a,--app", request.log.application,
+                   "Only this application and what is below it");
+}
+
+void Commands::addMachine() {
+    takeJSON(add(app, "check", "Say what the machine lacks that the daemon needs",
+                 [this] { return checkMachine(request.asJSON, console); }));
+    CLI::App& watch = add(app, "watch", "Follow the VPN's tunnel and tell the daemon (a service)",
+                          [this] { return watchTunnel(request.watch, console); });
+    watch.add_option("-i,--interface", request.watch.interfaces,
+                     "Only these interfaces are the VPN (default: every tunnel)");
+    watch.add_flag("--once", request.watch.isOnce, "Say it once and end");
+}
+
+}  // namespace
+
+int run(std::vector<std::string> arguments, const Console& console) {
+    CLI::App app("Says for each application what goes over the VPN, beside it, or not at all.",
+                 "vantryctl");
+    app.get_formatter()->column_width(columnOfHelp);
+    app.require_subcommand(1);
+    const Commands commands(app, console);
+    // Not before: each command would have it too.
+    app.footer(closingText);
+    try {
+        // The parser wants the last argument first.
+        std::ranges::reverse(arguments);
+        app.parse(std::move(arguments));
+    } catch (const CLI::ParseError& error) {
+        return static_cast<int>(app.exit(error, console.out, console.err) == 0 ? ExitCode::done
+                                                                               : ExitCode::usage);
+    }
+    return static_cast<int>(commands.carryOut());
+}
+
+}  // namespace vantryctl

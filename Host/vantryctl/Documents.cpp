@@ -1,0 +1,76 @@
+#include "Host/vantryctl/Documents.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+
+#include "Platform/Foundation.h"
+#include "Platform/Linux/Files/TrustedFile.h"
+
+namespace vantryctl {
+
+using platform::JSONFailure;
+using platform::JSONObject;
+using platform::JSONValue;
+using platform::NSFileManager;
+
+namespace {
+
+constexpr const char* asRoot = "Do it with sudo, or as a member of the group vantry.";
+
+Failure unreadable(const std::string& path, const platform::FileRefusal& refusal) {
+    if (refusal.error == EACCES)
+        return {ExitCode::notPermitted, path + " may not be read.", asRoot};
+    return {ExitCode::failed, path + " cannot be read: " + refusal.reason + ".",
+            "Look at it with ls -l, and move it away if nobody needs it."};
+}
+
+Failure malformed(const std::string& path, const std::string& why) {
+    return {ExitCode::failed,
+            path + " is not what it should be: " + why + ". It was left as it is.",
+            "Correct it, or move it away: mv " + path + " " + path + ".broken"};
+}
+
+}  // namespace
+
+Outcome<std::optional<std::string>> readFile(const std::string& path) {
+    const auto opened = platform::openTrustedFile(path, O_RDONLY);
+    if (const auto* refusal = std::get_if<platform::FileRefusal>(&opened)) {
+        if (refusal->error == ENOENT) return std::nullopt;
+        return unreadable(path, *refusal);
+    }
+    const auto content = NSFileManager::defaultManager().contentsAtPath(path);
+    if (!content) return unreadable(path, {EIO, "it changed while it was read"});
+    return std::string(content->bytes().value_or(""));
+}
+
+Outcome<std::optional<JSONObject>> readObject(const std::string& path) {
+    auto content = readFile(path);
+    if (auto* failure = std::get_if<Failure>(&content)) return std::move(*failure);
+    const auto& bytes = std::get<std::optional<std::string>>(content);
+    if (!bytes) return std::nullopt;
+    auto document = platform::parseJSON(*bytes);
+    if (const auto* failure = std::get_if<JSONFailure>(&document))
+        return malformed(path, failure->description);
+    auto* object = std::get_if<JSONObject>(&std::get<JSONValue>(document).value);
+    if (object == nullptr) return malformed(path, "it holds no object");
+    return std::move(*object);
+}
+
+Outcome<> replaceFile(const std::string& path, const std::string& bytes) {
+    const auto failure = NSFileManager::defaultManager().writeAtomically(bytes, path);
+    if (!failure) return Nothing{};
+    const bool isForbidden = failure->code == EACCES || failure->code == EPERM;
+    return Failure{isForbidden ? ExitCode::notPermitted : ExitCode::failed,
+                   path + " cannot be written: " + failure->localizedDescription + ".",
+                   isForbidden ? asRoot : ""};
+}
+
+std::string documentOf(const JSONObject& object) {
+    platform::JSONWriter writer;
+    writer.value(object);
+    // Texts come from documents and checked arguments, so they are valid and the writer has a result.
+    return writer.finish().value_or("") + "\n";
+}
+
+}  // namespace vantryctl

@@ -1,0 +1,111 @@
+#include "Host/vantryctl/IdentifyCommand.h"
+
+#include <fmt/format.h>
+#include <limits.h>
+#include <sys/stat.h>
+
+#include <charconv>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+
+#include "Host/vantryctl/Documents.h"
+#include "Platform/Common/Text.h"
+#include "Platform/Linux/Attribution/BundleIdentifiers.h"
+#include "Platform/Linux/Attribution/ProcessTable.h"
+
+namespace vantryctl {
+
+using platform::Process;
+using platform::ProcessKind;
+using platform::ProcessTable;
+
+namespace {
+
+struct Identity {
+    std::string identifier;
+    std::string explanation;
+};
+
+// The application that a part of one belongs to: the nearest process above it that is no part itself.
+std::shared_ptr<const Process> applicationAbove(const Process& part) {
+    auto process = ProcessTable::shared().examine(part.shownParentPid);
+    while (process && process->kind == ProcessKind::applicationPart)
+        process = ProcessTable::shared().examine(process->shownParentPid);
+    return process;
+}
+
+Identity identityOfPart(const Process& process) {
+    const auto application = applicationAbove(process);
+    const std::string owner = application ? application->signingIdentifier : "its application";
+    return {owner,
+            fmt::format("It was started by {0}: a rule or a block for {0} covers it. Under its "
+                        "own name, {1}, it is known only where it runs on its own.",
+                        owner, process.signingIdentifier)};
+}
+
+Identity identityOf(const Process& process) {
+    switch (process.kind) {
+        case ProcessKind::bundle:
+            return {process.signingIdentifier, "It runs from a bundle with this identifier."};
+        case ProcessKind::desktopApplication:
+            return {process.signingIdentifier,
+                    "It belongs to a desktop application of this name, as "
+                    "do all processes that were started with it."};
+        case ProcessKind::applicationPart:
+            return identityOfPart(process);
+        case ProcessKind::ordinaryProgram:
+            return {process.signingIdentifier,
+                    "It is an ordinary program: the rule holds for all its processes."};
+    }
+    return {};
+}
+
+std::optional<pid_t> processId(const std::string& text) {
+    pid_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc{} || end != text.data() + text.size() || number <= 0)
+        return std::nullopt;
+    return number;
+}
+
+Outcome<Identity> identityOfProcess(pid_t pid) {
+    const auto process = ProcessTable::shared().examine(pid);
+    if (process) return identityOf(*process);
+    return Failure{ExitCode::failed,
+                   fmt::format("There is no process {} that this user may look at.", pid),
+                   "Processes of others need sudo."};
+}
+
+Outcome<Identity> identityOfProgram(const std::string& path) {
+    const std::unique_ptr<char, decltype(&std::free)> real(realpath(path.c_str(), nullptr),
+                                                           &std::free);
+    struct stat file {};
+    if (!real || stat(real.get(), &file) != 0 || !S_ISREG(file.st_mode))
+        return Failure{ExitCode::failed, "There is no program at " + path + ".",
+                       "Give a process id or the full path of a program."};
+    const std::string program = real.get();
+    if (auto bundle = platform::innermostBundleIdentifier(program))
+        return Identity{*std::move(bundle), "It lies in a bundle with this identifier."};
+    return Identity{platform::ordinaryProgramIdentifier(program, file.st_uid),
+                    "As an ordinary program. Started by an application, it counts as that "
+                    "application; a script counts as its interpreter."};
+}
+
+}  // namespace
+
+ExitCode identify(const std::string& subject, bool asJSON, const Console& console) {
+    const auto pid = processId(subject);
+    const auto found = pid ? identityOfProcess(*pid) : identityOfProgram(subject);
+    if (const auto* failure = failureOf(found)) return console.report(*failure);
+    const auto& identity = std::get<Identity>(found);
+    if (asJSON)
+        console.out << documentOf(
+            {{"bundleId", identity.identifier}, {"explanation", identity.explanation}});
+    else
+        console.out << printable(identity.identifier) << '\n'
+                    << wrapped(printable(identity.explanation), 4, console.width);
+    return ExitCode::done;
+}
+
+}  // namespace vantryctl

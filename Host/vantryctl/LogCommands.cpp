@@ -1,0 +1,324 @@
+#include "Host/vantryctl/LogCommands.h"
+
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/inotify.h>
+
+#include <algorithm>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "Extension/ipc/ActivityLogResponseIPC.h"
+#include "Host/vantryctl/ActivityLog.h"
+#include "Host/vantryctl/Daemon.h"
+#include "Host/vantryctl/Documents.h"
+#include "Host/vantryctl/Places.h"
+#include "Host/vantryctl/Settings.h"
+#include "Host/vantryctl/SettingsStore.h"
+#include "Platform/Linux/HostChannel/FolderWatch.h"
+
+namespace vantryctl {
+
+using platform::Date;
+using platform::JSONArray;
+using platform::JSONFailure;
+using platform::JSONObject;
+using platform::JSONValue;
+using vantry::ActivityLogEntryIPC;
+
+namespace {
+
+constexpr std::string_view logFolder = "/tmp";
+
+bool concerns(const std::string& application, const ActivityLogEntryIPC& entry) {
+    if (application.empty() || entry.bundleId == application) return true;
+    return entry.bundleId.starts_with(application + ".");
+}
+
+std::vector<ActivityLogEntryIPC> selected(std::vector<ActivityLogEntryIPC> log,
+                                          const LogOptions& options) {
+    std::erase_if(log, [&](const auto& entry) { return !concerns(options.application, entry); });
+    return log;
+}
+
+void keepLast(std::vector<ActivityLogEntryIPC>& log, std::size_t count) {
+    if (log.size() > count) log.erase(log.begin(), log.end() - static_cast<std::ptrdiff_t>(count));
+}
+
+std::string destinationOf(const ActivityLogEntryIPC& entry) {
+    const std::string host = entry.destinationIp.value_or("?");
+    if (!entry.destinationPort) return host;
+    if (host.find(':') != std::string::npos)
+        return fmt::format("[{}]:{}", host, *entry.destinationPort);
+    return fmt::format("{}:{}", host, *entry.destinationPort);
+}
+
+std::vector<std::string> logRow(const ActivityLogEntryIPC& entry, Date now) {
+    return {localTime(entry.timestamp, now), entry.bundleId, entry.actualRoute.value_or("?"),
+            entry.protocolType.value_or("?"), destinationOf(entry)};
+}
+
+Table logTable() {
+    return Table({{"TIME"}, {"APPLICATION", true}, {"WENT"}, {"OVER"}, {"TO", true}});
+}
+
+// The columns of a table that grows line by line, whose texts are not known yet.
+std::vector<std::size_t> growingWidths(std::size_t width) {
+    constexpr std::size_t fixed = 8 + 7 + 4 + 4 * 2;
+    const std::size_t rest = std::max<std::size_t>(width, fixed + 40) - fixed;
+    return {8, rest / 2, 7, 4, rest - rest / 2};
+}
+
+void printEntries(const std::vector<ActivityLogEntryIPC>& log, const LogOptions& options,
+                  const Console& console) {
+    const auto table = logTable();
+    const auto widths = growingWidths(console.width);
+    const auto now = Date::now();
+    for (const auto& entry : log) {
+        if (options.asJSON) {
+            console.out << entry.encode().value_or("") << '\n';
+            continue;
+        }
+        auto row = logRow(entry, now);
+        std::ranges::transform(row, row.begin(), [](const auto& cell) { return printable(cell); });
+        console.out << table.rowText(row, widths);
+    }
+    console.out.flush();
+}
+
+ExitCode printLog(const std::vector<ActivityLogEntryIPC>& log, const LogOptions& options,
+                  const Console& console) {
+    if (options.asJSON) {
+        console.out << vantry::ActivityLogResponseIPC{log}.encode().value_or("") << '\n';
+        return ExitCode::done;
+    }
+    if (log.empty()) {
+        console.out << "No flows.\n";
+        return ExitCode::done;
+    }
+    auto table = logTable();
+    const auto now = Date::now();
+    for (const auto& entry : log) table.add(logRow(entry, now));
+    console.out << table.text(console.width);
+    return ExitCode::done;
+}
+
+// Prints what joins the log, until whoever reads has gone. A log that cannot be read for a moment is
+// read again at its next change.
+ExitCode followLog(std::vector<ActivityLogEntryIPC> log, const LogOptions& options,
+                   const Console& console) {
+    platform::FolderWatch watch(
+        std::string(logFolder), [] { return std::nullopt; }, IN_MOVED_TO | IN_CLOSE_WRITE);
+    LogFollower follower;
+    log = follower.newEntries(log);
+    keepLast(log, options.lines);
+    if (!options.asJSON) console.out << logTable().titleText(growingWidths(console.width));
+    printEntries(log, options, console);
+    while (console.out.good()) {
+        pollfd change{watch.descriptor(), POLLIN, 0};
+        poll(&change, 1, -1);
+        watch.read();
+        auto present = readActivityLog();
+        if (auto* entries = std::get_if<std::vector<ActivityLogEntryIPC>>(&present))
+            printEntries(follower.newEntries(selected(std::move(*entries), options)), options,
+                         console);
+    }
+    return ExitCode::done;
+}
+
+std::string routesText(const ApplicationActivity& activity) {
+    std::string text;
+    for (const auto& [route, flows] : activity.flowsByRoute)
+        text += fmt::format("{}{} {}", text.empty() ? "" : ", ", route, flows);
+    return text;
+}
+
+struct Application {
+    std::string identifier;
+    ApplicationActivity activity;
+    bool isActive = false;
+};
+
+// The applications of the log and those that the daemon names, the latest first.
+std::vector<Application> applicationsOf(const std::vector<ActivityLogEntryIPC>& log,
+                                        const std::set<std::string>& active) {
+    auto activities = activityByApplication(log);
+    for (const auto& identifier : active) activities.try_emplace(identifier);
+    std::vector<Application> applications;
+    for (auto& [identifier, activity] : activities)
+        applications.push_back({identifier, std::move(activity), active.contains(identifier)});
+    std::ranges::stable_sort(applications, [](const auto& a, const auto& b) {
+        return a.activity.lastSeen > b.activity.lastSeen;
+    });
+    return applications;
+}
+
+JSONObject documentOfApplication(const Application& application) {
+    JSONObject routes;
+    for (const auto& [route, flows] : application.activity.flowsByRoute)
+        routes[route] = static_cast<std::int64_t>(flows);
+    JSONObject document{{"bundleId", application.identifier},
+                        {"isActive", application.isActive},
+                        {"flows", static_cast<std::int64_t>(application.activity.flows)},
+                        {"routes", std::move(routes)}};
+    if (application.activity.flows > 0)
+        document["lastSeen"] =
+            platform::NSISO8601DateFormatter().stringFromDate(application.activity.lastSeen);
+    return document;
+}
+
+Outcome<std::vector<JSONObject>> readFailures() {
+    const auto content = readFile(places::failureFile);
+    if (const auto* failure = failureOf(content)) return *failure;
+    const auto& bytes = std::get<std::optional<std::string>>(content);
+    std::vector<JSONObject> failures;
+    if (!bytes) return failures;
+    const auto document = platform::parseJSON(*bytes);
+    const auto* value = std::get_if<JSONValue>(&document);
+    const auto* list = value == nullptr ? nullptr : value->as<JSONArray>();
+    if (list == nullptr)
+        return Failure{ExitCode::failed, std::string(places::failureFile) + " holds no list.",
+                       "vantryctl failures --clear starts a new one."};
+    for (const auto& each : *list)
+        if (const auto* failure = each.as<JSONObject>()) failures.push_back(*failure);
+    return failures;
+}
+
+std::string textUnder(const JSONObject& object, std::string_view key) {
+    const auto found = object.find(key);
+    const auto* text = found == object.end() ? nullptr : found->second.as<std::string>();
+    return text == nullptr ? "?" : *text;
+}
+
+std::string daemonText(const Outcome<vantry::ExtensionStatus>& status) {
+    if (const auto* known = std::get_if<vantry::ExtensionStatus>(&status))
+        return fmt::format("running, {} rules in force", known->ruleCount);
+    return std::get<Failure>(status).code == ExitCode::daemonNotRunning ? "not running"
+                                                                        : "cannot be asked";
+}
+
+JSONObject statusDocument(const Outcome<vantry::ExtensionStatus>& status,
+                          const StoredSettings& stored) {
+    JSONObject document;
+    const auto* known = std::get_if<vantry::ExtensionStatus>(&status);
+    document["isRunning"] = known != nullptr;
+    if (known != nullptr) document["ruleCount"] = known->ruleCount;
+    document["storedRuleCount"] = static_cast<std::int64_t>(stored.settings.rules.size());
+    document["blockedCount"] = static_cast<std::int64_t>(stored.settings.blockedApps.size());
+    document["vpnConnected"] = stored.settings.vpnConnected;
+    document["defaultAction"] = stored.settings.defaultAction;
+    document["vpnFallback"] = stored.settings.vpnFallback;
+    document["directFallback"] = stored.settings.directFallback;
+    document["rulesFileIsCurrent"] = stored.rulesFile == stored.settings;
+    return document;
+}
+
+}  // namespace
+
+ExitCode showLog(const LogOptions& options, const Console& console) {
+    auto read = readActivityLog();
+    if (const auto* failure = failureOf(read)) return console.report(*failure);
+    auto log = selected(std::get<std::vector<ActivityLogEntryIPC>>(std::move(read)), options);
+    if (options.isFollowing) return followLog(std::move(log), options, console);
+    keepLast(log, options.lines);
+    return printLog(log, options, console);
+}
+
+ExitCode clearLog(const Console& console) {
+    const auto cleared = askToClearActivityLog();
+    if (const auto* failure = failureOf(cleared)) return console.report(*failure);
+    console.out << "The log is empty. It fills again with the next flow.\n";
+    return ExitCode::done;
+}
+
+// The daemon's own list covers its newest entries; without it the log file alone has to do.
+ExitCode showApplications(bool asJSON, const Console& console) {
+    const auto read = readActivityLog();
+    if (const auto* failure = failureOf(read)) return console.report(*failure);
+    const auto response = askForActiveApps();
+    std::set<std::string> active;
+    if (const auto* known = std::get_if<vantry::ActiveAppsResponse>(&response))
+        active.insert(known->bundleIds.begin(), known->bundleIds.end());
+    const auto applications =
+        applicationsOf(std::get<std::vector<ActivityLogEntryIPC>>(read), active);
+    if (asJSON) {
+        JSONArray list;
+        for (const auto& each : applications) list.emplace_back(documentOfApplication(each));
+        console.out << documentOf({{"applications", std::move(list)}});
+    } else if (applications.empty()) {
+        console.out << "No application has been seen yet.\n";
+    } else {
+        Table table({{"APPLICATION", true}, {"FLOWS", false, true}, {"WENT", true}, {"LAST SEEN"}});
+        const auto now = Date::now();
+        for (const auto& each : applications)
+            table.add({each.identifier, std::to_string(each.activity.flows),
+                       routesText(each.activity),
+                       each.activity.flows == 0 ? "" : localTime(each.activity.lastSeen, now)});
+        console.out << table.text(console.width)
+                    << "\nThe first column is what rules and blocks are given for.\n";
+    }
+    if (const auto* failure = failureOf(response)) console.note(failure->what);
+    return ExitCode::done;
+}
+
+ExitCode showFailures(bool asJSON, const Console& console) {
+    const auto read = readFailures();
+    if (const auto* failure = failureOf(read)) return console.report(*failure);
+    const auto& failures = std::get<std::vector<JSONObject>>(read);
+    if (asJSON) {
+        console.out << documentOf({{"failures", JSONArray(failures.begin(), failures.end())}});
+        return ExitCode::done;
+    }
+    if (failures.empty()) {
+        console.out << "No direct connection has failed for want of a physical interface.\n";
+        return ExitCode::done;
+    }
+    Table table({{"WHEN (UTC)"}, {"APPLICATION", true}, {"HOST", true}});
+    for (const auto& each : failures)
+        table.add(
+            {textUnder(each, "timestamp"), textUnder(each, "bundleId"), textUnder(each, "host")});
+    console.out << table.text(console.width)
+                << wrapped(
+                       "\nEach was a direct application's connection that found no physical "
+                       "interface and took the system's own route instead.",
+                       0, console.width);
+    return ExitCode::done;
+}
+
+ExitCode clearFailures(const Console& console) {
+    const auto replaced = replaceFile(places::failureFile, "[]");
+    if (const auto* failure = failureOf(replaced)) return console.report(*failure);
+    console.out << "The list of failures is empty.\n";
+    return ExitCode::done;
+}
+
+ExitCode showStatus(bool asJSON, const Console& console) {
+    const auto loaded = loadSettings();
+    if (const auto* failure = failureOf(loaded)) return console.report(*failure);
+    const auto& stored = std::get<StoredSettings>(loaded);
+    const auto status = askForStatus();
+    const auto& settings = stored.settings;
+    if (asJSON) {
+        console.out << documentOf(statusDocument(status, stored));
+    } else {
+        const bool isCurrent = stored.rulesFile == settings;
+        console.out << fmt::format("Daemon    {}\n", daemonText(status))
+                    << fmt::format("Settings  {} rules, {} blocked, all others {}\n",
+                                   settings.rules.size(), settings.blockedApps.size(),
+                                   printable(settings.defaultAction))
+                    << fmt::format("Rules     {}\n",
+                                   isCurrent ? "file says what the settings say"
+                                             : "file is missing or says something else: "
+                                               "vantryctl reload")
+                    << fmt::format("VPN       said to be {}; when down: {}\n",
+                                   settings.vpnConnected ? "up" : "down",
+                                   printable(settings.vpnFallback))
+                    << fmt::format("Direct    without a physical interface: {}\n",
+                                   printable(settings.directFallback));
+    }
+    const auto* failure = failureOf(status);
+    return failure == nullptr ? ExitCode::done : console.report(*failure);
+}
+
+}  // namespace vantryctl

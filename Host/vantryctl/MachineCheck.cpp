@@ -1,0 +1,233 @@
+#include "Host/vantryctl/MachineCheck.h"
+
+#include <fmt/format.h>
+#include <linux/magic.h>
+#include <nftables/libnftables.h>
+#include <sys/vfs.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Platform/Linux/Interception/MarkPlaces.h"
+#include "Platform/Linux/Interception/PacketRule.h"
+
+namespace vantryctl {
+
+using platform::JSONArray;
+using platform::JSONObject;
+using platform::JSONValue;
+
+namespace {
+
+constexpr const char* trackingFolder = "/proc/sys/net/netfilter/nf_conntrack_";
+constexpr const char* filterFolder = "/proc/sys/net/ipv4/conf";
+
+std::optional<long> numberIn(const std::string& path) {
+    long number = 0;
+    if (!(std::ifstream(path) >> number)) return std::nullopt;
+    return number;
+}
+
+bool isControlGroupTree(const char* path) {
+    struct statfs status {};
+    return statfs(path, &status) == 0 && status.f_type == CGROUP2_SUPER_MAGIC;
+}
+
+std::vector<std::string> interfacesWithStrictFilter() {
+    const long everywhere = numberIn(std::string(filterFolder) + "/all/rp_filter").value_or(0);
+    std::vector<std::string> names;
+    std::error_code none;
+    for (const auto& entry : std::filesystem::directory_iterator(filterFolder, none)) {
+        const std::string name = entry.path().filename();
+        if (name == "all" || name == "default" || name == "lo") continue;
+        const long own = numberIn(entry.path() / "rp_filter").value_or(0);
+        if (std::max(everywhere, own) == 1) names.push_back(name);
+    }
+    std::ranges::sort(names);
+    return names;
+}
+
+// The value under `key` at any depth, if an object there has it.
+bool holdsKey(const JSONValue& value, std::string_view key) {
+    if (const auto* object = value.as<JSONObject>())
+        return object->find(key) != object->end() ||
+               std::ranges::any_of(
+                   *object, [&](const auto& member) { return holdsKey(member.second, key); });
+    const auto* list = value.as<JSONArray>();
+    return list != nullptr &&
+           std::ranges::any_of(*list, [&](const auto& each) { return holdsKey(each, key); });
+}
+
+std::string textUnder(const JSONObject& object, std::string_view key) {
+    const auto found = object.find(key);
+    const auto* text = found == object.end() ? nullptr : found->second.as<std::string>();
+    return text == nullptr ? "" : *text;
+}
+
+const JSONArray* listUnder(const JSONValue& value, std::string_view key) {
+    const auto* object = value.as<JSONObject>();
+    if (object == nullptr) return nullptr;
+    const auto found = object->find(key);
+    return found == object->end() ? nullptr : found->second.as<JSONArray>();
+}
+
+std::string chainName(const JSONObject& object, std::string_view nameKey) {
+    return textUnder(object, "family") + " " + textUnder(object, "table") + " " +
+           textUnder(object, nameKey);
+}
+
+// The chains of others that see the packets that this machine sends, and those that leave packets
+// untracked or send them elsewhere.
+struct OtherChains {
+    std::set<std::string> atOutput;
+    std::set<std::string> redirecting;
+    std::set<std::string> untracking;
+};
+
+OtherChains otherChainsIn(const JSONArray& elements) {
+    OtherChains chains;
+    for (const auto& element : elements) {
+        const auto* wrapper = element.as<JSONObject>();
+        if (wrapper == nullptr || wrapper->empty()) continue;
+        const auto& [kind, value] = *wrapper->begin();
+        const auto* object = value.as<JSONObject>();
+        if (object == nullptr ||
+            textUnder(*object, "table") == platform::interception::packetTableName)
+            continue;
+        if (kind == "chain" && textUnder(*object, "hook") == "output")
+            chains.atOutput.insert(chainName(*object, "name"));
+        if (kind != "rule") continue;
+        if (holdsKey(value, "redirect") || holdsKey(value, "dnat"))
+            chains.redirecting.insert(chainName(*object, "chain"));
+        if (holdsKey(value, "notrack")) chains.untracking.insert(chainName(*object, "chain"));
+    }
+    return chains;
+}
+
+std::string atOutput(const OtherChains& chains, const std::set<std::string>& wanted) {
+    std::vector<std::string> names;
+    std::ranges::set_intersection(wanted, chains.atOutput, std::back_inserter(names));
+    return fmt::format("{}", fmt::join(names, ", "));
+}
+
+std::optional<JSONValue> ruleSet() {
+    const std::unique_ptr<nft_ctx, decltype(&nft_ctx_free)> context(nft_ctx_new(NFT_CTX_DEFAULT),
+                                                                    &nft_ctx_free);
+    if (!context) return std::nullopt;
+    nft_ctx_output_set_flags(context.get(), NFT_CTX_OUTPUT_JSON);
+    nft_ctx_buffer_output(context.get());
+    nft_ctx_buffer_error(context.get());
+    if (nft_run_cmd_from_buffer(context.get(), "list ruleset") != 0) return std::nullopt;
+    auto document = platform::parseJSON(nft_ctx_get_output_buffer(context.get()));
+    auto* value = std::get_if<JSONValue>(&document);
+    if (value == nullptr) return std::nullopt;
+    return std::move(*value);
+}
+
+bool isOfType(const platform::NWInterface& interface, platform::NWInterface::InterfaceType type) {
+    return interface.type() == type;
+}
+
+}  // namespace
+
+Finding checkConnectionTracking() {
+    const auto count = numberIn(std::string(trackingFolder) + "count");
+    const auto limit = numberIn(std::string(trackingFolder) + "max");
+    if (!count || !limit)
+        return {"connection table", Verdict::unknown, "it is not in use yet",
+                "The daemon's rules load it; modprobe nf_conntrack does too."};
+    const std::string detail = fmt::format("{} of {} entries in use", *count, *limit);
+    if (*count < *limit / 10 * 9) return {"connection table", Verdict::good, detail, ""};
+    return {"connection table", Verdict::warning, detail + ": nearly full, new flows will fail",
+            fmt::format("sysctl -w net.netfilter.nf_conntrack_max={}", *limit * 2)};
+}
+
+Finding checkControlGroups() {
+    if (isControlGroupTree("/sys/fs/cgroup"))
+        return {"control groups", Verdict::good, "desktop applications are told apart", ""};
+    if (isControlGroupTree("/sys/fs/cgroup/unified"))
+        return {"control groups", Verdict::good,
+                "in the mixed layout; desktop applications are told apart", ""};
+    return {"control groups", Verdict::warning,
+            "version 2 is not mounted: desktop applications show as the programs they run",
+            "Boot with systemd.unified_cgroup_hierarchy=1."};
+}
+
+Finding checkReversePathFilters() {
+    const auto names = interfacesWithStrictFilter();
+    if (names.empty())
+        return {"reverse path", Verdict::good, "no strict filter drops direct replies", ""};
+    return {
+        "reverse path", Verdict::warning,
+        fmt::format("strict filtering on {}: replies to direct connections are dropped while the "
+                    "VPN is up",
+                    fmt::join(names, ", ")),
+        "For the physical interface: sysctl -w net.ipv4.conf.NAME.rp_filter=2 (and of all, if "
+        "that is 1)"};
+}
+
+Finding checkUplink(const platform::NetworkState& state) {
+    using Type = platform::NWInterface::InterfaceType;
+    const auto available = state.path().availableInterfaces;
+    for (const auto& each : available)
+        if (isOfType(each, Type::wifi) || isOfType(each, Type::wiredEthernet))
+            return {"physical interface", Verdict::good, each.name(), ""};
+    const bool hasOther = std::ranges::any_of(
+        available, [](const auto& each) { return !isOfType(each, Type::loopback); });
+    return {"physical interface", Verdict::warning,
+            hasOther ? "the uplink is neither Wi-Fi nor wired (cellular, PPPoE): nothing can go "
+                       "direct over it"
+                     : "none has a way out: nothing can go direct now",
+            "Direct applications then follow: vantryctl rules fallback direct allow|block"};
+}
+
+Finding checkMarks(std::uint32_t bitsInUse) {
+    const auto place = platform::interception::freeMarkPlace(bitsInUse);
+    const auto clash = place.mask() & bitsInUse;
+    if (clash == 0)
+        return {"packet marks", Verdict::good, fmt::format("the byte {:#x} is free", place.mask()),
+                ""};
+    return {"packet marks", Verdict::warning,
+            fmt::format("no byte is free; {:#x} is shared with rules of others", clash),
+            "Look for marks in nft list ruleset and ip rule, and free one byte."};
+}
+
+Findings findingsInRuleSet(const JSONValue& value) {
+    const auto* elements = listUnder(value, "nftables");
+    if (elements == nullptr)
+        return {{"rules of others", Verdict::unknown, "their list is not understood", ""}};
+    const auto chains = otherChainsIn(*elements);
+    Findings findings;
+    const auto redirecting = atOutput(chains, chains.redirecting);
+    if (redirecting.empty())
+        findings.push_back({"redirects", Verdict::good, "nothing else redirects what is sent", ""});
+    else
+        findings.push_back({"redirects", Verdict::warning,
+                            "what is sent is redirected by " + redirecting,
+                            "Direct connections that it catches do not reach the daemon."});
+    const auto untracking = atOutput(chains, chains.untracking);
+    if (untracking.empty())
+        findings.push_back({"tracking", Verdict::good, "every flow is tracked", ""});
+    else
+        findings.push_back(
+            {"tracking", Verdict::warning, "flows go untracked by " + untracking,
+             "Untracked flows are not seen by the daemon: take the notrack rules away."});
+    return findings;
+}
+
+Findings checkOtherRules() {
+    const auto rules = ruleSet();
+    if (!rules)
+        return {{"rules of others", Verdict::unknown, "they cannot be listed", "Run it as root."}};
+    auto findings = findingsInRuleSet(*rules);
+    findings.push_back(checkMarks(platform::interception::markBitsInUse()));
+    return findings;
+}
+
+}  // namespace vantryctl

@@ -1,0 +1,218 @@
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <filesystem>
+#include <iostream>
+
+#include "Extension/ipc/ActiveAppsResponse.h"
+#include "Extension/ipc/ActivityLogResponseIPC.h"
+#include "Extension/ipc/ExtensionMessage.h"
+#include "Extension/ipc/ExtensionResponse.h"
+#include "Extension/ipc/ExtensionStatus.h"
+#include "Host/vantryctl/ActivityLog.h"
+#include "Platform/Linux/HostChannel/MessageSocket.h"
+#include "Platform/Linux/HostChannel/SharedFolder.h"
+#include "Tests/Host/vantryctl/ToolTest.h"
+
+namespace vantryctl::testing {
+namespace {
+
+using platform::Date;
+using platform::UUID;
+using vantry::ActivityLogEntryIPC;
+using vantry::ActivityLogResponseIPC;
+using vantry::ExtensionMessage;
+using vantry::MessageType;
+
+ActivityLogEntryIPC entry(const std::string& application, double time, const std::string& route) {
+    ActivityLogEntryIPC made;
+    made.id = UUID::random();
+    made.timestamp = Date::sinceReferenceDate(time);
+    made.bundleId = made.appName = application;
+    made.routingDecision = "vpn";
+    made.actualRoute = route;
+    made.destinationIp = "203.0.113.7";
+    made.destinationPort = 443;
+    made.protocolType = "tcp";
+    return made;
+}
+
+void store(const std::vector<ActivityLogEntryIPC>& entries) {
+    const std::string path = places::activityLog;
+    writeFile(path + ".new", *ActivityLogResponseIPC{entries}.encode());
+    ASSERT_EQ(rename((path + ".new").c_str(), path.c_str()), 0);
+}
+
+// Answers as the daemon does, with fixed contents.
+std::unique_ptr<platform::MessageSocket> standInDaemon() {
+    platform::makeSharedFolder(places::runtimeFolder, platform::FolderAccess::everyoneMayRead);
+    return platform::MessageSocket::listenAt(
+        places::messageSocket,
+        [](platform::Data request, platform::Completion<std::optional<platform::Data>> answer) {
+            const auto decoded = ExtensionMessage::decode(*request.bytes());
+            const auto* message = std::get_if<ExtensionMessage>(&decoded);
+            if (message == nullptr)
+                return answer(*vantry::ExtensionResponse::error("what?").encode());
+            switch (message->type) {
+                case MessageType::getStatus:
+                    return answer(*vantry::ExtensionStatus{true, 12}.encode());
+                case MessageType::getActiveApps:
+                    return answer(*vantry::ActiveAppsResponse{{"org.b", "org.fresh"}}.encode());
+                case MessageType::clearActivityLog:
+                    std::filesystem::remove(places::activityLog);
+                    return answer(*vantry::ExtensionResponse::success().encode());
+                case MessageType::reload:
+                    return answer(std::nullopt);
+            }
+        },
+        {});
+}
+
+class LogCommands : public ToolTest {};
+
+TEST_F(LogCommands, TheLogReadsWellAndShowsNothingThatActsOnATerminal) {
+    EXPECT_EQ(runTool({"log"}).out, "No flows.\n");
+    auto hostile = entry("org.\x1b[2Jevil\u009b\u202e", 700000000, "direct");
+    hostile.destinationIp = "2001:db8::1";
+    auto bare = entry("org.bare", 700000001, "vpn");
+    bare.actualRoute = bare.destinationIp = bare.protocolType = std::nullopt;
+    bare.destinationPort = std::nullopt;
+    store({hostile, bare, entry(std::string(300, 'x'), 700000002, "blocked")});
+    const auto shown = runTool({"log"});
+    EXPECT_EQ(shown.exitCode, 0) << shown.err;
+    EXPECT_TRUE(fitsTerminal(shown.out)) << shown.out;
+    EXPECT_EQ(shown.out.find('\x1b'), std::string::npos);
+    EXPECT_NE(shown.out.find("org.?[2Jevil??"), std::string::npos) << shown.out;
+    EXPECT_NE(shown.out.find("[2001:db8::1]:443"), std::string::npos) << shown.out;
+    const auto whole = ActivityLogResponseIPC::decode(runTool({"log", "--json"}).out);
+    EXPECT_EQ(std::get<ActivityLogResponseIPC>(whole).entries[2].bundleId, std::string(300, 'x'));
+}
+
+TEST_F(LogCommands, TheLogIsChosenFromByCountAndApplication) {
+    store({entry("org.a", 1, "vpn"), entry("org.a.helper", 2, "vpn"), entry("org.ab", 3, "direct"),
+           entry("org.a", 4, "vpn")});
+    const auto chosen = [](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {"log", "--json"});
+        std::vector<double> times;
+        const auto log = ActivityLogResponseIPC::decode(runTool(arguments).out);
+        for (const auto& each : std::get<ActivityLogResponseIPC>(log).entries)
+            times.push_back(each.timestamp.secondsSinceReferenceDate());
+        return times;
+    };
+    using Times = std::vector<double>;
+    EXPECT_EQ(chosen({"-n", "1"}), (Times{4}));
+    EXPECT_EQ(chosen({"--app", "org.a"}), (Times{1, 2, 4}));
+    EXPECT_EQ(chosen({"--app", "org.a", "-n", "2"}), (Times{2, 4}));
+    EXPECT_EQ(chosen({"--app", "org"}), (Times{1, 2, 3, 4}));
+}
+
+TEST_F(LogCommands, FollowingGivesEachFlowOnce) {
+    std::vector<ActivityLogEntryIPC> log{entry("org.first", 1, "vpn")};
+    store(log);
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    const platform::FileDescriptor reading(ends[0]);
+    platform::FileDescriptor writing(ends[1]);
+    const pid_t child = fork();
+    if (child == 0) {
+        dup2(writing.get(), STDOUT_FILENO);
+        _exit(run({"log", "--follow", "--json"}, {std::cout, std::cerr}));
+    }
+    writing = {};
+    std::string received;
+    const auto hasReceived = [&](const std::string& application) {
+        return becomesTrue([&] {
+            pollfd state{reading.get(), POLLIN, 0};
+            char buffer[4096];
+            if (poll(&state, 1, 0) > 0) {
+                const ssize_t length = read(reading.get(), buffer, sizeof buffer);
+                if (length > 0) received.append(buffer, static_cast<std::size_t>(length));
+            }
+            return received.find("\"" + application + "\"") != std::string::npos;
+        });
+    };
+    EXPECT_TRUE(hasReceived("org.first"));
+    for (const std::string name : {"org.second", "org.third"}) {
+        log.push_back(entry(name, 2, "direct"));
+        store(log);
+        EXPECT_TRUE(hasReceived(name));
+    }
+    // A log that was emptied, or cannot be read for a moment, ends nothing.
+    writeFile(places::activityLog, "{");
+    store({entry("org.fourth", 3, "vpn")});
+    EXPECT_TRUE(hasReceived("org.fourth"));
+    kill(child, SIGTERM);
+    waitpid(child, nullptr, 0);
+    EXPECT_EQ(std::ranges::count(received, '\n'), 4) << received;
+}
+
+TEST_F(LogCommands, ApplicationsAreCountedAndThoseThatTheDaemonNamesAreAdded) {
+    store({entry("org.a", 10, "vpn"), entry("org.b", 30, "direct"), entry("org.a", 20, "blocked")});
+    const auto alone = runTool({"apps"});
+    EXPECT_EQ(alone.exitCode, 0);
+    EXPECT_NE(alone.err.find("not running"), std::string::npos) << alone.err;
+    const auto daemon = standInDaemon();
+    ASSERT_TRUE(daemon);
+    const auto document = parsed(runTool({"apps", "--json"}).out);
+    const auto list = listUnder(document, "applications");
+    ASSERT_EQ(list.size(), 3U);
+    EXPECT_EQ(under(list[0], "bundleId"), platform::JSONValue("org.b"));
+    EXPECT_EQ(under(list[0], "isActive"), platform::JSONValue(true));
+    EXPECT_EQ(under(list[1], "flows"), platform::JSONValue(std::int64_t{2}));
+    EXPECT_EQ(under(list[1], "routes"), parsed(R"({"blocked":1,"vpn":1})"));
+    EXPECT_EQ(under(list[2], "bundleId"), platform::JSONValue("org.fresh"));
+    const auto shown = runTool({"apps"});
+    EXPECT_TRUE(fitsTerminal(shown.out)) << shown.out;
+    EXPECT_EQ(shown.err, "");
+}
+
+TEST_F(LogCommands, TheDaemonIsAskedAndItsAbsenceIsSaid) {
+    for (const auto& command :
+         {std::vector<std::string>{"clear"}, {"status"}, {"status", "--json"}}) {
+        const auto result = runTool(command);
+        EXPECT_EQ(result.exitCode, 3) << result.out;
+        EXPECT_NE(result.err.find("systemctl start vantryd"), std::string::npos);
+    }
+    const auto daemon = standInDaemon();
+    ASSERT_TRUE(daemon);
+    store({entry("org.a", 10, "vpn")});
+    EXPECT_EQ(runTool({"clear"}).exitCode, 0);
+    EXPECT_FALSE(std::filesystem::exists(places::activityLog));
+    ASSERT_EQ(runTool({"rules", "set", "a", "b", "direct"}).exitCode, 0);
+    const auto status = runTool({"status"});
+    EXPECT_EQ(status.exitCode, 0) << status.err;
+    EXPECT_NE(status.out.find("running, 12 rules"), std::string::npos) << status.out;
+    const auto document = parsed(runTool({"status", "--json"}).out);
+    EXPECT_EQ(under(document, "ruleCount"), platform::JSONValue(std::int64_t{12}));
+    EXPECT_EQ(under(document, "storedRuleCount"), platform::JSONValue(std::int64_t{2}));
+    EXPECT_EQ(under(document, "rulesFileIsCurrent"), platform::JSONValue(true));
+    EXPECT_TRUE(succeedsAs(strangerAccount, {}, [] { return runTool({"clear"}).exitCode == 4; }));
+}
+
+TEST_F(LogCommands, FailuresAreListedAndEmptied) {
+    EXPECT_NE(runTool({"failures"}).out.find("No direct connection"), std::string::npos);
+    platform::makeSharedFolder(places::groupContainer, platform::FolderAccess::trustedGroupOnly);
+    const std::string list =
+        R"([{"bundleId":"org.a","host":"203.0.113.7","timestamp":"2026-11-18T09:37:00Z"},7,{}])";
+    writeFile(places::failureFile, list);
+    const auto shown = runTool({"failures"});
+    EXPECT_NE(shown.out.find("2026-11-18T09:37:00Z  org.a"), std::string::npos) << shown.out;
+    EXPECT_EQ(listUnder(parsed(runTool({"failures", "--json"}).out), "failures").size(), 2U);
+    writeFile(places::failureFile, "damaged");
+    EXPECT_EQ(runTool({"failures"}).exitCode, 1);
+    EXPECT_EQ(runTool({"failures", "--clear"}).exitCode, 0);
+    EXPECT_EQ(contentOf(places::failureFile), "[]");
+}
+
+TEST_F(LogCommands, AFileThatIsNoLogIsSaidToBeNone) {
+    for (const char* content : {"", "{}", "[]", R"({"entries":[{"id":"x"}]})"}) {
+        writeFile(places::activityLog, content);
+        EXPECT_EQ(runTool({"log"}).exitCode, 1) << content;
+        EXPECT_EQ(runTool({"apps"}).exitCode, 1) << content;
+    }
+}
+
+}  // namespace
+}  // namespace vantryctl::testing

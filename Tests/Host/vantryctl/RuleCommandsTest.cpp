@@ -1,0 +1,288 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <filesystem>
+
+#include "Platform/DarwinNotifications.h"
+#include "Platform/Foundation.h"
+#include "Platform/Linux/HostChannel/SharedFolder.h"
+#include "Tests/Host/vantryctl/ToolTest.h"
+
+namespace vantryctl::testing {
+namespace {
+
+using Words = std::vector<std::string>;
+
+Words words(const std::string& line) {
+    std::istringstream stream(line);
+    return {std::istream_iterator<std::string>(stream), {}};
+}
+
+class RuleCommands : public ToolTest {};
+
+TEST_F(RuleCommands, EachChangeIsInBothFilesAndNothingElseChanges) {
+    const struct {
+        const char* command;
+        const char* key;
+        const char* value;
+    } steps[] = {
+        {"rules set org.example.a direct", "rules", R"({"org.example.a":"direct"})"},
+        {"rules set org.example.b c vpn", "rules",
+         R"({"org.example.a":"direct","org.example.b":"vpn","c":"vpn"})"},
+        {"rules remove org.example.b unknown", "rules", R"({"org.example.a":"direct","c":"vpn"})"},
+        {"rules block org.example.c org.example.a", "blockedApps",
+         R"(["org.example.a","org.example.c"])"},
+        {"rules unblock org.example.a", "blockedApps", R"(["org.example.c"])"},
+        {"rules default direct", "defaultAction", R"("direct")"},
+        {"rules fallback vpn block", "vpnFallback", R"("block")"},
+        {"rules fallback direct allow", "directFallback", R"("allow")"},
+        {"vpn down", "vpnConnected", "false"},
+        {"vpn up", "vpnConnected", "true"},
+    };
+    platform::JSONValue expected =
+        parsed(R"({"rules":{},"defaultAction":"vpn","vpnFallback":"allow",
+                   "directFallback":"block","vpnConnected":true,"blockedApps":[]})");
+    for (const auto& step : steps) {
+        const auto result = runTool(words(step.command));
+        EXPECT_EQ(result.exitCode, 0) << step.command << result.err;
+        EXPECT_TRUE(fitsTerminal(result.out + result.err)) << result.out << result.err;
+        std::get<platform::JSONObject>(expected.value)[step.key] = parsed(step.value);
+        EXPECT_EQ(storedInPreferences(), expected) << step.command;
+        EXPECT_EQ(storedInRulesFile(), expected) << step.command;
+        EXPECT_EQ(parsed(runTool({"rules", "show", "--json"}).out), expected);
+    }
+    struct stat file {};
+    ASSERT_EQ(stat(places::rulesFile, &file), 0);
+    EXPECT_EQ(file.st_mode & 07777, 0644U);
+    EXPECT_TRUE(platform::NSFileManager::defaultManager().contentsAtPath(places::rulesFile));
+}
+
+TEST_F(RuleCommands, AChangeIsPostedAndNothingToChangeIsNot) {
+    static std::atomic<int> deliveries = 0;
+    static char observer;
+    auto& center = platform::CFNotificationCenterGetDarwinNotifyCenter();
+    platform::CFNotificationCenterAddObserver(
+        center, &observer,
+        [](auto&, void*, std::string_view, const void*, const void*) {
+            // The files are in place before the daemon hears of them.
+            if (storedInRulesFile() == storedInPreferences()) ++deliveries;
+        },
+        rulesChangedNotification, nullptr,
+        platform::CFNotificationSuspensionBehavior::deliverImmediately);
+    EXPECT_EQ(runTool({"rules", "set", "a.b", "direct"}).err, "");
+    EXPECT_TRUE(becomesTrue([] { return deliveries == 1; }));
+    const auto again = runTool({"rules", "set", "a.b", "direct"});
+    EXPECT_EQ(again.exitCode, 0);
+    EXPECT_NE(again.out.find("Nothing to change"), std::string::npos);
+    // A file that somebody else made last is replaced by one of this user's.
+    ASSERT_EQ(unlink(places::rulesFile), 0);
+    EXPECT_TRUE(succeedsAs(strangerAccount, {vantryGroupId}, [] {
+        umask(077);
+        return runTool({"reload"}).err.empty();
+    }));
+    EXPECT_TRUE(becomesTrue([] { return deliveries == 2; }));
+    platform::CFNotificationCenterRemoveEveryObserver(center, &observer);
+}
+
+TEST_F(RuleCommands, WhatTheExtensionDoesNotDoIsRefused) {
+    const struct {
+        const char* command;
+        const char* says;
+    } cases[] = {
+        {"rules default block", "filter"},
+        {"rules set a.b block", "vantryctl rules block a.b"},
+        {"rules set a.b sideways", "vpn or direct"},
+        {"rules fallback vpn maybe", "allow or block"},
+        {"rules default", "required"},
+        {"rules set a.b", ""},
+        {"rules block", "required"},
+        {"rules fallback", ""},
+        {"vpn", ""},
+        {"frobnicate", ""},
+        {"", ""},
+    };
+    for (const auto& each : cases) {
+        const auto result = runTool(words(each.command));
+        EXPECT_EQ(result.exitCode, 2) << each.command;
+        EXPECT_NE(result.err.find(each.says), std::string::npos) << result.err;
+        EXPECT_FALSE(std::filesystem::exists(places::preferencesFile)) << each.command;
+        EXPECT_FALSE(std::filesystem::exists(places::rulesFile)) << each.command;
+    }
+    for (const std::string name : {"", "a\nb", "a\x1b[2J", "\xff"})
+        EXPECT_EQ(runTool({"rules", "block", name}).exitCode, 2);
+    for (const char* command : {"", "rules", "rules set", "rules remove", "rules default",
+                                "rules block", "rules fallback", "rules fallback vpn", "vpn", "log",
+                                "identify", "failures", "watch", "check"}) {
+        auto arguments = words(command);
+        arguments.push_back("--help");
+        const auto help = runTool(arguments);
+        EXPECT_EQ(help.exitCode, 0) << command;
+        EXPECT_TRUE(fitsTerminal(help.out)) << help.out;
+    }
+}
+
+TEST_F(RuleCommands, ForeignKeysStayInBothFiles) {
+    platform::makeSharedFolder(places::preferencesFolder, platform::FolderAccess::trustedGroupOnly);
+    writeFile(places::preferencesFile,
+              R"({"logLevel":"debug","protocolConfiguration":{"providerBundleIdentifier":"x.y",
+                  "providerConfiguration":{"theirs":[1,2.5,null],"rules":{"a":"vpn"}}}})");
+    writeFile(places::rulesFile, R"({"rules":{},"another":{"deep":{"er":true}}})");
+    const auto result = runTool({"rules", "set", "b", "direct"});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_NE(result.err.find("under rules;"), std::string::npos) << result.err;
+    const auto preferences = parsed(contentOf(places::preferencesFile));
+    EXPECT_EQ(under(preferences, "logLevel"), platform::JSONValue("debug"));
+    EXPECT_EQ(under(under(preferences, "protocolConfiguration"), "providerBundleIdentifier"),
+              platform::JSONValue("x.y"));
+    EXPECT_EQ(under(storedInPreferences(), "theirs"), parsed("[1,2.5,null]"));
+    EXPECT_EQ(under(storedInRulesFile(), "another"), parsed(R"({"deep":{"er":true}})"));
+    EXPECT_EQ(under(storedInRulesFile(), "rules"), parsed(R"({"a":"vpn","b":"direct"})"));
+}
+
+TEST_F(RuleCommands, PreferencesThatAreNotUnderstoodAreLeftAsTheyAre) {
+    platform::makeSharedFolder(places::preferencesFolder, platform::FolderAccess::trustedGroupOnly);
+    for (const std::string content :
+         {"", "{", "[]", R"({"protocolConfiguration":7})",
+          R"({"protocolConfiguration":{"providerConfiguration":"x"}})",
+          R"({"protocolConfiguration":{"providerConfiguration":{"rules":{"a":1}}}})",
+          R"({"protocolConfiguration":{"providerConfiguration":{"vpnConnected":1}}})",
+          R"({"protocolConfiguration":{"providerConfiguration":{"blockedApps":{}}}})"}) {
+        writeFile(places::preferencesFile, content);
+        for (const auto& command : {Words{"rules", "set", "a", "direct"}, Words{"rules", "show"},
+                                    Words{"reload"}, Words{"vpn", "down"}}) {
+            const auto result = runTool(command);
+            EXPECT_EQ(result.exitCode, 1) << content;
+            EXPECT_NE(result.err.find(places::preferencesFile), std::string::npos) << result.err;
+        }
+        EXPECT_EQ(contentOf(places::preferencesFile), content);
+        EXPECT_FALSE(std::filesystem::exists(places::rulesFile));
+    }
+}
+
+TEST_F(RuleCommands, ARulesFileThatCannotBeUsedIsReplacedButNotLost) {
+    ASSERT_EQ(runTool({"rules", "set", "a", "direct"}).exitCode, 0);
+    const std::function<void()> harms[] = {
+        [] { writeFile(places::rulesFile, "not json"); },
+        [] { writeFile(places::rulesFile, R"({"rules":{"a":7}})"); },
+        [] { ASSERT_EQ(chown(places::rulesFile, strangerAccount, 0), 0); },
+        [] { ASSERT_EQ(chmod(places::rulesFile, 0666), 0); },
+        [] {
+            unlink(places::rulesFile);
+            ASSERT_EQ(symlink("/etc/passwd", places::rulesFile), 0);
+        },
+        [] {
+            unlink(places::rulesFile);
+            ASSERT_EQ(mkfifo(places::rulesFile, 0644), 0);
+        },
+    };
+    const auto before = contentOf("/etc/passwd");
+    for (const auto& harm : harms) {
+        harm();
+        const auto result = runTool({"reload"});
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        EXPECT_NE(result.err.find(".broken"), std::string::npos) << result.err;
+        EXPECT_EQ(under(storedInRulesFile(), "rules"), parsed(R"({"a":"direct"})"));
+        struct stat aside {};
+        EXPECT_EQ(lstat((std::string(places::rulesFile) + ".broken").c_str(), &aside), 0);
+    }
+    EXPECT_EQ(contentOf("/etc/passwd"), before);
+    // With nothing else to go by, nothing is guessed.
+    ASSERT_EQ(unlink(places::preferencesFile), 0);
+    writeFile(places::rulesFile, "not json");
+    EXPECT_EQ(runTool({"rules", "set", "b", "vpn"}).exitCode, 1);
+    EXPECT_EQ(contentOf(places::rulesFile), "not json");
+}
+
+TEST_F(RuleCommands, SettingsThatAreOnlyInTheRulesFileCount) {
+    writeFile(places::rulesFile, R"({"rules":{"a":"direct"},"vpnFallback":"block"})");
+    EXPECT_EQ(runTool({"rules", "set", "b", "vpn"}).exitCode, 0);
+    EXPECT_EQ(under(storedInPreferences(), "rules"), parsed(R"({"a":"direct","b":"vpn"})"));
+    EXPECT_EQ(under(storedInPreferences(), "vpnFallback"), platform::JSONValue("block"));
+}
+
+TEST_F(RuleCommands, WritersTakeTurns) {
+    constexpr int writers = 6;
+    constexpr int changes = 12;
+    std::vector<pid_t> children;
+    for (int writer = 0; writer < writers; ++writer) {
+        const pid_t child = fork();
+        if (child == 0) {
+            int failures = 0;
+            for (int change = 0; change < changes; ++change)
+                failures += runTool({"rules", "set",
+                                     "w" + std::to_string(writer) + ".c" + std::to_string(change),
+                                     "direct"})
+                                .exitCode;
+            _exit(failures);
+        }
+        children.push_back(child);
+    }
+    for (const pid_t child : children) {
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0);
+    }
+    const auto rules = under(storedInPreferences(), "rules");
+    EXPECT_EQ(rules.as<platform::JSONObject>()->size(), std::size_t{writers * changes});
+    EXPECT_EQ(storedInRulesFile(), storedInPreferences());
+    std::size_t leftOver = 0;
+    for (const auto& file : std::filesystem::directory_iterator("/tmp"))
+        leftOver += file.path() != places::rulesFile;
+    EXPECT_EQ(leftOver, 0U);
+}
+
+TEST_F(RuleCommands, WhoMayNotChangeThingsIsToldSo) {
+    ASSERT_EQ(runTool({"rules", "set", "a", "direct"}).exitCode, 0);
+    const auto before = contentOf(places::preferencesFile);
+    const auto isRefused = [] { return runTool({"rules", "set", "b", "vpn"}).exitCode == 4; };
+    EXPECT_TRUE(succeedsAs(strangerAccount, {}, isRefused));
+    // A member may, except where the rules file in /tmp is another user's.
+    EXPECT_TRUE(succeedsAs(strangerAccount, {vantryGroupId}, isRefused));
+    EXPECT_EQ(contentOf(places::preferencesFile), before);
+    ASSERT_EQ(unlink(places::rulesFile), 0);
+    EXPECT_TRUE(succeedsAs(memberByAccount, {vantryGroupId}, [] {
+        return runTool({"rules", "set", "b", "vpn"}).exitCode == 0;
+    }));
+    EXPECT_EQ(under(storedInRulesFile(), "rules"), parsed(R"({"a":"direct","b":"vpn"})"));
+    EXPECT_EQ(runTool({"rules", "remove", "b"}).exitCode, 0);
+    EXPECT_EQ(storedInRulesFile(), storedInPreferences());
+}
+
+TEST_F(RuleCommands, AFailureToWriteLeavesBothFilesAsTheyWere) {
+    ASSERT_EQ(runTool({"rules", "set", "a", "direct"}).exitCode, 0);
+    const auto before = contentOf(places::preferencesFile);
+    ASSERT_EQ(unlink(places::rulesFile), 0);
+    ASSERT_EQ(mkdir(places::rulesFile, 0755), 0);
+    ASSERT_EQ(mkdir((std::string(places::rulesFile) + ".broken").c_str(), 0755), 0);
+    writeFile(std::string(places::rulesFile) + ".broken/keeps", "it");
+    EXPECT_EQ(runTool({"rules", "set", "b", "vpn"}).exitCode, 1);
+    EXPECT_EQ(contentOf(places::preferencesFile), before);
+}
+
+TEST_F(RuleCommands, TheTableShowsWhatARuleComesTo) {
+    ASSERT_EQ(runTool({"rules", "set", "org.a", "org.b", "org.a.deep", "direct"}).exitCode, 0);
+    ASSERT_EQ(runTool({"rules", "block", "org.a"}).exitCode, 0);
+    auto document = storedInPreferences();
+    std::get<platform::JSONObject>(
+        std::get<platform::JSONObject>(document.value)["rules"].value)["org.c"] = "block";
+    platform::JSONWriter writer;
+    writer.value(document);
+    writeFile(places::rulesFile, *writer.finish());
+    ASSERT_EQ(unlink(places::preferencesFile), 0);
+    const auto shown = runTool({"rules"});
+    EXPECT_EQ(shown.exitCode, 0);
+    EXPECT_TRUE(fitsTerminal(shown.out)) << shown.out;
+    const std::string expected =
+        "APPLICATION   ROUTE    NOTE\n"
+        "org.a         blocked  its rule, direct, waits for unblock\n"
+        "org.a.deep    direct   blocked with org.a\n"
+        "org.b         direct\n"
+        "org.c         vpn      a rule \"block\" blocks nothing: use rules block\n"
+        "(all others)  vpn\n";
+    EXPECT_EQ(shown.out.substr(0, expected.size()), expected);
+}
+
+}  // namespace
+}  // namespace vantryctl::testing
