@@ -19,8 +19,8 @@ constexpr const char* closingText =
     "vantryctl identify PID|FILE finds one's. A rule covers what is named below it:\n"
     "one for org.example.mail covers org.example.mail.agent too.\n"
     "\n"
-    "Exit codes: 0 done, 1 failed, 2 not a command or not possible, 3 the daemon is not\n"
-    "running, 4 not permitted (root, or the group vantry).\n";
+    "Exit codes: 0 done, 1 failed, 2 not a command or not possible, 3 the daemon is\n"
+    "not running, 4 not permitted (root, or the group vantry).\n";
 
 // Where the explanations begin, so that lines fit a terminal.
 constexpr std::size_t columnOfHelp = 18;
