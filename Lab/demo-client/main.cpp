@@ -48,6 +48,7 @@ lab::Destination destinationOf(const Arguments& arguments) {
 [[noreturn]] void become(const std::vector<std::string>& program) {
     if (program.empty()) throw CLI::ValidationError("PROGRAM", "is missing");
     std::vector<char*> pointers;
+    pointers.reserve(program.size() + 1);
     for (const auto& argument : program) pointers.push_back(const_cast<char*>(argument.c_str()));
     pointers.push_back(nullptr);
     execv(pointers[0], pointers.data());

@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <string_view>
 #include <utility>
 
 namespace lab {
@@ -19,18 +20,18 @@ bool StreamChannel::readable() {
     if (count < 0) return errno == EAGAIN || endedByClient(errno);
     if (count == 0) return endedByClient(0);
     observation_.bytesReceived += static_cast<uint64_t>(count);
-    return consume(std::string(buffer.data(), static_cast<size_t>(count)));
+    return consume({buffer.data(), static_cast<size_t>(count)});
 }
 
-bool StreamChannel::consume(std::string bytes) {
+bool StreamChannel::consume(std::string_view bytes) {
     if (service_ == Service::echo) outgoing_ += bytes;
     if (service_ != Service::unnamed) return flush();
     firstLine_ += bytes;
     const auto end = firstLine_.find('\n');
     if (end == std::string::npos) return firstLine_.size() < 1024;
-    auto rest = firstLine_.substr(end + 1);
+    const auto rest = firstLine_.substr(end + 1);
     if (!choose(firstLine_.substr(0, end))) return false;
-    return rest.empty() ? flush() : consume(std::move(rest));
+    return rest.empty() ? flush() : consume(rest);
 }
 
 bool StreamChannel::choose(const std::string& line) {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "Lab/server/Ledger.h"
 #include "Lab/sockets/Descriptor.h"
@@ -32,7 +33,7 @@ private:
     enum class Service { unnamed, echo, upload, slow, download };
     static constexpr size_t outgoingLimit = 256 * 1024;
 
-    bool consume(std::string bytes);
+    bool consume(std::string_view bytes);
     bool choose(const std::string& line);
     bool flush();
     bool endedByClient(int error);
