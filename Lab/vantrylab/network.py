@@ -63,18 +63,25 @@ class Observation:
 
 
 def up() -> None:
-    """Makes both namespaces, the wire between them, and starts the server."""
+    """Makes both namespaces, the wire between them, and starts the server.
+
+    Link-local addresses are given by hand, as the kernel's own take a second or two to become usable.
+    """
     _run(["ip", "netns", "add", "server"])
     _ip("""
         link set lo up
         link add eth0 type veth peer name net0 netns server
+        link set eth0 addrgenmode none
         link set eth0 up
+        address add fe80::2/64 dev eth0 nodad
         address add 192.0.2.2/24 dev eth0
         address add 2001:db8:1::2/64 dev eth0 nodad
         """)
     _server_ip(f"""
         link set lo up
+        link set net0 addrgenmode none
         link set net0 up
+        address add fe80::1/64 dev net0 nodad
         address add 192.0.2.1/24 dev net0
         address add 2001:db8:1::1/64 dev net0 nodad
         address add {VPN_ENDPOINT}/32 dev lo
@@ -101,6 +108,7 @@ def physical_up() -> None:
     """Brings back what the kernel took away with the link: the IPv6 address and all routes."""
     _ip(f"""
         link set {PHYSICAL} up
+        address replace fe80::2/64 dev {PHYSICAL} nodad
         address replace {CLIENT_IPV6}/64 dev {PHYSICAL} nodad
         """)
     layout = vpn_layout()
@@ -153,7 +161,7 @@ def vpn_down() -> None:
     else:
         _end(_CLIENT_PID)
         _end(_SERVER_PID)
-        _wait_until(lambda: not has_interface("utun0"), "utun0 goes away")
+        wait_until(lambda: not has_interface("utun0"), "utun0 goes away")
     _LAYOUT_FILE.unlink()
     if layout == "policy":
         for family in ("-4", "-6"):
@@ -208,6 +216,14 @@ def seen_at(address: str, port: int | None = None) -> list[Observation]:
             if each.server == address and port in (None, each.serverPort)]
 
 
+def wait_until(condition, what: str, seconds: float = 10) -> None:
+    deadline = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > deadline:
+            raise RuntimeError(f"waited {seconds} seconds in vain until {what}")
+        time.sleep(0.01)
+
+
 _LAYOUT_FILE = world.STATE / "vpn.json"
 _CLIENT_PID = world.STATE / "openvpn-client.pid"
 _SERVER_PID = world.STATE / "openvpn-server.pid"
@@ -222,7 +238,7 @@ def _start_server() -> None:
     log = open(world.STATE / "server.log", "ab")
     subprocess.Popen(in_server([str(world.BUILD / "Lab" / "lab-server"), str(CONTROL_SOCKET), *places]),
                      stdin=subprocess.DEVNULL, stdout=log, stderr=log, start_new_session=True)
-    _wait_until(CONTROL_SOCKET.exists, "the server listens")
+    wait_until(CONTROL_SOCKET.exists, "the server listens")
 
 
 def _add_default_routes() -> None:
@@ -245,7 +261,7 @@ def _raise_openvpn(mark: bool) -> None:
           "--ifconfig", TUNNEL_IPV4, TUNNEL_PEER_IPV4, "--writepid", str(_CLIENT_PID),
           "--log", str(world.STATE / "openvpn-client.log"),
           *(["--mark", str(_CARRIER_MARK)] if mark else [])])
-    _wait_until(lambda: (_CLIENT_PID.exists() and _SERVER_PID.exists() and
+    wait_until(lambda: (_CLIENT_PID.exists() and _SERVER_PID.exists() and
                          _has_address("utun0") and _has_server_address("tun-server")),
                 "the tunnel rises")
     _server_ip(f"address add {TUNNEL_PEER_IPV6} peer {TUNNEL_IPV6} dev tun-server nodad")
@@ -346,16 +362,8 @@ def _end(pid_file: pathlib.Path) -> None:
     pid = int(pid_file.read_text())
     os.kill(pid, signal.SIGTERM)
     # It removes the file itself on its way out, which must not hit the file of its successor.
-    _wait_until(lambda: not os.path.exists(f"/proc/{pid}"), "openvpn ends")
+    wait_until(lambda: not os.path.exists(f"/proc/{pid}"), "openvpn ends")
     pid_file.unlink(missing_ok=True)
-
-
-def _wait_until(condition, what: str, seconds: float = 10) -> None:
-    deadline = time.monotonic() + seconds
-    while not condition():
-        if time.monotonic() > deadline:
-            raise RuntimeError(f"waited {seconds} seconds in vain until {what}")
-        time.sleep(0.01)
 
 
 def _run(command: list[str], check: bool = True) -> bool:

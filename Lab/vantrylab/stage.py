@@ -18,6 +18,8 @@ class Stage:
         self.checks = checks
         self.applications = applications.lay_out()
         self.daemon: Daemon | None = None
+        # An application whose connections the rules of the moment let the proxy record.
+        self.recorded_application = self.applications["courier"]
         self._addresses_used = 0
 
     def __getattr__(self, name: str):
@@ -53,10 +55,12 @@ class Stage:
         host.RULES_FILE.unlink(missing_ok=True)
         if rules is not None:
             host.write_rules(rules)
+        host.MESSAGE_SOCKET.unlink(missing_ok=True)
         self.daemon = Daemon()
         for line in ("Filter settings applied", "Transparent proxy started with"):
             if not self.daemon.wait_for(line, seconds=15):
                 raise RuntimeError(f"the daemon did not start:\n{self.transcript()}")
+        network.wait_until(host.MESSAGE_SOCKET.exists, "the daemon takes messages")
         return self.daemon
 
     def stop_daemon(self) -> None:
@@ -131,7 +135,7 @@ class Stage:
 
         What the filter records joins the file with the next flow that the proxy records.
         """
-        self.nobody.run("connect", self.ipv4(), 80)
+        self.recorded_application.run("connect", self.ipv4(), 80)
 
         def recorded():
             entries = [each for each in host.activity() if each.get("destinationIp") == address]
@@ -143,7 +147,7 @@ class Stage:
     def expect_no_record(self, what: str, address: str) -> None:
         """Asked after a later flow's record has reached the file."""
         later = self.ipv4()
-        self.nobody.run("connect", later, 80)
+        self.recorded_application.run("connect", later, 80)
         addresses: list[str] = []
 
         def written():

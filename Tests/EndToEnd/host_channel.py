@@ -74,13 +74,13 @@ def _activity_log_file(stage) -> None:
     stage.checks.equal("the activity log can be read by all and written by its owner", oct(mode), "0o644")
     # A link in its place must not lead the daemon to write elsewhere.
     victim = world.STATE / "victim"
-    victim.write_text("untouched")
+    victim.write_text(untouched := '{"entries":[]}')
     host.ACTIVITY_LOG.unlink()
     host.ACTIVITY_LOG.symlink_to(victim)
     address = stage.ipv4()
     stage.courier.run("connect", address, 80)
     stage.expect_record("the activity log is written anew", address, bundleId=COURIER)
-    stage.checks.equal("a link in the log's place is not followed", victim.read_text(), "untouched")
+    stage.checks.equal("a link in the log's place is not followed", victim.read_text(), untouched)
     stage.stop_daemon()
 
 
@@ -123,5 +123,7 @@ def _protected_vpn_client(stage) -> None:
     address = stage.ipv4()
     stage.expect_tunnel("a VPN client's connection is left alone",
                         stage.courier.run("connect", address, 80), address)
+    stage.recorded_application = stage.ledger
     stage.expect_no_record("a VPN client's connection leaves no record", address)
+    stage.recorded_application = stage.courier
     stage.stop_daemon()

@@ -1,6 +1,5 @@
 """The daemon's end, wanted or not, leaves the machine as it was, with its traffic flowing."""
 
-import json
 import signal
 import subprocess
 
@@ -22,17 +21,19 @@ def run(stage) -> None:
     network.vpn_down()
 
 
-def _traces() -> dict[str, object]:
-    """All places where the daemon could have left something."""
-    def output(*command: str) -> str:
-        return subprocess.run(command, capture_output=True, text=True, check=True).stdout
-    return {"packet rules": json.loads(output("nft", "--json", "list", "ruleset"))["nftables"][1:],
-            "routing rules": output("ip", "rule"), "routing rules for IPv6": output("ip", "-6", "rule"),
-            "addresses on lo": output("ip", "-brief", "address", "show", "dev", "lo"),
-            "routes": output("ip", "route", "show", "table", "all")}
+def _traces() -> set[str]:
+    """What stands at all places where the daemon could leave something, a line each."""
+    places = (["nft", "list", "ruleset"], ["ip", "rule"], ["ip", "-6", "rule"],
+              ["ip", "-brief", "address", "show", "dev", "lo"],
+              ["ip", "-4", "route", "show", "table", "all"], ["ip", "-6", "route", "show", "table", "all"])
+    found = set()
+    for place in places:
+        output = subprocess.run(place, capture_output=True, text=True, check=True).stdout
+        found |= {f"{' '.join(place)}: {line}" for line in output.splitlines()}
+    return found
 
 
-def _end_under_load(stage, ending: signal.Signals, before: dict[str, object]) -> None:
+def _end_under_load(stage, ending: signal.Signals, before: set[str]) -> None:
     stage.start_daemon(RULES)
     relayed = stage.courier.start("upload", stage.ipv4(), 8080, "--duration", 3)
     watched = stage.ledger.start("upload", stage.ipv4(), 8080, "--duration", 3)
@@ -59,8 +60,10 @@ def _end_under_load(stage, ending: signal.Signals, before: dict[str, object]) ->
     else:
         watched.finish()
     stage.expect_untouched(f"{ending.name}: the passed upload goes on", passed.finish())
-    for place, content in _traces().items():
-        stage.checks.equal(f"{ending.name}: nothing left in {place}", content, before[place])
+    # Of a killed daemon an address may be left for a moment, with a lifetime that runs out.
+    stage.checks.eventually(f"{ending.name}: nothing is left behind",
+                            lambda: (not (difference := _traces() ^ before), difference),
+                            seconds=30 if ending == signal.SIGKILL else 1)
 
 
 def _restart(stage) -> None:

@@ -47,6 +47,9 @@ def _watched_connections_end(stage) -> None:
                 stage.expect_record(f"{name} at {address}: recorded", address, bundleId=LEDGER,
                                     routingDecision="vpn", actualRoute="blocked", destinationPort=443,
                                     protocolType="udp", isVpnConnected=False)
+            elif mode == "upload":
+                stage.expect_record(f"{name} at {address}: recorded at its start alone", address,
+                                    actualRoute="vpn")
             else:
                 stage.expect_no_record(f"{name} at {address}: not recorded", address)
 
