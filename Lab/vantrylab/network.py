@@ -89,6 +89,8 @@ def up() -> None:
         route add local {SERVER_RANGE_IPV6} dev lo
         """)
     _add_default_routes()
+    # A gateway answers for its own address alone: what is sent without a route gets nowhere.
+    _server_run(["sh", "-c", "echo 1 > /proc/sys/net/ipv4/conf/net0/arp_ignore"])
     _server_run(["nft", f"""
         table inet truth {{
             chain arriving {{
