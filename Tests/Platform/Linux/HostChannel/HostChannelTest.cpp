@@ -199,7 +199,8 @@ TEST_F(HostChannelTest, PreferencesThatChangeAtEveryQuestion) {
         "tunnelManagers":[{"providerBundleIdentifier":"com.example.vpn.tunnel"},{},7],"x":1})");
     ASSERT_NE(configuration(), nullptr);
     EXPECT_EQ(configuration()->providerBundleIdentifier(), "org.example.proxy");
-    EXPECT_EQ(*configuration()->providerConfiguration()->at("vpnConnected").as<bool>(), false);
+    EXPECT_EQ(*configuration()->providerConfiguration()->find("vpnConnected")->second.as<bool>(),
+              false);
     const auto list = managers();
     ASSERT_EQ(list->size(), 3U);
     const auto* first =
