@@ -4,6 +4,7 @@ Every step says what the rules ask for, what the server saw and what the applica
 as ruled is shown as such, and makes the whole story fail.
 """
 
+import dataclasses
 import os
 import pathlib
 import subprocess
@@ -24,39 +25,55 @@ COURIER, LEDGER, CHATTER, STUDIO = (f"com.example.{name}" for name in
 Judge = Callable[[dict, str], verdicts.Verdict]
 
 
+@dataclasses.dataclass(frozen=True)
+class Row:
+    """One thing that happened, beside what the rules say about it."""
+
+    chapter: str
+    who: str
+    ruled: str
+    verdict: verdicts.Verdict
+
+
 class Voice:
     """Prints the story, in colour on a terminal, and keeps what the closing table needs."""
 
     def __init__(self):
-        self.is_coloured = sys.stdout.isatty() and "NO_COLOR" not in os.environ
-        self.rows: list[tuple[str, str, str, bool]] = []
-        self.chapter_title = ""
+        self._is_coloured = sys.stdout.isatty() and "NO_COLOR" not in os.environ
+        self._rows: list[Row] = []
+        self._chapter = ""
 
     def chapter(self, title: str) -> None:
-        self.chapter_title = title
+        self._chapter = title
         print(f"\n{self._paint('1', title)}", flush=True)
 
     def say(self, text: str) -> None:
-        print(f"  {text}", flush=True)
+        print(f"    {text}", flush=True)
 
     def command(self, words: list[str]) -> None:
-        print(f"  {self._paint('36', '$ vantryctl ' + ' '.join(words))}", flush=True)
+        print(f"    {self._paint('36', '$ vantryctl ' + ' '.join(words))}", flush=True)
 
     def row(self, who: str, ruled: str, verdict: verdicts.Verdict) -> None:
-        self.rows.append((who, ruled, verdict.seen, verdict.is_so))
-        sign = self._paint("32", "as ruled") if verdict.is_so else self._paint("31", "NOT AS RULED")
-        print(f"    {who:<34} {ruled:<28} {verdict.seen:<46} {sign}", flush=True)
+        self._rows.append(Row(self._chapter, who, ruled, verdict))
+        sign = self._paint("32", "ok   ") if verdict.is_so else self._paint("31", "WRONG")
+        print(f"    {sign} {who:<26} {ruled:<28} {verdict.seen}", flush=True)
 
     def conclude(self) -> int:
-        wrong = [row for row in self.rows if not row[3]]
-        print()
-        for who, ruled, seen, _ in wrong:
-            print(self._paint("31", f"NOT AS RULED: {who}: {ruled}, but {seen}"))
-        print(f"{len(self.rows) - len(wrong)} of {len(self.rows)} as ruled")
-        return 0 if self.rows and not wrong else 1
+        """The verdicts by chapter, what went wrong in full, and the exit status."""
+        self.chapter("As the rules say?")
+        for chapter in dict.fromkeys(row.chapter for row in self._rows):
+            rows = [row for row in self._rows if row.chapter == chapter]
+            right = sum(row.verdict.is_so for row in rows)
+            sign = self._paint("32", "ok   ") if right == len(rows) else self._paint("31", "WRONG")
+            print(f"    {sign} {right:2} of {len(rows):2}  {chapter}")
+        wrong = [row for row in self._rows if not row.verdict.is_so]
+        for row in wrong:
+            print(self._paint("31", f"WRONG: {row.who}: {row.ruled}, but {row.verdict.seen}"))
+        print(f"\n{len(self._rows) - len(wrong)} as the rules say, {len(wrong)} otherwise")
+        return 0 if self._rows and not wrong else 1
 
     def _paint(self, code: str, text: str) -> str:
-        return f"\x1b[{code}m{text}\x1b[0m" if self.is_coloured else text
+        return f"\x1b[{code}m{text}\x1b[0m" if self._is_coloured else text
 
 
 class Story:
@@ -87,7 +104,9 @@ class Story:
                        " and takes all routes.")
         self.voice.say("A server on the other side says from which of the two each connection reached it.")
         self.stage.start_daemon(Rules())
-        self.voice.say("The daemon is running.")
+        self._watch = subprocess.Popen([str(TOOL), "watch"], stdin=subprocess.DEVNULL,
+                                       stdout=subprocess.DEVNULL)
+        self.voice.say("The daemon is running, and vantryctl watch tells it when the VPN comes and goes.")
 
     def _without_rules(self) -> None:
         self.voice.chapter("Without a rule, everything goes through the VPN")
@@ -104,7 +123,7 @@ class Story:
         self._connects(stage.courier, "direct, over IPv6", verdicts.went_physical, self.stage.ipv6())
         self._connects(stage.ledger, "VPN", verdicts.went_through_tunnel)
         self._connects(stage.studio, "direct", verdicts.went_physical)
-        self._connects(stage.render, "direct, as a helper in Studio", verdicts.went_physical)
+        self._connects(stage.render, "direct, as part of Studio", verdicts.went_physical)
         self._connects(stage.fetch, "direct, an ordinary program", verdicts.went_physical)
         self._connects(stage.grab, "no rule: VPN", verdicts.went_through_tunnel)
 
@@ -113,7 +132,7 @@ class Story:
         self._rule("rules", "block", CHATTER)
         stage = self.stage
         self._connects(stage.chatter, "blocked", verdicts.was_denied)
-        self._attempts(stage.chatter, "datagram", 443, "blocked", verdicts.was_denied)
+        self._attempts(stage.chatter, "datagram", 443, "blocked, QUIC too", verdicts.was_denied)
         self._attempts(stage.chatter, "resolve", 53, "name look-ups go on", verdicts.went_through_tunnel)
         self._connects(stage.ledger, "VPN", verdicts.went_through_tunnel)
 
@@ -138,17 +157,15 @@ class Story:
         self.voice.chapter("The VPN goes down")
         stage = self.stage
         upload = self._upload_begins(stage.courier, seconds=2)
-        network.vpn_down()
+        stage.bring_into_force(network.vpn_down)
         self.voice.say("The VPN's program has ended; utun0 is gone.")
-        self._rule("vpn", "down")
         self._connects(stage.ledger, "fallback allow: passes", verdicts.went_physical)
         self._rule("rules", "fallback", "vpn", "block")
         self._connects(stage.ledger, "fallback block: denied", verdicts.was_denied)
         self._connects(stage.courier, "direct", verdicts.went_physical)
         self.voice.row(self._name(stage.courier), "its direct upload goes on",
                        verdicts.went_on(upload.finish()))
-        network.vpn_up()
-        self._rule("vpn", "up")
+        stage.bring_into_force(network.vpn_up)
         self._connects(stage.ledger, "the VPN is back", verdicts.went_through_tunnel)
 
     def _physical_interface_is_lost(self) -> None:
@@ -179,9 +196,11 @@ class Story:
 
     def _the_end(self) -> None:
         self.voice.chapter("The daemon ends")
+        self._watch.terminate()
+        self._watch.wait()
         status = self.stage.daemon.stop(seconds=3)
         self.voice.row("vantryd", "ends when asked", verdicts.Verdict(status == 0, f"status {status}"))
-        self._connects(self.stage.chatter, "no daemon: as if none had been", verdicts.went_through_tunnel)
+        self._connects(self.stage.chatter, "as if none had been", verdicts.went_through_tunnel)
 
     # What the chapters are made of
 
@@ -192,7 +211,7 @@ class Story:
     def _show(self, *words: str) -> None:
         self.voice.command(list(words))
         for line in self._use_tool(*words).splitlines():
-            print(f"    {line}")
+            self.voice.say(line)
 
     @staticmethod
     def _use_tool(*words: str) -> str:

@@ -67,13 +67,11 @@ def _arrived_from(report: dict, address: str, clients: tuple[str, str]) -> Verdi
 
 
 _WAYS = {network.CLIENT_IPV4: network.PHYSICAL, network.CLIENT_IPV6: network.PHYSICAL,
-         network.TUNNEL_IPV4: "the tunnel", network.TUNNEL_IPV6: "the tunnel"}
+         network.TUNNEL_IPV4: "tunnel", network.TUNNEL_IPV6: "tunnel"}
 
 
 def _describe(report: dict, address: str) -> str:
     arrived = sorted({each.client for each in network.seen_at(address)})
-    server = (", ".join(f"{client}, {_WAYS.get(client, 'unknown')}" for client in arrived)
-              or "nothing")
-    application = "" if report["error"] == "" else \
-        f"; the application got {report['error']} after {report['milliseconds']:.1f} ms"
-    return f"the server saw {server}{application}"
+    server = " and ".join(f"{client} ({_WAYS.get(client, 'unknown')})" for client in arrived) or "nothing"
+    application = "" if report["error"] == "" else f"; {report['error']} after {report['milliseconds']:.1f} ms"
+    return f"server saw {server}{application}"
