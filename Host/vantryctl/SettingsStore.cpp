@@ -211,11 +211,10 @@ void noteForeignRules(const StoredSettings& stored, std::vector<std::string>& no
 
 void tellDaemon(std::vector<std::string>& notes) {
     const auto posted = postRulesChanged();
-    const auto* failure = failureOf(posted);
-    if (failure != nullptr && failure->code != ExitCode::daemonNotRunning)
-        notes.push_back(failure->what + " " + failure->advice);
-    else if (failure != nullptr || !isDaemonListening())
-        notes.push_back("The daemon is not running; it reads the settings when it starts.");
+    if (const auto* failure = failureOf(posted))
+        notes.push_back(failure->code == ExitCode::daemonNotRunning
+                            ? "The daemon is not running; it reads the settings when it starts."
+                            : failure->what + " " + failure->advice);
 }
 
 }  // namespace

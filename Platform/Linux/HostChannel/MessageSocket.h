@@ -63,7 +63,7 @@ private:
     MessageSocket(std::string path, FileDescriptor listener, Handler handler, Limits limits);
 
     void serve();
-    bool serveOneRound();
+    bool waitForWork();
     int millisecondsToWait() const;
     void acceptClients();
     void takeAnswers();

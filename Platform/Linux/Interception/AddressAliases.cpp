@@ -1,36 +1,25 @@
 #include "Platform/Linux/Interception/AddressAliases.h"
 
 #include <net/if.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 
-#include <linux/ethtool.h>
 #include <linux/if_addr.h>
-#include <linux/if_arp.h>
 #include <linux/rtnetlink.h>
-#include <linux/sockios.h>
 
-#include <cstring>
-#include <string_view>
+#include <algorithm>
 
-#include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/Network/NetworkMonitor.h"
 
 namespace platform::interception {
 
 namespace {
 
-// Tunnels show by their hardware type, but for those that imitate Ethernet.
 bool isTunnel(unsigned interfaceIndex) {
-    ifreq request{};
-    if (!if_indextoname(interfaceIndex, request.ifr_name)) return false;
-    const FileDescriptor any(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!any || ioctl(any.get(), SIOCGIFHWADDR, &request) != 0) return false;
-    if (request.ifr_hwaddr.sa_family == ARPHRD_LOOPBACK) return false;
-    if (request.ifr_hwaddr.sa_family != ARPHRD_ETHER) return true;
-    ethtool_drvinfo driver{};
-    driver.cmd = ETHTOOL_GDRVINFO;
-    request.ifr_data = reinterpret_cast<char*>(&driver);
-    return ioctl(any.get(), SIOCETHTOOL, &request) == 0 && std::string_view(driver.driver) == "tun";
+    const auto state = NetworkMonitor::shared().state();
+    return std::any_of(
+        state->interfaces.begin(), state->interfaces.end(), [&](const NetworkInterface& interface) {
+            return interface.index == static_cast<int>(interfaceIndex) && interface.isTunnel;
+        });
 }
 
 }  // namespace

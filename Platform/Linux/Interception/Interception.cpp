@@ -38,6 +38,7 @@ std::set<std::uint8_t> protocolsOf(const Offers& offers) {
 
 Interception::Interception(Providers providers, Choices choices)
     : place(freeMarkPlace(markBitsInUse())),
+      directRoutes(place),
       decisions(std::move(providers), place),
       chosen(choices),
       wakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
@@ -142,7 +143,7 @@ int Interception::begin() {
     if (!entries) entries = ConnectionEntries::open();
     if (!table) table = PacketTable::open(chosen.ownership);
     if (!queue) queue = PacketQueue::open();
-    if (!entries || !table || !queue) return errno;
+    if (!entries || !table || !queue) return errno != 0 ? errno : ENOBUFS;
     if (!workers) {
         workers = std::make_unique<PacketWorkers>(
             *queue, [this](const HeldPacket& packet) { return decisions.markFor(packet); },

@@ -14,6 +14,7 @@
 
 #include "Platform/Linux/FileDescriptor.h"
 #include "Platform/Linux/Interception/ConnectionEntries.h"
+#include "Platform/Linux/Interception/DirectRoutes.h"
 #include "Platform/Linux/Interception/FlowDecisions.h"
 #include "Platform/Linux/Interception/PacketQueue.h"
 #include "Platform/Linux/Interception/PacketTable.h"
@@ -61,6 +62,7 @@ private:
     void watchRules();
 
     const MarkPlace place;
+    const DirectRoutes directRoutes;
     FlowDecisions decisions;
     std::unique_ptr<PacketTable> table;
     std::unique_ptr<PacketQueue> queue;

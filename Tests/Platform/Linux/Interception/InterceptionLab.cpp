@@ -1,6 +1,7 @@
 #include "Tests/Platform/Linux/Interception/InterceptionLab.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
 #include <sys/time.h>
@@ -11,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <set>
 #include <stdexcept>
 #include <vector>
 
@@ -49,14 +51,14 @@ sockaddr_storage socketAddress(const char* address, std::uint16_t port, socklen_
     return storage;
 }
 
-int listenForBothFamilies(int type) {
+int listenForBothFamilies(int type, std::uint16_t port) {
     const int descriptor = socket(AF_INET6, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     const int off = 0;
     setsockopt(descriptor, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
     socklen_t length = 0;
-    const auto any = socketAddress("::", InterceptionLab::echoPort, length);
+    const auto any = socketAddress("::", port, length);
     check(bind(descriptor, reinterpret_cast<const sockaddr*>(&any), length) == 0, "no bind");
-    if (type == SOCK_STREAM) check(listen(descriptor, 256) == 0, "no listen");
+    if (type == SOCK_STREAM) check(listen(descriptor, 4096) == 0, "no listen");
     return descriptor;
 }
 
@@ -80,6 +82,17 @@ InterceptionLab::~InterceptionLab() {
     server.join();
 }
 
+bool InterceptionLab::enterThatOf(pid_t process) {
+    const std::string folder = "/proc/" + std::to_string(process) + "/ns/";
+    const auto enter = [&](const char* kind, int type) {
+        const int descriptor = open((folder + kind).c_str(), O_RDONLY | O_CLOEXEC);
+        const bool isIn = setns(descriptor, type) == 0;
+        close(descriptor);
+        return isIn;
+    };
+    return (geteuid() == 0 || enter("user", CLONE_NEWUSER)) && enter("net", CLONE_NEWNET);
+}
+
 std::string InterceptionLab::run(const std::string& command) {
     std::FILE* const pipe = popen((command + " 2>&1").c_str(), "r");
     check(pipe != nullptr, "no shell");
@@ -95,47 +108,62 @@ void InterceptionLab::serve() {
     check(unshare(CLONE_NEWNET) == 0, "no network namespace for the server");
     serverThreadId = gettid();
     check(eventually([this] { return isLinked.load(); }), "no link");
-    run("ip link set lo up; ip addr add 10.77.0.2/24 dev peer0; "
+    run("ip link set lo up; ip addr add 10.88.0.1/32 dev lo; "
+        "ip addr add 10.77.0.2/24 dev peer0; "
         "ip addr add fd77::2/64 dev peer0 nodad; ip link set peer0 up");
     serveUntilStopped();
 }
 
 void InterceptionLab::serveUntilStopped() {
-    const int datagrams = listenForBothFamilies(SOCK_DGRAM);
-    std::vector<pollfd> polled{{listenForBothFamilies(SOCK_STREAM), POLLIN, 0},
-                               {datagrams, POLLIN, 0}};
+    const int datagrams = listenForBothFamilies(SOCK_DGRAM, echoPort);
+    constexpr std::size_t listeners = 3;
+    std::vector<pollfd> polled{{datagrams, POLLIN, 0},
+                               {listenForBothFamilies(SOCK_STREAM, echoPort), POLLIN, 0},
+                               {listenForBothFamilies(SOCK_STREAM, discardPort), POLLIN, 0}};
+    std::set<int> discarded;
     isServing = true;
-    std::vector<char> buffer(256 * 1024);
     while (!isStopping) {
         poll(polled.data(), polled.size(), 20);
-        if (polled[0].revents) {
-            const int accepted = accept4(polled[0].fd, nullptr, nullptr, SOCK_CLOEXEC);
-            if (accepted >= 0) polled.push_back({accepted, POLLIN, 0});
+        if (polled[0].revents) echoDatagram(datagrams);
+        for (std::size_t index = polled.size(); index-- > listeners;) {
+            if (!polled[index].revents || serveConnection(polled[index].fd, discarded)) continue;
+            discarded.erase(polled[index].fd);
+            close(polled[index].fd);
+            polled.erase(polled.begin() + static_cast<std::ptrdiff_t>(index));
         }
-        if (polled[1].revents) {
-            sockaddr_storage from{};
-            socklen_t length = sizeof from;
-            const auto count = recvfrom(datagrams, buffer.data(), buffer.size(), 0,
-                                        reinterpret_cast<sockaddr*>(&from), &length);
-            if (count > 0) serverBytes += static_cast<std::size_t>(count);
-            if (count >= 0)
-                sendto(datagrams, buffer.data(), static_cast<std::size_t>(count), 0,
-                       reinterpret_cast<const sockaddr*>(&from), length);
-        }
-        for (std::size_t index = polled.size(); index-- > 2;) {
+        for (std::size_t index = 1; index < listeners; ++index) {
             if (!polled[index].revents) continue;
-            const auto count = recv(polled[index].fd, buffer.data(), buffer.size(), 0);
-            if (count > 0) {
-                serverBytes += static_cast<std::size_t>(count);
-                ::send(polled[index].fd, buffer.data(), static_cast<std::size_t>(count),
-                       MSG_NOSIGNAL);
-            } else {
-                close(polled[index].fd);
-                polled.erase(polled.begin() + static_cast<std::ptrdiff_t>(index));
+            for (;;) {
+                const int accepted = accept4(polled[index].fd, nullptr, nullptr, SOCK_CLOEXEC);
+                if (accepted < 0) break;
+                if (index == 2) discarded.insert(accepted);
+                polled.push_back({accepted, POLLIN, 0});
             }
         }
     }
     for (const pollfd& open : polled) close(open.fd);
+}
+
+void InterceptionLab::echoDatagram(int descriptor) {
+    sockaddr_storage from{};
+    socklen_t length = sizeof from;
+    const auto count = recvfrom(descriptor, buffer.data(), buffer.size(), 0,
+                                reinterpret_cast<sockaddr*>(&from), &length);
+    if (count < 0) return;
+    serverBytes += static_cast<std::size_t>(count);
+    sendto(descriptor, buffer.data(), static_cast<std::size_t>(count), 0,
+           reinterpret_cast<const sockaddr*>(&from), length);
+}
+
+// False when the connection has ended.
+bool InterceptionLab::serveConnection(int descriptor, const std::set<int>& discarded) {
+    if (discarded.count(descriptor) != 0)
+        return recv(descriptor, buffer.data(), buffer.size(), MSG_TRUNC) > 0;
+    const auto count = recv(descriptor, buffer.data(), buffer.size(), 0);
+    if (count <= 0) return false;
+    serverBytes += static_cast<std::size_t>(count);
+    ::send(descriptor, buffer.data(), static_cast<std::size_t>(count), MSG_NOSIGNAL);
+    return true;
 }
 
 ClientSocket::ClientSocket(int family, int type)

@@ -1,6 +1,6 @@
 // A throw-away network for one test process: the process moves into a network namespace of its own
 // (without root, into a user namespace too), with a veth link to a second namespace in which a
-// server echoes TCP and UDP. Everything vanishes with the process.
+// server echoes TCP and UDP and discards TCP. Everything vanishes with the process.
 #pragma once
 
 #include <netinet/in.h>
@@ -11,14 +11,18 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace platform::interception {
 
 class InterceptionLab {
 public:
     static constexpr std::uint16_t echoPort = 7007;
+    // Connections to this one are only read.
+    static constexpr std::uint16_t discardPort = 7009;
 
     // Must come before any other thread of the process.
     InterceptionLab();
@@ -26,10 +30,15 @@ public:
     InterceptionLab(const InterceptionLab&) = delete;
     InterceptionLab& operator=(const InterceptionLab&) = delete;
 
+    // Moves the calling process, which has no other thread, into the lab of another one.
+    static bool enterThatOf(pid_t process);
+
     // The server's address as the client reaches it.
     static const char* serverAddress(int family) {
         return family == AF_INET ? "10.77.0.2" : "fd77::2";
     }
+    // Another address of the server (IPv4), behind the client's default route.
+    static const char* farServerAddress() { return "10.88.0.1"; }
     std::size_t bytesAtServer() const { return serverBytes; }
 
     // Runs a shell command in the client's namespace; its standard output.
@@ -38,12 +47,15 @@ public:
 private:
     void serve();
     void serveUntilStopped();
+    void echoDatagram(int descriptor);
+    bool serveConnection(int descriptor, const std::set<int>& discarded);
 
     std::atomic<int> serverThreadId{0};
     std::atomic<bool> isLinked{false};
     std::atomic<bool> isServing{false};
     std::atomic<bool> isStopping{false};
     std::atomic<std::size_t> serverBytes{0};
+    std::vector<char> buffer = std::vector<char>(std::size_t{1} << 20);  // the server's
     std::thread server;
 };
 

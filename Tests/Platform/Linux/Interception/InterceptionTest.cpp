@@ -9,6 +9,7 @@
 #include <future>
 #include <vector>
 
+#include "Platform/Linux/OwnTraffic.h"
 #include "Tests/Platform/Linux/Interception/InterceptionLab.h"
 #include "Tests/Platform/Linux/Interception/ScriptedProviders.h"
 
@@ -282,11 +283,10 @@ TEST_F(InterceptionTest, BurstOfFirstPacketsGivesOneOffer) {
 
 TEST_F(InterceptionTest, DeniedDatagramFlowSparesTheOtherFlowsOfItsSocket) {
     filter->setVerdict(NEFilterNewFlowVerdict::dropVerdict());
-    lab.run("ip addr add 10.77.0.9/32 dev lo");
     ClientSocket client(AF_INET, SOCK_DGRAM);
     for (int datagram = 0; datagram < 5; ++datagram)
         ASSERT_EQ(client.sendTo(InterceptionLab::serverAddress(AF_INET), port, 1), 0);
-    EXPECT_EQ(calls.count(Call::Kind::filter), 1u);
+    EXPECT_TRUE(eventually([&] { return calls.count(Call::Kind::filter) == 1; }));
     filter->setVerdict(NEFilterNewFlowVerdict::allowVerdict());
     // Another destination is another flow; this one has no service, but it gets there.
     ASSERT_EQ(client.sendTo(InterceptionLab::serverAddress(AF_INET), port + 1, 1), 0);
@@ -368,6 +368,26 @@ TEST_F(InterceptionTest, ClaimedFlowSurvivesTheLossOfItsTunnelAddress) {
     }
     EXPECT_TRUE(eventually(
         [&] { return lab.run("ip addr show dev lo").find("10.99.0.1") == std::string::npos; }));
+}
+
+TEST_F(InterceptionTest, OwnTrafficKeepsAWayOutWhenTheDefaultRouteIsDeleted) {
+    const auto reach = [] {
+        ClientSocket own(AF_INET, SOCK_STREAM);
+        const std::uint32_t mark = OwnTraffic::mark();
+        setsockopt(own.descriptor(), SOL_SOCKET, SO_MARK, &mark, sizeof mark);
+        setsockopt(own.descriptor(), SOL_SOCKET, SO_BINDTODEVICE, "eth0", 5);
+        return own.connectTo(InterceptionLab::farServerAddress(), port);
+    };
+    EXPECT_EQ(reach(), 0);
+    const std::string rules = lab.run("ip rule; ip -6 rule");
+    lab.run("ip route del default");
+    EXPECT_TRUE(eventually([&] { return reach() == 0; }));
+    EXPECT_NE(
+        ClientSocket(AF_INET, SOCK_STREAM).connectTo(InterceptionLab::farServerAddress(), port), 0);
+    lab.run("ip route add default via 10.77.0.2");
+    EXPECT_TRUE(eventually([&] { return lab.run("ip rule; ip -6 rule") == rules; }));
+    EXPECT_EQ(lab.run("ip route show table 7660"), "");
+    EXPECT_EQ(reach(), 0);
 }
 
 TEST_F(InterceptionTest, MarksOfAnEarlierProcessAreWipedAtStartAndOursAtTheEnd) {

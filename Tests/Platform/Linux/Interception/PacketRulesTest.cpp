@@ -304,18 +304,22 @@ TEST(PacketRules, OverduePacketsAreLetGoEvenIfEveryWorkerIsStuck) {
 }
 
 TEST(PacketRules, NothingStaysBehindWhenTheProcessIsKilled) {
-    InterceptionLab lab;
+    int mayBegin[2];
     int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
+    ASSERT_EQ(pipe(mayBegin) | pipe(ready), 0);
+    // Forked before this process has other threads; it follows into the lab when that stands.
     const pid_t child = fork();
+    char signal = 0;
     if (child == 0) {
+        if (read(mayBegin[0], &signal, 1) != 1 || !InterceptionLab::enterThatOf(getppid()))
+            _exit(1);
         Interception interception(always(FlowState::denied));
-        char done = 1;
-        if (write(ready[1], &done, 1) != 1) _exit(1);
+        if (write(ready[1], &signal, 1) != 1) _exit(1);
         for (;;) pause();
     }
-    char done = 0;
-    ASSERT_EQ(read(ready[0], &done, 1), 1);
+    InterceptionLab lab;
+    ASSERT_EQ(write(mayBegin[1], &signal, 1), 1);
+    ASSERT_EQ(read(ready[0], &signal, 1), 1);
     EXPECT_EQ(ClientSocket(AF_INET, SOCK_STREAM).connectTo(server(AF_INET), port), ECONNREFUSED);
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);

@@ -1,0 +1,150 @@
+// What the interception remembers of flows between packets, and the small questions that it answers
+// without the kernel.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+
+#include "Platform/Linux/Interception/MarkPlaces.h"
+#include "Platform/Linux/Interception/NetworkRules.h"
+#include "Platform/Linux/Interception/RecentVerdicts.h"
+#include "Platform/Linux/Interception/WatchedFlows.h"
+
+namespace platform::interception {
+
+namespace {
+
+FlowTuple flowTo(const char* address, std::uint16_t port, int protocol = IPPROTO_TCP) {
+    FlowTuple flow;
+    flow.protocol = protocol;
+    flow.family =
+        std::string_view(address).find(':') == std::string_view::npos ? AF_INET : AF_INET6;
+    inet_pton(flow.family, address, flow.destinationAddress.data());
+    flow.destinationPort = port;
+    flow.sourcePort = 40000;
+    return flow;
+}
+
+HeldPacket packetOf(const FlowTuple& flow, PacketPurpose purpose, std::uint32_t sequence = 0,
+                    std::size_t payload = 0) {
+    HeldPacket packet;
+    packet.flow = flow;
+    packet.purpose = purpose;
+    packet.tcpSequence = sequence;
+    packet.payloadLength = payload;
+    return packet;
+}
+
+}  // namespace
+
+TEST(WatchedFlow, OffsetsFollowTheStreamThroughWrapsRetransmissionsAndDatagrams) {
+    const FlowTuple tcp = flowTo("192.0.2.1", 443);
+    WatchedFlow stream(nullptr, 0xfffffff0u, false);
+    const auto offset = [&](std::uint32_t sequence, std::size_t length) {
+        return stream.offsetOf(packetOf(tcp, PacketPurpose::watchedData, sequence, length));
+    };
+    EXPECT_EQ(offset(0xfffffff0u, 16), 0);
+    EXPECT_EQ(offset(0, 100), 16);
+    EXPECT_EQ(offset(0xfffffff0u, 16), 0);  // again
+    EXPECT_EQ(offset(50, 60), 66);          // overlapping
+    EXPECT_EQ(offset(94, 1000), 110);       // and on
+    std::int64_t expected = 1110;
+    for (std::uint32_t sequence = 1094; expected < (std::int64_t{9} << 30);
+         sequence += 1u << 30, expected += std::int64_t{1} << 30)
+        ASSERT_EQ(offset(sequence, std::size_t{1} << 30), expected);
+
+    const FlowTuple udp = flowTo("192.0.2.1", 443, IPPROTO_UDP);
+    WatchedFlow datagrams(nullptr, 0, false);
+    for (const std::int64_t sum : {0, 700, 1400})
+        EXPECT_EQ(datagrams.offsetOf(packetOf(udp, PacketPurpose::watchedData, 0, 700)), sum);
+}
+
+TEST(WatchedFlow, DataOnASynBeginsAtTheStart) {
+    WatchedFlow stream(nullptr, 1001, false);
+    HeldPacket opening = packetOf(flowTo("192.0.2.1", 443), PacketPurpose::newFlow, 1000, 20);
+    opening.opensTcp = true;
+    EXPECT_EQ(stream.offsetOf(opening), 0);
+    EXPECT_EQ(stream.offsetOf(packetOf(opening.flow, PacketPurpose::watchedData, 1021, 5)), 20);
+}
+
+TEST(WatchedFlows, ForgetTheLongestUnusedBeyondTheirCapacity) {
+    WatchedFlows flows(3);
+    const auto flow = [](std::uint16_t port) { return flowTo("192.0.2.1", port); };
+    for (std::uint16_t port = 1; port <= 3; ++port)
+        flows.add(flow(port), std::make_shared<WatchedFlow>(nullptr, 0, false));
+    EXPECT_NE(flows.find(flow(1)), nullptr);
+    flows.add(flow(4), std::make_shared<WatchedFlow>(nullptr, 0, false));
+    EXPECT_EQ(flows.find(flow(2)), nullptr);
+    EXPECT_NE(flows.find(flow(1)), nullptr);
+    flows.removeEnded(std::chrono::seconds(0),
+                      [](const FlowTuple& asked) { return asked.destinationPort != 4; });
+    EXPECT_EQ(flows.count(), 1u);
+    EXPECT_NE(flows.find(flow(4)), nullptr);
+}
+
+TEST(RecentVerdicts, TellRetransmissionsFromNewOpenings) {
+    RecentVerdicts recent;
+    const FlowTuple tcp = flowTo("192.0.2.1", 443);
+    recent.remember(packetOf(tcp, PacketPurpose::newFlow, 77), {FlowState::denied, 0});
+    EXPECT_TRUE(recent.find(packetOf(tcp, PacketPurpose::newFlow, 77), 0));
+    EXPECT_FALSE(recent.find(packetOf(tcp, PacketPurpose::newFlow, 78), 0));
+    EXPECT_FALSE(recent.find(packetOf(tcp, PacketPurpose::offeredAgain, 77), 0));
+
+    recent.remember(packetOf(tcp, PacketPurpose::offeredAgain), {FlowState::declined, 5});
+    EXPECT_TRUE(recent.find(packetOf(tcp, PacketPurpose::offeredAgain), 5));
+    EXPECT_FALSE(recent.find(packetOf(tcp, PacketPurpose::offeredAgain), 6));
+    recent.forget(tcp);
+    EXPECT_FALSE(recent.find(packetOf(tcp, PacketPurpose::offeredAgain), 5));
+}
+
+TEST(NetworkRules, CoverFlowsByProtocolDirectionAddressAndPort) {
+    using Protocol = NENetworkRule::Protocol;
+    using Direction = NENetworkRule::TrafficDirection;
+    const FlowTuple flow = flowTo("10.20.30.40", 443);
+    struct Case {
+        const char* name;
+        NENetworkRule rule;
+        bool covers;
+    };
+    const auto rule = [](std::optional<NWHostEndpoint> remote, unsigned prefix, Protocol protocol,
+                         Direction direction) {
+        return NENetworkRule{std::move(remote), prefix, std::nullopt, 0, protocol, direction};
+    };
+    const Case cases[] = {
+        {"everything", rule(std::nullopt, 0, Protocol::any, Direction::any), true},
+        {"its protocol", rule(std::nullopt, 0, Protocol::TCP, Direction::outbound), true},
+        {"the other protocol", rule(std::nullopt, 0, Protocol::UDP, Direction::outbound), false},
+        {"inbound", rule(std::nullopt, 0, Protocol::TCP, Direction::inbound), false},
+        {"its network", rule(NWHostEndpoint{"10.20.16.0", "0"}, 20, Protocol::TCP, Direction::any),
+         true},
+        {"beside it", rule(NWHostEndpoint{"10.20.32.0", "0"}, 20, Protocol::TCP, Direction::any),
+         false},
+        {"its port", rule(NWHostEndpoint{"10.0.0.0", "443"}, 8, Protocol::TCP, Direction::any),
+         true},
+        {"another port", rule(NWHostEndpoint{"10.0.0.0", "80"}, 8, Protocol::TCP, Direction::any),
+         false},
+        {"the other family", rule(NWHostEndpoint{"::", "0"}, 0, Protocol::TCP, Direction::any),
+         false},
+        {"the loopback constant of a flush",
+         rule(NWHostEndpoint{"127.255.255.254", "0"}, 32, Protocol::TCP, Direction::outbound),
+         false},
+    };
+    for (const Case& expected : cases)
+        EXPECT_EQ(asksFor({expected.rule}, flow), expected.covers) << expected.name;
+}
+
+TEST(MarkPlaces, AvoidTheBitsThatOthersName) {
+    EXPECT_EQ(freeMarkPlace(0), MarkPlace(24));
+    EXPECT_EQ(freeMarkPlace(0x80000000), MarkPlace(23));
+    EXPECT_EQ(freeMarkPlace(0xffff00ff), MarkPlace(8));
+    // Every byte is touched: the place with fewest clashes.
+    EXPECT_EQ(freeMarkPlace(0xff7effff), MarkPlace(16));
+
+    EXPECT_EQ(markBitsInRules("table inet a {\n\tmeta mark & 0x000f0000 == 0x00040000 accept\n"
+                              "\tct mark set ct mark & 0xfffffff0 | 0x00000003\n"
+                              "\ttcp dport 0x50 accept\n}\n"),
+              0x000f000fu);
+    EXPECT_EQ(markBitsInRules("table inet vantry {\n\tmeta mark & 0x07000000 == 0 accept\n}\n"),
+              0u);
+}
+
+}  // namespace platform::interception
