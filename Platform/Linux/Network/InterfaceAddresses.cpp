@@ -40,7 +40,7 @@ SocketAddress socketAddress(int family, const std::array<std::uint8_t, 16>& byte
 std::array<std::uint8_t, 16> maskBytes(int prefixLength) {
     std::array<std::uint8_t, 16> bytes{};
     for (std::size_t i = 0; i < bytes.size() && prefixLength > 0; ++i, prefixLength -= 8)
-        bytes[i] = prefixLength >= 8 ? 0xff : static_cast<std::uint8_t>(0xff << (8 - prefixLength));
+        bytes[i] = static_cast<std::uint8_t>(prefixLength >= 8 ? 0xff : 0xff << (8 - prefixLength));
     return bytes;
 }
 
