@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <nlohmann/json.hpp>
 #include <thread>
+#include <vector>
 
 #include "Lab/sockets/Descriptor.h"
 
@@ -250,6 +251,22 @@ Report echo(const Destination& destination, uint64_t bytes) {
         }
     }
     report.outcome = returned == sent ? "finished" : "corrupted";
+    return report;
+}
+
+Report crowd(const Destination& destination, uint64_t count, std::chrono::milliseconds duration) {
+    auto report = begin("crowd");
+    std::vector<Descriptor> sockets;
+    for (uint64_t number = 0; number < count && report.error.empty(); ++number)
+        sockets.push_back(enter(destination, "echo", report));
+    report.print();
+    if (!report.error.empty()) return report;
+    std::this_thread::sleep_for(duration);
+    const auto deadline = Clock::now() + destination.patience;
+    for (const auto& socket : sockets)
+        if (!sendAll(socket, "!", deadline, report) || receive(socket, deadline, report).empty())
+            return report;
+    report.outcome = "finished";
     return report;
 }
 

@@ -23,13 +23,15 @@ struct Destination {
 // `keepUploading` sends a small chunk every few milliseconds for the given time, printing a first
 // report when it is under way. `echo` sends bytes and compares what comes back. `askOnce` sends one
 // datagram and waits for the answer; `resolve` asks for a name; `keepAsking` sends a datagram every
-// few milliseconds on one socket.
+// few milliseconds on one socket. `crowd` opens many connections, prints a first report, keeps them
+// idle for the time, and then has every one of them echo a byte.
 Report connectOnce(const Destination& destination);
 Report keepUploading(const Destination& destination, std::chrono::milliseconds duration);
 Report keepReading(const Destination& destination, std::chrono::milliseconds duration);
 Report echo(const Destination& destination, uint64_t bytes);
 Report askOnce(const Destination& destination);
 Report resolve(const Destination& destination);
+Report crowd(const Destination& destination, uint64_t count, std::chrono::milliseconds duration);
 Report keepAsking(const Destination& destination, std::chrono::milliseconds duration);
 
 }  // namespace lab

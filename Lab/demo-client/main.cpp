@@ -28,6 +28,7 @@ struct Arguments {
     double patienceSeconds = 5;
     double durationSeconds = 10;
     uint64_t bytes = 100000;
+    uint64_t count = 100;
     bool isInChild = false;
 };
 
@@ -81,6 +82,7 @@ void addConversation(CLI::App& application, Arguments& arguments, const std::str
     command->add_option("--patience", arguments.patienceSeconds, "seconds to wait for an answer");
     command->add_option("--duration", arguments.durationSeconds, "seconds to go on");
     command->add_option("--bytes", arguments.bytes, "bytes to echo");
+    command->add_option("--count", arguments.count, "connections to hold");
     command->add_flag("--in-child", arguments.isInChild,
                       "do it in a forked child of the same program");
     command->callback([&arguments, conversation = std::move(conversation)] {
@@ -118,6 +120,9 @@ void parse(CLI::App& application, Arguments& arguments, std::vector<std::string>
                     [=](const auto& place) { return lab::keepReading(place, duration()); });
     addConversation(application, arguments, "echo", "send bytes and compare what comes back",
                     [&](const auto& place) { return lab::echo(place, arguments.bytes); });
+    addConversation(
+        application, arguments, "crowd", "hold many connections at once",
+        [&](const auto& place) { return lab::crowd(place, arguments.count, duration()); });
     addConversation(application, arguments, "datagram", "send one datagram and wait for the answer",
                     lab::askOnce);
     addConversation(application, arguments, "datagrams", "keep sending datagrams on one socket",

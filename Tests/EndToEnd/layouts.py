@@ -37,3 +37,13 @@ def _verdicts(stage, layout: str) -> None:
     address = stage.ipv4()
     report = stage.courier.run("echo", address, 8080, "--bytes", 1_000_000)
     stage.expect_physical(f"{layout}: a megabyte both ways, direct", report, address)
+    _first_datagram_after_a_change(stage, layout)
+
+
+def _first_datagram_after_a_change(stage, layout: str) -> None:
+    """Nothing is lost where each flow's next packet is looked at again, the VPN's own included."""
+    for number in range(6):
+        stage.apply(RULES.but(blockedApps=RULES.blockedApps + ("com.example.absent",) * (number % 2 == 0)))
+        address = stage.ipv4()
+        report = stage.nobody.run("datagram", address, 8080, "--patience", 1)
+        stage.expect_tunnel(f"{layout}: the first datagram after change {number + 1}", report, address)

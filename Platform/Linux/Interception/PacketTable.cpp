@@ -122,7 +122,9 @@ void addChains(Transaction& transaction) {
     transaction.addChain(keepMarkChain);
     transaction.addOutputChain(offerChain, "filter", -150);
     transaction.addOutputChain(redirectChain, "nat", -100);
-    transaction.addOutputChain(keepChain, "filter", 0);
+    // The kernel routes a packet anew when its verdict brings a mark. Marks decide on routes, and a
+    // VPN may want exactly its own; so once ours is off the mark again, so must be that detour.
+    transaction.addOutputChain(keepChain, "route", 0);
 }
 
 // The chain that every outbound packet meets. The commonest packet, one of a declined flow, leaves

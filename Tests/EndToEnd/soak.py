@@ -1,0 +1,186 @@
+"""Random applications, rule changes, a VPN that comes and goes, daemons that end: never a wrong verdict.
+
+Every round draws rules and the VPN's state, puts them in force, and lets many applications use the
+network at once; each must fare as a small model of the rules says. Meanwhile a crowd of relayed
+connections stays open. At the end nothing has grown. SOAK_SECONDS and SOAK_SEED change how long
+and what; the seed is printed, and the same one draws the same rounds.
+"""
+
+import concurrent.futures
+import dataclasses
+import os
+import pathlib
+import random
+import signal
+import subprocess
+import time
+
+from vantrylab import network, verdicts
+from vantrylab.applications import Application
+from vantrylab.host import Rules
+
+SECONDS = float(os.environ.get("SOAK_SECONDS", "20"))
+NAMES = ("courier", "ledger", "chatter", "nobody", "studio", "fetch", "grab")
+ATTEMPTS_A_ROUND = 24
+CROWD = 1000
+MODES = (("connect", 80), ("connect", 443), ("connect", 80, "--mapped"), ("connect", 80, "--in-child"),
+         ("echo", 8080, "--bytes", "100000"), ("datagram", 443), ("datagram", 8080), ("resolve", 53))
+
+
+@dataclasses.dataclass
+class Attempt:
+    application: Application
+    words: tuple
+    address: str
+    report: dict = dataclasses.field(default_factory=dict)
+
+    def make(self) -> None:
+        mode, port, *options = self.words
+        self.report = self.application.run(mode, self.address, port, *options)
+
+
+def run(stage) -> None:
+    seed = int(os.environ.get("SOAK_SEED", time.time_ns() % 1_000_000))
+    print(f"      seed {seed}, {SECONDS:.0f} seconds", flush=True)
+    draw = random.Random(seed)
+    network.vpn_up()
+    stage.start_daemon(_rules(draw, stage, is_up=True))
+    _round(stage, draw, "warming up")
+    before = _held_by(stage.daemon)
+    _rounds(stage, draw)
+    _a_crowd(stage)
+    _nothing_has_grown(stage, before)
+    stage.stop_daemon()
+    network.vpn_down()
+
+
+def _rules(draw: random.Random, stage, is_up: bool) -> Rules:
+    identifiers = [stage.applications[name].identifier for name in NAMES]
+    ruled = draw.sample(identifiers, draw.randint(0, len(identifiers)))
+    return Rules(rules={each: draw.choice(("direct", "vpn")) for each in ruled},
+                 defaultAction=draw.choice(("vpn", "vpn", "direct")), vpnConnected=is_up,
+                 vpnFallback=draw.choice(("allow", "block")),
+                 blockedApps=tuple(draw.sample(identifiers, draw.randint(0, 2))))
+
+
+def _rounds(stage, draw: random.Random) -> None:
+    end, number = time.monotonic() + SECONDS, 0
+    while time.monotonic() < end:
+        number += 1
+        if draw.random() < 0.3:
+            _flap(draw)
+        # A daemon that starts when a VPN has already taken the default route away knows no gateway.
+        if draw.random() < 0.1 and network.vpn_layout() != "replaced-default":
+            _restart(stage, draw)
+        _round(stage, draw, f"round {number}")
+
+
+def _flap(draw: random.Random) -> None:
+    if network.vpn_layout() is not None:
+        network.vpn_down()
+    else:
+        network.vpn_up(draw.choice(network.LAYOUTS))
+
+
+def _restart(stage, draw: random.Random) -> None:
+    stage.daemon.stop(draw.choice((signal.SIGKILL, signal.SIGTERM)))
+    stage.start_daemon(Rules())
+
+
+def _round(stage, draw: random.Random, name: str) -> None:
+    rules = _rules(draw, stage, is_up=network.vpn_layout() is not None)
+    stage.apply(rules)
+    attempts = [Attempt(stage.applications[draw.choice(NAMES)], draw.choice(MODES), "")
+                for _ in range(ATTEMPTS_A_ROUND)]
+    for attempt in attempts:
+        is_ipv4 = "--mapped" in attempt.words or draw.random() < 0.6
+        attempt.address = stage.ipv4() if is_ipv4 else stage.ipv6()
+    seen_before = len(network.observations())
+    with concurrent.futures.ThreadPoolExecutor(8) as pool:
+        list(pool.map(Attempt.make, attempts))
+    arrived = network.observations()[seen_before:]
+    wrong = [_describe(each, rules, arrived, stage) for each in attempts
+             if not _is_as_ruled(rules, each, arrived)]
+    stage.checks.check(f"{name}: {len(attempts)} attempts, all as ruled, VPN {network.vpn_layout()}",
+                       not wrong, "\n".join([str(rules), *wrong]))
+
+
+def _describe(attempt: Attempt, rules: Rules, arrived: list[network.Observation], stage) -> str:
+    clients = [each.client for each in arrived if each.server == attempt.address]
+    report = {key: attempt.report[key] for key in ("outcome", "phase", "error", "serverSaw", "milliseconds")}
+    lines = [each.text for each in stage.daemon.lines() if attempt.address in each.text]
+    return (f"      {attempt.application.identifier} {attempt.words} to {attempt.address}: {report};"
+            f" expected {_expected_client(rules, attempt)}, server saw {clients}, daemon said {lines[-4:]}")
+
+
+def _is_as_ruled(rules: Rules, attempt: Attempt, arrived: list[network.Observation]) -> bool:
+    clients = {each.client for each in arrived if each.server == attempt.address}
+    expected = _expected_client(rules, attempt)
+    if expected is None:
+        return not clients and attempt.report["outcome"] == "failed" and \
+            attempt.report["milliseconds"] < 5 * verdicts.AT_ONCE_MILLISECONDS
+    return clients == {expected} and attempt.report["outcome"] in ("connected", "finished", "answered")
+
+
+def _expected_client(rules: Rules, attempt: Attempt) -> str | None:
+    """The address with which the attempt has to arrive; None if it must not."""
+    is_ipv6 = ":" in attempt.address
+    physical = network.CLIENT_IPV6 if is_ipv6 else network.CLIENT_IPV4
+    tunnel = network.TUNNEL_IPV6 if is_ipv6 else network.TUNNEL_IPV4
+    system = tunnel if rules.vpnConnected else physical
+    mode, port, *_ = attempt.words
+    is_datagram = mode in ("datagram", "resolve")
+    identifier = attempt.application.identifier
+    if identifier in rules.blockedApps:
+        return system if mode == "resolve" else None
+    rule = rules.rules.get(identifier)
+    if (rule or rules.defaultAction) == "direct" and not is_datagram:
+        return physical
+    falls_back = rule == "vpn" and not rules.vpnConnected and rules.vpnFallback == "block"
+    return None if falls_back and (not is_datagram or port == 443) else system
+
+
+def _a_crowd(stage) -> None:
+    """Many relayed connections of one process at once, through a change that does not concern them."""
+    rules = Rules(rules={stage.courier.identifier: "direct"})
+    if network.vpn_layout() is None:
+        network.vpn_up()
+    stage.apply(rules)
+    crowd = stage.courier.start("crowd", stage.ipv4(), 8080, "--count", CROWD, "--duration", 3)
+    first = crowd.report()
+    stage.checks.check(f"{CROWD} relayed connections are up", first["error"] == "" and
+                       first["serverSaw"] == network.CLIENT_IPV4, first)
+    stage.apply(rules.but(blockedApps=("com.example.absent",)))
+    stage.expect_untouched("all of them live through a change that is not theirs", crowd.finish())
+
+
+@dataclasses.dataclass(frozen=True)
+class Held:
+    descriptors: int
+    threads: int
+    kilobytes: int
+    rules: int
+    aliases: int
+
+
+def _held_by(daemon) -> Held:
+    process = pathlib.Path(f"/proc/{daemon.process.pid}")
+    status = dict(line.split(":", 1) for line in (process / "status").read_text().splitlines())
+    return Held(descriptors=len(list((process / "fd").iterdir())), threads=int(status["Threads"]),
+                kilobytes=int(status["VmRSS"].split()[0]),
+                rules=len(_output("nft", "list", "ruleset").splitlines()),
+                aliases=len(_output("ip", "address", "show", "dev", "lo").splitlines()))
+
+
+def _output(*command: str) -> str:
+    return subprocess.run(command, check=True, capture_output=True, text=True).stdout
+
+
+def _nothing_has_grown(stage, before: Held) -> None:
+    def settled():
+        now = _held_by(stage.daemon)
+        return (now.descriptors <= before.descriptors + 2 and now.threads <= before.threads + 2
+                and now.rules == before.rules and now.aliases <= before.aliases
+                and now.kilobytes < before.kilobytes + 65536), (before, now)
+    stage.checks.eventually("descriptors, threads, memory, rules and addresses are as before", settled,
+                            seconds=40)
