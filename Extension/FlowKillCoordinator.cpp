@@ -1,5 +1,6 @@
 #include "Extension/FlowKillCoordinator.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace vantry {
@@ -8,13 +9,19 @@ using platform::NSLockGuard;
 
 namespace {
 
+// How many members of `left` are missing in `right`.
+std::size_t missing(const BundleIdSet& left, const BundleIdSet& right) {
+    return static_cast<std::size_t>(std::ranges::count_if(
+        left, [&](const std::string& member) { return !right.contains(member); }));
+}
+
 // How many members came and went between two sets.
 struct SetChange {
     std::size_t added;
     std::size_t removed;
 
     SetChange(const BundleIdSet& before, const BundleIdSet& after)
-        : added(difference(after, before).size()), removed(difference(before, after).size()) {}
+        : added(missing(after, before)), removed(missing(before, after)) {}
     bool isEmpty() const { return added == 0 && removed == 0; }
 };
 

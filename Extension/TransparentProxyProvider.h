@@ -76,7 +76,7 @@ private:
     void loadRoutingRules();
     void loadRulesFromSharedFile();
     void applyKeysBesidesRules(const platform::JSONObject& source);
-    BundleIdSet vpnRoutedBundleIds() const;
+    BundleIdSet vpnRoutedBundleIds(const BundleIdSet& excluded) const;
 
     // RuleChanges: the host application's signal.
     void registerForRulesChangedNotification();
@@ -98,6 +98,7 @@ private:
 
     // SessionTermination: sessions that no longer fit the rules.
     void killSessionsForChangedRules(const RuleTable& oldRules, const RuleTable& newRules);
+    void killSessions(const BundleIdSet& changedBundleIds);
     void killSessionsForBlockedApps(const BundleIdSet& newlyBlocked);
 
     // DeclinedFlowFlush: declined flows are shown to the proxy once more.

@@ -24,7 +24,7 @@ void TransparentProxyProvider::startProxy(std::optional<platform::JSONObject>,
     registerForRulesChangedNotification();
     discoverVpnClients();
     // Blocked applications stay in here; the first change of rules takes them out.
-    FlowKillCoordinator::shared().updateMonitoredApps(vpnRoutedBundleIds());
+    FlowKillCoordinator::shared().updateMonitoredApps(vpnRoutedBundleIds({}));
     startPathMonitor();
     setTunnelNetworkSettings(
         createProxySettings(),

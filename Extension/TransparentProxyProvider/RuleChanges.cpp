@@ -47,7 +47,7 @@ void TransparentProxyProvider::handleRulesChangedNotification() {
     if (!newlyBlocked.empty()) killSessionsForBlockedApps(newlyBlocked);
 
     auto& coordinator = FlowKillCoordinator::shared();
-    coordinator.updateMonitoredApps(difference(vpnRoutedBundleIds(), *blocked));
+    coordinator.updateMonitoredApps(vpnRoutedBundleIds(*blocked));
     coordinator.updateBlockedApps(*blocked);
 
     const auto unblocked = difference(*oldBlocked, *blocked);

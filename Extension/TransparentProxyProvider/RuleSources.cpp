@@ -26,16 +26,13 @@ const T* valueOf(const JSONObject& source, std::string_view key) {
 
 // The rules of a source; nothing if they are absent or not an object of texts.
 std::optional<RuleTable> rulesOf(const JSONObject& source) {
-    const auto* object = valueOf<JSONObject>(source, "rules");
-    if (!object) return std::nullopt;
-    RuleTable rules;
-    rules.reserve(object->size());
-    for (const auto& [bundleId, value] : *object) {
-        const auto* decision = value.as<std::string>();
-        if (!decision) return std::nullopt;
-        rules.emplace(bundleId, *decision);
-    }
-    return rules;
+    const auto entry = source.find("rules");
+    return entry == source.end() ? std::nullopt : platform::stringTable(entry->second);
+}
+// The same, taking the texts out of a source that is not needed afterwards.
+std::optional<RuleTable> takeRules(JSONObject& source) {
+    const auto entry = source.find("rules");
+    return entry == source.end() ? std::nullopt : platform::stringTable(std::move(entry->second));
 }
 
 // The blocked applications of a source; nothing if they are absent or not an array of texts.
@@ -88,9 +85,9 @@ void TransparentProxyProvider::loadRulesFromSharedFile() {
     const auto bytes = file->bytes().value_or(std::string_view{});
     logger.debug("Raw file contents (%ld bytes): %{public}s", bytes.size(), previewOf(bytes));
 
-    const auto document = platform::NSJSONSerialization::JSONObjectWithData(bytes);
-    const auto* source = document ? document->as<JSONObject>() : nullptr;
-    auto rules = source ? rulesOf(*source) : std::nullopt;
+    auto document = platform::NSJSONSerialization::JSONObjectWithData(bytes);
+    auto* source = document ? std::get_if<JSONObject>(&document->value) : nullptr;
+    auto rules = source ? takeRules(*source) : std::nullopt;
     if (!rules) {
         logger.debug("Failed to parse rules file (invalid JSON format)");
         return;
@@ -125,11 +122,13 @@ void TransparentProxyProvider::applyKeysBesidesRules(const JSONObject& source) {
     if (auto blocked = blockedAppsOf(source)) blockedApps.replace(std::move(*blocked));
 }
 
-// The applications that a rule sends anywhere but directly.
-BundleIdSet TransparentProxyProvider::vpnRoutedBundleIds() const {
+// The applications that a rule sends anywhere but directly, less those of `excluded`.
+BundleIdSet TransparentProxyProvider::vpnRoutedBundleIds(const BundleIdSet& excluded) const {
+    const auto rules = routingRules.snapshot();
     BundleIdSet routed;
-    for (const auto& [bundleId, decision] : *routingRules.snapshot())
-        if (decision != "direct") routed.insert(bundleId);
+    routed.reserve(rules->size());
+    for (const auto& [bundleId, decision] : *rules)
+        if (decision != "direct" && !excluded.contains(bundleId)) routed.insert(bundleId);
     return routed;
 }
 

@@ -9,6 +9,8 @@
 
 namespace vantry {
 
+using platform::Logger;
+using platform::LogLevel;
 using platform::NSLockGuard;
 
 namespace {
@@ -37,6 +39,47 @@ const std::string& decisionIn(const RuleTable& rules, const std::string& bundleI
     return rule == rules.end() ? otherwise : rule->second;
 }
 
+// The applications whose decision went from "direct" to any other word. Each side's word without a rule
+// is the present default.
+BundleIdSet directToOther(const RuleTable& oldRules, const RuleTable& newRules,
+                          const std::string& defaultWord, const Logger& logger) {
+    BundleIdSet changed;
+    for (const auto& [bundleId, oldDecision] : oldRules) {
+        if (oldDecision != "direct" && !Logger::isEnabled(LogLevel::debug)) continue;
+        const auto& newDecision = decisionIn(newRules, bundleId, defaultWord);
+        logger.debug("Comparing %{public}s: old=%{public}s new=%{public}s", bundleId, oldDecision,
+                     newDecision);
+        if (oldDecision != "direct" || newDecision == "direct") continue;
+        changed.insert(bundleId);
+        logger.debug("CHANGE direct->vpn: %{public}s", bundleId);
+    }
+    return changed;
+}
+
+// The applications whose decision went from any other word to "direct".
+BundleIdSet otherToDirect(const RuleTable& oldRules, const RuleTable& newRules,
+                          const std::string& defaultWord, const Logger& logger) {
+    BundleIdSet changed;
+    for (const auto& [bundleId, newDecision] : newRules) {
+        if (newDecision != "direct") continue;
+        if (decisionIn(oldRules, bundleId, defaultWord) == "direct") continue;
+        changed.insert(bundleId);
+        logger.debug("CHANGE vpn->direct: %{public}s", bundleId);
+    }
+    return changed;
+}
+
+void logAppearedAndRemoved(const RuleTable& oldRules, const RuleTable& newRules,
+                           const Logger& logger) {
+    if (!Logger::isEnabled(LogLevel::debug)) return;
+    for (const auto& [bundleId, decision] : newRules)
+        if (!oldRules.contains(bundleId))
+            logger.debug("NEW rule appeared: %{public}s -> %{public}s", bundleId, decision);
+    for (const auto& [bundleId, decision] : oldRules)
+        if (!newRules.contains(bundleId))
+            logger.debug("REMOVED rule: %{public}s was %{public}s", bundleId, decision);
+}
+
 }  // namespace
 
 void TransparentProxyProvider::killSessionsForChangedRules(const RuleTable& oldRules,
@@ -44,36 +87,19 @@ void TransparentProxyProvider::killSessionsForChangedRules(const RuleTable& oldR
     logger.debug("killSessionsForChangedRules: oldRules=%ld newRules=%ld", oldRules.size(),
                  newRules.size());
     const auto defaultWord = defaultDecision.snapshot();
-    BundleIdSet changedBundleIds;
-    for (const auto& [bundleId, oldDecision] : oldRules) {
-        const auto& newDecision = decisionIn(newRules, bundleId, *defaultWord);
-        logger.debug("Comparing %{public}s: old=%{public}s new=%{public}s", bundleId, oldDecision,
-                     newDecision);
-        if (oldDecision == "direct" && newDecision != "direct") {
-            changedBundleIds.insert(bundleId);
-            logger.debug("CHANGE direct->vpn: %{public}s", bundleId);
-        }
-    }
-    BundleIdSet vpnToDirectBundleIds;
-    for (const auto& [bundleId, newDecision] : newRules) {
-        if (decisionIn(oldRules, bundleId, *defaultWord) != "direct" && newDecision == "direct") {
-            vpnToDirectBundleIds.insert(bundleId);
-            logger.debug("CHANGE vpn->direct: %{public}s", bundleId);
-        }
-    }
-    for (const auto& [bundleId, decision] : newRules)
-        if (!oldRules.contains(bundleId))
-            logger.debug("NEW rule appeared: %{public}s -> %{public}s", bundleId, decision);
-    for (const auto& [bundleId, decision] : oldRules)
-        if (!newRules.contains(bundleId))
-            logger.debug("REMOVED rule: %{public}s was %{public}s", bundleId, decision);
+    const auto changedBundleIds = directToOther(oldRules, newRules, *defaultWord, logger);
+    const auto vpnToDirectBundleIds = otherToDirect(oldRules, newRules, *defaultWord, logger);
+    logAppearedAndRemoved(oldRules, newRules, logger);
     logger.debug("changedBundleIds count (direct->vpn): %ld", changedBundleIds.size());
 
-    if (changedBundleIds.empty()) {
+    if (changedBundleIds.empty())
         logger.debug("No direct->vpn rule changes detected, skipping session kill");
-        if (!vpnToDirectBundleIds.empty()) flushDeclinedFlows();
-        return;
-    }
+    else
+        killSessions(changedBundleIds);
+    if (!vpnToDirectBundleIds.empty()) flushDeclinedFlows();
+}
+
+void TransparentProxyProvider::killSessions(const BundleIdSet& changedBundleIds) {
     KillList killList;
     {
         const NSLockGuard hold(sessionsLock);
@@ -96,7 +122,6 @@ void TransparentProxyProvider::killSessionsForChangedRules(const RuleTable& oldR
     }
     logger.info("Gracefully killed %ld proxy sessions for %ld changed rules", killList.size(),
                 changedBundleIds.size());
-    if (!vpnToDirectBundleIds.empty()) flushDeclinedFlows();
 }
 
 void TransparentProxyProvider::killSessionsForBlockedApps(const BundleIdSet& newlyBlocked) {
