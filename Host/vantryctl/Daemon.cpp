@@ -49,15 +49,18 @@ Failure connectFailure() {
     return systemFailure("The daemon cannot be reached");
 }
 
-Outcome<FileDescriptor> connectToDaemon() {
-    FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+int connectTo(const char* path, int socket) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, places::messageSocket, sizeof address.sun_path - 1);
+    std::strncpy(address.sun_path, path, sizeof address.sun_path - 1);
+    return connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+}
+
+Outcome<FileDescriptor> connectToDaemon() {
+    FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &longestWait, sizeof longestWait);
     setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &longestWait, sizeof longestWait);
-    if (connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        return connectFailure();
+    if (connectTo(places::messageSocket, socket.get()) != 0) return connectFailure();
     return socket;
 }
 
@@ -139,6 +142,14 @@ Outcome<> postRulesChanged() {
     if (errno == ENOENT) return notRunning();
     if (errno == EACCES || errno == EPERM) return notPermitted();
     return systemFailure("The daemon cannot be notified");
+}
+
+// A connection of the wrong kind: a socket that somebody holds refuses it for that, one that was left
+// behind for having nobody.
+bool isDaemonListening() {
+    const FileDescriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const bool isConnected = connectTo(places::messageSocket, socket.get()) == 0;
+    return isConnected || (errno != ENOENT && errno != ECONNREFUSED);
 }
 
 Outcome<vantry::ExtensionStatus> askForStatus() {

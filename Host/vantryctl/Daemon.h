@@ -15,6 +15,9 @@ namespace vantryctl {
 // be listening or this user may not post.
 Outcome<> postRulesChanged();
 
+// Whether a daemon listens for messages, as far as this user can see. It is not disturbed.
+bool isDaemonListening();
+
 // Each sends one request and waits for its reply, for a bounded time.
 Outcome<vantry::ExtensionStatus> askForStatus();
 Outcome<vantry::ActiveAppsResponse> askForActiveApps();

@@ -198,6 +198,13 @@ std::string daemonText(const Outcome<vantry::ExtensionStatus>& status) {
                                                                         : "cannot be asked";
 }
 
+std::string_view rulesFileText(const StoredSettings& stored) {
+    if (stored.areDefaults()) return "nothing was set yet, the defaults hold";
+    return stored.isRulesFileCurrent()
+               ? "the file says what the settings say"
+               : "the file is missing or says something else: vantryctl reload";
+}
+
 JSONObject statusDocument(const Outcome<vantry::ExtensionStatus>& status,
                           const StoredSettings& stored) {
     JSONObject document;
@@ -210,7 +217,7 @@ JSONObject statusDocument(const Outcome<vantry::ExtensionStatus>& status,
     document["defaultAction"] = stored.settings.defaultAction;
     document["vpnFallback"] = stored.settings.vpnFallback;
     document["directFallback"] = stored.settings.directFallback;
-    document["rulesFileIsCurrent"] = stored.rulesFile == stored.settings;
+    document["rulesFileIsCurrent"] = stored.isRulesFileCurrent();
     return document;
 }
 
@@ -302,15 +309,11 @@ ExitCode showStatus(bool asJSON, const Console& console) {
     if (asJSON) {
         console.out << documentOf(statusDocument(status, stored));
     } else {
-        const bool isCurrent = stored.rulesFile == settings;
         console.out << fmt::format("Daemon    {}\n", daemonText(status))
                     << fmt::format("Settings  {} rules, {} blocked, all others {}\n",
                                    settings.rules.size(), settings.blockedApps.size(),
                                    printable(settings.defaultAction))
-                    << fmt::format("Rules     {}\n",
-                                   isCurrent ? "file says what the settings say"
-                                             : "file is missing or says something else: "
-                                               "vantryctl reload")
+                    << fmt::format("Rules     {}\n", rulesFileText(stored))
                     << fmt::format("VPN       said to be {}; when down: {}\n",
                                    settings.vpnConnected ? "up" : "down",
                                    printable(settings.vpnFallback))

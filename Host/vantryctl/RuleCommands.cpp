@@ -93,9 +93,10 @@ Table ruleTable(const Settings& settings) {
 }
 
 std::string vpnDownText(const Settings& settings) {
-    return settings.vpnFallback == "block"
-               ? "applications with a rule for the VPN are blocked; those without a rule are not"
-               : "applications leave over the system's own route";
+    return settings.vpnFallback == "block" ? "applications with a rule for the VPN are blocked "
+                                             "(TCP, and UDP to port 443); those "
+                                             "without a rule are not"
+                                           : "applications leave over the system's own route";
 }
 
 std::string noInterfaceText(const Settings& settings) {
@@ -115,7 +116,7 @@ void noteFiles(const StoredSettings& stored, const Console& console) {
         console.note(stored.rulesFileProblem + " The daemon cannot use it: vantryctl reload.");
     else if (stored.areInPreferences && !stored.rulesFile)
         console.note("The rules file is missing. vantryctl reload makes it anew.");
-    else if (stored.rulesFile && *stored.rulesFile != stored.settings)
+    else if (!stored.isRulesFileCurrent())
         console.note(
             "The rules file says something else than the preferences, which are shown here: "
             "vantryctl reload.");
@@ -165,13 +166,9 @@ ExitCode setRule(const std::vector<std::string>& applications, const std::string
                 "calls, HTTP/3) stays on the system's own route.");
         else
             say(console,
-                "Its connections stay on the system's own route, the VPN while that is up. When it "
-                "is "
-                "down, they " +
-                    std::string(done.after.vpnFallback == "block"
-                                    ? "are blocked."
-                                    : "leave over what route there is (rules fallback vpn block "
-                                      "changes that)."));
+                "Open direct connections end; new ones take the system's own route, the VPN while "
+                "that is up. When it is down, " +
+                    vpnDownText(done.after) + ".");
         for (const auto& application : applications)
             if (const auto block = blockThatCovers(done.after, application); !block.empty())
                 console.note(fmt::format("{} is blocked, and stays so: vantryctl rules unblock {}",
@@ -212,7 +209,8 @@ ExitCode setDefaultRoute(const std::string& route, const Console& console) {
         else
             say(console,
                 "Applications without a rule stay on the system's own route, the VPN while that is "
-                "up. When it is down they are never blocked: that takes a rule.");
+                "up; direct connections that are open go on. When the VPN is down they are never "
+                "blocked: that takes a rule.");
     });
 }
 
@@ -226,9 +224,10 @@ ExitCode blockApplications(const std::vector<std::string>& applications, const C
     });
     return finish(change, console, [&](const Change&) {
         say(console,
-            "Blocked, with all that is named below it: new TCP and UDP traffic is refused, except "
-            "name look-ups (UDP port 53). Open connections of the direct route and of applications "
-            "with a VPN rule end; others that are open go on.");
+            "Blocked, with all that is named below: new traffic is refused, TCP and UDP, except "
+            "name "
+            "look-ups (UDP port 53). Open connections end, at the latest with what they send "
+            "next.");
         say(console,
             "A program that an application starts is blocked through that application, or under "
             "its "

@@ -211,10 +211,11 @@ void noteForeignRules(const StoredSettings& stored, std::vector<std::string>& no
 
 void tellDaemon(std::vector<std::string>& notes) {
     const auto posted = postRulesChanged();
-    if (const auto* failure = failureOf(posted))
-        notes.push_back(failure->code == ExitCode::daemonNotRunning
-                            ? "The daemon is not running; it reads the settings when it starts."
-                            : failure->what + " " + failure->advice);
+    const auto* failure = failureOf(posted);
+    if (failure != nullptr && failure->code != ExitCode::daemonNotRunning)
+        notes.push_back(failure->what + " " + failure->advice);
+    else if (failure != nullptr || !isDaemonListening())
+        notes.push_back("The daemon is not running; it reads the settings when it starts.");
 }
 
 }  // namespace

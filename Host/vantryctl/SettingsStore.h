@@ -20,6 +20,10 @@ struct StoredSettings {
     bool areInPreferences = false;
     std::optional<Settings> rulesFile;  // what the rules file holds, if it can be used
     std::string rulesFileProblem;       // why it can't be used, if it is there and can't
+
+    // Nothing was ever set.
+    bool areDefaults() const { return !areInPreferences && !rulesFile; }
+    bool isRulesFileCurrent() const { return areDefaults() || rulesFile == settings; }
 };
 
 Outcome<StoredSettings> loadSettings();

@@ -51,6 +51,7 @@ private:
     FolderWatch rulesFolder{"/tmp", [] { return std::nullopt; }, IN_DELETE | IN_MOVED_FROM};
     const NetworkMonitor::Token token = NetworkMonitor::shared().observe(
         [this](const auto&) { eventfd_write(networkChange.get(), 1); });
+    bool areRulesRestored = false;
     std::optional<bool> saidToBeUp;
     std::string lastFailure;
 };
@@ -63,12 +64,14 @@ bool TunnelWatch::succeeded(const Outcome<Change>& outcome) {
     return failure == nullptr;
 }
 
+// Once at the beginning, whatever the rules file says, and then whenever it is missing.
 bool TunnelWatch::restoreRules() {
-    if (!isRulesFileMissing()) return true;
+    if (areRulesRestored && !isRulesFileMissing()) return true;
     const auto restored = restoreRulesFile();
     if (!succeeded(restored)) return false;
+    areRulesRestored = true;
     if (std::get<Change>(restored).isStored)
-        console.out << "The rules file was missing and has been made anew.\n" << std::flush;
+        console.out << "The rules file was made anew from the preferences.\n" << std::flush;
     return true;
 }
 

@@ -25,6 +25,9 @@ namespace {
 // How long the listener rests when no descriptor is left for a new client.
 constexpr std::chrono::milliseconds restWithoutDescriptors{200};
 
+// The order of what the thread waits for; the clients come last.
+enum WaitedFor : std::size_t { stop, answer, newClient, firstClient };
+
 std::optional<sockaddr_un> socketAddress(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -142,12 +145,12 @@ MessageSocket::~MessageSocket() {
 }
 
 void MessageSocket::serve() {
-    while (waitForWork()) {
+    while (serveOneRound()) {
     }
 }
 
-// One round of the thread: waits until something can be done and does it. False at the end.
-bool MessageSocket::waitForWork() {
+// Waits until something can be done and does it. False at the end.
+bool MessageSocket::serveOneRound() {
     const bool isListening = clients.size() < limits.clients && Clock::now() >= listensAgainAt;
     std::vector<pollfd> descriptors{
         {stopSignal.get(), POLLIN, 0},
@@ -163,15 +166,15 @@ bool MessageSocket::waitForWork() {
         numbers.push_back(number);
     }
     if (poll(descriptors.data(), descriptors.size(), millisecondsToWait()) < 0) return true;
-    if (descriptors[0].revents != 0) return false;
+    if (descriptors[WaitedFor::stop].revents != 0) return false;
     for (std::size_t index = 0; index < numbers.size(); ++index) {
-        const short events = descriptors[index + 3].revents;
+        const short events = descriptors[WaitedFor::firstClient + index].revents;
         auto& client = clients.at(numbers[index]);
         if (events != 0 && proceed(numbers[index], client, events) == Fate::ends)
             clients.erase(numbers[index]);
     }
-    if (descriptors[1].revents != 0) takeAnswers();
-    if (descriptors[2].revents != 0) acceptClients();
+    if (descriptors[WaitedFor::answer].revents != 0) takeAnswers();
+    if (descriptors[WaitedFor::newClient].revents != 0) acceptClients();
     dropLateClients();
     return true;
 }

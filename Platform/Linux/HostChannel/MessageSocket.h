@@ -63,7 +63,7 @@ private:
     MessageSocket(std::string path, FileDescriptor listener, Handler handler, Limits limits);
 
     void serve();
-    bool waitForWork();
+    bool serveOneRound();
     int millisecondsToWait() const;
     void acceptClients();
     void takeAnswers();

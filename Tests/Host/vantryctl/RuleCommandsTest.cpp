@@ -7,6 +7,7 @@
 
 #include "Platform/DarwinNotifications.h"
 #include "Platform/Foundation.h"
+#include "Platform/Linux/HostChannel/MessageSocket.h"
 #include "Platform/Linux/HostChannel/SharedFolder.h"
 #include "Tests/Host/vantryctl/ToolTest.h"
 
@@ -71,8 +72,12 @@ TEST_F(RuleCommands, AChangeIsPostedAndNothingToChangeIsNot) {
         },
         rulesChangedNotification, nullptr,
         platform::CFNotificationSuspensionBehavior::deliverImmediately);
-    EXPECT_EQ(runTool({"rules", "set", "a.b", "direct"}).err, "");
+    EXPECT_NE(runTool({"rules", "set", "a.b", "direct"}).err.find("not running"),
+              std::string::npos);
     EXPECT_TRUE(becomesTrue([] { return deliveries == 1; }));
+    int requests = 0;
+    auto daemon = platform::MessageSocket::listenAt(places::messageSocket,
+                                                    [&](auto, auto) { ++requests; }, {});
     const auto again = runTool({"rules", "set", "a.b", "direct"});
     EXPECT_EQ(again.exitCode, 0);
     EXPECT_NE(again.out.find("Nothing to change"), std::string::npos);
@@ -84,6 +89,9 @@ TEST_F(RuleCommands, AChangeIsPostedAndNothingToChangeIsNot) {
     }));
     EXPECT_TRUE(becomesTrue([] { return deliveries == 2; }));
     platform::CFNotificationCenterRemoveEveryObserver(center, &observer);
+    // Looking whether the daemon is there is no message to it.
+    daemon.reset();
+    EXPECT_EQ(requests, 0);
 }
 
 TEST_F(RuleCommands, WhatTheExtensionDoesNotDoIsRefused) {
