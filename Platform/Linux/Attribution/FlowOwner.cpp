@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Platform/Linux/Attribution/ProcessTable.h"
+#include "Platform/Linux/Attribution/ProcessWatch.h"
 #include "Platform/Linux/Attribution/RecentMemory.h"
 #include "Platform/Linux/Attribution/SocketDiagnosis.h"
 #include "Platform/Linux/Attribution/SocketHolders.h"
@@ -79,19 +80,28 @@ ProcessPointer inheritedFrom(ProcessPointer process, int descriptor, const Socke
     return process;
 }
 
+// A process id that was given to another process since is not the user's.
+bool isThatUser(const Process& process, const SocketUser& user) {
+    return process.status.startTime <= user.time;
+}
+
 }  // namespace
 
 // What one look-up needs of the others: connections to the kernel, and what they have found.
 class FlowAttribution::Search {
 public:
+    explicit Search(std::unique_ptr<SocketUsers> notes)
+        : users(std::move(notes)),
+          watch(users ? ProcessWatch::start(ProcessTable::shared()) : nullptr) {}
+
     std::optional<FlowOwner> ownerOf(const FlowTuple& flow) {
         auto diagnosis = borrowDiagnosis();
         const auto socket = diagnosis->find(flow);
         giveBack(std::move(diagnosis));
-        if (!socket) return ownerOfSource(flow);
+        if (!socket) return ownerOfClosedSocket(flow);
 
         auto owner = ownerOf(*socket);
-        if (owner && flow.protocol == IPPROTO_UDP) {
+        if (owner && !users && flow.protocol == IPPROTO_UDP) {
             sources.remember(sourceOf(flow), {*owner, Clock::now()});
         }
         return owner;
@@ -107,18 +117,42 @@ public:
 
 private:
     std::optional<FlowOwner> ownerOf(const SocketFacts& socket) {
+        const bool isHeld = socket.inode != 0;
+        if (isHeld && isSystemAccount(socket.uid)) return systemAccount(socket);
+        if (const auto user = users ? users->userOf(socket.cookie) : std::nullopt) {
+            if (auto owner = ownerByNote(socket, *user)) return owner;
+        }
+        if (isHeld) {
+            if (auto owner = ownerByHolder(socket)) return owner;
+        }
         const auto known = sockets.find(socket.cookie);
-        const auto remembered = known ? std::optional(known->owner) : std::nullopt;
-        if (socket.inode == 0) return remembered;
-        if (isSystemAccount(socket.uid)) return systemAccount(socket);
+        return known ? std::optional(known->owner) : std::nullopt;
+    }
+
+    // The process may have ended; its program is remembered for a while.
+    std::optional<FlowOwner> ownerByNote(const SocketFacts& socket, const SocketUser& user) {
+        auto& processes = ProcessTable::shared();
+        if (const auto running = processes.examine(user.pid)) {
+            return isThatUser(*running, user) ? std::optional(ownerFor(socket, *running))
+                                              : std::nullopt;
+        }
+        if (watch) watch->catchUp();
+        const auto remembered = processes.recall(user.pid);
+        if (!remembered || !isThatUser(*remembered, user)) return std::nullopt;
+        auto ended = *remembered;
+        ended.status.effectiveUserId = user.uid;
+        return ownerFor(socket, ended);
+    }
+
+    std::optional<FlowOwner> ownerByHolder(const SocketFacts& socket) {
+        const auto known = sockets.find(socket.cookie);
         if (known && holdsSocket(known->holder, socket.inode)) {
             if (auto owner = remember(known->holder, socket)) return owner;
         }
-        if (isHeldByNobody(socket)) return remembered;
+        if (isHeldByNobody(socket)) return std::nullopt;
         const auto holder = holders.find(socket.inode, socket.uid);
         if (!holder) nobodys.remember(socket.cookie, Clock::now());
-        auto owner = holder ? remember(*holder, socket) : std::nullopt;
-        return owner ? owner : remembered;
+        return holder ? remember(*holder, socket) : std::nullopt;
     }
 
     std::optional<FlowOwner> remember(const SocketHolder& holder, const SocketFacts& socket) {
@@ -130,8 +164,14 @@ private:
         return owner;
     }
 
-    std::optional<FlowOwner> ownerOfSource(const FlowTuple& flow) {
+    std::optional<FlowOwner> ownerOfClosedSocket(const FlowTuple& flow) {
         if (flow.protocol != IPPROTO_UDP) return std::nullopt;
+        if (users) {
+            const auto user = users->latestUserFor(flow);
+            if (!user) return std::nullopt;
+            const SocketFacts socket{.cookie = user->cookie, .uid = user->uid};
+            return isSystemAccount(user->uid) ? systemAccount(socket) : ownerByNote(socket, *user);
+        }
         const auto known = sources.find(sourceOf(flow));
         const bool isFresh = known && Clock::now() - known->seen <= memoryOfSource;
         return isFresh ? std::optional(known->owner) : std::nullopt;
@@ -157,15 +197,18 @@ private:
         idle.push_back(std::move(diagnosis));
     }
 
+    const std::unique_ptr<SocketUsers> users;
+    const std::unique_ptr<ProcessWatch> watch;
     SocketHolders holders;
     RecentMemory<std::uint64_t, KnownSocket> sockets{rememberedSockets};
     RecentMemory<std::uint64_t, Clock::time_point> nobodys{rememberedSockets};
-    RecentMemory<std::string, KnownSource> sources{rememberedSockets};
-    std::mutex lock;  // guards `idle`
+    RecentMemory<std::string, KnownSource> sources{rememberedSockets};  // for want of notes
+    std::mutex lock;                                                    // guards `idle`
     std::vector<DiagnosisPointer> idle;
 };
 
-FlowAttribution::FlowAttribution() : search(std::make_unique<Search>()) {}
+FlowAttribution::FlowAttribution(std::unique_ptr<SocketUsers> notes)
+    : search(std::make_unique<Search>(std::move(notes))) {}
 FlowAttribution::~FlowAttribution() = default;
 
 std::optional<FlowOwner> FlowAttribution::ownerOf(const FlowTuple& flow) {

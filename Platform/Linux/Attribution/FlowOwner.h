@@ -14,6 +14,7 @@
 
 #include "Platform/Linux/Attribution/AuditToken.h"
 #include "Platform/Linux/Attribution/FlowTuple.h"
+#include "Platform/Linux/Attribution/SocketUsers.h"
 
 namespace platform {
 
@@ -32,7 +33,9 @@ struct FlowOwner {
 
 class FlowAttribution {
 public:
-    FlowAttribution();
+    // Where notes of the kernel are to be had they come first. Without them every socket is
+    // searched for, and a datagram whose socket was closed behind it has no owner.
+    explicit FlowAttribution(std::unique_ptr<SocketUsers> notes = SocketUsers::attach());
     ~FlowAttribution();
     FlowAttribution(const FlowAttribution&) = delete;
     FlowAttribution& operator=(const FlowAttribution&) = delete;

@@ -39,12 +39,28 @@ void dropRemovedMark(const FileDescriptor& process, std::string& path) {
     if (!isNamedSo) path.resize(path.size() - removedMark.size());
 }
 
+std::array<char, 32> folderOf(pid_t pid) {
+    std::array<char, 32> path{"/proc/"};
+    std::to_chars(path.data() + 6, path.data() + path.size() - 1, pid);
+    return path;
+}
+
 }  // namespace
 
 FileDescriptor openProcess(pid_t pid) {
-    std::array<char, 32> path{"/proc/"};
-    std::to_chars(path.data() + 6, path.data() + path.size() - 1, pid);
-    return FileDescriptor(::open(path.data(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    return FileDescriptor(::open(folderOf(pid).data(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+}
+
+std::optional<uid_t> accountOf(pid_t pid) {
+    struct stat folder {};
+    if (::stat(folderOf(pid).data(), &folder) != 0) return std::nullopt;
+    return folder.st_uid;
+}
+
+bool isFirstProcessNamespace() {
+    constexpr ino_t inodeOfFirst = 0xEFFFFFFC;
+    struct stat status {};
+    return ::stat("/proc/self/ns/pid", &status) == 0 && status.st_ino == inodeOfFirst;
 }
 
 std::optional<ProcessStatus> readProcessStatus(const FileDescriptor& process) {

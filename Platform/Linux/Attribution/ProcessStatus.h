@@ -16,6 +16,13 @@ namespace platform {
 // The process's folder, open. It belongs to this process only: reads fail once it has ended.
 FileDescriptor openProcess(pid_t pid);
 
+// The account that a process runs under; nothing if there is no such process.
+std::optional<uid_t> accountOf(pid_t pid);
+
+// True if our process ids are those of the machine's first namespace, by which the kernel goes where
+// it tells of all processes.
+bool isFirstProcessNamespace();
+
 // The fields that tell one program in one process from another.
 struct ProcessStatus {
     pid_t parentPid = 0;

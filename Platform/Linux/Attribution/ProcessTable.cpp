@@ -11,6 +11,7 @@
 #include "Platform/Linux/Attribution/BundleIdentifiers.h"
 #include "Platform/Linux/Attribution/ControlGroupApplication.h"
 #include "Platform/Linux/Attribution/PathText.h"
+#include "Platform/Linux/Attribution/SystemAccounts.h"
 #include "Platform/Linux/Attribution/VirtualBundle.h"
 
 namespace platform {
@@ -29,6 +30,9 @@ constexpr auto memoryOfEnded = 30s;
 constexpr std::size_t entryLimit = 4096;
 // A process further below an application than this is its own program: the walk up has to end.
 constexpr int deepestGeneration = 64;
+
+// How many forks without an exec lie between a process that was not seen and one that was.
+constexpr int deepestFork = 4;
 
 // In a user namespace without the machine's root, root's files look like nobody's.
 uid_t readRootAsSeenHere() {
@@ -82,28 +86,56 @@ ProcessTable& ProcessTable::shared() {
 
 std::shared_ptr<const Process> ProcessTable::examine(pid_t pid) { return examine(pid, 0); }
 
-std::shared_ptr<const Process> ProcessTable::recall(pid_t pid) {
+std::shared_ptr<const Process> ProcessTable::recall(pid_t pid) { return recall(pid, 0); }
+
+std::shared_ptr<const Process> ProcessTable::recall(pid_t pid, int generation) {
     const auto known = find(pid);
     const auto age = Clock::now() - known.confirmed;
     if (known.process && age <= recallLifetime) return known.process;
     if (auto process = examine(pid)) return process;
-    return known.process && age <= memoryOfEnded ? known.process : nullptr;
+    if (known.process && age <= memoryOfEnded) return known.process;
+    return likeItsParent(pid, generation);
+}
+
+std::shared_ptr<const Process> ProcessTable::likeItsParent(pid_t pid, int generation) {
+    const auto parentPid = parents.find(pid);
+    if (!parentPid || generation >= deepestFork) return nullptr;
+    const auto parent = recall(*parentPid, generation + 1);
+    if (!parent) return nullptr;
+    auto process = std::make_shared<Process>(*parent);
+    const bool isOfApplication = parent->kind != ProcessKind::ordinaryProgram;
+    process->pid = pid;
+    process->status.parentPid = *parentPid;
+    process->shownParentPid = isOfApplication ? *parentPid : 1;
+    return process;
+}
+
+void ProcessTable::noteFork(pid_t child, pid_t parent, Clock::time_point when) {
+    parents.remember(child, parent);
+    forgetOlder(child, when);
+}
+
+void ProcessTable::noteExec(pid_t pid, Clock::time_point when) {
+    parents.forget(pid);
+    forgetOlder(pid, when);
+    const auto account = accountOf(pid);
+    if (account && !isSystemAccount(*account)) examine(pid);
 }
 
 std::shared_ptr<const Process> ProcessTable::examine(pid_t pid, int generation) {
     if (pid <= 0 || generation > deepestGeneration) return nullptr;
+    const auto now = Clock::now();
     const auto folder = openProcess(pid);
     const auto status = readProcessStatus(folder);
     if (!status) return nullptr;
     auto known = find(pid);
-    const auto now = Clock::now();
     if (known.process && known.process->status == *status &&
         now - known.classified <= placeLifetime) {
-        return store(std::move(known.process), known.classified);
+        return store(std::move(known.process), known.classified, now);
     }
     auto process = classify(pid, *status, folder, generation);
     if (process.signingIdentifier.empty()) return nullptr;
-    return store(std::make_shared<const Process>(std::move(process)), now);
+    return store(std::make_shared<const Process>(std::move(process)), now, now);
 }
 
 Process ProcessTable::classify(pid_t pid, const ProcessStatus& status, const FileDescriptor& folder,
@@ -145,12 +177,18 @@ ProcessTable::Entry ProcessTable::find(pid_t pid) {
 }
 
 std::shared_ptr<const Process> ProcessTable::store(std::shared_ptr<const Process> process,
-                                                   Clock::time_point classified) {
-    const auto now = Clock::now();
+                                                   Clock::time_point classified,
+                                                   Clock::time_point confirmed) {
     const std::lock_guard guard(lock);
-    if (entries.size() >= entryLimit) makeRoom(now);
-    entries.insert_or_assign(process->pid, Entry{process, classified, now});
+    if (entries.size() >= entryLimit) makeRoom(confirmed);
+    entries.insert_or_assign(process->pid, Entry{process, classified, confirmed});
     return process;
+}
+
+void ProcessTable::forgetOlder(pid_t pid, Clock::time_point when) {
+    const std::lock_guard guard(lock);
+    const auto known = entries.find(pid);
+    if (known != entries.end() && known->second.confirmed < when) entries.erase(known);
 }
 
 void ProcessTable::makeRoom(Clock::time_point now) {

@@ -15,6 +15,7 @@
 
 #include "Platform/Linux/Attribution/AuditToken.h"
 #include "Platform/Linux/Attribution/ProcessStatus.h"
+#include "Platform/Linux/Attribution/RecentMemory.h"
 
 namespace platform {
 
@@ -49,11 +50,20 @@ public:
     std::shared_ptr<const Process> examine(pid_t pid);
 
     // The same for a caller that was led to `pid` by an earlier answer: one that is a moment old
-    // serves, and so does the last one for a process that has ended meanwhile.
+    // serves, and so does the last one for a process that has ended meanwhile. A process that ended
+    // without having been seen is what it was forked from.
     std::shared_ptr<const Process> recall(pid_t pid);
 
-private:
     using Clock = std::chrono::steady_clock;
+
+    // A new process has come into being. What an older one of the same id was is forgotten. The word
+    // of it may come late, hence the moment when it happened.
+    void noteFork(pid_t child, pid_t parent, Clock::time_point when);
+
+    // A process runs another program, which has nothing in common with what it was forked from.
+    void noteExec(pid_t pid, Clock::time_point when);
+
+private:
     struct Entry {
         std::shared_ptr<const Process> process;
         Clock::time_point classified;  // when its place among the applications was looked up
@@ -61,15 +71,19 @@ private:
     };
 
     std::shared_ptr<const Process> examine(pid_t pid, int generation);
+    std::shared_ptr<const Process> recall(pid_t pid, int generation);
+    std::shared_ptr<const Process> likeItsParent(pid_t pid, int generation);
     Entry find(pid_t pid);
     std::shared_ptr<const Process> store(std::shared_ptr<const Process> process,
-                                         Clock::time_point classified);
+                                         Clock::time_point classified, Clock::time_point confirmed);
     Process classify(pid_t pid, const ProcessStatus& status, const FileDescriptor& folder,
                      int generation);
+    void forgetOlder(pid_t pid, Clock::time_point when);
     void makeRoom(Clock::time_point now);
 
     std::mutex lock;  // guards `entries`; held for table work only
     std::unordered_map<pid_t, Entry> entries;
+    RecentMemory<pid_t, pid_t> parents{4096};
 };
 
 }  // namespace platform

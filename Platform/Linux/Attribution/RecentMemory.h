@@ -30,6 +30,12 @@ public:
         young.insert_or_assign(key, std::move(value));
     }
 
+    void forget(const Key& key) {
+        const std::lock_guard guard(lock);
+        young.erase(key);
+        old.erase(key);
+    }
+
 private:
     using Generation = std::unordered_map<Key, Value>;
     const std::size_t generationSize;

@@ -3,7 +3,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/kcmp.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -18,6 +17,7 @@
 #include <string_view>
 #include <unordered_set>
 
+#include "Platform/Linux/Attribution/ProcessStatus.h"
 #include "Platform/Linux/FileDescriptor.h"
 
 namespace platform {
@@ -125,15 +125,6 @@ std::optional<SocketHolder> searchLow(pid_t pid, const SocketLink& socket) {
         if (const auto holder = searchAt(pid, descriptor, socket)) return holder;
     }
     return std::nullopt;
-}
-
-// The account that a process runs under; none if there is no such process.
-std::optional<uid_t> accountOf(pid_t pid) {
-    Path path;
-    std::snprintf(path.data(), path.size(), "/proc/%d", pid);
-    struct stat status {};
-    if (::stat(path.data(), &status) != 0) return std::nullopt;
-    return status.st_uid;
 }
 
 // /proc answers for threads under their own numbers too.

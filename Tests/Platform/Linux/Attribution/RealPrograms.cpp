@@ -88,6 +88,14 @@ void RunningProgram::end() {
     child = -1;
 }
 
+void RunningProgram::letEnd() {
+    // A process that is about to stop itself must have done so first.
+    ::waitpid(child, nullptr, WUNTRACED);
+    ::kill(child, SIGCONT);
+    ::waitpid(child, nullptr, 0);
+    child = -1;
+}
+
 std::string readyAs(std::string_view pid) {
     return "echo ready " + std::string(pid) + "; kill -STOP " + std::string(pid) + "; :";
 }

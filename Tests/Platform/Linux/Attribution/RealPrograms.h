@@ -56,6 +56,9 @@ public:
     // Kills the process, and the named one, and waits for it.
     void end();
 
+    // Lets a stopped process go on, and waits until it has ended by itself.
+    void letEnd();
+
 private:
     void start(const std::function<void(int)>& body);
 
