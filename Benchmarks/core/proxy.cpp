@@ -8,25 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "Extension/TransparentProxyProvider.h"
 #include "Platform/Logging.h"
 #include "Platform/Simulated/World.h"
+#include "Tests/Extension/TransparentProxyProvider/ProxyProbe.h"
 
 namespace vantry {
-
-class ProxyProbe {
-public:
-    static std::string decision(const TransparentProxyProvider& proxy, std::string_view bundleId) {
-        return proxy.getRoutingDecision(bundleId);
-    }
-    static std::string resolve(TransparentProxyProvider& proxy, const std::string& bundleId) {
-        return proxy.resolveParentBundleId(bundleId, std::nullopt);
-    }
-    static bool isVpnClient(const TransparentProxyProvider& proxy, std::string_view bundleId) {
-        return proxy.isProtectedVpnClient(bundleId);
-    }
-    static void loadFile(TransparentProxyProvider& proxy) { proxy.loadRulesFromSharedFile(); }
-};
 
 namespace {
 
@@ -58,18 +44,16 @@ struct Machine {
         world.setInterfaceAddresses({{"en0", "10.0.0.2"}, {"utun0", "10.8.0.2"}});
         world.start();
     }
-    TransparentProxyProvider& proxy() {
-        return static_cast<TransparentProxyProvider&>(*world.proxy());
-    }
     World world;
+    ProxyProbe proxy{*world.proxy()};
 };
 
 void sizes(benchmark::internal::Benchmark* benchmark) { benchmark->Arg(10)->Arg(100'000); }
 
 void getRoutingDecision(benchmark::State& state, const char* bundleId) {
     Machine machine(state.range(0));
-    auto& proxy = machine.proxy();
-    for (auto _ : state) benchmark::DoNotOptimize(ProxyProbe::decision(proxy, bundleId));
+    const auto& proxy = machine.proxy;
+    for (auto _ : state) benchmark::DoNotOptimize(proxy.getRoutingDecision(bundleId));
 }
 BENCHMARK_CAPTURE(getRoutingDecision, exactHit, "org.vpn.app")->Apply(sizes);
 BENCHMARK_CAPTURE(getRoutingDecision, parentHit, "org.vpn.app.helper")->Apply(sizes);
@@ -77,8 +61,8 @@ BENCHMARK_CAPTURE(getRoutingDecision, miss, "net.stranger.tool.agent")->Apply(si
 
 void resolveParentBundleId(benchmark::State& state, const std::string& bundleId) {
     Machine machine(state.range(0));
-    auto& proxy = machine.proxy();
-    for (auto _ : state) benchmark::DoNotOptimize(ProxyProbe::resolve(proxy, bundleId));
+    const auto& proxy = machine.proxy;
+    for (auto _ : state) benchmark::DoNotOptimize(proxy.resolveParentBundleId(bundleId));
 }
 BENCHMARK_CAPTURE(resolveParentBundleId, hit, std::string("org.vpn.app"))->Apply(sizes);
 BENCHMARK_CAPTURE(resolveParentBundleId, stripped, std::string("org.vpn.app.helper"))->Apply(sizes);
@@ -87,9 +71,9 @@ BENCHMARK_CAPTURE(resolveParentBundleId, miss, std::string("net.stranger.tool.ag
 
 void isProtectedVpnClientMiss(benchmark::State& state) {
     Machine machine(10);
-    auto& proxy = machine.proxy();
+    const auto& proxy = machine.proxy;
     for (auto _ : state)
-        benchmark::DoNotOptimize(ProxyProbe::isVpnClient(proxy, "net.stranger.tool.agent"));
+        benchmark::DoNotOptimize(proxy.isProtectedVpnClient("net.stranger.tool.agent"));
 }
 BENCHMARK(isProtectedVpnClientMiss);
 
@@ -121,8 +105,8 @@ BENCHMARK_CAPTURE(handleNewFlowOfBoth, claimed, std::string("org.direct.app"))->
 
 void loadRulesFromSharedFile(benchmark::State& state) {
     Machine machine(state.range(0));
-    auto& proxy = machine.proxy();
-    for (auto _ : state) ProxyProbe::loadFile(proxy);
+    const auto& proxy = machine.proxy;
+    for (auto _ : state) proxy.loadRulesFromSharedFile();
 }
 BENCHMARK(loadRulesFromSharedFile)->Arg(100'000)->Unit(benchmark::kMillisecond);
 
@@ -144,7 +128,7 @@ void handleRulesChangedNotification(benchmark::State& state) {
         isDirect = !isDirect;
         world.files.put(rulesFile, rules(state.range(0), isDirect ? "direct" : "vpn"));
         state.ResumeTiming();
-        machine.proxy().handleRulesChangedNotification();
+        static_cast<TransparentProxyProvider&>(*world.proxy()).handleRulesChangedNotification();
         state.PauseTiming();
         world.runUntilIdle();
         state.ResumeTiming();

@@ -7,25 +7,10 @@
 #include <set>
 
 #include "Extension/ipc/ActivityLogResponseIPC.h"
+#include "Tests/Extension/TransparentProxyProvider/ProxyProbe.h"
 #include "Tests/Extension/TransparentProxyProvider/ProxyTest.h"
 
 namespace vantry {
-
-// What the random stories look at inside the provider.
-class ProxyProbe {
-public:
-    static std::size_t sessions(TransparentProxyProvider& proxy) {
-        const platform::NSLockGuard hold(proxy.sessionsLock);
-        return proxy.activeSessions.size();
-    }
-    static std::size_t logLength(TransparentProxyProvider& proxy) {
-        const platform::NSLockGuard hold(proxy.activityLogLock);
-        return proxy.activityLog.size();
-    }
-    static bool isFlushing(const TransparentProxyProvider& proxy) {
-        return proxy.isFlushingDeclinedFlows;
-    }
-};
 
 namespace {
 
@@ -124,6 +109,39 @@ TEST_F(ProxyStory, TheVpnFallsAndRisesUnderEachFallback) {
     EXPECT_TRUE(open().lastOffer().watched());
 }
 
+TEST_F(ProxyStory, AStopWithKillsPendingAndThenANewStart) {
+    changeRules(R"({"rules":{"com.example.App":"direct"}})");
+    std::vector<Flow> old{open(), open(), open()};
+    changeRules(R"({"rules":{"com.example.App":"vpn"}})");
+    changeRules(R"({"rules":{"com.example.App":"direct"}})");
+    auto kept = open();
+    world.stopProxy();
+    ASSERT_TRUE(world.start());
+    auto fresh = open();
+    world.runToEnd();
+    for (const auto& flow : old) EXPECT_TRUE(flow.isClosedOnceWith(reset));
+    EXPECT_TRUE(kept.isClosedOnceCleanly());
+    EXPECT_FALSE(fresh.isClosed());
+    EXPECT_EQ(ProxyProbe(*world.proxy()).sessions(), 1u);
+}
+
+TEST_F(ProxyStory, TheInterfaceIsLostAndFound) {
+    changeRules(R"({"rules":{"com.example.App":"direct"},"directFallback":"block"})");
+    auto before = open();
+    world.setPath({{"utun0", NWInterface::InterfaceType::other}});
+    world.runUntilIdle();
+    auto without = open();
+    EXPECT_TRUE(without.isClaimed());
+    EXPECT_TRUE(without.isClosedOnceCleanly());
+    changeRules(R"({"rules":{"com.example.App":"direct"},"directFallback":"vpn"})");
+    EXPECT_FALSE(open().isClaimed());
+    EXPECT_FALSE(before.isClosed());
+    world.setPath({{"en1", NWInterface::InterfaceType::wiredEthernet}});
+    world.runUntilIdle();
+    open();
+    EXPECT_EQ(world.network.connections().back()->requiredInterface()->name(), "en1");
+}
+
 TEST_F(ProxyStory, AFlushShowsADeclinedFlowOnceMore) {
     auto flow = open();
     EXPECT_TRUE(flow.lastOffer().allowed());
@@ -168,12 +186,14 @@ public:
         world.setPath({{"en0", NWInterface::InterfaceType::wifi}});
         world.startFilter();
         world.startProxy();
+        isRunning = true;
     }
     void step() {
         switch (world.draw(16)) {
             case 0:
-            case 1:
                 return changeRules();
+            case 1:
+                return changeRulesAndCheckTheSets();
             case 2:
                 return world.setPath(anyPath());
             case 3:
@@ -192,7 +212,8 @@ public:
             case 6:
                 if (world.draw(4) != 0) return;
                 world.stopProxy();
-                if (world.draw(4) != 0) world.startProxy();
+                isRunning = world.draw(4) != 0;
+                if (isRunning) world.startProxy();
                 return;
             case 7:
             case 8:
@@ -208,10 +229,10 @@ public:
 
     // What holds at the end, when nothing is under way any more and the proxy has stopped.
     void checkEnd() {
-        auto& proxy = static_cast<TransparentProxyProvider&>(*world.proxy());
-        EXPECT_EQ(ProxyProbe::sessions(proxy), 0u);
-        EXPECT_FALSE(ProxyProbe::isFlushing(proxy));
-        EXPECT_LE(ProxyProbe::logLength(proxy), 500u);
+        const ProxyProbe proxy(*world.proxy());
+        EXPECT_EQ(proxy.sessions(), 0u);
+        EXPECT_FALSE(proxy.isFlushing());
+        EXPECT_LE(proxy.logLength(), 500u);
         for (const auto& flow : flows) {
             const auto record = flow.record();
             EXPECT_LE(record.opens, 1);
@@ -229,12 +250,21 @@ public:
     }
     // What holds between any two events.
     void checkNow() {
-        auto& proxy = static_cast<TransparentProxyProvider&>(*world.proxy());
-        EXPECT_LE(ProxyProbe::logLength(proxy), 500u);
+        const ProxyProbe proxy(*world.proxy());
+        EXPECT_LE(proxy.logLength(), 500u);
         std::size_t open = 0;
         for (const auto& flow : flows)
             if (flow.isClaimed() && !flow.isClosed()) ++open;
-        EXPECT_LE(ProxyProbe::sessions(proxy), open);
+        EXPECT_LE(proxy.sessions(), open);
+    }
+
+    // Once every kill's slot and every wait has passed, the table holds exactly the sessions that live.
+    void checkTable() {
+        world.advance(90);
+        const auto live = std::ranges::count_if(
+            flows, [](const Flow& flow) { return flow.isClaimed() && !flow.isClosed(); });
+        const ProxyProbe proxy(*world.proxy());
+        EXPECT_EQ(proxy.sessions(), static_cast<std::size_t>(live));
     }
 
 private:
@@ -267,6 +297,24 @@ private:
         world.files.put(rulesFile, anyFile());
         world.post(rulesChanged);
     }
+    // The coordinator's sets are what the provider's fields say after a delivery, whatever the load did.
+    void changeRulesAndCheckTheSets() {
+        world.runUntilIdle();
+        changeRules();
+        world.runUntilIdle();
+        if (!isRunning) return;
+        const ProxyProbe proxy(*world.proxy());
+        const auto rules = proxy.rules();
+        const auto blocked = proxy.blocked();
+        const auto& coordinator = FlowKillCoordinator::shared();
+        for (const auto* name : {"com.example.A", "com.example.B", "com.example.C"}) {
+            const auto rule = rules->find(name);
+            const bool isRouted = rule != rules->end() && rule->second != "direct";
+            EXPECT_EQ(coordinator.shouldBlockFlow(name), blocked->contains(name)) << name;
+            EXPECT_EQ(coordinator.shouldMonitorFlow(name), isRouted && !blocked->contains(name))
+                << name;
+        }
+    }
     void openAFlow() {
         const auto& app = apps[world.draw(apps.size())];
         auto flow = world.flow(
@@ -295,6 +343,7 @@ private:
     World& world;
     std::vector<Process> apps;
     std::vector<Flow> flows;
+    bool isRunning = false;
 };
 
 TEST(ProxyExploration, RandomStoriesKeepTheirInvariants) {
@@ -309,6 +358,7 @@ TEST(ProxyExploration, RandomStoriesKeepTheirInvariants) {
             if (world.draw(4) == 0) world.advance(static_cast<double>(world.draw(40)) / 10);
             mixture.checkNow();
         }
+        mixture.checkTable();
         mixture.finish();
         mixture.checkEnd();
     }));
@@ -358,8 +408,8 @@ TEST(ProxyExploration, EverythingAtOnceOnThreads) {
             world.runUntilIdle();
             world.stopProxy();
             world.runToEnd();
-            auto& proxy = static_cast<TransparentProxyProvider&>(*world.proxy());
-            EXPECT_EQ(ProxyProbe::sessions(proxy), 0u);
+            const ProxyProbe proxy(*world.proxy());
+            EXPECT_EQ(proxy.sessions(), 0u);
             for (const auto& flow : flows) {
                 if (!flow.isClaimed()) continue;
                 EXPECT_TRUE(flow.isClosedOnceCleanly() || flow.isClosedOnceWith(reset));

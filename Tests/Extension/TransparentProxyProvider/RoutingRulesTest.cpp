@@ -1,29 +1,17 @@
 // The decision by itself. A flow's identifier has mostly been resolved to one with a rule of its own
 // by the time that its decision is asked for, so the later steps are asked for directly.
 
+#include "Tests/Extension/TransparentProxyProvider/ProxyProbe.h"
 #include "Tests/Extension/TransparentProxyProvider/ProxyTest.h"
 
 namespace vantry {
-
-class ProxyProbe {
-public:
-    static std::string getRoutingDecision(const TransparentProxyProvider& proxy,
-                                          std::string_view bundleId) {
-        return proxy.getRoutingDecision(bundleId);
-    }
-    static bool hasKnownRule(const TransparentProxyProvider& proxy, std::string_view bundleId) {
-        return proxy.hasKnownRule(bundleId);
-    }
-};
 
 namespace {
 
 class RoutingRulesTest : public ProxyTest {
 protected:
     void SetUp() override { ASSERT_TRUE(world.start()); }
-    const TransparentProxyProvider& proxy() {
-        return static_cast<const TransparentProxyProvider&>(*world.proxy());
-    }
+    ProxyProbe proxy() { return ProxyProbe(*world.proxy()); }
 };
 
 struct Expectation {
@@ -65,7 +53,7 @@ TEST_F(RoutingRulesTest, AnswersInTheOrderOfItsSteps) {
         changeRules(R"({"rules":{},"defaultAction":"vpn","blockedApps":[]})");
         changeRules(test.rules);
         for (const auto& [bundleId, decision] : test.expectations)
-            EXPECT_EQ(ProxyProbe::getRoutingDecision(proxy(), bundleId), decision)
+            EXPECT_EQ(proxy().getRoutingDecision(bundleId), decision)
                 << bundleId << " under " << test.rules;
     }
 }
@@ -73,9 +61,9 @@ TEST_F(RoutingRulesTest, AnswersInTheOrderOfItsSteps) {
 TEST_F(RoutingRulesTest, OnlyTheExactIdentifierIsKnown) {
     changeRules(R"({"rules":{"org.acme.mail":"vpn"},"blockedApps":["a.b"]})");
     for (const auto* known : {"org.acme.mail", "a.b"})
-        EXPECT_TRUE(ProxyProbe::hasKnownRule(proxy(), known)) << known;
+        EXPECT_TRUE(proxy().hasKnownRule(known)) << known;
     for (const auto* unknown : {"org.acme.mail.agent", "org.acme", "a.b.c", ""})
-        EXPECT_FALSE(ProxyProbe::hasKnownRule(proxy(), unknown)) << unknown;
+        EXPECT_FALSE(proxy().hasKnownRule(unknown)) << unknown;
 }
 
 }  // namespace
