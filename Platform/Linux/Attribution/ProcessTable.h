@@ -20,10 +20,17 @@
 namespace platform {
 
 enum class ProcessKind {
-    bundle,              // its executable lies in a real bundle
-    desktopApplication,  // it runs in the control group of a desktop application
-    applicationPart,     // neither, but a descendant of one of those two
-    ordinaryProgram      // anything else
+    // Its executable lies in a real bundle. It is signed as the innermost bundle around it, as a
+    // helper is, while its path leads to the outermost one: rules find either.
+    bundle,
+    // It runs in the control group of a desktop application, and is that application.
+    desktopApplication,
+    // Neither, but a descendant of one of those two. Signed with its file name, it lives in no bundle
+    // and follows its application by its parents.
+    applicationPart,
+    // Anything else, named by its executable. A script is its interpreter: that is the program the
+    // kernel runs, and what a script calls itself is the script's own choice.
+    ordinaryProgram
 };
 
 struct Process {
