@@ -42,12 +42,12 @@ bool bindTo(int socket, const std::string& path) {
            bind(socket, reinterpret_cast<const sockaddr*>(&*address), sizeof *address) == 0;
 }
 
-// The mode keeps strangers out already at their connect; each peer is checked all the same.
+// The mode keeps strangers out already at their connect; each peer is checked all the same. Where the
+// socket cannot be given to the group, it stays its owner's.
 bool openToTrustedGroup(const std::string& path) {
     const auto group = trustedGroup();
-    if (!group) return chmod(path.c_str(), 0600) == 0;
-    return chown(path.c_str(), static_cast<uid_t>(-1), *group) == 0 &&
-           chmod(path.c_str(), 0660) == 0;
+    const bool isGroups = group && chown(path.c_str(), static_cast<uid_t>(-1), *group) == 0;
+    return chmod(path.c_str(), isGroups ? 0660 : 0600) == 0;
 }
 
 // Prepared under another name and moved to its own: the socket is never there with another mode or

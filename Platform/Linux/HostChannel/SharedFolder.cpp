@@ -25,11 +25,12 @@ std::string unusable(const std::string& path, const char* what) {
     return "The folder " + path + " cannot be used: " + what;
 }
 
+// A process that may not give the group its folder, as in a namespace that doesn't know the group,
+// keeps it for itself.
 bool giveToGroup(int folder, const struct stat& present, std::optional<gid_t> group) {
-    if (!group) return fchmod(folder, ownerFolderMode) == 0;
-    if (present.st_gid != *group && fchown(folder, static_cast<uid_t>(-1), *group) != 0)
-        return false;
-    return fchmod(folder, groupFolderMode) == 0;
+    const bool isGroups =
+        group && (present.st_gid == *group || fchown(folder, static_cast<uid_t>(-1), *group) == 0);
+    return fchmod(folder, isGroups ? groupFolderMode : ownerFolderMode) == 0;
 }
 
 bool isAsAsked(const struct stat& present, FolderAccess access, std::optional<gid_t> group) {

@@ -13,7 +13,8 @@ enum class FolderAccess {
 };
 
 // Makes the folder if it is missing and gives it the owner group and the mode that `access` asks
-// for. A folder that belongs to somebody who is not trusted, or a link in its place, is left alone.
+// for; without a trusted group, or where this process may not give it the folder, it is the owner's
+// alone. A folder that belongs to somebody who is not trusted, or a link in its place, is left alone.
 // False if the folder cannot be used as asked, with one line that says why. Any thread.
 bool makeSharedFolder(const std::string& path, FolderAccess access);
 

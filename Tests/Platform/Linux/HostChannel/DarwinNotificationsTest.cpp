@@ -208,6 +208,12 @@ TEST_F(DarwinNotifications, AFolderOfAStrangerIsLeftAlone) {
     ASSERT_EQ(stat("/run/ours", &made), 0);
     EXPECT_EQ(made.st_mode & 07777, 02770U);
     EXPECT_EQ(made.st_gid, vantryGroupId);
+    // Whoever may not give the group a folder keeps it.
+    EXPECT_TRUE(succeedsAs(strangerAccount, {}, [] {
+        struct stat kept {};
+        return makeSharedFolder("/tmp/kept", FolderAccess::trustedGroupOnly) &&
+               stat("/tmp/kept", &kept) == 0 && (kept.st_mode & 07777) == 0700;
+    }));
 }
 
 }  // namespace
