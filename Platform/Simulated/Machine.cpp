@@ -29,6 +29,7 @@ Machine::~Machine() { end(); }
 void Machine::end() {
     ending = true;
     scheduler.end();
+    network.end();
     providers.letGoOfProxy();
     providers.letGoOfFilter();
 }

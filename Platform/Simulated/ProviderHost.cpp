@@ -207,9 +207,9 @@ Outcome ProviderHost::stopFilter(NEProviderStopReason reason) {
     return outcome;
 }
 
-Outcome ProviderHost::startProxy(std::optional<JSONObject> options) {
+Outcome ProviderHost::startProxy(const std::optional<JSONObject>& options) {
     Outcome outcome;
-    proxy()->startProxy(std::move(options), completionFor(outcome, "startProxy"));
+    proxy()->startProxy(options, completionFor(outcome, "startProxy"));
     checkNoLockIsHeld("startProxy");
     return outcome;
 }

@@ -122,7 +122,7 @@ public:
     // The platform's calls, on the caller's thread. The outcome comes when the provider answers.
     Outcome startFilter();
     Outcome stopFilter(NEProviderStopReason reason);
-    Outcome startProxy(std::optional<JSONObject> options);
+    Outcome startProxy(const std::optional<JSONObject>& options);
     Outcome stopProxy(NEProviderStopReason reason);
     Outcome sleep();
     void wake();

@@ -142,6 +142,16 @@ std::vector<std::shared_ptr<Connection>> Network::connections() const {
     return made;
 }
 
+void Network::end() {
+    for (const auto& connection : connections()) connection->letGo();
+    std::vector<std::shared_ptr<NWPathMonitor::Implementation>> monitorsNow;
+    {
+        const MutexGuard guard(mutex);
+        monitorsNow = running;
+    }
+    for (const auto& monitor : monitorsNow) monitor->letGo();
+}
+
 void Network::connectionIsMade(const std::shared_ptr<Connection>& connection) {
     const MutexGuard guard(mutex);
     made.push_back(connection);

@@ -113,6 +113,9 @@ public:
     // Every connection that was made, in order, started or not.
     std::vector<std::shared_ptr<Connection>> connections() const;
 
+    // Lets go of what connections and monitors hold; for the end of a world.
+    void end();
+
     // The core's side.
     struct Outcome {
         Reachability reachability = Reachability::accepts;

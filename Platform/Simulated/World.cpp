@@ -1,5 +1,6 @@
 #include "Platform/Simulated/World.h"
 
+#include <atomic>
 #include <cstdlib>
 
 #include "Platform/Simulated/Contracts.h"
@@ -7,7 +8,10 @@
 namespace platform::simulated {
 namespace {
 
+std::atomic<bool> aWorldLives = false;
+
 Machine& freshMachine(const Options& options) {
+    if (aWorldLives.exchange(true)) breach("a world is made while another one lives");
     replaceMachine(options);
     return machine();
 }
@@ -44,6 +48,7 @@ World::~World() {
     machine().end();
     if (interfaces.listsOutstanding() > 0)
         breach("a list of getifaddrs was never given to freeifaddrs");
+    aWorldLives = false;
 }
 
 void World::later(Completion<> work, double seconds) {

@@ -92,8 +92,8 @@ public:
     std::shared_ptr<NETransparentProxyProvider> proxy() { return providers.proxy(); }
     std::shared_ptr<NEFilterDataProvider> filter() { return providers.filter(); }
     Outcome startFilter() { return providers.startFilter(); }
-    Outcome startProxy(std::optional<JSONObject> options = {}) {
-        return providers.startProxy(std::move(options));
+    Outcome startProxy(const std::optional<JSONObject>& options = {}) {
+        return providers.startProxy(options);
     }
     // Starts the filter and then the proxy and lets everything settle. True if both said that they
     // started.

@@ -126,24 +126,24 @@ TEST_F(ConnectionTest, OddReceivesComeAsScripted) {
     EXPECT_EQ(relay.take(), "tail! ");
 }
 
-TEST_F(ConnectionTest, ACancelCompletesWhatIsOutstandingThenGivesTheFinalStateThenNothing) {
+TEST(Connection, ACancelCompletesWhatIsOutstandingThenGivesTheFinalStateThenNothing) {
     for (std::uint64_t seed = 1; seed <= 50; ++seed) {
-        World drawn({.order = Order::drawn, .seed = seed});
-        auto slow = drawn.peer("peer", 443);
+        World world({.order = Order::drawn, .seed = seed});
+        auto slow = world.peer("peer", 443);
         slow.stopsReading();
         Relay relay;
         relay.connection->start(pool);
-        drawn.runUntilIdle();
+        world.runUntilIdle();
         relay.send("x");
         relay.receive();
         relay.connection->cancel();
         relay.connection->cancel();
         EXPECT_EQ(relay.events, "") << "nothing runs inside the call";
-        drawn.runUntilIdle();
+        world.runUntilIdle();
         EXPECT_THAT(relay.take(), testing::AnyOf("unsent ! cancelled ", "! unsent cancelled "));
         slow.sends("late");
         slow.makesWaiting(broken);
-        drawn.advance(100);
+        world.advance(100);
         EXPECT_EQ(relay.take(), "");
     }
 }

@@ -1,6 +1,7 @@
 #include <arpa/inet.h>
 
 #include <array>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "Platform/DarwinNotifications.h"
+#include "Platform/Dispatch.h"
 #include "Platform/InterfaceAddresses.h"
 #include "Platform/LibProc.h"
 #include "Platform/Simulated/Contracts.h"
@@ -221,6 +223,18 @@ TEST(Extension, IsStartedFilterFirst) {
     world.runUntilIdle();
     EXPECT_TRUE(world.providers.isFilterAsked());
     EXPECT_EQ(world.providers.proxySettings.inForce(), ScriptedProxy::settings());
+}
+
+TEST(Extension, HandingTheMainThreadOverPlaysTheStoryToItsEnd) {
+    const auto play = [] {
+        World world;
+        NEProvider::startSystemExtensionMode();
+        DispatchQueue::main().asyncAfter(30, [&] {
+            if (world.providers.isFilterAsked()) std::fputs("filtering after 30 s", stderr);
+        });
+        dispatch_main();
+    };
+    EXPECT_EXIT(play(), testing::ExitedWithCode(0), "filtering after 30 s");
 }
 
 TEST(Log, KeepsFormatAndArgumentsApart) {
