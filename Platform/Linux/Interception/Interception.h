@@ -4,7 +4,6 @@
 // also puts the rules back when somebody removes them. Any thread may call.
 #pragma once
 
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>

@@ -23,7 +23,6 @@ constexpr int receiveBufferSize = 16 * 1024 * 1024;
 constexpr std::size_t packetsAtOnce = 32;
 constexpr std::uint16_t firstNumber = 7660;
 constexpr std::uint16_t lastNumber = 7960;
-constexpr std::uint32_t wakeSequence = 0x77616b65;
 
 template <std::size_t size>
 std::span<const std::byte> bytesOf(const std::array<char, size>& buffer) {
@@ -114,35 +113,23 @@ int PacketQueue::bindQueue(std::uint16_t number) {
 }
 
 bool PacketQueue::receive(std::vector<HeldPacket>& packets) {
-    return receive(packets, MSG_WAITFORONE);
-}
-
-void PacketQueue::receiveWaiting(std::vector<HeldPacket>& packets) {
-    receive(packets, MSG_DONTWAIT);
-}
-
-bool PacketQueue::receive(std::vector<HeldPacket>& packets, int flags) {
-    const int received =
-        recvmmsg(socket->descriptor(), buffers->headers.data(), packetsAtOnce, flags, nullptr);
+    const int received = recvmmsg(socket->descriptor(), buffers->headers.data(), packetsAtOnce,
+                                  MSG_DONTWAIT, nullptr);
     if (received < 0) return errno == EINTR || errno == ENOBUFS;
-    bool goesOn = true;
-    for (std::size_t index = 0; index < static_cast<std::size_t>(received); ++index) {
+    const auto count = static_cast<std::size_t>(received);
+    for (std::size_t index = 0; index < count; ++index) {
         const std::size_t length = buffers->headers[index].msg_len;
-        goesOn &= append(std::span(buffers->datagrams[index]).first(length), packets);
+        append(std::span(buffers->datagrams[index]).first(length), packets);
     }
-    return goesOn;
+    return count == packetsAtOnce;
 }
 
-bool PacketQueue::append(std::span<char> datagram, std::vector<HeldPacket>& packets) {
-    bool goesOn = true;
+void PacketQueue::append(std::span<char> datagram, std::vector<HeldPacket>& packets) {
     int length = static_cast<int>(datagram.size());
     for (const auto* message = reinterpret_cast<const nlmsghdr*>(datagram.data());
          mnl_nlmsg_ok(message, length); message = mnl_nlmsg_next(message, &length)) {
-        if (message->nlmsg_type == NLMSG_ERROR) {
-            // The refusal of a verdict that came after its packet had gone, or our own wake-up.
-            goesOn &= message->nlmsg_seq != wakeSequence;
-            continue;
-        }
+        // The refusal of a verdict that came after its packet had gone.
+        if (message->nlmsg_type == NLMSG_ERROR) continue;
         std::array<nlattr*, NFQA_MAX + 1> attributes{};
         if (nfq_nlmsg_parse(message, attributes.data()) < 0 || !attributes[NFQA_PACKET_HDR])
             continue;
@@ -171,17 +158,6 @@ bool PacketQueue::append(std::span<char> datagram, std::vector<HeldPacket>& pack
             release({&letGo, 1});
         }
     }
-    return goesOn;
-}
-
-void PacketQueue::wake() {
-    // Any configuration that asks for an acknowledgement will do: the answer ends the waiting.
-    alignas(nlmsghdr) std::array<char, 128> buffer{};
-    nlmsghdr* const header = nfq_nlmsg_put(buffer.data(), NFQNL_MSG_CONFIG, queues.newFlows);
-    header->nlmsg_flags |= NLM_F_ACK;
-    header->nlmsg_seq = wakeSequence;
-    nfq_nlmsg_cfg_put_qmaxlen(header, longestQueue);
-    socket->send(bytesOf(buffer));
 }
 
 void PacketQueue::release(std::span<const PacketVerdict> verdicts) {

@@ -32,13 +32,11 @@ public:
 
     const QueueNumbers& numbers() const { return queues; }
 
-    // Waits for packets and appends those that are there, some dozens at most. False when `wake`
-    // was called or the socket failed.
+    // Becomes readable when packets come.
+    int descriptor() const { return socket->descriptor(); }
+    // Appends packets that are there, some dozens at most, without waiting. True if there may be
+    // more.
     bool receive(std::vector<HeldPacket>& packets);
-    // The same without waiting.
-    void receiveWaiting(std::vector<HeldPacket>& packets);
-    // Makes a `receive` that waits return.
-    void wake();
 
     void release(std::span<const PacketVerdict> verdicts);
 
@@ -46,10 +44,9 @@ private:
     struct Buffers;
     explicit PacketQueue(std::unique_ptr<NetlinkSocket> opened);
 
-    bool receive(std::vector<HeldPacket>& packets, int flags);
     bool bindQueues();
     int bindQueue(std::uint16_t number);
-    bool append(std::span<char> datagram, std::vector<HeldPacket>& packets);
+    void append(std::span<char> datagram, std::vector<HeldPacket>& packets);
 
     std::unique_ptr<NetlinkSocket> socket;
     std::unique_ptr<Buffers> buffers;

@@ -1,5 +1,8 @@
 #include "Platform/Linux/Interception/PacketWorkers.h"
 
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -14,35 +17,41 @@ constexpr std::size_t packetsInOneGo = 16;
 PacketWorkers::PacketWorkers(PacketQueue& packetQueue, Decide decision, ReportOverdue report,
                              Limits workLimits)
     : queue(packetQueue),
+      events(epoll_create1(EPOLL_CLOEXEC)),
+      help(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       decide(std::move(decision)),
       reportOverdue(std::move(report)),
       limits(workLimits) {
+    for (const int descriptor : {queue.descriptor(), help.get()}) {
+        epoll_event event{};
+        event.events = EPOLLIN | EPOLLET;
+        event.data.fd = descriptor;
+        epoll_ctl(events.get(), EPOLL_CTL_ADD, descriptor, &event);
+    }
     const Hold hold(lock);
-    for (std::size_t index = 0; index < workersAtStart; ++index)
-        workers.emplace_back([this] { work(); });
+    for (std::size_t index = 0; index < workersAtStart; ++index) startWorker();
     watchdog = std::thread([this] { watch(); });
 }
 
 PacketWorkers::~PacketWorkers() {
     Hold hold(lock);
     isStopping = true;
-    changed.notify_all();
     stopped.notify_all();
-    queue.wake();
-    releaseOlderThan(Clock::time_point::max(), hold);
+    eventfd_write(help.get(), 1);
+    releaseOlderThan(Clock::time_point::max());
     std::vector<std::thread> ending = std::exchange(workers, {});
     hold.unlock();
     for (std::thread& worker : ending) worker.join();
     watchdog.join();
     // Nobody reads any more: what came in meanwhile is ours to let go.
     hold.lock();
-    std::vector<HeldPacket> left;
-    do {
-        left.clear();
-        queue.receiveWaiting(left);
-        file(left);
-    } while (!left.empty());
-    releaseOlderThan(Clock::time_point::max(), hold);
+    do read();
+    while (hasUnread);
+    releaseOlderThan(Clock::time_point::max());
+}
+
+void PacketWorkers::startWorker() {
+    workers.emplace_back([this] { work(); });
 }
 
 void PacketWorkers::work() {
@@ -51,26 +60,40 @@ void PacketWorkers::work() {
         if (!ready.empty()) {
             Flows::value_type& flow = *ready.front();
             ready.pop_front();
+            // A decision may take long: somebody has to be there for what comes meanwhile.
+            if (idleWorkers == 0 || hasUnread || !ready.empty()) callForHelp();
             workOn(flow, hold);
-        } else if (!isReading) {
-            read(hold);
+        } else if (hasUnread) {
+            read();
         } else {
-            ++idleWorkers;
-            changed.wait(hold);
-            --idleWorkers;
+            waitForPackets(hold);
         }
     }
+    // One event wakes one worker, which wakes the next one when all have to leave.
+    eventfd_write(help.get(), 1);
 }
 
-void PacketWorkers::read(Hold& hold) {
-    std::vector<HeldPacket> packets;
-    isReading = true;
+void PacketWorkers::waitForPackets(Hold& hold) {
+    ++idleWorkers;
     hold.unlock();
-    const bool goesOn = queue.receive(packets);
+    epoll_event event{};
+    const int count = epoll_wait(events.get(), &event, 1, -1);
     hold.lock();
-    isReading = false;
+    --idleWorkers;
+    if (count == 1 && event.data.fd == queue.descriptor()) hasUnread = true;
+}
+
+void PacketWorkers::read() {
+    std::vector<HeldPacket> packets;
+    hasUnread = queue.receive(packets);
     file(packets);
-    if (goesOn && !ready.empty()) letAnotherRead(hold);
+}
+
+void PacketWorkers::callForHelp() {
+    if (idleWorkers > 0)
+        eventfd_write(help.get(), 1);
+    else if (!isStopping && workers.size() < limits.mostWorkers)
+        startWorker();
 }
 
 void PacketWorkers::file(const std::vector<HeldPacket>& packets) {
@@ -79,15 +102,6 @@ void PacketWorkers::file(const std::vector<HeldPacket>& packets) {
         const auto [flow, isNew] = flows.try_emplace(packet.flow);
         flow->second.packets.push_back({packet, now});
         if (isNew) ready.push_back(&*flow);
-    }
-}
-
-// The caller is about to decide, which may take long: the reading must not wait for it.
-void PacketWorkers::letAnotherRead(Hold&) {
-    if (idleWorkers > 0) {
-        changed.notify_one();
-    } else if (!isStopping && workers.size() < limits.mostWorkers) {
-        workers.emplace_back([this] { work(); });
     }
 }
 
@@ -126,13 +140,9 @@ void PacketWorkers::watch() {
     const auto interval = std::max(limits.longestWait / 4, std::chrono::milliseconds(1));
     Hold hold(lock);
     while (!stopped.wait_for(hold, interval, [this] { return isStopping; })) {
-        if (!isReading && idleWorkers == 0) {
-            // Every worker is busy: what nobody has read could not be found overdue.
-            std::vector<HeldPacket> packets;
-            queue.receiveWaiting(packets);
-            file(packets);
-        }
-        const std::size_t count = releaseOlderThan(Clock::now() - limits.longestWait, hold);
+        // With every worker busy, what nobody has read could not be found overdue.
+        if (idleWorkers == 0) read();
+        const std::size_t count = releaseOlderThan(Clock::now() - limits.longestWait);
         if (count == 0) continue;
         hold.unlock();
         reportOverdue(count);
@@ -140,7 +150,7 @@ void PacketWorkers::watch() {
     }
 }
 
-std::size_t PacketWorkers::releaseOlderThan(Clock::time_point limit, Hold&) {
+std::size_t PacketWorkers::releaseOlderThan(Clock::time_point limit) {
     std::vector<PacketVerdict> verdicts;
     for (auto& [tuple, flow] : flows) {
         for (Waiting& waiting : flow.packets) {

@@ -1,5 +1,6 @@
-// The threads that work on held packets. Whoever is free reads the queue, files what came by flow,
-// and works on a flow that is ready, so that a packet in a quiet moment costs no change of threads.
+// The threads that work on held packets. The kernel wakes one that is free, which reads the queue,
+// files what came by flow, and works on a flow that is ready itself, so that a packet in a quiet
+// moment costs no change of threads.
 // Packets of one flow are decided one after the other in their order; a flow that takes long holds
 // up no other. A watchdog lets packets go that have waited too long, whatever the workers do.
 //
@@ -7,7 +8,6 @@
 // for the owner.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -19,6 +19,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Platform/Linux/FileDescriptor.h"
 #include "Platform/Linux/Interception/HeldPacket.h"
 #include "Platform/Linux/Interception/PacketQueue.h"
 
@@ -59,27 +60,33 @@ private:
     using Flows = std::unordered_map<FlowTuple, Flow, FlowHash, SameFlow>;
 
     void work();
-    void read(Hold& hold);
+    void waitForPackets(Hold& hold);
+    // These need the lock.
+    void read();
     void file(const std::vector<HeldPacket>& packets);
-    void letAnotherRead(Hold& hold);
+    void callForHelp();
+    void startWorker();
+    std::size_t releaseOlderThan(Clock::time_point limit);
+
     void workOn(Flows::value_type& flow, Hold& hold);
     void watch();
-    std::size_t releaseOlderThan(Clock::time_point limit, Hold& hold);
 
     PacketQueue& queue;
+    // Reports the queue and calls for help, each event to one waiting worker.
+    const FileDescriptor events;
+    const FileDescriptor help;
     const Decide decide;
     const ReportOverdue reportOverdue;
     const Limits limits;
 
     // Guards all that follows.
     std::mutex lock;
-    std::condition_variable changed;
     std::condition_variable stopped;
     Flows flows;
     std::deque<Flows::value_type*> ready;
     std::vector<std::thread> workers;
     std::size_t idleWorkers = 0;
-    bool isReading = false;
+    bool hasUnread = false;  // the queue may hold packets that nobody has been woken for
     bool isStopping = false;
 
     std::thread watchdog;
