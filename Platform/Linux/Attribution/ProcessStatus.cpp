@@ -1,11 +1,13 @@
 #include "Platform/Linux/Attribution/ProcessStatus.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include <array>
 #include <charconv>
 #include <climits>
+#include <memory>
 
 namespace platform {
 
@@ -28,12 +30,35 @@ std::string_view word(std::string_view text, int index) {
     return text.substr(0, text.find(' '));
 }
 
+// The name of the link to the running executable. A process whose first thread has ended shows it
+// with its other threads only.
+std::string programLink(const FileDescriptor& process) {
+    constexpr auto ofFirstThread = "exe";
+    struct stat executable {};
+    if (::fstatat(process.get(), ofFirstThread, &executable, 0) == 0) return ofFirstThread;
+    struct Close {
+        void operator()(DIR* folder) const { ::closedir(folder); }
+    };
+    const int tasks = ::openat(process.get(), "task", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const std::unique_ptr<DIR, Close> folder(tasks < 0 ? nullptr : ::fdopendir(tasks));
+    while (const auto* entry = folder ? ::readdir(folder.get()) : nullptr) {
+        const auto link = "task/" + std::string(entry->d_name) + "/exe";
+        if (::fstatat(process.get(), link.c_str(), &executable, 0) == 0) return link;
+    }
+    return ofFirstThread;
+}
+
+bool lookAtProgram(const FileDescriptor& process, struct stat& executable) {
+    return ::fstatat(process.get(), "exe", &executable, 0) == 0 ||
+           ::fstatat(process.get(), programLink(process).c_str(), &executable, 0) == 0;
+}
+
 // A link to a removed file carries a mark behind the path. A file may as well be called so.
-void dropRemovedMark(const FileDescriptor& process, std::string& path) {
+void dropRemovedMark(const FileDescriptor& process, const std::string& link, std::string& path) {
     if (!path.ends_with(removedMark)) return;
     struct stat running {};
     struct stat named {};
-    const bool isNamedSo = ::fstatat(process.get(), "exe", &running, 0) == 0 &&
+    const bool isNamedSo = ::fstatat(process.get(), link.c_str(), &running, 0) == 0 &&
                            ::stat(path.c_str(), &named) == 0 && running.st_dev == named.st_dev &&
                            running.st_ino == named.st_ino;
     if (!isNamedSo) path.resize(path.size() - removedMark.size());
@@ -67,8 +92,7 @@ std::optional<ProcessStatus> readProcessStatus(const FileDescriptor& process) {
     ProcessStatus result;
     struct stat folder {};
     struct stat executable {};
-    if (!process || ::fstat(process.get(), &folder) != 0 ||
-        ::fstatat(process.get(), "exe", &executable, 0) != 0 ||
+    if (!process || ::fstat(process.get(), &folder) != 0 || !lookAtProgram(process, executable) ||
         !parseProcessStat(readProcessFile(process, "stat"), result)) {
         return std::nullopt;
     }
@@ -89,10 +113,11 @@ bool parseProcessStat(std::string_view text, ProcessStatus& status) {
 
 std::optional<std::string> readExecutablePath(const FileDescriptor& process) {
     std::string path(PATH_MAX + removedMark.size(), '\0');
-    const auto length = ::readlinkat(process.get(), "exe", path.data(), path.size());
+    const auto link = programLink(process);
+    const auto length = ::readlinkat(process.get(), link.c_str(), path.data(), path.size());
     if (length <= 0) return std::nullopt;
     path.resize(static_cast<std::size_t>(length));
-    dropRemovedMark(process, path);
+    dropRemovedMark(process, link, path);
     return path;
 }
 

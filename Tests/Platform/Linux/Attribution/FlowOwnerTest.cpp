@@ -12,6 +12,7 @@
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -416,22 +417,45 @@ TEST_P(FlowOwners, ASocketAmongManyDescriptorsIsFound) {
     EXPECT_EQ(ownerPid(tcp(static_cast<std::uint16_t>(shared->second))), program.pid());
 }
 
-TEST_P(FlowOwners, AThreadWithDescriptorsOfItsOwnCounts) {
+TEST_P(FlowOwners, EveryThreadCounts) {
     // A child of a process with threads may not start any of its own under the thread sanitizer.
     attribution.reset();
-    const RunningProgram program([&](int ready) {
-        becomePerson();
-        std::thread([&] {
-            if (::unshare(CLONE_FILES) != 0) ::_exit(125);
-            shared->value =
-                localPort(connected(AF_INET, SOCK_STREAM, "127.0.0.1", destination.port));
-            sayReady(ready);
-            waitForEnd();
-        }).join();
-    });
-    ASSERT_TRUE(program.isReady());
+    const struct {
+        const char* what;
+        bool hasItsOwnDescriptors;
+        bool outlivesTheFirstThread;
+    } cases[] = {{"a thread like any", false, false},
+                 {"a thread with descriptors of its own", true, false},
+                 {"a thread that outlives the first one", false, true}};
+    std::vector<std::unique_ptr<RunningProgram>> programs;
+    std::vector<FlowTuple> flows;
+    for (const auto& each : cases) {
+        programs.push_back(std::make_unique<RunningProgram>([&](int ready) {
+            becomePerson();
+            const pid_t first = ::gettid();
+            std::thread thread([&] {
+                if (each.hasItsOwnDescriptors && ::unshare(CLONE_FILES) != 0) ::_exit(125);
+                shared->value =
+                    localPort(connected(AF_INET, SOCK_STREAM, "127.0.0.1", destination.port));
+                // A thread that has ended keeps its folder, but runs no program.
+                const auto program = "/proc/self/task/" + std::to_string(first) + "/exe";
+                char target[16];
+                while (each.outlivesTheFirstThread &&
+                       ::readlink(program.c_str(), target, sizeof target) >= 0) {
+                    ::usleep(100);
+                }
+                sayReady(ready);
+                waitForEnd();
+            });
+            if (each.outlivesTheFirstThread) ::syscall(SYS_exit, 0);
+            thread.join();
+        }));
+        flows.push_back(tcp(static_cast<std::uint16_t>(shared->value)));
+    }
     attribution.emplace(hasNotes ? SocketUsers::attach() : nullptr);
-    EXPECT_EQ(ownerPid(tcp(static_cast<std::uint16_t>(shared->value))), program.pid());
+    for (std::size_t index = 0; index < flows.size(); ++index) {
+        EXPECT_EQ(ownerPid(flows[index]), programs[index]->pid()) << cases[index].what;
+    }
 }
 
 TEST_P(FlowOwners, AProcessThatHasJustGoneIsStillNamed) {
