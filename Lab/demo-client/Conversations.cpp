@@ -42,6 +42,15 @@ Address target(const Destination& destination) {
     return destination.isMapped ? destination.address.mapped() : destination.address;
 }
 
+// Takes the wanted port of our own on every address, also while an earlier connection lingers on it.
+bool bindPort(const Descriptor& socket, const Destination& destination) {
+    const int yes = 1;
+    setsockopt(socket.number(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    const auto isIPv4 = target(destination).family() == AF_INET;
+    const auto address = Address::parse(isIPv4 ? "0.0.0.0" : "::", destination.sourcePort);
+    return bind(socket.number(), address->pointer(), address->length) == 0;
+}
+
 Descriptor openSocket(const Destination& destination, int type, Report& report) {
     Descriptor socket(
         ::socket(target(destination).family(), type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -50,6 +59,10 @@ Descriptor openSocket(const Destination& destination, int type, Report& report) 
     if (socket && !device.empty() &&
         setsockopt(socket.number(), SOL_SOCKET, SO_BINDTODEVICE, device.data(),
                    static_cast<socklen_t>(device.size())) != 0) {
+        report.failedAt("bind", errno);
+        socket.close();
+    }
+    if (socket && destination.sourcePort != 0 && !bindPort(socket, destination)) {
         report.failedAt("bind", errno);
         socket.close();
     }

@@ -13,6 +13,7 @@ namespace lab {
 struct Destination {
     Address address;
     std::string bindDevice;
+    uint16_t sourcePort = 0;  // 0: the system chooses
     bool isMapped = false;
     bool isUnconnected = false;
     std::chrono::milliseconds patience{5000};

@@ -23,6 +23,7 @@ struct Arguments {
     std::string address;
     uint16_t port = 0;
     std::string device;
+    uint16_t sourcePort = 0;
     bool isMapped = false;
     bool isUnconnected = false;
     double patienceSeconds = 5;
@@ -41,6 +42,7 @@ lab::Destination destinationOf(const Arguments& arguments) {
     if (!address) throw CLI::ValidationError("ADDRESS", arguments.address + " is no address");
     return {.address = *address,
             .bindDevice = arguments.device,
+            .sourcePort = arguments.sourcePort,
             .isMapped = arguments.isMapped,
             .isUnconnected = arguments.isUnconnected,
             .patience = milliseconds(arguments.patienceSeconds)};
@@ -76,6 +78,7 @@ void addConversation(CLI::App& application, Arguments& arguments, const std::str
     command->add_option("ADDRESS", arguments.address)->required();
     command->add_option("PORT", arguments.port)->required();
     command->add_option("--bind-device", arguments.device, "bind the socket to this interface");
+    command->add_option("--source-port", arguments.sourcePort, "send from this port");
     command->add_flag("--mapped", arguments.isMapped, "an IPv6 socket and the IPv4-mapped address");
     command->add_flag("--unconnected", arguments.isUnconnected,
                       "send datagrams without connecting");

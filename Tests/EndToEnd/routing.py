@@ -18,6 +18,7 @@ def run(stage) -> None:
     network.vpn_up()
     stage.start_daemon(RULES)
     _direct(stage)
+    _one_port_to_many_places(stage)
     _through_the_vpn(stage)
     _words_that_only_look_like_rules(stage)
     _datagrams_stay_on_the_systems_route(stage)
@@ -43,6 +44,18 @@ def _direct(stage) -> None:
         address = next_address()
         report = stage.courier.run("echo", address, 8080, "--bytes", 3_000_000)
         stage.expect_physical(f"direct, three megabytes both ways to {address}", report, address)
+
+
+def _one_port_to_many_places(stage) -> None:
+    """An application may use a port of its own for several connections to different places."""
+    for next_address in (stage.ipv4, stage.ipv6):
+        process = [stage.courier.start("serve") for _ in range(2)]
+        for number in range(6):
+            address = next_address()
+            report = process[number % 2].ask("connect", address, 80, "--source-port", 40404)
+            stage.expect_physical(f"direct, from one port to place {number + 1}, {address}", report, address)
+        for each in process:
+            each.stop()
 
 
 def _through_the_vpn(stage) -> None:

@@ -95,22 +95,24 @@ def _round(stage, draw: random.Random, name: str) -> None:
     for attempt in attempts:
         is_ipv4 = "--mapped" in attempt.words or draw.random() < 0.6
         attempt.address = stage.ipv4() if is_ipv4 else stage.ipv6()
-    seen_before = len(network.observations())
+    seen_before, since = len(network.observations()), stage.daemon.mark()
     with concurrent.futures.ThreadPoolExecutor(8) as pool:
         list(pool.map(Attempt.make, attempts))
     arrived = network.observations()[seen_before:]
-    wrong = [_describe(each, rules, arrived, stage) for each in attempts
+    wrong = [_describe(each, rules, arrived, stage, since) for each in attempts
              if not _is_as_ruled(rules, each, arrived)]
     stage.checks.check(f"{name}: {len(attempts)} attempts, all as ruled, VPN {network.vpn_layout()}",
                        not wrong, "\n".join([str(rules), *wrong]))
 
 
-def _describe(attempt: Attempt, rules: Rules, arrived: list[network.Observation], stage) -> str:
+def _describe(attempt: Attempt, rules: Rules, arrived: list[network.Observation], stage, since: int) -> str:
     clients = [each.client for each in arrived if each.server == attempt.address]
     report = {key: attempt.report[key] for key in ("outcome", "phase", "error", "serverSaw", "milliseconds")}
-    lines = [each.text for each in stage.daemon.lines() if attempt.address in each.text]
+    lines = [each.text for each in stage.daemon.lines(since)]
+    first = next((number for number, text in enumerate(lines) if attempt.address in text), len(lines))
     return (f"      {attempt.application.identifier} {attempt.words} to {attempt.address}: {report};"
-            f" expected {_expected_client(rules, attempt)}, server saw {clients}, daemon said {lines[-4:]}")
+            f" expected {_expected_client(rules, attempt)}, server saw {clients}, daemon said\n" +
+            "\n".join(f"        {text}" for text in lines[first:first + 30]))
 
 
 def _is_as_ruled(rules: Rules, attempt: Attempt, arrived: list[network.Observation]) -> bool:

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/Interception/ConnectionEntries.h"
 #include "Platform/Linux/Interception/HeldPacket.h"
 #include "Platform/Linux/Relay/SocketFlow.h"
 #include "Platform/Linux/SystemError.h"
@@ -60,6 +61,19 @@ std::optional<FlowTuple> originalFlow(int socket, const sockaddr_storage& peer) 
     flow.family = peer.ss_family;
     fillFrom(peer, flow.sourceAddress, flow.sourcePort);
     fillFrom(wanted, flow.destinationAddress, flow.destinationPort);
+    return flow;
+}
+
+// The connection as its answers look: from the listener to the peer.
+FlowTuple answersOn(int socket, const sockaddr_storage& peer) {
+    sockaddr_storage listener{};
+    socklen_t length = sizeof listener;
+    getsockname(socket, reinterpret_cast<sockaddr*>(&listener), &length);
+    FlowTuple flow;
+    flow.protocol = IPPROTO_TCP;
+    flow.family = peer.ss_family;
+    fillFrom(listener, flow.sourceAddress, flow.sourcePort);
+    fillFrom(peer, flow.destinationAddress, flow.destinationPort);
     return flow;
 }
 
@@ -115,7 +129,8 @@ public:
 
     void supply(FileDescriptor socket, const sockaddr_storage& peer) {
         const auto flow = originalFlow(socket.get(), peer);
-        const Flow claimed = flow ? take(*flow) : nullptr;
+        Flow claimed = flow ? take(*flow) : nullptr;
+        if (flow && !claimed) claimed = takeTranslated(answersOn(socket.get(), peer));
         if (claimed)
             claimed->supplySocket(std::move(socket));
         else
@@ -151,6 +166,20 @@ private:
         return claimed;
     }
 
+    // To the listener, connections from one port to several places would all look the same; the
+    // kernel gives all but one of them another source port, and only its table knows the true one.
+    Flow takeTranslated(const FlowTuple& answers) {
+        std::optional<FlowTuple> flow;
+        {
+            const std::lock_guard guard(entriesLock);
+            if (entries) flow = entries->openingOf(answers);
+        }
+        return flow ? take(*flow) : nullptr;
+    }
+
+    // Guards `entries`.
+    std::mutex entriesLock;
+    const std::unique_ptr<ConnectionEntries> entries = ConnectionEntries::open();
     // Guards `claims`.
     std::mutex lock;
     std::unordered_map<FlowTuple, Claim, FlowHash, SameFlow> claims;

@@ -7,7 +7,9 @@
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter/nfnetlink_conntrack.h>
 
+#include <algorithm>
 #include <array>
+#include <cstring>
 #include <vector>
 
 namespace platform::interception {
@@ -28,10 +30,10 @@ nlmsghdr* beginMessage(char* room, unsigned type, unsigned flags, int family) {
     return header;
 }
 
-void putTuple(nlmsghdr* header, const FlowTuple& flow) {
+void putTuple(nlmsghdr* header, ctattr_type direction, const FlowTuple& flow) {
     const bool isIPv4 = flow.family == AF_INET;
     const std::size_t length = isIPv4 ? 4 : 16;
-    nlattr* const tuple = mnl_attr_nest_start(header, CTA_TUPLE_ORIG);
+    nlattr* const tuple = mnl_attr_nest_start(header, direction);
     nlattr* const addresses = mnl_attr_nest_start(header, CTA_TUPLE_IP);
     mnl_attr_put(header, isIPv4 ? CTA_IP_V4_SRC : CTA_IP_V6_SRC, length, flow.sourceAddress.data());
     mnl_attr_put(header, isIPv4 ? CTA_IP_V4_DST : CTA_IP_V6_DST, length,
@@ -43,6 +45,51 @@ void putTuple(nlmsghdr* header, const FlowTuple& flow) {
     mnl_attr_put_u16(header, CTA_PROTO_DST_PORT, htons(flow.destinationPort));
     mnl_attr_nest_end(header, ports);
     mnl_attr_nest_end(header, tuple);
+}
+
+template <class Visit>
+void forEachNestedAttribute(const nlattr& nest, Visit visit) {
+    const auto call = [](const nlattr* attribute, void* visitor) {
+        (*static_cast<Visit*>(visitor))(*attribute);
+        return MNL_CB_OK;
+    };
+    mnl_attr_parse_nested(&nest, call, &visit);
+}
+
+void takeAddress(const nlattr& attribute, std::array<std::uint8_t, 16>& address) {
+    const std::size_t length = std::min<std::size_t>(mnl_attr_get_payload_len(&attribute), 16);
+    std::memcpy(address.data(), mnl_attr_get_payload(&attribute), length);
+}
+
+void takeAddresses(const nlattr& nest, FlowTuple& flow) {
+    forEachNestedAttribute(nest, [&](const nlattr& attribute) {
+        switch (mnl_attr_get_type(&attribute)) {
+            case CTA_IP_V4_SRC:
+            case CTA_IP_V6_SRC:
+                return takeAddress(attribute, flow.sourceAddress);
+            case CTA_IP_V4_DST:
+            case CTA_IP_V6_DST:
+                return takeAddress(attribute, flow.destinationAddress);
+            default:
+                return;
+        }
+    });
+}
+
+void takePorts(const nlattr& nest, FlowTuple& flow) {
+    forEachNestedAttribute(nest, [&](const nlattr& attribute) {
+        if (mnl_attr_get_type(&attribute) == CTA_PROTO_SRC_PORT)
+            flow.sourcePort = ntohs(mnl_attr_get_u16(&attribute));
+        if (mnl_attr_get_type(&attribute) == CTA_PROTO_DST_PORT)
+            flow.destinationPort = ntohs(mnl_attr_get_u16(&attribute));
+    });
+}
+
+void takeTuple(const nlattr& nest, FlowTuple& flow) {
+    forEachNestedAttribute(nest, [&](const nlattr& attribute) {
+        if (mnl_attr_get_type(&attribute) == CTA_TUPLE_IP) takeAddresses(attribute, flow);
+        if (mnl_attr_get_type(&attribute) == CTA_TUPLE_PROTO) takePorts(attribute, flow);
+    });
 }
 
 // What an update of an entry has to repeat of it.
@@ -125,15 +172,32 @@ void ConnectionEntries::remove(const FlowTuple& flow) {
     alignas(nlmsghdr) std::array<char, 256> room{};
     nlmsghdr* const header =
         beginMessage(room.data(), IPCTNL_MSG_CT_DELETE, NLM_F_ACK, flow.family);
-    putTuple(header, flow);
+    putTuple(header, CTA_TUPLE_ORIG, flow);
     socket->request(*header);
 }
 
 bool ConnectionEntries::has(const FlowTuple& flow) {
     alignas(nlmsghdr) std::array<char, 256> room{};
     nlmsghdr* const header = beginMessage(room.data(), IPCTNL_MSG_CT_GET, NLM_F_ACK, flow.family);
-    putTuple(header, flow);
+    putTuple(header, CTA_TUPLE_ORIG, flow);
     return socket->request(*header) == 0;
+}
+
+std::optional<FlowTuple> ConnectionEntries::openingOf(const FlowTuple& answers) {
+    alignas(nlmsghdr) std::array<char, 256> room{};
+    nlmsghdr* const header =
+        beginMessage(room.data(), IPCTNL_MSG_CT_GET, NLM_F_ACK, answers.family);
+    putTuple(header, CTA_TUPLE_REPLY, answers);
+    std::optional<FlowTuple> opening;
+    socket->request(*header, [&](const nlmsghdr& entry) {
+        const Attributes attributes = attributesOf(entry);
+        if (!attributes.tuple) return;
+        opening = FlowTuple{};
+        opening->protocol = answers.protocol;
+        opening->family = answers.family;
+        takeTuple(*attributes.tuple, *opening);
+    });
+    return opening;
 }
 
 }  // namespace platform::interception

@@ -27,6 +27,10 @@ public:
     void remove(const FlowTuple& flow);
     bool has(const FlowTuple& flow);
 
+    // The flow as its first packet opened it, before any translation, found by what its answers
+    // look like. Nothing if there is no such entry.
+    std::optional<FlowTuple> openingOf(const FlowTuple& answers);
+
 private:
     explicit ConnectionEntries(std::unique_ptr<NetlinkSocket> opened) : socket(std::move(opened)) {}
 
