@@ -5,6 +5,7 @@
 #include <sys/inotify.h>
 
 #include <algorithm>
+#include <iterator>
 #include <set>
 #include <utility>
 #include <vector>
@@ -191,9 +192,13 @@ std::string textUnder(const JSONObject& object, std::string_view key) {
     return text == nullptr ? "?" : *text;
 }
 
+std::string counted(std::int64_t count, const char* what) {
+    return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
+}
+
 std::string daemonText(const Outcome<vantry::ExtensionStatus>& status) {
     if (const auto* known = std::get_if<vantry::ExtensionStatus>(&status))
-        return fmt::format("running, {} rules in force", known->ruleCount);
+        return fmt::format("running, {} in force", counted(known->ruleCount, "rule"));
     return std::get<Failure>(status).code == ExitCode::daemonNotRunning ? "not running"
                                                                         : "cannot be asked";
 }
@@ -310,9 +315,9 @@ ExitCode showStatus(bool asJSON, const Console& console) {
         console.out << documentOf(statusDocument(status, stored));
     } else {
         console.out << fmt::format("Daemon    {}\n", daemonText(status))
-                    << fmt::format("Settings  {} rules, {} blocked, all others {}\n",
-                                   settings.rules.size(), settings.blockedApps.size(),
-                                   printable(settings.defaultAction))
+                    << fmt::format("Settings  {}, {} blocked, all others {}\n",
+                                   counted(std::ssize(settings.rules), "rule"),
+                                   settings.blockedApps.size(), printable(settings.defaultAction))
                     << fmt::format("Rules     {}\n", rulesFileText(stored))
                     << fmt::format("VPN       said to be {}; when down: {}\n",
                                    settings.vpnConnected ? "up" : "down",

@@ -1,6 +1,7 @@
 // A machine of the test's own for everything at a fixed path: a mount namespace with empty /run,
-// /tmp and /var/lib and an account database that has the group "vantry". Each test is a process of
-// its own, so that this is undone by its end.
+// /tmp and /var/lib and, for root, an account database that has the group "vantry". Others are root of a
+// user namespace that knows no other account. Each test is a process of its own, so that this is undone
+// by its end.
 #pragma once
 
 #include <fcntl.h>
@@ -39,14 +40,21 @@ inline std::string contentOf(const std::string& path) {
 class PrivateMachine : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (geteuid() != 0) GTEST_SKIP() << "needs root for a mount namespace of its own";
+        isRoot = geteuid() == 0;
+        if (!isRoot && !becomeRootOfAUserNamespace())
+            GTEST_SKIP() << "needs root or user namespaces";
         ASSERT_EQ(unshare(CLONE_NEWNS), 0);
         ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
         for (const char* place : {"/run", "/tmp", "/var/lib"})
             ASSERT_EQ(mount("tmpfs", place, "tmpfs", 0, "mode=0755"), 0) << place;
         ASSERT_EQ(chmod("/tmp", 01777), 0);
-        useAccounts();
+        if (isRoot) useAccounts();
     }
+
+    // Whether files can be given to other accounts and processes can run for them.
+    bool hasOtherAccounts() const { return isRoot; }
+    static constexpr const char* needsAccounts =
+        "needs root: files and processes of other accounts";
 
     // Whether `act` succeeds when a process of this account and these groups does it.
     static bool succeedsAs(uid_t account, const std::vector<gid_t>& groups,
@@ -73,6 +81,18 @@ protected:
     }
 
 private:
+    static bool becomeRootOfAUserNamespace() {
+        const auto user = std::to_string(getuid());
+        const auto group = std::to_string(getgid());
+        if (unshare(CLONE_NEWUSER) != 0) return false;
+        writeFile("/proc/self/setgroups", "deny");
+        writeFile("/proc/self/uid_map", "0 " + user + " 1");
+        writeFile("/proc/self/gid_map", "0 " + group + " 1");
+        return geteuid() == 0;
+    }
+
+    bool isRoot = false;
+
     static void useAccounts() {
         writeFile("/run/group", contentOf("/etc/group") + "vantry:x:4242:vantrymember\n");
         writeFile("/run/passwd",
