@@ -1,7 +1,6 @@
 #include "Platform/Common/JSONCoding.h"
 
 #include <algorithm>
-#include <cmath>
 
 #include "Platform/Common/Text.h"
 
@@ -26,19 +25,6 @@ std::optional<double> doubleOf(const JSONValue& value) {
     if (const auto* number = value.as<std::int64_t>()) return static_cast<double>(*number);
     if (const auto* number = value.as<std::uint64_t>()) return static_cast<double>(*number);
     return std::nullopt;
-}
-
-// Up to here every whole number has a double of its own; beyond, a fraction or a neighbour may have
-// been rounded to it.
-constexpr double largestExactDouble = 0x1p53;
-
-// The whole number that `value` is, if it fits.
-std::optional<std::int64_t> wholeNumberOf(const JSONValue& value) {
-    if (const auto* number = value.as<std::int64_t>()) return *number;
-    const auto* number = value.as<double>();
-    if (!number || std::abs(*number) >= largestExactDouble) return std::nullopt;
-    if (*number != std::trunc(*number)) return std::nullopt;
-    return static_cast<std::int64_t>(*number);
 }
 
 }  // namespace
@@ -70,14 +56,14 @@ JSONDecoding decodeValue(JSONValue& value, bool& field) {
 }
 
 JSONDecoding decodeValue(JSONValue& value, std::int64_t& field) {
-    const auto number = wholeNumberOf(value);
+    const auto* number = value.as<std::int64_t>();
     if (!number) return unexpectedValue("a whole number of 64 bits", value);
     field = *number;
     return std::nullopt;
 }
 
 JSONDecoding decodeValue(JSONValue& value, std::uint16_t& field) {
-    const auto number = wholeNumberOf(value);
+    const auto* number = value.as<std::int64_t>();
     if (!number || !std::in_range<std::uint16_t>(*number))
         return unexpectedValue("a whole number from 0 to 65535", value);
     field = static_cast<std::uint16_t>(*number);

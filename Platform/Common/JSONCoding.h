@@ -39,8 +39,9 @@ using JSONDecoding = std::optional<JSONMismatch>;
 // The words for a value of another kind: "expected a string, found the number 5".
 JSONMismatch unexpectedValue(std::string_view expected, const JSONValue& found);
 
-// The kinds of field. A date is a number of seconds since 2001. A whole number counts by its value:
-// 443.0 is one. Decoding takes texts out of the value that it reads.
+// The kinds of field. A date is a number of seconds since 2001. A whole number is one that was written
+// without fraction and exponent: neither 443.0 nor 4.43e2, nor -0, which is a double. Decoding takes
+// texts out of the value that it reads.
 JSONDecoding decodeValue(JSONValue& value, bool& field);
 JSONDecoding decodeValue(JSONValue& value, std::int64_t& field);
 JSONDecoding decodeValue(JSONValue& value, std::uint16_t& field);

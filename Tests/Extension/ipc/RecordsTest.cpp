@@ -208,10 +208,8 @@ TEST(ExtensionMessage, FailsBrieflyHoweverHostileTheDocument) {
 TEST(ActivityLogEntryIPC, IsReadInEveryValidForm) {
     const auto entry = *decoded<ActivityLogEntryIPC>(browserEntry);
     EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("E621E1F8", "e621e1f8")), entry);
-    EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("443", "4.43e2")), entry);
     EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("443", "443,'more':[1]")), entry);
     EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("443", "0"))->destinationPort, 0);
-    EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("443", "-0"))->destinationPort, 0);
     EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("443", "65535"))->destinationPort, 65535);
     EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("443", "null"))->destinationPort,
               std::nullopt);
@@ -242,6 +240,8 @@ TEST(ActivityLogEntryIPC, IsRefusedForAnyFieldThatDoesNotFit) {
         {"443", "65536", "destinationPort: expected a whole number from 0 to 65535, found the"},
         {"443", "-1", "found the number -1"},
         {"443", "443.5", "found the number 443.5"},
+        {"443", "443.0", "destinationPort: expected a whole number"},
+        {"443", "4.43e2", "destinationPort: expected a whole number"},
         {"443", "1e300", "destinationPort: "},
         {"443", "18446744073709551615", "found the number 18446744073709551615"},
         {"443", "'443'", "found the string '443'"},
@@ -273,9 +273,9 @@ TEST(ExtensionStatus, TakesWholeNumbersOf64Bits) {
         {"-3", -3},
         {"9223372036854775807", std::numeric_limits<std::int64_t>::max()},
         {"-9223372036854775808", std::numeric_limits<std::int64_t>::min()},
-        {"1e3", 1000},
-        {"9007199254740991.0", 9007199254740991},
-        {"9007199254740993.0", {}},
+        {"1e3", {}},
+        {"12.0", {}},
+        {"-0.0", {}},
         {"9223372036854775808", {}},
         {"9.223372036854775808e18", {}},
         {"-9223372036854775809", {}},
