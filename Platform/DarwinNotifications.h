@@ -26,8 +26,9 @@ void CFNotificationCenterAddObserver(CFNotificationCenter& center, void* observe
                                      const void* object,
                                      CFNotificationSuspensionBehavior suspensionBehavior);
 
-// Takes every registration of `observer` back. No delivery to it begins once this has returned; one
-// that is under way on another thread may still be running. Any thread, also from a delivery.
+// Takes every registration of `observer` back. Waits for a delivery to it that is under way on another
+// thread, so that it may be destroyed once this has returned; the caller holds nothing that the
+// observer's callback waits for. Any thread, also from a delivery, which it then does not wait for.
 void CFNotificationCenterRemoveEveryObserver(CFNotificationCenter& center, void* observer);
 
 }  // namespace platform

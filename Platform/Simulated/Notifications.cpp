@@ -34,8 +34,14 @@ void CFNotificationCenter::deliver(const std::string& name) {
             const MutexGuard guard(mutex);
             if (!isStillRegistered(registration.number)) continue;
             ++calls;
+            callUnderWay = Call{registration.observer, std::this_thread::get_id()};
         }
         registration.callback(*this, registration.observer, name, nullptr, nullptr);
+        {
+            const MutexGuard guard(mutex);
+            callUnderWay.reset();
+        }
+        callEnded.notify_all();
     }
     bool isWantedAgain = false;
     {
@@ -80,6 +86,12 @@ void CFNotificationCenter::removeEvery(const void* observer) {
     const MutexGuard guard(mutex);
     std::erase_if(registrations,
                   [&](const auto& registration) { return registration.observer == observer; });
+    while (isCalledElsewhere(observer)) callEnded.wait(mutex);
+}
+
+bool CFNotificationCenter::isCalledElsewhere(const void* observer) const {
+    return callUnderWay && callUnderWay->observer == observer &&
+           callUnderWay->thread != std::this_thread::get_id();
 }
 
 CFNotificationCenter& CFNotificationCenterGetDarwinNotifyCenter() {

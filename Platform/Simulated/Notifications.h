@@ -2,9 +2,12 @@
 // posts while a name is being delivered give one more delivery of it. Any thread may post.
 #pragma once
 
+#include <condition_variable>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "Platform/DarwinNotifications.h"
@@ -42,15 +45,24 @@ private:
         bool isWantedAgain = false;
     };
 
+    // An observer being called, and the thread that calls it.
+    struct Call {
+        void* observer;
+        std::thread::id thread;
+    };
+
     void deliver(const std::string& name);
     std::vector<Registration> observersOf(std::string_view name) const REQUIRES(mutex);
     bool isStillRegistered(std::uint64_t number) const REQUIRES(mutex);
+    bool isCalledElsewhere(const void* observer) const REQUIRES(mutex);
 
     simulated::Scheduler& scheduler;
     const simulated::Scheduler::Lane deliveryThread;
     mutable simulated::Mutex mutex;
     std::vector<Registration> registrations GUARDED_BY(mutex);
     std::map<std::string, Delivery, std::less<>> deliveries GUARDED_BY(mutex);
+    std::optional<Call> callUnderWay GUARDED_BY(mutex);
+    std::condition_variable_any callEnded;
     std::uint64_t lastNumber GUARDED_BY(mutex) = 0;
     std::size_t calls GUARDED_BY(mutex) = 0;
 };

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -75,9 +76,19 @@ private:
     std::vector<std::string> observedNames();
     void deliver(const std::string& name);
     std::vector<std::uint64_t> registrationsOf(const std::string& name);
-    std::optional<Registration> registration(std::uint64_t number);
+    std::optional<Registration> beginCall(std::uint64_t number);
+    void endCall();
+    bool isCalledElsewhere(void* observer) const REQUIRES(lock);
+
+    // An observer being called, and the thread that calls it.
+    struct Call {
+        void* observer;
+        std::thread::id thread;
+    };
 
     NSLock lock;
+    std::optional<Call> callUnderWay GUARDED_BY(lock);
+    std::condition_variable_any callEnded;
     std::vector<Registration> registrations GUARDED_BY(lock);
     std::uint64_t lastNumber GUARDED_BY(lock) = 0;
 
@@ -116,6 +127,7 @@ void CFNotificationCenter::addObserver(void* observer, CFNotificationCallback ca
 void CFNotificationCenter::removeEveryObserver(void* observer) {
     const NSLockGuard guard(lock);
     std::erase_if(registrations, [observer](const auto& r) { return r.observer == observer; });
+    while (isCalledElsewhere(observer)) callEnded.wait(lock);
 }
 
 void CFNotificationCenter::startDelivery() {
@@ -174,9 +186,12 @@ std::vector<std::string> CFNotificationCenter::observedNames() {
 }
 
 void CFNotificationCenter::deliver(const std::string& name) {
-    for (const auto number : registrationsOf(name))
-        if (const auto present = registration(number))
-            present->callback(*this, present->observer, name, nullptr, nullptr);
+    for (const auto number : registrationsOf(name)) {
+        const auto present = beginCall(number);
+        if (!present) continue;
+        present->callback(*this, present->observer, name, nullptr, nullptr);
+        endCall();
+    }
 }
 
 std::vector<std::uint64_t> CFNotificationCenter::registrationsOf(const std::string& name) {
@@ -188,12 +203,26 @@ std::vector<std::uint64_t> CFNotificationCenter::registrationsOf(const std::stri
 }
 
 // Asked again for each call: an observer may have gone since the list was made.
-std::optional<CFNotificationCenter::Registration> CFNotificationCenter::registration(
+std::optional<CFNotificationCenter::Registration> CFNotificationCenter::beginCall(
     std::uint64_t number) {
     const NSLockGuard guard(lock);
     const auto found = std::ranges::find(registrations, number, &Registration::number);
     if (found == registrations.end()) return std::nullopt;
+    callUnderWay = Call{found->observer, std::this_thread::get_id()};
     return *found;
+}
+
+void CFNotificationCenter::endCall() {
+    {
+        const NSLockGuard guard(lock);
+        callUnderWay.reset();
+    }
+    callEnded.notify_all();
+}
+
+bool CFNotificationCenter::isCalledElsewhere(void* observer) const {
+    return callUnderWay && callUnderWay->observer == observer &&
+           callUnderWay->thread != std::this_thread::get_id();
 }
 
 CFNotificationCenter& CFNotificationCenterGetDarwinNotifyCenter() {

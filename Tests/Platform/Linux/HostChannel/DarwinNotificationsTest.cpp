@@ -4,8 +4,10 @@
 #include <sys/inotify.h>
 #include <utime.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <filesystem>
+#include <future>
 #include <map>
 #include <mutex>
 
@@ -146,6 +148,25 @@ TEST_F(DarwinNotifications, NoDeliveryBeginsOnceAnObserverIsRemoved) {
     EXPECT_EQ(leaving.count(changed), 1);
     EXPECT_GE(staying.count(changed), 1);
     staying.stopObserving();
+}
+
+TEST_F(DarwinNotifications, RemovingAnObserverWaitsForItsDeliveryToEnd) {
+    static Observer observer;
+    static std::atomic<bool> hasEnded = false;
+    observer.whenDelivered = [] { hasEnded = true; };
+    observer.observe(changed);
+    std::future<bool> removal;
+    {
+        const std::lock_guard holdsTheDelivery(observer.hold);
+        touch(folder + "/" + changed);
+        ASSERT_TRUE(observer.isDelivered(changed, 1));
+        removal = std::async(std::launch::async, [] {
+            observer.stopObserving();
+            return hasEnded.load();
+        });
+        EXPECT_EQ(removal.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    }
+    EXPECT_TRUE(removal.get());
 }
 
 TEST_F(DarwinNotifications, AFolderThatIsReplacedOrRemovedIsWatchedAgain) {
