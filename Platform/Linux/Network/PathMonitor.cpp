@@ -20,10 +20,10 @@ public:
             queue = deliveryQueue;
         }
         token = NetworkMonitor::shared().observe(
-            [weak = weak_from_this()](const std::shared_ptr<const NetworkState>& network) {
-                if (const auto self = weak.lock()) self->announce(network->path());
+            [weak = weak_from_this()](const std::shared_ptr<const NetworkState>&) {
+                if (const auto self = weak.lock()) self->announce();
             });
-        announce(NetworkMonitor::shared().state()->path());
+        announce();
     }
 
     void cancel() {
@@ -33,11 +33,12 @@ public:
     }
 
 private:
-    // Only the latest path counts; it waits while an earlier one is being delivered.
-    void announce(NWPath path) {
+    // Only the latest path counts; it waits while an earlier one is being delivered. The path is read
+    // here, under the lock: the start and a change at the same moment may announce in either order.
+    void announce() {
         const std::lock_guard guard(mutex);
         if (isCancelled) return;
-        waiting = std::move(path);
+        waiting = NetworkMonitor::shared().state()->path();
         if (std::exchange(isDelivering, true)) return;
         queue->async([weak = weak_from_this()] {
             if (const auto self = weak.lock()) self->deliver();
