@@ -20,10 +20,10 @@ public:
     void set(int to, std::int32_t number) { add(BPF_ALU64 | BPF_MOV | BPF_K, to, 0, 0, number); }
     void setAddress(int to, std::int16_t offset) {
         copy(to, BPF_REG_10);
-        add(BPF_ALU64 | BPF_ADD | BPF_K, to, 0, 0, offset);
+        add(BPF_ALU64 | BPF_ADD, to, 0, 0, offset);
     }
     void setWide(int to, std::uint64_t number, int meaning = 0) {
-        add(BPF_LD | BPF_DW | BPF_IMM, to, meaning, 0, static_cast<std::int32_t>(number));
+        add(BPF_DW | BPF_IMM, to, meaning, 0, static_cast<std::int32_t>(number));
         add(0, 0, 0, 0, static_cast<std::int32_t>(number >> 32));
     }
     void setTable(int to, const FileDescriptor& table) {

@@ -42,7 +42,7 @@ std::string programLink(const FileDescriptor& process) {
     const int tasks = ::openat(process.get(), "task", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     const std::unique_ptr<DIR, Close> folder(tasks < 0 ? nullptr : ::fdopendir(tasks));
     while (const auto* entry = folder ? ::readdir(folder.get()) : nullptr) {
-        const auto link = "task/" + std::string(entry->d_name) + "/exe";
+        auto link = "task/" + std::string(entry->d_name) + "/exe";
         if (::fstatat(process.get(), link.c_str(), &executable, 0) == 0) return link;
     }
     return ofFirstThread;
