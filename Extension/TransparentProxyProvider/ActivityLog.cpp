@@ -3,6 +3,8 @@
 // write collects them, so the order is that of joining. A failed write keeps the old file and all
 // entries; the next recorded flow tries again.
 
+#include <iterator>
+
 #include "Extension/FlowKillCoordinator.h"
 #include "Extension/TransparentProxyProvider.h"
 #include "Extension/ipc/ActivityLogResponseIPC.h"

@@ -1,5 +1,8 @@
 // The host application's requests: one document in, at most one document out, before the call returns.
 
+#include <algorithm>
+#include <variant>
+
 #include "Extension/TransparentProxyProvider.h"
 #include "Extension/ipc/ActiveAppsResponse.h"
 #include "Extension/ipc/ExtensionStatus.h"

@@ -37,15 +37,11 @@ std::optional<RuleTable> takeRules(JSONObject& source) {
 
 // The blocked applications of a source; nothing if they are absent or not an array of texts.
 std::optional<BundleIdSet> blockedAppsOf(const JSONObject& source) {
-    const auto* array = valueOf<platform::JSONArray>(source, "blockedApps");
-    if (!array) return std::nullopt;
-    BundleIdSet blocked;
-    for (const auto& value : *array) {
-        const auto* bundleId = value.as<std::string>();
-        if (!bundleId) return std::nullopt;
-        blocked.insert(*bundleId);
-    }
-    return blocked;
+    const auto entry = source.find("blockedApps");
+    const auto bundleIds =
+        entry == source.end() ? std::nullopt : platform::stringArray(entry->second);
+    if (!bundleIds) return std::nullopt;
+    return BundleIdSet(bundleIds->begin(), bundleIds->end());
 }
 
 std::string_view previewOf(std::string_view bytes) {
@@ -124,6 +120,7 @@ void TransparentProxyProvider::applyKeysBesidesRules(const JSONObject& source) {
 
 // The applications that a rule sends anywhere but directly, less those of `excluded`.
 BundleIdSet TransparentProxyProvider::vpnRoutedBundleIds(const BundleIdSet& excluded) const {
+    // Named: a loop over the snapshot's own table would not keep the snapshot.
     const auto rules = routingRules.snapshot();
     BundleIdSet routed;
     routed.reserve(rules->size());
