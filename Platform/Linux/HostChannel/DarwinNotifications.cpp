@@ -172,7 +172,7 @@ std::vector<std::string> CFNotificationCenter::namesToDeliver() {
     const auto batch = watch->read();
     if (!batch.mayHaveMissedSome) return touches.touchedNames(batch.events);
     touches.forget();
-    const auto names = observedNames();
+    auto names = observedNames();
     for (const auto& name : names) makeFile(name);
     return names;
 }
