@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <utility>
@@ -11,10 +12,13 @@
 namespace platform {
 namespace {
 
-// Larger ones move no more bytes a second, smaller ones fewer.
-constexpr int wantedCapacity = 256 * 1024;
-constexpr std::size_t keptForEachThread = 8;
+// The fewer times a stream changes hands, the fewer wake-ups and small segments. But what peers that
+// do not read tie up must stay within bounds, so only the first pipes are as large as that.
+constexpr int largeCapacity = 1024 * 1024;
+constexpr int capacityOfMany = 256 * 1024;
+constexpr int mostLargePipes = 64;
 constexpr int mostPipes = 512;
+constexpr std::size_t keptForEachThread = 8;
 
 std::atomic<int> pipes{0};
 thread_local std::vector<std::unique_ptr<Pipe>> kept;
@@ -27,11 +31,12 @@ std::unique_ptr<Pipe> Pipe::take() {
         kept.pop_back();
         return pipe;
     }
-    if (pipes.load(std::memory_order_relaxed) >= mostPipes) return nullptr;
+    const int present = pipes.load(std::memory_order_relaxed);
+    if (present >= mostPipes) return nullptr;
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) return nullptr;
     // Without privilege there may be less than asked for.
-    ::fcntl(ends[1], F_SETPIPE_SZ, wantedCapacity);
+    ::fcntl(ends[1], F_SETPIPE_SZ, present < mostLargePipes ? largeCapacity : capacityOfMany);
     const int capacity = ::fcntl(ends[1], F_GETPIPE_SZ);
     return std::unique_ptr<Pipe>(
         new Pipe(FileDescriptor(ends[0]), FileDescriptor(ends[1]),
@@ -59,18 +64,47 @@ ssize_t Pipe::drainTo(int socket, std::size_t length) {
                     SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
 }
 
-PipeStorage::~PipeStorage() {
-    if (pipe && left == 0) Pipe::giveBack(std::move(pipe));
+ssize_t Pipe::read(char* bytes, std::size_t length) { return ::read(readEnd.get(), bytes, length); }
+
+PipeContents::~PipeContents() {
+    if (pipe && removed == length) Pipe::giveBack(std::move(pipe));
 }
 
-ssize_t PipeStorage::moveTo(int socket, std::size_t length) const {
-    if (!pipe || left == 0) {
+bool PipeContents::skipTo(std::size_t start) {
+    std::array<char, 4096> unwanted;
+    while (removed < start) {
+        const ssize_t count =
+            pipe->read(unwanted.data(), std::min(unwanted.size(), start - removed));
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return false;
+        removed += static_cast<std::size_t>(count);
+    }
+    return true;
+}
+
+std::string PipeContents::takeUndelivered() {
+    if (!skipTo(delivered)) return {};
+    std::string bytes(undelivered(), '\0');
+    std::size_t copied = 0;
+    while (copied < bytes.size()) {
+        const ssize_t count = pipe->read(bytes.data() + copied, bytes.size() - copied);
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) break;
+        copied += static_cast<std::size_t>(count);
+    }
+    bytes.resize(copied);
+    removed += copied;
+    delivered = length;
+    return bytes;
+}
+
+ssize_t PipeContents::moveTo(int socket, std::size_t start, std::size_t count) {
+    if (removed > start || !skipTo(start)) {
         errno = EINVAL;  // moved on before
         return -1;
     }
-    const ssize_t moved = pipe->drainTo(socket, std::min(length, left));
-    if (moved > 0) left -= static_cast<std::size_t>(moved);
-    if (left == 0) Pipe::giveBack(std::move(pipe));
+    const ssize_t moved = pipe->drainTo(socket, count);
+    if (moved > 0) removed += static_cast<std::size_t>(moved);
     return moved;
 }
 

@@ -8,6 +8,8 @@
 
 #include <cstddef>
 #include <memory>
+#include <string>
+#include <utility>
 
 #include "Platform/Common/Data.h"
 #include "Platform/Linux/FileDescriptor.h"
@@ -30,6 +32,8 @@ public:
     // 0 at the stream's end, -1 with errno; neither waits.
     ssize_t fillFrom(int socket, std::size_t length);
     ssize_t drainTo(int socket, std::size_t length);
+    // Copies up to `length` bytes out into memory; as of read(2).
+    ssize_t read(char* bytes, std::size_t length);
 
 private:
     Pipe(FileDescriptor readingEnd, FileDescriptor writingEnd, std::size_t capacity);
@@ -39,20 +43,43 @@ private:
     std::size_t capacity_;
 };
 
-// A block of bytes that lies in a pipe. It can be moved on once, by one writer at a time.
-class PipeStorage final : public Data::Storage {
+// The bytes that lie in a pipe, for the one reader that filled it and hands them on in blocks, and
+// the one writer that empties it. Positions count from the first byte.
+class PipeContents {
 public:
-    PipeStorage(std::unique_ptr<Pipe> filledPipe, std::size_t length)
-        : pipe(std::move(filledPipe)), left(length) {}
-    ~PipeStorage() override;
+    PipeContents(std::unique_ptr<Pipe> filledPipe, std::size_t contentLength)
+        : pipe(std::move(filledPipe)), length(contentLength) {}
+    ~PipeContents();
+    PipeContents(const PipeContents&) = delete;
+    PipeContents& operator=(const PipeContents&) = delete;
 
-    // Moves up to `length` of the bytes that are left to a socket; as of splice(2).
-    ssize_t moveTo(int socket, std::size_t length) const;
+    // For the reader. Counts the next bytes as handed on and returns their position.
+    std::size_t deliver(std::size_t count) { return std::exchange(delivered, delivered + count); }
+    std::size_t undelivered() const { return length - delivered; }
+    // All that is not handed on, in memory. Fewer bytes if that fails.
+    std::string takeUndelivered();
+
+    // For the writer. Moves up to `count` bytes that begin at `start` to a socket; as of splice(2).
+    // Bytes before them that were not moved are thrown away.
+    ssize_t moveTo(int socket, std::size_t start, std::size_t count);
 
 private:
-    // A block is immutable to those who hold it; where its bytes have got to is not their business.
-    mutable std::unique_ptr<Pipe> pipe;
-    mutable std::size_t left;
+    bool skipTo(std::size_t start);
+
+    std::unique_ptr<Pipe> pipe;
+    const std::size_t length;
+    std::size_t delivered = 0;
+    std::size_t removed = 0;
+};
+
+// One block of them. It can be moved on once.
+class PipeBlock final : public Data::Storage {
+public:
+    PipeBlock(std::shared_ptr<PipeContents> pipeContents, std::size_t startPosition)
+        : contents(std::move(pipeContents)), start(startPosition) {}
+
+    const std::shared_ptr<PipeContents> contents;
+    const std::size_t start;
 };
 
 }  // namespace platform

@@ -22,6 +22,7 @@ constexpr std::size_t smallestBulk = 8 * 1024;
 constexpr double secondsWithoutProgress = 15;
 constexpr double secondsAltogether = 300;
 constexpr double secondsForPeerToEnd = 2;
+constexpr double secondsOfHolding = 0.01;
 
 constexpr std::uint32_t everyChange = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
 
@@ -53,14 +54,14 @@ void StreamSocket::read(std::size_t minimumLength, std::size_t maximumLength) {
     minimum = std::min(minimumLength, maximumLength);
     maximum = maximumLength;
     isReading = true;
-    if (mayRead || hasReadEnd || failure != 0) loop.askForTurn(shared_from_this());
+    if (mayAnswerReading()) loop.askForTurn(shared_from_this());
 }
 
 void StreamSocket::write(Data data) {
     writing = std::move(data);
     written = 0;
     isWriting = true;
-    if (mayWrite || failure != 0) loop.askForTurn(shared_from_this());
+    loop.askForTurn(shared_from_this());
 }
 
 void StreamSocket::stopReading() { isReading = false; }
@@ -112,7 +113,7 @@ void StreamSocket::turn() {
 }
 
 void StreamSocket::tryReading() {
-    if (!isReading || !(mayRead || hasReadEnd || failure != 0)) return;
+    if (!isReading || !mayAnswerReading()) return;
     Received received = receive();
     if (received.isNothing()) return;
     isReading = false;
@@ -120,6 +121,8 @@ void StreamSocket::tryReading() {
 }
 
 StreamSocket::Received StreamSocket::receive() {
+    if (ahead && minimum > 1) takeAheadIntoMemory();
+    if (ahead) return nextBlockOfPipe();
     if (failure != 0) return Received::failed(failure);
     if (hasReadEnd) return Received::ended();
     Received received = minimum > 1 ? receiveAtLeast()
@@ -150,7 +153,7 @@ StreamSocket::Received StreamSocket::receiveIntoPipe() {
     if (!pipe) return receiveIntoMemory(std::min(maximum, largeRead));
     ssize_t count = 0;
     do {
-        count = pipe->fillFrom(descriptor.get(), std::min(maximum, pipe->capacity()));
+        count = pipe->fillFrom(descriptor.get(), pipe->capacity());
     } while (count < 0 && errno == EINTR);
     if (count <= 0) {
         const int error = errno;
@@ -159,8 +162,25 @@ StreamSocket::Received StreamSocket::receiveIntoPipe() {
         return nothingReceived(count);
     }
     const auto length = static_cast<std::size_t>(count);
-    isBulk = length >= std::min(maximum, smallestBulk);
-    return {.data = Data(std::make_shared<PipeStorage>(std::move(pipe), length), length)};
+    isBulk = length >= smallestBulk;
+    ahead = std::make_shared<PipeContents>(std::move(pipe), length);
+    return nextBlockOfPipe();
+}
+
+StreamSocket::Received StreamSocket::nextBlockOfPipe() {
+    const std::size_t length = std::min(maximum, ahead->undelivered());
+    auto block = std::make_shared<const PipeBlock>(ahead, ahead->deliver(length));
+    if (ahead->undelivered() == 0) ahead = nullptr;
+    return {Data(std::move(block), length)};
+}
+
+// A block of at least so many bytes may need some that are still to come, and those cannot join the
+// pipe.
+void StreamSocket::takeAheadIntoMemory() {
+    const std::size_t length = ahead->undelivered();
+    if (length >= minimum) return;
+    gathered = std::exchange(ahead, nullptr)->takeUndelivered();
+    if (gathered.size() < length) failure = EIO;
 }
 
 StreamSocket::Received StreamSocket::receiveAtLeast() {
@@ -195,35 +215,94 @@ void StreamSocket::lookForEnd(Received& received) {
 }
 
 void StreamSocket::tryWriting() {
-    if (isWriting && (mayWrite || failure != 0)) {
+    if (isWriting && hold(dynamic_cast<const PipeBlock*>(writing.storage().get()))) {
+        isWriting = false;
+        writing = Data();
+        return owner->writeDone(0);
+    }
+    if (!mayWrite && failure == 0) return;
+    if (isWriting) {
         const int error = failure != 0 ? failure : writeOn();
         if (error == EAGAIN) return;
         isWriting = false;
         writing = Data();
         if (!isEndingWriting) return owner->writeDone(error);
     }
-    if (isEndingWriting && !isWriting) shutDownWriting();
+    if (isEndingWriting && writeHeld() != EAGAIN) shutDownWriting();
+}
+
+// A stream that is handed on in small blocks is written in large ones, as each write wakes its
+// reader: a block with more to follow is only kept. True if it was.
+bool StreamSocket::hold(const PipeBlock* block) {
+    if (block == nullptr || written != 0 || failure != 0) return false;
+    const bool continuesHeld = held == block->contents && heldStart + heldLength == block->start;
+    if (heldLength != 0 && !continuesHeld) return false;
+    if (heldLength == 0) heldStart = block->start;
+    held = block->contents;
+    heldLength += writing.length();
+    if (held->undelivered() == 0 || isEndingWriting) {
+        // The last one: all are written now, and this one is answered when they are.
+        written = writing.length();
+        return false;
+    }
+    writeHeldSoon();
+    return true;
+}
+
+// Should what was to follow not come, the bytes go without it.
+void StreamSocket::writeHeldSoon() {
+    if (std::exchange(isWritingHeldSoon, true)) return;
+    loop.after(secondsOfHolding, [weak = weak_from_this()] {
+        const auto self = weak.lock();
+        if (!self) return;
+        self->isWritingHeldSoon = false;
+        if (self->phase != Phase::open || self->isWriting || self->heldLength == 0) return;
+        if (self->writeHeld() == EAGAIN) self->writeHeldSoon();
+    });
+}
+
+int StreamSocket::writeHeld() {
+    while (heldLength != 0) {
+        const ssize_t count = held->moveTo(descriptor.get(), heldStart, heldLength);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return noteWriting(errno);
+        heldStart += static_cast<std::size_t>(count);
+        heldLength -= static_cast<std::size_t>(count);
+    }
+    held = nullptr;
+    return 0;
+}
+
+int StreamSocket::noteWriting(int error) {
+    if (error == EAGAIN)
+        awaitWriting();
+    else
+        failure = error;
+    return failure != 0 ? failure : EAGAIN;
 }
 
 int StreamSocket::writeOn() {
+    if (const int error = writeHeld()) return error;
+    if (written == writing.length()) return 0;
     const auto bytes = writing.bytes();
-    const auto* const pipe =
-        bytes ? nullptr : dynamic_cast<const PipeStorage*>(writing.storage().get());
-    if (!bytes && pipe == nullptr) return EINVAL;
-    while (written < writing.length()) {
-        const std::size_t left = writing.length() - written;
-        const ssize_t count = pipe != nullptr ? pipe->moveTo(descriptor.get(), left)
-                                              : ::send(descriptor.get(), bytes->data() + written,
-                                                       left, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (!bytes) return writeBlockOn(dynamic_cast<const PipeBlock*>(writing.storage().get()));
+    while (written < bytes->size()) {
+        const ssize_t count = ::send(descriptor.get(), bytes->data() + written,
+                                     bytes->size() - written, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (count < 0 && errno == EINTR) continue;
-        if (count < 0 && errno == EAGAIN) {
-            awaitWriting();
-            return failure != 0 ? failure : EAGAIN;
-        }
-        if (count < 0) return errno;
+        if (count < 0) return noteWriting(errno);
         written += static_cast<std::size_t>(count);
     }
     return 0;
+}
+
+// A block that did not continue those before it.
+int StreamSocket::writeBlockOn(const PipeBlock* block) {
+    if (block == nullptr) return EINVAL;
+    held = block->contents;
+    heldStart = block->start;
+    heldLength = std::exchange(written, writing.length()) == 0 ? writing.length() : 0;
+    return writeHeld();
 }
 
 void StreamSocket::shutDownWriting() {
@@ -280,12 +359,10 @@ void StreamSocket::continueFinishing() {
 }
 
 bool StreamSocket::hasDeliveredWriting() {
-    if (!isWriting || failure != 0) return true;
+    if ((!isWriting && heldLength == 0) || failure != 0) return true;
     if (!mayWrite) return false;
-    const int error = writeOn();
-    if (error == EAGAIN) return false;
+    if ((isWriting ? writeOn() : writeHeld()) == EAGAIN) return false;
     isWriting = false;
-    failure = error;
     return true;
 }
 
@@ -315,7 +392,8 @@ bool StreamSocket::mayCloseNow() const {
 std::size_t StreamSocket::undeliveredBytes() const {
     int queued = 0;
     if (::ioctl(descriptor.get(), SIOCOUTQ, &queued) != 0) queued = 0;
-    return static_cast<std::size_t>(queued) + (isWriting ? writing.length() - written : 0);
+    return static_cast<std::size_t>(queued) + heldLength +
+           (isWriting ? writing.length() - written : 0);
 }
 
 void StreamSocket::checkFinishingLater() {
@@ -347,6 +425,9 @@ void StreamSocket::close() {
     phase = Phase::closed;
     isWriting = false;
     writing = Data();
+    held = nullptr;
+    heldLength = 0;
+    ahead = nullptr;
     if (std::exchange(isWatched, false)) loop.forget(*this);
     descriptor = FileDescriptor();
     if (closeHandler) loop.post(std::move(closeHandler));

@@ -20,6 +20,9 @@
 
 namespace platform {
 
+class PipeBlock;
+class PipeContents;
+
 class StreamSocket final : public EventLoop::Source,
                            public std::enable_shared_from_this<StreamSocket> {
 public:
@@ -101,12 +104,20 @@ private:
     Received receive();
     Received receiveIntoMemory(std::size_t wanted);
     Received receiveIntoPipe();
+    Received nextBlockOfPipe();
+    void takeAheadIntoMemory();
     Received receiveAtLeast();
     Received nothingReceived(ssize_t result);
     void lookForEnd(Received& received);
+    bool mayAnswerReading() const { return mayRead || hasReadEnd || failure != 0 || ahead; }
     void tryWriting();
+    bool hold(const PipeBlock* block);
+    void writeHeldSoon();
     // 0 when all is written, EAGAIN when the rest has to wait, else an errno.
     int writeOn();
+    int writeBlockOn(const PipeBlock* block);
+    int writeHeld();
+    int noteWriting(int error);
     void shutDownWriting();
     // The descriptor has nothing to give or take now: its next change is reported.
     void awaitReading();
@@ -139,9 +150,15 @@ private:
     int failure = 0;      // of the descriptor itself; every operation answers it
     std::size_t minimum = 0;
     std::size_t maximum = 0;
-    std::string gathered;  // of a read with a minimum
+    std::string gathered;                 // of a read with a minimum
+    std::shared_ptr<PipeContents> ahead;  // read, and to be handed on in further blocks
     Data writing;
     std::size_t written = 0;
+    // Blocks whose writing was answered already, as more of the same pipe was to follow.
+    std::shared_ptr<PipeContents> held;
+    std::size_t heldStart = 0;
+    std::size_t heldLength = 0;
+    bool isWritingHeldSoon = false;
     Completion<> closeHandler;
     std::unique_ptr<Finishing> finishing;
 };

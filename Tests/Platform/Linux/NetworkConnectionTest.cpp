@@ -134,6 +134,35 @@ TEST(NetworkConnection, ReceivesNoLessThanTheMinimumAndNoMoreThanTheMaximum) {
     EXPECT_TRUE(last.isComplete);
 }
 
+// A stream that comes fast is taken from the system in large pieces; that shows nowhere.
+TEST(NetworkConnection, KeepsToMinimumAndMaximumInAFastStream) {
+    const std::string bytes = randomBytes(1'000'000, 11);
+    const auto listener = listenOnLoopback();
+    Client client("127.0.0.1", portOf(listener));
+    client.connection->start(queue);
+    const auto server = acceptFrom(listener);
+    sendAll(server, std::string_view(bytes).substr(0, 900'000));
+    std::size_t position = 0;
+    const auto expect = [&](std::size_t minimum, std::size_t maximum) {
+        const auto received = client.receive(minimum, maximum);
+        ASSERT_TRUE(received.data.has_value());
+        EXPECT_GE(received.data->length(), minimum);
+        EXPECT_LE(received.data->length(), maximum);
+        if (received.data->bytes()) {
+            EXPECT_TRUE(received.text() == bytes.substr(position, received.data->length()));
+        }
+        position += received.data->length();
+    };
+    expect(1, 65536);
+    expect(1, 65536);  // from here on in large pieces
+    expect(1, 10'000);
+    expect(250'000, 300'000);  // more than is left of one
+    expect(1, 65536);
+    sendAll(server, std::string_view(bytes).substr(900'000));
+    ::shutdown(server.get(), SHUT_WR);
+    expect(bytes.size() - position, bytes.size());
+}
+
 TEST(NetworkConnection, APeerThatRefusesIsAFailure) {
     auto listener = listenOnLoopback();
     const auto port = portOf(listener);
