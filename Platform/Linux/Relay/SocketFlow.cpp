@@ -47,6 +47,7 @@ void Flow::settle(Arrival arrival) {
         openingError = std::move(std::get<NSError>(arrival));
         if (endHandler) later(std::move(endHandler));
     }
+    isSettled = true;
     for (auto& work : waiting) work();
 }
 
@@ -59,7 +60,8 @@ void Flow::perform(Work work) {
         // It belongs to this object and runs only while that lives.
         if (present == nullptr) return beforeArrival.push_back(std::move(work));
     }
-    if (present->isCurrent()) return work();
+    // On the loop's thread too the arrival comes first.
+    if (present->isCurrent() && isSettled) return work();
     present->post([self = shared_from_this(), work = std::move(work)]() mutable { work(); });
 }
 

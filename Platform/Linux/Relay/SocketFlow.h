@@ -79,6 +79,7 @@ private:
     std::atomic<EventLoop*> loop{nullptr};  // set once, under `arriving`
 
     // The rest belongs to the loop's thread.
+    bool isSettled = false;  // what the interception brought is here
     std::shared_ptr<StreamSocket> socket;
     std::optional<NSError> openingError;
     ReadCompletion reading;

@@ -370,9 +370,9 @@ void StreamSocket::discardInput() {
     constexpr int piecesAtOnce = 16;
     for (int i = 0; mayRead && !hasReadEnd && failure == 0; ++i) {
         if (i == piecesAtOnce) return loop.askForTurn(shared_from_this());
-        // With MSG_TRUNC the bytes of a stream are dropped where they are.
-        const ssize_t count =
-            ::recv(descriptor.get(), nullptr, std::size_t{1} << 20, MSG_TRUNC | MSG_DONTWAIT);
+        // With MSG_TRUNC the bytes of a stream are dropped where they are, and none is copied.
+        const ssize_t count = ::recv(descriptor.get(), readBuffer.data(), readBuffer.size(),
+                                     MSG_TRUNC | MSG_DONTWAIT);
         if (count == 0)
             hasReadEnd = true;
         else if (count < 0 && errno == EAGAIN)

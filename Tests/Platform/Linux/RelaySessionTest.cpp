@@ -12,6 +12,7 @@
 #include <map>
 #include <mutex>
 #include <random>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -64,11 +65,15 @@ public:
         std::vector<std::shared_ptr<ProxySession>> ending;
         {
             const std::lock_guard guard(mutex);
-            for (const auto& [id, session] : sessions) ending.push_back(session);
+            // As the provider does: one that has not been started tells nobody of its end.
+            for (const auto& [id, session] : std::exchange(sessions, {})) ending.push_back(session);
         }
         for (const auto& session : ending) session->cancelGracefully();
     }
-    int completions() const { return completed; }
+    std::size_t completions() {
+        const std::lock_guard guard(mutex);
+        return completed.size();
+    }
 
 private:
     void relay(FileDescriptor socket) {
@@ -90,7 +95,7 @@ private:
         }
         session->start([this, id = session->sessionId] {
             const std::lock_guard guard(mutex);
-            ++completed;
+            EXPECT_TRUE(completed.insert(id).second) << "completed twice: " << id;
             sessions.erase(static_cast<int>(id));
             changed.notify_all();
         });
@@ -105,7 +110,7 @@ private:
     std::condition_variable changed;
     std::map<int, std::shared_ptr<ProxySession>> sessions;
     int nextSession = 0;
-    std::atomic<int> completed = 0;
+    std::set<std::int64_t> completed;
     std::unique_ptr<ConnectionAcceptor> acceptor;
 };
 
@@ -245,7 +250,7 @@ TEST(RelaySession, AKilledSessionShowsTheApplicationAReset) {
     EXPECT_EQ(error, ECONNRESET);
     EXPECT_EQ(receiveToEnd(server), "");
     EXPECT_TRUE(relay.hasEnded());
-    EXPECT_EQ(relay.completions(), 1);
+    EXPECT_EQ(relay.completions(), 1U);
 }
 
 TEST(RelaySession, AServerThatRefusesEndsTheApplicationsConnection) {
@@ -336,7 +341,6 @@ TEST(RelaySession, ThousandsStartAndEndAtOnce) {
     isOver = true;
     killer.join();
     EXPECT_TRUE(relay.hasEnded());
-    EXPECT_EQ(relay.completions(), threads * perThread);
     EXPECT_GT(answered, threads * perThread / 10);
     ::shutdown(listener.get(), SHUT_RDWR);
     for (auto& server : servers) server.join();
