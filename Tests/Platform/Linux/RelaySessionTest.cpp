@@ -226,9 +226,9 @@ TEST(RelaySession, TheApplicationsLastBytesArriveAlthoughTheServerStillSends) {
         ::shutdown(application.get(), SHUT_WR);
         // It is slow to read, so that much of it lies in the relay and the system meanwhile.
         std::this_thread::sleep_for(std::chrono::milliseconds(round % 8));
-        int error = 0;
-        EXPECT_TRUE(receiveToEnd(server, &error) == bytes) << "round " << round;
-        EXPECT_EQ(error, 0);
+        // Behind them comes an end or, as it goes on sending to an application that has gone, a
+        // reset: so it would without the relay.
+        EXPECT_TRUE(receiveToEnd(server) == bytes) << "round " << round;
         isOver = true;
         receiveToEnd(application);
         application = FileDescriptor();
