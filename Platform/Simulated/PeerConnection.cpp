@@ -24,9 +24,9 @@ NSError refused() { return {"posix", 61, "Connection refused"}; }
 
 }  // namespace
 
-NWConnection::Implementation::Implementation(std::string host, std::uint16_t port,
+NWConnection::Implementation::Implementation(NWEndpoint::Host host, std::uint16_t port,
                                              NWParameters givenParameters)
-    : hostName(std::move(host)),
+    : hostToReach(std::move(host)),
       portNumber(port),
       parameters(std::move(givenParameters)),
       stateUpdates(machine().scheduler.makeLane()) {}
@@ -337,8 +337,8 @@ void NWConnection::Implementation::completionHasRun() {
 // The seam.
 
 NWConnection::NWConnection(NWEndpoint::Host host, NWEndpoint::Port port, NWParameters parameters)
-    : implementation(
-          std::make_shared<Implementation>(host.text(), port.rawValue(), std::move(parameters))) {
+    : implementation(std::make_shared<Implementation>(std::move(host), port.rawValue(),
+                                                      std::move(parameters))) {
     simulated::checkPlatformCall("NWConnection");
     machine().network.connectionIsMade(implementation);
 }

@@ -46,10 +46,10 @@ public:
         std::vector<State::Kind> states;  // those delivered to the handler, in order
     };
 
-    Implementation(std::string host, std::uint16_t port, NWParameters parameters);
+    Implementation(NWEndpoint::Host host, std::uint16_t port, NWParameters parameters);
 
     // The test's and the network's side.
-    const std::string& host() const { return hostName; }
+    const std::string& host() const { return hostToReach.text(); }
     std::uint16_t port() const { return portNumber; }
     const std::optional<NWInterface>& requiredInterface() const {
         return parameters.requiredInterface;
@@ -104,7 +104,7 @@ private:
     void finishCancel() REQUIRES(mutex);
     bool isOver() const REQUIRES(mutex);
 
-    const std::string hostName;
+    const NWEndpoint::Host hostToReach;
     const std::uint16_t portNumber;
     const NWParameters parameters;
     const simulated::Scheduler::Lane stateUpdates;

@@ -149,11 +149,11 @@ void SettingsInForce<Settings>::carryOutNext() {
             error = std::move(scripted.front());
             scripted.pop_front();
         }
-        auto& made_ = made[next.index];
-        made_.isAnswered = true;
-        made_.error = error;
+        auto& answered = made[next.index];
+        answered.isAnswered = true;
+        answered.error = error;
         if (!error) {
-            old = std::exchange(present, made_.settings);
+            old = std::exchange(present, answered.settings);
             now = present;
         }
     }

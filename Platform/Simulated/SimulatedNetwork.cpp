@@ -1,6 +1,7 @@
 #include "Platform/Simulated/SimulatedNetwork.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "Platform/Simulated/Contracts.h"
 #include "Platform/Simulated/Machine.h"
@@ -73,16 +74,18 @@ void Peer::readsOn() {
 }
 
 void Peer::failsNextSend(NSError error) {
-    forAll([error](Connection& each) { each.failNextSend(error); }, true);
+    forAll([error = std::move(error)](Connection& each) { each.failNextSend(error); }, true);
 }
 
 void Peer::fails(NSError error) {
-    forAll([error](Connection& each) { each.enter(NWConnection::State::Kind::failed, error); },
+    forAll([error = std::move(error)](
+               Connection& each) { each.enter(NWConnection::State::Kind::failed, error); },
            false);
 }
 
 void Peer::makesWaiting(NSError error) {
-    forAll([error](Connection& each) { each.enter(NWConnection::State::Kind::waiting, error); },
+    forAll([error = std::move(error)](
+               Connection& each) { each.enter(NWConnection::State::Kind::waiting, error); },
            false);
 }
 
