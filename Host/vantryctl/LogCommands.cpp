@@ -23,7 +23,6 @@ namespace vantryctl {
 
 using platform::Date;
 using platform::JSONArray;
-using platform::JSONFailure;
 using platform::JSONObject;
 using platform::JSONValue;
 using vantry::ActivityLogEntryIPC;
@@ -48,7 +47,7 @@ void keepLast(std::vector<ActivityLogEntryIPC>& log, std::size_t count) {
 }
 
 std::string destinationOf(const ActivityLogEntryIPC& entry) {
-    const std::string host = entry.destinationIp.value_or("?");
+    std::string host = entry.destinationIp.value_or("?");
     if (!entry.destinationPort) return host;
     if (host.find(':') != std::string::npos)
         return fmt::format("[{}]:{}", host, *entry.destinationPort);
@@ -147,6 +146,7 @@ std::vector<Application> applicationsOf(const std::vector<ActivityLogEntryIPC>& 
     auto activities = activityByApplication(log);
     for (const auto& identifier : active) activities.try_emplace(identifier);
     std::vector<Application> applications;
+    applications.reserve(activities.size());
     for (auto& [identifier, activity] : activities)
         applications.push_back({identifier, std::move(activity), active.contains(identifier)});
     std::ranges::stable_sort(applications, [](const auto& a, const auto& b) {

@@ -22,7 +22,6 @@ namespace vantryctl {
 using platform::FileDescriptor;
 using platform::JSONFailure;
 using platform::JSONObject;
-using platform::JSONValue;
 
 namespace {
 
@@ -191,10 +190,10 @@ Outcome<> writeRulesFile(Files& files, const Settings& settings, std::vector<std
 }
 
 Outcome<> writeBoth(Files& files, const Settings& settings, std::vector<std::string>& notes) {
-    const auto preferences = replaceFile(
+    auto preferences = replaceFile(
         places::preferencesFile, documentWith(settings, files.preferences.value_or(JSONObject{})));
     if (failureOf(preferences)) return preferences;
-    const auto rules = writeRulesFile(files, settings, notes);
+    auto rules = writeRulesFile(files, settings, notes);
     if (failureOf(rules)) takeBackPreferences(files.preferences);
     return rules;
 }
