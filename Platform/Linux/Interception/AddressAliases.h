@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <tuple>
 
 #include "Platform/Linux/Attribution/FlowOwner.h"
 #include "Platform/Linux/Interception/NetlinkSocket.h"
@@ -36,7 +37,9 @@ private:
     struct Address {
         int family;
         std::array<std::uint8_t, 16> bytes;
-        friend auto operator<=>(const Address&, const Address&) = default;
+        friend bool operator<(const Address& left, const Address& right) {
+            return std::tie(left.family, left.bytes) < std::tie(right.family, right.bytes);
+        }
     };
 
     bool put(const Address& address);

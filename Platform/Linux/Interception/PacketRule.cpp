@@ -198,7 +198,7 @@ PacketRule& PacketRule::queueTo(std::uint16_t queueNumber, QueueForm form) {
     nftnl_expr_set_str(expression, NFTNL_EXPR_TG_NAME, "NFQUEUE");
     nftnl_expr_set_u32(expression, NFTNL_EXPR_TG_REV, 3);
     nftnl_expr_set(expression, NFTNL_EXPR_TG_INFO, description, sizeof *description);
-    return *this;
+    return *this;  // NOLINT(clang-analyzer-unix.Malloc): the expression owns it now
 }
 
 PacketRule& PacketRule::redirectTo(std::uint16_t localPort) {

@@ -40,8 +40,9 @@ void refuse(Completion<std::optional<NSError>> completion) {
 
 void NETransparentProxyProvider::setTunnelNetworkSettings(
     NETransparentProxyNetworkSettings settings, ErrorCompletion completion) {
+    const NETransparentProxyNetworkSettings wanted = std::move(settings);
     if (const auto running = interception::RunningInterception::get())
-        running->setProxyRules(settings.includedNetworkRules(), std::move(completion));
+        running->setProxyRules(wanted.includedNetworkRules(), std::move(completion));
     else
         refuse(std::move(completion));
 }

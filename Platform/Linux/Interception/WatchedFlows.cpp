@@ -55,13 +55,15 @@ void WatchedFlows::remove(const FlowTuple& flow) {
 
 void WatchedFlows::removeEnded(std::chrono::seconds idleFor,
                                const std::function<bool(const FlowTuple&)>& isOver) {
-    const auto limit = Clock::now() - idleFor;
+    const auto now = Clock::now();
     std::vector<FlowTuple> idle;
     {
         const std::lock_guard guard(lock);
-        for (auto entry = byLastUse.rbegin(); entry != byLastUse.rend() && entry->lastUse < limit;
-             ++entry)
-            idle.push_back(entry->flow);
+        for (Entry& entry : byLastUse) {
+            if (now - entry.lastUse < idleFor) continue;
+            entry.lastUse = now;
+            idle.push_back(entry.flow);
+        }
     }
     for (const FlowTuple& flow : idle)
         if (isOver(flow)) remove(flow);

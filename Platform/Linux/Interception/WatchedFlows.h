@@ -49,8 +49,8 @@ public:
     std::shared_ptr<WatchedFlow> find(const FlowTuple& flow);
     void add(const FlowTuple& flow, std::shared_ptr<WatchedFlow> watched);
     void remove(const FlowTuple& flow);
-    // Asks about each flow that has sent nothing for a while, outside the lock, and forgets those
-    // that are over.
+    // Asks about each flow that has sent nothing for so long, outside the lock, and forgets those
+    // that are over. The others are not asked about again for as long.
     void removeEnded(std::chrono::seconds idleFor,
                      const std::function<bool(const FlowTuple&)>& isOver);
     std::size_t count();
@@ -60,7 +60,7 @@ private:
     struct Entry {
         FlowTuple flow;
         std::shared_ptr<WatchedFlow> watched;
-        Clock::time_point lastUse;
+        Clock::time_point lastUse;  // or the last time that it was asked about
     };
     using Entries = std::list<Entry>;
 
