@@ -82,6 +82,11 @@ int EventLoop::watch(int descriptor, std::uint32_t wanted, Source& source) {
     return ::epoll_ctl(epoll.get(), EPOLL_CTL_ADD, descriptor, &event) == 0 ? 0 : errno;
 }
 
+int EventLoop::changeWatch(int descriptor, std::uint32_t wanted, Source& source) {
+    epoll_event event{wanted, {.ptr = &source}};
+    return ::epoll_ctl(epoll.get(), EPOLL_CTL_MOD, descriptor, &event) == 0 ? 0 : errno;
+}
+
 void EventLoop::stopWatching(int descriptor) {
     epoll_event ignored{};
     ::epoll_ctl(epoll.get(), EPOLL_CTL_DEL, descriptor, &ignored);

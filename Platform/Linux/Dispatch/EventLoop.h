@@ -76,6 +76,8 @@ public:
     // once. Returns 0 or an errno. Closing the descriptor ends it; `forget` has to follow before
     // `source` dies.
     int watch(int descriptor, std::uint32_t events, Source& source);
+    // Replaces the events of a watched descriptor; as `watch`.
+    int changeWatch(int descriptor, std::uint32_t events, Source& source);
     void stopWatching(int descriptor);
     // Drops events already fetched for `source`.
     void forget(const Source& source);

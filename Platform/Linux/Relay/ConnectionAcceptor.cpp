@@ -29,8 +29,8 @@ public:
 
     void start() {
         if (isStopped) return;
-        // Not edge-triggered: one connection wakes one loop, and what is left wakes another.
-        if (loop.watch(listening->listener.get(), EPOLLIN | EPOLLEXCLUSIVE, *this) != 0)
+        // One connection wakes one loop, which takes all that wait by then.
+        if (loop.watch(listening->listener.get(), EPOLLIN | EPOLLET | EPOLLEXCLUSIVE, *this) != 0)
             return startLater();
         isWatching = true;
     }
@@ -40,13 +40,17 @@ public:
         listening = nullptr;
     }
 
-    void handleEvents(std::uint32_t) override {
+    void handleEvents(std::uint32_t) override { takeTurn(); }
+
+    void takeTurn() override {
         const auto self = shared_from_this();
         for (int i = 0; i < acceptedAtOnce && !isStopped; ++i)
             if (!acceptOne()) return;
+        if (!isStopped) loop.askForTurn(self);
     }
 
 private:
+    // False if there is none to take now.
     bool acceptOne() {
         sockaddr_storage peer{};
         socklen_t length = sizeof peer;

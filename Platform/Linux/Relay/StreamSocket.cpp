@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <utility>
+#include <vector>
 
 #include "Platform/Linux/Relay/Pipe.h"
 
@@ -24,11 +25,49 @@ constexpr double secondsAltogether = 300;
 constexpr double secondsForPeerToEnd = 2;
 constexpr double secondsOfHolding = 0.01;
 
-constexpr std::uint32_t everyChange = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
+// Each change is reported once. Most sockets never fill up, and each report costs.
+constexpr std::uint32_t whenReadable = EPOLLIN | EPOLLRDHUP | EPOLLET;
+constexpr std::uint32_t whenReadableOrWritable = whenReadable | EPOLLOUT;
+
+// How often a loop looks after the sockets that are finishing.
+constexpr double secondsBetweenChecks = 0.05;
 
 thread_local std::array<char, largeRead> readBuffer;
 
 }  // namespace
+
+// The sockets of a loop that are finishing, looked after together: nearly all end within moments,
+// and a timer for each would wake the loop for nothing.
+class StreamSocket::FinishingOfThread {
+public:
+    static FinishingOfThread& current() {
+        thread_local FinishingOfThread sockets;
+        return sockets;
+    }
+
+    void add(StreamSocket& socket) {
+        sockets.push_back(socket.weak_from_this());
+        if (!std::exchange(isTicking, true)) tickLater(socket.loop);
+    }
+
+private:
+    void tickLater(EventLoop& loop) {
+        loop.after(secondsBetweenChecks, [this, &loop] { tick(loop); });
+    }
+    void tick(EventLoop& loop) {
+        const auto now = TimerHeap::Clock::now();
+        std::erase_if(sockets, [now](const std::weak_ptr<StreamSocket>& weak) {
+            const auto socket = weak.lock();
+            if (socket) socket->checkFinishing(now);
+            return !socket || socket->phase != Phase::finishing;
+        });
+        isTicking = !sockets.empty();
+        if (isTicking) tickLater(loop);
+    }
+
+    std::vector<std::weak_ptr<StreamSocket>> sockets;
+    bool isTicking = false;
+};
 
 void StreamSocket::Owner::connectDone(StreamSocket&, int) {}
 
@@ -44,7 +83,7 @@ int StreamSocket::connect(const sockaddr* address, socklen_t length) {
     if (::connect(descriptor.get(), address, length) == 0)
         loop.askForTurn(shared_from_this());
     else if (errno == EINPROGRESS)
-        watchOnce();
+        watchFor(whenReadableOrWritable);
     else
         return errno;
     return failure;
@@ -312,21 +351,24 @@ void StreamSocket::shutDownWriting() {
 
 void StreamSocket::awaitReading() {
     mayRead = false;
-    watchOnce();
+    if (!isWatched) watchFor(whenReadable);
 }
 
 void StreamSocket::awaitWriting() {
     mayWrite = false;
-    watchOnce();
+    if (!isWatchedForWriting) watchFor(whenReadableOrWritable);
 }
 
-void StreamSocket::watchOnce() {
-    if (std::exchange(isWatched, true)) return;
-    // Being added reports what has changed since the attempt.
-    const int error = loop.watch(descriptor.get(), everyChange, *this);
-    if (error == 0) return;
-    isWatched = false;
-    failure = error;
+// What has changed since the attempt is reported at once.
+void StreamSocket::watchFor(std::uint32_t events) {
+    const int error = isWatched ? loop.changeWatch(descriptor.get(), events, *this)
+                                : loop.watch(descriptor.get(), events, *this);
+    if (error != 0) {
+        failure = error;
+        return;
+    }
+    isWatched = true;
+    isWatchedForWriting = (events & EPOLLOUT) != 0;
 }
 
 void StreamSocket::finish(Farewell farewell) {
@@ -339,6 +381,7 @@ void StreamSocket::finish(Farewell farewell) {
     finishing->self = shared_from_this();
     finishing->farewell = farewell;
     continueFinishing();
+    if (phase == Phase::finishing) FinishingOfThread::current().add(*this);
 }
 
 void StreamSocket::reset() {
@@ -355,7 +398,6 @@ void StreamSocket::continueFinishing() {
     discardInput();
     if (failure != 0 || (isAllHandedOver && mayCloseNow())) return close();
     if (isAllHandedOver) shutDownWriting();
-    checkFinishingLater();
 }
 
 bool StreamSocket::hasDeliveredWriting() {
@@ -396,28 +438,20 @@ std::size_t StreamSocket::undeliveredBytes() const {
            (isWriting ? writing.length() - written : 0);
 }
 
-void StreamSocket::checkFinishingLater() {
-    if (finishing->undelivered) return;
-    finishing->undelivered = undeliveredBytes();
-    loop.after(finishing->interval, [weak = weak_from_this()] {
-        if (const auto self = weak.lock()) self->checkFinishing();
-    });
-}
-
-void StreamSocket::checkFinishing() {
-    if (phase != Phase::finishing) return;
+void StreamSocket::checkFinishing(TimerHeap::Clock::time_point now) {
+    if (phase != Phase::finishing || now < finishing->nextCheck) return;
     Finishing& state = *finishing;
-    const std::size_t before = std::exchange(state.undelivered, std::nullopt).value_or(0);
-    const std::size_t now = undeliveredBytes();
+    const std::size_t undelivered = undeliveredBytes();
+    const bool isProgress = undelivered != std::exchange(state.undelivered, undelivered);
     state.total += state.interval;
-    state.sinceProgress = now < before ? 0 : state.sinceProgress + state.interval;
-    const bool isDelivered = now == 0;
+    state.sinceProgress = isProgress ? 0 : state.sinceProgress + state.interval;
+    const bool isDelivered = undelivered == 0;
     const double patience = isDelivered ? secondsForPeerToEnd : secondsWithoutProgress;
     const bool isOver = isDelivered && state.farewell == Farewell::untilDelivered;
     if (isOver || state.sinceProgress >= patience || state.total >= secondsAltogether)
         return close();
     state.interval = std::min(1.0, state.interval * 2);
-    checkFinishingLater();
+    state.nextCheck = TimerHeap::instantAfter(state.interval);
 }
 
 void StreamSocket::close() {

@@ -91,8 +91,9 @@ private:
     struct Finishing {
         std::shared_ptr<StreamSocket> self;  // nobody else holds it any more
         Farewell farewell;
-        std::optional<std::size_t> undelivered;  // as of the check that is on its way
-        double interval = 0.05;
+        std::optional<std::size_t> undelivered;  // as of the last check
+        TimerHeap::Clock::time_point nextCheck;
+        double interval = 0.1;
         double sinceProgress = 0;
         double total = 0;
     };
@@ -122,15 +123,15 @@ private:
     // The descriptor has nothing to give or take now: its next change is reported.
     void awaitReading();
     void awaitWriting();
-    void watchOnce();
+    void watchFor(std::uint32_t events);
 
     void continueFinishing();
     bool hasDeliveredWriting();
     void discardInput();
     bool mayCloseNow() const;
     std::size_t undeliveredBytes() const;
-    void checkFinishingLater();
-    void checkFinishing();
+    class FinishingOfThread;
+    void checkFinishing(TimerHeap::Clock::time_point now);
     void close();
 
     EventLoop& loop;
@@ -138,6 +139,7 @@ private:
     Owner* owner;
     Phase phase = Phase::open;
     bool isWatched = false;
+    bool isWatchedForWriting = false;
     bool mayRead = true;  // until an attempt says otherwise
     bool mayWrite = true;
     bool peerSeemsEnded = false;  // an event said so; the end comes behind the bytes
