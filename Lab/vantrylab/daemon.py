@@ -1,6 +1,7 @@
 """The daemon under test: its start and end, and the lines that it writes."""
 
 import dataclasses
+import os
 import re
 import signal
 import subprocess
@@ -12,6 +13,11 @@ from . import world
 PROGRAM = world.BUILD / "vantryd"
 
 _LINE = re.compile(r"(?P<category>\w+) (?P<level>debug|info|error): (?P<text>.*)$")
+
+
+def _environment() -> dict[str, str]:
+    """A build with the address sanitizer keeps freed memory; little of it, so that growth is growth."""
+    return {"ASAN_OPTIONS": "quarantine_size_mb=8", **os.environ}
 
 
 @dataclasses.dataclass(frozen=True)
@@ -28,7 +34,7 @@ class Daemon:
     def __init__(self):
         self.process = subprocess.Popen([str(PROGRAM)], stdin=subprocess.DEVNULL,
                                         stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                                        errors="replace")
+                                        errors="replace", env=_environment())
         self._lines: list[Line] = []
         self._other_output: list[str] = []
         self._changed = threading.Condition()

@@ -7,6 +7,8 @@ and what; the seed is printed, and the same one draws the same rounds.
 """
 
 import concurrent.futures
+import collections
+import contextlib
 import dataclasses
 import os
 import pathlib
@@ -23,6 +25,8 @@ SECONDS = float(os.environ.get("SOAK_SECONDS", "20"))
 NAMES = ("courier", "ledger", "chatter", "nobody", "studio", "fetch", "grab")
 ATTEMPTS_A_ROUND = 24
 CROWD = 1000
+# Pipes that the relay keeps for the next connection, and the like: few, whatever came before.
+SPARE = 16
 MODES = (("connect", 80), ("connect", 443), ("connect", 80, "--mapped"), ("connect", 80, "--in-child"),
          ("echo", 8080, "--bytes", "100000"), ("datagram", 443), ("datagram", 8080), ("resolve", 53))
 
@@ -46,7 +50,8 @@ def run(stage) -> None:
     network.vpn_up()
     stage.start_daemon(_rules(draw, stage, is_up=True))
     _round(stage, draw, "warming up")
-    before = _held_by(stage.daemon)
+    _a_crowd(stage)
+    before = _held_at_rest(stage.daemon)
     _rounds(stage, draw)
     _a_crowd(stage)
     _nothing_has_grown(stage, before)
@@ -158,7 +163,7 @@ def _a_crowd(stage) -> None:
 
 @dataclasses.dataclass(frozen=True)
 class Held:
-    descriptors: int
+    descriptors: collections.Counter
     threads: int
     kilobytes: int
     rules: int
@@ -168,10 +173,30 @@ class Held:
 def _held_by(daemon) -> Held:
     process = pathlib.Path(f"/proc/{daemon.process.pid}")
     status = dict(line.split(":", 1) for line in (process / "status").read_text().splitlines())
-    return Held(descriptors=len(list((process / "fd").iterdir())), threads=int(status["Threads"]),
+    return Held(descriptors=_descriptors_of(process), threads=int(status["Threads"]),
                 kilobytes=int(status["VmRSS"].split()[0]),
                 rules=len(_output("nft", "list", "ruleset").splitlines()),
                 aliases=len(_output("ip", "address", "show", "dev", "lo").splitlines()))
+
+
+def _descriptors_of(process: pathlib.Path) -> collections.Counter:
+    kinds = collections.Counter()
+    for each in (process / "fd").iterdir():
+        # One may be closed while we look.
+        with contextlib.suppress(FileNotFoundError):
+            kinds[os.readlink(each).split(":")[0]] += 1
+    return kinds
+
+
+def _held_at_rest(daemon) -> Held:
+    """What it holds once that no longer changes from one look to the next."""
+    held, end = _held_by(daemon), time.monotonic() + 20
+    while time.monotonic() < end:
+        time.sleep(0.5)
+        earlier, held = held, _held_by(daemon)
+        if held.descriptors == earlier.descriptors:
+            break
+    return held
 
 
 def _output(*command: str) -> str:
@@ -181,7 +206,7 @@ def _output(*command: str) -> str:
 def _nothing_has_grown(stage, before: Held) -> None:
     def settled():
         now = _held_by(stage.daemon)
-        return (now.descriptors <= before.descriptors + 2 and now.threads <= before.threads + 2
+        return (now.descriptors.total() <= before.descriptors.total() + SPARE and now.threads <= before.threads + 6
                 and now.rules == before.rules and now.aliases <= before.aliases
                 and now.kilobytes < before.kilobytes + 65536), (before, now)
     stage.checks.eventually("descriptors, threads, memory, rules and addresses are as before", settled,
