@@ -126,6 +126,7 @@ std::vector<LogLine> Log::lines(std::string_view category) const {
     std::sort(all.begin(), all.end(),
               [](const auto& a, const auto& b) { return a.number < b.number; });
     std::vector<LogLine> result;
+    result.reserve(all.size());
     for (auto& entry : all) result.push_back(std::move(entry.line));
     return result;
 }
