@@ -13,6 +13,7 @@ import dataclasses
 import os
 import pathlib
 import random
+import resource
 import signal
 import subprocess
 import time
@@ -24,7 +25,8 @@ from vantrylab.host import Rules
 SECONDS = float(os.environ.get("SOAK_SECONDS", "20"))
 NAMES = ("courier", "ledger", "chatter", "nobody", "studio", "fetch", "grab")
 ATTEMPTS_A_ROUND = 24
-CROWD = 1000
+# As many as the daemon has descriptors for: two for each, and some for its other work.
+CROWD = min(1000, (resource.getrlimit(resource.RLIMIT_NOFILE)[0] - 200) // 2)
 # Pipes that the relay keeps for the next connection, and the like: few, whatever came before.
 SPARE = 16
 MODES = (("connect", 80), ("connect", 443), ("connect", 80, "--mapped"), ("connect", 80, "--in-child"),
