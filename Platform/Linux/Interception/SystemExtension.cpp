@@ -1,3 +1,4 @@
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -85,6 +86,15 @@ void endInAnyCase() {
     }).detach();
 }
 
+// A relayed connection takes two descriptors; the usual soft limit would do for a few hundred. Nothing here
+// uses select(), for which that limit is made.
+void allowAsManyDescriptorsAsPermitted() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 // The life of the extension, on a thread of its own.
 void runExtension() {
     HostChannel channel;
@@ -116,6 +126,7 @@ void NEProvider::startSystemExtensionMode() {
     const sigset_t signals = endSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
+    allowAsManyDescriptorsAsPermitted();
     std::thread(runExtension).detach();
 }
 
