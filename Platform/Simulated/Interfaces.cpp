@@ -110,17 +110,6 @@ int getifaddrs(struct ::ifaddrs** list) {
 
 void freeifaddrs(struct ::ifaddrs* list) { machine().interfaces.giveBack(list); }
 
-socklen_t socketAddressLength(const sockaddr& address) {
-    switch (address.sa_family) {
-        case AF_INET:
-            return sizeof(sockaddr_in);
-        case AF_INET6:
-            return sizeof(sockaddr_in6);
-        default:
-            return 0;
-    }
-}
-
 int getnameinfo(const sockaddr* address, socklen_t length, char* host, socklen_t hostLength,
                 char* service, socklen_t serviceLength, int flags) {
     checkPlatformCall("getnameinfo");
