@@ -33,7 +33,8 @@ namespace {
 constexpr std::chrono::seconds longestWait{10};
 // A claimed flow takes two sockets and up to two pipes; with fewer descriptors left than this, new
 // flows stay with the system.
-constexpr std::size_t descriptorReserve = 48;
+constexpr std::size_t descriptorReserve = 64;
+constexpr unsigned claimsBetweenLooks = 8;
 
 void fillFrom(const sockaddr_storage& address, std::array<std::uint8_t, 16>& bytes,
               std::uint16_t& port) {
@@ -210,11 +211,16 @@ ClaimedFlows::~ClaimedFlows() {
                              systemError(ECONNABORTED));
 }
 
-bool ClaimedFlows::canClaim(int family) const {
+bool ClaimedFlows::canClaim(int family) {
     if ((family == AF_INET ? listenerPorts.ipv4 : listenerPorts.ipv6) == 0) return false;
+    // Between two looks the claims cannot use up the reserve.
+    if (hadDescriptors && ++claimsSinceLook < claimsBetweenLooks) return true;
+    claimsSinceLook = 0;
     // The kernel gives the lowest free number, which tells how many are taken at least.
     const FileDescriptor probe(eventfd(0, EFD_CLOEXEC));
-    return probe && static_cast<std::size_t>(probe.get()) + descriptorReserve < descriptorLimit;
+    hadDescriptors =
+        probe && static_cast<std::size_t>(probe.get()) + descriptorReserve < descriptorLimit;
+    return hadDescriptors;
 }
 
 void ClaimedFlows::expect(const FlowTuple& flow, Flow claimed) {

@@ -5,6 +5,7 @@
 // loops.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 
@@ -28,7 +29,7 @@ public:
 
     ListenerPorts ports() const { return listenerPorts; }
     // False if flows of the family could not be served: no listener, or hardly a descriptor left.
-    bool canClaim(int family) const;
+    bool canClaim(int family);
 
     // From now on the application's connection is awaited, for a bounded time.
     void expect(const FlowTuple& flow, Flow claimed);
@@ -39,6 +40,8 @@ private:
     class Awaited;
 
     std::size_t descriptorLimit;
+    std::atomic<bool> hadDescriptors{false};
+    std::atomic<unsigned> claimsSinceLook{0};
     std::shared_ptr<Awaited> awaited;
     std::unique_ptr<ConnectionAcceptor> ipv4;
     std::unique_ptr<ConnectionAcceptor> ipv6;

@@ -111,8 +111,11 @@ public:
         calls.add({Call::Kind::proxy, tcp != nullptr, remote.hostname, remote.port,
                    textOf(flow->metaData().sourceAppAuditToken), 0, 0, flow.get()});
         if (!tcp || !isClaiming) return false;
-        std::make_shared<EchoingSession>(tcp, openingErrors)->start();
+        claim(tcp);
         return true;
+    }
+    void claim(const std::shared_ptr<NEAppProxyTCPFlow>& flow) {
+        std::make_shared<EchoingSession>(flow, openingErrors)->start();
     }
 
 private:
