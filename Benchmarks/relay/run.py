@@ -425,7 +425,7 @@ def main():
     ap.add_argument("--idle", default="1000,5000,10000", help="idle connection counts; cut to what the open-file limit lets one process relay")
     ap.add_argument("--close", choices=("server", "rst"), default="server", help="who closes in the connection test")
     ap.add_argument("--copy", action="store_true", help="receivers copy the bulk data out instead of discarding it in the kernel")
-    ap.add_argument("--out", default=HERE, help="folder for results.json and results.md")
+    ap.add_argument("--out", default=os.path.join(BUILD, "relay-benchmark"), help="folder for results.json and results.md (default: in the build)")
     a = ap.parse_args()
     a.measures = a.measures.split(",")
     if os.geteuid():

@@ -10,6 +10,16 @@ namespace platform {
 
 using Flow = NEAppProxyTCPFlow::Implementation;
 
+namespace {
+
+std::optional<NSError> errorOrNone(int error) {
+    std::optional<NSError> failure;
+    if (error != 0) failure = systemError(error);
+    return failure;
+}
+
+}  // namespace
+
 Flow::Implementation() = default;
 Flow::~Implementation() = default;
 
@@ -150,17 +160,16 @@ void Flow::finishSocket() {
 void Flow::readDone(Data data, bool, int error) {
     const auto self = shared_from_this();
     auto completion = std::exchange(reading, {});
-    if (error != 0) return completion(std::nullopt, systemError(error));
     // An end that came along with bytes is what the next read finds.
-    if (data.isEmpty()) return completion(std::nullopt, std::nullopt);
-    completion(std::move(data), std::nullopt);
+    std::optional<Data> bytes;
+    if (!data.isEmpty()) bytes = std::move(data);
+    completion(std::move(bytes), errorOrNone(error));
 }
 
 void Flow::writeDone(int error) {
     const auto self = shared_from_this();
     auto completion = std::exchange(writing, {});
-    if (error != 0) return completion(systemError(error));
-    completion(std::nullopt);
+    completion(errorOrNone(error));
 }
 
 NEAppProxyTCPFlow::NEAppProxyTCPFlow(NEFlowMetaData flowMetaData, RemoteEndpoint endpoint,
