@@ -83,17 +83,12 @@ TEST(Records, AreWrittenInTheirExactForm) {
 
     const auto shortest = decoded<ActivityLogEntryIPC>(shortestEntry);
     EXPECT_EQ(shortest->encode(), shortestEntry);
-    EXPECT_EQ(shortest->timestamp, Date::sinceReferenceDate(0));
     EXPECT_EQ((ActivityLogResponseIPC{{entry, *shortest}}.encode()),
               json("{'entries':[") + browserEntry + "," + shortestEntry + "]}");
     EXPECT_EQ(ActivityLogResponseIPC().encode(), json("{'entries':[]}"));
 
     EXPECT_EQ((ExtensionMessage{MessageType::getStatus, {}, {}}.encode()),
               json("{'type':'getStatus'}"));
-    EXPECT_EQ((ExtensionMessage{MessageType::getActiveApps, {}, {}}.encode()),
-              json("{'type':'getActiveApps'}"));
-    EXPECT_EQ((ExtensionMessage{MessageType::clearActivityLog, {}, {}}.encode()),
-              json("{'type':'clearActivityLog'}"));
     EXPECT_EQ((ExtensionMessage{MessageType::reload, Rules{}, "vpn"}.encode()),
               json("{'type':'reload','rules':{},'defaultAction':'vpn'}"));
     EXPECT_EQ((ExtensionMessage{MessageType::reload, Rules{{"a.b", "direct"}}, {}}.encode()),
@@ -102,7 +97,6 @@ TEST(Records, AreWrittenInTheirExactForm) {
     EXPECT_EQ((ExtensionStatus{true, 12}.encode()), json("{'isActive':true,'ruleCount':12}"));
     EXPECT_EQ((ActiveAppsResponse{{"com.example.browser", "com.example.mail"}}.encode()),
               json("{'bundleIds':['com.example.browser','com.example.mail']}"));
-    EXPECT_EQ(ActiveAppsResponse().encode(), json("{'bundleIds':[]}"));
     EXPECT_EQ(ExtensionResponse::success().encode(), json("{'success':{}}"));
     EXPECT_EQ(ExtensionResponse::error("message text").encode(),
               json("{'error':{'_0':'message text'}}"));
@@ -128,7 +122,6 @@ TEST(ExtensionMessage, IsReadWithEachFieldPresentOrNot) {
         const char* document;
         Message message;
     } cases[] = {
-        {"{'type':'reload'}", {MessageType::reload, {}, {}}},
         {"{'type':'reload','rules':{}}", {MessageType::reload, Rules{}, {}}},
         {"{'type':'getStatus','rules':null,'defaultAction':null,'extra':5}",
          {MessageType::getStatus, {}, {}}},
@@ -145,58 +138,70 @@ TEST(ExtensionMessage, IsReadWithEachFieldPresentOrNot) {
         "a\0b"s);
 }
 
-TEST(ExtensionMessage, IsRefusedWithAReason) {
-    const struct {
-        const char* document;
-        const char* reason;
-    } cases[] = {
+struct Refusal {
+    const char* document;
+    const char* reason;
+};
+
+template <class Record>
+void expectRefused(std::initializer_list<Refusal> refusals) {
+    for (const auto& [document, reason] : refusals) {
+        EXPECT_EQ(decoded<Record>(json(document)), std::nullopt) << document;
+        EXPECT_THAT(failureOf<Record>(json(document)), HasSubstr(json(reason))) << document;
+    }
+}
+
+TEST(Records, AreRefusedWithAReason) {
+    expectRefused<ExtensionMessage>({
         {"", "unexpected end of input"},
-        {"[]", "expected an object, found an array"},
         {"[{'type':'getStatus'}]", "expected an object, found an array"},
         {"5", "expected an object, found the number 5"},
-        {"null", "expected an object, found null"},
-        {"{}", "type: required, but missing"},
         {"{'Type':'getStatus'}", "type: required, but missing"},
         {"{'type':null}", "type: expected one of"},
-        {"{'type':1}", "found the number 1"},
         {"{'type':'status'}", "'getStatus', 'reload', 'getActiveApps', 'clearActivityLog'"},
         {"{'type':'GetStatus'}", "found the string 'GetStatus'"},
-        {"{'type':'getStatus '}", "type: "},
         {"{'type':'getStatus','rules':{'com.example.browser':1}}",
          "rules['com.example.browser']: expected a string, found the number 1"},
-        {"{'type':'getStatus','rules':{'a':null}}", "rules['a']: expected a string, found null"},
+        {"{'type':'reload','rules':{'a':null}}", "rules['a']: expected a string, found null"},
         {"{'type':'reload','rules':[]}", "rules: expected an object of strings, found an array"},
-        {"{'type':'reload','rules':'direct'}", "rules: "},
         {"{'type':'reload','defaultAction':true}",
          "defaultAction: expected a string, found a bool"},
-        {"{'type':'reload','rules':1,'defaultAction':1}", "rules: "},
         {"{'type':'getStatus'}{}", "line 1, column 21"},
-        {"{'type':'getStatus',\n'extra':1e400}", "1e400"},
-        {"{'type':'getStatus','extra':'\\ud800'}", "surrogate"},
-    };
-    for (const auto& [document, reason] : cases) {
-        EXPECT_EQ(decoded<ExtensionMessage>(json(document)), std::nullopt) << document;
-        EXPECT_THAT(failureOf<ExtensionMessage>(json(document)), HasSubstr(json(reason)));
-    }
+    });
+    expectRefused<ActivityLogResponseIPC>({{"{}", "entries: "},
+                                           {"{'entries':null}", "entries: "},
+                                           {"{'entries':{}}", "entries: "},
+                                           {"{'entries':[{}]}", "entries[0].id: "},
+                                           {"{'entries':[[]]}", "entries[0]: "}});
+    expectRefused<ExtensionStatus>({{"{'isActive':true}", "ruleCount: "},
+                                    {"{'ruleCount':1}", "isActive: "},
+                                    {"{'isActive':1,'ruleCount':1}", "isActive: "}});
+    expectRefused<ActiveAppsResponse>(
+        {{"{'bundleIds':null}", "bundleIds: "},
+         {"{'bundleIds':{'0':'a'}}", "bundleIds: "},
+         {"{'bundleIds':['a',1]}", "bundleIds[1]: expected a string, found the number 1"}});
+    constexpr auto oneKey = "Invalid number of keys found, expected one.";
+    expectRefused<ExtensionResponse>({
+        {"{}", oneKey},
+        {"{'success':{},'error':{'_0':'x'}}", oneKey},
+        {"{'Success':{}}", oneKey},
+        {"{'success':{},'error':null}", oneKey},
+        {"{'success':true}", "success: expected an object, found a boolean"},
+        {"{'error':'x'}", "error: expected an object, found the string 'x'"},
+        {"{'error':{}}", "error._0: required, but missing"},
+        {"{'error':{'_0':null}}", "error._0: expected a string, found null"},
+    });
 }
 
 TEST(ExtensionMessage, FailsBrieflyHoweverHostileTheDocument) {
     const std::string large(1'000'000, 'k');
     std::string deep = "{\"type\":\"getStatus\",\"extra\":";
     for (int i = 0; i < 100'000; ++i) deep += "{\"a\":[";
-    const auto reload = json("{'type':'reload','rules':{'a':'x','b':'\\u20ac'},'extra':[-0.5e1]}");
-    std::vector<std::string> documents{
-        deep,
-        "{\"type\":\"" + large + "\"}",
-        "{\"type\":\"" + large,
-        "{\"type\":\"reload\",\"rules\":{\"" + large + "\":1}}",
-        "{\"type\":\"reload\",\"rules\":{\"" + std::string(59, 'k') + "\xE2\x82\xAC\":1}}",
-        "{\"type\":\"\xFF\xFE\"}",
-        "{\"type\":\"getStatus\"}\0"s,
-    };
-    for (std::size_t length = 0; length < reload.size(); ++length)
-        documents.push_back(reload.substr(0, length));
-    for (const auto& document : documents) {
+    for (const auto& document :
+         {deep, "{\"type\":\"" + large + "\"}",
+          "{\"type\":\"reload\",\"rules\":{\"" + large + "\":1}}",
+          "{\"type\":\"reload\",\"rules\":{\"" + std::string(59, 'k') + "\xE2\x82\xAC\":1}}",
+          "{\"type\":\"\xFF\xFE\"}"s, "{\"type\":\"getStatus\"}\0"s}) {
         const auto failure = failureOf<ExtensionMessage>(document);
         EXPECT_FALSE(failure.empty());
         EXPECT_LT(failure.size(), 400u);
@@ -209,12 +214,9 @@ TEST(ActivityLogEntryIPC, IsReadInEveryValidForm) {
     const auto entry = *decoded<ActivityLogEntryIPC>(browserEntry);
     EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("E621E1F8", "e621e1f8")), entry);
     EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("443", "443,'more':[1]")), entry);
-    EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("443", "0"))->destinationPort, 0);
     EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("443", "65535"))->destinationPort, 65535);
     EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("443", "null"))->destinationPort,
               std::nullopt);
-    EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("785164320.25", "-1"))->timestamp,
-              Date::sinceReferenceDate(-1));
     EXPECT_TRUE(std::signbit(decoded<ActivityLogEntryIPC>(entryWith("785164320.25", "-0"))
                                  ->timestamp.secondsSinceReferenceDate()));
 }
@@ -227,29 +229,20 @@ TEST(ActivityLogEntryIPC, IsRefusedForAnyFieldThatDoesNotFit) {
     } cases[] = {
         {"'id'", "'ID'", "id: required, but missing"},
         {"E621E1F8-", "E621E1F8", "id: expected a UUID"},
-        {"0C247A3E6E5F'", "0C247A3E6E5G'", "id: expected a UUID"},
         {"785164320.25", "'2025-11-18T14:12:00Z'", "timestamp: expected a date"},
         {"785164320.25", "true", "timestamp: expected a date"},
-        {"785164320.25", "null", "timestamp: expected a date"},
         {"'com.example.browser'", "null", "bundleId: expected a string, found null"},
-        {"'browser'", "7", "appName: expected a string, found the number 7"},
         {"'routingDecision'", "'decision'", "routingDecision: required"},
         {"'actualRoute':'direct'", "'actualRoute':{}", "actualRoute: "},
         {"'192.168.1.20'", "19", "sourceIp: "},
         {"'203.0.113.7'", "['203.0.113.7']", "destinationIp: "},
         {"443", "65536", "destinationPort: expected a whole number from 0 to 65535, found the"},
-        {"443", "-1", "found the number -1"},
         {"443", "443.5", "found the number 443.5"},
         {"443", "443.0", "destinationPort: expected a whole number"},
-        {"443", "4.43e2", "destinationPort: expected a whole number"},
-        {"443", "1e300", "destinationPort: "},
-        {"443", "18446744073709551615", "found the number 18446744073709551615"},
         {"443", "'443'", "found the string '443'"},
         {"443", "true", "destinationPort: expected a whole number from 0 to 65535, found a bool"},
         {"'tcp'", "false", "protocolType: "},
         {"true", "1", "isVpnConnected: expected a boolean, found the number 1"},
-        {"true", "'true'", "isVpnConnected: "},
-        {"true", "null", "isVpnConnected: "},
     };
     for (const auto& [piece, replacement, reason] : cases) {
         const auto document = entryWith(piece, replacement);
@@ -259,9 +252,6 @@ TEST(ActivityLogEntryIPC, IsRefusedForAnyFieldThatDoesNotFit) {
                                                       document + "]}"),
                     AllOf(HasSubstr("entries[1]."), HasSubstr(json(reason))));
     }
-    for (const auto* document : {"{}", "[]", "", "{'entries':null}", "{'entries':{}}",
-                                 "{'entries':[null]}", "{'entries':[{}]}", "{'entries':[[]]}"})
-        EXPECT_EQ(decoded<ActivityLogResponseIPC>(json(document)), std::nullopt) << document;
 }
 
 TEST(ExtensionStatus, TakesWholeNumbersOf64Bits) {
@@ -269,7 +259,6 @@ TEST(ExtensionStatus, TakesWholeNumbersOf64Bits) {
         const char* count;
         std::optional<std::int64_t> value;
     } cases[] = {
-        {"0", 0},
         {"-3", -3},
         {"9223372036854775807", std::numeric_limits<std::int64_t>::max()},
         {"-9223372036854775808", std::numeric_limits<std::int64_t>::min()},
@@ -277,65 +266,23 @@ TEST(ExtensionStatus, TakesWholeNumbersOf64Bits) {
         {"12.0", {}},
         {"-0.0", {}},
         {"9223372036854775808", {}},
-        {"9.223372036854775808e18", {}},
-        {"-9223372036854775809", {}},
         {"1.5", {}},
-        {"1e-1", {}},
-        {"1e300", {}},
         {"'1'", {}},
         {"true", {}},
         {"null", {}},
-        {"{}", {}},
     };
     for (const auto& [count, value] : cases) {
         const auto status =
             decoded<ExtensionStatus>(json("{'isActive':false,'ruleCount':"s + count + "}"));
-        EXPECT_EQ(status.has_value(), value.has_value()) << count;
-        if (status && value) {
-            EXPECT_EQ(*status, (ExtensionStatus{false, *value}));
-        }
+        EXPECT_EQ(status ? std::optional(status->ruleCount) : std::nullopt, value) << count;
     }
-    for (const auto* document : {"{'isActive':true}", "{'ruleCount':1}", "[true,1]",
-                                 "{'isActive':1,'ruleCount':1}", "{'isActive':0,'ruleCount':1}"})
-        EXPECT_EQ(decoded<ExtensionStatus>(json(document)), std::nullopt) << document;
 }
 
-TEST(ActiveAppsResponse, HoldsStringsOnly) {
-    EXPECT_EQ(decoded<ActiveAppsResponse>(json("{'bundleIds':['b','a','']}")),
-              (ActiveAppsResponse{{"b", "a", ""}}));
-    for (const auto* document : {"{}", "['a']", "{'bundleIds':null}", "{'bundleIds':'a'}",
-                                 "{'bundleIds':{'0':'a'}}", "{'bundleIds':['a',null]}"})
-        EXPECT_EQ(decoded<ActiveAppsResponse>(json(document)), std::nullopt) << document;
-    EXPECT_EQ(failureOf<ActiveAppsResponse>(json("{'bundleIds':['a',1]}")),
-              "bundleIds[1]: expected a string, found the number 1");
-}
-
-TEST(ExtensionResponse, HasExactlyOneAlternative) {
-    using Response = ExtensionResponse;
-    for (const auto* document : {"{'success':{}}", "{'success':{},'other':1}",
-                                 "{'success':{'note':'x'}}", "{'success':{},'success':{}}"})
-        EXPECT_EQ(decoded<Response>(json(document)), Response::success()) << document;
-    for (const auto* document : {"{'error':{'_0':'x'}}", "{'error':{'_0':'x','_1':2},'a':null}"})
-        EXPECT_EQ(decoded<Response>(json(document)), Response::error("x")) << document;
-
-    for (const auto* document : {"{}", "{'success':{},'error':{'_0':'x'}}", "{'Success':{}}",
-                                 "{'success':{},'error':null}"})
-        EXPECT_EQ(failureOf<Response>(json(document)),
-                  "Invalid number of keys found, expected one.");
-    const struct {
-        const char* document;
-        const char* reason;
-    } cases[] = {
-        {"{'success':true}", "success: expected an object, found a boolean"},
-        {"{'success':null}", "success: expected an object, found null"},
-        {"{'error':'x'}", "error: expected an object, found the string 'x'"},
-        {"{'error':{}}", "error._0: required, but missing"},
-        {"{'error':{'_0':null}}", "error._0: expected a string, found null"},
-        {"{'error':{'message':'x'}}", "error._0: required, but missing"},
-        {"[]", "expected an object, found an array"},
-    };
-    for (const auto& [document, reason] : cases)
-        EXPECT_EQ(failureOf<Response>(json(document)), json(reason));
+TEST(ExtensionResponse, IsReadWithMoreThanItNeeds) {
+    for (const auto* document : {"{'success':{},'other':1}", "{'success':{'note':'x'}}"})
+        EXPECT_EQ(decoded<ExtensionResponse>(json(document)), ExtensionResponse::success());
+    EXPECT_EQ(decoded<ExtensionResponse>(json("{'error':{'_0':'x','_1':2},'a':null}")),
+              ExtensionResponse::error("x"));
 }
 
 class RandomRecords {

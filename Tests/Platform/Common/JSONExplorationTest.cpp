@@ -126,23 +126,15 @@ std::string written(const JSONValue& value) {
     return writer.finish().value();
 }
 
-TEST(JSONExploration, ReadsBackWhatItWrites) {
-    Random random(1);
-    for (int i = 0; i < 20'000; ++i) {
-        const auto text = written(randomValue(random, 5));
-        const auto back = parseJSON(text);
-        ASSERT_TRUE(std::holds_alternative<JSONValue>(back)) << text;
-        ASSERT_EQ(written(std::get<JSONValue>(back)), text);
-        ASSERT_TRUE(same(std::get<JSONValue>(back), nlohmann::json::parse(text))) << text;
-    }
-}
-
-TEST(JSONExploration, AcceptsExactlyWhatIsValidAmongDamagedDocuments) {
+TEST(JSONExploration, AgreesWithTheOtherReaderOnValidAndDamagedDocuments) {
     Random random(2);
     int accepted = 0;
     int refused = 0;
     for (int i = 0; i < 100'000; ++i) {
         auto text = written(randomValue(random, 4));
+        const auto whole = parseJSON(text);
+        ASSERT_TRUE(std::holds_alternative<JSONValue>(whole)) << text;
+        ASSERT_EQ(written(std::get<JSONValue>(whole)), text);
         damage(random, text);
         const auto result = parseJSON(text);
         const auto* value = std::get_if<JSONValue>(&result);

@@ -2,10 +2,8 @@
 
 #include <gmock/gmock.h>
 
-#include <bit>
 #include <cmath>
 #include <limits>
-#include <random>
 
 #include "Platform/Common/Text.h"
 
@@ -40,28 +38,19 @@ TEST(JSONReading, GivesEachValueItsType) {
     } cases[] = {
         {"null", nullptr},
         {" \t\r\n true ", true},
-        {"false", false},
-        {"0", std::int64_t{0}},
         {"9223372036854775807", std::numeric_limits<std::int64_t>::max()},
         {"-9223372036854775808", std::numeric_limits<std::int64_t>::min()},
         {"9223372036854775808", std::uint64_t{1} << 63},
         {"18446744073709551615", std::numeric_limits<std::uint64_t>::max()},
         {"18446744073709551616", 0x1p64},
         {"-9223372036854775809", -0x1p63},
-        {"1.0", 1.0},
         {"1e2", 100.0},
-        {"785164320.25", 785164320.25},
         {"1e-400", 0.0},
         {"4.9406564584124654e-324", std::numeric_limits<double>::denorm_min()},
-        {R"("")", ""s},
         {R"("a\"\\\/\b\f\n\r\t\u0041\u20AC\ud83d\ude00")",
          "a\"\\/\b\f\n\r\tA\xE2\x82\xAC\xF0\x9F\x98\x80"s},
         {R"("nul \u0000 inside")", "nul \0 inside"s},
         {"\"\x7F\xC3\xA9\"", "\x7F\xC3\xA9"s},
-        {"[]", JSONArray{}},
-        {"{}", JSONObject{}},
-        {R"([1,[],{"a":[null]}])",
-         JSONArray{std::int64_t{1}, JSONArray{}, JSONObject{{"a", JSONArray{nullptr}}}}},
         {R"({"a":1,"b":2,"a":{"c":3}})",
          JSONObject{{"a", JSONObject{{"c", std::int64_t{3}}}}, {"b", std::int64_t{2}}}},
         {R"({"":1,"a\u0000b":2})", JSONObject{{"", std::int64_t{1}}, {"a\0b"s, std::int64_t{2}}}},
@@ -70,77 +59,36 @@ TEST(JSONReading, GivesEachValueItsType) {
     EXPECT_TRUE(std::signbit(*parsed("-0")->as<double>()));
 }
 
-TEST(JSONReading, RefusesWhatIsNotJSON) {
-    const std::string documents[] = {
-        "",
-        " ",
-        "nul",
-        "True",
-        "'a'",
-        "01",
-        "-",
-        "+1",
-        "1.",
-        ".5",
-        "1e",
-        "0x10",
-        "1e400",
-        "-1e400",
-        "NaN",
-        "Infinity",
-        "[1,]",
-        "[,1]",
-        "[1 2]",
-        "[",
-        "]",
-        "{",
-        "{\"a\"}",
-        "{\"a\":}",
-        "{\"a\":1,}",
-        "{a:1}",
-        "{1:2}",
-        "{\"a\":1 \"b\":2}",
-        "1 2",
-        "{}x",
-        "{}{}",
-        "{} // no",
-        "/* no */ {}",
-        "\"open",
-        "\"tab\tinside\"",
-        "\"line\ninside\"",
-        R"("\x")",
-        R"("\u12")",
-        R"("\ud800")",
-        R"("\udc00")",
-        R"("\ud800\u0041")",
-        R"("\ud800\ud800")",
-        "\"\x80\"",
-        "\"\xC0\xAF\"",
-        "\"\xED\xA0\x80\"",
-        "\"\xF4\x90\x80\x80\"",
-        "\"\xE2\x82\"",
-        "{\"\xFF\":1}",
-        "\xFF\xFE",
-        "[1]\0"s,
-        "[1]\0garbage"s,
-        "\"a\0b\""s,
-        "\0"s,
+// What random damage seldom makes; the exploration has the rest.
+TEST(JSONReading, RefusesWhatIsNotJSONAndSaysWhereItIsWrong) {
+    const struct {
+        std::string document;
+        std::string_view failure;
+    } cases[] = {
+        {"", "unexpected end of input"},
+        {"nul", "line 1, column 4: "},
+        {"{\n  \"a\": tru\n}", "line 2, column 11: syntax error"},
+        {"[-1e400]", "1e400"},
+        {"NaN", ""},
+        {"0x10", ""},
+        {"{} // no", ""},
+        {"{}{}", ""},
+        {R"("\ud800")", ""},
+        {R"("\ud800\u0041")", ""},
+        {R"("\udc00")", ""},
+        {"\"\xC0\xAF\"", ""},
+        {"\"\xED\xA0\x80\"", ""},
+        {"{\"\xFF\":1}", ""},
+        {"[1,\n2]\0garbage"s, "line 2, column 3: a NUL byte"},
+        {"\"a\0b\""s, ""},
+        {std::string(600, '['), "512 levels"},
     };
-    for (const auto& document : documents) {
-        EXPECT_EQ(parsed(document), std::nullopt) << testing::PrintToString(document);
+    for (const auto& [document, expected] : cases) {
         const auto failure = failureOf(document);
-        EXPECT_FALSE(failure.empty());
+        EXPECT_FALSE(failure.empty()) << testing::PrintToString(document);
+        EXPECT_THAT(failure, HasSubstr(expected));
         EXPECT_TRUE(isValidUTF8(failure)) << testing::PrintToString(failure);
     }
-}
-
-TEST(JSONReading, SaysWhatIsWrongAndWhere) {
-    EXPECT_THAT(failureOf("{\n  \"a\": tru\n}"), HasSubstr("line 2, column 11: syntax error"));
-    EXPECT_THAT(failureOf("nul"), HasSubstr("line 1, column 4: "));
-    EXPECT_THAT(failureOf("{\"a\":"), HasSubstr("unexpected end of input"));
-    EXPECT_THAT(failureOf("[1e400]"), HasSubstr("1e400"));
-    EXPECT_THAT(failureOf("[1,\n2]\0"s), HasSubstr("line 2, column 3: a NUL byte"));
-    EXPECT_THAT(failureOf(std::string(600, '[')), HasSubstr("512 levels"));
 }
 
 TEST(JSONReading, FailsForEveryPieceOfADocument) {
@@ -199,19 +147,6 @@ TEST(JSONReading, TakesOnlyContainersAsAWholeFile) {
         EXPECT_FALSE(NSJSONSerialization::JSONObjectWithData(fragment)) << fragment;
 }
 
-TEST(JSONReading, MakesTablesOfStringsOnly) {
-    const StringMap<std::string> table{{"a", "x"}, {"b", ""}};
-    EXPECT_EQ(stringTable(*parsed(R"({"a":"w","b":"","a":"x"})")), table);
-    EXPECT_EQ(stringTable(*parsed("{}")), StringMap<std::string>());
-    for (const auto* other : {R"({"a":"x","b":1})", R"({"a":null})", R"(["a"])", R"("a")", "null"})
-        EXPECT_EQ(stringTable(*parsed(other)), std::nullopt) << other;
-
-    EXPECT_EQ(stringArray(*parsed(R"(["a","a",""])")), (std::vector<std::string>{"a", "a", ""}));
-    EXPECT_EQ(stringArray(*parsed("[]")), std::vector<std::string>());
-    for (const auto* other : {R"(["a",1])", R"([null])", "{}", R"("a")"})
-        EXPECT_EQ(stringArray(*parsed(other)), std::nullopt) << other;
-}
-
 TEST(JSONWriting, IsCompactAndExact) {
     JSONWriter writer;
     writer.beginObject();
@@ -265,23 +200,6 @@ TEST(JSONWriting, GivesNothingForWhatJSONCannotExpress) {
     EXPECT_EQ(writer.finish(), std::nullopt);
     writer.string("the next document");
     EXPECT_EQ(writer.finish(), "\"the next document\"");
-}
-
-TEST(JSONWriting, WritesDoublesThatReadBackBitForBit) {
-    std::mt19937_64 random(4);
-    for (int i = 0; i < 100'000; ++i) {
-        const auto number = std::bit_cast<double>(random());
-        if (!std::isfinite(number)) continue;
-        const auto text = *written(number);
-        const auto back = parsed(text);
-        const auto* whole = back->as<std::int64_t>();
-        const auto* large = back->as<std::uint64_t>();
-        const double result = whole   ? static_cast<double>(*whole)
-                              : large ? static_cast<double>(*large)
-                                      : *back->as<double>();
-        ASSERT_EQ(std::bit_cast<std::uint64_t>(result), std::bit_cast<std::uint64_t>(number))
-            << text;
-    }
 }
 
 }  // namespace

