@@ -132,7 +132,8 @@ PacketRule& PacketRule::withConnectionMark(std::uint32_t mask, std::uint32_t val
 
 PacketRule& PacketRule::ofNewConnection() {
     load("ct", NFTNL_EXPR_CT_KEY, NFTNL_EXPR_CT_DREG, NFT_CT_STATE);
-    mask32(NF_CT_STATE_BIT(IP_CT_NEW), 0);
+    // A connection that another one announced (a file transfer's data) begins as a related one.
+    mask32(NF_CT_STATE_BIT(IP_CT_NEW) | NF_CT_STATE_BIT(IP_CT_RELATED), 0);
     const std::uint32_t none = 0;
     compare(NFT_CMP_NEQ, &none, sizeof none);
     return *this;
