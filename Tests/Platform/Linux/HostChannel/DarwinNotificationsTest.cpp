@@ -189,23 +189,6 @@ TEST_F(DarwinNotifications, AFolderThatIsReplacedOrRemovedIsWatchedAgain) {
     observer.stopObserving();
 }
 
-TEST_F(DarwinNotifications, OnlyTrustedAccountsMayPost) {
-    if (!hasOtherAccounts()) GTEST_SKIP() << needsAccounts;
-    static Observer observer;
-    observer.observe(changed);
-    const auto post = [] { return touch(folder + "/" + changed); };
-    EXPECT_TRUE(succeedsAs(strangerAccount, {vantryGroupId}, post));
-    EXPECT_FALSE(succeedsAs(strangerAccount, {}, post));
-    EXPECT_TRUE(observer.isDelivered(changed, 1));
-    observer.stopObserving();
-}
-
-TEST_F(DarwinNotifications, ANameThatIsNoFileNameIsRefused) {
-    static Observer observer;
-    for (const char* name : {"", "..", "../../escaped", ".hidden"}) observer.observe(name);
-    EXPECT_FALSE(std::filesystem::exists(folder));
-}
-
 TEST_F(DarwinNotifications, AQueueThatRanOverIsSaid) {
     FolderWatch watch(
         "/run/watched",

@@ -13,6 +13,7 @@
 
 #include "Platform/Linux/HostChannel/FixedPlaces.h"
 #include "Platform/Logging.h"
+#include "Tests/Platform/Linux/HostChannel/MessageClient.h"
 #include "Tests/Platform/Linux/HostChannel/PrivateMachine.h"
 #include "Tests/Platform/Linux/HostChannel/StandInBus.h"
 
@@ -50,17 +51,7 @@ private:
 };
 
 std::optional<std::string> ask(const std::string& request) {
-    const FileDescriptor client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, places::messageSocket);
-    if (connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        return std::nullopt;
-    send(client.get(), request.data(), request.size(), MSG_NOSIGNAL);
-    shutdown(client.get(), SHUT_WR);
-    char buffer[256];
-    const ssize_t length = recv(client.get(), buffer, sizeof buffer, 0);
-    return std::string(buffer, length < 0 ? 0 : static_cast<std::size_t>(length));
+    return exchanged(places::messageSocket, request);
 }
 
 void storePreferences(const std::string& content) {
@@ -78,25 +69,14 @@ protected:
     const std::shared_ptr<Provider> provider = std::make_shared<Provider>();
 };
 
-TEST_F(HostChannelTest, MakesItsFoldersWithTheirOwnersAndModes) {
+TEST_F(HostChannelTest, OnlyTrustedAccountsMayWriteInItsFolders) {
     if (!hasOtherAccounts()) GTEST_SKIP() << needsAccounts;
     const HostChannel channel;
-    const struct {
-        const char* path;
-        mode_t mode;
-    } cases[] = {
-        {places::runtimeFolder, 0755},
-        {places::notificationsFolder, 02770},
-        {places::preferencesFolder, 02770},
-        {places::groupContainer, 02770},
-    };
-    for (const auto& each : cases) {
-        struct stat made {};
-        ASSERT_EQ(stat(each.path, &made), 0) << each.path;
-        EXPECT_EQ(made.st_mode & 07777, each.mode) << each.path;
-        if (each.mode == 02770) {
-            EXPECT_EQ(made.st_gid, vantryGroupId) << each.path;
-        }
+    for (const std::string folder :
+         {places::notificationsFolder, places::preferencesFolder, places::groupContainer}) {
+        const auto writes = [&] { return (std::ofstream(folder + "/file") << std::flush).good(); };
+        EXPECT_TRUE(succeedsAs(strangerAccount, {vantryGroupId}, writes)) << folder;
+        EXPECT_FALSE(succeedsAs(strangerAccount, {}, writes)) << folder;
     }
 }
 

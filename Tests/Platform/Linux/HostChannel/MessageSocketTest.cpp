@@ -1,12 +1,10 @@
 #include "Platform/Linux/HostChannel/MessageSocket.h"
 
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
-#include <cstring>
 #include <mutex>
 
+#include "Tests/Platform/Linux/HostChannel/MessageClient.h"
 #include "Tests/Platform/Linux/HostChannel/PrivateMachine.h"
 
 namespace platform::testing {
@@ -15,42 +13,8 @@ namespace {
 constexpr const char* path = "/run/provider.sock";
 using Answer = Completion<std::optional<Data>>;
 
-FileDescriptor connected() {
-    FileDescriptor client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, path);
-    if (connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        return {};
-    return client;
-}
-
-bool sendAll(int client, std::string_view bytes) {
-    while (!bytes.empty()) {
-        const ssize_t length = send(client, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (length < 0) return false;
-        bytes.remove_prefix(static_cast<std::size_t>(length));
-    }
-    return true;
-}
-
-// All that comes until the end; nothing after a reset.
-std::optional<std::string> received(int client) {
-    std::string bytes;
-    char buffer[4096];
-    for (;;) {
-        const ssize_t length = recv(client, buffer, sizeof buffer, 0);
-        if (length < 0) return std::nullopt;
-        if (length == 0) return bytes;
-        bytes.append(buffer, static_cast<std::size_t>(length));
-    }
-}
-
 std::optional<std::string> exchanged(const std::string& request) {
-    const auto client = connected();
-    if (!client || !sendAll(client.get(), request)) return std::nullopt;
-    shutdown(client.get(), SHUT_WR);
-    return received(client.get());
+    return testing::exchanged(path, request);
 }
 
 void echo(Data request, Answer answer) { answer(Data("<" + std::string(*request.bytes()) + ">")); }
@@ -83,32 +47,21 @@ TEST_F(MessageSocketTest, ARequestHasAtMostOneReply) {
     EXPECT_EQ(exchanged(large), "<" + large + ">");
 }
 
-TEST_F(MessageSocketTest, ASilentClientHoldsUpNobodyAndIsLetGo) {
+TEST_F(MessageSocketTest, ClientsThatWaitHoldUpNobodyAndAreLetGo) {
     MessageSocket::Limits limits;
     limits.clientTime = std::chrono::milliseconds(300);
     limits.clients = 2;
     const auto socket = MessageSocket::listenAt(path, echo, limits);
     ASSERT_TRUE(socket);
-    const auto silent = connected();
+    const auto silent = connected(path);
     ASSERT_TRUE(sendAll(silent.get(), "half a requ"));
     EXPECT_EQ(exchanged("hello"), "<hello>");
-    // Takes the last place: the next one waits until the silent ones have had their time.
-    const auto anotherSilent = connected();
-    EXPECT_EQ(exchanged("waits"), "<waits>");
-    EXPECT_EQ(received(silent.get()).value_or(""), "");
-    EXPECT_EQ(received(anotherSilent.get()).value_or(""), "");
-}
-
-TEST_F(MessageSocketTest, AClientThatTakesNoReplyIsLetGo) {
-    MessageSocket::Limits limits;
-    limits.clientTime = std::chrono::milliseconds(300);
-    limits.clients = 1;
-    const auto socket = MessageSocket::listenAt(path, echo, limits);
-    ASSERT_TRUE(socket);
-    const auto stubborn = connected();
+    // Takes the last place and no reply: the next one waits until both have had their time.
+    const auto stubborn = connected(path);
     ASSERT_TRUE(sendAll(stubborn.get(), std::string(4 << 20, 'x')));
     shutdown(stubborn.get(), SHUT_WR);
-    EXPECT_EQ(exchanged("hello"), "<hello>");
+    EXPECT_EQ(exchanged("waits"), "<waits>");
+    EXPECT_EQ(received(silent.get()).value_or(""), "");
 }
 
 TEST_F(MessageSocketTest, AnAnswerThatNeverComesEndsTheConnection) {
@@ -128,10 +81,10 @@ TEST_F(MessageSocketTest, AnAnswerThatNeverComesEndsTheConnection) {
     // Answers that come after the client, and after the socket, have gone do no harm.
     const std::lock_guard guard(lock);
     kept.front()(Data("too late"));
-    const auto waiting = connected();
+    const auto waiting = connected(path);
     socket.reset();
     kept.clear();
-    EXPECT_FALSE(connected());
+    EXPECT_FALSE(connected(path));
 }
 
 TEST_F(MessageSocketTest, ARequestOfTooManyBytesIsRefused) {
