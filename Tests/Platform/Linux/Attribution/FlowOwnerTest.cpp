@@ -7,6 +7,7 @@
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <sched.h>
 #include <sys/mman.h>
@@ -17,7 +18,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <fstream>
@@ -35,7 +35,6 @@
 namespace platform {
 namespace {
 
-using testing::readyAs;
 using testing::RunningProgram;
 using testing::TemporaryFolder;
 
@@ -49,24 +48,10 @@ void becomePerson() {
     }
 }
 
-// Room that a child shares with the test that forked it.
+// Room that a child shares with the test that forked it, for as long as the test's process.
 struct Shared {
     std::atomic<int> value{0};
     std::atomic<int> second{0};
-};
-
-class SharedRoom {
-public:
-    SharedRoom()
-        : room(new (::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
-                           MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Shared) {}
-    ~SharedRoom() { ::munmap(room, sizeof(Shared)); }
-    SharedRoom(const SharedRoom&) = delete;
-    SharedRoom& operator=(const SharedRoom&) = delete;
-    Shared* operator->() const { return room; }
-
-private:
-    Shared* room;
 };
 
 struct Address {
@@ -82,22 +67,15 @@ struct Address {
 };
 
 Address addressOf(int family, const char* text, std::uint16_t port) {
+    addrinfo hints{};
+    hints.ai_family = family;
+    hints.ai_flags = AI_NUMERICHOST;
+    addrinfo* found = nullptr;
+    if (::getaddrinfo(text, std::to_string(port).c_str(), &hints, &found) != 0) ::abort();
     Address address;
-    if (family == AF_INET) {
-        sockaddr_in internet{};
-        internet.sin_family = AF_INET;
-        internet.sin_port = htons(port);
-        ::inet_pton(AF_INET, text, &internet.sin_addr);
-        address.length = sizeof internet;
-        std::memcpy(&address.storage, &internet, sizeof internet);
-    } else {
-        sockaddr_in6 internet{};
-        internet.sin6_family = AF_INET6;
-        internet.sin6_port = htons(port);
-        ::inet_pton(AF_INET6, text, &internet.sin6_addr);
-        address.length = sizeof internet;
-        std::memcpy(&address.storage, &internet, sizeof internet);
-    }
+    address.length = found->ai_addrlen;
+    std::memcpy(&address.storage, found->ai_addr, found->ai_addrlen);
+    ::freeaddrinfo(found);
     return address;
 }
 
@@ -150,17 +128,26 @@ private:
     std::vector<int> sockets;
 };
 
-int connected(int family, int type, const char* to, std::uint16_t port) {
-    const int socket = ::socket(family, type, 0);
-    auto address = addressOf(family, to, port);
-    ::connect(socket, address.get(), address.length);
-    return socket;
-}
+// How a socket is opened.
+struct Opening {
+    int family;
+    int type;
+    const char* to;
+    bool hasPeer = true;
+    bool isBoundToDevice = false;
+};
+constexpr Opening stream{AF_INET, SOCK_STREAM, "127.0.0.1"};
+constexpr Opening datagram{AF_INET, SOCK_DGRAM, "127.0.0.1"};
 
-int sendingFromWildcard(int family, const char* to, std::uint16_t port) {
-    const int socket = ::socket(family, SOCK_DGRAM, 0);
-    auto address = addressOf(family, to, port);
-    ::sendto(socket, "x", 1, 0, address.get(), address.length);
+int opened(const Opening& how, std::uint16_t port) {
+    const int socket = ::socket(how.family, how.type, 0);
+    if (how.isBoundToDevice) ::setsockopt(socket, SOL_SOCKET, SO_BINDTODEVICE, "lo", 2);
+    auto address = addressOf(how.family, how.to, port);
+    if (how.hasPeer) {
+        ::connect(socket, address.get(), address.length);
+    } else {
+        ::sendto(socket, "x", 1, 0, address.get(), address.length);
+    }
     return socket;
 }
 
@@ -192,18 +179,31 @@ protected:
         return owner ? owner->pid : -1;
     }
 
-    FlowTuple tcp(std::uint16_t source) const {
-        return loopbackFlow(IPPROTO_TCP, AF_INET, source, destination.port);
+    FlowTuple tcp(int source) const {
+        return loopbackFlow(IPPROTO_TCP, AF_INET, static_cast<std::uint16_t>(source),
+                            destination.port);
     }
-    FlowTuple udp(std::uint16_t source) const {
-        return loopbackFlow(IPPROTO_UDP, AF_INET, source, destination.port);
+    FlowTuple udp(int source) const {
+        return loopbackFlow(IPPROTO_UDP, AF_INET, static_cast<std::uint16_t>(source),
+                            destination.port);
+    }
+
+    // A person's process that opens a socket and stays; the local port is in `shared->value`.
+    std::unique_ptr<RunningProgram> holderOf(const Opening& how) {
+        return std::make_unique<RunningProgram>([&](int ready) {
+            becomePerson();
+            shared->value = localPort(opened(how, destination.port));
+            sayReady(ready);
+            waitForEnd();
+        });
     }
 
     Destination destination;
     std::unique_ptr<SocketUsers> notes = GetParam() ? SocketUsers::attach() : nullptr;
     const bool hasNotes = notes != nullptr;
     std::optional<FlowAttribution> attribution{std::in_place, std::move(notes)};
-    SharedRoom shared;
+    Shared* const shared = new (::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
+                                       MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Shared;
 };
 
 INSTANTIATE_TEST_SUITE_P(Owners, FlowOwners, ::testing::Bool(), [](const auto& mode) {
@@ -211,93 +211,59 @@ INSTANTIATE_TEST_SUITE_P(Owners, FlowOwners, ::testing::Bool(), [](const auto& m
 });
 
 TEST_P(FlowOwners, EveryKindOfSocketIsFound) {
-    const auto to = destination.port;
+    constexpr bool withoutPeer = false;
     const struct {
         const char* what;
-        int protocol;
         int packetFamily;
-        std::function<int()> makeSocket;
-        bool isBound;
+        Opening how;
     } cases[] = {
-        {"TCP", IPPROTO_TCP, AF_INET,
-         [&] { return connected(AF_INET, SOCK_STREAM, "127.0.0.1", to); }, false},
-        {"TCP over IPv6", IPPROTO_TCP, AF_INET6,
-         [&] { return connected(AF_INET6, SOCK_STREAM, "::1", to); }, false},
-        {"TCP, IPv4 on an IPv6 socket", IPPROTO_TCP, AF_INET,
-         [&] { return connected(AF_INET6, SOCK_STREAM, "::ffff:127.0.0.1", to); }, false},
-        {"UDP with a peer", IPPROTO_UDP, AF_INET,
-         [&] { return connected(AF_INET, SOCK_DGRAM, "127.0.0.1", to); }, false},
-        {"UDP over IPv6 with a peer", IPPROTO_UDP, AF_INET6,
-         [&] { return connected(AF_INET6, SOCK_DGRAM, "::1", to); }, false},
-        {"UDP without a peer", IPPROTO_UDP, AF_INET,
-         [&] { return sendingFromWildcard(AF_INET, "127.0.0.1", to); }, false},
-        {"UDP over IPv6 without a peer", IPPROTO_UDP, AF_INET6,
-         [&] { return sendingFromWildcard(AF_INET6, "::1", to); }, false},
-        {"UDP without a peer, IPv4 on an IPv6 socket", IPPROTO_UDP, AF_INET,
-         [&] { return sendingFromWildcard(AF_INET6, "::ffff:127.0.0.1", to); }, false},
-        {"TCP bound to a device", IPPROTO_TCP, AF_INET,
-         [&] {
-             const int socket = ::socket(AF_INET, SOCK_STREAM, 0);
-             ::setsockopt(socket, SOL_SOCKET, SO_BINDTODEVICE, "lo", 2);
-             auto address = addressOf(AF_INET, "127.0.0.1", to);
-             ::connect(socket, address.get(), address.length);
-             return socket;
-         },
-         true},
-        {"UDP bound to a device", IPPROTO_UDP, AF_INET,
-         [&] {
-             const int socket = ::socket(AF_INET, SOCK_DGRAM, 0);
-             ::setsockopt(socket, SOL_SOCKET, SO_BINDTODEVICE, "lo", 2);
-             auto address = addressOf(AF_INET, "127.0.0.1", to);
-             ::sendto(socket, "x", 1, 0, address.get(), address.length);
-             return socket;
-         },
-         true},
+        {"TCP", AF_INET, stream},
+        {"TCP over IPv6", AF_INET6, {AF_INET6, SOCK_STREAM, "::1"}},
+        {"TCP, IPv4 on an IPv6 socket", AF_INET, {AF_INET6, SOCK_STREAM, "::ffff:127.0.0.1"}},
+        {"UDP", AF_INET, datagram},
+        {"UDP over IPv6", AF_INET6, {AF_INET6, SOCK_DGRAM, "::1"}},
+        {"UDP without a peer", AF_INET, {AF_INET, SOCK_DGRAM, "127.0.0.1", withoutPeer}},
+        {"UDP over IPv6 without a peer", AF_INET6, {AF_INET6, SOCK_DGRAM, "::1", withoutPeer}},
+        {"UDP without a peer, IPv4 on an IPv6 socket",
+         AF_INET,
+         {AF_INET6, SOCK_DGRAM, "::ffff:127.0.0.1", withoutPeer}},
+        {"TCP bound to a device", AF_INET, {AF_INET, SOCK_STREAM, "127.0.0.1", true, true}},
+        {"UDP bound to a device", AF_INET, {AF_INET, SOCK_DGRAM, "127.0.0.1", withoutPeer, true}},
     };
-    for (const auto& each : cases) {
-        const RunningProgram program([&](int ready) {
-            becomePerson();
-            shared->value = localPort(each.makeSocket());
-            sayReady(ready);
-            waitForEnd();
-        });
-        const auto source = static_cast<std::uint16_t>(shared->value);
-        const auto owner =
-            attribution->ownerOf(loopbackFlow(each.protocol, each.packetFamily, source, to));
-        ASSERT_TRUE(owner) << each.what;
-        EXPECT_EQ(owner->pid, program.pid()) << each.what;
-        EXPECT_EQ(owner->uid, ::geteuid() == 0 ? person : ::geteuid()) << each.what;
-        EXPECT_EQ(owner->isBoundToDevice, each.isBound) << each.what;
-        EXPECT_NE(owner->socketCookie, 0U) << each.what;
-        const auto process = ProcessTable::shared().examine(program.pid());
-        ASSERT_TRUE(process) << each.what;
-        EXPECT_EQ(owner->auditToken, process->auditToken()) << each.what;
-        EXPECT_EQ(owner->signingIdentifier, process->signingIdentifier) << each.what;
+    for (const auto& [what, packetFamily, how] : cases) {
+        const auto program = holderOf(how);
+        const auto owner = attribution->ownerOf(
+            loopbackFlow(how.type == SOCK_STREAM ? IPPROTO_TCP : IPPROTO_UDP, packetFamily,
+                         static_cast<std::uint16_t>(shared->value), destination.port));
+        ASSERT_TRUE(owner) << what;
+        EXPECT_EQ(owner->pid, program->pid()) << what;
+        EXPECT_EQ(owner->uid, ::geteuid() == 0 ? person : ::geteuid()) << what;
+        EXPECT_EQ(owner->isBoundToDevice, how.isBoundToDevice) << what;
+        EXPECT_NE(owner->socketCookie, 0U) << what;
+        const auto process = ProcessTable::shared().examine(program->pid());
+        ASSERT_TRUE(process) << what;
+        EXPECT_EQ(owner->auditToken, process->auditToken()) << what;
+        EXPECT_EQ(owner->signingIdentifier, process->signingIdentifier) << what;
     }
 }
 
-TEST_P(FlowOwners, ASystemAccountIsNotSearchedFor) {
+TEST_P(FlowOwners, NobodyIsNamedForSystemAccountsAndUnknownSockets) {
+    EXPECT_EQ(ownerPid(tcp(1)), -1);
+    EXPECT_EQ(ownerPid(udp(1)), -1);
     if (::geteuid() != 0) GTEST_SKIP() << "only root has a system account at hand";
-    const int socket = connected(AF_INET, SOCK_STREAM, "127.0.0.1", destination.port);
+    const int socket = opened(stream, destination.port);
     const auto owner = attribution->ownerOf(tcp(localPort(socket)));
     ::close(socket);
     ASSERT_TRUE(owner);
     EXPECT_EQ(owner->pid, 0);
     EXPECT_EQ(owner->auditToken, AuditToken{});
     EXPECT_EQ(owner->signingIdentifier, "");
-    EXPECT_EQ(owner->path, "");
-}
-
-TEST_P(FlowOwners, AnUnknownSocketHasNoOwner) {
-    for (const int protocol : {IPPROTO_TCP, IPPROTO_UDP}) {
-        EXPECT_EQ(ownerPid(loopbackFlow(protocol, AF_INET, 1, destination.port)), -1);
-    }
 }
 
 TEST_P(FlowOwners, ASharedSocketIsItsParentsUntilTheParentLetsGo) {
     const RunningProgram program([&](int ready) {
         becomePerson();
-        const int socket = connected(AF_INET, SOCK_DGRAM, "127.0.0.1", destination.port);
+        const int socket = opened(datagram, destination.port);
         shared->value = localPort(socket);
         const pid_t child = ::fork();
         if (child == 0) waitForEnd();
@@ -308,8 +274,7 @@ TEST_P(FlowOwners, ASharedSocketIsItsParentsUntilTheParentLetsGo) {
         shared->second = 2;
         waitForEnd();
     });
-    const auto flow = udp(static_cast<std::uint16_t>(shared->value));
-    EXPECT_EQ(ownerPid(flow), program.pid());
+    const auto flow = udp(shared->value);
     EXPECT_EQ(ownerPid(flow), program.pid());
     shared->second = 1;
     while (shared->second != 2) ::usleep(100);
@@ -341,7 +306,7 @@ TEST_P(FlowOwners, ASocketPassedOnBelongsToItsReceiver) {
     });
     const RunningProgram sender([&](int ready) {
         becomePerson();
-        const int socket = connected(AF_INET, SOCK_STREAM, "127.0.0.1", destination.port);
+        const int socket = opened(stream, destination.port);
         shared->value = localPort(socket);
         sayReady(ready);
         while (shared->second == 0) ::usleep(100);
@@ -357,7 +322,7 @@ TEST_P(FlowOwners, ASocketPassedOnBelongsToItsReceiver) {
         shared->second = 2;
         waitForEnd();
     });
-    const auto flow = tcp(static_cast<std::uint16_t>(shared->value));
+    const auto flow = tcp(shared->value);
     EXPECT_EQ(ownerPid(flow), sender.pid());
     shared->second = 1;
     while (shared->second != 2) ::usleep(100);
@@ -402,19 +367,19 @@ TEST_P(FlowOwners, ASocketAmongManyDescriptorsIsFound) {
         const rlimit many{4096, 4096};
         ::setrlimit(RLIMIT_NOFILE, &many);
         becomePerson();
-        int opened = 0;
-        while (opened < 3000 && ::dup(STDIN_FILENO) >= 0) ++opened;
-        const int late = connected(AF_INET, SOCK_STREAM, "127.0.0.1", destination.port);
+        int copies = 0;
+        while (copies < 3000 && ::dup(STDIN_FILENO) >= 0) ++copies;
+        const int late = opened(stream, destination.port);
         for (int hole = 500; hole < 520; ++hole) ::close(hole);
-        const int early = connected(AF_INET, SOCK_STREAM, "127.0.0.1", destination.port);
+        const int early = opened(stream, destination.port);
         shared->value = localPort(late);
         shared->second = localPort(early);
         sayReady(ready);
         waitForEnd();
     });
     ASSERT_TRUE(program.isReady());
-    EXPECT_EQ(ownerPid(tcp(static_cast<std::uint16_t>(shared->value))), program.pid());
-    EXPECT_EQ(ownerPid(tcp(static_cast<std::uint16_t>(shared->second))), program.pid());
+    EXPECT_EQ(ownerPid(tcp(shared->value)), program.pid());
+    EXPECT_EQ(ownerPid(tcp(shared->second)), program.pid());
 }
 
 TEST_P(FlowOwners, EveryThreadCounts) {
@@ -424,8 +389,7 @@ TEST_P(FlowOwners, EveryThreadCounts) {
         const char* what;
         bool hasItsOwnDescriptors;
         bool outlivesTheFirstThread;
-    } cases[] = {{"a thread like any", false, false},
-                 {"a thread with descriptors of its own", true, false},
+    } cases[] = {{"a thread with descriptors of its own", true, false},
                  {"a thread that outlives the first one", false, true}};
     std::vector<std::unique_ptr<RunningProgram>> programs;
     std::vector<FlowTuple> flows;
@@ -435,8 +399,7 @@ TEST_P(FlowOwners, EveryThreadCounts) {
             const pid_t first = ::gettid();
             std::thread thread([&] {
                 if (each.hasItsOwnDescriptors && ::unshare(CLONE_FILES) != 0) ::_exit(125);
-                shared->value =
-                    localPort(connected(AF_INET, SOCK_STREAM, "127.0.0.1", destination.port));
+                shared->value = localPort(opened(stream, destination.port));
                 // A thread that has ended keeps its folder, but runs no program.
                 const auto program = "/proc/self/task/" + std::to_string(first) + "/exe";
                 char target[16];
@@ -450,7 +413,7 @@ TEST_P(FlowOwners, EveryThreadCounts) {
             if (each.outlivesTheFirstThread) ::syscall(SYS_exit, 0);
             thread.join();
         }));
-        flows.push_back(tcp(static_cast<std::uint16_t>(shared->value)));
+        flows.push_back(tcp(shared->value));
     }
     attribution.emplace(hasNotes ? SocketUsers::attach() : nullptr);
     for (std::size_t index = 0; index < flows.size(); ++index) {
@@ -459,16 +422,11 @@ TEST_P(FlowOwners, EveryThreadCounts) {
 }
 
 TEST_P(FlowOwners, AProcessThatHasJustGoneIsStillNamed) {
-    RunningProgram program([&](int ready) {
-        becomePerson();
-        shared->value = localPort(sendingFromWildcard(AF_INET, "127.0.0.1", destination.port));
-        sayReady(ready);
-        waitForEnd();
-    });
-    const auto flow = udp(static_cast<std::uint16_t>(shared->value));
+    const auto program = holderOf({AF_INET, SOCK_DGRAM, "127.0.0.1", false});
+    const auto flow = udp(shared->value);
     const auto before = attribution->ownerOf(flow);
     ASSERT_TRUE(before);
-    program.end();
+    program->end();
     const auto after = attribution->ownerOf(flow);
     ASSERT_TRUE(after);
     EXPECT_EQ(after->auditToken, before->auditToken);
@@ -509,17 +467,9 @@ TEST_P(FlowOwners, AReusedProcessIdIsAnotherProcess) {
     // The next process gets the id behind the one that is set, unless somebody is faster.
     const auto start = [&](pid_t pid) {
         std::ofstream(setting) << pid - 1;
-        return std::make_unique<RunningProgram>([&](int ready) {
-            becomePerson();
-            shared->value =
-                localPort(connected(AF_INET, SOCK_DGRAM, "127.0.0.1", destination.port));
-            sayReady(ready);
-            waitForEnd();
-        });
+        return holderOf(datagram);
     };
-    const auto owner = [&] {
-        return attribution->ownerOf(udp(static_cast<std::uint16_t>(shared->value)));
-    };
+    const auto owner = [&] { return attribution->ownerOf(udp(shared->value)); };
     auto first = start(20'000);
     const auto pid = first->pid();
     const auto before = owner();
@@ -537,15 +487,8 @@ TEST_P(FlowOwners, AReusedProcessIdIsAnotherProcess) {
 
 TEST_P(FlowOwners, ManyShortLivedProcessesAreToldApart) {
     for (int round = 0; round < 100; ++round) {
-        const RunningProgram program([&](int ready) {
-            becomePerson();
-            shared->value = localPort(connected(AF_INET, round % 2 ? SOCK_STREAM : SOCK_DGRAM,
-                                                "127.0.0.1", destination.port));
-            sayReady(ready);
-            waitForEnd();
-        });
-        const auto source = static_cast<std::uint16_t>(shared->value);
-        EXPECT_EQ(ownerPid(round % 2 ? tcp(source) : udp(source)), program.pid()) << round;
+        const auto program = holderOf(round % 2 ? stream : datagram);
+        EXPECT_EQ(ownerPid(round % 2 ? tcp(shared->value) : udp(shared->value)), program->pid());
     }
 }
 
@@ -553,14 +496,8 @@ TEST_P(FlowOwners, ManyThreadsMayAskAtOnce) {
     std::vector<std::unique_ptr<RunningProgram>> programs;
     std::vector<FlowTuple> flows;
     for (int index = 0; index < 6; ++index) {
-        programs.push_back(std::make_unique<RunningProgram>([&](int ready) {
-            becomePerson();
-            shared->value =
-                localPort(connected(AF_INET, SOCK_STREAM, "127.0.0.1", destination.port));
-            sayReady(ready);
-            waitForEnd();
-        }));
-        flows.push_back(tcp(static_cast<std::uint16_t>(shared->value)));
+        programs.push_back(holderOf(stream));
+        flows.push_back(tcp(shared->value));
     }
     std::atomic<int> wrong{0};
     {
@@ -575,30 +512,6 @@ TEST_P(FlowOwners, ManyThreadsMayAskAtOnce) {
         }
     }
     EXPECT_EQ(wrong, 0);
-}
-
-TEST_P(FlowOwners, ADestroyedSocketFailsAtOnce) {
-    const int stream = connected(AF_INET, SOCK_STREAM, "127.0.0.1", destination.port);
-    const int datagram = connected(AF_INET, SOCK_DGRAM, "127.0.0.1", destination.port);
-    const int free = sendingFromWildcard(AF_INET, "127.0.0.1", destination.port);
-    if (!attribution->destroySocket(tcp(localPort(stream)))) {
-        for (const int socket : {stream, datagram, free}) ::close(socket);
-        GTEST_SKIP() << "sockets cannot be destroyed here";
-    }
-    const auto datagramSource = localPort(datagram);
-    EXPECT_TRUE(attribution->destroySocket(udp(datagramSource)));
-    EXPECT_FALSE(attribution->destroySocket(udp(localPort(free))));
-    EXPECT_FALSE(attribution->destroySocket(udp(1)));
-
-    for (const int socket : {stream, datagram}) {
-        int failure = 0;
-        socklen_t length = sizeof failure;
-        ASSERT_EQ(::getsockopt(socket, SOL_SOCKET, SO_ERROR, &failure, &length), 0);
-        EXPECT_EQ(failure, ECONNABORTED);
-    }
-    EXPECT_EQ(::send(free, "x", 1, 0), -1);
-    EXPECT_EQ(errno, EDESTADDRREQ);
-    for (const int socket : {stream, datagram, free}) ::close(socket);
 }
 
 }  // namespace

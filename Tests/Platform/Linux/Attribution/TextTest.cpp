@@ -47,21 +47,15 @@ TEST(PropertyList, GivesTheIdentifierOrNothing) {
                   identifierEntry("out.er")),
          "out.er"},
         {"escapes", listWith(identifierEntry("a&amp;b&#x2e;c")), "a&b.c"},
-        {"character data", listWith(identifierEntry("<![CDATA[a.b]]>")), "a.b"},
-        {"beyond ASCII", listWith(identifierEntry("com.\xc3\xbc.app")), "com.\xc3\xbc.app"},
-        {"empty file", "", {}},
         {"binary list", "bplist00\xd1\x01\x02"s, {}},
-        {"no list at all", "CFBundleIdentifier=com.example", {}},
         {"cut short", listWith(identifierEntry("com.example.a")).substr(0, 60), {}},
         {"another root", "<html>" + listWith(identifierEntry("a.b")) + "</html>", {}},
         {"no such key", listWith("<key>CFBundleName</key><string>a.b</string>"), {}},
-        {"key without value", listWith("<key>CFBundleIdentifier</key>"), {}},
         {"value of another type",
          listWith("<key>CFBundleIdentifier</key><integer>1</integer>"),
          {}},
         {"empty value", listWith(identifierEntry("")), {}},
         {"invalid UTF-8", listWith(identifierEntry("com.\xff.app")), {}},
-        {"surrogate", listWith(identifierEntry("com.\xed\xa0\x80.app")), {}},
         {"line break in it", listWith(identifierEntry("com.a\ncom.b")), {}},
         {"far too long", listWith(identifierEntry(std::string(100'000, 'a'))), {}},
         {"entity bomb",
@@ -108,7 +102,6 @@ TEST(Bundle, OpensWhatIsOneAndFollowsItsChanges) {
     EXPECT_EQ(identifier("Pipe.app"), std::nullopt);
     EXPECT_FALSE(NSBundle::bundleWithPath(folder.path("file.app")));
     EXPECT_FALSE(NSBundle::bundleWithPath(folder.path("Missing.app")));
-    EXPECT_FALSE(NSBundle::bundleWithPath(""));
 
     folder.addBundle("A.app", "com.example.renamed");
     EXPECT_EQ(identifier("A.app"), "com.example.renamed");
@@ -123,29 +116,22 @@ TEST(ControlGroup, NamesTheDesktopApplication) {
          "app-gnome-org.example.Editor-4711.scope",
          "org.example.Editor"},
         {"/app-gnome-google\\x2dbrowser-12.scope", "google-browser"},
-        {"/app-org.example.Terminal-8f3a.scope", "org.example.Terminal"},
         {"/app-org.example.Terminal-8f3a.scope/tab(77).scope", "org.example.Terminal"},
-        {"/app-flatpak-org.exa-mple.Player-99.scope", "org.exa-mple.Player"},
         {"/app-flatpak-org.exa\\x2dmple.Player-99.scope", "org.exa-mple.Player"},
         {"/flatpak-org.example.Player-99.scope", "org.example.Player"},
         {"/app-gnome-org.example.Clock@autostart.service", "org.example.Clock"},
-        {"/app-org.example.Clock@1f.service", "org.example.Clock"},
         {"/app-kde-org.example.Clock-17.service", "org.example.Clock"},
-        {"/app-kde-org.example.Clock.service", "org.example.Clock"},
         {"/app-gnome-editor.desktop-1.scope", "editor"},
         {"/snap.browser.browser-f47ac10b-58cc-4372-a567-0e02b2c3d479.scope",
          "snap.browser.browser"},
         {"/snap.office.write-r.f47ac10b-58cc-4372-a567-0e02b2c3d479.scope", "snap.office.write-r"},
         {"/snap.store.daemon.service", "snap.store.daemon"},
         {"/app-gnome-odd\\xff-1.scope", "odd\\xff"},
-        {"/app-.scope", std::nullopt},
         {"/app-gnome--1.scope", std::nullopt},
         {"/snap.browser.scope", std::nullopt},
         {"/user.slice/user@1000.service/app.slice/app-org.example.Terminal.slice/vte-spawn-1.scope",
          std::nullopt},
         {"/system.slice/application.service", std::nullopt},
-        {"/user.slice/user-1000.slice/session-2.scope", std::nullopt},
-        {"/", std::nullopt},
         {"", std::nullopt},
     };
     for (const auto& each : cases) {
@@ -157,23 +143,17 @@ TEST(ControlGroup, IsFoundInBothLayouts) {
     EXPECT_EQ(controlGroupPath("0::/a/b\n"), "/a/b");
     EXPECT_EQ(controlGroupPath("9:name=systemd:/a\n8:pids:/p\n0::/\n"), "/a");
     EXPECT_EQ(controlGroupPath("9:name=systemd:/\n8:pids:/p\n0::/c\n"), "/c");
-    EXPECT_EQ(controlGroupPath("8:pids:/p"), "");
     EXPECT_EQ(controlGroupPath(""), "");
 }
 
 TEST(SystemAccounts, AreShownBelowFiveHundred) {
     EXPECT_EQ(lowestPersonalUserId("# UID_MIN 7\nSYS_UID_MIN 100\n UID_MIN\t 2000\n"), 2000U);
     EXPECT_EQ(lowestPersonalUserId("UID_MIN many"), 1000U);
-    EXPECT_EQ(lowestPersonalUserId(""), 1000U);
 
-    EXPECT_EQ(shownUserId(0), 0U);
-    EXPECT_EQ(shownUserId(499), 499U);
     EXPECT_EQ(shownUserId(65534), 499U);
     EXPECT_EQ(shownUserId(61184), 499U);
     EXPECT_EQ(shownUserId(65519), 499U);
     EXPECT_EQ(shownUserId(65520), 65520U);
-    EXPECT_EQ(shownUserId(60000), 60000U);
-    EXPECT_TRUE(isSystemAccount(0));
     EXPECT_FALSE(isSystemAccount(60000));
 }
 
@@ -199,10 +179,6 @@ TEST(AuditToken, HoldsAccountProcessAndVersion) {
     auto moved = fields;
     moved.signingIdentifier = "a.c";
     for (const auto& other : {reused, executed, moved}) EXPECT_NE(makeAuditToken(other), token);
-
-    const auto account = makeAuditToken({.effectiveUserId = 65534});
-    std::memcpy(words, account.data(), sizeof words);
-    EXPECT_THAT(words, ::testing::ElementsAre(0U, 499U, 0U, 0U, 0U, 0U, 0U, 0U));
 }
 
 TEST(PathText, IsValidAndLosesNothing) {
@@ -210,12 +186,10 @@ TEST(PathText, IsValidAndLosesNothing) {
         std::string bytes;
         std::string text;
     } cases[] = {
-        {"/usr/bin/curl", "/usr/bin/curl"},
         {"/\xc3\xbc/\xf0\x9f\x8e\x88", "/\xc3\xbc/\xf0\x9f\x8e\x88"},
         {"/a\xff", "/a\\xff"},
         {"/a\\xff", "/a\\x5cxff"},
         {"/a\nb\x7f", "/a\\x0ab\\x7f"},
-        {"/\xc3", "/\\xc3"},
         {"/\xed\xa0\x80", "/\\xed\\xa0\\x80"},
         {"/\xc3/\xbc", "/\\xc3/\\xbc"},
     };
@@ -245,19 +219,13 @@ TEST(VirtualBundle, IsFoundBySearchingForTheOutermost) {
         "curl",
         "a.app",
         ".app",
-        "a.app.app",
         "/home/u/x-app/tool",
-        "/a-app/",
         "a%2Fb",
-        "%",
         "%25",
-        "a.appex",
         ".xpc",
         "odd\\xff",
         "\xc3\xbc",
         "../..",
-        ".",
-        "com.example.application.app",
         identifierThatFits(std::string(5000, 'x')),
         identifierThatFits(std::string(1200, '/')),
     };
