@@ -141,7 +141,10 @@ void NEAppProxyTCPFlow::Implementation::proceedWithOpening() {
     opening = Opening::underWay;
     const double delay =
         applicationNeverComes ? secondsUntilAnAbsentApplicationIsGivenUp : openingDelay;
-    auto finish = [self = shared_from_this()] { self->finishOpening(); };
+    // The event owns the completion, so that a world that ends before it lets go of both.
+    auto finish = [self = shared_from_this(), completion = std::move(openCompletion)]() mutable {
+        self->finishOpening(std::move(completion));
+    };
     // An application that takes its time is waited for as a timer is: only by letting time pass.
     if (delay > 0)
         machine().scheduler.startTimer(delay, "flow open", std::move(finish));
@@ -149,14 +152,12 @@ void NEAppProxyTCPFlow::Implementation::proceedWithOpening() {
         machine().scheduler.deliver("flow open", std::move(finish));
 }
 
-void NEAppProxyTCPFlow::Implementation::finishOpening() {
-    ErrorCompletion completion;
+void NEAppProxyTCPFlow::Implementation::finishOpening(ErrorCompletion completion) {
     std::optional<NSError> error;
     {
         const MutexGuard guard(mutex);
         error = outcomeOfOpening();
         opening = error ? Opening::failed : Opening::open;
-        completion = std::move(openCompletion);
     }
     completion(std::move(error));
 }

@@ -69,7 +69,7 @@ private:
     };
 
     void proceedWithOpening() REQUIRES(mutex);
-    void finishOpening();
+    void finishOpening(ErrorCompletion completion);
     std::optional<NSError> outcomeOfOpening() REQUIRES(mutex);
     void serveRead() REQUIRES(mutex);
     void serveWrite() REQUIRES(mutex);
