@@ -44,7 +44,7 @@ public:
     void unlock() RELEASE();
 
 private:
-    const Use use = Use::fieldsOnly;
+    [[maybe_unused]] const Use use = Use::fieldsOnly;  // for a platform that checks
     std::mutex mutex;
 };
 

@@ -74,8 +74,8 @@ public:
     // From the first connection of the process on.
     static void followNetwork() {
         static const auto token = NetworkMonitor::shared().observe([](const auto& network) {
-            for (const auto& loop : EventLoopPool::shared().loops())
-                loop->post([network] { current().networkChanged(*network); });
+            for (const auto& each : EventLoopPool::shared().loops())
+                each->post([network] { current().networkChanged(*network); });
         });
     }
 

@@ -24,7 +24,7 @@ public:
     using StateHandler = std::function<void(const State&)>;
 
     Implementation(NWEndpoint::Host host, NWEndpoint::Port port, NWParameters parameters);
-    ~Implementation() override;
+    ~Implementation();
 
     // The connection's operations. Any thread.
     void setStateHandler(StateHandler handler);

@@ -31,17 +31,22 @@ void Flow::setEndHandler(Completion<> handler) { endHandler = std::move(handler)
 
 void Flow::arrive(Arrival arrival) {
     EventLoop& chosen = EventLoopPool::shared().currentOrNext();
-    {
-        const NSLockGuard guard(arriving);
-        if (loop.load(std::memory_order_relaxed) != nullptr) return;
-        // Handed over under the lock, so that no other thread's operation overtakes it.
-        if (!chosen.isCurrent())
-            chosen.post([self = shared_from_this(), arrival = std::move(arrival)]() mutable {
-                self->settle(std::move(arrival));
-            });
-        loop.store(&chosen, std::memory_order_release);
+    if (chosen.isCurrent()) {
+        if (choose(chosen, nullptr)) settle(std::move(arrival));
+        return;
     }
-    if (chosen.isCurrent()) settle(std::move(arrival));
+    choose(chosen, [self = shared_from_this(), arrival = std::move(arrival)]() mutable {
+        self->settle(std::move(arrival));
+    });
+}
+
+bool Flow::choose(EventLoop& chosen, Completion<> firstWork) {
+    const NSLockGuard guard(arriving);
+    if (loop.load(std::memory_order_relaxed) != nullptr) return false;
+    // Under the lock, so that no other thread's operation overtakes it.
+    if (firstWork) chosen.post(std::move(firstWork));
+    loop.store(&chosen, std::memory_order_release);
+    return true;
 }
 
 void Flow::settle(Arrival arrival) {

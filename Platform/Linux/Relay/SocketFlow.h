@@ -26,7 +26,7 @@ class NEAppProxyTCPFlow::Implementation final
       public StreamSocket::Owner {
 public:
     Implementation();
-    ~Implementation() override;
+    ~Implementation();
 
     // For the interception. The first of the two calls counts. Waiting no longer than is reasonable
     // before `failOpening` is the interception's task.
@@ -58,6 +58,9 @@ private:
     // What the interception brings: the socket, or why there is none.
     using Arrival = std::variant<FileDescriptor, NSError>;
     void arrive(Arrival arrival);
+    // Makes `chosen` the flow's loop, with `firstWork` (it may be empty) as the first that it does;
+    // false if there is a loop already.
+    bool choose(EventLoop& chosen, Completion<> firstWork);
     void settle(Arrival arrival);
     // Does `work` on the flow's loop: at once if this is its thread, later if it is another, and
     // once there is a loop if there is none yet.

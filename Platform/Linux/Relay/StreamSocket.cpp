@@ -51,10 +51,10 @@ public:
     }
 
 private:
-    void tickLater(EventLoop& loop) {
-        loop.after(secondsBetweenChecks, [this, &loop] { tick(loop); });
+    void tickLater(EventLoop& ticking) {
+        ticking.after(secondsBetweenChecks, [this, &ticking] { tick(ticking); });
     }
-    void tick(EventLoop& loop) {
+    void tick(EventLoop& ticking) {
         const auto now = TimerHeap::Clock::now();
         std::erase_if(sockets, [now](const std::weak_ptr<StreamSocket>& weak) {
             const auto socket = weak.lock();
@@ -62,7 +62,7 @@ private:
             return !socket || socket->phase != Phase::finishing;
         });
         isTicking = !sockets.empty();
-        if (isTicking) tickLater(loop);
+        if (isTicking) tickLater(ticking);
     }
 
     std::vector<std::weak_ptr<StreamSocket>> sockets;

@@ -37,7 +37,7 @@ public:
         virtual void writeDone(int error) = 0;
 
     protected:
-        virtual ~Owner() = default;
+        ~Owner() = default;
     };
 
     // What an orderly end waits for besides its own bytes.
