@@ -93,12 +93,6 @@ bool NEAppProxyTCPFlow::Implementation::isWriteClosed() const {
     return isLetGo || !done.writeCloses.empty();
 }
 
-bool NEAppProxyTCPFlow::Implementation::hasOperationOutstanding() const {
-    const MutexGuard guard(mutex);
-    return isReadOutstanding || isWriteOutstanding || opening == Opening::held ||
-           opening == Opening::underWay;
-}
-
 void NEAppProxyTCPFlow::Implementation::holdOpening() {
     const MutexGuard guard(mutex);
     isHeld = true;

@@ -41,7 +41,6 @@ public:
     std::string receivedByApplication() const;
     Record record() const;
     bool isClosed() const;
-    bool hasOperationOutstanding() const;
 
     // While a flow is being offered its opening waits; what comes of the offer lets it go on.
     void holdOpening();

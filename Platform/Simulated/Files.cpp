@@ -37,11 +37,6 @@ std::optional<int> Files::permissions(std::string_view path) const {
     return found->second.permissions;
 }
 
-std::vector<FileAccess> Files::accesses() const {
-    const MutexGuard guard(mutex);
-    return log;
-}
-
 std::size_t Files::count(FileOperation operation, std::string_view path) const {
     const MutexGuard guard(mutex);
     return static_cast<std::size_t>(std::count_if(log.begin(), log.end(), [&](const auto& access) {
@@ -88,15 +83,15 @@ std::optional<std::size_t> Files::takeFault(FileOperation operation, std::string
     return std::nullopt;
 }
 
-void Files::note(FileOperation operation, std::string_view path, bool succeeded) {
-    log.push_back({operation, std::string(path), succeeded});
+void Files::note(FileOperation operation, std::string_view path) {
+    log.push_back({operation, std::string(path)});
 }
 
 std::optional<Data> Files::read(std::string_view path) {
     const MutexGuard guard(mutex);
     const auto found = files.find(path);
     const bool succeeds = found != files.end() && !takeFault(FileOperation::read, path, 0);
-    note(FileOperation::read, path, succeeds);
+    note(FileOperation::read, path);
     if (!succeeds) return std::nullopt;
     return Data(found->second.bytes);
 }
@@ -104,7 +99,7 @@ std::optional<Data> Files::read(std::string_view path) {
 std::optional<NSError> Files::writeAtomically(std::string_view bytes, std::string_view path) {
     const MutexGuard guard(mutex);
     const bool succeeds = !takeFault(FileOperation::writeAtomically, path, 0);
-    note(FileOperation::writeAtomically, path, succeeds);
+    note(FileOperation::writeAtomically, path);
     if (!succeeds) return fileError();
     files.insert_or_assign(std::string(path), File{std::string(bytes)});
     return std::nullopt;
@@ -113,7 +108,7 @@ std::optional<NSError> Files::writeAtomically(std::string_view bytes, std::strin
 std::optional<NSError> Files::write(std::string_view bytes, std::string_view path) {
     const MutexGuard guard(mutex);
     const auto partLeft = takeFault(FileOperation::write, path, bytes.size());
-    note(FileOperation::write, path, !partLeft);
+    note(FileOperation::write, path);
     auto& file = files[std::string(path)];
     file.bytes = bytes.substr(0, partLeft.value_or(bytes.size()));
     return partLeft ? std::optional(fileError()) : std::nullopt;
@@ -124,7 +119,7 @@ bool Files::setPermissions(int permissions, std::string_view path) {
     const auto found = files.find(path);
     const bool succeeds =
         found != files.end() && !takeFault(FileOperation::setPermissions, path, 0);
-    note(FileOperation::setPermissions, path, succeeds);
+    note(FileOperation::setPermissions, path);
     if (succeeds) found->second.permissions = permissions;
     return succeeds;
 }
@@ -133,7 +128,7 @@ bool Files::removeItem(std::string_view path) {
     const MutexGuard guard(mutex);
     const auto found = files.find(path);
     const bool succeeds = found != files.end() && !takeFault(FileOperation::remove, path, 0);
-    note(FileOperation::remove, path, succeeds);
+    note(FileOperation::remove, path);
     if (succeeds) files.erase(found);
     return succeeds;
 }

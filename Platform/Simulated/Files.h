@@ -21,8 +21,6 @@ enum class FileOperation { read, writeAtomically, write, setPermissions, remove 
 struct FileAccess {
     FileOperation operation;
     std::string path;
-    bool succeeded;
-    friend bool operator==(const FileAccess&, const FileAccess&) = default;
 };
 
 class Files {
@@ -36,7 +34,6 @@ public:
     std::optional<std::string> contents(std::string_view path) const;
     // Nothing if there is no such file. A file that the core makes has 0600 until it says otherwise.
     std::optional<int> permissions(std::string_view path) const;
-    std::vector<FileAccess> accesses() const;
     std::size_t count(FileOperation operation, std::string_view path) const;
 
     // The next `times` operations of this kind on this path (empty: any path) fail. A plain write
@@ -74,7 +71,7 @@ private:
     // The part that a failing operation leaves, or nothing if it succeeds.
     std::optional<std::size_t> takeFault(FileOperation operation, std::string_view path,
                                          std::size_t length) REQUIRES(mutex);
-    void note(FileOperation operation, std::string_view path, bool succeeded) REQUIRES(mutex);
+    void note(FileOperation operation, std::string_view path) REQUIRES(mutex);
 
     Scheduler& scheduler;
     mutable Mutex mutex;

@@ -101,11 +101,6 @@ Offer Flow::lastOffer() const {
 
 std::string Flow::received() const { return socket()->receivedByApplication(); }
 
-std::string Flow::passed() const {
-    const MutexGuard guard(state->mutex);
-    return state->passed;
-}
-
 bool Flow::isEnded() const {
     const MutexGuard guard(state->mutex);
     return state->isEnded;
@@ -262,7 +257,6 @@ std::optional<NEFilterDataVerdict> Flows::showBytes(Flow::State& state, std::str
 }
 
 void Flows::pass(Flow::State& state, const std::string& bytes) {
-    state.passed += bytes;
     const bool goesToProxy = state.offers.empty() || state.offers.back().claimed;
     if (goesToProxy && !bytes.empty()) state.socket->applicationSends(bytes);
 }

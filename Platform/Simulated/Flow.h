@@ -69,8 +69,6 @@ public:
     bool isClaimed() const { return lastOffer().claimed; }
     // Bytes that the application has been given.
     std::string received() const;
-    // Bytes of the application that went on: to the proxy if claimed, else to the network.
-    std::string passed() const;
     // True once the filter dropped it, at its start or at a byte, or a new offer claimed or dropped
     // it: the application's socket has failed.
     bool isEnded() const;
@@ -108,7 +106,6 @@ private:
         std::int64_t offset GUARDED_BY(mutex) = 0;
         std::size_t peekBytes GUARDED_BY(mutex) = 0;
         std::string unpassed GUARDED_BY(mutex);
-        std::string passed GUARDED_BY(mutex);
         std::vector<NEFilterDataVerdict> dataVerdicts GUARDED_BY(mutex);
     };
     void socketDoes(const char* label, std::function<void(ApplicationSocket&)> step);

@@ -89,11 +89,6 @@ NWConnection::State::Kind NWConnection::Implementation::state() const {
     return current;
 }
 
-bool NWConnection::Implementation::hasOperationOutstanding() const {
-    const MutexGuard guard(mutex);
-    return isSendOutstanding || isReceiveOutstanding;
-}
-
 // The core's side: states.
 
 void NWConnection::Implementation::setHandler(std::function<void(const State&)> newHandler) {
@@ -144,8 +139,6 @@ void NWConnection::Implementation::attempt() {
                 break;
             case Reachability::refuses:
                 change(State::Kind::failed, outcome.error.value_or(refused()));
-                break;
-            case Reachability::silent:
                 break;
         }
     }

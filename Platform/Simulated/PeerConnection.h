@@ -22,7 +22,6 @@ enum class Reachability {
     accepts,      // ready
     unreachable,  // waiting; tried again when the path changes or the peer does
     refuses,      // failed
-    silent,       // no answer, no state
 };
 
 // What a peer has for a connection: bytes, an end, an error, in one piece as the core may see them.
@@ -66,7 +65,6 @@ public:
     std::string receivedByPeer() const;
     Record record() const;
     State::Kind state() const;
-    bool hasOperationOutstanding() const;
 
     // The core's side.
     void setHandler(std::function<void(const State&)> newHandler);

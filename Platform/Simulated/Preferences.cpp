@@ -52,11 +52,6 @@ void Preferences::failTunnelManagers(NSError error, int times) {
     fault = Fault{std::move(error), times};
 }
 
-void Preferences::giveNoTunnelManagers(int times) {
-    const MutexGuard guard(mutex);
-    fault = Fault{std::nullopt, times};
-}
-
 std::size_t Preferences::tunnelManagerLoads() const {
     const MutexGuard guard(mutex);
     return loads;

@@ -30,8 +30,6 @@ public:
     void setTunnelManagers(std::vector<NETunnelProviderManager> list);
     // The next `times` loads give no list but this error.
     void failTunnelManagers(NSError error, int times = 1);
-    // The next `times` loads give neither a list nor an error.
-    void giveNoTunnelManagers(int times = 1);
     std::size_t tunnelManagerLoads() const;
 
     // The core's side.
@@ -39,7 +37,7 @@ public:
 
 private:
     struct Fault {
-        std::optional<NSError> error;
+        NSError error;
         int times;
     };
     void answer(NETunnelProviderManager::LoadCompletion& completion);

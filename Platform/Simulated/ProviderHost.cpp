@@ -76,16 +76,6 @@ void SettingsInForce<Settings>::hold() {
 }
 
 template <class Settings>
-void SettingsInForce<Settings>::releaseOne() {
-    {
-        const MutexGuard guard(mutex);
-        if (waiting == 0) return;
-        --waiting;
-    }
-    schedule();
-}
-
-template <class Settings>
 void SettingsInForce<Settings>::release() {
     std::size_t released = 0;
     {

@@ -74,9 +74,8 @@ public:
 
     // The outcomes of the next calls, in order: an error, or nothing for success.
     void script(std::vector<std::optional<NSError>> outcomes);
-    // Lets calls wait until they are released, one or all of them.
+    // Lets calls wait until they are released.
     void hold();
-    void releaseOne();
     void release();
 
     std::vector<SettingsCall<Settings>> calls() const;

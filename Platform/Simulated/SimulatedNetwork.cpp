@@ -11,10 +11,8 @@ namespace simulated {
 
 // Peers.
 
-void Peer::accepts() { become(Reachability::accepts, 0); }
 void Peer::refuses() { become(Reachability::refuses, 0); }
 void Peer::isUnreachable() { become(Reachability::unreachable, 0); }
-void Peer::isSilent() { become(Reachability::silent, 0); }
 void Peer::waits(int times) { become(Reachability::accepts, times); }
 
 void Peer::become(Reachability reachability, int attemptsThatWait) {

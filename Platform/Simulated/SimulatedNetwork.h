@@ -44,14 +44,12 @@ using Connection = NWConnection::Implementation;
 class Network;
 
 // A peer of the core's connections, by host and port. Each operation holds for every connection to
-// it, those that there are and those to come.
+// it, those that there are and those to come. At first connections become ready, and the peer takes all
+// bytes and sends none.
 class Peer {
 public:
-    // Where it starts: connections become ready, and the peer takes all bytes and sends none.
-    void accepts();
     void refuses();
     void isUnreachable();
-    void isSilent();
     // The first `times` attempts wait, a second apart, and then it accepts.
     void waits(int times);
 

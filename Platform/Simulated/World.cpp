@@ -16,17 +16,6 @@ Machine& freshMachine(const Options& options) {
     return machine();
 }
 
-FlowDescription describeFlow(const Process& process, FlowDescription::Kind kind, std::string host,
-                             std::string port) {
-    FlowDescription description;
-    description.kind = kind;
-    description.remoteEndpoint =
-        NWHostEndpoint::endpointWithHostname(std::move(host), std::move(port));
-    description.signingIdentifier = process.signingIdentifier;
-    description.auditToken = process.auditToken();
-    return description;
-}
-
 }  // namespace
 
 World::World(const Options& options)
@@ -66,13 +55,12 @@ Process World::application(const std::string& name, const std::string& identifie
 }
 
 Flow World::tcpFlow(const Process& process, std::string host, std::string port) {
-    return Flow(
-        describeFlow(process, FlowDescription::Kind::tcp, std::move(host), std::move(port)));
-}
-
-Flow World::udpFlow(const Process& process, std::string host, std::string port) {
-    return Flow(
-        describeFlow(process, FlowDescription::Kind::udp, std::move(host), std::move(port)));
+    FlowDescription description;
+    description.remoteEndpoint =
+        NWHostEndpoint::endpointWithHostname(std::move(host), std::move(port));
+    description.signingIdentifier = process.signingIdentifier;
+    description.auditToken = process.auditToken();
+    return Flow(std::move(description));
 }
 
 bool World::start() {

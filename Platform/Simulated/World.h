@@ -65,7 +65,6 @@ public:
     void bundle(std::string_view path, std::string_view identifier) {
         processes.addBundle(path, std::string(identifier));
     }
-    void bundleWithoutIdentifier(std::string_view path) { processes.addBundle(path, std::nullopt); }
     // An application in a bundle, running: "/Applications/NAME.app" with this identifier, which its
     // flows carry as signing identifier.
     Process application(const std::string& name, const std::string& identifier);
@@ -79,7 +78,6 @@ public:
 
     // Flows.
     Flow tcpFlow(const Process& process, std::string host, std::string port);
-    Flow udpFlow(const Process& process, std::string host, std::string port);
     Flow flow(FlowDescription description) { return Flow(std::move(description)); }
     Offer offer(const Flow& flow) { return flows.offer(flow); }
     Offer offerToProxy(const Flow& flow) { return flows.offerToProxy(flow); }

@@ -69,37 +69,6 @@ TEST(Notifications, PostsDuringADeliveryGiveOneMoreAndNoneComesAfterRemoval) {
     EXPECT_EQ(observer.calls, 2);
 }
 
-TEST(Settings, AreCarriedOutInOrderWithTheOutcomesScripted) {
-    World world({.order = Order::drawn, .seed = 5});
-    const NSError refused{"NETunnelProviderErrorDomain", 1, "no"};
-    world.providers.proxySettings.script({std::nullopt, refused});
-    const auto proxy = ScriptedProxy::present();
-    std::string outcomes;
-    const auto note = [&](char name) {
-        return [&outcomes, name](std::optional<NSError> error) {
-            outcomes += name;
-            outcomes += error ? "- " : "+ ";
-        };
-    };
-    world.providers.proxySettings.hold();
-    proxy->setTunnelNetworkSettings(ScriptedProxy::settings(true), note('a'));
-    proxy->setTunnelNetworkSettings(ScriptedProxy::settings(), note('b'));
-    proxy->setTunnelNetworkSettings(ScriptedProxy::settings(), note('c'));
-    world.runUntilIdle();
-    EXPECT_EQ(outcomes, "");
-    world.providers.proxySettings.releaseOne();
-    world.runUntilIdle();
-    EXPECT_EQ(outcomes, "a+ ");
-    world.providers.proxySettings.release();
-    world.runUntilIdle();
-    EXPECT_EQ(outcomes, "a+ b- c+ ");
-    const auto calls = world.providers.proxySettings.calls();
-    ASSERT_EQ(calls.size(), 3u);
-    EXPECT_EQ(calls[0].settings, ScriptedProxy::settings(true));
-    EXPECT_EQ(calls[1].error, refused);
-    EXPECT_EQ(world.providers.proxySettings.inForce(), ScriptedProxy::settings());
-}
-
 TEST(Messages, AReplyComesOnceAndALostOneIsABreach) {
     World world;
     EXPECT_EQ(world.message("ping").text(), "ping");

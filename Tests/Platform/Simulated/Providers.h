@@ -29,18 +29,13 @@ public:
     void sleep(Completion<> completionHandler) override { completionHandler(); }
     void wake() override {}
 
-    // Settings for all TCP flows, and one more rule if asked for.
-    static NETransparentProxyNetworkSettings settings(bool withExtraRule = false) {
+    // Settings for all TCP flows.
+    static NETransparentProxyNetworkSettings settings() {
         NETransparentProxyNetworkSettings made("127.0.0.1");
         NENetworkRule rule;
         rule.protocol = NENetworkRule::Protocol::TCP;
         rule.direction = NENetworkRule::TrafficDirection::outbound;
-        std::vector<NENetworkRule> rules{rule};
-        if (withExtraRule) {
-            rule.remoteNetwork = NWHostEndpoint::endpointWithHostname("127.0.0.2", "9");
-            rules.push_back(rule);
-        }
-        made.setIncludedNetworkRules(std::move(rules));
+        made.setIncludedNetworkRules({rule});
         return made;
     }
 
