@@ -485,13 +485,6 @@ TEST_P(FlowOwners, AReusedProcessIdIsAnotherProcess) {
     FAIL() << "no other token for the process id " << pid;
 }
 
-TEST_P(FlowOwners, ManyShortLivedProcessesAreToldApart) {
-    for (int round = 0; round < 100; ++round) {
-        const auto program = holderOf(round % 2 ? stream : datagram);
-        EXPECT_EQ(ownerPid(round % 2 ? tcp(shared->value) : udp(shared->value)), program->pid());
-    }
-}
-
 TEST_P(FlowOwners, ManyThreadsMayAskAtOnce) {
     std::vector<std::unique_ptr<RunningProgram>> programs;
     std::vector<FlowTuple> flows;

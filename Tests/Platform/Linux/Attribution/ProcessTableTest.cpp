@@ -2,13 +2,9 @@
 
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
-#include <csignal>
-#include <cstdio>
-#include <fstream>
 #include <optional>
 
 #include "Platform/Foundation.h"
@@ -61,14 +57,6 @@ protected:
         if (const auto reason = testing::reasonForNoOrdinaryPrograms(); !reason.empty()) {
             GTEST_SKIP() << reason;
         }
-    }
-    // Waits until the shown identity of a process that is about to exec is `expected`.
-    static bool becomes(pid_t pid, std::string_view expected) {
-        for (int attempt = 0; attempt < 5000; ++attempt) {
-            if (signedAs(pid) == expected) return true;
-            ::usleep(1000);
-        }
-        return false;
     }
     TemporaryFolder folder;
 };
@@ -171,61 +159,6 @@ TEST_F(Applications, NobodyIsNobody) {
         EXPECT_EQ(shownPath(pid), "") << pid;
         EXPECT_EQ(shownParent(pid), 0) << pid;
     }
-}
-
-// A control group of the unified hierarchy, removed at the end.
-class ControlGroup {
-public:
-    explicit ControlGroup(std::string_view name) {
-        for (const std::string root : {"/sys/fs/cgroup", "/sys/fs/cgroup/unified"}) {
-            if (!std::filesystem::exists(root + "/cgroup.procs")) continue;
-            std::error_code failure;
-            const auto path = std::filesystem::path(root) / name;
-            if (std::filesystem::create_directory(path, failure)) group = path;
-        }
-    }
-    ~ControlGroup() {
-        // Its processes have been killed; the last of them may still be on its way out.
-        for (int attempt = 0; isThere() && attempt < 2000; ++attempt) {
-            if (::rmdir(group.c_str()) == 0) return;
-            ::usleep(1000);
-        }
-    }
-    bool isThere() const { return !group.empty(); }
-    bool add(pid_t pid) const {
-        std::ofstream processes(group / "cgroup.procs");
-        processes << pid << std::flush;
-        return processes.good();
-    }
-
-private:
-    std::filesystem::path group;
-};
-
-TEST_F(Applications, AllOfADesktopApplicationsGroupAreTheApplication) {
-    const ControlGroup group("app-test-org.example.Player.app-" + std::to_string(::getpid()) +
-                             ".scope");
-    const ControlGroup plain("plain-" + std::to_string(::getpid()));
-    if (!group.isThere() || !plain.isThere()) {
-        GTEST_SKIP() << "no control group can be made here";
-    }
-    // The shell starts its child in the group; the child, once it has left, follows by the tree.
-    const RunningProgram running(
-        "/bin/bash", "/bin/bash -c '" + readyAs("$$") + "'; :", [&] { group.add(::getpid()); });
-    ASSERT_TRUE(running.isReady());
-    for (const auto pid : {running.pid(), running.namedPid()}) {
-        EXPECT_EQ(signedAs(pid), "org.example.Player.app");
-        EXPECT_EQ(foundIdentifier(pid), "org.example.Player.app");
-    }
-    EXPECT_EQ(shownParent(running.pid()), 1);
-    EXPECT_EQ(shownParent(running.namedPid()), running.pid());
-
-    const auto token = ProcessTable::shared().examine(running.namedPid())->auditToken();
-    ASSERT_TRUE(plain.add(running.namedPid()));
-    ASSERT_TRUE(becomes(running.namedPid(), "bash"));
-    EXPECT_EQ(shownPath(running.namedPid()), std::filesystem::canonical("/bin/bash"));
-    EXPECT_EQ(shownParent(running.namedPid()), running.pid());
-    EXPECT_NE(ProcessTable::shared().examine(running.namedPid())->auditToken(), token);
 }
 
 }  // namespace
