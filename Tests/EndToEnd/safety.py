@@ -1,7 +1,9 @@
 """The daemon's end, wanted or not, leaves the machine as it was, with its traffic flowing."""
 
+import pathlib
 import signal
 import subprocess
+import time
 
 from vantrylab import network
 from vantrylab.host import Rules
@@ -13,7 +15,7 @@ ENDINGS = (signal.SIGKILL, signal.SIGTERM, signal.SIGINT)
 
 def run(stage) -> None:
     network.vpn_up()
-    before = _traces()
+    before = _settled_traces()
     for ending in ENDINGS:
         _end_under_load(stage, ending, before)
     _restart(stage)
@@ -66,6 +68,17 @@ def _end_under_load(stage, ending: signal.Signals, before: set[str]) -> None:
                             seconds=30 if ending == signal.SIGKILL else 1)
 
 
+def _settled_traces() -> set[str]:
+    """The same once the VPN has put everything in place: two looks half a second apart agree."""
+    seen = _traces()
+    while True:
+        time.sleep(0.5)
+        now = _traces()
+        if now == seen:
+            return now
+        seen = now
+
+
 def _restart(stage) -> None:
     """A new daemon does its work at once, also for connections that an old one has marked."""
     stage.start_daemon(RULES)
@@ -84,10 +97,18 @@ def _restart(stage) -> None:
 def _ends_while_packets_wait(stage) -> None:
     """First packets that wait for a verdict when the daemon is killed are sent once more, and pass."""
     stage.start_daemon(RULES)
+    pid = stage.daemon.process.pid
     stage.daemon.process.send_signal(signal.SIGSTOP)
+    network.wait_until(lambda: _all_threads_stand_still(pid), "the daemon stands still")
     addresses = [stage.ipv4() for _ in range(3)]
     waiting = [stage.courier.start("connect", address, 80) for address in addresses]
     stage.daemon.stop(signal.SIGKILL)
     stage.daemon = None
     for address, each in zip(addresses, waiting):
         stage.expect_tunnel(f"waiting for a verdict when the daemon died: {address}", each.finish(), address)
+
+
+def _all_threads_stand_still(pid: int) -> bool:
+    states = [stat.read_text().rsplit(")", 1)[1].split()[0]
+              for stat in pathlib.Path(f"/proc/{pid}/task").glob("*/stat")]
+    return all(state == "T" for state in states)
