@@ -51,8 +51,12 @@ EventLoop* EventLoop::current() { return loopOfThread; }
 void EventLoop::run() {
     loopOfThread = this;
     for (;;) {
-        runInbox();
-        runTurns();
+        // What a piece of work hands over is mostly done at once; asking for events in between would
+        // cost a system call.
+        for (int round = 0; round < roundsBetweenWaits && isBusy(); ++round) {
+            runInbox();
+            runTurns();
+        }
         runTimers();
         waitForEvents();
     }
@@ -111,7 +115,7 @@ void EventLoop::runInbox() {
 }
 
 void EventLoop::runTurns() {
-    for (int count = 0; nextTurn < turns.size() && count < turnsBetweenWaits; ++count) {
+    for (int count = 0; nextTurn < turns.size() && count < turnsAtOnce; ++count) {
         const std::shared_ptr<Source> source = std::move(turns[nextTurn++]);
         source->hasAskedForTurn = false;
         source->takeTurn();

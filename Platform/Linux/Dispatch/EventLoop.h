@@ -84,8 +84,10 @@ public:
 
 private:
     static constexpr int eventsAtOnce = 128;
-    static constexpr int turnsBetweenWaits = 64;
+    static constexpr int roundsBetweenWaits = 4;
+    static constexpr int turnsAtOnce = 16;
 
+    bool isBusy() const { return inboxHasWork.load() || nextTurn < turns.size(); }
     void runInbox();
     void runTurns();
     void runTimers();
