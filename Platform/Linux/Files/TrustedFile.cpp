@@ -35,7 +35,7 @@ std::optional<std::string> reasonForDistrust(int descriptor) {
     return std::nullopt;
 }
 
-FileRefusal distrust(const std::string& path, std::string reason) {
+FileRefusal distrust(const std::string& path, const std::string& reason) {
     platformLog.error("The file %{public}s is not trusted: %{public}s", path, reason);
     return {EPERM, "The file is not trusted: " + reason};
 }
@@ -49,7 +49,7 @@ std::variant<FileDescriptor, FileRefusal> openTrustedFile(const std::string& pat
         const int error = errno;
         return FileRefusal{error, std::generic_category().message(error)};
     }
-    if (auto reason = reasonForDistrust(file.get())) return distrust(path, std::move(*reason));
+    if (const auto reason = reasonForDistrust(file.get())) return distrust(path, *reason);
     return file;
 }
 

@@ -89,8 +89,8 @@ private:
     Implementation* first = nullptr;
 };
 
-Connection::Implementation(NWEndpoint::Host remoteHost, NWEndpoint::Port remotePort,
-                           NWParameters parameters)
+Connection::Implementation(const NWEndpoint::Host& remoteHost, NWEndpoint::Port remotePort,
+                           const NWParameters& parameters)
     : host(remoteHost.text()),
       port(remotePort.rawValue()),
       interfaceName(parameters.requiredInterface

@@ -23,8 +23,9 @@ class NWConnection::Implementation final : public std::enable_shared_from_this<I
 public:
     using StateHandler = std::function<void(const State&)>;
 
-    Implementation(NWEndpoint::Host host, NWEndpoint::Port port, NWParameters parameters);
-    ~Implementation();
+    Implementation(const NWEndpoint::Host& remoteHost, NWEndpoint::Port remotePort,
+                   const NWParameters& parameters);
+    ~Implementation() override;
 
     // The connection's operations. Any thread.
     void setStateHandler(StateHandler handler);

@@ -26,7 +26,7 @@ class NEAppProxyTCPFlow::Implementation final
       public StreamSocket::Owner {
 public:
     Implementation();
-    ~Implementation();
+    ~Implementation() override;
 
     // For the interception. The first of the two calls counts. Waiting no longer than is reasonable
     // before `failOpening` is the interception's task.

@@ -30,14 +30,12 @@ public:
     // socket may be ended from inside.
     class Owner {
     public:
+        virtual ~Owner() = default;
         virtual void connectDone(StreamSocket& socket, int error);
         // `isEnd`: the stream ends behind these bytes. Bytes, end or error; an end may come along
         // with the last bytes.
         virtual void readDone(Data data, bool isEnd, int error) = 0;
         virtual void writeDone(int error) = 0;
-
-    protected:
-        ~Owner() = default;
     };
 
     // What an orderly end waits for besides its own bytes.
