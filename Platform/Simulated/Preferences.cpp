@@ -36,6 +36,7 @@ std::shared_ptr<const NEVPNProtocol> Preferences::protocolConfiguration() const 
 
 void Preferences::setTunnelProviders(const std::vector<std::string>& bundleIdentifiers) {
     std::vector<NETunnelProviderManager> list;
+    list.reserve(bundleIdentifiers.size());
     for (const auto& identifier : bundleIdentifiers)
         list.emplace_back(
             std::make_shared<const NETunnelProviderProtocol>(identifier, std::nullopt));

@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include <cstring>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -13,11 +12,11 @@
 
 namespace platform::testing {
 
-inline FileDescriptor connected(const char* path) {
+inline FileDescriptor connected(std::string_view path) {
     FileDescriptor client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, path);
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
     if (connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
         return {};
     return client;
