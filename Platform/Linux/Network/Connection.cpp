@@ -364,9 +364,10 @@ void Connection::enter(Kind kind, std::optional<NSError> error) {
     });
 }
 
+// The seam hands over values; only their parts are kept here.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 NWConnection::NWConnection(NWEndpoint::Host host, NWEndpoint::Port port, NWParameters parameters)
-    : implementation(
-          std::make_shared<Implementation>(std::move(host), port, std::move(parameters))) {}
+    : implementation(std::make_shared<Implementation>(host, port, parameters)) {}
 
 NWConnection::~NWConnection() { implementation->letGo(); }
 
