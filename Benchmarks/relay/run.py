@@ -268,7 +268,7 @@ class Block:
 
 def measure(b, a, put, idle_counts):
     """All measures of one candidate block. put(metric, value)."""
-    v = b.gen("verify", "--streams", 4, "--kib", 4096)
+    v = b.gen("verify", "--streams", 4, "--kib", 262144)
     if not v["ok"]:
         raise RuntimeError("contents differ: %r" % v)
     dev0 = net_dev()
