@@ -126,7 +126,18 @@ void Connection::now(Completion completion, Results... results) {
 }
 
 void Connection::setStateHandler(StateHandler handler) {
-    stateHandler = std::make_shared<const StateHandler>(std::move(handler));
+    replaceHandler(std::make_shared<const StateHandler>(std::move(handler)));
+}
+
+std::shared_ptr<const Connection::StateHandler> Connection::currentHandler() {
+    const std::lock_guard hold(handlerLock);
+    return stateHandler;
+}
+
+// What the handler before held is let go outside the lock.
+void Connection::replaceHandler(std::shared_ptr<const StateHandler> handler) {
+    const std::lock_guard hold(handlerLock);
+    stateHandler.swap(handler);
 }
 
 void Connection::start(DispatchQueue queue) {
@@ -148,14 +159,14 @@ void Connection::cancel() {
         failOperations(ECANCELED);
         if (const auto ended = std::exchange(socket, nullptr))
             ended->finish(StreamSocket::Farewell::untilDelivered);
-        if (!wasStarted) stateHandler = nullptr;
+        if (!wasStarted) replaceHandler(nullptr);
         enter(Kind::cancelled);
     });
 }
 
 void Connection::letGo() {
     perform([this] {
-        stateHandler = nullptr;
+        replaceHandler(nullptr);
         cancel();
     });
 }
@@ -351,15 +362,16 @@ void Connection::failOperations(int error) {
 
 void Connection::enter(Kind kind, std::optional<NSError> error) {
     state = kind;
-    if (!stateHandler) return;
+    auto current = currentHandler();
+    if (!current) return;
     State news{kind, std::move(error)};
     if (deliversOnMainQueue)
         return DispatchQueue::main().async(
-            [handler = stateHandler, news = std::move(news)] { (*handler)(news); });
+            [handler = std::move(current), news = std::move(news)] { (*handler)(news); });
     loop.load()->post([self = shared_from_this(), news = std::move(news)] {
         // Held by this call too: it may be let go from inside. Nothing follows the last state.
-        auto handler = self->stateHandler;
-        if (news.kind == Kind::cancelled) self->stateHandler = nullptr;
+        const auto handler = self->currentHandler();
+        if (news.kind == Kind::cancelled) self->replaceHandler(nullptr);
         if (handler) (*handler)(news);
     });
 }

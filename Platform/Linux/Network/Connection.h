@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -83,6 +84,8 @@ private:
     void writeDone(int error) override;
     void failOperations(int error);
 
+    std::shared_ptr<const StateHandler> currentHandler();
+    void replaceHandler(std::shared_ptr<const StateHandler> handler);
     void enter(Kind kind, std::optional<NSError> error = std::nullopt);
     bool hasEnded() const { return state == Kind::failed || state == Kind::cancelled; }
 
@@ -90,7 +93,9 @@ private:
     const std::uint16_t port;
     const std::optional<std::string> interfaceName;
     std::atomic<EventLoop*> loop{nullptr};
-    // Set before `start`. Held by itself, as it may be let go while it runs.
+    // Set before `start` on any thread, which a cancel on the loop may overlap. Held by itself, as it
+    // may be let go while it runs.
+    std::mutex handlerLock;
     std::shared_ptr<const StateHandler> stateHandler;
 
     Kind state = Kind::setup;
