@@ -18,53 +18,48 @@ using platform::NetworkInterface;
 using platform::NetworkState;
 using Names = std::vector<std::string>;
 
-NetworkInterface interfaceNamed(const std::string& name, bool isTunnel) {
-    NetworkInterface made;
-    made.name = made.shownName = name;
-    made.isTunnel = isTunnel;
-    made.isUp = true;
-    made.addresses.push_back({AF_INET, {10, 0, 0, 1}, 24, false});
-    return made;
-}
-
 TEST(TunnelStateTest, OnlyATunnelInUseIsTheVPN) {
-    auto down = interfaceNamed("tun1", true);
-    down.isUp = false;
-    auto bare = interfaceNamed("tun2", true);
-    bare.addresses.clear();
-    auto linkLocal = interfaceNamed("tun3", true);
-    linkLocal.addresses = {{AF_INET6, {0xfe, 0x80}, 64, true}};
-    const NetworkState state{{interfaceNamed("eth0", false), interfaceNamed("tun0", true), down,
-                              bare, linkLocal, interfaceNamed("wg0", true)}};
+    const auto interfaceNamed = [](const char* name, bool isTunnel = true) {
+        NetworkInterface made;
+        made.name = made.shownName = name;
+        made.isTunnel = isTunnel;
+        made.isUp = true;
+        made.addresses.push_back({AF_INET, {10, 0, 0, 1}, 24, false});
+        return made;
+    };
+    NetworkState state{{interfaceNamed("eth0", false), interfaceNamed("tun0"),
+                        interfaceNamed("down"), interfaceNamed("bare"), interfaceNamed("local"),
+                        interfaceNamed("wg0")}};
+    state.interfaces[2].isUp = false;
+    state.interfaces[3].addresses.clear();
+    state.interfaces[4].addresses = {{AF_INET6, {0xfe, 0x80}, 64, true}};
     EXPECT_EQ(tunnelsThatAreUp(state, {}), (Names{"tun0", "wg0"}));
-    EXPECT_EQ(tunnelsThatAreUp(state, {"wg0", "tun1"}), (Names{"wg0"}));
+    EXPECT_EQ(tunnelsThatAreUp(state, {"wg0", "down"}), (Names{"wg0"}));
     EXPECT_EQ(tunnelsThatAreUp(state, {"eth0"}), (Names{"eth0"}));
 }
 
 TEST(MachineCheckTest, RulesOfOthersAreFoundWhereTheyMatter) {
-    const auto verdicts = [](const std::string& rules) {
+    const std::string redirect = R"({"redirect":{"port":3128}})";
+    const std::string dnat = R"({"dnat":{"addr":"192.0.2.1"}})";
+    const std::string notrack = R"({"notrack":null})";
+    const struct {
+        std::string table, hook, statement;
+        const char* verdicts;
+    } cases[] = {
+        {"t", "output", redirect, "-+"},    {"t", "output", dnat, "-+"},
+        {"t", "output", notrack, "+-"},     {"t", "prerouting", redirect, "++"},
+        {"t", "prerouting", notrack, "++"}, {"vantry", "output", redirect, "++"},
+    };
+    for (const auto& [table, hook, statement, verdicts] : cases) {
+        const auto place = R"({"family":"ip","table":")" + table + R"(",)";
         std::string found;
         for (const auto& finding : findingsInRuleSet(
-                 parsed(R"({"nftables":[{"metainfo":{"version":"1"}})" + rules + "]}")))
+                 parsed(R"({"nftables":[{"metainfo":{"version":"1"}},{"chain":)" + place +
+                        R"("name":"c","hook":")" + hook + R"("}},{"rule":)" + place +
+                        R"("chain":"c","expr":[{"match":{"op":"=="}},)" + statement + "]}}]}")))
             found += finding.verdict == Verdict::good ? "+" : "-";
-        return found;
-    };
-    const auto chain = [](const std::string& table, const std::string& hook) {
-        return R"(,{"chain":{"family":"ip","table":")" + table + R"(","name":"c","hook":")" + hook +
-               "\"}}";
-    };
-    const auto rule = [](const std::string& table, const std::string& statement) {
-        return R"(,{"rule":{"family":"ip","table":")" + table +
-               R"(","chain":"c","expr":[{"match":{"op":"=="}},)" + statement + "]}}";
-    };
-    const std::string redirect = R"({"redirect":{"port":3128}})";
-    const std::string notrack = R"({"notrack":null})";
-    EXPECT_EQ(verdicts(""), "++");
-    EXPECT_EQ(verdicts(chain("t", "output") + rule("t", redirect)), "-+");
-    EXPECT_EQ(verdicts(chain("t", "output") + rule("t", R"({"dnat":{"addr":"192.0.2.1"}})")), "-+");
-    EXPECT_EQ(verdicts(chain("t", "output") + rule("t", notrack)), "+-");
-    EXPECT_EQ(verdicts(chain("t", "prerouting") + rule("t", redirect) + rule("t", notrack)), "++");
-    EXPECT_EQ(verdicts(chain("vantry", "output") + rule("vantry", redirect)), "++");
+        EXPECT_EQ(found, verdicts) << table << hook << statement;
+    }
     EXPECT_EQ(findingsInRuleSet(parsed("[]")).front().verdict, Verdict::unknown);
 }
 
@@ -85,23 +80,20 @@ protected:
 };
 
 TEST_F(Machine, TheCheckAnswersForEverySubjectAndLeavesNothingBehind) {
-    const auto document = parsed(runTool({"check", "--json"}).out);
+    const auto document = parsed(runTool("check --json").out);
     std::map<std::string, std::string> verdicts;
     for (const auto& finding : listUnder(document, "findings"))
         verdicts[textUnder(finding, "subject")] = textUnder(finding, "verdict");
-    for (const char* subject :
-         {"packet queues", "packet rules", "owner flag", "ending sockets", "connection table",
-          "control groups", "reverse path", "tracking", "packet marks"})
-        EXPECT_TRUE(verdicts.contains(subject)) << subject;
+    EXPECT_EQ(verdicts.size(), 12U);
     EXPECT_EQ(verdicts["redirects"], "good");
     EXPECT_EQ(verdicts["physical interface"], "warning");
-    EXPECT_TRUE(fitsTerminal(runTool({"check"}).out));
+    EXPECT_TRUE(fitsTerminal(runTool("check").out));
     ASSERT_EQ(std::system("test -z \"$(nft list ruleset)\""), 0);
 }
 
 // What else it follows is seen end to end.
 TEST_F(Machine, TheWatchMakesALostRulesFileAnew) {
-    ASSERT_EQ(runTool({"rules", "set", "a", "direct"}).exitCode, 0);
+    ASSERT_EQ(runTool("rules set a direct").exitCode, 0);
     const pid_t child = fork();
     if (child == 0) {
         dup2(STDERR_FILENO, STDOUT_FILENO);
@@ -112,7 +104,7 @@ TEST_F(Machine, TheWatchMakesALostRulesFileAnew) {
         EXPECT_TRUE(becomesTrue([] { return access(places::rulesFile, F_OK) == 0; }));
     }
     EXPECT_EQ(under(storedInRulesFile(), "rules"), parsed(R"({"a":"direct"})"));
-    EXPECT_EQ(under(storedInRulesFile(), "vpnConnected"), platform::JSONValue(false));
+    EXPECT_EQ(under(storedInRulesFile(), "vpnConnected"), JSONValue(false));
     kill(child, SIGTERM);
     waitpid(child, nullptr, 0);
 }

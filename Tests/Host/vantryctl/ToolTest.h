@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -15,6 +16,9 @@
 
 namespace vantryctl::testing {
 
+using platform::JSONArray;
+using platform::JSONObject;
+using platform::JSONValue;
 using platform::testing::contentOf;
 using platform::testing::memberByAccount;
 using platform::testing::strangerAccount;
@@ -34,39 +38,43 @@ inline Result runTool(std::vector<std::string> arguments) {
     return {exitCode, out.str(), err.str()};
 }
 
-inline platform::JSONValue parsed(const std::string& text) {
+// The same for words without blanks.
+inline Result runTool(const std::string& line) {
+    std::istringstream words(line);
+    return runTool(std::vector<std::string>{std::istream_iterator<std::string>(words), {}});
+}
+
+inline JSONValue parsed(const std::string& text) {
     auto document = platform::parseJSON(text);
-    const auto* failure = std::get_if<platform::JSONFailure>(&document);
-    EXPECT_EQ(failure, nullptr) << text << "\n" << (failure ? failure->description : "");
-    return failure ? platform::JSONValue{} : std::get<platform::JSONValue>(std::move(document));
+    auto* value = std::get_if<JSONValue>(&document);
+    EXPECT_NE(value, nullptr) << text;
+    return value ? std::move(*value) : JSONValue{};
 }
 
 // The value under `key`; null if there is none.
-inline platform::JSONValue under(const platform::JSONValue& value, std::string_view key) {
-    const auto* object = value.as<platform::JSONObject>();
+inline JSONValue under(const JSONValue& value, std::string_view key) {
+    const auto* object = value.as<JSONObject>();
     if (object == nullptr) return {};
     const auto found = object->find(key);
-    return found == object->end() ? platform::JSONValue{} : found->second;
+    return found == object->end() ? JSONValue{} : found->second;
 }
 
-inline std::string textUnder(const platform::JSONValue& value, std::string_view key) {
+inline std::string textUnder(const JSONValue& value, std::string_view key) {
     const auto found = under(value, key);
-    const auto* text = found.as<std::string>();
-    return text == nullptr ? "" : *text;
+    return found.as<std::string>() ? *found.as<std::string>() : "";
 }
 
-inline platform::JSONArray listUnder(const platform::JSONValue& value, std::string_view key) {
+inline JSONArray listUnder(const JSONValue& value, std::string_view key) {
     const auto found = under(value, key);
-    const auto* list = found.as<platform::JSONArray>();
-    return list == nullptr ? platform::JSONArray{} : *list;
+    return found.as<JSONArray>() ? *found.as<JSONArray>() : JSONArray{};
 }
 
 // The six keys as the preferences and as the rules file have them.
-inline platform::JSONValue storedInPreferences() {
+inline JSONValue storedInPreferences() {
     return under(under(parsed(contentOf(places::preferencesFile)), "protocolConfiguration"),
                  "providerConfiguration");
 }
-inline platform::JSONValue storedInRulesFile() { return parsed(contentOf(places::rulesFile)); }
+inline JSONValue storedInRulesFile() { return parsed(contentOf(places::rulesFile)); }
 
 // No line is wider than a terminal of 80 columns, counted in characters.
 inline bool fitsTerminal(const std::string& text) {

@@ -7,7 +7,6 @@
 #include "Platform/Simulated/Contracts.h"
 #include "Platform/Simulated/Expectations.h"
 #include "Platform/Simulated/FlowBytes.h"
-#include "Tests/Platform/Simulated/Providers.h"
 
 namespace platform::simulated {
 namespace {
@@ -131,109 +130,35 @@ TEST_F(FlowTest, BreachesOnTheCoresSideAreNamed) {
     const auto object = opened();
     const auto unopened = world.tcpFlow(app, "example.com", "80").object();
     NSLock lock;
-    NSLock writerLock(NSLock::heldAcrossCalls);
     flow.stopsReading();
-    collectBreaches(true);
-    const auto breachesOf = [](auto&& call) {
-        call();
-        return takeBreaches();
-    };
-    using Texts = std::vector<std::string>;
-    EXPECT_EQ(breachesOf([&] { object->openWithLocalEndpoint(nullptr, ignoreError); }),
-              Texts{"openWithLocalEndpoint is called a second time"});
-    EXPECT_EQ(breachesOf([&] { unopened->readData(ignoreRead); }),
-              Texts{"readData is called on a flow that was not opened"});
     object->readData(ignoreRead);
-    EXPECT_EQ(breachesOf([&] { object->readData(ignoreRead); }),
-              Texts{"readData is called while a read is outstanding"});
     object->writeData("x", ignoreError);
-    EXPECT_EQ(breachesOf([&] { object->writeData("y", ignoreError); }),
-              Texts{"writeData is called while a write is outstanding"});
-    EXPECT_EQ(breachesOf([&] {
-                  const NSLockGuard guard(lock);
-                  object->closeReadWithError(std::nullopt);
-              }),
-              Texts{"NEAppProxyTCPFlow.closeReadWithError is called while an NSLock is held"});
-    EXPECT_EQ(breachesOf([&] {
-                  const NSLockGuard guard(writerLock);
-                  NSFileManager::defaultManager().writeAtomically("x", "/x");
-              }),
-              Texts{});
-    EXPECT_EQ(breachesOf([&] {
-                  const NSLockGuard guard(lock);
-                  takeAndRelease(lock);
-              }).front(),
-              "an NSLock is taken twice by one thread");
-    collectBreaches(false);
-}
-
-class OfferTest : public testing::Test {
-protected:
-    OfferTest() {
-        EXPECT_TRUE(world.start());
-        proxy = ScriptedProxy::present();
-        filter = ScriptedFilter::present();
-        proxy->onNewFlow = [this](const std::shared_ptr<NEAppProxyFlow>& object) {
-            held = std::static_pointer_cast<NEAppProxyTCPFlow>(object);
-            held->openWithLocalEndpoint(nullptr, open.errorOnly());
-            return true;
-        };
-        filter->onNewFlow = [this](const NEFilterFlow&) { return verdict; };
-        filter->onData = [this](std::int64_t offset, const Data& bytes) {
-            shown += std::to_string(offset) + "+" + std::to_string(bytes.length()) + " ";
-            return dataVerdict;
-        };
-    }
-
-    World world;
-    const Process app = world.application("A", "com.example.A");
-    Flow flow = world.tcpFlow(app, "example.com", "443");
-    std::shared_ptr<ScriptedProxy> proxy;
-    std::shared_ptr<ScriptedFilter> filter;
-    std::string shown;
-    std::shared_ptr<NEAppProxyTCPFlow> held;
-    Seen open;
-    NEFilterNewFlowVerdict verdict = NEFilterNewFlowVerdict::allowVerdict();
-    NEFilterDataVerdict dataVerdict = NEFilterDataVerdict::allowVerdict();
-};
-
-TEST_F(OfferTest, AClaimedFlowThatTheFilterDropsOpensWithAnError) {
-    verdict = NEFilterNewFlowVerdict::dropVerdict();
-    EXPECT_TRUE(world.offer(flow).dropped());
-    world.runUntilIdle();
-    EXPECT_EQ(open.times, 1);
-    EXPECT_TRUE(open.error);
-    EXPECT_TRUE(flow.isEnded());
-}
-
-TEST_F(OfferTest, WatchedBytesOfAClaimedFlowPassTheFilterBeforeTheProxyReadsThem) {
-    verdict = NEFilterNewFlowVerdict::filterDataVerdict(false, 0, true, 1);
-    dataVerdict = NEFilterDataVerdict::dataVerdict(3, 1);
-    world.offer(flow);
-    world.runUntilIdle();
-    Seen read;
-    held->readData(read.read());
-    flow.sends("abcdef");
-    world.runUntilIdle();
-    ASSERT_TRUE(read.data);
-    EXPECT_EQ(bytesOf(*read.data), "abc");
-    dataVerdict = NEFilterDataVerdict::dropVerdict();
-    held->readData(read.read());
-    flow.sends("g");
-    world.runUntilIdle();
-    EXPECT_EQ(shown, "0+6 3+4 ");
-    EXPECT_TRUE(read.error);
-}
-
-TEST_F(OfferTest, AProxyThatOpensAFlowAndDeclinesItBreaksTheContract) {
-    proxy->onNewFlow = [this](const std::shared_ptr<NEAppProxyFlow>& object) {
-        static_cast<NEAppProxyTCPFlow&>(*object).openWithLocalEndpoint(nullptr, open.errorOnly());
-        return false;
-    };
     collectBreaches(true);
-    world.offer(flow);
+    object->openWithLocalEndpoint(nullptr, ignoreError);
+    unopened->readData(ignoreRead);
+    object->readData(ignoreRead);
+    object->writeData("y", ignoreError);
+    {
+        const NSLockGuard guard(lock);
+        object->closeReadWithError(std::nullopt);
+    }
+    {
+        NSLock writerLock(NSLock::heldAcrossCalls);
+        const NSLockGuard guard(writerLock);
+        NSFileManager::defaultManager().writeAtomically("x", "/x");
+    }
     EXPECT_EQ(takeBreaches(),
-              std::vector<std::string>{"a flow is opened by a proxy that then declines it"});
+              (std::vector<std::string>{
+                  "openWithLocalEndpoint is called a second time",
+                  "readData is called on a flow that was not opened",
+                  "readData is called while a read is outstanding",
+                  "writeData is called while a write is outstanding",
+                  "NEAppProxyTCPFlow.closeReadWithError is called while an NSLock is held"}));
+    {
+        const NSLockGuard guard(lock);
+        takeAndRelease(lock);
+    }
+    EXPECT_EQ(takeBreaches().front(), "an NSLock is taken twice by one thread");
     collectBreaches(false);
 }
 
