@@ -66,6 +66,12 @@ Outcome<> replaceFile(const std::string& path, const std::string& bytes) {
                    isForbidden ? asRoot : ""};
 }
 
+std::string textUnder(const JSONObject& object, std::string_view key, const char* otherwise) {
+    const auto found = object.find(key);
+    const auto* text = found == object.end() ? nullptr : found->second.as<std::string>();
+    return text == nullptr ? otherwise : *text;
+}
+
 std::string documentOf(const JSONObject& object) {
     platform::JSONWriter writer;
     writer.value(object);

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "Host/vantryctl/Outcome.h"
 #include "Platform/Common/JSON.h"
@@ -18,6 +19,10 @@ Outcome<std::optional<platform::JSONObject>> readObject(const std::string& path)
 
 // Replaces the file in one step.
 Outcome<> replaceFile(const std::string& path, const std::string& bytes);
+
+// The text under a key; `otherwise` if there is none.
+std::string textUnder(const platform::JSONObject& object, std::string_view key,
+                      const char* otherwise = "");
 
 // The object as a document.
 std::string documentOf(const platform::JSONObject& object);

@@ -186,12 +186,6 @@ Outcome<std::vector<JSONObject>> readFailures() {
     return failures;
 }
 
-std::string textUnder(const JSONObject& object, std::string_view key) {
-    const auto found = object.find(key);
-    const auto* text = found == object.end() ? nullptr : found->second.as<std::string>();
-    return text == nullptr ? "?" : *text;
-}
-
 std::string counted(std::int64_t count, const char* what) {
     return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
 }
@@ -288,8 +282,8 @@ ExitCode showFailures(bool asJSON, const Console& console) {
     }
     Table table({{"WHEN (UTC)"}, {"APPLICATION", true}, {"HOST", true}});
     for (const auto& each : failures)
-        table.add(
-            {textUnder(each, "timestamp"), textUnder(each, "bundleId"), textUnder(each, "host")});
+        table.add({textUnder(each, "timestamp", "?"), textUnder(each, "bundleId", "?"),
+                   textUnder(each, "host", "?")});
     console.out << table.text(console.width)
                 << wrapped(
                        "\nEach was a direct application's connection that found no physical "

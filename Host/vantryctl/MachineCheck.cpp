@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "Host/vantryctl/Documents.h"
 #include "Platform/Linux/Interception/MarkPlaces.h"
 #include "Platform/Linux/Interception/PacketRule.h"
 
@@ -62,12 +63,6 @@ bool holdsKey(const JSONValue& value, std::string_view key) {
     const auto* list = value.as<JSONArray>();
     return list != nullptr &&
            std::ranges::any_of(*list, [&](const auto& each) { return holdsKey(each, key); });
-}
-
-std::string textUnder(const JSONObject& object, std::string_view key) {
-    const auto found = object.find(key);
-    const auto* text = found == object.end() ? nullptr : found->second.as<std::string>();
-    return text == nullptr ? "" : *text;
 }
 
 const JSONArray* listUnder(const JSONValue& value, std::string_view key) {

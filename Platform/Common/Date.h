@@ -29,7 +29,8 @@ public:
     // Seconds from `earlier` to this instant; negative if this one is the earlier.
     constexpr double timeIntervalSince(Date earlier) const { return seconds_ - earlier.seconds_; }
 
-    friend constexpr auto operator<=>(Date, Date) = default;
+    // The analyser takes the zero that a comparison is compared with for a pointer.
+    friend constexpr auto operator<=>(Date, Date) = default;  // NOLINT(modernize-use-nullptr)
 
 private:
     explicit constexpr Date(double seconds) : seconds_(seconds) {}

@@ -25,7 +25,6 @@ namespace {
 
 // A file that grows without end must not take the machine's memory.
 constexpr std::size_t largestFile = std::size_t{256} << 20;
-constexpr mode_t modeOfNewFiles = 0644;
 constexpr std::string_view applicationGroup = "group.org.quillmere.Vantry";
 
 // 0 if all was written, else an errno.

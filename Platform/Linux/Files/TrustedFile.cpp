@@ -13,8 +13,6 @@
 namespace platform {
 namespace {
 
-constexpr mode_t modeOfNewFiles = 0644;
-
 int openWithoutWaiting(const std::string& path, int flags) {
     for (;;) {
         const int descriptor = ::open(

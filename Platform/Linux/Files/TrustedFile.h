@@ -4,6 +4,8 @@
 // opening it never waits. Any thread.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 #include <variant>
 
@@ -17,7 +19,10 @@ struct FileRefusal {
     std::string reason;
 };
 
-// Opens the file with `flags` (as of open(2); with O_CREAT the mode is 0644). A refusal is the
+// The mode of files that the daemon and its tool make, before the umask.
+constexpr mode_t modeOfNewFiles = 0644;
+
+// Opens the file with `flags` (as of open(2); with O_CREAT the mode is `modeOfNewFiles`). A refusal is the
 // system's error, or EPERM for a file that is not trusted; only the latter is logged, with one line
 // that says why.
 std::variant<FileDescriptor, FileRefusal> openTrustedFile(const std::string& path, int flags);

@@ -10,7 +10,7 @@ namespace platform::interception {
 
 namespace {
 
-constexpr std::size_t receiveBufferSize = 64 * 1024;
+constexpr std::size_t largestMessage = 64 * 1024;
 
 // The errno that an acknowledgement carries, 0 for success.
 int errorOf(const nlmsghdr& message) {
@@ -39,7 +39,7 @@ bool NetlinkSocket::send(std::span<const std::byte> messages) {
 int NetlinkSocket::request(const nlmsghdr& message, const Visit& visit) {
     if (!send(std::as_bytes(std::span(reinterpret_cast<const char*>(&message), message.nlmsg_len))))
         return errno;
-    alignas(nlmsghdr) std::array<char, receiveBufferSize> buffer;
+    alignas(nlmsghdr) std::array<char, largestMessage> buffer;
     for (;;) {
         const auto received = mnl_socket_recvfrom(socket.get(), buffer.data(), buffer.size());
         if (received < 0) return errno;
@@ -56,7 +56,7 @@ int NetlinkSocket::request(const nlmsghdr& message, const Visit& visit) {
 
 int NetlinkSocket::transact(std::span<const std::byte> messages) {
     if (!send(messages)) return errno;
-    alignas(nlmsghdr) std::array<char, receiveBufferSize> buffer;
+    alignas(nlmsghdr) std::array<char, largestMessage> buffer;
     int firstError = 0;
     // The kernel works through the messages inside the send, so what it has to say is there now.
     for (;;) {
