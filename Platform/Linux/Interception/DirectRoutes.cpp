@@ -6,6 +6,7 @@
 #include <linux/rtnetlink.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdint>
 #include <mutex>
 #include <optional>
@@ -24,6 +25,9 @@ namespace {
 constexpr std::uint32_t tableNumber = 7660;
 constexpr std::uint32_t nearRoutesPriority = 7660;
 constexpr std::uint32_t ownTablePriority = 7661;
+
+constexpr std::array<unsigned, 4> eventGroups{RTNLGRP_IPV4_RULE, RTNLGRP_IPV6_RULE,
+                                              RTNLGRP_IPV4_ROUTE, RTNLGRP_IPV6_ROUTE};
 
 struct Route {
     int family = 0;
@@ -81,8 +85,31 @@ nlmsghdr* beginRoute(Room& room, unsigned type, unsigned flags, int family) {
 class DirectRoutes::Table {
 public:
     explicit Table(MarkPlace markPlace)
-        : place(markPlace), socket(NetlinkSocket::open(NETLINK_ROUTE)) {
+        : place(markPlace),
+          socket(NetlinkSocket::open(NETLINK_ROUTE)),
+          events(NetlinkSocket::open(NETLINK_ROUTE, eventGroups)) {
         clear();
+    }
+
+    int eventDescriptor() const { return events ? events->descriptor() : -1; }
+
+    // The kernel refuses what is there already; what it takes had been removed by somebody.
+    void putBackWhatIsMissing() {
+        std::array<char, 64 * 1024> ignored;
+        while (recv(eventDescriptor(), ignored.data(), ignored.size(), MSG_DONTWAIT) > 0 ||
+               errno == ENOBUFS) {
+        }
+        const std::lock_guard guard(lock);
+        if (!socket || hasEnded) return;
+        bool wasMissing = false;
+        for (const Route& route : inForce) {
+            // One that is refused has lost its interface, of which the monitor is about to tell.
+            wasMissing |= addRoute(route, NLM_F_EXCL) == 0;
+            wasMissing |= addRule(route.family, nearRoutesPriority, RT_TABLE_MAIN, true) == 0;
+            wasMissing |= addRule(route.family, ownTablePriority, tableNumber, false) == 0;
+        }
+        if (wasMissing)
+            platformLog.error("The routes of direct flows had been removed and were put back");
     }
 
     void follow(const NetworkState& state) {
@@ -126,19 +153,21 @@ private:
     }
 
     void add(const Route& route) {
-        int error = addRoute(route);
+        int error = addRoute(route, NLM_F_REPLACE);
         if (error == 0) error = addRule(route.family, nearRoutesPriority, RT_TABLE_MAIN, true);
-        if (error == 0) error = addRule(route.family, ownTablePriority, tableNumber, false);
-        if (error != 0)
+        // Of several interfaces of one family the first has brought the rules.
+        if (error == 0 || error == EEXIST)
+            error = addRule(route.family, ownTablePriority, tableNumber, false);
+        if (error != 0 && error != EEXIST)
             platformLog.error(
                 "The default route that was removed cannot be used for direct flows: %{public}s",
                 systemError(error).localizedDescription);
     }
 
-    int addRoute(const Route& wanted) {
+    int addRoute(const Route& wanted, unsigned ifThereIsOne) {
         alignas(nlmsghdr) Room room{};
         nlmsghdr* const header =
-            beginRoute(room, RTM_NEWROUTE, NLM_F_CREATE | NLM_F_REPLACE, wanted.family);
+            beginRoute(room, RTM_NEWROUTE, NLM_F_CREATE | ifThereIsOne, wanted.family);
         auto* const route = static_cast<rtmsg*>(mnl_nlmsg_get_payload(header));
         const auto& gateway = wanted.route.gateway;
         route->rtm_protocol = RTPROT_STATIC;
@@ -160,14 +189,14 @@ private:
         mnl_attr_put_u32(header, FRA_FWMARK, place.value(FlowState::ownTraffic));
         mnl_attr_put_u32(header, FRA_FWMASK, place.stateMask());
         if (skipsDefaults) mnl_attr_put_u32(header, FRA_SUPPRESS_PREFIXLEN, 0);
-        const int error = socket->request(*header);
-        return error == EEXIST ? 0 : error;
+        return socket->request(*header);
     }
 
     const MarkPlace place;
-    // Guards what follows.
+    // Guards what follows, but for the events.
     std::mutex lock;
     const std::unique_ptr<NetlinkSocket> socket;
+    const std::unique_ptr<NetlinkSocket> events;
     std::vector<Route> inForce;
     bool hasEnded = false;
 };
@@ -185,5 +214,9 @@ DirectRoutes::~DirectRoutes() {
     following.reset();
     table->end();
 }
+
+int DirectRoutes::eventDescriptor() const { return table->eventDescriptor(); }
+
+void DirectRoutes::putBackWhatIsMissing() const { table->putBackWhatIsMissing(); }
 
 }  // namespace platform::interception

@@ -21,6 +21,11 @@ public:
     DirectRoutes(const DirectRoutes&) = delete;
     DirectRoutes& operator=(const DirectRoutes&) = delete;
 
+    // Becomes readable when somebody changes rules or routes; its reader calls the other, which puts
+    // back what of ours was removed. For one thread.
+    int eventDescriptor() const;
+    void putBackWhatIsMissing() const;
+
 private:
     class Table;
     const std::shared_ptr<Table> table;

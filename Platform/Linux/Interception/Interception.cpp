@@ -7,6 +7,7 @@
 
 #include <linux/netfilter/nfnetlink.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdint>
@@ -22,7 +23,9 @@ namespace platform::interception {
 
 namespace {
 
-constexpr int housekeepingMilliseconds = 5000;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds betweenHousekeepings{5};
 
 std::set<std::uint8_t> protocolsOf(const Offers& offers) {
     if (offers.filterAction) return {IPPROTO_TCP, IPPROTO_UDP};
@@ -34,6 +37,11 @@ std::set<std::uint8_t> protocolsOf(const Offers& offers) {
     return protocols;
 }
 
+int millisecondsUntil(Clock::time_point instant) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(instant - Clock::now());
+    return std::max(0, static_cast<int>(left.count()));
+}
+
 }  // namespace
 
 Interception::Interception(Providers providers, Choices choices)
@@ -41,7 +49,8 @@ Interception::Interception(Providers providers, Choices choices)
       directRoutes(place),
       decisions(std::move(providers), place),
       chosen(choices),
-      wakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+      wakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      nextHousekeeping(Clock::now() + betweenHousekeepings) {
     OwnTraffic::setMark(place.value(FlowState::ownTraffic));
     settingsThread = std::thread([this] { serveSettings(); });
 }
@@ -94,13 +103,19 @@ void Interception::serveSettings() {
 
 // False when the end has come.
 bool Interception::waitForWork() {
-    std::array<pollfd, 2> polled{
-        {{wakeUp.get(), POLLIN, 0}, {ruleEvents ? ruleEvents->descriptor() : -1, POLLIN, 0}}};
-    const int count = poll(polled.data(), polled.size(), housekeepingMilliseconds);
+    std::array<pollfd, 3> polled{{{wakeUp.get(), POLLIN, 0},
+                                  {ruleEvents ? ruleEvents->descriptor() : -1, POLLIN, 0},
+                                  {directRoutes.eventDescriptor(), POLLIN, 0}}};
+    poll(polled.data(), polled.size(), millisecondsUntil(nextHousekeeping));
     eventfd_t ignored = 0;
     eventfd_read(wakeUp.get(), &ignored);
     if (polled[1].revents != 0) watchRules();
-    if (count == 0) decisions.keepHouse();
+    if (polled[2].revents != 0) directRoutes.putBackWhatIsMissing();
+    // Due whatever else happens: addresses are kept for a limited time.
+    if (Clock::now() >= nextHousekeeping) {
+        nextHousekeeping = Clock::now() + betweenHousekeepings;
+        decisions.keepHouse();
+    }
     const std::lock_guard guard(lock);
     return !isStopping;
 }

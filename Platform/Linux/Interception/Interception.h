@@ -1,9 +1,10 @@
 // Stands between the machine's outbound flows and the two providers. It is made before the
 // providers start, puts nothing in force until their settings ask for flows, and takes everything
 // away when it goes. Settings are carried out one after the other on a thread of its own, which
-// also puts the rules back when somebody removes them. Any thread may call.
+// also puts rules and routes back when somebody removes them. Any thread may call.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -77,6 +78,8 @@ private:
     std::vector<Setting> waiting;
     bool isStopping = false;
     FileDescriptor wakeUp;
+    // For the thread alone.
+    std::chrono::steady_clock::time_point nextHousekeeping;
     std::thread settingsThread;
 };
 
