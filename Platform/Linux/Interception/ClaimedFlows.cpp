@@ -4,7 +4,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/eventfd.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <linux/netfilter_ipv4.h>
@@ -20,9 +19,11 @@
 #include <utility>
 #include <vector>
 
+#include "Platform/Linux/DescriptorReserve.h"
 #include "Platform/Linux/FileDescriptor.h"
 #include "Platform/Linux/Interception/ConnectionEntries.h"
 #include "Platform/Linux/Interception/HeldPacket.h"
+#include "Platform/Linux/PlatformLog.h"
 #include "Platform/Linux/Relay/SocketFlow.h"
 #include "Platform/Linux/SystemError.h"
 
@@ -31,10 +32,9 @@ namespace platform::interception {
 namespace {
 
 constexpr std::chrono::seconds longestWait{10};
-// A claimed flow takes two sockets and up to two pipes; with fewer descriptors left than this, new
-// flows stay with the system.
-constexpr std::size_t descriptorReserve = 64;
+// Between two looks the claims cannot use up the reserve of descriptors.
 constexpr unsigned claimsBetweenLooks = 8;
+constexpr std::chrono::minutes betweenComplaints{1};
 
 void fillFrom(const sockaddr_storage& address, std::array<std::uint8_t, 16>& bytes,
               std::uint16_t& port) {
@@ -187,9 +187,6 @@ private:
 };
 
 ClaimedFlows::ClaimedFlows() : awaited(std::make_shared<Awaited>()) {
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    descriptorLimit = limit.rlim_cur;
     const auto listen = [this](int family, std::uint16_t& port) {
         FileDescriptor listener = openListener(family);
         if (!listener) return std::unique_ptr<ConnectionAcceptor>();
@@ -213,14 +210,22 @@ ClaimedFlows::~ClaimedFlows() {
 
 bool ClaimedFlows::canClaim(int family) {
     if ((family == AF_INET ? listenerPorts.ipv4 : listenerPorts.ipv6) == 0) return false;
-    // Between two looks the claims cannot use up the reserve.
     if (hadDescriptors && ++claimsSinceLook < claimsBetweenLooks) return true;
     claimsSinceLook = 0;
-    // The kernel gives the lowest free number, which tells how many are taken at least.
     const FileDescriptor probe(eventfd(0, EFD_CLOEXEC));
-    hadDescriptors =
-        probe && static_cast<std::size_t>(probe.get()) + descriptorReserve < descriptorLimit;
+    hadDescriptors = probe && !DescriptorReserve::holds(probe.get());
+    if (!hadDescriptors) complain();
     return hadDescriptors;
+}
+
+void ClaimedFlows::complain() {
+    const auto now = std::chrono::steady_clock::now();
+    {
+        const std::lock_guard guard(complaintLock);
+        if (now < nextComplaint) return;
+        nextComplaint = now + betweenComplaints;
+    }
+    platformLog.error("Descriptors are running out; new direct flows are left to the system");
 }
 
 void ClaimedFlows::expect(const FlowTuple& flow, Flow claimed) {

@@ -6,8 +6,9 @@
 #pragma once
 
 #include <atomic>
-#include <cstddef>
+#include <chrono>
 #include <memory>
+#include <mutex>
 
 #include "Platform/Linux/Attribution/FlowOwner.h"
 #include "Platform/Linux/Interception/PacketTable.h"
@@ -39,9 +40,13 @@ public:
 private:
     class Awaited;
 
-    std::size_t descriptorLimit;
+    void complain();
+
     std::atomic<bool> hadDescriptors{false};
     std::atomic<unsigned> claimsSinceLook{0};
+    // Guards the next one.
+    std::mutex complaintLock;
+    std::chrono::steady_clock::time_point nextComplaint;
     std::shared_ptr<Awaited> awaited;
     std::unique_ptr<ConnectionAcceptor> ipv4;
     std::unique_ptr<ConnectionAcceptor> ipv6;

@@ -9,6 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "Platform/Linux/DescriptorReserve.h"
+
 namespace platform {
 namespace {
 
@@ -35,11 +37,14 @@ std::unique_ptr<Pipe> Pipe::take() {
     if (present >= mostPipes) return nullptr;
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) return nullptr;
+    FileDescriptor readingEnd(ends[0]);
+    FileDescriptor writingEnd(ends[1]);
+    if (DescriptorReserve::holds(std::max(ends[0], ends[1]))) return nullptr;
     // Without privilege there may be less than asked for.
     ::fcntl(ends[1], F_SETPIPE_SZ, present < mostLargePipes ? largeCapacity : capacityOfMany);
     const int capacity = ::fcntl(ends[1], F_GETPIPE_SZ);
     return std::unique_ptr<Pipe>(
-        new Pipe(FileDescriptor(ends[0]), FileDescriptor(ends[1]),
+        new Pipe(std::move(readingEnd), std::move(writingEnd),
                  capacity > 0 ? static_cast<std::size_t>(capacity) : 4096));
 }
 

@@ -18,7 +18,8 @@ namespace platform {
 
 class Pipe {
 public:
-    // A pipe of this thread's or a new one; null when there are too many or the system has none.
+    // A pipe of this thread's or a new one; null when there are too many, the system has none, or
+    // the descriptors run out.
     static std::unique_ptr<Pipe> take();
     // Keeps an empty pipe for the calling thread's next `take`, or closes it.
     static void giveBack(std::unique_ptr<Pipe> pipe);
