@@ -8,11 +8,14 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <nlohmann/json.hpp>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "Lab/sockets/Descriptor.h"
+#include "Lab/sockets/SocketPassing.h"
 
 namespace lab {
 namespace {
@@ -69,10 +72,8 @@ Descriptor openSocket(const Destination& destination, int type, Report& report) 
     return socket;
 }
 
-// A socket that is connected, or none and the report filled.
-Descriptor connectTo(const Destination& destination, int type, Report& report) {
-    auto socket = openSocket(destination, type, report);
-    if (!socket) return {};
+// False and the report filled if the socket cannot be connected.
+bool connectSocket(const Descriptor& socket, const Destination& destination, Report& report) {
     const auto address = target(destination);
     const auto deadline = Clock::now() + destination.patience;
     auto error = connect(socket.number(), address.pointer(), address.length) == 0 ? 0 : errno;
@@ -80,12 +81,19 @@ Descriptor connectTo(const Destination& destination, int type, Report& report) {
         error = waitFor(socket, POLLOUT, deadline) ? pendingError(socket) : errno;
     if (error != 0) {
         report.failedAt("connect", error);
-        return {};
+        return false;
     }
     sockaddr_storage storage{};
     socklen_t length = sizeof storage;
     getsockname(socket.number(), reinterpret_cast<sockaddr*>(&storage), &length);
     report.localAddress = Address::of(storage, length).host();
+    return true;
+}
+
+// A socket that is connected, or none and the report filled.
+Descriptor connectTo(const Destination& destination, int type, Report& report) {
+    auto socket = openSocket(destination, type, report);
+    if (!socket || !connectSocket(socket, destination, report)) return {};
     return socket;
 }
 
@@ -141,15 +149,31 @@ bool takeGreeting(const Descriptor& socket, const Destination& destination, std:
     return true;
 }
 
+// Greeted, with a service asked for; or false and the report filled.
+bool askFor(const std::string& service, const Descriptor& socket, const Destination& destination,
+            Report& report) {
+    std::string rest;
+    if (!takeGreeting(socket, destination, rest, report)) return false;
+    const auto deadline = Clock::now() + destination.patience;
+    if (!service.empty() && !sendAll(socket, service + "\n", deadline, report)) return false;
+    report.outcome = "connected";
+    return true;
+}
+
 // Connected and greeted, with a service asked for; or none and the report filled.
 Descriptor enter(const Destination& destination, const std::string& service, Report& report) {
     auto socket = connectTo(destination, SOCK_STREAM, report);
-    std::string rest;
-    if (!socket || !takeGreeting(socket, destination, rest, report)) return {};
-    const auto deadline = Clock::now() + destination.patience;
-    if (!service.empty() && !sendAll(socket, service + "\n", deadline, report)) return {};
-    report.outcome = "connected";
+    if (!socket || !askFor(service, socket, destination, report)) return {};
     return socket;
+}
+
+// As many of them, up to the first that fails.
+std::vector<Descriptor> enterOften(uint64_t count, const Destination& destination,
+                                   const std::string& service, Report& report) {
+    std::vector<Descriptor> sockets;
+    for (uint64_t number = 0; number < count && report.error.empty(); ++number)
+        sockets.push_back(enter(destination, service, report));
+    return sockets;
 }
 
 // An error that the peer or the machine has put on the socket while nothing was being sent.
@@ -160,6 +184,20 @@ bool hasEnded(const Descriptor& socket, Report& report) {
     if (count > 0 || (count < 0 && errno == EAGAIN)) return false;
     report.failedAt("receive", count == 0 ? 0 : errno);
     return true;
+}
+
+void upload(const Descriptor& socket, std::chrono::milliseconds duration, Report& report) {
+    report.started = Clock::now();
+    const std::string chunk(chunkSize, 'u');
+    for (const auto end = Clock::now() + duration; Clock::now() < end;) {
+        if (!sendAll(socket, chunk, end, report) || hasEnded(socket, report)) return;
+        std::this_thread::sleep_for(pace);
+    }
+    report.outcome = "finished";
+}
+
+void waitForInput(int awaited) {
+    for (int character = 0; character != awaited && character != EOF;) character = std::getchar();
 }
 
 Report begin(const std::string& mode) {
@@ -217,14 +255,7 @@ Report keepUploading(const Destination& destination, std::chrono::milliseconds d
     auto report = begin("upload");
     const auto socket = enter(destination, "upload", report);
     report.print();
-    if (!socket) return report;
-    report.started = Clock::now();
-    const std::string chunk(chunkSize, 'u');
-    for (const auto end = Clock::now() + duration; Clock::now() < end;) {
-        if (!sendAll(socket, chunk, end, report) || hasEnded(socket, report)) return report;
-        std::this_thread::sleep_for(pace);
-    }
-    report.outcome = "finished";
+    if (socket) upload(socket, duration, report);
     return report;
 }
 
@@ -269,9 +300,7 @@ Report echo(const Destination& destination, uint64_t bytes) {
 
 Report crowd(const Destination& destination, uint64_t count, std::chrono::milliseconds duration) {
     auto report = begin("crowd");
-    std::vector<Descriptor> sockets;
-    for (uint64_t number = 0; number < count && report.error.empty(); ++number)
-        sockets.push_back(enter(destination, "echo", report));
+    const auto sockets = enterOften(count, destination, "echo", report);
     report.print();
     if (!report.error.empty()) return report;
     std::this_thread::sleep_for(duration);
@@ -280,6 +309,52 @@ Report crowd(const Destination& destination, uint64_t count, std::chrono::millis
         if (!sendAll(socket, "!", deadline, report) || receive(socket, deadline, report).empty())
             return report;
     report.outcome = "finished";
+    return report;
+}
+
+Report hoard(const Destination& destination, uint64_t count, uint64_t bytes) {
+    auto report = begin("hoard");
+    const auto sockets = enterOften(count, destination, "", report);
+    report.print();
+    if (!report.error.empty()) return report;
+    waitForInput('\n');
+    const auto question = "download " + std::to_string(bytes) + "\n";
+    for (const auto& socket : sockets)
+        if (!sendAll(socket, question, Clock::now() + destination.patience, report)) return report;
+    report.print();
+    waitForInput(EOF);
+    report.bytesReceived = 0;
+    const auto deadline = Clock::now() + destination.patience;
+    for (uint64_t number = 1; number <= count; ++number)
+        while (report.bytesReceived < number * bytes)
+            if (receive(sockets[number - 1], deadline, report).empty()) return report;
+    report.outcome = "finished";
+    return report;
+}
+
+Report giveAway(const Destination& destination, const std::string& path, bool isConnected) {
+    auto report = begin("give");
+    auto socket = isConnected ? connectTo(destination, SOCK_STREAM, report)
+                              : openSocket(destination, SOCK_STREAM, report);
+    if (!socket) return report;
+    if (!passSocket(path, std::move(socket))) return report.failedAt("pass", errno);
+    report.outcome = "finished";
+    return report;
+}
+
+Report takeOver(const Destination& destination, const std::string& path,
+                std::chrono::milliseconds duration) {
+    auto report = begin("take");
+    const auto socket = takeSocket(path);
+    if (!socket) return report.failedAt("take", errno);
+    report.started = Clock::now();
+    sockaddr_storage peer{};
+    socklen_t length = sizeof peer;
+    const bool isConnected =
+        getpeername(socket.number(), reinterpret_cast<sockaddr*>(&peer), &length) == 0;
+    if ((isConnected || connectSocket(socket, destination, report)) &&
+        askFor("upload", socket, destination, report))
+        upload(socket, duration, report);
     return report;
 }
 

@@ -25,7 +25,11 @@ struct Destination {
 // report when it is under way. `echo` sends bytes and compares what comes back. `askOnce` sends one
 // datagram and waits for the answer; `resolve` asks for a name; `keepAsking` sends a datagram every
 // few milliseconds on one socket. `crowd` opens many connections, prints a first report, keeps them
-// idle for the time, and then has every one of them echo a byte.
+// idle for the time, and then has every one of them echo a byte. `hoard` opens as many, prints a
+// first report, asks for a download on each after a line of standard input, prints a second report,
+// and reads none of them until that input ends. `giveAway` passes a socket,
+// connected or not, to the process that waits at the path with `takeOver`, which connects it where
+// that is still to be done, and uploads.
 Report connectOnce(const Destination& destination);
 Report keepUploading(const Destination& destination, std::chrono::milliseconds duration);
 Report keepReading(const Destination& destination, std::chrono::milliseconds duration);
@@ -33,6 +37,10 @@ Report echo(const Destination& destination, uint64_t bytes);
 Report askOnce(const Destination& destination);
 Report resolve(const Destination& destination);
 Report crowd(const Destination& destination, uint64_t count, std::chrono::milliseconds duration);
+Report hoard(const Destination& destination, uint64_t count, uint64_t bytes);
+Report giveAway(const Destination& destination, const std::string& path, bool isConnected);
+Report takeOver(const Destination& destination, const std::string& path,
+                std::chrono::milliseconds duration);
 Report keepAsking(const Destination& destination, std::chrono::milliseconds duration);
 
 }  // namespace lab

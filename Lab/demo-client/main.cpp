@@ -31,6 +31,8 @@ struct Arguments {
     uint64_t bytes = 100000;
     uint64_t count = 100;
     bool isInChild = false;
+    std::string path;
+    bool isConnected = false;
 };
 
 Milliseconds milliseconds(double seconds) {
@@ -86,6 +88,8 @@ void addConversation(CLI::App& application, Arguments& arguments, const std::str
     command->add_option("--duration", arguments.durationSeconds, "seconds to go on");
     command->add_option("--bytes", arguments.bytes, "bytes to echo");
     command->add_option("--count", arguments.count, "connections to hold");
+    command->add_option("--path", arguments.path, "where two processes meet to pass a socket");
+    command->add_flag("--connected", arguments.isConnected, "connect before passing");
     command->add_flag("--in-child", arguments.isInChild,
                       "do it in a forked child of the same program");
     command->callback([&arguments, conversation = std::move(conversation)] {
@@ -126,6 +130,19 @@ void parse(CLI::App& application, Arguments& arguments, std::vector<std::string>
     addConversation(
         application, arguments, "crowd", "hold many connections at once",
         [&](const auto& place) { return lab::crowd(place, arguments.count, duration()); });
+    addConversation(
+        application, arguments, "hoard",
+        "ask for many downloads after a line of input and read them when it ends",
+        [&](const auto& place) { return lab::hoard(place, arguments.count, arguments.bytes); });
+    addConversation(application, arguments, "give", "pass a socket to another process",
+                    [&](const auto& place) {
+                        return lab::giveAway(place, arguments.path, arguments.isConnected);
+                    });
+    addConversation(application, arguments, "take",
+                    "upload through a socket that another process passes",
+                    [=, &arguments](const auto& place) {
+                        return lab::takeOver(place, arguments.path, duration());
+                    });
     addConversation(application, arguments, "datagram", "send one datagram and wait for the answer",
                     lab::askOnce);
     addConversation(application, arguments, "datagrams", "keep sending datagrams on one socket",

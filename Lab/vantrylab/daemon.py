@@ -2,13 +2,14 @@
 
 import dataclasses
 import os
+import pathlib
 import re
 import signal
 import subprocess
 import threading
 import time
 
-from . import world
+from . import network, world
 
 PROGRAM = world.BUILD / "vantryd"
 
@@ -31,8 +32,10 @@ class Line:
 class Daemon:
     """One run of the daemon. A thread takes its lines as they come; any thread may ask for them."""
 
-    def __init__(self):
-        self.process = subprocess.Popen([str(PROGRAM)], stdin=subprocess.DEVNULL,
+    def __init__(self, descriptors: int | None = None):
+        """With a number of descriptors it never gets more than those."""
+        limited = [] if descriptors is None else ["prlimit", f"--nofile={descriptors}"]
+        self.process = subprocess.Popen([*limited, str(PROGRAM)], stdin=subprocess.DEVNULL,
                                         stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
                                         errors="replace", env=_environment())
         self._lines: list[Line] = []
@@ -93,3 +96,16 @@ class Daemon:
 
     def is_running(self) -> bool:
         return self.process.poll() is None
+
+    def stand_still(self) -> None:
+        """Stops it where it is; returns once every thread has stopped."""
+        self.process.send_signal(signal.SIGSTOP)
+        network.wait_until(self._all_threads_stand_still, "the daemon stands still")
+
+    def go_on(self) -> None:
+        self.process.send_signal(signal.SIGCONT)
+
+    def _all_threads_stand_still(self) -> bool:
+        states = [stat.read_text().rsplit(")", 1)[1].split()[0]
+                  for stat in pathlib.Path(f"/proc/{self.process.pid}/task").glob("*/stat")]
+        return all(state == "T" for state in states)

@@ -50,13 +50,14 @@ class Stage:
 
     # The daemon and its rules
 
-    def start_daemon(self, rules: Rules | None = Rules(), **preferences) -> Daemon:
+    def start_daemon(self, rules: Rules | None = Rules(), descriptors: int | None = None,
+                     **preferences) -> Daemon:
         host.write_preferences(**{"logLevel": "debug", **preferences})
         host.RULES_FILE.unlink(missing_ok=True)
         if rules is not None:
             host.write_rules(rules)
         host.MESSAGE_SOCKET.unlink(missing_ok=True)
-        self.daemon = Daemon()
+        self.daemon = Daemon(descriptors)
         for line in ("Filter settings applied", "Transparent proxy started with"):
             if not self.daemon.wait_for(line, seconds=15):
                 raise RuntimeError(f"the daemon did not start:\n{self.transcript()}")
@@ -100,16 +101,16 @@ class Stage:
     # Expectations about one attempt of an application
 
     def expect_physical(self, what: str, report: dict, address: str) -> None:
-        self._expect(what, verdicts.went_physical(report, address))
+        self.expect(what, verdicts.went_physical(report, address))
 
     def expect_tunnel(self, what: str, report: dict, address: str) -> None:
-        self._expect(what, verdicts.went_through_tunnel(report, address))
+        self.expect(what, verdicts.went_through_tunnel(report, address))
 
     def expect_denied(self, what: str, report: dict, address: str) -> None:
-        self._expect(what, verdicts.was_denied(report, address))
+        self.expect(what, verdicts.was_denied(report, address))
 
     def expect_closed(self, what: str, report: dict, address: str) -> None:
-        self._expect(what, verdicts.was_closed(report, address))
+        self.expect(what, verdicts.was_closed(report, address))
 
     def expect_nothing_arrived(self, what: str, address: str) -> None:
         self.checks.equal(what, network.seen_at(address), [])
@@ -117,12 +118,12 @@ class Stage:
     # Expectations about something that is running when a change comes
 
     def expect_ended(self, what: str, report: dict, changed_at: float, errors: tuple[str, ...]) -> None:
-        self._expect(what, verdicts.ended_after(report, changed_at, errors))
+        self.expect(what, verdicts.ended_after(report, changed_at, errors))
 
     def expect_untouched(self, what: str, report: dict) -> None:
-        self._expect(what, verdicts.went_on(report))
+        self.expect(what, verdicts.went_on(report))
 
-    def _expect(self, what: str, verdict: verdicts.Verdict) -> None:
+    def expect(self, what: str, verdict: verdicts.Verdict) -> None:
         self.checks.check(what, verdict.is_so, verdict.seen)
 
     # Expectations about what the daemon says

@@ -1,6 +1,5 @@
 """The daemon's end, wanted or not, leaves the machine as it was, with its traffic flowing."""
 
-import pathlib
 import signal
 import subprocess
 import time
@@ -97,18 +96,10 @@ def _restart(stage) -> None:
 def _ends_while_packets_wait(stage) -> None:
     """First packets that wait for a verdict when the daemon is killed are sent once more, and pass."""
     stage.start_daemon(RULES)
-    pid = stage.daemon.process.pid
-    stage.daemon.process.send_signal(signal.SIGSTOP)
-    network.wait_until(lambda: _all_threads_stand_still(pid), "the daemon stands still")
+    stage.daemon.stand_still()
     addresses = [stage.ipv4() for _ in range(3)]
     waiting = [stage.courier.start("connect", address, 80) for address in addresses]
     stage.daemon.stop(signal.SIGKILL)
     stage.daemon = None
     for address, each in zip(addresses, waiting):
         stage.expect_tunnel(f"waiting for a verdict when the daemon died: {address}", each.finish(), address)
-
-
-def _all_threads_stand_still(pid: int) -> bool:
-    states = [stat.read_text().rsplit(")", 1)[1].split()[0]
-              for stat in pathlib.Path(f"/proc/{pid}/task").glob("*/stat")]
-    return all(state == "T" for state in states)

@@ -1,0 +1,96 @@
+"""Somebody else takes the daemon's rules and routes away: they stay, or come back, and so do the verdicts."""
+
+import subprocess
+
+from vantrylab import network
+from vantrylab.host import Rules
+from vantrylab.verdicts import ENDED
+
+TABLE = ("inet", "vantry")
+RULES = Rules(rules={"com.example.courier": "direct", "com.example.ledger": "vpn"},
+              blockedApps=("com.example.chatter",))
+
+
+def run(stage) -> None:
+    network.vpn_up()
+    stage.start_daemon(RULES)
+    _packet_rules(stage)
+    network.vpn_down()
+    _routes(stage)
+    stage.stop_daemon()
+
+
+def _verdicts(stage, name: str) -> None:
+    for next_address in (stage.ipv4, stage.ipv6):
+        for application, expect in ((stage.courier, stage.expect_physical),
+                                    (stage.ledger, stage.expect_tunnel), (stage.chatter, stage.expect_denied)):
+            address = next_address()
+            expect(f"{name}: {application.identifier} to {address}",
+                   application.run("connect", address, 80), address)
+
+
+def _packet_rules(stage) -> None:
+    """Where the kernel lets a table have an owner it refuses; else the daemon makes it anew."""
+    watched = stage.ledger.start("upload", stage.ipv4(), 8080, "--duration", 20)
+    watched.report()
+    for command in (("flush", "ruleset"), ("delete", "table", *TABLE), ("flush", "table", *TABLE),
+                    ("flush", "chain", *TABLE, "offer")):
+        name = f"nft {' '.join(command)}"
+        before, with_handles, since = _table(), _table("-a"), stage.daemon.mark()
+        subprocess.run(["nft", *command], capture_output=True)
+        stage.checks.eventually(f"{name}: all rules are there", lambda: (_table() == before, _table()))
+        if _table("-a") == with_handles:
+            stage.checks.check(f"{name}: the kernel refuses it", True)
+        else:
+            stage.expect_line(f"{name}: the daemon says what it did",
+                              "The interception's rules had been removed and were put back", since)
+        _verdicts(stage, name)
+    changed_at = stage.now()
+    stage.apply(RULES.but(blockedApps=("com.example.chatter", "com.example.ledger")))
+    stage.expect_ended("a connection is still under watch", watched.finish(), changed_at, ENDED)
+    stage.apply(RULES)
+
+
+def _table(*options: str) -> str:
+    return subprocess.run(["nft", *options, "list", "table", *TABLE], capture_output=True, text=True).stdout
+
+
+def _routes(stage) -> None:
+    """What leads direct connections past a VPN that has taken the machine's default route away."""
+    network.vpn_up("replaced-default")
+    wanted = _own_routes_once_there(stage)
+    upload = stage.courier.start("upload", stage.ipv4(), 8080, "--duration", 20)
+    upload.report()
+    for command in (("-4", "rule", "delete", "priority", "7660"), ("-4", "rule", "delete", "priority", "7661"),
+                    ("-6", "rule", "delete", "priority", "7660"), ("-6", "rule", "delete", "priority", "7661"),
+                    ("-4", "route", "flush", "table", "7660"), ("-6", "route", "flush", "table", "7660")):
+        name, since = f"ip {' '.join(command)}", stage.daemon.mark()
+        subprocess.run(["ip", *command], check=True)
+        stage.expect_line(f"{name}: the daemon says what it did",
+                          "The routes of direct flows had been removed and were put back", since)
+        stage.checks.equal(f"{name}: all is there again", _own_routes(), wanted)
+        for next_address in (stage.ipv4, stage.ipv6):
+            address = next_address()
+            stage.expect_physical(f"{name}: a direct connection to {address}",
+                                  stage.courier.run("connect", address, 80), address)
+    upload.process.terminate()
+    network.vpn_down()
+    stage.checks.eventually("with the VPN they go", lambda: (_own_routes() == [], _own_routes()))
+
+
+def _own_routes_once_there(stage) -> list[str]:
+    stage.checks.eventually("a way of our own for direct connections is there",
+                            lambda: (len(_own_routes()) == 6, _own_routes()))
+    return _own_routes()
+
+
+def _own_routes() -> list[str]:
+    """The daemon's rules and its table, of both families, a line each."""
+    found = []
+    for family in ("-4", "-6"):
+        rules = subprocess.run(["ip", family, "rule"], check=True, capture_output=True, text=True).stdout
+        found += [line for line in rules.splitlines() if line.startswith("766")]
+        routes = subprocess.run(["ip", family, "route", "show", "table", "7660"],
+                                capture_output=True, text=True).stdout
+        found += routes.splitlines()
+    return found

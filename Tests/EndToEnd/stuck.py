@@ -1,0 +1,134 @@
+"""The daemon cannot give a verdict in time: nothing waits for it for long, and others hardly notice."""
+
+import contextlib
+import ctypes
+import os
+import pathlib
+
+from vantrylab import network, verdicts
+from vantrylab.host import Rules
+
+RULES = Rules(rules={"com.example.courier": "direct", "com.example.ledger": "vpn"},
+              blockedApps=("com.example.chatter",))
+# More than the daemon has threads for verdicts.
+MANY = 40
+_MNT_DETACH = 2
+LET_GO = "packets had waited too long for a verdict and were let go"
+
+
+def run(stage) -> None:
+    network.vpn_up()
+    stage.start_daemon(RULES)
+    _standing_still(stage)
+    property_list = stage.courier.path.parent.parent / "Info.plist"
+    with _hanging(property_list) as is_hanging:
+        if not is_hanging:
+            print("      a look-up that hangs: this kernel has no file systems of user programs")
+            stage.stop_daemon()
+            return
+        _one_look_up_hangs(stage)
+        _every_thread_hangs(stage)
+    _all_is_well_again(stage)
+    with _hanging(property_list):
+        waiting = stage.courier.start("connect", stage.ipv4(), 80)
+        network.wait_until(lambda: _held_packets() > 0, "the packet waits")
+        stage.stop_daemon()
+        waiting.finish()
+    network.vpn_down()
+
+
+def _standing_still(stage) -> None:
+    """First packets wait while every thread of the daemon is stopped, and are judged once it goes on."""
+    stage.daemon.stand_still()
+    attempts = [(application, judge, address, application.start("connect", address, 80))
+                for application, judge in ((stage.courier, verdicts.went_physical),
+                                           (stage.ledger, verdicts.went_through_tunnel),
+                                           (stage.chatter, _was_refused))
+                for address in (stage.ipv4(), stage.ipv6())]
+    network.wait_until(lambda: _held_packets() >= len(attempts), "the first packets wait")
+    stage.daemon.go_on()
+    for application, judge, address, attempt in attempts:
+        stage.expect(f"stopped and continued: {application.identifier} to {address}",
+                     judge(attempt.finish(), address))
+
+
+def _was_refused(report: dict, address: str) -> verdicts.Verdict:
+    """Whenever that was: the daemon had been stopped for a while."""
+    is_so = report["phase"] == "connect" and report["error"] in verdicts.ENDED
+    return verdicts.Verdict(is_so and not network.seen_at(address), str(report))
+
+
+def _held_packets() -> int:
+    """How many packets the kernel's queues hold, by their own account."""
+    lines = pathlib.Path("/proc/net/netfilter/nfnetlink_queue").read_text().splitlines()
+    return sum(int(line.split()[2]) for line in lines)
+
+
+@contextlib.contextmanager
+def _hanging(file: pathlib.Path):
+    """Every look at the file hangs, as on a file system whose server has died, until the end.
+
+    Gives whether that could be brought about. The server is this process, which answers nothing.
+    """
+    libc = ctypes.CDLL(None, use_errno=True)
+    try:
+        server = os.open("/dev/fuse", os.O_RDWR | os.O_CLOEXEC)
+    except OSError:
+        yield False
+        return
+    options = f"fd={server},rootmode=100644,user_id={os.getuid()},group_id={os.getgid()}"
+    is_mounted = libc.mount(b"hanging", str(file).encode(), b"fuse", 0, options.encode()) == 0
+    yield is_mounted
+    os.close(server)
+    if is_mounted:
+        libc.umount2(str(file).encode(), _MNT_DETACH)
+
+
+def _one_look_up_hangs(stage) -> None:
+    for next_address, words, port in ((stage.ipv4, "connect", 80), (stage.ipv6, "connect", 80),
+                                      (stage.ipv4, "datagram", 8080)):
+        address, since = next_address(), stage.daemon.mark()
+        attempt = stage.courier.start(words, address, port)
+        network.wait_until(lambda: _held_packets() > 0, "the packet waits")
+        for application, expect in ((stage.ledger, stage.expect_tunnel), (stage.nobody, stage.expect_tunnel),
+                                    (stage.chatter, stage.expect_denied)):
+            other = next_address()
+            report = application.run("connect", other, 80)
+            expect(f"a look-up hangs: {application.identifier} to {other}", report, other)
+            stage.checks.check(f"a look-up hangs: {application.identifier} does not wait for it",
+                               report["milliseconds"] < verdicts.AT_ONCE_MILLISECONDS, report)
+        report = attempt.finish()
+        stage.expect_tunnel(f"a look-up hangs: its own {words} to {address} is let go to the system",
+                            report, address)
+        stage.checks.check("a look-up hangs: it has waited for its verdict, but not for long",
+                           500 < report["milliseconds"] < 3000, report)
+        stage.expect_line("a look-up hangs: logged", LET_GO, since)
+
+
+def _every_thread_hangs(stage) -> None:
+    attempts = [(address, stage.courier.start("connect", address, 80))
+                for address in (stage.ipv4() for _ in range(MANY))]
+    held = [verdict.seen for address, attempt in attempts
+            if not (verdict := verdicts.went_through_tunnel(attempt.finish(), address)).is_so]
+    stage.checks.equal(f"{MANY} look-ups hang: all are let go", held, [])
+    # Nobody is left to judge it: it passes, so that the machine has its network.
+    address = stage.ipv4()
+    report = stage.ledger.run("connect", address, 80)
+    stage.expect_tunnel(f"{MANY} look-ups hang: another application connects", report, address)
+    stage.checks.check(f"{MANY} look-ups hang: another application hardly waits",
+                       report["milliseconds"] < 3000, report)
+
+
+def _all_is_well_again(stage) -> None:
+    def goes_direct():
+        report = stage.courier.run("connect", stage.ipv4(), 80)
+        return report["serverSaw"] == network.CLIENT_IPV4, report
+    stage.checks.eventually("the look-ups end: direct again", goes_direct)
+    for application, expect in ((stage.courier, stage.expect_physical), (stage.ledger, stage.expect_tunnel),
+                                (stage.chatter, stage.expect_denied)):
+        for next_address in (stage.ipv4, stage.ipv6):
+            address = next_address()
+            report = application.run("connect", address, 80)
+            expect(f"the look-ups end: {application.identifier} to {address}", report, address)
+            stage.checks.check(f"the look-ups end: {application.identifier} does not wait",
+                               report["milliseconds"] < verdicts.AT_ONCE_MILLISECONDS, report)
