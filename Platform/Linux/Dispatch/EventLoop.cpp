@@ -77,6 +77,11 @@ void EventLoop::askForTurn(std::shared_ptr<Source> source) {
     turns.push_back(std::move(source));
 }
 
+void EventLoop::askForNextTurn(std::shared_ptr<Source> source) {
+    if (std::exchange(source->hasAskedForNextTurn, true)) return;
+    nextTurns.push_back(std::move(source));
+}
+
 void EventLoop::at(TimerHeap::Clock::time_point due, Completion<> work) {
     timers.add(due, std::move(work));
 }
@@ -115,18 +120,29 @@ void EventLoop::runInbox() {
 }
 
 void EventLoop::runTurns() {
-    for (int count = 0; nextTurn < turns.size() && count < turnsAtOnce; ++count) {
-        const std::shared_ptr<Source> source = std::move(turns[nextTurn++]);
-        source->hasAskedForTurn = false;
+    for (int count = 0; hasTurns() && count < turnsAtOnce; ++count) {
+        if (nextTurns.empty()) {
+            runOrdinaryTurn();
+            continue;
+        }
+        const std::shared_ptr<Source> source = std::move(nextTurns.back());
+        nextTurns.pop_back();
+        source->hasAskedForNextTurn = false;
         source->takeTurn();
     }
-    if (nextTurn == turns.size()) {
+}
+
+void EventLoop::runOrdinaryTurn() {
+    const std::shared_ptr<Source> source = std::move(turns[firstTurn++]);
+    if (firstTurn == turns.size()) {
         turns.clear();
-        nextTurn = 0;
-    } else if (nextTurn > 4096) {
-        turns.erase(turns.begin(), turns.begin() + static_cast<std::ptrdiff_t>(nextTurn));
-        nextTurn = 0;
+        firstTurn = 0;
+    } else if (firstTurn > 4096) {
+        turns.erase(turns.begin(), turns.begin() + static_cast<std::ptrdiff_t>(firstTurn));
+        firstTurn = 0;
     }
+    source->hasAskedForTurn = false;
+    source->takeTurn();
 }
 
 void EventLoop::runTimers() {
@@ -136,7 +152,7 @@ void EventLoop::runTimers() {
 }
 
 int EventLoop::waitMilliseconds() const {
-    if (nextTurn < turns.size()) return 0;
+    if (hasTurns()) return 0;
     if (timers.isEmpty()) return -1;
     const auto left = timers.firstDue() - TimerHeap::Clock::now();
     const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(left).count();

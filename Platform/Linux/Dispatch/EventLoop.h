@@ -37,6 +37,7 @@ public:
     private:
         friend class EventLoop;
         bool hasAskedForTurn = false;
+        bool hasAskedForNextTurn = false;
     };
 
     // `work` is the queue that all loops of the pool serve.
@@ -66,6 +67,9 @@ public:
 
     // Gives `source` one turn soon, however often it asks before. Turns come in the order asked.
     void askForTurn(std::shared_ptr<Source> source);
+    // The same ahead of all turns that were asked for the ordinary way: for the short steps that
+    // complete what an ordinary turn began.
+    void askForNextTurn(std::shared_ptr<Source> source);
     // Runs `work` once, when `due` has come or `seconds` have passed.
     void at(TimerHeap::Clock::time_point due, Completion<> work);
     void after(double seconds, Completion<> work) {
@@ -87,9 +91,11 @@ private:
     static constexpr int roundsBetweenWaits = 4;
     static constexpr int turnsAtOnce = 16;
 
-    bool isBusy() const { return inboxHasWork.load() || nextTurn < turns.size(); }
+    bool hasTurns() const { return !nextTurns.empty() || firstTurn < turns.size(); }
+    bool isBusy() const { return inboxHasWork.load() || hasTurns(); }
     void runInbox();
     void runTurns();
+    void runOrdinaryTurn();
     void runTimers();
     void waitForEvents();
     int waitMilliseconds() const;
@@ -104,7 +110,8 @@ private:
     std::atomic<bool> isAsleep{false};
 
     std::vector<std::shared_ptr<Source>> turns;
-    std::size_t nextTurn = 0;
+    std::size_t firstTurn = 0;
+    std::vector<std::shared_ptr<Source>> nextTurns;
     TimerHeap timers;
     std::array<epoll_event, eventsAtOnce> events;
     int eventCount = 0;

@@ -93,14 +93,14 @@ void StreamSocket::read(std::size_t minimumLength, std::size_t maximumLength) {
     minimum = std::min(minimumLength, maximumLength);
     maximum = maximumLength;
     isReading = true;
-    if (mayAnswerReading()) loop.askForTurn(shared_from_this());
+    askForReading();
 }
 
 void StreamSocket::write(Data data) {
     writing = std::move(data);
     written = 0;
     isWriting = true;
-    loop.askForTurn(shared_from_this());
+    loop.askForNextTurn(shared_from_this());
 }
 
 void StreamSocket::stopReading() { isReading = false; }
@@ -114,7 +114,7 @@ void StreamSocket::handleEvents(std::uint32_t events) {
     const auto self = shared_from_this();
     if (phase == Phase::connecting) return finishConnecting(events);
     noteEvents(events);
-    turn();
+    loop.askForTurn(self);
 }
 
 void StreamSocket::noteEvents(std::uint32_t events) {
@@ -145,10 +145,21 @@ void StreamSocket::takeTurn() {
     turn();
 }
 
+// One thing in a turn. Each pipe that is read is written, block by block, before the next is read,
+// and the two directions of a session, like all sessions of a loop, take turns in reading.
 void StreamSocket::turn() {
     if (phase == Phase::finishing) return continueFinishing();
-    if (phase == Phase::open) tryWriting();
-    if (phase == Phase::open) tryReading();
+    if (phase != Phase::open) return;
+    if (!tryWriting()) return tryReading();
+    if (phase == Phase::open) askForReading();
+}
+
+void StreamSocket::askForReading() {
+    if (!isReading || !mayAnswerReading()) return;
+    if (ahead)
+        loop.askForNextTurn(shared_from_this());
+    else
+        loop.askForTurn(shared_from_this());
 }
 
 void StreamSocket::tryReading() {
@@ -253,21 +264,27 @@ void StreamSocket::lookForEnd(Received& received) {
         awaitReading();
 }
 
-void StreamSocket::tryWriting() {
+bool StreamSocket::tryWriting() {
     if (isWriting && hold(dynamic_cast<const PipeBlock*>(writing.storage().get()))) {
-        isWriting = false;
-        writing = Data();
-        return owner->writeDone(0);
+        answerWriting(0);
+        return true;
     }
-    if (!mayWrite && failure == 0) return;
+    if (!mayWrite && failure == 0) return false;
     if (isWriting) {
         const int error = failure != 0 ? failure : writeOn();
-        if (error == EAGAIN) return;
-        isWriting = false;
-        writing = Data();
-        if (!isEndingWriting) return owner->writeDone(error);
+        if (error != EAGAIN) answerWriting(error);
+        return true;
     }
-    if (isEndingWriting && writeHeld() != EAGAIN) shutDownWriting();
+    if (!isEndingWriting || hasShutDownWriting) return false;
+    if (writeHeld() != EAGAIN) shutDownWriting();
+    return true;
+}
+
+void StreamSocket::answerWriting(int error) {
+    isWriting = false;
+    writing = Data();
+    if (!isEndingWriting) return owner->writeDone(error);
+    if (writeHeld() != EAGAIN) shutDownWriting();
 }
 
 // A stream that is handed on in small blocks is written in large ones, as each write wakes its
@@ -380,8 +397,9 @@ void StreamSocket::finish(Farewell farewell) {
     finishing = std::make_unique<Finishing>();
     finishing->self = shared_from_this();
     finishing->farewell = farewell;
+    // A peer that has ended waits for nothing, and the other end of a relay may.
+    if (hasReadEnd) return loop.askForTurn(finishing->self);
     continueFinishing();
-    if (phase == Phase::finishing) FinishingOfThread::current().add(*this);
 }
 
 void StreamSocket::reset() {
@@ -398,6 +416,7 @@ void StreamSocket::continueFinishing() {
     discardInput();
     if (failure != 0 || (isAllHandedOver && mayCloseNow())) return close();
     if (isAllHandedOver) shutDownWriting();
+    if (!std::exchange(finishing->isLookedAfter, true)) FinishingOfThread::current().add(*this);
 }
 
 bool StreamSocket::hasDeliveredWriting() {

@@ -89,6 +89,7 @@ private:
     struct Finishing {
         std::shared_ptr<StreamSocket> self;  // nobody else holds it any more
         Farewell farewell;
+        bool isLookedAfter = false;
         std::optional<std::size_t> undelivered;  // as of the last check
         TimerHeap::Clock::time_point nextCheck;
         double interval = 0.1;
@@ -100,6 +101,7 @@ private:
     void noteEvents(std::uint32_t events);
     void finishConnecting(std::uint32_t events);
     void tryReading();
+    void askForReading();
     Received receive();
     Received receiveIntoMemory(std::size_t wanted);
     Received receiveIntoPipe();
@@ -109,7 +111,9 @@ private:
     Received nothingReceived(ssize_t result);
     void lookForEnd(Received& received);
     bool mayAnswerReading() const { return mayRead || hasReadEnd || failure != 0 || ahead; }
-    void tryWriting();
+    // True if there was something to do and the socket took it, or part of it.
+    bool tryWriting();
+    void answerWriting(int error);
     bool hold(const PipeBlock* block);
     void writeHeldSoon();
     // 0 when all is written, EAGAIN when the rest has to wait, else an errno.
