@@ -350,8 +350,9 @@ void Connection::writeDone(int error) {
 }
 
 void Connection::failOperations(int error) {
-    const std::optional<NSError> failure = systemError(error);
     sending = Data();
+    if (!sendCompletion && !receiving) return;
+    const std::optional<NSError> failure = systemError(error);
     if (sendCompletion) later(std::exchange(sendCompletion, {}), failure);
     if (!receiving) return;
     auto completion = std::move(receiving->completion);

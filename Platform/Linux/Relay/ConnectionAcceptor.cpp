@@ -11,7 +11,6 @@ namespace platform {
 namespace {
 
 constexpr double secondsOfPause = 0.1;
-constexpr int acceptedAtOnce = 16;
 
 // The listener and the handler, shared by all loops.
 struct Listening {
@@ -29,8 +28,9 @@ public:
 
     void start() {
         if (isStopped) return;
-        // One connection wakes one loop, which takes all that wait by then.
-        if (loop.watch(listening->listener.get(), EPOLLIN | EPOLLET | EPOLLEXCLUSIVE, *this) != 0)
+        // One connection wakes one loop. Each event takes one, and what waits behind it is the next
+        // event, here or on a loop that is free: to ask for more than there are costs a socket.
+        if (loop.watch(listening->listener.get(), EPOLLIN | EPOLLEXCLUSIVE, *this) != 0)
             return startLater();
         isWatching = true;
     }
@@ -40,18 +40,12 @@ public:
         listening = nullptr;
     }
 
-    void handleEvents(std::uint32_t) override { takeTurn(); }
-
-    void takeTurn() override {
-        const auto self = shared_from_this();
-        for (int i = 0; i < acceptedAtOnce && !isStopped; ++i)
-            if (!acceptOne()) return;
-        if (!isStopped) loop.askForTurn(self);
+    void handleEvents(std::uint32_t) override {
+        if (!isStopped) acceptOne();
     }
 
 private:
-    // False if there is none to take now.
-    bool acceptOne() {
+    void acceptOne() {
         sockaddr_storage peer{};
         socklen_t length = sizeof peer;
         FileDescriptor connection(::accept4(listening->listener.get(),
@@ -59,18 +53,15 @@ private:
                                             SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (connection) {
             isShort = false;
-            listening->handler(std::move(connection), peer);
-            return true;
+            return listening->handler(std::move(connection), peer);
         }
-        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-            if (!std::exchange(isShort, true))
-                platformLog.error("No connection can be accepted now: %{public}s",
-                                  systemError(errno).localizedDescription);
-            pause();
-            startLater();
-            return false;
-        }
-        return errno == ECONNABORTED || errno == EINTR;
+        // Another loop has taken it, or it is gone by now.
+        if (errno == EAGAIN || errno == ECONNABORTED || errno == EINTR) return;
+        if (!std::exchange(isShort, true))
+            platformLog.error("No connection can be accepted now: %{public}s",
+                              systemError(errno).localizedDescription);
+        pause();
+        startLater();
     }
     void pause() {
         if (std::exchange(isWatching, false)) loop.stopWatching(listening->listener.get());
@@ -84,7 +75,7 @@ private:
     std::shared_ptr<const Listening> listening;
     bool isWatching = false;
     bool isStopped = false;
-    bool isShort = false;  // of descriptors or memory, and said so
+    bool isShort = false;  // of descriptors or memory, say, and has said so
 };
 
 ConnectionAcceptor::ConnectionAcceptor(FileDescriptor listener, Handler handler) {
