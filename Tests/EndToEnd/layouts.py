@@ -1,5 +1,7 @@
 """The main verdicts in every way in which VPNs take over a machine's routes."""
 
+import signal
+
 from vantrylab import network
 from vantrylab.host import Rules
 
@@ -22,6 +24,7 @@ def run(stage) -> None:
         stage.expect_untouched(f"{layout}: a direct upload outlives the VPN's coming", upload.finish())
         address = stage.ipv4()
         stage.expect_physical(f"{layout}, VPN gone", stage.ledger.run("connect", address, 80), address)
+    _restart(stage)
     stage.stop_daemon()
 
 
@@ -38,6 +41,18 @@ def _verdicts(stage, layout: str) -> None:
     report = stage.courier.run("echo", address, 8080, "--bytes", 1_000_000)
     stage.expect_physical(f"{layout}: a megabyte both ways, direct", report, address)
     _first_datagram_after_a_change(stage, layout)
+
+
+def _restart(stage) -> None:
+    """A daemon that starts when a VPN has already taken the default route away knows the one before."""
+    network.vpn_up("replaced-default")
+    for ending in (signal.SIGKILL, signal.SIGTERM):
+        stage.daemon.stop(ending)
+        stage.start_daemon(RULES)
+        for address in (stage.ipv4(), stage.ipv6()):
+            stage.expect_physical(f"without a default route, started after {ending.name}: to {address}",
+                                  stage.courier.run("connect", address, 80), address)
+    network.vpn_down()
 
 
 def _first_datagram_after_a_change(stage, layout: str) -> None:

@@ -76,8 +76,7 @@ def _rounds(stage, draw: random.Random) -> None:
         number += 1
         if draw.random() < 0.3:
             _flap(draw)
-        # A daemon that starts when a VPN has already taken the default route away knows no gateway.
-        if draw.random() < 0.1 and network.vpn_layout() != "replaced-default":
+        if draw.random() < 0.1:
             _restart(stage, draw)
         _round(stage, draw, f"round {number}")
 

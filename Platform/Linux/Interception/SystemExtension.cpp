@@ -13,6 +13,7 @@
 #include "Platform/Linux/Dispatch/MainQueue.h"
 #include "Platform/Linux/HostChannel/HostChannel.h"
 #include "Platform/Linux/Interception/RunningInterception.h"
+#include "Platform/Linux/Network/StoredRoutes.h"
 #include "Platform/Linux/PlatformLog.h"
 #include "Platform/NEProvider.h"
 
@@ -98,6 +99,7 @@ void allowAsManyDescriptorsAsPermitted() {
 // The life of the extension, on a thread of its own.
 void runExtension() {
     HostChannel channel;
+    const StoredRoutes storedRoutes;
     const Providers providers{registeredProviders.makeProxyProvider(),
                               registeredProviders.makeFilterProvider()};
     auto interception = std::make_shared<Interception>(providers);

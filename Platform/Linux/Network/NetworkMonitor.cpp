@@ -7,6 +7,7 @@
 #include "Platform/Linux/Dispatch/EventLoop.h"
 #include "Platform/Linux/Network/RememberedRoutes.h"
 #include "Platform/Linux/Network/RouteMessages.h"
+#include "Platform/Linux/Network/StoredRoutes.h"
 #include "Platform/Linux/PlatformLog.h"
 
 namespace platform {
@@ -20,7 +21,7 @@ constexpr double secondsBetweenPictures = 0.02;
 class NetworkMonitor::Watch final : public EventLoop::Source {
 public:
     void start() {
-        takePicture();
+        takePicture(readStoredRoutes());
         loop.post([this] { watchReports(); });
     }
 
@@ -59,19 +60,18 @@ private:
             isResting = false;
             if (isOutdated) refresh();
         });
-        if (takePicture()) tellObservers();
+        if (takePicture(*state())) tellObservers();
     }
 
-    // True if it differs from the one before.
-    bool takePicture() {
+    // True if it differs from the one before. What `earlier` knows of routes that are gone, it remembers.
+    bool takePicture(const NetworkState& earlier) {
         auto picture = readNetworkState();
         if (!picture) {
             platformLog.error("The state of the network cannot be read");
             return false;
         }
-        const auto before = state();
-        rememberRoutes(*before, *picture);
-        if (*picture == *before) return false;
+        rememberRoutes(earlier, *picture);
+        if (*picture == *state()) return false;
         const NSLockGuard guard(lock);
         present = std::make_shared<const NetworkState>(std::move(*picture));
         return true;
