@@ -5,7 +5,9 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -186,14 +188,57 @@ bool hasEnded(const Descriptor& socket, Report& report) {
     return true;
 }
 
-void upload(const Descriptor& socket, std::chrono::milliseconds duration, Report& report) {
+// True once nobody can tell us anything more through standard input.
+bool hasInputEnded() {
+    pollfd entry{.fd = STDIN_FILENO, .events = 0, .revents = 0};
+    return poll(&entry, 1, 0) == 1 && (entry.revents & POLLHUP) != 0;
+}
+
+// The time for which something goes on: the duration, or until a little after the end of the input.
+class GoingOn {
+public:
+    explicit GoingOn(std::chrono::milliseconds duration) : end_(Clock::now() + duration) {}
+
+    bool isOver() {
+        if (!isEnding_ && hasInputEnded()) {
+            isEnding_ = true;
+            end_ = std::min(end_, Clock::now() + afterInput);
+        }
+        return Clock::now() >= end_;
+    }
+
+private:
+    // Long enough to notice what happened just before.
+    static constexpr std::chrono::milliseconds afterInput{200};
+
+    Clock::time_point end_;
+    bool isEnding_ = false;
+};
+
+// Ends the sending and waits for the server, which has had all of it, to end the connection.
+bool endWith(const Descriptor& socket, Clock::time_point deadline, Report& report) {
+    shutdown(socket.number(), SHUT_WR);
+    while (!hasEnded(socket, report)) {
+        if (waitFor(socket, POLLIN, deadline)) continue;
+        report.failedAt("receive", errno);
+        return false;
+    }
+    if (report.error != "EOF") return false;
+    report.error.clear();
+    report.phase.clear();
+    return true;
+}
+
+void upload(const Descriptor& socket, const Destination& destination,
+            std::chrono::milliseconds duration, Report& report) {
     report.started = Clock::now();
     const std::string chunk(chunkSize, 'u');
-    for (const auto end = Clock::now() + duration; Clock::now() < end;) {
-        if (!sendAll(socket, chunk, end, report) || hasEnded(socket, report)) return;
+    for (GoingOn goingOn(duration); !goingOn.isOver();) {
+        const auto deadline = Clock::now() + destination.patience;
+        if (!sendAll(socket, chunk, deadline, report) || hasEnded(socket, report)) return;
         std::this_thread::sleep_for(pace);
     }
-    report.outcome = "finished";
+    if (endWith(socket, Clock::now() + destination.patience, report)) report.outcome = "finished";
 }
 
 void waitForInput(int awaited) {
@@ -255,7 +300,7 @@ Report keepUploading(const Destination& destination, std::chrono::milliseconds d
     auto report = begin("upload");
     const auto socket = enter(destination, "upload", report);
     report.print();
-    if (socket) upload(socket, duration, report);
+    if (socket) upload(socket, destination, duration, report);
     return report;
 }
 
@@ -303,7 +348,7 @@ Report crowd(const Destination& destination, uint64_t count, std::chrono::millis
     const auto sockets = enterOften(count, destination, "echo", report);
     report.print();
     if (!report.error.empty()) return report;
-    std::this_thread::sleep_for(duration);
+    for (GoingOn goingOn(duration); !goingOn.isOver();) std::this_thread::sleep_for(pace);
     const auto deadline = Clock::now() + destination.patience;
     for (const auto& socket : sockets)
         if (!sendAll(socket, "!", deadline, report) || receive(socket, deadline, report).empty())
@@ -354,7 +399,7 @@ Report takeOver(const Destination& destination, const std::string& path,
         getpeername(socket.number(), reinterpret_cast<sockaddr*>(&peer), &length) == 0;
     if ((isConnected || connectSocket(socket, destination, report)) &&
         askFor("upload", socket, destination, report))
-        upload(socket, duration, report);
+        upload(socket, destination, duration, report);
     return report;
 }
 
@@ -380,7 +425,7 @@ Report resolve(const Destination& destination) {
 Report keepAsking(const Destination& destination, std::chrono::milliseconds duration) {
     auto report = begin("datagrams");
     const auto socket = connectTo(destination, SOCK_DGRAM, report);
-    for (const auto end = Clock::now() + duration; socket && Clock::now() < end;) {
+    for (GoingOn goingOn(duration); socket && !goingOn.isOver();) {
         const auto deadline = Clock::now() + destination.patience;
         if (!sendAll(socket, "who am I?", deadline, report)) break;
         const auto answer = receive(socket, deadline, report);

@@ -20,16 +20,16 @@ struct Destination {
 };
 
 // The things that an application does with a network, each in the calling thread from start to end,
-// each returning what became of it. `connectOnce` takes the server's greeting and leaves.
-// `keepUploading` sends a small chunk every few milliseconds for the given time, printing a first
-// report when it is under way. `echo` sends bytes and compares what comes back. `askOnce` sends one
-// datagram and waits for the answer; `resolve` asks for a name; `keepAsking` sends a datagram every
-// few milliseconds on one socket. `crowd` opens many connections, prints a first report, keeps them
-// idle for the time, and then has every one of them echo a byte. `hoard` opens as many, prints a
-// first report, asks for a download on each after a line of standard input, prints a second report,
-// and reads none of them until that input ends. `giveAway` passes a socket,
-// connected or not, to the process that waits at the path with `takeOver`, which connects it where
-// that is still to be done, and uploads.
+// each returning what became of it. What goes on for a time ends before it when standard input, a
+// pipe, has ended. `connectOnce` takes the server's greeting and leaves. `keepUploading` sends a
+// small chunk every few milliseconds for the given time, printing a first report when it is under
+// way. `echo` sends bytes and compares what comes back. `askOnce` sends one datagram and waits for
+// the answer; `resolve` asks for a name; `keepAsking` sends a datagram every few milliseconds on
+// one socket. `crowd` opens many connections, prints a first report, keeps them idle for the time,
+// and then has every one of them echo a byte. `hoard` opens as many, prints a first report, asks
+// for a download on each after a line of standard input, prints a second report, and reads none of
+// them until that input ends. `giveAway` passes a socket, connected or not, to the process that
+// waits at the path with `takeOver`, which connects it where that is still to be done, and uploads.
 Report connectOnce(const Destination& destination);
 Report keepUploading(const Destination& destination, std::chrono::milliseconds duration);
 Report keepReading(const Destination& destination, std::chrono::milliseconds duration);

@@ -60,11 +60,15 @@ class Running:
             raise RuntimeError(f"{' '.join(self.command)} ended without a report")
         return json.loads(line)
 
+    def conclude(self, wait: float = 30) -> dict:
+        """Lets what would go on, or waits for commands, end before its time, and gives its last report."""
+        self.process.stdin.close()
+        return self.finish(wait)
+
     def finish(self, wait: float = 30) -> dict:
         """Lets it run to its end and gives its last report; what runs longer than `wait` is ended."""
         overdue = threading.Timer(wait, self.process.kill)
         overdue.start()
-        self.process.stdin.close()
         reports = [json.loads(line) for line in self.process.stdout]
         self.process.wait()
         overdue.cancel()

@@ -4,6 +4,7 @@ Expectations are judged from outside: by the server's own list, by what the appl
 by the files, by the log.
 """
 
+import dataclasses
 import time
 from collections.abc import Callable
 
@@ -13,6 +14,15 @@ from .daemon import Daemon
 from .host import Rules
 
 
+@dataclasses.dataclass(frozen=True)
+class ExpectedRecord:
+    """What the activity log holds about an address: one entry with the fields, or none at all."""
+
+    what: str
+    address: str
+    fields: dict | None
+
+
 class Stage:
     def __init__(self, checks: Checks):
         self.checks = checks
@@ -20,6 +30,7 @@ class Stage:
         self.daemon: Daemon | None = None
         # An application whose connections the rules of the moment let the proxy record.
         self.recorded_application = self.applications["courier"]
+        self._expected_records: list[ExpectedRecord] = []
         self._addresses_used = 0
 
     def __getattr__(self, name: str):
@@ -65,6 +76,7 @@ class Stage:
         return self.daemon
 
     def stop_daemon(self) -> None:
+        self.check_records()
         daemon, self.daemon = self.daemon, None
         self.checks.equal("SIGTERM ends the daemon with status 0", daemon.stop(seconds=3), 0)
         self.checks.equal("nothing but log lines on standard error", daemon.other_output(), "")
@@ -120,8 +132,9 @@ class Stage:
     def expect_ended(self, what: str, report: dict, changed_at: float, errors: tuple[str, ...]) -> None:
         self.expect(what, verdicts.ended_after(report, changed_at, errors))
 
-    def expect_untouched(self, what: str, report: dict) -> None:
-        self.expect(what, verdicts.went_on(report))
+    def expect_untouched(self, what: str, running: applications.Running) -> None:
+        """It is still running, and ends well now that it may."""
+        self.expect(what, verdicts.went_on(running.conclude()))
 
     def expect(self, what: str, verdict: verdicts.Verdict) -> None:
         self.checks.check(what, verdict.is_so, verdict.seen)
@@ -134,25 +147,38 @@ class Stage:
     def expect_record(self, what: str, address: str, **fields) -> None:
         """The activity log has exactly one entry for the address, with these fields.
 
-        What the filter records joins the file with the next flow that the proxy records.
+        That is looked at with the next `check_records`, at the latest when the daemon stops: the log
+        is written once a second at most, and there are many records to be expected.
         """
-        self.recorded_application.run("connect", self.ipv4(), 80)
-
-        def recorded():
-            entries = [each for each in host.activity() if each.get("destinationIp") == address]
-            is_so = len(entries) == 1 and all(entries[0].get(key) == value
-                                              for key, value in fields.items())
-            return is_so, entries
-        self.checks.eventually(what, recorded)
+        self._expected_records.append(ExpectedRecord(what, address, fields))
 
     def expect_no_record(self, what: str, address: str) -> None:
-        """Asked after a later flow's record has reached the file."""
+        self._expected_records.append(ExpectedRecord(what, address, None))
+
+    def check_records(self) -> None:
+        """Looks once that a later flow's record has reached the file, and with it all before it.
+
+        What the filter records joins the file with the next flow that the proxy records.
+        """
+        expected, self._expected_records = self._expected_records, []
+        if not expected:
+            return
         later = self.ipv4()
         self.recorded_application.run("connect", later, 80)
-        addresses: list[str] = []
+        entries: list[dict] = []
 
         def written():
-            addresses[:] = [each.get("destinationIp") for each in host.activity()]
-            return later in addresses, addresses
-        if self.checks.eventually(f"{what}: a later flow's record is written", written):
-            self.checks.check(what, address not in addresses, addresses)
+            entries[:] = host.activity()
+            return any(each.get("destinationIp") == later for each in entries), entries
+        if self.checks.eventually("a later connection is recorded", written):
+            for each in expected:
+                self._check_record(each, [entry for entry in entries
+                                          if entry.get("destinationIp") == each.address])
+
+    def _check_record(self, expected: ExpectedRecord, entries: list[dict]) -> None:
+        if expected.fields is None:
+            self.checks.equal(expected.what, entries, [])
+            return
+        is_so = len(entries) == 1 and all(entries[0].get(key) == value
+                                          for key, value in expected.fields.items())
+        self.checks.check(expected.what, is_so, entries)

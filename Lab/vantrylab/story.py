@@ -140,7 +140,7 @@ class Story:
         self.voice.chapter("A rule changes while an upload runs")
         stage = self.stage
         direct = self._upload_begins(stage.courier)
-        bystander = self._upload_begins(stage.nobody, seconds=2)
+        bystander = self._upload_begins(stage.nobody)
         self._ends_upload(stage.courier, direct, "direct to VPN: ends",
                           lambda: self._rule("rules", "set", COURIER, "vpn"))
         self._connects(stage.courier, "then anew through the VPN", verdicts.went_through_tunnel)
@@ -148,7 +148,7 @@ class Story:
         self._ends_upload(stage.ledger, watched, "now blocked: ends",
                           lambda: self._rule("rules", "block", LEDGER))
         self.voice.row(self._name(stage.nobody), "its upload is not concerned",
-                       verdicts.went_on(bystander.finish()))
+                       verdicts.went_on(bystander.conclude()))
         self._rule("rules", "unblock", LEDGER)
         self._rule("rules", "set", COURIER, "direct")
         self._connects(stage.courier, "direct again", verdicts.went_physical)
@@ -156,7 +156,7 @@ class Story:
     def _vpn_goes_down(self) -> None:
         self.voice.chapter("The VPN goes down")
         stage = self.stage
-        upload = self._upload_begins(stage.courier, seconds=2)
+        upload = self._upload_begins(stage.courier)
         stage.bring_into_force(network.vpn_down)
         self.voice.say("The VPN's program has ended; utun0 is gone.")
         self._connects(stage.ledger, "fallback allow: passes", verdicts.went_physical)
@@ -164,7 +164,7 @@ class Story:
         self._connects(stage.ledger, "fallback block: denied", verdicts.was_denied)
         self._connects(stage.courier, "direct", verdicts.went_physical)
         self.voice.row(self._name(stage.courier), "its direct upload goes on",
-                       verdicts.went_on(upload.finish()))
+                       verdicts.went_on(upload.conclude()))
         stage.bring_into_force(network.vpn_up)
         self._connects(stage.ledger, "the VPN is back", verdicts.went_through_tunnel)
 
@@ -229,8 +229,8 @@ class Story:
         report = application.run(mode, address, port)
         self.voice.row(self._name(application), ruled, judge(report, address))
 
-    def _upload_begins(self, application: Application, seconds: int = 20):
-        upload = application.start("upload", self.stage.ipv4(), 8080, "--duration", seconds)
+    def _upload_begins(self, application: Application):
+        upload = application.start("upload", self.stage.ipv4(), 8080, "--duration", 20)
         report = upload.report()
         self.voice.say(f"{self._name(application)} uploads; the server saw {report['serverSaw']}.")
         return upload

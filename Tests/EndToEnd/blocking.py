@@ -104,7 +104,7 @@ def _running_connections(stage) -> None:
     address = stage.ipv4()
     upload = stage.nobody.start("upload", address, 8080, "--duration", 20)
     other_address = stage.ipv4()
-    other = stage.studio.start("upload", other_address, 8080, "--duration", 2)
+    other = stage.studio.start("upload", other_address, 8080, "--duration", 20)
     upload.report()
     other.report()
     changed_at = stage.now()
@@ -112,7 +112,7 @@ def _running_connections(stage) -> None:
     stage.expect_ended("newly blocked: an upload that no rule had covered ends",
                        upload.finish(), changed_at, ENDED)
     stage.expect_untouched("newly blocked: another application's upload goes on untouched",
-                           other.finish())
+                           other)
 
 
 def _unblocked(stage) -> None:

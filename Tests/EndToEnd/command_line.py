@@ -55,6 +55,7 @@ def _views(stage) -> None:
     address = stage.ipv4()
     stage.courier.run("connect", address, 80)
     stage.expect_record("a connection is recorded", address, bundleId=COURIER)
+    stage.check_records()
     stage.checks.check("log shows it", address in _use_tool("log").stdout, _use_tool("log").stdout)
     applications = _use_tool("apps").stdout
     stage.checks.check("apps lists its application", COURIER in applications, applications)

@@ -48,12 +48,12 @@ def _sockets(stage) -> None:
 def _pass_on(giver, taker, address: str, *options: str) -> dict:
     """The taker uses what it got once the giver has let go of it."""
     path = MEETING_PLACE / f"{address}.sock"
-    taking = taker.start("take", address, 8080, "--path", path, "--duration", 0.2)
+    taking = taker.start("take", address, 8080, "--path", path, "--duration", 20)
     network.wait_until(path.exists, "the taker waits for a socket")
     given = giver.run("give", address, 8080, "--path", path, *options)
     if given["outcome"] != "finished":
         raise RuntimeError(f"no socket was passed: {given}")
-    return taking.finish()
+    return taking.conclude()
 
 
 def _process_ids(stage) -> None:

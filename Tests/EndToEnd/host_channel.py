@@ -59,6 +59,7 @@ def _messages(stage) -> None:
         checks.check(f"{text} is answered with an error", list(reply or {}) == ["error"], reply)
 
     stage.expect_record("before clearing there is a record", address, bundleId=COURIER)
+    stage.check_records()
     checks.equal("clear", host.send({"type": "clearActivityLog"}), {"success": {}})
     checks.equal("cleared: nobody is active", host.send({"type": "getActiveApps"}), {"bundleIds": []})
     stage.stop_daemon()
@@ -70,6 +71,7 @@ def _activity_log_file(stage) -> None:
     address = stage.ipv4()
     stage.courier.run("connect", address, 80)
     stage.expect_record("the activity log is written", address, bundleId=COURIER)
+    stage.check_records()
     mode = stat.S_IMODE(host.ACTIVITY_LOG.stat().st_mode)
     stage.checks.equal("the activity log can be read by all and written by its owner", oct(mode), "0o644")
     # A link in its place must not lead the daemon to write elsewhere.
@@ -80,6 +82,7 @@ def _activity_log_file(stage) -> None:
     address = stage.ipv4()
     stage.courier.run("connect", address, 80)
     stage.expect_record("the activity log is written anew", address, bundleId=COURIER)
+    stage.check_records()
     stage.checks.equal("a link in the log's place is not followed", victim.read_text(), untouched)
     stage.stop_daemon()
 
@@ -125,5 +128,5 @@ def _protected_vpn_client(stage) -> None:
                         stage.courier.run("connect", address, 80), address)
     stage.recorded_application = stage.ledger
     stage.expect_no_record("a VPN client's connection leaves no record", address)
-    stage.recorded_application = stage.courier
     stage.stop_daemon()
+    stage.recorded_application = stage.courier

@@ -73,7 +73,7 @@ def _routes(stage) -> None:
             address = next_address()
             stage.expect_physical(f"{name}: a direct connection to {address}",
                                   stage.courier.run("connect", address, 80), address)
-    upload.process.terminate()
+    stage.expect_untouched("a direct upload has gone on all the time", upload)
     network.vpn_down()
     stage.checks.eventually("with the VPN they go", lambda: (_own_routes() == [], _own_routes()))
 

@@ -72,17 +72,17 @@ def _sessions_end_one_after_another(stage) -> None:
 def _what_no_change_concerns(stage) -> None:
     """A direct, a watched and a passed upload live through changes of others, flushes included."""
     stage.apply(RULES)
-    uploads = {name: stage.applications[name].start("upload", stage.ipv4(), 8080, "--duration", 1.5)
+    uploads = {name: stage.applications[name].start("upload", stage.ipv4(), 8080, "--duration", 20)
                for name in ("courier", "ledger", "nobody")}
-    datagrams = stage.nobody.start("datagrams", stage.ipv4(), 5353, "--duration", 1.5)
+    datagrams = stage.nobody.start("datagrams", stage.ipv4(), 5353, "--duration", 20)
     for each in (*uploads.values(), datagrams):
         each.report()
     for other in ("direct", "vpn"):
         stage.apply(RULES.but(rules={**RULES.rules, "com.example.elsewhere": other},
                               blockedApps=("com.example.absent",) if other == "direct" else ()))
     for name, upload in uploads.items():
-        stage.expect_untouched(f"another application's change leaves {name} alone", upload.finish())
-    stage.expect_untouched("another application's change leaves datagrams alone", datagrams.finish())
+        stage.expect_untouched(f"another application's change leaves {name} alone", upload)
+    stage.expect_untouched("another application's change leaves datagrams alone", datagrams)
     stage.apply(RULES)
 
 

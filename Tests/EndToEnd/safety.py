@@ -1,5 +1,6 @@
 """The daemon's end, wanted or not, leaves the machine as it was, with its traffic flowing."""
 
+import json
 import signal
 import subprocess
 import time
@@ -9,6 +10,8 @@ from vantrylab.host import Rules
 
 RULES = Rules(rules={"com.example.courier": "direct", "com.example.ledger": "vpn"},
               blockedApps=("com.example.chatter",))
+# How long, in seconds, a killed daemon's address for connections under way may stay.
+LONGEST_LIFETIME = 30
 ENDINGS = (signal.SIGKILL, signal.SIGTERM, signal.SIGINT)
 
 
@@ -22,23 +25,40 @@ def run(stage) -> None:
     network.vpn_down()
 
 
-def _traces() -> set[str]:
-    """What stands at all places where the daemon could leave something, a line each."""
+def _traces(with_brief: bool = True) -> set[str]:
+    """What stands at all places where the daemon could leave something, a line each.
+
+    Addresses of the loopback interface that run out by themselves, and the routes to them, count only
+    where asked for.
+    """
     places = (["nft", "list", "ruleset"], ["ip", "rule"], ["ip", "-6", "rule"],
-              ["ip", "-brief", "address", "show", "dev", "lo"],
               ["ip", "-4", "route", "show", "table", "all"], ["ip", "-6", "route", "show", "table", "all"])
     found = set()
     for place in places:
         output = subprocess.run(place, capture_output=True, text=True, check=True).stdout
         found |= {f"{' '.join(place)}: {line}" for line in output.splitlines()}
-    return found
+    addresses = _addresses_of_loopback()
+    found |= {f"address: {address}" for address in addresses}
+    brief = [address for address, seconds in addresses.items() if seconds <= LONGEST_LIFETIME]
+    if with_brief:
+        return found
+    gone = {f"address: {address}" for address in brief}
+    return {line for line in found - gone
+            if not any(f"local {address} dev lo " in line for address in brief)}
+
+
+def _addresses_of_loopback() -> dict[str, int]:
+    """Each with the seconds after which the kernel takes it away."""
+    output = subprocess.run(["ip", "-json", "address", "show", "dev", "lo"],
+                            capture_output=True, text=True, check=True).stdout
+    return {each["local"]: each["valid_life_time"] for each in json.loads(output)[0]["addr_info"]}
 
 
 def _end_under_load(stage, ending: signal.Signals, before: set[str]) -> None:
     stage.start_daemon(RULES)
-    relayed = stage.courier.start("upload", stage.ipv4(), 8080, "--duration", 3)
-    watched = stage.ledger.start("upload", stage.ipv4(), 8080, "--duration", 3)
-    passed = stage.nobody.start("upload", stage.ipv4(), 8080, "--duration", 3)
+    relayed = stage.courier.start("upload", stage.ipv4(), 8080, "--duration", 20)
+    watched = stage.ledger.start("upload", stage.ipv4(), 8080, "--duration", 20)
+    passed = stage.nobody.start("upload", stage.ipv4(), 8080, "--duration", 20)
     for each in (relayed, watched, passed):
         each.report()
     address = stage.ipv4()
@@ -57,14 +77,14 @@ def _end_under_load(stage, ending: signal.Signals, before: set[str]) -> None:
     stage.checks.check(f"{ending.name}: the relayed upload ends and does not hang",
                        report["error"] in ("ECONNRESET", "EPIPE", "EOF") and report["at"] < ended_at + 1, report)
     if ending == signal.SIGKILL:
-        stage.expect_untouched(f"{ending.name}: the watched upload goes on", watched.finish())
+        stage.expect_untouched(f"{ending.name}: the watched upload goes on", watched)
     else:
-        watched.finish()
-    stage.expect_untouched(f"{ending.name}: the passed upload goes on", passed.finish())
-    # Of a killed daemon an address may be left for a moment, with a lifetime that runs out.
-    stage.checks.eventually(f"{ending.name}: nothing is left behind",
-                            lambda: (not (difference := _traces() ^ before), difference),
-                            seconds=30 if ending == signal.SIGKILL else 1)
+        watched.conclude()
+    stage.expect_untouched(f"{ending.name}: the passed upload goes on", passed)
+    # Of a killed daemon an address may be left, with a lifetime that runs out.
+    stage.checks.eventually(
+        f"{ending.name}: nothing is left behind",
+        lambda: (not (difference := _traces(with_brief=ending != signal.SIGKILL) ^ before), difference))
 
 
 def _settled_traces() -> set[str]:
@@ -81,7 +101,7 @@ def _settled_traces() -> set[str]:
 def _restart(stage) -> None:
     """A new daemon does its work at once, also for connections that an old one has marked."""
     stage.start_daemon(RULES)
-    passed = stage.nobody.start("upload", stage.ipv4(), 8080, "--duration", 3)
+    passed = stage.nobody.start("upload", stage.ipv4(), 8080, "--duration", 20)
     passed.report()
     stage.daemon.stop(signal.SIGKILL)
     stage.start_daemon(RULES)
@@ -89,7 +109,7 @@ def _restart(stage) -> None:
                                 (stage.chatter, stage.expect_denied)):
         address = stage.ipv4()
         expect(f"after a restart: {application.identifier}", application.run("connect", address, 80), address)
-    stage.expect_untouched("a connection older than the daemon goes on", passed.finish())
+    stage.expect_untouched("a connection older than the daemon goes on", passed)
     stage.stop_daemon()
 
 
