@@ -55,6 +55,9 @@ public:
     std::vector<ActivityLogEntryIPC> drainQuicBlocks();
 
 private:
+    // Looks at the whole state, for tests.
+    friend class ProxyProbe;
+
     using SharedSet = std::shared_ptr<const BundleIdSet>;
 
     FlowKillCoordinator();

@@ -46,6 +46,9 @@ public:
     const std::int64_t sessionId;
 
 private:
+    // Asks whether a session has ended, for tests.
+    friend class ProxyProbe;
+
     enum class State { created, opening, connecting, relaying, ended };
 
     bool isCancelled() const { return state == State::ended; }

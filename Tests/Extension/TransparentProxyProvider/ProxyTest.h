@@ -11,6 +11,7 @@
 
 #include "Extension/FlowKillCoordinator.h"
 #include "Extension/TransparentProxyProvider.h"
+#include "Extension/ipc/ActivityLogResponseIPC.h"
 #include "Platform/Simulated/Expectations.h"
 
 namespace vantry {
@@ -20,11 +21,18 @@ inline constexpr const char* activityLogFile = "/tmp/org.quillmere.Vantry.activi
 inline constexpr const char* rulesChanged = "org.quillmere.Vantry.rulesChanged";
 inline constexpr const char* proxyCategory = "TransparentProxy";
 
+// What the application sees of a session that is ended gracefully.
+inline platform::NSError peerReset() {
+    return {platform::NEAppProxyErrorDomain, platform::NEAppProxyFlowErrorPeerReset,
+            "The application's peer reset the flow"};
+}
+
 class ProxyTest : public testing::Test {
 protected:
     using ExpectedLine = platform::simulated::ExpectedLine;
     using Process = platform::simulated::Process;
     using Flow = platform::simulated::Flow;
+    using FlowDescription = platform::simulated::FlowDescription;
 
     // The proxy's lines since the last look are exactly these.
     testing::AssertionResult proxyLogIs(const std::vector<ExpectedLine>& expected) {
@@ -52,6 +60,22 @@ protected:
                 return "block";
         }
         return "";
+    }
+
+    // A flow of this application to host "h"; not yet offered.
+    Flow newFlow(const Process& app, const std::string& port = "443",
+                 FlowDescription::Kind kind = FlowDescription::Kind::tcp) const {
+        return Flow({.kind = kind,
+                     .remoteEndpoint = platform::NWHostEndpoint{"h", port},
+                     .signingIdentifier = app.signingIdentifier,
+                     .auditToken = app.auditToken()});
+    }
+    // The entries of the log file as it stands.
+    std::vector<ActivityLogEntryIPC> logFileEntries() const {
+        const auto decoded =
+            ActivityLogResponseIPC::decode(world.files.contents(activityLogFile).value_or(""));
+        const auto* log = std::get_if<ActivityLogResponseIPC>(&decoded);
+        return log ? log->entries : std::vector<ActivityLogEntryIPC>();
     }
 
     platform::simulated::World world;

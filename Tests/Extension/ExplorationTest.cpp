@@ -1,0 +1,374 @@
+// Random mixtures of everything that can happen to both providers, over many seeds, with what must hold
+// checked after every event; and the same on real threads. That each completion runs exactly once and that
+// no lock is held when calling out is watched by the simulated platform itself.
+
+#include <array>
+#include <ranges>
+
+#include "Tests/Extension/TransparentProxyProvider/ProxyProbe.h"
+#include "Tests/Extension/TransparentProxyProvider/ProxyTest.h"
+
+namespace vantry {
+
+namespace {
+
+using platform::NSError;
+using platform::NWHostEndpoint;
+using platform::NWInterface;
+using platform::UUID;
+using platform::simulated::Flow;
+using platform::simulated::FlowDescription;
+using platform::simulated::holdsForSeeds;
+using platform::simulated::LogLine;
+using platform::simulated::Order;
+using platform::simulated::Process;
+using platform::simulated::World;
+
+const NSError refused{"test", 1, "no"};
+
+// What must hold at every moment, whatever happened before it. What the providers say in the log tells
+// which operations an event carried out; what they leave behind is looked at from within.
+class Invariants {
+public:
+    explicit Invariants(World& simulated) : world(simulated) {}
+
+    void check() {
+        const auto lines = world.takeLog();
+        const ProxyProbe proxy(*world.proxy());
+        checkSessions(proxy, lines);
+        checkSharedState(proxy, lines);
+        checkActivityLog(proxy, lines);
+        checkLogFile(lines);
+    }
+
+private:
+    // The table has an entry for every live session that no kill has taken, and no other.
+    void checkSessions(const ProxyProbe& proxy, const std::vector<LogLine>& lines) {
+        const auto table = proxy.table();
+        for (const auto& [sid, session] : table) known.emplace(sid, session);
+        for (const auto& line : lines)
+            if (line.format.starts_with("Scheduling ")) taken.insert(std::stoll(line.arguments[0]));
+        for (auto entry = known.begin(); entry != known.end();) {
+            const auto& [sid, observed] = *entry;
+            const auto session = observed.lock();
+            const bool isLive = session && !ProxyProbe::hasEnded(*session);
+            EXPECT_EQ(table.contains(sid), isLive && !taken.contains(sid)) << "sid " << sid;
+            entry = isLive ? std::next(entry) : known.erase(entry);
+        }
+    }
+
+    // The filter is told what the rules in force at the last push say, and nothing after a stop.
+    void checkSharedState(const ProxyProbe& proxy, const std::vector<LogLine>& lines) {
+        const auto& blocked = *proxy.blocked();
+        const auto pushWatched = [&](bool withBlocked) {
+            pushed.watched.clear();
+            const auto rules = proxy.rules();
+            for (const auto& [bundleId, word] : *rules)
+                if (word != "direct" && (withBlocked || !blocked.contains(bundleId)))
+                    pushed.watched.insert(bundleId);
+        };
+        for (const auto& line : lines) {
+            const auto& format = line.format;
+            const bool isFile = format.starts_with("Loaded rules from shared file");
+            const bool isDelivery = format.starts_with("Received rules-changed");
+            if (isFile || format.starts_with("Loaded %ld routing rules from config")) {
+                pushed.isVpnConnected = proxy.isVpnConnected();
+                pushed.vpnFallback = proxy.vpnFallback();
+                pushed.isInitialized = true;
+            }
+            if (isFile || isDelivery) pushed.blocked = {blocked.begin(), blocked.end()};
+            if (isDelivery || format.starts_with("Initial rules")) pushWatched(!isDelivery);
+            if (format.starts_with("Coordinator state reset")) pushed = {};
+        }
+        EXPECT_EQ(ProxyProbe::shared(), pushed);
+    }
+
+    // No entry is lost but the oldest of more than 500, those that a message clears, and what the
+    // filter has left when the proxy stops; each recorded flow gives one entry; the order stays.
+    void checkActivityLog(const ProxyProbe& proxy, const std::vector<LogLine>& lines) {
+        const auto before = std::exchange(log, proxy.log());
+        const auto leftBefore = std::exchange(recordsLeft, ProxyProbe::recordsLeft());
+        std::size_t recorded = 0;
+        bool isCleared = false, isReset = false;
+        for (const auto& line : lines) {
+            if (recordingFormats().contains(line.format)) ++recorded;
+            if (line.text == "Decoded message type: clearActivityLog") isCleared = true;
+            if (line.text.starts_with("Coordinator state reset")) isReset = true;
+        }
+        EXPECT_LE(log.size(), 500u);
+        if (isCleared) {
+            EXPECT_TRUE(log.empty() && recordsLeft == leftBefore);
+            return;
+        }
+        const auto first = log.empty() ? before.end() : std::ranges::find(before, log.front());
+        const auto kept = static_cast<std::size_t>(before.end() - first);
+        EXPECT_TRUE(std::equal(first, before.end(), log.begin()));
+        EXPECT_TRUE(kept == before.size() || log.size() == 500) << "entries are gone";
+        EXPECT_EQ(log.size() - kept + recordsLeft.size(),
+                  recorded + (isReset ? 0 : leftBefore.size()));
+    }
+
+    // A write that works leaves the whole list, one that fails the file as it was.
+    void checkLogFile(const std::vector<LogLine>& lines) {
+        const auto writes =
+            world.files.count(platform::simulated::FileOperation::writeAtomically, activityLogFile);
+        const bool hasWritten = std::exchange(writesSeen, writes) != writes;
+        if (!hasWritten || std::ranges::any_of(lines, [](const LogLine& line) {
+                return line.format.starts_with("Failed to write activity log file");
+            }))
+            return;
+        const auto file = ActivityLogResponseIPC::decode(*world.files.contents(activityLogFile));
+        ASSERT_TRUE(std::holds_alternative<ActivityLogResponseIPC>(file));
+        const auto& entries = std::get<ActivityLogResponseIPC>(file).entries;
+        EXPECT_TRUE(std::ranges::equal(entries, log, {}, &ActivityLogEntryIPC::id));
+    }
+
+    static const std::set<std::string>& recordingFormats() {
+        static const std::set<std::string> formats{
+            "DIRECT path: bundleId=%{public}s dest=%{public}s:%{public}s handled=%{bool}d "
+            "interface=%{public}s",
+            "VPN path: bundleId=%{public}s dest=%{public}s:%{public}s vpnConnected=%{bool}d (OS "
+            "handles)",
+            "BLOCK: %{public}s %s -> %{public}s:%s", "VPN BLOCK: %{public}s %s -> %{public}s:%s",
+            "QUIC BLOCK (deferred): %{public}s -> %{public}s:443"};
+        return formats;
+    }
+
+    World& world;
+    std::map<std::int64_t, std::weak_ptr<ProxySession>> known;
+    std::set<std::int64_t> taken;
+    ProxyProbe::Shared pushed;
+    std::vector<UUID> log, recordsLeft;
+    std::size_t writesSeen = 0;
+};
+
+// A mixture of everything that can happen, drawn from the seed.
+class Mixture {
+public:
+    explicit Mixture(World& simulated) : world(simulated), invariants(simulated) {
+        for (const auto* name : {"A", "B", "C"})
+            apps.push_back(world.application(name, std::string("com.example.") + name));
+        apps.push_back(world.process(
+            {.path = "/bin/tool", .parent = apps[0].pid, .signingIdentifier = "tool"}));
+        apps.push_back(world.process(
+            {.path = "/sbin/daemon", .effectiveUserId = 0, .signingIdentifier = "daemon"}));
+        world.peer("h", 1).echoes();
+        world.peer("h", 2).isUnreachable();
+        world.peer("h", 3).waits(2);
+        world.files.failAtRandom(20);
+        world.scheduler.setLatency(0.3);
+        world.afterEachEvent([this] { invariants.check(); });
+        world.files.put(rulesFile, anyFile());
+        world.preferences.setProviderConfiguration(anyRules());
+        world.setPath({{"en0", NWInterface::InterfaceType::wifi}});
+        world.startFilter();
+        world.runUntilIdle();
+        start();
+    }
+
+    void step() {
+        switch (world.draw(17)) {
+            case 0:
+            case 1:
+                world.files.put(rulesFile, anyFile());
+                world.post(rulesChanged);
+                break;
+            case 2:
+                world.setPath(anyPath());
+                break;
+            case 3:
+                EXPECT_TRUE(world.message(anyMessage()).hasCome());
+                break;
+            case 4:
+                world.providers.proxySettings.script({refused});
+                break;
+            case 5:
+                EXPECT_TRUE(world.sleep().hasCome());
+                world.wake();
+                break;
+            case 6:
+                if (world.draw(4) != 0) break;
+                stop();
+                if (world.draw(4) != 0) start();
+                break;
+            case 7:
+                if (world.draw(4) != 0) break;
+                for (int n = 0; n < 200; ++n) openAFlow();
+                break;
+            case 8:
+            case 9:
+                useAFlow();
+                break;
+            default:
+                openAFlow();
+        }
+        invariants.check();
+    }
+
+    // Everything has come to its end, and each claimed flow to one of its own.
+    void finish() {
+        stop();
+        world.runToEnd();
+        for (const auto& start : starts) EXPECT_TRUE(start.hasCome());
+        EXPECT_FALSE(ProxyProbe(*world.proxy()).isFlushing());
+        for (const auto& flow : flows) {
+            EXPECT_LE(flow.record().opens, 1);
+            if (!flow.isClaimed()) continue;
+            EXPECT_TRUE(flow.isClosedOnceCleanly() || flow.isClosedOnceWith(peerReset()));
+        }
+    }
+
+private:
+    void start() {
+        starts.push_back(world.startProxy());
+        isRunning = true;
+        invariants.check();
+    }
+    // From here on new flows pass, and a watched one is dropped at its next byte.
+    void stop() {
+        EXPECT_TRUE(world.stopProxy().hasCome());
+        isRunning = false;
+        invariants.check();
+        for (const auto& flow : flows) {
+            if (!flow.lastOffer().watched() || flow.isEnded()) continue;
+            const auto verdict = world.outbound(flow, "x");
+            EXPECT_TRUE(verdict && verdict->kind == platform::NEFilterDataVerdict::Kind::drop);
+            invariants.check();
+        }
+    }
+
+    std::string anyFile() { return world.draw(10) == 0 ? "not json" : anyRules(); }
+    std::string anyRules() {
+        static constexpr std::array words{"direct", "vpn", "block", "odd"};
+        const auto anyWord = [&] { return std::string(words[world.draw(words.size())]); };
+        const auto flag = [&](const char* name, std::string value) {
+            return world.draw(2) ? std::string(",\"") + name + "\":" + value : std::string();
+        };
+        std::string rules, blocked;
+        for (const auto* name : {"A", "B", "C"}) {
+            if (world.draw(3) != 0)
+                rules += std::string(rules.empty() ? "" : ",") + "\"com.example." + name + "\":\"" +
+                         anyWord() + "\"";
+            if (world.draw(5) == 0)
+                blocked += std::string(blocked.empty() ? "" : ",") + "\"com.example." + name + "\"";
+        }
+        return "{\"rules\":{" + rules + "}" + flag("defaultAction", "\"" + anyWord() + "\"") +
+               flag("vpnConnected", world.draw(2) ? "true" : "false") +
+               flag("vpnFallback", world.draw(2) ? "\"block\"" : "\"allow\"") +
+               flag("directFallback", world.draw(2) ? "\"block\"" : "\"vpn\"") +
+               ",\"blockedApps\":[" + blocked + "]}";
+    }
+    const char* anyMessage() {
+        return std::array{R"({"type":"getStatus"})", R"({"type":"getActiveApps"})",
+                          R"({"type":"clearActivityLog"})",
+                          R"({"type":"reload","rules":{"com.example.A":"direct"}})",
+                          "nonsense"}[world.draw(5)];
+    }
+    std::vector<NWInterface> anyPath() {
+        if (world.draw(3) == 0) return {{"utun0", NWInterface::InterfaceType::other}};
+        return {{world.draw(2) ? "en0" : "en1", NWInterface::InterfaceType::wifi}};
+    }
+    void openAFlow() {
+        const auto& app = apps[world.draw(apps.size())];
+        auto flow = world.flow(
+            {.kind = world.draw(4) ? FlowDescription::Kind::tcp : FlowDescription::Kind::udp,
+             .remoteEndpoint =
+                 NWHostEndpoint{"h", std::array{"1", "2", "3", "4", "53", "443"}[world.draw(6)]},
+             .signingIdentifier = app.signingIdentifier,
+             .auditToken = app.auditToken()});
+        if (world.draw(10) == 0) flow.failsOpening(refused);
+        if (world.draw(10) == 0) flow.opensAfter(static_cast<double>(world.draw(20)));
+        const auto offer = world.offer(flow);
+        EXPECT_TRUE(isRunning || offer.allowed());
+        flows.push_back(flow);
+        invariants.check();
+    }
+    void useAFlow() {
+        if (flows.empty()) return;
+        auto flow = flows[world.draw(flows.size())];
+        switch (world.draw(4)) {
+            case 0:
+                return flow.endsSending();
+            case 1:
+                return flow.fails(refused);
+            default:
+                return flow.sends(std::string(world.draw(5000) + 1, 'x'));
+        }
+    }
+
+    World& world;
+    Invariants invariants;
+    std::vector<Process> apps;
+    std::vector<Flow> flows;
+    std::vector<platform::simulated::Outcome> starts;
+    bool isRunning = false;
+};
+
+TEST(ProxyExploration, RandomStoriesKeepTheirInvariants) {
+    EXPECT_TRUE(holdsForSeeds(500, [](World& world) {
+        Mixture mixture(world);
+        for (int step = 0; step < 80 && !testing::Test::HasFailure(); ++step) {
+            mixture.step();
+            if (world.draw(2) == 0) world.runUntilIdle();
+            if (world.draw(4) == 0) world.advance(static_cast<double>(world.draw(40)) / 10);
+        }
+        mixture.finish();
+    }));
+}
+
+// Flows, messages, notifications, path updates and timers that really overlap; for the thread sanitizer
+// above all.
+TEST(ProxyExploration, EverythingAtOnceOnThreads) {
+    EXPECT_TRUE(holdsForSeeds(
+        20,
+        [](World& world) {
+            std::vector<Process> apps;
+            for (const auto* name : {"A", "B", "C"})
+                apps.push_back(world.application(name, std::string("com.example.") + name));
+            world.peer("h", 1).echoes();
+            world.setPath({{"en0", NWInterface::InterfaceType::wifi}});
+            world.files.put(rulesFile, R"({"rules":{"com.example.A":"direct"}})");
+            ASSERT_TRUE(world.start());
+            std::vector<Flow> flows;
+            for (int n = 0; n < 300; ++n) {
+                const auto& app = apps[world.draw(apps.size())];
+                flows.push_back(world.flow({.remoteEndpoint = NWHostEndpoint{"h", "1"},
+                                            .signingIdentifier = app.signingIdentifier,
+                                            .auditToken = app.auditToken()}));
+                world.later(
+                    [&world, flow = flows.back()]() mutable {
+                        world.offer(flow);
+                        flow.sends("hello");
+                    },
+                    n / 50.0);
+            }
+            for (int n = 0; n < 60; ++n)
+                world.later(
+                    [&world, n] {
+                        const std::string word = n % 3 == 0 ? "direct" : "vpn";
+                        const std::string blocked = n % 4 == 0 ? "\"com.example.B\"" : "";
+                        world.files.put(rulesFile, R"({"rules":{"com.example.A":")" + word +
+                                                       R"("},"blockedApps":[)" + blocked + "]}");
+                        world.post(rulesChanged);
+                        world.message(R"({"type":"getActiveApps"})");
+                        if (n % 7 == 0) world.message(R"({"type":"clearActivityLog"})");
+                        if (n % 9 == 0) world.wake();
+                        if (n % 5 == 0) world.setPath({});
+                        if (n % 5 == 1) world.setPath({{"en0", NWInterface::InterfaceType::wifi}});
+                    },
+                    n / 10.0);
+            world.runUntilIdle();
+            world.stopProxy();
+            world.runToEnd();
+            const ProxyProbe proxy(*world.proxy());
+            EXPECT_EQ(proxy.sessions(), 0u);
+            for (const auto& flow : flows) {
+                if (!flow.isClaimed()) continue;
+                EXPECT_TRUE(flow.isClosedOnceCleanly() || flow.isClosedOnceWith(peerReset()));
+            }
+        },
+        {.order = Order::threads}));
+}
+
+}  // namespace
+}  // namespace vantry

@@ -1,0 +1,408 @@
+// Whole stories of starts and stops, of sleep and wake, and of what the host application asks for.
+
+#include "Tests/Extension/StoryTest.h"
+
+namespace vantry {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+class LifecycleStory : public StoryTest {};
+
+TEST_F(LifecycleStory, AFirstStartWithoutAnySource) {
+    world.setPath({{"utun0", Interface::InterfaceType::other}});
+    EXPECT_TRUE(world.start());
+    EXPECT_TRUE(happened(R"(
+        filter info  Filter provider started
+        proxy  info  startProxy() called (invocation #1)
+        proxy  info  Starting transparent proxy...
+        proxy  error No providerConfiguration available
+        proxy  debug Reading rules from: /tmp/org.quillmere.Vantry.rules.json
+        proxy  debug No rules file found at /tmp/org.quillmere.Vantry.rules.json
+        proxy  debug Initial rules after startProxy load (0 rules):
+        proxy  info  Registered for Darwin rules-changed notification
+        filter info  Filter settings applied (default: filterData)
+        proxy  error No physical interface found
+        proxy  info  Transparent proxy started with 0 rules
+    )"));
+    EXPECT_EQ(state(), "watched [] blocked [] vpn up allow, no state received, 0 sessions");
+    const auto flow = open(mail);
+    EXPECT_TRUE(happened(R"(
+        proxy  debug First flow handled at 1767225600.000 app=acme.mail
+        proxy  info  TCP flow: acme.mail, decision: vpn
+        proxy  debug   -> h:443
+        proxy  debug VPN path: bundleId=acme.mail dest=h:443 vpnConnected=true (OS handles)
+    )"));
+    EXPECT_EQ(fate(flow), "declined, passing");
+    EXPECT_EQ(recorded(), Lines{"acme.mail vpn vpn 10.8.0.2 h:443 tcp vpn"});
+    EXPECT_EQ(world.files.permissions(activityLogFile), 0644);
+    EXPECT_FALSE(world.files.exists(rulesFile));
+
+    EXPECT_TRUE(world.stopProxy(platform::NEProviderStopReason::none).hasCome());
+    EXPECT_TRUE(happened(R"(
+        proxy  info  [STOP] stopProxy() entered, reason: 0
+        proxy  info  [STOP] Darwin observer removed
+        proxy  info  [STOP] Collected 0 sessions to cancel
+        proxy  info  [STOP] All sessions cancelled
+        shared info  Coordinator state reset (proxy stopped)
+        proxy  info  [STOP] Coordinator state reset — filter now fail-open
+        proxy  info  [STOP] stopProxy() completionHandler called — shutdown complete
+    )"));
+    EXPECT_EQ(world.network.monitors().cancelled, 1);
+}
+
+// What was brought up stays up: the platform hears of the failure, and rules go on being followed.
+TEST_F(LifecycleStory, AStartWhoseSettingsFailUndoesNothing) {
+    const platform::NSError refused{"test", 5, "not allowed"};
+    world.providers.proxySettings.script({refused, refused});
+    rules = {.word = "vpn"};
+    putRules(rules.document());
+    const auto failed = world.startProxy();
+    EXPECT_FALSE(failed.hasCome());
+    world.runUntilIdle();
+    EXPECT_EQ(failed.error(), refused);
+    EXPECT_TRUE(happened(startOfProxy(1) + R"(
+        proxy  info  Physical interface detected: en0 (wifi)
+        proxy  error Failed to set proxy settings: not allowed
+    )"));
+    EXPECT_TRUE(rulesBecome({.word = "vpn", .isVpnUp = false}, 0, nothingLeavesDirect()));
+    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn down allow, 0 sessions");
+    // The platform gets its answer also when the provider has gone meanwhile.
+    const auto orphaned = world.startProxy();
+    world.providers.letGoOfProxy();
+    world.takeLog();
+    world.runUntilIdle();
+    EXPECT_EQ(orphaned.error(), refused);
+    EXPECT_TRUE(happened(""));
+}
+
+// The file wins for every key that it carries. Its load takes the configuration's blocked list along;
+// the first notification takes blocked applications from the watched ones, here without any file.
+TEST_F(LifecycleStory, AStartWhereFileAndConfigurationDisagree) {
+    world.preferences.setProviderConfiguration(
+        R"({"rules":{"acme.mail":"direct"},"defaultAction":"direct","vpnFallback":"block",
+            "directFallback":"block","vpnConnected":true,"blockedApps":["acme.chat"]})");
+    world.preferences.setTunnelProviders({"acme.tunnel.provider"});
+    putRules(
+        R"({"rules":{"acme.mail":"vpn","acme.chat":"vpn"},"directFallback":"vpn","vpnConnected":false})");
+    EXPECT_TRUE(world.start());
+    EXPECT_TRUE(happened(R"(
+        filter info  Filter provider started
+        proxy  info  startProxy() called (invocation #1)
+        proxy  info  Starting transparent proxy...
+        shared info  VPN state updated: connected=true fallback=block firstInit=true
+        proxy  info  Loaded 1 routing rules from config, default: direct, blocked: 1
+        proxy  info  Fallback settings from config: vpn=block, direct=block
+        proxy  debug Reading rules from: /tmp/org.quillmere.Vantry.rules.json
+        proxy  debug Raw file contents (91 bytes): {"rules":{"acme.mail":"vpn","acme.chat":"vpn"},"directFallback":"vpn","vpnConnected":false}
+        shared info  VPN state updated: connected=false fallback=block firstInit=false
+        shared info  Blocked apps updated: +1 -0 total=1
+        proxy  debug Loaded rules from shared file: 1 -> 2, default: direct, blocked: 1
+        proxy  debug Fallback settings: vpn=block, direct=vpn, vpnConnected=false
+        proxy  debug Rule: acme.chat -> vpn
+        proxy  debug Rule: acme.mail -> vpn
+        proxy  debug Initial rules after startProxy load (2 rules):
+        proxy  debug Startup rule: acme.chat -> vpn
+        proxy  debug Startup rule: acme.mail -> vpn
+        proxy  info  Registered for Darwin rules-changed notification
+        shared info  Monitoring updated: +2 -0 total=2
+        filter info  Filter settings applied (default: filterData)
+        proxy  info  Discovered VPN client: acme.tunnel
+        proxy  info  Physical interface detected: en0 (wifi)
+        proxy  info  Transparent proxy started with 2 rules
+    )"));
+    EXPECT_EQ(state(),
+              "watched [acme.chat acme.mail] blocked [acme.chat] vpn down block, 0 sessions");
+    EXPECT_EQ(world.files.count(platform::simulated::FileOperation::read, rulesFile), 1u);
+
+    const auto held = open(mail);
+    const auto blocked = open(world.application("Chat", "acme.chat"));
+    const auto tunnel = open(world.application("Tunnel", "acme.tunnel"));
+    const auto direct = open(world.application("News", "acme.news"));
+    EXPECT_TRUE(happened(R"(
+        proxy  debug First flow handled at 1767225600.000 app=acme.mail
+        proxy  info  TCP flow: acme.mail, decision: vpn
+        proxy  debug   -> h:443
+        proxy  error VPN fallback BLOCK (filter-enforced): acme.mail -> h:443
+        filter info  VPN BLOCK: acme.mail TCP -> h:443
+        proxy  info  BLOCK (filter-enforced): acme.chat TCP -> h:443
+        filter info  BLOCK: acme.chat TCP -> h:443
+        proxy  debug Protected VPN client, passing through: acme.tunnel
+        proxy  info  TCP flow: acme.news, decision: direct
+        proxy  debug   -> h:443
+        proxy  debug Binding to interface: en0
+        proxy  debug Direct proxy binding to en0 for acme.news -> h:443
+        proxy  debug remoteEndpoint: h type=hostname interface=en0
+        proxy  debug Session created: sid=1 flowHash=<any> bundleId=acme.news totalSessions=1
+        proxy  debug DIRECT path: bundleId=acme.news dest=h:443 handled=true interface=en0
+        proxy  debug sid=1 Connection ready, starting relay
+    )"));
+    EXPECT_EQ(fate(held), "declined, dropped");
+    EXPECT_EQ(fate(blocked), "declined, dropped");
+    EXPECT_EQ(fate(tunnel), "declined, passing");
+    EXPECT_EQ(fate(direct), "claimed, open");
+    EXPECT_EQ(recorded(), (Lines{"acme.news direct direct 10.0.0.2 h:443 tcp no vpn",
+                                 "acme.mail vpn blocked - h:443 tcp no vpn",
+                                 "acme.chat block blocked - h:443 tcp no vpn"}));
+
+    world.files.remove(rulesFile);
+    world.post(rulesChanged);
+    world.runUntilIdle();
+    EXPECT_TRUE(happened(R"(
+        proxy  debug Received rules-changed Darwin notification
+        proxy  debug Current routingRules.count BEFORE reload: 2
+        proxy  debug Old rule: acme.chat -> vpn
+        proxy  debug Old rule: acme.mail -> vpn
+        proxy  debug Reading rules from: /tmp/org.quillmere.Vantry.rules.json
+        proxy  debug No rules file found at /tmp/org.quillmere.Vantry.rules.json
+        proxy  debug Rules identical after reload: true
+        proxy  debug routingRules.count AFTER reload: 2
+        proxy  debug Active proxy sessions at notification time: 1
+        proxy  debug killSessionsForChangedRules: oldRules=2 newRules=2
+        proxy  debug Comparing acme.chat: old=vpn new=vpn
+        proxy  debug Comparing acme.mail: old=vpn new=vpn
+        proxy  debug changedBundleIds count (direct->vpn): 0
+        proxy  debug No direct->vpn rule changes detected, skipping session kill
+        shared info  Monitoring updated: +0 -1 total=1
+    )"));
+    EXPECT_EQ(state(), "watched [acme.mail] blocked [acme.chat] vpn down block, 1 session");
+    EXPECT_EQ(settingsCalls(), 1u);
+}
+
+TEST_F(LifecycleStory, AStopWithSessionsAndStaggeredKillsPendingAndThenANewStart) {
+    EXPECT_TRUE(begin({.word = "direct"}));
+    const std::vector<Flow> killed{open(mail), open(mail), open(mail)};
+    EXPECT_TRUE(happened(firstFlow() + relayed(1, 1) + relayed(2, 2) + relayed(3, 3)));
+    EXPECT_TRUE(rulesBecome({.word = "vpn"}, 3, R"(
+        proxy  debug CHANGE direct->vpn: acme.mail
+        proxy  debug changedBundleIds count (direct->vpn): 1
+        proxy  debug activeSessions.count: 3
+        proxy  debug Evaluating session sid=1 flowHash=<any>: bundleId=acme.mail shouldKill=true
+        proxy  debug Evaluating session sid=2 flowHash=<any>: bundleId=acme.mail shouldKill=true
+        proxy  debug Evaluating session sid=3 flowHash=<any>: bundleId=acme.mail shouldKill=true
+        proxy  debug Scheduling graceful kill: sid=<any> bundleId=acme.mail delay=0ms
+        proxy  debug Scheduling graceful kill: sid=<any> bundleId=acme.mail delay=50ms
+        proxy  debug Scheduling graceful kill: sid=<any> bundleId=acme.mail delay=100ms
+        proxy  info  Gracefully killed 3 proxy sessions for 1 changed rules
+        shared info  Monitoring updated: +1 -0 total=1
+        )" + ended("<any>", 0)));
+    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn up allow, 0 sessions");
+    const auto watched = open(mail);
+    EXPECT_TRUE(happened(leftToTheSystem("acme.mail") + "filter debug MONITORING flow: acme.mail"));
+    EXPECT_TRUE(rulesBecome({.word = "direct"}, 0, R"(
+        proxy  debug CHANGE vpn->direct: acme.mail
+        )" + nothingLeavesDirect() + R"(
+        proxy  debug Flushing declined flows: adding sentinel rule
+        shared info  Monitoring updated: +0 -1 total=0
+        )" + flushed()));
+    const auto kept = open(mail);
+    EXPECT_TRUE(happened(relayed(4, 1)));
+
+    EXPECT_TRUE(world.stopProxy().hasCome());
+    EXPECT_TRUE(happened(R"(
+        proxy  info  [STOP] stopProxy() entered, reason: 1
+        proxy  info  [STOP] Darwin observer removed
+        proxy  info  [STOP] Collected 1 sessions to cancel
+        )" + ended("4", 0) +
+                         R"(
+        proxy  info  [STOP] All sessions cancelled
+        shared info  Coordinator state reset (proxy stopped)
+        proxy  info  [STOP] Coordinator state reset — filter now fail-open
+        proxy  info  [STOP] stopProxy() completionHandler called — shutdown complete
+    )"));
+    EXPECT_EQ(state(), "watched [] blocked [] vpn up allow, no state received, 0 sessions");
+    EXPECT_EQ(world.network.monitorsAtWork(), 0u);
+    changeRules("nobody hears of it");
+    sendsAByte(watched);
+    EXPECT_TRUE(happened("filter info  DROP stale VPN flow: acme.mail offset=0"));
+    EXPECT_EQ(fate(watched), "declined, ended");
+    const auto between = open(mail);
+    EXPECT_EQ(fate(between), "declined, passing");
+    EXPECT_TRUE(happened(""));
+
+    putRules(rules.document());
+    const auto started = world.startProxy();
+    world.runUntilIdle();
+    EXPECT_TRUE(started.succeeded());
+    EXPECT_TRUE(happened(startOfProxy(2) + endOfStart()));
+    const auto fresh = open(mail);
+    EXPECT_TRUE(happened(firstFlow() + relayed(5, 1)));
+    world.advance(0.049);
+    EXPECT_TRUE(happened(""));
+    world.advance(0.002);
+    EXPECT_TRUE(happened(ended("<any>", 1)));
+    world.advance(0.05);
+    EXPECT_TRUE(happened(ended("<any>", 1)));
+    for (const auto& flow : killed) EXPECT_EQ(fate(flow), "claimed, reset");
+    EXPECT_EQ(fate(kept), "claimed, closed");
+    EXPECT_EQ(fate(fresh), "claimed, open");
+    EXPECT_EQ(state(), "watched [] blocked [] vpn up allow, 1 session");
+    const Lines direct(5, "acme.mail direct direct 10.0.0.2 h:443 tcp vpn");
+    auto records = direct;
+    records.insert(records.begin() + 3, "acme.mail vpn vpn 10.8.0.2 h:443 tcp vpn");
+    EXPECT_EQ(recorded(), records);
+}
+
+// The file changes while the machine sleeps, and the notification comes after the wake: in between the
+// configuration's rules stand beside the sets of the old file.
+TEST_F(LifecycleStory, SleepAndWakeAcrossARulesChange) {
+    EXPECT_TRUE(begin({.word = "vpn", .isVpnUp = false, .vpnFallback = "block"}));
+    EXPECT_TRUE(world.sleep().hasCome());
+    EXPECT_TRUE(happened("proxy  info  System sleeping..."));
+    world.preferences.setProviderConfiguration(
+        R"({"rules":{"acme.mail":"direct"},"vpnConnected":true})");
+    putRules(Rules{.word = "vpn"}.document());
+    world.wake();
+    world.runUntilIdle();
+    EXPECT_TRUE(happened(R"(
+        proxy  info  System waking...
+        shared info  VPN state updated: connected=true fallback=block firstInit=false
+        proxy  info  Loaded 1 routing rules from config, default: vpn, blocked: 0
+        proxy  info  Fallback settings from config: vpn=block, direct=block
+        proxy  info  Physical interface detected: en0 (wifi)
+    )"));
+    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn up block, 0 sessions");
+    EXPECT_EQ(settingsCalls(), 1u);
+    EXPECT_EQ(world.network.monitors().letGoWithoutCancel, 1);
+    EXPECT_EQ(world.network.monitors().cancelled, 0);
+    const auto claimed = open(mail);
+    EXPECT_TRUE(
+        happened(firstFlow() + relayed(1, 1, "en0", "filter debug MONITORING flow: acme.mail")));
+
+    rules = {.word = "direct"};  // what the configuration left
+    EXPECT_TRUE(rulesBecome({.word = "vpn"}, 1, R"(
+        proxy  debug CHANGE direct->vpn: acme.mail
+        proxy  debug changedBundleIds count (direct->vpn): 1
+        proxy  debug activeSessions.count: 1
+        proxy  debug Evaluating session sid=1 flowHash=<any>: bundleId=acme.mail shouldKill=true
+        proxy  debug Scheduling graceful kill: sid=1 bundleId=acme.mail delay=0ms
+        proxy  info  Gracefully killed 1 proxy sessions for 1 changed rules
+        )" + ended("1", 0)));
+    EXPECT_EQ(fate(claimed), "claimed, reset");
+    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn up allow, 0 sessions");
+    EXPECT_EQ(recorded(), Lines{"acme.mail direct direct 10.0.0.2 h:443 tcp vpn"});
+
+    world.preferences.setProtocolConfiguration(nullptr);
+    world.wake();
+    world.runUntilIdle();
+    EXPECT_TRUE(happened(R"(
+        proxy  info  System waking...
+        proxy  error No providerConfiguration available
+        proxy  info  Physical interface detected: en0 (wifi)
+    )"));
+}
+
+// A message changes the rules in memory and nothing else: no session ends, no flow is flushed, the
+// filter follows the old file. The file has the last word.
+TEST_F(LifecycleStory, AReloadByMessageAndThenByFile) {
+    EXPECT_TRUE(begin({.word = "vpn"}));
+    EXPECT_EQ(world.message(R"({"type":"reload","rules":{"acme.mail":"direct"}})").text(),
+              R"({"success":{}})");
+    EXPECT_EQ(world.message(R"({"type":"getStatus"})").text(),
+              R"({"isActive":true,"ruleCount":1})");
+    EXPECT_TRUE(happened(R"(
+        proxy  info  Received app message: 48 bytes
+        proxy  info  Decoded message type: reload
+        proxy  info  Reloaded rules via IPC: 1 -> 1, default: vpn
+        proxy  info  Received app message: 20 bytes
+        proxy  info  Decoded message type: getStatus
+    )"));
+    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn up allow, 0 sessions");
+    const auto claimed = open(mail);
+    EXPECT_TRUE(
+        happened(firstFlow() + relayed(1, 1, "en0", "filter debug MONITORING flow: acme.mail")));
+    sendsAByte(claimed);
+    EXPECT_EQ(claimed.received(), "x");
+
+    EXPECT_EQ(world.message(R"({"type":"reload","rules":{},"defaultAction":"odd"})").text(),
+              R"({"success":{}})");
+    EXPECT_EQ(world.message(R"({"type":"reload","defaultAction":"direct"})").text(),
+              R"({"success":{}})");
+    const auto odd = open(mail);
+    EXPECT_TRUE(happened(R"(
+        proxy  info  Received app message: 50 bytes
+        proxy  info  Decoded message type: reload
+        proxy  info  Reloaded rules via IPC: 1 -> 0, default: odd
+        proxy  info  Received app message: 42 bytes
+        proxy  info  Decoded message type: reload
+        proxy  error Reload message had no rules, keeping existing 0 rules
+        proxy  info  TCP flow: acme.mail, decision: odd
+        proxy  debug   -> h:443
+        proxy  debug VPN path: bundleId=acme.mail dest=h:443 vpnConnected=true (OS handles)
+        filter debug MONITORING flow: acme.mail
+    )"));
+    EXPECT_EQ(fate(claimed), "claimed, open");
+    EXPECT_EQ(settingsCalls(), 1u);
+    EXPECT_EQ(world.message(R"({"type":"reload","rules":{"acme.mail":"direct"}})").text(),
+              R"({"success":{}})");
+    world.takeLog();
+
+    rules = {.word = "direct"};  // what the message left
+    EXPECT_TRUE(rulesBecome({.word = "block"}, 1, R"(
+        proxy  debug CHANGE direct->vpn: acme.mail
+        proxy  debug changedBundleIds count (direct->vpn): 1
+        proxy  debug activeSessions.count: 1
+        proxy  debug Evaluating session sid=1 flowHash=<any>: bundleId=acme.mail shouldKill=true
+        proxy  debug Scheduling graceful kill: sid=1 bundleId=acme.mail delay=0ms
+        proxy  info  Gracefully killed 1 proxy sessions for 1 changed rules
+        )" + ended("1", 0)));
+    EXPECT_EQ(fate(claimed), "claimed, reset");
+    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn up allow, 0 sessions");
+    EXPECT_EQ(recorded(), (Lines{"acme.mail direct direct 10.0.0.2 h:443 tcp vpn",
+                                 "acme.mail odd vpn 10.8.0.2 h:443 tcp vpn"}));
+}
+
+// The log grows past its limit while the filter's records wait, joins them at its end, survives a
+// failing write, and is cleared by a message.
+TEST_F(LifecycleStory, TheLogGrowsPastItsLimitWithTheFiltersRecordsDrainingIn) {
+    EXPECT_TRUE(begin({.word = "vpn", .isBlocked = true}));
+    const auto news = world.application("News", "acme.news");
+    const auto readsNews = [&](int port) {
+        open(news, std::to_string(port).c_str());
+        return leftToTheSystem("acme.news", true, "h:" + std::to_string(port));
+    };
+    std::string lines = "proxy  debug First flow handled at 1767225600.000 app=acme.news\n";
+    Lines entries;
+    for (int port = 1; port <= 490; ++port) {
+        lines += readsNews(port);
+        entries.push_back("acme.news vpn vpn 10.8.0.2 h:" + std::to_string(port) + " tcp vpn");
+    }
+    for (int port = 1; port <= 20; ++port) {
+        open(mail, std::to_string(port).c_str());
+        lines += filled(R"(
+            proxy  info  BLOCK (filter-enforced): acme.mail TCP -> h:$port
+            filter info  BLOCK: acme.mail TCP -> h:$port
+            )",
+                        {{"$port", std::to_string(port)}});
+        entries.push_back("acme.mail block blocked - h:" + std::to_string(port) + " tcp no vpn");
+    }
+    EXPECT_TRUE(happened(lines));
+    EXPECT_EQ(logFileEntries().size(), 1u);  // the first is written at once, the others together
+    EXPECT_EQ(ProxyProbe::recordsLeft().size(), 20u);
+    entries.erase(entries.begin(), entries.begin() + 10);
+    EXPECT_EQ(recorded(), entries);
+    EXPECT_EQ(ProxyProbe::recordsLeft().size(), 0u);
+
+    world.files.fail(platform::simulated::FileOperation::writeAtomically, activityLogFile);
+    lines = readsNews(1000);
+    EXPECT_TRUE(happened(filled(lines, {{"proxy  debug VPN path", R"(
+            proxy  error Failed to write activity log file: <any>
+            proxy  debug VPN path)"}})));
+    EXPECT_EQ(recorded(), entries);
+    EXPECT_TRUE(happened(readsNews(1001)));
+    entries.erase(entries.begin(), entries.begin() + 2);
+    entries.emplace_back("acme.news vpn vpn 10.8.0.2 h:1000 tcp vpn");
+    entries.emplace_back("acme.news vpn vpn 10.8.0.2 h:1001 tcp vpn");
+    EXPECT_EQ(recorded(), entries);
+
+    EXPECT_EQ(world.message(R"({"type":"clearActivityLog"})").text(), R"({"success":{}})");
+    EXPECT_FALSE(world.files.exists(activityLogFile));
+    EXPECT_TRUE(happened(R"(
+        proxy  info  Received app message: 27 bytes
+        proxy  info  Decoded message type: clearActivityLog
+    )"));
+    EXPECT_EQ(state(), "watched [acme.mail] blocked [acme.mail] vpn up allow, 0 sessions");
+}
+
+}  // namespace
+}  // namespace vantry
