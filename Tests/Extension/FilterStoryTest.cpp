@@ -1,5 +1,6 @@
 // Random stories of the filter against a model that follows the rules in the plainest way: sets are
-// scanned member by member, and an application is looked up afresh for every answer.
+// scanned member by member, and nothing is kept from one answer to the next. Every verdict, line and
+// record of every kind of flow is compared.
 
 #include <gtest/gtest.h>
 
@@ -7,6 +8,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Extension/FlowKillCoordinator.h"
@@ -18,9 +20,13 @@ namespace {
 using platform::NEFilterDataVerdict;
 using platform::NEFilterNewFlowVerdict;
 using platform::NWHostEndpoint;
+using platform::simulated::debug;
+using platform::simulated::ExpectedLine;
 using platform::simulated::Flow;
 using platform::simulated::FlowDescription;
 using platform::simulated::holdsForSeeds;
+using platform::simulated::info;
+using platform::simulated::linesAre;
 using platform::simulated::Process;
 using platform::simulated::World;
 
@@ -39,13 +45,32 @@ const std::vector<std::string> identifiers{"a",
                                            "com.apple.WebKit.GPU",
                                            "com.apple.Safari"};
 
-// What the coordinator holds, and its answers by scanning.
+// A flow, as far as an answer depends on it.
+struct Asked {
+    std::string bundleId;
+    bool isUDP;
+    bool isSocketFlow;
+    std::optional<std::string> port;  // none: no host endpoint
+
+    std::string label() const { return isUDP ? "UDP" : "TCP"; }
+    // The last part of a line about it.
+    std::string where() const {
+        return label() + " -> " + (port ? "h.example:" + *port : std::string("?:?"));
+    }
+};
+
+// What the coordinator holds, its answers by scanning, and what the filter makes of them: the lines
+// that it logs and the records that it leaves.
 struct Model {
+    using Verdict = NEFilterNewFlowVerdict;
+    using DataVerdict = NEFilterDataVerdict;
+
     std::set<std::string> monitored, blocked;
     std::map<std::string, std::string> parents{{"com.apple.WebKit.GPU", "com.apple.Safari"}};
     bool isConnected = true, hasState = false;
     std::string fallback = "allow";
-    std::size_t records = 0;
+    std::vector<ActivityLogEntryIPC> records = {};
+    std::vector<ExpectedLine> lines = {};
 
     bool matches(const std::set<std::string>& members, const std::string& bundleId) const {
         const auto parent = parents.find(bundleId);
@@ -61,31 +86,65 @@ struct Model {
         return !isConnected && fallback == "block" && monitors(bundleId);
     }
 
-    NEFilterNewFlowVerdict newFlow(const std::string& bundleId, bool isUDP,
-                                   const std::string& port) {
-        if (!hasState && monitors(bundleId)) return NEFilterNewFlowVerdict::dropVerdict();
-        if (blocks(bundleId)) {
-            if (isUDP && port == "53") return NEFilterNewFlowVerdict::allowVerdict();
-            ++records;
-            return NEFilterNewFlowVerdict::dropVerdict();
+    Verdict newFlow(const Asked& flow) {
+        const auto& app = flow.bundleId;
+        if (!hasState && monitors(app)) {
+            lines.push_back(info("DROP (uninitialized): " + app));
+            return Verdict::dropVerdict();
         }
-        if (fallsBack(bundleId)) {
-            if (isUDP && port != "443") return NEFilterNewFlowVerdict::allowVerdict();
-            ++records;
-            return NEFilterNewFlowVerdict::dropVerdict();
+        if (blocks(app)) {
+            if (!flow.isSocketFlow) lines.push_back(info("BLOCK: " + app + " (non-socket flow)"));
+            if (!flow.isSocketFlow) return Verdict::dropVerdict();
+            if (flow.isUDP && flow.port == "53") return Verdict::allowVerdict();
+            lines.push_back(info("BLOCK: " + app + " " + flow.where()));
+            leaveRecord(flow, "block");
+            return Verdict::dropVerdict();
         }
-        if (monitors(bundleId)) return NEFilterNewFlowVerdict::filterDataVerdict(false, 0, true, 1);
-        return NEFilterNewFlowVerdict::allowVerdict();
+        if (fallsBack(app)) {
+            if (!flow.isSocketFlow) lines.push_back(info("VPN BLOCK: " + app));
+            if (!flow.isSocketFlow) return Verdict::dropVerdict();
+            if (flow.isUDP && flow.port != "443") return Verdict::allowVerdict();
+            lines.push_back(info("VPN BLOCK: " + app + " " + flow.where()));
+            leaveRecord(flow, "vpn");
+            return Verdict::dropVerdict();
+        }
+        if (!monitors(app)) return Verdict::allowVerdict();
+        lines.push_back(debug("MONITORING flow: " + app));
+        return Verdict::filterDataVerdict(false, 0, true, 1);
     }
-    NEFilterDataVerdict data(const std::string& bundleId, bool isUDP, const std::string& port,
-                             std::size_t length) {
-        if (blocks(bundleId)) return NEFilterDataVerdict::dropVerdict();
-        if (fallsBack(bundleId)) {
-            if (isUDP && port == "443") ++records;
-            return NEFilterDataVerdict::dropVerdict();
+    DataVerdict data(const Asked& flow, std::int64_t offset, std::size_t length) {
+        const auto& app = flow.bundleId;
+        const auto dropped = [&](const std::string& why) {
+            lines.push_back(info(why + ": " + app + " offset=" + std::to_string(offset)));
+            return DataVerdict::dropVerdict();
+        };
+        if (blocks(app)) return dropped("BLOCK DROP (existing flow)");
+        if (fallsBack(app)) {
+            if (!flow.isUDP || !flow.isSocketFlow || flow.port != "443")
+                return dropped("VPN FALLBACK DROP");
+            lines.push_back(info("QUIC BLOCK (deferred): " + app + " -> h.example:443"));
+            leaveRecord(flow, "vpn");
+            return DataVerdict::dropVerdict();
         }
-        if (monitors(bundleId)) return NEFilterDataVerdict::dataVerdict(length, 1);
-        return NEFilterDataVerdict::dropVerdict();
+        if (monitors(app)) return DataVerdict::dataVerdict(length, 1);
+        return dropped("DROP stale VPN flow");
+    }
+    void leaveRecord(const Asked& flow, const char* decision) {
+        if (!flow.port) return;
+        static const std::map<std::string, std::uint16_t> numbers{
+            {"53", 53}, {"443", 443}, {"053", 53}};
+        const auto number = numbers.find(*flow.port);
+        records.push_back(
+            {.id = {},
+             .timestamp = platform::Date::now(),
+             .bundleId = flow.bundleId,
+             .appName = flow.bundleId.substr(flow.bundleId.rfind('.') + 1),
+             .routingDecision = decision,
+             .actualRoute = "blocked",
+             .sourceIp = std::nullopt,
+             .destinationIp = "h.example",
+             .destinationPort = number == numbers.end() ? std::uint16_t{0} : number->second,
+             .protocolType = flow.isUDP ? "udp" : "tcp"});
     }
 };
 
@@ -101,7 +160,9 @@ public:
 
     void play() {
         for (int step = 0; step < 60 && !testing::Test::HasFailure(); ++step) oneStep();
-        EXPECT_EQ(coordinator.drainQuicBlocks().size(), model.records);
+        auto records = coordinator.drainQuicBlocks();
+        for (auto& record : records) record.id = {};  // made at random
+        EXPECT_EQ(records, model.records);
     }
 
 private:
@@ -144,24 +205,33 @@ private:
 
     void askForAFlow() {
         const auto index = world.draw(identifiers.size());
-        const auto& bundleId = identifiers[index];
-        const bool isUDP = world.draw(2) == 0;
-        const std::string port = std::vector{"53", "443", "80"}[world.draw(3)];
-        const Flow flow({.kind = isUDP ? FlowDescription::Kind::udp : FlowDescription::Kind::tcp,
-                         .remoteEndpoint = NWHostEndpoint{"h", port},
-                         .auditToken = processes[index].auditToken()});
+        Asked asked{identifiers[index], world.draw(2) == 0, world.draw(6) != 0, std::nullopt};
+        static const std::vector<std::string> ports{"53", "443", "443", "053", "70000", ""};
+        platform::RemoteEndpoint endpoint = platform::NWOtherEndpoint{};
+        if (const auto port = world.draw(ports.size() + 1); port < ports.size()) {
+            asked.port = ports[port];
+            endpoint = NWHostEndpoint{"h.example", ports[port]};
+        }
+        const Flow flow(
+            {.kind = asked.isUDP ? FlowDescription::Kind::udp : FlowDescription::Kind::tcp,
+             .remoteEndpoint = endpoint,
+             .auditToken = processes[index].auditToken(),
+             .isSocketFlow = asked.isSocketFlow});
         const auto filter = world.filter();
+        world.takeLog();
+        model.lines.clear();
         if (world.draw(2) == 0) {
-            EXPECT_EQ(filter->handleNewFlow(flow.filterFlow()),
-                      model.newFlow(bundleId, isUDP, port))
-                << bundleId;
+            EXPECT_EQ(filter->handleNewFlow(flow.filterFlow()), model.newFlow(asked))
+                << asked.bundleId << " " << asked.where();
         } else {
             const auto length = world.draw(3000);
-            EXPECT_EQ(filter->handleOutboundData(flow.filterFlow(), 0,
+            const auto offset = static_cast<std::int64_t>(world.draw(3000));
+            EXPECT_EQ(filter->handleOutboundData(flow.filterFlow(), offset,
                                                  platform::Data(std::string(length, 'x'))),
-                      model.data(bundleId, isUDP, port, length))
-                << bundleId;
+                      model.data(asked, offset, length))
+                << asked.bundleId << " " << asked.where();
         }
+        EXPECT_TRUE(linesAre(world.takeLog("FlowKillFilter"), model.lines));
     }
 
     World& world;

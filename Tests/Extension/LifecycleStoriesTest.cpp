@@ -5,8 +5,6 @@
 namespace vantry {
 namespace {
 
-using Lines = std::vector<std::string>;
-
 class LifecycleStory : public StoryTest {};
 
 TEST_F(LifecycleStory, AFirstStartWithoutAnySource) {
@@ -25,7 +23,8 @@ TEST_F(LifecycleStory, AFirstStartWithoutAnySource) {
         proxy  error No physical interface found
         proxy  info  Transparent proxy started with 0 rules
     )"));
-    EXPECT_EQ(state(), "watched [] blocked [] vpn up allow, no state received, 0 sessions");
+    EXPECT_EQ(state(),
+              "watched [] blocked [] vpn up allow, no state received, sessions 0, settings 1");
     const auto flow = open(mail);
     EXPECT_TRUE(happened(R"(
         proxy  debug First flow handled at 1767225600.000 app=acme.mail
@@ -33,7 +32,7 @@ TEST_F(LifecycleStory, AFirstStartWithoutAnySource) {
         proxy  debug   -> h:443
         proxy  debug VPN path: bundleId=acme.mail dest=h:443 vpnConnected=true (OS handles)
     )"));
-    EXPECT_EQ(fate(flow), "declined, passing");
+    EXPECT_EQ(fates({flow}), Lines{"declined, passing"});
     EXPECT_EQ(recorded(), Lines{"acme.mail vpn vpn 10.8.0.2 h:443 tcp vpn"});
     EXPECT_EQ(world.files.permissions(activityLogFile), 0644);
     EXPECT_FALSE(world.files.exists(rulesFile));
@@ -66,7 +65,7 @@ TEST_F(LifecycleStory, AStartWhoseSettingsFailUndoesNothing) {
         proxy  error Failed to set proxy settings: not allowed
     )"));
     EXPECT_TRUE(rulesBecome({.word = "vpn", .isVpnUp = false}, 0, nothingLeavesDirect()));
-    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn down allow, 0 sessions");
+    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn down allow, sessions 0, settings 1");
     // The platform gets its answer also when the provider has gone meanwhile.
     const auto orphaned = world.startProxy();
     world.providers.letGoOfProxy();
@@ -111,8 +110,9 @@ TEST_F(LifecycleStory, AStartWhereFileAndConfigurationDisagree) {
         proxy  info  Physical interface detected: en0 (wifi)
         proxy  info  Transparent proxy started with 2 rules
     )"));
-    EXPECT_EQ(state(),
-              "watched [acme.chat acme.mail] blocked [acme.chat] vpn down block, 0 sessions");
+    EXPECT_EQ(
+        state(),
+        "watched [acme.chat acme.mail] blocked [acme.chat] vpn down block, sessions 0, settings 1");
     EXPECT_EQ(world.files.count(platform::simulated::FileOperation::read, rulesFile), 1u);
 
     const auto held = open(mail);
@@ -137,10 +137,9 @@ TEST_F(LifecycleStory, AStartWhereFileAndConfigurationDisagree) {
         proxy  debug DIRECT path: bundleId=acme.news dest=h:443 handled=true interface=en0
         proxy  debug sid=1 Connection ready, starting relay
     )"));
-    EXPECT_EQ(fate(held), "declined, dropped");
-    EXPECT_EQ(fate(blocked), "declined, dropped");
-    EXPECT_EQ(fate(tunnel), "declined, passing");
-    EXPECT_EQ(fate(direct), "claimed, open");
+    EXPECT_EQ(
+        fates({held, blocked, tunnel, direct}),
+        (Lines{"declined, dropped", "declined, dropped", "declined, passing", "claimed, open"}));
     EXPECT_EQ(recorded(), (Lines{"acme.news direct direct 10.0.0.2 h:443 tcp no vpn",
                                  "acme.mail vpn blocked - h:443 tcp no vpn",
                                  "acme.chat block blocked - h:443 tcp no vpn"}));
@@ -165,8 +164,8 @@ TEST_F(LifecycleStory, AStartWhereFileAndConfigurationDisagree) {
         proxy  debug No direct->vpn rule changes detected, skipping session kill
         shared info  Monitoring updated: +0 -1 total=1
     )"));
-    EXPECT_EQ(state(), "watched [acme.mail] blocked [acme.chat] vpn down block, 1 session");
-    EXPECT_EQ(settingsCalls(), 1u);
+    EXPECT_EQ(state(),
+              "watched [acme.mail] blocked [acme.chat] vpn down block, sessions 1, settings 1");
 }
 
 TEST_F(LifecycleStory, AStopWithSessionsAndStaggeredKillsPendingAndThenANewStart) {
@@ -186,7 +185,7 @@ TEST_F(LifecycleStory, AStopWithSessionsAndStaggeredKillsPendingAndThenANewStart
         proxy  info  Gracefully killed 3 proxy sessions for 1 changed rules
         shared info  Monitoring updated: +1 -0 total=1
         )" + ended("<any>", 0)));
-    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn up allow, 0 sessions");
+    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn up allow, sessions 0, settings 1");
     const auto watched = open(mail);
     EXPECT_TRUE(happened(leftToTheSystem("acme.mail") + "filter debug MONITORING flow: acme.mail"));
     EXPECT_TRUE(rulesBecome({.word = "direct"}, 0, R"(
@@ -210,14 +209,15 @@ TEST_F(LifecycleStory, AStopWithSessionsAndStaggeredKillsPendingAndThenANewStart
         proxy  info  [STOP] Coordinator state reset — filter now fail-open
         proxy  info  [STOP] stopProxy() completionHandler called — shutdown complete
     )"));
-    EXPECT_EQ(state(), "watched [] blocked [] vpn up allow, no state received, 0 sessions");
+    EXPECT_EQ(state(),
+              "watched [] blocked [] vpn up allow, no state received, sessions 0, settings 3");
     EXPECT_EQ(world.network.monitorsAtWork(), 0u);
     changeRules("nobody hears of it");
     sendsAByte(watched);
     EXPECT_TRUE(happened("filter info  DROP stale VPN flow: acme.mail offset=0"));
-    EXPECT_EQ(fate(watched), "declined, ended");
+    EXPECT_EQ(fates({watched}), Lines{"declined, ended"});
     const auto between = open(mail);
-    EXPECT_EQ(fate(between), "declined, passing");
+    EXPECT_EQ(fates({between}), Lines{"declined, passing"});
     EXPECT_TRUE(happened(""));
 
     putRules(rules.document());
@@ -233,10 +233,9 @@ TEST_F(LifecycleStory, AStopWithSessionsAndStaggeredKillsPendingAndThenANewStart
     EXPECT_TRUE(happened(ended("<any>", 1)));
     world.advance(0.05);
     EXPECT_TRUE(happened(ended("<any>", 1)));
-    for (const auto& flow : killed) EXPECT_EQ(fate(flow), "claimed, reset");
-    EXPECT_EQ(fate(kept), "claimed, closed");
-    EXPECT_EQ(fate(fresh), "claimed, open");
-    EXPECT_EQ(state(), "watched [] blocked [] vpn up allow, 1 session");
+    EXPECT_EQ(fates(killed), Lines(3, "claimed, reset"));
+    EXPECT_EQ(fates({kept, fresh}), (Lines{"claimed, closed", "claimed, open"}));
+    EXPECT_EQ(state(), "watched [] blocked [] vpn up allow, sessions 1, settings 4");
     const Lines direct(5, "acme.mail direct direct 10.0.0.2 h:443 tcp vpn");
     auto records = direct;
     records.insert(records.begin() + 3, "acme.mail vpn vpn 10.8.0.2 h:443 tcp vpn");
@@ -261,8 +260,7 @@ TEST_F(LifecycleStory, SleepAndWakeAcrossARulesChange) {
         proxy  info  Fallback settings from config: vpn=block, direct=block
         proxy  info  Physical interface detected: en0 (wifi)
     )"));
-    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn up block, 0 sessions");
-    EXPECT_EQ(settingsCalls(), 1u);
+    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn up block, sessions 0, settings 1");
     EXPECT_EQ(world.network.monitors().letGoWithoutCancel, 1);
     EXPECT_EQ(world.network.monitors().cancelled, 0);
     const auto claimed = open(mail);
@@ -278,8 +276,8 @@ TEST_F(LifecycleStory, SleepAndWakeAcrossARulesChange) {
         proxy  debug Scheduling graceful kill: sid=1 bundleId=acme.mail delay=0ms
         proxy  info  Gracefully killed 1 proxy sessions for 1 changed rules
         )" + ended("1", 0)));
-    EXPECT_EQ(fate(claimed), "claimed, reset");
-    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn up allow, 0 sessions");
+    EXPECT_EQ(fates({claimed}), Lines{"claimed, reset"});
+    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn up allow, sessions 0, settings 1");
     EXPECT_EQ(recorded(), Lines{"acme.mail direct direct 10.0.0.2 h:443 tcp vpn"});
 
     world.preferences.setProtocolConfiguration(nullptr);
@@ -307,7 +305,7 @@ TEST_F(LifecycleStory, AReloadByMessageAndThenByFile) {
         proxy  info  Received app message: 20 bytes
         proxy  info  Decoded message type: getStatus
     )"));
-    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn up allow, 0 sessions");
+    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn up allow, sessions 0, settings 1");
     const auto claimed = open(mail);
     EXPECT_TRUE(
         happened(firstFlow() + relayed(1, 1, "en0", "filter debug MONITORING flow: acme.mail")));
@@ -331,8 +329,7 @@ TEST_F(LifecycleStory, AReloadByMessageAndThenByFile) {
         proxy  debug VPN path: bundleId=acme.mail dest=h:443 vpnConnected=true (OS handles)
         filter debug MONITORING flow: acme.mail
     )"));
-    EXPECT_EQ(fate(claimed), "claimed, open");
-    EXPECT_EQ(settingsCalls(), 1u);
+    EXPECT_EQ(fates({claimed}), Lines{"claimed, open"});
     EXPECT_EQ(world.message(R"({"type":"reload","rules":{"acme.mail":"direct"}})").text(),
               R"({"success":{}})");
     world.takeLog();
@@ -346,8 +343,8 @@ TEST_F(LifecycleStory, AReloadByMessageAndThenByFile) {
         proxy  debug Scheduling graceful kill: sid=1 bundleId=acme.mail delay=0ms
         proxy  info  Gracefully killed 1 proxy sessions for 1 changed rules
         )" + ended("1", 0)));
-    EXPECT_EQ(fate(claimed), "claimed, reset");
-    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn up allow, 0 sessions");
+    EXPECT_EQ(fates({claimed}), Lines{"claimed, reset"});
+    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn up allow, sessions 0, settings 1");
     EXPECT_EQ(recorded(), (Lines{"acme.mail direct direct 10.0.0.2 h:443 tcp vpn",
                                  "acme.mail odd vpn 10.8.0.2 h:443 tcp vpn"}));
 }
@@ -401,7 +398,8 @@ TEST_F(LifecycleStory, TheLogGrowsPastItsLimitWithTheFiltersRecordsDrainingIn) {
         proxy  info  Received app message: 27 bytes
         proxy  info  Decoded message type: clearActivityLog
     )"));
-    EXPECT_EQ(state(), "watched [acme.mail] blocked [acme.mail] vpn up allow, 0 sessions");
+    EXPECT_EQ(state(),
+              "watched [acme.mail] blocked [acme.mail] vpn up allow, sessions 0, settings 1");
 }
 
 }  // namespace

@@ -5,8 +5,6 @@
 namespace vantry {
 namespace {
 
-using Lines = std::vector<std::string>;
-
 class RouteStory : public StoryTest {};
 
 TEST_F(RouteStory, AnApplicationIsMovedDirectVpnBlockedUnblockedWithFlowsOpen) {
@@ -23,7 +21,7 @@ TEST_F(RouteStory, AnApplicationIsMovedDirectVpnBlockedUnblockedWithFlowsOpen) {
         proxy  debug DIRECT path: bundleId=acme.mail dest=h:443 handled=true interface=en0
         proxy  debug sid=1 Connection ready, starting relay
     )"));
-    EXPECT_EQ(state(), "watched [] blocked [] vpn up allow, 1 session");
+    EXPECT_EQ(state(), "watched [] blocked [] vpn up allow, sessions 1, settings 1");
     const auto bystander = open(world.application("News", "acme.news"));
     EXPECT_TRUE(happened(leftToTheSystem("acme.news")));
     sendsAByte(direct);
@@ -39,12 +37,12 @@ TEST_F(RouteStory, AnApplicationIsMovedDirectVpnBlockedUnblockedWithFlowsOpen) {
         shared info  Monitoring updated: +1 -0 total=1
         proxy  debug Session ended: sid=1 flowHash=<any> bundleId=acme.mail remainingSessions=0
     )"));
-    EXPECT_EQ(fate(direct), "claimed, reset");
-    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn up allow, 0 sessions");
+    EXPECT_EQ(fates({direct}), Lines{"claimed, reset"});
+    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn up allow, sessions 0, settings 1");
     const auto watched = open(mail);
     EXPECT_TRUE(happened(leftToTheSystem("acme.mail") + "filter debug MONITORING flow: acme.mail"));
     sendsAByte(watched);
-    EXPECT_EQ(fate(watched), "declined, watched");
+    EXPECT_EQ(fates({watched}), Lines{"declined, watched"});
 
     EXPECT_TRUE(rulesBecome({.word = "direct"}, 0, R"(
         proxy  debug CHANGE vpn->direct: acme.mail
@@ -55,14 +53,12 @@ TEST_F(RouteStory, AnApplicationIsMovedDirectVpnBlockedUnblockedWithFlowsOpen) {
         proxy  debug Sentinel applied, removing to restore clean settings...
         proxy  debug Clean settings restored, NECP policy active
     )"));
-    EXPECT_EQ(settingsCalls(), 3u);
     sendsAByte(watched);
     sendsAByte(bystander);  // is shown to both providers once more, and to neither after that
     sendsAByte(bystander);
     EXPECT_TRUE(happened("filter info  DROP stale VPN flow: acme.mail offset=1\n" +
                          leftToTheSystem("acme.news")));
-    EXPECT_EQ(fate(watched), "declined, ended");
-    EXPECT_EQ(fate(bystander), "declined, passing");
+    EXPECT_EQ(fates({watched, bystander}), (Lines{"declined, ended", "declined, passing"}));
     const auto directAgain = open(mail);
     EXPECT_TRUE(happened(relayed(2, 1)));
 
@@ -72,8 +68,8 @@ TEST_F(RouteStory, AnApplicationIsMovedDirectVpnBlockedUnblockedWithFlowsOpen) {
         proxy  info  Block state changed: +1 blocked, -0 unblocked
         proxy  debug Flushing declined flows: adding sentinel rule
         )" + ended("2", 0) + flushed()));
-    EXPECT_EQ(fate(directAgain), "claimed, reset");
-    EXPECT_EQ(state(), "watched [] blocked [acme.mail] vpn up allow, 0 sessions");
+    EXPECT_EQ(fates({directAgain}), Lines{"claimed, reset"});
+    EXPECT_EQ(state(), "watched [] blocked [acme.mail] vpn up allow, sessions 0, settings 5");
     const auto blocked = open(mail);
     const auto dns = open(mail, "53", Kind::udp);
     const auto datagrams = open(mail, "5353", Kind::udp);
@@ -82,19 +78,17 @@ TEST_F(RouteStory, AnApplicationIsMovedDirectVpnBlockedUnblockedWithFlowsOpen) {
         filter info  BLOCK: acme.mail TCP -> h:443
         filter info  BLOCK: acme.mail UDP -> h:5353
     )"));
-    EXPECT_EQ(fate(blocked), "declined, dropped");
-    EXPECT_EQ(fate(dns), "declined, passing");
-    EXPECT_EQ(fate(datagrams), "declined, dropped");
+    EXPECT_EQ(fates({blocked, dns, datagrams}),
+              (Lines{"declined, dropped", "declined, passing", "declined, dropped"}));
 
     EXPECT_TRUE(rulesBecome({.word = "direct"}, 0, nothingLeavesDirect() + R"(
         proxy  info  Block state changed: +0 blocked, -1 unblocked
         proxy  debug Flushing declined flows: adding sentinel rule
         )" + flushed()));
-    EXPECT_EQ(state(), "watched [] blocked [] vpn up allow, 0 sessions");
-    EXPECT_EQ(settingsCalls(), 7u);
+    EXPECT_EQ(state(), "watched [] blocked [] vpn up allow, sessions 0, settings 7");
     const auto last = open(mail);
     EXPECT_TRUE(happened(relayed(3, 1)));
-    EXPECT_EQ(fate(last), "claimed, open");
+    EXPECT_EQ(fates({last}), Lines{"claimed, open"});
     EXPECT_EQ(recorded(), (Lines{"acme.mail direct direct 10.0.0.2 h:443 tcp vpn",
                                  "acme.news vpn vpn 10.8.0.2 h:443 tcp vpn",
                                  "acme.mail vpn vpn 10.8.0.2 h:443 tcp vpn",
@@ -114,17 +108,16 @@ TEST_F(RouteStory, TheVpnFallsAndRisesUnderEachFallback) {
         filter debug MONITORING flow: acme.mail
     )"));
     EXPECT_TRUE(rulesBecome({.word = "vpn", .isVpnUp = false}, 0, nothingLeavesDirect()));
-    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn down allow, 0 sessions");
+    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn down allow, sessions 0, settings 1");
     sendsAByte(stream);
     const auto beside = open(mail);
     EXPECT_TRUE(
         happened(leftToTheSystem("acme.mail", false) + "filter debug MONITORING flow: acme.mail"));
-    EXPECT_EQ(fate(stream), "declined, watched");
-    EXPECT_EQ(fate(beside), "declined, watched");
+    EXPECT_EQ(fates({stream, beside}), (Lines{"declined, watched", "declined, watched"}));
 
     EXPECT_TRUE(rulesBecome({.word = "vpn", .isVpnUp = false, .vpnFallback = "block"}, 0,
                             nothingLeavesDirect()));
-    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn down block, 0 sessions");
+    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn down block, sessions 0, settings 1");
     sendsAByte(stream);
     sendsAByte(quic);
     const auto held = open(mail);
@@ -139,20 +132,16 @@ TEST_F(RouteStory, TheVpnFallsAndRisesUnderEachFallback) {
         filter info  VPN BLOCK: acme.mail TCP -> h:443
         filter info  VPN BLOCK: acme.mail UDP -> h:443
     )"));
-    EXPECT_EQ(fate(stream), "declined, ended");
-    EXPECT_EQ(fate(quic), "declined, ended");
-    EXPECT_EQ(fate(held), "declined, dropped");
-    EXPECT_EQ(fate(dns), "declined, passing");
-    EXPECT_EQ(fate(heldQuic), "declined, dropped");
+    EXPECT_EQ(fates({stream, quic, held, dns, heldQuic}),
+              (Lines{"declined, ended", "declined, ended", "declined, dropped", "declined, passing",
+                     "declined, dropped"}));
 
     EXPECT_TRUE(rulesBecome({.word = "vpn", .vpnFallback = "block"}, 0, nothingLeavesDirect()));
-    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn up block, 0 sessions");
+    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn up block, sessions 0, settings 1");
     sendsAByte(beside);
     const auto again = open(mail);
     EXPECT_TRUE(happened(leftToTheSystem("acme.mail") + "filter debug MONITORING flow: acme.mail"));
-    EXPECT_EQ(fate(beside), "declined, watched");
-    EXPECT_EQ(fate(again), "declined, watched");
-    EXPECT_EQ(settingsCalls(), 1u);
+    EXPECT_EQ(fates({beside, again}), (Lines{"declined, watched", "declined, watched"}));
     EXPECT_EQ(recorded(), (Lines{"acme.mail vpn vpn 10.8.0.2 h:443 tcp vpn",
                                  "acme.mail vpn direct 10.0.0.2 h:443 tcp no vpn",
                                  "acme.mail vpn vpn 10.8.0.2 h:443 tcp vpn",
@@ -177,7 +166,7 @@ TEST_F(RouteStory, TheInterfaceIsLostAndFound) {
         proxy  error No physical interface, BLOCKING direct flow per fallback setting: acme.mail
         proxy  debug DIRECT path: bundleId=acme.mail dest=h:443 handled=true interface=none
     )"));
-    EXPECT_EQ(fate(closed), "claimed, closed");
+    EXPECT_EQ(fates({closed}), Lines{"claimed, closed"});
     EXPECT_FALSE(world.files.exists("/container/connection_failures.json"));
 
     EXPECT_TRUE(rulesBecome({.word = "direct", .directFallback = "vpn"}, 1, nothingLeavesDirect()));
@@ -195,7 +184,7 @@ TEST_F(RouteStory, TheInterfaceIsLostAndFound) {
         happened(filled(elsewhere,
                         {{"$notice", "proxy  error Direct connection failed for acme.mail -> h"}}) +
                  filled(elsewhere, {{"$notice", ""}})));
-    EXPECT_EQ(fate(declined), "declined, passing");
+    EXPECT_EQ(fates({declined}), Lines{"declined, passing"});
     EXPECT_EQ(world.files.contents("/container/connection_failures.json"),
               R"([{"bundleId":"acme.mail","host":"h","timestamp":"2026-01-01T00:00:00Z"}])");
 
@@ -207,9 +196,8 @@ TEST_F(RouteStory, TheInterfaceIsLostAndFound) {
     EXPECT_EQ(world.network.connections().back()->requiredInterface()->name(), "en1");
     sendsAByte(before);  // stays on the interface that it was built with
     EXPECT_EQ(before.received(), "x");
-    EXPECT_EQ(fate(after), "claimed, open");
-    EXPECT_EQ(state(), "watched [] blocked [] vpn up allow, 2 sessions");
-    EXPECT_EQ(settingsCalls(), 1u);
+    EXPECT_EQ(fates({after}), Lines{"claimed, open"});
+    EXPECT_EQ(state(), "watched [] blocked [] vpn up allow, sessions 2, settings 1");
     EXPECT_EQ(recorded(), (Lines{"acme.mail direct direct 10.0.0.2 h:443 tcp vpn",
                                  "acme.mail direct direct - h:443 tcp vpn",
                                  "acme.mail direct vpn 10.8.0.2 h:443 tcp vpn",

@@ -5,7 +5,8 @@
 //     EXPECT_TRUE(happened(R"(
 //         proxy  info  System sleeping...
 //     )"));
-//     EXPECT_EQ(state(), "watched [] blocked [] vpn up allow, 1 session");
+//     EXPECT_EQ(state(), "watched [] blocked [] vpn up allow, sessions 1, settings 1");
+//     EXPECT_EQ(fates({flow}), Lines{"claimed, open"});
 //
 // A line says who logs it, at which level, and the text from the sixth place behind the level's first
 // letter on; "<any>" stands for any run of characters. The order of the rules in a table and of the
@@ -13,6 +14,7 @@
 #pragma once
 
 #include <algorithm>
+#include <map>
 #include <set>
 #include <string>
 #include <string_view>
@@ -23,6 +25,8 @@
 #include "Tests/Extension/TransparentProxyProvider/ProxyTest.h"
 
 namespace vantry {
+
+using Lines = std::vector<std::string>;
 
 // A rules file of a story: one rule, for "acme.mail", and all other keys.
 struct Rules {
@@ -52,15 +56,16 @@ protected:
         world.peer("h", 443).echoes();
     }
 
-    testing::AssertionResult happened(std::string_view lines) {
+    testing::AssertionResult happened(std::string_view text) {
         auto actual = world.takeLog();
         for (auto from = actual.begin(); from != actual.end();) {
             const auto isOther = [&](const auto& line) { return line.format != from->format; };
             const auto to = std::find_if(from, actual.end(), isOther);
-            if (unordered().contains(from->format)) std::ranges::sort(from, to, {}, textOf);
+            if (unordered().contains(from->format))
+                std::ranges::sort(from, to, {}, &platform::simulated::LogLine::text);
             from = to;
         }
-        return platform::simulated::linesAre(actual, parsed(lines));
+        return platform::simulated::linesAre(actual, parsed(text));
     }
 
     // Acts.
@@ -198,7 +203,6 @@ protected:
 
     std::string state() {
         const auto shared = ProxyProbe::shared();
-        const auto sessions = ProxyProbe(*world.proxy()).sessions();
         const auto listed = [](const std::set<std::string>& members) {
             std::string text;
             for (const auto& member : members) text += (text.empty() ? "" : " ") + member;
@@ -206,21 +210,17 @@ protected:
         };
         return "watched " + listed(shared.watched) + " blocked " + listed(shared.blocked) +
                (shared.isVpnConnected ? " vpn up " : " vpn down ") + shared.vpnFallback +
-               (shared.isInitialized ? "" : ", no state received") + ", " +
-               std::to_string(sessions) + (sessions == 1 ? " session" : " sessions");
+               (shared.isInitialized ? "" : ", no state received") + ", sessions " +
+               std::to_string(ProxyProbe(*world.proxy()).sessions()) + ", settings " +
+               std::to_string(world.providers.proxySettings.calls().size());
     }
-    // What became of a flow.
-    static std::string fate(const Flow& flow) {
-        if (flow.isClaimed()) {
-            const bool isDropped = flow.lastOffer().dropped();
-            if (isDropped) return "claimed, dropped";
-            if (flow.isClosedOnceWith(peerReset())) return "claimed, reset";
-            if (flow.isClosedOnceCleanly()) return "claimed, closed";
-            return flow.isClosed() ? "claimed, closed in an odd way" : "claimed, open";
-        }
-        if (flow.lastOffer().dropped()) return "declined, dropped";
-        if (flow.isEnded()) return "declined, ended";
-        return flow.lastOffer().watched() ? "declined, watched" : "declined, passing";
+    // What became of flows.
+    static std::vector<std::string> fates(const std::vector<Flow>& flows) {
+        std::vector<std::string> texts;
+        for (const auto& flow : flows)
+            texts.push_back(flow.isClaimed() ? "claimed, " + fateOfClaimed(flow)
+                                             : "declined, " + fateOfDeclined(flow));
+        return texts;
     }
     // The records of the log file, once a write that is due has been made.
     std::vector<std::string> recorded() {
@@ -235,12 +235,21 @@ protected:
                             (entry.isVpnConnected ? " vpn" : " no vpn"));
         return lines;
     }
-    std::size_t settingsCalls() const { return world.providers.proxySettings.calls().size(); }
 
     const Process mail = world.application("Mail", "acme.mail");
     Rules rules;  // in force
 
 private:
+    static std::string fateOfClaimed(const Flow& flow) {
+        if (flow.isClosedOnceWith(peerReset())) return "reset";
+        if (flow.isClosedOnceCleanly()) return "closed";
+        return flow.isClosed() ? "closed in an odd way" : "open";
+    }
+    static std::string fateOfDeclined(const Flow& flow) {
+        if (flow.lastOffer().dropped()) return "dropped";
+        if (flow.isEnded()) return "ended";
+        return flow.lastOffer().watched() ? "watched" : "passing";
+    }
     // The load of the file in force.
     std::string loadOfFile(bool wasBlocked, const std::string& oldCount,
                            const std::string& isFirst) const {
@@ -276,26 +285,27 @@ private:
             "Evaluating session sid=%ld flowHash=%ld: bundleId=%{public}s shouldKill=%{bool}d"};
         return formats;
     }
-    static const std::string& textOf(const platform::simulated::LogLine& line) { return line.text; }
-    static std::vector<ExpectedLine> parsed(std::string_view lines) {
-        std::vector<ExpectedLine> expected;
-        while (!lines.empty()) {
-            auto line = lines.substr(0, lines.find('\n'));
-            lines.remove_prefix(std::min(line.size() + 1, lines.size()));
+    static std::vector<ExpectedLine> parsed(std::string_view text) {
+        static const std::map<std::string_view, std::string> categories{
+            {"proxy", proxyCategory},
+            {"filter", "FlowKillFilter"},
+            {"shared", "FlowKillCoordinator"}};
+        static const std::map<std::string_view, platform::LogLevel> levels{
+            {"debug", platform::LogLevel::debug},
+            {"info ", platform::LogLevel::info},
+            {"error", platform::LogLevel::error}};
+        std::vector<ExpectedLine> lines;
+        while (!text.empty()) {
+            auto line = text.substr(0, text.find('\n'));
+            text.remove_prefix(std::min(line.size() + 1, text.size()));
             line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
             if (line.empty()) continue;
             const auto who = line.substr(0, line.find(' '));
             line.remove_prefix(line.find_first_not_of(' ', who.size()));
-            using platform::LogLevel;
-            const auto level = line.starts_with("debug")  ? LogLevel::debug
-                               : line.starts_with("info") ? LogLevel::info
-                                                          : LogLevel::error;
-            expected.push_back({level, std::string(line.substr(6)),
-                                who == "proxy"    ? proxyCategory
-                                : who == "filter" ? "FlowKillFilter"
-                                                  : "FlowKillCoordinator"});
+            lines.push_back(
+                {levels.at(line.substr(0, 5)), std::string(line.substr(6)), categories.at(who)});
         }
-        return expected;
+        return lines;
     }
 };
 

@@ -38,15 +38,6 @@ protected:
     }
 };
 
-TEST_F(FailureNoticesTest, WritesOneObjectWithWholeSecondsOfUtc) {
-    world.clock.set(platform::Date::since1970(1'795'081'020.9));
-    fail("com.example.browser", "203.0.113.7");
-    EXPECT_EQ(file(), R"([{"bundleId":"com.example.browser","host":"203.0.113.7",)"
-                      R"("timestamp":"2026-11-19T09:37:00Z"}])");
-    EXPECT_EQ(world.files.containerQuestions(),
-              std::vector<std::string>{"group.org.quillmere.Vantry"});
-}
-
 TEST_F(FailureNoticesTest, OneNoticePerApplicationInThirtySeconds) {
     const auto start = platform::Date::now().secondsSince1970();
     const auto failAt = [&](double seconds, const char* bundleId, const char* host) {
@@ -111,7 +102,8 @@ TEST_F(FailureNoticesTest, AsksForTheContainerOnceAlsoWhenThereIsNone) {
     world.files.setContainer("/container");
     fail("b");
     EXPECT_EQ(noticesLogged(), 2u);
-    EXPECT_EQ(world.files.containerQuestions().size(), 1u);
+    EXPECT_EQ(world.files.containerQuestions(),
+              std::vector<std::string>{"group.org.quillmere.Vantry"});
     EXPECT_FALSE(world.files.exists(failureFile));
 }
 

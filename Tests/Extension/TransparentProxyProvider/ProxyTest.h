@@ -47,19 +47,27 @@ protected:
         world.runUntilIdle();
     }
 
-    // The decision on a TCP flow with this signing identifier and no token, read off its log line;
-    // empty if there is none.
-    std::string decisionOf(const std::string& signingIdentifier) {
+    // The name and the decision that a TCP flow is routed by, read off its log line; nothing if it is
+    // left alone before that.
+    struct Routed {
+        std::string bundleId, decision;
+    };
+    std::optional<Routed> routed(const std::string& signingIdentifier,
+                                 std::optional<platform::Data> auditToken = {}) {
         world.takeLog();
         world.offerToProxy(world.flow({.remoteEndpoint = platform::NWHostEndpoint{"h", "1"},
-                                       .signingIdentifier = signingIdentifier}));
+                                       .signingIdentifier = signingIdentifier,
+                                       .auditToken = std::move(auditToken)}));
         for (const auto& line : world.takeLog(proxyCategory)) {
             if (line.format == "TCP flow: %{public}s, decision: %{public}s")
-                return line.arguments[1];
+                return Routed{line.arguments[0], line.arguments[1]};
             if (line.format == "BLOCK (filter-enforced): %{public}s TCP -> %{public}s:%s")
-                return "block";
+                return Routed{line.arguments[0], "block"};
         }
-        return "";
+        return std::nullopt;
+    }
+    std::string decisionOf(const std::string& signingIdentifier) {
+        return routed(signingIdentifier).value_or(Routed()).decision;
     }
 
     // A flow of this application to host "h"; not yet offered.

@@ -80,22 +80,16 @@ TEST_F(RuleSourcesTest, AFileAppliesKeyByKeyAndIsTakenOnlyWithItsRules) {
     EXPECT_EQ(decisionOf("b"), "x");
 }
 
-TEST_F(RuleSourcesTest, LogsTheWholeLoadWithAPreviewCutAtBytes) {
+TEST_F(RuleSourcesTest, CutsThePreviewAtBytesAndLoadsTheWholeFile) {
     ASSERT_TRUE(world.start());
     // 500 bytes end inside the last character of the preview.
-    std::string padding(476, 'p');
-    const auto document = R"({"rules":{"a":"direct"},")" + padding.substr(2) + "\xc3\xa9\":1}";
+    const auto document = R"({"rules":{"a":"direct"},")" + std::string(474, 'p') + "\xc3\xa9\":1}";
     ASSERT_EQ(document.find('\xc3'), 499u);
-    const auto lines = linesOfLoad(document);
-    const auto size = std::to_string(document.size());
-    EXPECT_TRUE(platform::simulated::linesAre(
-        lines, {debug(reading), debug("Raw file contents (" + size + " bytes): <non-utf8>"),
-                info("VPN state updated: connected=true fallback=allow firstInit=true"),
-                debug("Loaded rules from shared file: 0 -> 1, default: vpn, blocked: 0"),
-                debug("Fallback settings: vpn=allow, direct=block, vpnConnected=true"),
-                debug("Rule: a -> direct")}));
-    const auto shorter = linesOfLoad(R"({"rules":{}})");
-    EXPECT_EQ(shorter[1].text, R"(Raw file contents (12 bytes): {"rules":{}})");
+    EXPECT_EQ(linesOfLoad(document).at(1).text, "Raw file contents (505 bytes): <non-utf8>");
+    EXPECT_EQ(decisionOf("a"), "direct");
+    const auto ascii = R"({"rules":{},")" + std::string(600, 'p') + "\":1}";
+    EXPECT_EQ(linesOfLoad(ascii).at(1).text,
+              "Raw file contents (617 bytes): " + ascii.substr(0, 500));
 }
 
 TEST_F(RuleSourcesTest, AFileThatCannotBeReadChangesNothing) {
@@ -110,64 +104,39 @@ TEST_F(RuleSourcesTest, AFileThatCannotBeReadChangesNothing) {
 }
 
 TEST_F(RuleSourcesTest, TheConfigurationGivesEachKeyByItself) {
-    configure(R"({"rules":{"a":"direct","b":"vpn"},"vpnFallback":"block","vpnConnected":false,
-                  "blockedApps":["c"]})");
+    const auto linesOfWake = [&](std::string_view configuration) {
+        configure(configuration);
+        world.takeLog();
+        world.wake();
+        return world.takeLog();
+    };
     ASSERT_TRUE(world.start());
-    EXPECT_TRUE(logHolds(
-        world, {info("VPN state updated: connected=false fallback=block firstInit=true",
-                     "FlowKillCoordinator"),
-                info("Loaded 2 routing rules from config, default: vpn, blocked: 1", proxyCategory),
-                info("Fallback settings from config: vpn=block, direct=block", proxyCategory),
-                debug("Reading rules from: " + std::string(rulesFile)),
-                info("Monitoring updated: +1 -0 total=1", "FlowKillCoordinator")}));
+    linesOfWake(R"({"rules":{"a":"direct","b":"vpn"},"vpnFallback":"block","vpnConnected":false,
+                    "directFallback":"odd","blockedApps":["c"]})");
     // The configuration's blocked list answers here and does not reach the coordinator yet.
     EXPECT_EQ(decisionOf("c"), "block");
     EXPECT_FALSE(coordinator.shouldBlockFlow("c"));
-    EXPECT_TRUE(coordinator.shouldMonitorFlow("b"));
-    world.post(rulesChanged);
-    world.runUntilIdle();
-    EXPECT_TRUE(coordinator.shouldBlockFlow("c"));
-
     // Without rules, or with rules of the wrong type, the other keys still apply.
-    configure(R"({"rules":{"z":1},"defaultAction":"direct"})");
-    world.takeLog();
-    world.wake();
-    EXPECT_TRUE(
-        logHolds(world, {info("Loaded 2 routing rules from config, default: direct, blocked: 1")}));
-    configure("{}");
-    world.takeLog();
-    world.wake();
-    EXPECT_TRUE(
-        logHolds(world, {info("VPN state updated: connected=false fallback=block firstInit=false"),
-                         info("Loaded 2 routing rules from config, default: direct, blocked: 1"),
-                         info("Fallback settings from config: vpn=block, direct=block")}));
+    for (const auto* configuration : {R"({"rules":{"z":1},"defaultAction":"direct"})", "{}"})
+        EXPECT_TRUE(platform::simulated::linesAre(
+            linesOfWake(configuration),
+            {info("System waking..."),
+             info("VPN state updated: connected=false fallback=block firstInit=false"),
+             info("Loaded 2 routing rules from config, default: direct, blocked: 1"),
+             info("Fallback settings from config: vpn=block, direct=odd")}));
 }
 
 TEST_F(RuleSourcesTest, WithoutAConfigurationNothingReachesTheCoordinator) {
-    const auto expectUntouched = [&] {
+    for (const auto& configuration :
+         {std::make_shared<platform::NEVPNProtocol>(),
+          std::shared_ptr<platform::NEVPNProtocol>(
+              std::make_shared<platform::NETunnelProviderProtocol>(std::nullopt, std::nullopt))}) {
+        world.preferences.setProtocolConfiguration(configuration);
         world.takeLog();
         ASSERT_TRUE(world.start());
         EXPECT_TRUE(logHolds(world, {error("No providerConfiguration available", proxyCategory)}));
-        EXPECT_TRUE(world.log("FlowKillCoordinator").empty());
         EXPECT_FALSE(coordinator.hasReceivedState());
-    };
-    expectUntouched();
-    world.preferences.setProtocolConfiguration(std::make_shared<platform::NEVPNProtocol>());
-    expectUntouched();
-    world.preferences.setProtocolConfiguration(
-        std::make_shared<platform::NETunnelProviderProtocol>(std::nullopt, std::nullopt));
-    expectUntouched();
-}
-
-TEST_F(RuleSourcesTest, TheFileWinsOverTheConfigurationForEachKeyThatItCarries) {
-    configure(R"({"rules":{"a":"direct"},"defaultAction":"direct","directFallback":"allow",
-                  "blockedApps":["c"]})");
-    putRules(R"({"rules":{"a":"vpn"},"directFallback":"block"})");
-    ASSERT_TRUE(world.start());
-    EXPECT_EQ(decisionOf("a"), "vpn");
-    EXPECT_EQ(decisionOf("z"), "direct");
-    EXPECT_TRUE(coordinator.shouldBlockFlow("c"));
-    EXPECT_EQ(world.files.count(platform::simulated::FileOperation::read, rulesFile), 1u);
+    }
 }
 
 }  // namespace

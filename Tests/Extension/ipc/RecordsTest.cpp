@@ -3,10 +3,8 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <bit>
 #include <cmath>
 #include <limits>
-#include <random>
 
 #include "Extension/ipc/ActiveAppsResponse.h"
 #include "Extension/ipc/ActivityLogEntryIPC.h"
@@ -22,8 +20,6 @@ namespace {
 using platform::Date;
 using platform::JSONFailure;
 using platform::UUID;
-using testing::AllOf;
-using testing::HasSubstr;
 using Rules = platform::StringMap<std::string>;
 using namespace std::string_literals;
 
@@ -32,13 +28,6 @@ std::optional<Record> decoded(std::string_view document) {
     auto result = Record::decode(document);
     auto* record = std::get_if<Record>(&result);
     return record ? std::optional(std::move(*record)) : std::nullopt;
-}
-
-template <class Record>
-std::string failureOf(std::string_view document) {
-    const auto result = Record::decode(document);
-    const auto* failure = std::get_if<JSONFailure>(&result);
-    return failure ? failure->description : "";
 }
 
 // The document as text of this file, with ' for the quotes.
@@ -138,16 +127,16 @@ TEST(ExtensionMessage, IsReadWithEachFieldPresentOrNot) {
         "a\0b"s);
 }
 
-struct Refusal {
-    const char* document;
-    const char* reason;
-};
+// Documents that are refused, each with what the description of the failure holds.
+using Refusals = std::initializer_list<std::pair<std::string, const char*>>;
 
 template <class Record>
-void expectRefused(std::initializer_list<Refusal> refusals) {
+void expectRefused(Refusals refusals) {
     for (const auto& [document, reason] : refusals) {
-        EXPECT_EQ(decoded<Record>(json(document)), std::nullopt) << document;
-        EXPECT_THAT(failureOf<Record>(json(document)), HasSubstr(json(reason))) << document;
+        const auto result = Record::decode(json(document));
+        const auto* failure = std::get_if<JSONFailure>(&result);
+        ASSERT_TRUE(failure) << document;
+        EXPECT_THAT(failure->description, testing::HasSubstr(json(reason))) << document;
     }
 }
 
@@ -155,7 +144,6 @@ TEST(Records, AreRefusedWithAReason) {
     expectRefused<ExtensionMessage>({
         {"", "unexpected end of input"},
         {"[{'type':'getStatus'}]", "expected an object, found an array"},
-        {"5", "expected an object, found the number 5"},
         {"{'Type':'getStatus'}", "type: required, but missing"},
         {"{'type':null}", "type: expected one of"},
         {"{'type':'status'}", "'getStatus', 'reload', 'getActiveApps', 'clearActivityLog'"},
@@ -168,22 +156,22 @@ TEST(Records, AreRefusedWithAReason) {
          "defaultAction: expected a string, found a bool"},
         {"{'type':'getStatus'}{}", "line 1, column 21"},
     });
-    expectRefused<ActivityLogResponseIPC>({{"{}", "entries: "},
-                                           {"{'entries':null}", "entries: "},
-                                           {"{'entries':{}}", "entries: "},
-                                           {"{'entries':[{}]}", "entries[0].id: "},
-                                           {"{'entries':[[]]}", "entries[0]: "}});
-    expectRefused<ExtensionStatus>({{"{'isActive':true}", "ruleCount: "},
-                                    {"{'ruleCount':1}", "isActive: "},
-                                    {"{'isActive':1,'ruleCount':1}", "isActive: "}});
+    expectRefused<ActivityLogResponseIPC>(
+        {{"{}", "entries: "},
+         {"{'entries':null}", "entries: "},
+         {"{'entries':[" + shortestEntry + ",{}]}", "entries[1].id: required"},
+         {"{'entries':[[]]}", "entries[0]: "}});
+    expectRefused<ExtensionStatus>(
+        {{"{'isActive':true}", "ruleCount: "},
+         {"{'isActive':1,'ruleCount':1}", "isActive: "},
+         {"{'isActive':true,'ruleCount':9223372036854775808}", "ruleCount: "},
+         {"{'isActive':true,'ruleCount':1.5}", "ruleCount: "}});
     expectRefused<ActiveAppsResponse>(
         {{"{'bundleIds':null}", "bundleIds: "},
-         {"{'bundleIds':{'0':'a'}}", "bundleIds: "},
          {"{'bundleIds':['a',1]}", "bundleIds[1]: expected a string, found the number 1"}});
     constexpr auto oneKey = "Invalid number of keys found, expected one.";
     expectRefused<ExtensionResponse>({
-        {"{}", oneKey},
-        {"{'success':{},'error':{'_0':'x'}}", oneKey},
+        {"[]", "expected an object"},
         {"{'Success':{}}", oneKey},
         {"{'success':{},'error':null}", oneKey},
         {"{'success':true}", "success: expected an object, found a boolean"},
@@ -191,180 +179,59 @@ TEST(Records, AreRefusedWithAReason) {
         {"{'error':{}}", "error._0: required, but missing"},
         {"{'error':{'_0':null}}", "error._0: expected a string, found null"},
     });
+    expectRefused<ActivityLogEntryIPC>({
+        {entryWith("'id'", "'ID'"), "id: required, but missing"},
+        {entryWith("E621E1F8-", "E621E1F8"), "id: expected a UUID"},
+        {entryWith("785164320.25", "'2025-11-18T14:12:00Z'"), "timestamp: expected a date"},
+        {entryWith("'com.example.browser'", "null"), "bundleId: expected a string, found null"},
+        {entryWith("'routingDecision'", "'decision'"), "routingDecision: required"},
+        {entryWith("'actualRoute':'direct'", "'actualRoute':{}"), "actualRoute: "},
+        {entryWith("'192.168.1.20'", "19"), "sourceIp: "},
+        {entryWith("'203.0.113.7'", "['203.0.113.7']"), "destinationIp: "},
+        {entryWith("443", "65536"),
+         "destinationPort: expected a whole number from 0 to 65535, found the"},
+        {entryWith("443", "-1"), "destinationPort: expected a whole number"},
+        {entryWith("443", "443.5"), "found the number 443.5"},
+        {entryWith("443", "true"), "destinationPort: "},
+        {entryWith("'tcp'", "false"), "protocolType: "},
+        {entryWith("true", "1"), "isVpnConnected: expected a boolean, found the number 1"},
+    });
 }
 
-TEST(ExtensionMessage, FailsBrieflyHoweverHostileTheDocument) {
+TEST(Records, FailBrieflyHoweverHostileTheDocument) {
     const std::string large(1'000'000, 'k');
-    std::string deep = "{\"type\":\"getStatus\",\"extra\":";
-    for (int i = 0; i < 100'000; ++i) deep += "{\"a\":[";
     for (const auto& document :
-         {deep, "{\"type\":\"" + large + "\"}",
-          "{\"type\":\"reload\",\"rules\":{\"" + large + "\":1}}",
+         {"{\"type\":\"" + large + "\"}", "{\"type\":\"reload\",\"rules\":{\"" + large + "\":1}}",
           "{\"type\":\"reload\",\"rules\":{\"" + std::string(59, 'k') + "\xE2\x82\xAC\":1}}",
           "{\"type\":\"\xFF\xFE\"}"s, "{\"type\":\"getStatus\"}\0"s}) {
-        const auto failure = failureOf<ExtensionMessage>(document);
-        EXPECT_FALSE(failure.empty());
+        const auto failure = std::get<JSONFailure>(ExtensionMessage::decode(document)).description;
         EXPECT_LT(failure.size(), 400u);
         // It goes back to the host as the message of an error.
         EXPECT_TRUE(ExtensionResponse::error(failure).encode());
     }
 }
 
-TEST(ActivityLogEntryIPC, IsReadInEveryValidForm) {
+TEST(Records, AreReadInEveryValidForm) {
     const auto entry = *decoded<ActivityLogEntryIPC>(browserEntry);
     EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("E621E1F8", "e621e1f8")), entry);
     EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("443", "443,'more':[1]")), entry);
     EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("443", "65535"))->destinationPort, 65535);
     EXPECT_EQ(decoded<ActivityLogEntryIPC>(entryWith("443", "null"))->destinationPort,
               std::nullopt);
-    EXPECT_TRUE(std::signbit(decoded<ActivityLogEntryIPC>(entryWith("785164320.25", "-0"))
-                                 ->timestamp.secondsSinceReferenceDate()));
-}
-
-TEST(ActivityLogEntryIPC, IsRefusedForAnyFieldThatDoesNotFit) {
-    const struct {
-        const char* piece;
-        const char* replacement;
-        const char* reason;
-    } cases[] = {
-        {"'id'", "'ID'", "id: required, but missing"},
-        {"E621E1F8-", "E621E1F8", "id: expected a UUID"},
-        {"785164320.25", "'2025-11-18T14:12:00Z'", "timestamp: expected a date"},
-        {"785164320.25", "true", "timestamp: expected a date"},
-        {"'com.example.browser'", "null", "bundleId: expected a string, found null"},
-        {"'routingDecision'", "'decision'", "routingDecision: required"},
-        {"'actualRoute':'direct'", "'actualRoute':{}", "actualRoute: "},
-        {"'192.168.1.20'", "19", "sourceIp: "},
-        {"'203.0.113.7'", "['203.0.113.7']", "destinationIp: "},
-        {"443", "65536", "destinationPort: expected a whole number from 0 to 65535, found the"},
-        {"443", "443.5", "found the number 443.5"},
-        {"443", "443.0", "destinationPort: expected a whole number"},
-        {"443", "'443'", "found the string '443'"},
-        {"443", "true", "destinationPort: expected a whole number from 0 to 65535, found a bool"},
-        {"'tcp'", "false", "protocolType: "},
-        {"true", "1", "isVpnConnected: expected a boolean, found the number 1"},
-    };
-    for (const auto& [piece, replacement, reason] : cases) {
-        const auto document = entryWith(piece, replacement);
-        EXPECT_EQ(decoded<ActivityLogEntryIPC>(document), std::nullopt) << document;
-        EXPECT_THAT(failureOf<ActivityLogEntryIPC>(document), HasSubstr(json(reason)));
-        EXPECT_THAT(failureOf<ActivityLogResponseIPC>(json("{'entries':[") + shortestEntry + "," +
-                                                      document + "]}"),
-                    AllOf(HasSubstr("entries[1]."), HasSubstr(json(reason))));
+    for (const double seconds : {0.1, 785164320.0 + 1.0 / 3, -1e-300, 1e300}) {
+        auto dated = entry;
+        dated.timestamp = Date::sinceReferenceDate(seconds);
+        EXPECT_EQ(decoded<ActivityLogEntryIPC>(*dated.encode()), dated) << seconds;
     }
-}
-
-TEST(ExtensionStatus, TakesWholeNumbersOf64Bits) {
-    const struct {
-        const char* count;
-        std::optional<std::int64_t> value;
-    } cases[] = {
-        {"-3", -3},
-        {"9223372036854775807", std::numeric_limits<std::int64_t>::max()},
-        {"-9223372036854775808", std::numeric_limits<std::int64_t>::min()},
-        {"1e3", {}},
-        {"12.0", {}},
-        {"-0.0", {}},
-        {"9223372036854775808", {}},
-        {"1.5", {}},
-        {"'1'", {}},
-        {"true", {}},
-        {"null", {}},
-    };
-    for (const auto& [count, value] : cases) {
-        const auto status =
-            decoded<ExtensionStatus>(json("{'isActive':false,'ruleCount':"s + count + "}"));
-        EXPECT_EQ(status ? std::optional(status->ruleCount) : std::nullopt, value) << count;
-    }
-}
-
-TEST(ExtensionResponse, IsReadWithMoreThanItNeeds) {
+    for (const auto count : {std::int64_t{-3}, std::numeric_limits<std::int64_t>::min()})
+        EXPECT_EQ(decoded<ExtensionStatus>(*ExtensionStatus{false, count}.encode())->ruleCount,
+                  count);
     for (const auto* document : {"{'success':{},'other':1}", "{'success':{'note':'x'}}"})
         EXPECT_EQ(decoded<ExtensionResponse>(json(document)), ExtensionResponse::success());
     EXPECT_EQ(decoded<ExtensionResponse>(json("{'error':{'_0':'x','_1':2},'a':null}")),
               ExtensionResponse::error("x"));
-}
-
-class RandomRecords {
-public:
-    bool coin() { return engine() % 2 == 0; }
-    std::int64_t integer() { return static_cast<std::int64_t>(engine()); }
-    std::string text() {
-        static const std::string pieces[] = {
-            "com.",     "example",          "\"", "\\",  "\n", "\0"s, "\x1F", "/",
-            "\xC3\xA9", "\xF0\x9F\x98\x80", " ",  "\x7F"};
-        std::string result;
-        for (auto count = engine() % 6; count > 0; --count)
-            result += pieces[engine() % std::size(pieces)];
-        return result;
-    }
-    Date date() {
-        for (;;) {
-            const auto seconds = coin() ? 785164320.0 + static_cast<double>(engine()) / 0x1p64
-                                        : std::bit_cast<double>(engine());
-            if (std::isfinite(seconds)) return Date::sinceReferenceDate(seconds);
-        }
-    }
-    template <class Make>
-    auto maybe(Make make) {
-        return coin() ? std::optional(make()) : std::nullopt;
-    }
-    ActivityLogEntryIPC entry() {
-        const auto anyText = [this] { return text(); };
-        UUID::Bytes bytes;
-        for (auto& byte : bytes) byte = static_cast<std::uint8_t>(engine());
-        return {UUID::randomFrom(bytes),
-                date(),
-                text(),
-                text(),
-                text(),
-                maybe(anyText),
-                maybe(anyText),
-                maybe(anyText),
-                maybe([this] { return static_cast<std::uint16_t>(engine()); }),
-                maybe(anyText),
-                coin()};
-    }
-    Rules rules() {
-        Rules table;
-        for (auto count = engine() % 4; count > 0; --count) table[text()] = text();
-        return table;
-    }
-    ExtensionMessage message() {
-        return {static_cast<MessageType>(engine() % 4), maybe([this] { return rules(); }),
-                maybe([this] { return text(); })};
-    }
-    template <class Make>
-    auto several(Make make) {
-        std::vector<decltype(make())> values;
-        for (auto count = engine() % 4; count > 0; --count) values.push_back(make());
-        return values;
-    }
-
-private:
-    std::mt19937_64 engine{20261118};
-};
-
-template <class Record>
-void expectRoundTrip(const Record& record) {
-    const auto document = record.encode();
-    ASSERT_TRUE(document);
-    const auto back = decoded<Record>(*document);
-    ASSERT_TRUE(back == record) << *document;
-}
-
-TEST(Records, ReadBackAsTheyWereWritten) {
-    RandomRecords random;
-    for (int i = 0; i < 2'000; ++i) {
-        const auto text = [&] { return random.text(); };
-        expectRoundTrip(random.entry());
-        expectRoundTrip(ActivityLogResponseIPC{random.several([&] { return random.entry(); })});
-        expectRoundTrip(random.message());
-        expectRoundTrip(ExtensionStatus{random.coin(), random.integer()});
-        expectRoundTrip(ActiveAppsResponse{random.several(text)});
-        expectRoundTrip(random.coin() ? ExtensionResponse::success()
-                                      : ExtensionResponse::error(random.text()));
-    }
+    EXPECT_EQ(decoded<ActiveAppsResponse>(json("{'bundleIds':['a']}"))->bundleIds,
+              std::vector<std::string>{"a"});
 }
 
 }  // namespace

@@ -93,13 +93,19 @@ TEST_F(ProxySessionTest, OpensTheFlowFirstAndThenConnectsAndMovesBytesBothWays) 
     EXPECT_TRUE(logIs(world, {ready}));
 }
 
-TEST_F(ProxySessionTest, AFlowThatCannotBeOpenedEndsWithoutAConnection) {
+TEST_F(ProxySessionTest, EndsWhenTheFlowCannotBeOpenedOrTheConnectionIsRefused) {
     relay.flow.failsOpening({"test", 1, "gone"});
     relay.start();
     world.runToEnd();
     EXPECT_TRUE(relay.endedOnce());
     EXPECT_TRUE(relay.peer.connections().empty());
-    EXPECT_TRUE(logIs(world, {error("Failed to open TCP flow: gone")}));
+    Relay refused(world, 1);
+    refused.peer.refuses();
+    refused.start();
+    world.runToEnd();
+    EXPECT_TRUE(refused.endedOnce());
+    EXPECT_TRUE(logIs(world, {error("Failed to open TCP flow: gone"),
+                              error("sid=7 Connection failed: Connection refused")}));
 }
 
 // How a relay ends by itself, with what it logs behind the line of the connection's being ready.
@@ -111,36 +117,18 @@ TEST_F(ProxySessionTest, EndsAsAWholeWhenEitherSideEndsOrFails) {
         const char* received;
     };
     const std::vector<Case> cases{
-        {"the application ends its sending", [](Relay& r) { r.flow.endsSending(); }, {}, ""},
-        {"the application's side fails", [](Relay& r) { r.flow.fails(broken); }, {}, ""},
-        {"the peer ends with its last bytes",
-         [](Relay& r) { r.peer.sendsLast("last"); },
-         {},
-         "last"},
-        {"the peer ends alone",
-         [](Relay& r) {
-             r.peer.sends("a");
-             r.peer.ends();
-         },
-         {},
-         "a"},
+        {"the application ends its sending", [](auto& r) { r.flow.endsSending(); }, {}, ""},
+        {"the application's side fails", [](auto& r) { r.flow.fails(broken); }, {}, ""},
+        {"the peer ends with its last bytes", [](auto& r) { r.peer.sendsLast("z"); }, {}, "z"},
+        {"the peer ends alone", [](auto& r) { r.peer.sends("a"), r.peer.ends(); }, {}, "a"},
         {"a receive brings nothing",
-         [](Relay& r) { r.peer.sendsNothing(); },
+         [](auto& r) { r.peer.sendsNothing(); },
          {debug("sid=7 Empty receive without completion, cancelling")},
          ""},
-        {"a receive fails with bytes", [](Relay& r) { r.peer.breaks(broken, "lost"); }, {}, ""},
-        {"a send fails",
-         [](Relay& r) {
-             r.peer.failsNextSend(broken);
-             r.flow.sends("x");
-         },
-         {},
-         ""},
+        {"a receive fails with bytes", [](auto& r) { r.peer.breaks(broken, "lost"); }, {}, ""},
+        {"a send fails", [](auto& r) { r.peer.failsNextSend(broken), r.flow.sends("x"); }, {}, ""},
         {"a write fails",
-         [](Relay& r) {
-             r.flow.failsNextWrite(broken);
-             r.peer.sends("x");
-         },
+         [](auto& r) { r.flow.failsNextWrite(broken), r.peer.sends("x"); },
          {},
          ""},
     };
@@ -158,14 +146,6 @@ TEST_F(ProxySessionTest, EndsAsAWholeWhenEitherSideEndsOrFails) {
         EXPECT_TRUE(logIs(world, test.lines)) << test.what;
         EXPECT_EQ(one.peer.connection()->record().states.back(), Kind::cancelled) << test.what;
     }
-}
-
-TEST_F(ProxySessionTest, AConnectionThatIsRefusedEndsIt) {
-    relay.peer.refuses();
-    relay.start();
-    world.runToEnd();
-    EXPECT_TRUE(relay.endedOnce());
-    EXPECT_TRUE(logIs(world, {error("sid=7 Connection failed: Connection refused")}));
 }
 
 TEST_F(ProxySessionTest, TheFirstCancelDecidesWhatTheApplicationSees) {
@@ -233,18 +213,6 @@ TEST_F(ProxySessionTest, AConnectionThatLeavesWaitingGoesOnWhenTheTimerFires) {
     EXPECT_EQ(relay.flow.received(), "alive");
 }
 
-TEST_F(ProxySessionTest, AWaitingConnectionThatFailsEndsByItsFailure) {
-    relay.peer.isUnreachable();
-    relay.start();
-    world.advance(29);
-    relay.peer.fails(broken);
-    world.runUntilIdle();
-    EXPECT_TRUE(relay.endedOnce());
-    world.takeLog();
-    world.runToEnd();
-    EXPECT_TRUE(logIs(world, {}));
-}
-
 TEST_F(ProxySessionTest, ASideThatDoesNotReadHoldsBackTheOther) {
     startAndConnect();
     relay.flow.stopsReading();
@@ -285,19 +253,10 @@ void mixture(World& world) {
     std::string sentUp, sentDown;
     if (world.draw(4) == 0) relay.flow.opensAfter(static_cast<double>(world.draw(40)));
     if (world.draw(8) == 0) relay.flow.failsOpening(broken);
-    switch (world.draw(4)) {
-        case 0:
-            relay.peer.waits(static_cast<int>(world.draw(5)));
-            break;
-        case 1:
-            relay.peer.isUnreachable();
-            break;
-        case 2:
-            relay.peer.refuses();
-            break;
-        default:
-            break;
-    }
+    const auto reachability = world.draw(4);
+    if (reachability == 0) relay.peer.waits(static_cast<int>(world.draw(5)));
+    if (reachability == 1) relay.peer.isUnreachable();
+    if (reachability == 2) relay.peer.refuses();
     world.scheduler.setLatency(static_cast<double>(world.draw(3)));
     const auto steps = world.draw(12);
     bool isStarted = false;
@@ -307,40 +266,15 @@ void mixture(World& world) {
             isStarted = true;
             relay.start();
         }
-        switch (world.draw(12)) {
-            case 0:
-            case 1:
-            case 2:
-                relay.flow.sends(bytes);
-                sentUp += bytes;
-                break;
-            case 3:
-            case 4:
-            case 5:
-                relay.peer.sends(bytes);
-                sentDown += bytes;
-                break;
-            case 6:
-                world.later([session = relay.session] { session->cancel(); });
-                break;
-            case 7:
-                world.later([session = relay.session] { session->cancelGracefully(); });
-                break;
-            case 8:
-                relay.flow.endsSending();
-                break;
-            case 9:
-                relay.peer.ends();
-                break;
-            case 10:
-                world.draw(2) ? relay.flow.fails(broken) : relay.peer.fails(broken);
-                break;
-            case 11:
-                world.advance(static_cast<double>(world.draw(35)));
-                break;
-            default:
-                break;
-        }
+        const auto kind = world.draw(12);
+        if (kind < 3) relay.flow.sends(bytes), sentUp += bytes;
+        if (kind >= 3 && kind < 6) relay.peer.sends(bytes), sentDown += bytes;
+        if (kind == 6) world.later([session = relay.session] { session->cancel(); });
+        if (kind == 7) world.later([session = relay.session] { session->cancelGracefully(); });
+        if (kind == 8) relay.flow.endsSending();
+        if (kind == 9) relay.peer.ends();
+        if (kind == 10) world.draw(2) ? relay.flow.fails(broken) : relay.peer.fails(broken);
+        if (kind == 11) world.advance(static_cast<double>(world.draw(35)));
     }
     if (!isStarted) relay.start();
     world.runToEnd();
