@@ -19,6 +19,8 @@
 #include "Platform/Linux/Relay/SocketFlow.h"
 #include "Tests/Platform/Linux/Interception/InterceptionLab.h"
 #include "Tests/Platform/Linux/Interception/ScriptedProviders.h"
+#include "Tests/Platform/Linux/Namespaces.h"
+#include "Tests/Platform/Linux/Sockets.h"
 
 namespace {
 
@@ -54,7 +56,8 @@ public:
             return;
         }
         proxy->isClaiming = treatment == Treatment::claimed;
-        if (treatment == Treatment::watched) filter->setVerdict(ScriptedFilter::watching());
+        if (treatment == Treatment::watched)
+            filter->onNewFlow = ScriptedFilter::NewFlow::filterData;
         interception = std::make_unique<Interception>(Providers{proxy, filter});
         NENetworkRule everything;
         everything.direction = NENetworkRule::TrafficDirection::outbound;
@@ -67,23 +70,19 @@ public:
 
 private:
     void redirectEverything() {
-        FileDescriptor listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(7010);
-        bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
-        listen(listener.get(), SOMAXCONN);
+        auto listener = listenOn("127.0.0.1", 7010);
+        makeNonBlocking(listener);
         acceptor = std::make_unique<ConnectionAcceptor>(
             std::move(listener), [this](FileDescriptor accepted, const sockaddr_storage&) {
                 auto side = std::make_shared<NEAppProxyTCPFlow::Implementation>();
-                const RemoteEndpoint remote = NWHostEndpoint{"10.77.0.2", "7007"};
+                const RemoteEndpoint remote = NWHostEndpoint{TestNetwork::serverIPv4, "7007"};
                 side->supplySocket(std::move(accepted));
                 proxy->claim(std::make_shared<NEAppProxyTCPFlow>(NEFlowMetaData(), remote, side));
             });
-        lab.run(
+        runCommand(
             "nft 'add table ip plain; add chain ip plain output"
             " { type nat hook output priority -100; };"
-            " add rule ip plain output oifname eth0 tcp dport 7007 redirect to :7010'");
+            " add rule ip plain output ip daddr 198.51.100.2 tcp dport 7007 redirect to :7010'");
     }
 
     InterceptionLab lab;
@@ -144,6 +143,7 @@ void openManyConnections(benchmark::State& state) {
     const double before = processorMicroseconds();
     for ([[maybe_unused]] const auto& round : state) {
         std::vector<std::thread> threads;
+        threads.reserve(clients);
         for (int client = 0; client < clients; ++client)
             threads.emplace_back([] {
                 for (int count = 0; count < each; ++count) exchangeOneByte();

@@ -101,7 +101,7 @@ TEST_F(Machine, TheWatchMakesALostRulesFileAnew) {
     }
     for (int loss = 0; loss < 2; ++loss) {
         ASSERT_EQ(unlink(places::rulesFile), 0);
-        EXPECT_TRUE(becomesTrue([] { return access(places::rulesFile, F_OK) == 0; }));
+        EXPECT_TRUE(eventually([] { return access(places::rulesFile, F_OK) == 0; }));
     }
     EXPECT_EQ(under(storedInRulesFile(), "rules"), parsed(R"({"a":"direct"})"));
     EXPECT_EQ(under(storedInRulesFile(), "vpnConnected"), JSONValue(false));

@@ -16,6 +16,7 @@
 
 namespace vantryctl::testing {
 
+using platform::eventually;
 using platform::JSONArray;
 using platform::JSONObject;
 using platform::JSONValue;

@@ -104,7 +104,7 @@ TEST_F(Views, FollowingGivesEachFlowOnce) {
         _exit(run({"log", "--follow", "--json"}, {output, std::cerr}));
     }
     const auto hasReceived = [](const std::string& application) {
-        return becomesTrue([&] {
+        return eventually([&] {
             return contentOf("/run/output").find("\"" + application + "\"") != std::string::npos;
         });
     };

@@ -52,11 +52,6 @@ void LocalRelay::cancelAll() {
     for (const auto& session : ending) session->cancelGracefully();
 }
 
-std::size_t LocalRelay::completions() {
-    const std::lock_guard guard(mutex);
-    return completed.size();
-}
-
 void LocalRelay::relay(FileDescriptor socket) {
     const auto side = std::make_shared<NEAppProxyTCPFlow::Implementation>();
     const auto flow = std::make_shared<NEAppProxyTCPFlow>(

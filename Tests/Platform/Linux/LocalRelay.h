@@ -33,7 +33,6 @@ public:
     bool hasEnded();
     bool hasRun(int count);
     void cancelAll();
-    std::size_t completions();
 
 private:
     void relay(FileDescriptor socket);

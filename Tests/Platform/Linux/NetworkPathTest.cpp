@@ -6,16 +6,18 @@
 #include <net/if_arp.h>
 #include <sys/ioctl.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
-#include <condition_variable>
 #include <mutex>
+#include <optional>
 
 #include "Platform/InterfaceAddresses.h"
 #include "Platform/Linux/FileDescriptor.h"
 #include "Platform/Linux/Network/InterfaceKind.h"
 #include "Platform/Linux/Network/NetworkMonitor.h"
 #include "Platform/Network.h"
+#include "Tests/Platform/Linux/Eventually.h"
 #include "Tests/Platform/Linux/Namespaces.h"
 #include "Tests/Platform/Linux/TestNetwork.h"
 
@@ -77,31 +79,25 @@ public:
     Watcher() {
         monitor.setPathUpdateHandler([this](const NWPath& path) {
             const std::lock_guard guard(mutex);
-            latest = path;
-            changed.notify_all();
+            latest = path.availableInterfaces;
         });
         monitor.start(DispatchQueue::global(QualityOfService::utility));
     }
     // Whether the path becomes this list of names.
     bool sees(const std::vector<std::string>& names) {
-        std::unique_lock guard(mutex);
-        return changed.wait_for(guard, std::chrono::seconds(10), [&] {
-            if (!latest) return false;
-            std::vector<std::string> present;
-            for (const auto& interface : latest->availableInterfaces)
-                present.push_back(interface.name());
-            return present == names;
+        return eventually([&] {
+            const std::lock_guard guard(mutex);
+            return latest && std::ranges::equal(*latest, names, {}, &NWInterface::name);
         });
     }
     Type firstType() {
         const std::lock_guard guard(mutex);
-        return latest->availableInterfaces.front().type();
+        return latest->front().type();
     }
 
 private:
     std::mutex mutex;
-    std::condition_variable changed;
-    std::optional<NWPath> latest;
+    std::optional<std::vector<NWInterface>> latest;
     NWPathMonitor monitor;
 };
 

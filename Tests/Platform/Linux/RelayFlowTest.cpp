@@ -32,10 +32,17 @@ protected:
         application = std::move(pair.far);
         side->supplySocket(std::move(pair.near));
     }
-    Error open() {
+    void connectAndOpen() {
+        connect();
         Awaited<Error> opened;
         flow->openWithLocalEndpoint(nullptr, opened.put());
-        return opened.get();
+        ASSERT_EQ(opened.get(), std::nullopt);
+    }
+    // The errno that the application's reading ends with.
+    int endOfApplication() const {
+        int error = 0;
+        receiveToEnd(application, &error);
+        return error;
     }
     static auto into(Awaited<Read>& read) {
         return [put = read.put()](std::optional<Data> data, Error error) mutable {
@@ -60,14 +67,6 @@ protected:
         std::make_shared<NEAppProxyTCPFlow>(NEFlowMetaData{}, NWHostEndpoint{}, side);
 };
 
-TEST_F(RelayFlow, OpensOnceTheApplicationsSideHasCome) {
-    Awaited<Error> opened;
-    flow->openWithLocalEndpoint(nullptr, opened.put());
-    EXPECT_FALSE(opened.isThere(0.05));
-    connect();
-    EXPECT_EQ(opened.get(), std::nullopt);
-}
-
 TEST_F(RelayFlow, OpeningCompletesWithTheErrorWhenTheApplicationsSideNeverComes) {
     Awaited<bool> ended;
     side->setEndHandler([put = ended.put()] { put(true); });
@@ -81,9 +80,12 @@ TEST_F(RelayFlow, OpeningCompletesWithTheErrorWhenTheApplicationsSideNeverComes)
     EXPECT_TRUE(write("x").has_value());
 }
 
-TEST_F(RelayFlow, CarriesBytesBothWaysAndTheApplicationsEnd) {
+TEST_F(RelayFlow, OpensOnceTheApplicationHasComeAndCarriesBytesBothWaysAndItsEnd) {
+    Awaited<Error> opened;
+    flow->openWithLocalEndpoint(nullptr, opened.put());
+    EXPECT_FALSE(opened.isThere(0.05));
     connect();
-    ASSERT_EQ(open(), std::nullopt);
+    EXPECT_EQ(opened.get(), std::nullopt);
     sendAll(application, "request");
     EXPECT_EQ(read().data->bytes(), "request");
     EXPECT_EQ(write("answer"), std::nullopt);
@@ -97,32 +99,23 @@ TEST_F(RelayFlow, CarriesBytesBothWaysAndTheApplicationsEnd) {
 }
 
 TEST_F(RelayFlow, NoCompletionRunsInsideItsCall) {
-    connect();
-    ASSERT_EQ(open(), std::nullopt);
-    sendAll(application, "x");
-    Awaited<bool> wasInside;
-    // On the flow's own loop, where everything could be done at once.
-    flow->readData([&](std::optional<Data>, Error) {
-        auto isInCall = std::make_shared<bool>(true);
-        flow->writeData("y", [=, put = wasInside.put()](Error) mutable { put(*isInCall); });
-        *isInCall = false;
-    });
-    EXPECT_FALSE(wasInside.get());
-    Awaited<bool> wasInsideAfterClose;
-    flow->closeWriteWithError(std::nullopt);
-    sendAll(application, "x");
-    flow->readData([&](std::optional<Data>, Error) {
-        auto isInCall = std::make_shared<bool>(true);
-        flow->writeData("y",
-                        [=, put = wasInsideAfterClose.put()](Error) mutable { put(*isInCall); });
-        *isInCall = false;
-    });
-    EXPECT_FALSE(wasInsideAfterClose.get());
+    connectAndOpen();
+    for (const bool isClosed : {false, true}) {
+        if (isClosed) flow->closeWriteWithError(std::nullopt);
+        sendAll(application, "x");
+        Awaited<bool> wasInside;
+        // On the flow's own loop, where everything could be done at once.
+        flow->readData([&](std::optional<Data>, Error) {
+            auto isInCall = std::make_shared<bool>(true);
+            flow->writeData("y", [=, put = wasInside.put()](Error) mutable { put(*isInCall); });
+            *isInCall = false;
+        });
+        EXPECT_FALSE(wasInside.get());
+    }
 }
 
 TEST_F(RelayFlow, ClosingAnswersWhatIsOutstandingWithAnErrorOnce) {
-    connect();
-    ASSERT_EQ(open(), std::nullopt);
+    connectAndOpen();
     std::atomic<int> answers = 0;
     Awaited<Read> outstanding;
     flow->readData([&, put = into(outstanding)](std::optional<Data> data, Error error) mutable {
@@ -142,13 +135,10 @@ TEST_F(RelayFlow, ClosingAnswersWhatIsOutstandingWithAnErrorOnce) {
 }
 
 TEST_F(RelayFlow, AnErrorShowsAsAResetAndTheFirstCloseCounts) {
-    connect();
-    ASSERT_EQ(open(), std::nullopt);
+    connectAndOpen();
     flow->closeReadWithError(peerReset);
     flow->closeWriteWithError(std::nullopt);
-    int error = 0;
-    receiveToEnd(application, &error);
-    EXPECT_EQ(error, ECONNRESET);
+    EXPECT_EQ(endOfApplication(), ECONNRESET);
 }
 
 TEST_F(RelayFlow, AClosedFlowGetsItsEndWhenTheApplicationsSideComesLater) {
@@ -158,14 +148,11 @@ TEST_F(RelayFlow, AClosedFlowGetsItsEndWhenTheApplicationsSideComesLater) {
     flow->closeWriteWithError(peerReset);
     connect();
     EXPECT_TRUE(opened.isThere());
-    int error = 0;
-    receiveToEnd(application, &error);
-    EXPECT_EQ(error, ECONNRESET);
+    EXPECT_EQ(endOfApplication(), ECONNRESET);
 }
 
 TEST_F(RelayFlow, LettingGoOfAFlowThatWasNeverClosedEndsItInOrder) {
-    connect();
-    ASSERT_EQ(open(), std::nullopt);
+    connectAndOpen();
     ASSERT_EQ(write("last words"), std::nullopt);
     flow = nullptr;
     int error = 0;
@@ -173,18 +160,10 @@ TEST_F(RelayFlow, LettingGoOfAFlowThatWasNeverClosedEndsItInOrder) {
     EXPECT_EQ(error, 0);
 }
 
-TEST_F(RelayFlow, ADeclinedFlowLeavesNothingBehind) {
-    const std::weak_ptr<NEAppProxyTCPFlow::Implementation> watched = side;
-    side = nullptr;
-    flow = nullptr;
-    EXPECT_TRUE(watched.expired());
-}
-
 // What the application still sends must not turn the end into a reset that eats the last bytes.
 TEST_F(RelayFlow, AnOrderlyCloseLosesNoneOfTheBytesWrittenWhileTheApplicationSends) {
     const std::string bytes = randomBytes(3'000'000, 1);
-    connect();
-    ASSERT_EQ(open(), std::nullopt);
+    connectAndOpen();
     sendAll(application, "unread");
     Awaited<Error> written;
     // Larger than what the system holds for a reader that has not begun: the end of it is on its
@@ -202,8 +181,7 @@ TEST_F(RelayFlow, AnOrderlyCloseLosesNoneOfTheBytesWrittenWhileTheApplicationSen
 TEST_F(RelayFlow, TheEndIsReportedWhenTheSocketIsClosedForGood) {
     Awaited<bool> ended;
     side->setEndHandler([put = ended.put()] { put(true); });
-    connect();
-    ASSERT_EQ(open(), std::nullopt);
+    connectAndOpen();
     flow->closeReadWithError(std::nullopt);
     flow->closeWriteWithError(std::nullopt);
     EXPECT_FALSE(ended.isThere(0.1));  // it waits a while for the application to end too

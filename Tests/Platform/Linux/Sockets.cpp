@@ -1,69 +1,52 @@
 #include "Tests/Platform/Linux/Sockets.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
+#include <netdb.h>
 #include <netinet/tcp.h>
-#include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <random>
 #include <stdexcept>
 
+#include "Platform/Linux/Network/SocketAddress.h"
+
 namespace platform {
-namespace {
 
-struct Address {
-    sockaddr_storage storage{};
-    socklen_t length = 0;
-
-    sockaddr* get() { return reinterpret_cast<sockaddr*>(&storage); }
-};
-
-Address addressOf(int family, const std::string& text, std::uint16_t port) {
-    Address address;
-    if (family == AF_INET6) {
-        auto& v6 = reinterpret_cast<sockaddr_in6&>(address.storage);
-        v6.sin6_family = AF_INET6;
-        v6.sin6_port = htons(port);
-        ::inet_pton(AF_INET6, text.c_str(), &v6.sin6_addr);
-        address.length = sizeof v6;
-    } else {
-        auto& v4 = reinterpret_cast<sockaddr_in&>(address.storage);
-        v4.sin_family = AF_INET;
-        v4.sin_port = htons(port);
-        ::inet_pton(AF_INET, text.c_str(), &v4.sin_addr);
-        address.length = sizeof v4;
-    }
-    return address;
-}
-
-}  // namespace
-
-FileDescriptor listenOnLoopback(int family, int backlog) {
-    FileDescriptor listener(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    auto address = addressOf(family, family == AF_INET6 ? "::1" : "127.0.0.1", 0);
+FileDescriptor listenOn(const std::string& text, std::uint16_t port, int type) {
+    const auto address = SocketAddress::fromNumeric(text, port).value();
+    FileDescriptor listener(::socket(address.family(), type | SOCK_CLOEXEC, 0));
     const int yes = 1;
+    ::setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     ::setsockopt(listener.get(), IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
-    EXPECT_EQ(::bind(listener.get(), address.get(), address.length), 0);
-    EXPECT_EQ(::listen(listener.get(), backlog), 0);
+    if (::bind(listener.get(), &address.any, address.length) != 0) return {};
+    if (type == SOCK_STREAM && ::listen(listener.get(), 4096) != 0) return {};
     return listener;
 }
 
 std::uint16_t portOf(const FileDescriptor& socket) {
-    sockaddr_storage address{};
-    socklen_t length = sizeof address;
-    ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length);
+    SocketAddress address;
+    socklen_t length = sizeof address.ipv6;
+    ::getsockname(socket.get(), &address.any, &length);
     // The port lies at the same place in both families.
-    return ntohs(reinterpret_cast<sockaddr_in&>(address).sin_port);
+    return ntohs(address.ipv4.sin_port);
+}
+
+std::string peerAddressOf(const FileDescriptor& socket) {
+    SocketAddress address;
+    socklen_t length = sizeof address.ipv6;
+    ::getpeername(socket.get(), &address.any, &length);
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    ::getnameinfo(&address.any, length, text.data(), text.size(), nullptr, 0, NI_NUMERICHOST);
+    return text.data();
 }
 
 FileDescriptor connectTo(const std::string& text, std::uint16_t port) {
-    const int family = text.find(':') == std::string::npos ? AF_INET : AF_INET6;
-    FileDescriptor socket(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    auto address = addressOf(family, text, port);
-    if (::connect(socket.get(), address.get(), address.length) != 0) return {};
+    const auto address = SocketAddress::fromNumeric(text, port).value();
+    FileDescriptor socket(::socket(address.family(), SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (::connect(socket.get(), &address.any, address.length) != 0) return {};
     return socket;
 }
 
@@ -81,6 +64,11 @@ SocketPair connectedPair() {
 
 void makeNonBlocking(const FileDescriptor& socket) {
     ::fcntl(socket.get(), F_SETFL, ::fcntl(socket.get(), F_GETFL) | O_NONBLOCK);
+}
+
+void makeClosingAbortive(const FileDescriptor& socket) {
+    const linger atOnce{1, 0};
+    ::setsockopt(socket.get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
 }
 
 void sendAll(const FileDescriptor& socket, std::string_view bytes) {
@@ -112,12 +100,12 @@ std::string receiveToEnd(const FileDescriptor& socket, int* lastError) {
 
 std::string randomBytes(std::size_t length, std::uint32_t seed) {
     std::mt19937_64 random(seed);
-    std::string bytes(length, '\0');
-    for (std::size_t i = 0; i < length; i += 8) {
+    std::string bytes(length + sizeof(std::uint64_t), '\0');
+    for (std::size_t i = 0; i < length; i += sizeof(std::uint64_t)) {
         const std::uint64_t word = random();
-        for (std::size_t j = 0; j < 8 && i + j < length; ++j)
-            bytes[i + j] = static_cast<char>(word >> (8 * j));
+        std::memcpy(bytes.data() + i, &word, sizeof word);
     }
+    bytes.resize(length);
     return bytes;
 }
 

@@ -1,7 +1,7 @@
-// Plain blocking sockets and waiting, for the far ends of what is under test.
+// Plain blocking sockets, for the far ends of what is under test.
 #pragma once
 
-#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <cstdint>
 #include <future>
@@ -13,10 +13,13 @@
 
 namespace platform {
 
-// A listener on the loopback address of a family, on a port of its own; its accepted sockets have
-// TCP_NODELAY.
-FileDescriptor listenOnLoopback(int family = AF_INET, int backlog = 4096);
+// A listener, or a bound datagram socket, at a numeric address; without a port on one of its own.
+// Sockets that it accepts have TCP_NODELAY.
+FileDescriptor listenOn(const std::string& address, std::uint16_t port = 0, int type = SOCK_STREAM);
+inline FileDescriptor listenOnLoopback() { return listenOn("127.0.0.1"); }
 std::uint16_t portOf(const FileDescriptor& socket);
+// The numeric address of a connected socket's far end.
+std::string peerAddressOf(const FileDescriptor& socket);
 // Connects to a numeric address and waits for it.
 FileDescriptor connectTo(const std::string& address, std::uint16_t port);
 FileDescriptor acceptFrom(const FileDescriptor& listener);
@@ -28,6 +31,8 @@ struct SocketPair {
 SocketPair connectedPair();
 
 void makeNonBlocking(const FileDescriptor& socket);
+// Closing the socket will reset its connection.
+void makeClosingAbortive(const FileDescriptor& socket);
 void sendAll(const FileDescriptor& socket, std::string_view bytes);
 // Reads until `length` bytes are there or the stream ends; `lastError` gets the errno of a failure.
 std::string receive(const FileDescriptor& socket, std::size_t length, int* lastError = nullptr);

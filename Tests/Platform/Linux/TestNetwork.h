@@ -9,6 +9,8 @@
 // Anything else that is sent into the world is silently dropped there.
 #pragma once
 
+#include <sys/socket.h>
+
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -26,17 +28,13 @@ public:
     // Null if the machine does not allow it. First thing in a test, as `enterNamespaces`.
     static std::unique_ptr<TestNetwork> make();
 
-    // A shell command in the world.
-    void runInWorld(const std::string& command) const;
-    // A listener of the world.
-    FileDescriptor listenInWorld(const std::string& address, std::uint16_t port) const;
+    // A listener, or a datagram socket, of the world.
+    FileDescriptor listenInWorld(const std::string& address, std::uint16_t port,
+                                 int type = SOCK_STREAM) const;
 
 private:
     TestNetwork() = default;
     FileDescriptor world;
 };
-
-// The address of the far end of a connected socket, as text.
-std::string peerAddressOf(const FileDescriptor& socket);
 
 }  // namespace platform

@@ -1,6 +1,7 @@
 #include "Tests/Platform/Linux/Attribution/RealPrograms.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -94,6 +95,11 @@ void RunningProgram::letEnd() {
     ::kill(child, SIGCONT);
     ::waitpid(child, nullptr, 0);
     child = -1;
+}
+
+void becomePerson(uid_t user) {
+    if (::geteuid() != 0) return;
+    if (::setgroups(0, nullptr) != 0 || ::setgid(user) != 0 || ::setuid(user) != 0) ::_exit(126);
 }
 
 std::string readyAs(std::string_view pid) {

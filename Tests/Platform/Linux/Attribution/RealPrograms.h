@@ -66,6 +66,9 @@ private:
     pid_t named = -1;
 };
 
+// For a child that root forked: it goes on under a person's account.
+void becomePerson(uid_t user);
+
 // For the end of a script: says that process N is ready, and stays until killed.
 std::string readyAs(std::string_view pid);
 

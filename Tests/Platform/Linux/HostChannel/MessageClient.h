@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/Linux/FileDescriptor.h"
+#include "Tests/Platform/Linux/Sockets.h"
 
 namespace platform::testing {
 
@@ -22,32 +22,23 @@ inline FileDescriptor connected(std::string_view path) {
     return client;
 }
 
-inline bool sendAll(int client, std::string_view bytes) {
-    while (!bytes.empty()) {
-        const ssize_t length = send(client, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (length < 0) return false;
-        bytes.remove_prefix(static_cast<std::size_t>(length));
-    }
-    return true;
-}
-
 // All that comes until the end; nothing after a reset.
-inline std::optional<std::string> received(int client) {
-    std::string bytes;
-    char buffer[4096];
-    for (;;) {
-        const ssize_t length = recv(client, buffer, sizeof buffer, 0);
-        if (length < 0) return std::nullopt;
-        if (length == 0) return bytes;
-        bytes.append(buffer, static_cast<std::size_t>(length));
-    }
+inline std::optional<std::string> received(const FileDescriptor& client) {
+    int error = 0;
+    auto bytes = receiveToEnd(client, &error);
+    return error == 0 ? std::optional(std::move(bytes)) : std::nullopt;
 }
 
-inline std::optional<std::string> exchanged(const char* path, const std::string& request) {
+inline std::optional<std::string> exchanged(const char* path, std::string_view request) {
     const auto client = connected(path);
-    if (!client || !sendAll(client.get(), request)) return std::nullopt;
+    if (!client) return std::nullopt;
+    while (!request.empty()) {
+        const ssize_t length = send(client.get(), request.data(), request.size(), MSG_NOSIGNAL);
+        if (length < 0) return std::nullopt;
+        request.remove_prefix(static_cast<std::size_t>(length));
+    }
     shutdown(client.get(), SHUT_WR);
-    return received(client.get());
+    return received(client);
 }
 
 }  // namespace platform::testing

@@ -4,22 +4,21 @@
 // by its end.
 #pragma once
 
-#include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <fstream>
 #include <functional>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
+
+#include "Tests/Platform/Linux/Eventually.h"
+#include "Tests/Platform/Linux/Namespaces.h"
 
 namespace platform::testing {
 
@@ -40,19 +39,15 @@ inline std::string contentOf(const std::string& path) {
 class PrivateMachine : public ::testing::Test {
 protected:
     void SetUp() override {
-        isRoot = geteuid() == 0;
-        if (!isRoot && !becomeRootOfAUserNamespace())
-            GTEST_SKIP() << "needs root or user namespaces";
-        ASSERT_EQ(unshare(CLONE_NEWNS), 0);
-        ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+        if (!enterNamespaces(Namespace::mount)) GTEST_SKIP() << "needs root or user namespaces";
         for (const char* place : {"/run", "/tmp", "/var/lib"})
             ASSERT_EQ(mount("tmpfs", place, "tmpfs", 0, "mode=0755"), 0) << place;
         ASSERT_EQ(chmod("/tmp", 01777), 0);
-        if (isRoot) useAccounts();
+        if (hasOtherAccounts()) useAccounts();
     }
 
     // Whether files can be given to other accounts and processes can run for them.
-    bool hasOtherAccounts() const { return isRoot; }
+    bool hasOtherAccounts() const { return wasRoot; }
     static constexpr const char* needsAccounts =
         "needs root: files and processes of other accounts";
 
@@ -70,28 +65,8 @@ protected:
         return WIFEXITED(status) && WEXITSTATUS(status) == 0;
     }
 
-    // Waits, for a bounded time, for what another thread will do.
-    static bool becomesTrue(const std::function<bool()>& condition) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (!condition()) {
-            if (std::chrono::steady_clock::now() > deadline) return false;
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        return true;
-    }
-
 private:
-    static bool becomeRootOfAUserNamespace() {
-        const auto user = std::to_string(getuid());
-        const auto group = std::to_string(getgid());
-        if (unshare(CLONE_NEWUSER) != 0) return false;
-        writeFile("/proc/self/setgroups", "deny");
-        writeFile("/proc/self/uid_map", "0 " + user + " 1");
-        writeFile("/proc/self/gid_map", "0 " + group + " 1");
-        return geteuid() == 0;
-    }
-
-    bool isRoot = false;
+    const bool wasRoot = geteuid() == 0;
 
     static void useAccounts() {
         writeFile("/run/group", contentOf("/etc/group") + "vantry:x:4242:vantrymember\n");

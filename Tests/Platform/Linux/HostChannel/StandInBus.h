@@ -52,12 +52,8 @@ private:
 class StandInLoginManager {
 public:
     StandInLoginManager() {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (!connect() && std::chrono::steady_clock::now() < deadline)
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        EXPECT_TRUE(eventually([this] { return connect(); }));
     }
-
-    bool isOnBus() const { return bus != nullptr; }
 
     void announceSleep(bool isAboutToSleep) {
         sd_bus_emit_signal(bus.get(), "/org/freedesktop/login1", "org.freedesktop.login1.Manager",
@@ -67,12 +63,10 @@ public:
 
     // Serves the bus until the condition holds; false if it never does.
     bool servesUntil(const std::function<bool()>& condition) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (!condition()) {
-            if (std::chrono::steady_clock::now() > deadline) return false;
-            if (sd_bus_process(bus.get(), nullptr) <= 0) sd_bus_wait(bus.get(), 5000);
-        }
-        return true;
+        return eventually([&] {
+            while (sd_bus_process(bus.get(), nullptr) > 0) continue;
+            return condition();
+        });
     }
 
     std::size_t inhibitorsGiven() const { return inhibitors.size(); }

@@ -100,36 +100,28 @@ TEST(NetworkRules, CoverFlowsByProtocolDirectionAddressAndPort) {
     using Protocol = NENetworkRule::Protocol;
     using Direction = NENetworkRule::TrafficDirection;
     const FlowTuple flow = flowTo("10.20.30.40", 443);
-    struct Case {
+    constexpr auto outbound = Direction::outbound;
+    const struct {
         const char* name;
-        NENetworkRule rule;
+        std::optional<NWHostEndpoint> remote;
+        unsigned prefix;
+        Protocol protocol;
+        Direction direction;
         bool covers;
+    } cases[] = {
+        {"everything", {}, 0, Protocol::any, Direction::any, true},
+        {"its protocol", {}, 0, Protocol::TCP, outbound, true},
+        {"the other protocol", {}, 0, Protocol::UDP, outbound, false},
+        {"inbound", {}, 0, Protocol::TCP, Direction::inbound, false},
+        {"its network", {{"10.20.16.0", "0"}}, 20, Protocol::TCP, outbound, true},
+        {"beside it", {{"10.20.32.0", "0"}}, 20, Protocol::TCP, outbound, false},
+        {"its port", {{"10.0.0.0", "443"}}, 8, Protocol::TCP, outbound, true},
+        {"another port", {{"10.0.0.0", "80"}}, 8, Protocol::TCP, outbound, false},
+        {"the other family", {{"::", "0"}}, 0, Protocol::TCP, outbound, false},
     };
-    const auto rule = [](std::optional<NWHostEndpoint> remote, unsigned prefix, Protocol protocol,
-                         Direction direction) {
-        return NENetworkRule{std::move(remote), prefix, std::nullopt, 0, protocol, direction};
-    };
-    const Case cases[] = {
-        {"everything", rule(std::nullopt, 0, Protocol::any, Direction::any), true},
-        {"its protocol", rule(std::nullopt, 0, Protocol::TCP, Direction::outbound), true},
-        {"the other protocol", rule(std::nullopt, 0, Protocol::UDP, Direction::outbound), false},
-        {"inbound", rule(std::nullopt, 0, Protocol::TCP, Direction::inbound), false},
-        {"its network", rule(NWHostEndpoint{"10.20.16.0", "0"}, 20, Protocol::TCP, Direction::any),
-         true},
-        {"beside it", rule(NWHostEndpoint{"10.20.32.0", "0"}, 20, Protocol::TCP, Direction::any),
-         false},
-        {"its port", rule(NWHostEndpoint{"10.0.0.0", "443"}, 8, Protocol::TCP, Direction::any),
-         true},
-        {"another port", rule(NWHostEndpoint{"10.0.0.0", "80"}, 8, Protocol::TCP, Direction::any),
-         false},
-        {"the other family", rule(NWHostEndpoint{"::", "0"}, 0, Protocol::TCP, Direction::any),
-         false},
-        {"the loopback constant of a flush",
-         rule(NWHostEndpoint{"127.255.255.254", "0"}, 32, Protocol::TCP, Direction::outbound),
-         false},
-    };
-    for (const Case& expected : cases)
-        EXPECT_EQ(asksFor({expected.rule}, flow), expected.covers) << expected.name;
+    for (const auto& [name, remote, prefix, protocol, direction, covers] : cases)
+        EXPECT_EQ(asksFor({{remote, prefix, std::nullopt, 0, protocol, direction}}, flow), covers)
+            << name;
 }
 
 TEST(MarkPlaces, AvoidTheBitsThatOthersName) {

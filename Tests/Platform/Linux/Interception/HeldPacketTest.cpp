@@ -55,58 +55,50 @@ Bytes udp() { return {0x12, 0x34, 0, 80, 0, 0, 0, 0}; }
 }  // namespace
 
 TEST(HeldPacket, ReadsHeadersOfEveryShape) {
-    struct Case {
+    const struct {
         const char* name;
         Bytes packet;
         std::size_t trueLength;
-        int family;
-        int protocol;
         std::size_t payload;
-        bool opens;
-    };
-    const Case cases[] = {
-        {"SYN", ipv4(IPPROTO_TCP) + tcp(TH_SYN), 40, AF_INET, IPPROTO_TCP, 0, true},
-        {"options of both headers", ipv4(IPPROTO_TCP, 15) + tcp(TH_ACK, 15), 64120, AF_INET,
-         IPPROTO_TCP, 64000, false},
-        {"datagram", ipv4(IPPROTO_UDP) + udp() + Bytes(10), 38, AF_INET, IPPROTO_UDP, 10, false},
-        {"data on a SYN over IPv6", ipv6(IPPROTO_TCP) + tcp(TH_SYN) + Bytes(3), 63, AF_INET6,
-         IPPROTO_TCP, 3, true},
+        bool isIPv6 = false;
+        bool isTcp = true;
+        bool opens = false;
+    } cases[] = {
+        {"SYN", ipv4(IPPROTO_TCP) + tcp(TH_SYN), 40, 0, false, true, true},
+        {"options of both headers", ipv4(IPPROTO_TCP, 15) + tcp(TH_ACK, 15), 64120, 64000},
+        {"datagram", ipv4(IPPROTO_UDP) + udp() + Bytes(10), 38, 10, false, false},
+        {"data on a SYN over IPv6", ipv6(IPPROTO_TCP) + tcp(TH_SYN) + Bytes(3), 63, 3, true, true,
+         true},
         {"extension headers",
          ipv6(IPPROTO_HOPOPTS) + extension(IPPROTO_DSTOPTS, 0) + extension(IPPROTO_UDP, 1) + udp(),
-         172, AF_INET6, IPPROTO_UDP, 100, false},
+         172, 100, true, false},
     };
-    for (const Case& expected : cases) {
-        SCOPED_TRACE(expected.name);
+    for (const auto& [name, bytes, trueLength, payload, isIPv6, isTcp, opens] : cases) {
+        SCOPED_TRACE(name);
         HeldPacket packet;
-        ASSERT_TRUE(readHeaders(expected.packet, expected.trueLength, packet));
-        EXPECT_EQ(packet.flow.family, expected.family);
-        EXPECT_EQ(packet.flow.protocol, expected.protocol);
+        ASSERT_TRUE(readHeaders(bytes, trueLength, packet));
+        EXPECT_EQ(packet.flow.family, isIPv6 ? AF_INET6 : AF_INET);
+        EXPECT_EQ(packet.flow.protocol, isTcp ? IPPROTO_TCP : IPPROTO_UDP);
         EXPECT_EQ(packet.flow.sourcePort, 0x1234);
         EXPECT_EQ(packet.flow.destinationPort, 80);
-        EXPECT_EQ(packet.flow.sourceAddress[0], expected.family == AF_INET ? 10 : 0xfd);
-        EXPECT_EQ(packet.flow.destinationAddress[0], expected.family == AF_INET ? 20 : 0xfe);
-        EXPECT_EQ(packet.payloadLength, expected.payload);
-        EXPECT_EQ(packet.opensTcp, expected.opens);
-        EXPECT_EQ(packet.tcpSequence, expected.protocol == IPPROTO_TCP ? 0xff000001u : 0u);
+        EXPECT_EQ(packet.flow.sourceAddress[0], isIPv6 ? 0xfd : 10);
+        EXPECT_EQ(packet.flow.destinationAddress[0], isIPv6 ? 0xfe : 20);
+        EXPECT_EQ(packet.payloadLength, payload);
+        EXPECT_EQ(packet.opensTcp, opens);
+        EXPECT_EQ(packet.tcpSequence, isTcp ? 0xff000001u : 0u);
     }
 }
 
 TEST(HeldPacket, EveryCutShortOfThePortsIsRefused) {
-    const Bytes whole[] = {
-        ipv4(IPPROTO_TCP, 6) + tcp(TH_SYN),
-        ipv6(IPPROTO_ROUTING) + extension(IPPROTO_UDP, 2) + udp(),
-    };
-    for (const Bytes& packet : whole) {
-        HeldPacket read;
+    HeldPacket read;
+    for (const Bytes& packet : {ipv4(IPPROTO_TCP, 6) + tcp(TH_SYN),
+                                ipv6(IPPROTO_ROUTING) + extension(IPPROTO_UDP, 2) + udp()}) {
         EXPECT_TRUE(readHeaders(packet, packet.size(), read));
-        for (std::size_t length = 0; length < packet.size(); ++length) {
-            HeldPacket cut;
-            EXPECT_FALSE(readHeaders(std::span(packet).first(length), packet.size(), cut))
+        for (std::size_t length = 0; length < packet.size(); ++length)
+            EXPECT_FALSE(readHeaders(std::span(packet).first(length), packet.size(), read))
                 << length;
-        }
     }
-    HeldPacket other;
-    EXPECT_FALSE(readHeaders(ipv4(IPPROTO_ICMP) + Bytes(20), 40, other));
+    EXPECT_FALSE(readHeaders(ipv4(IPPROTO_ICMP) + Bytes(20), 40, read));
 }
 
 }  // namespace platform::interception

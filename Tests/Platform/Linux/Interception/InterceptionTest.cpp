@@ -2,22 +2,25 @@
 #include "Platform/Linux/Interception/Interception.h"
 
 #include <gtest/gtest.h>
-#include <netinet/tcp.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <future>
 #include <vector>
 
 #include "Platform/Linux/OwnTraffic.h"
+#include "Tests/Platform/Linux/Eventually.h"
 #include "Tests/Platform/Linux/Interception/InterceptionLab.h"
 #include "Tests/Platform/Linux/Interception/ScriptedProviders.h"
+#include "Tests/Platform/Linux/Namespaces.h"
 
 namespace platform::interception {
 
 namespace {
 
 constexpr std::uint16_t port = InterceptionLab::echoPort;
+using NewFlow = ScriptedFilter::NewFlow;
+using OnData = ScriptedFilter::OnData;
+using Kind = Call::Kind;
 
 NENetworkRule everyFlowOf(NENetworkRule::Protocol protocol) {
     NENetworkRule rule;
@@ -33,21 +36,21 @@ const std::vector<NENetworkRule> everyFlow{everyFlowOf(NENetworkRule::Protocol::
 struct Scene {
     explicit Scene(Interception::Choices choices = {})
         : interception(std::make_unique<Interception>(Providers{proxy, filter}, choices)) {
-        EXPECT_EQ(setFilter(NEFilterAction::filterData), std::nullopt);
-        EXPECT_EQ(setRules(everyFlow), std::nullopt);
+        setFilter(NEFilterAction::filterData);
+        setRules(everyFlow);
     }
 
-    std::optional<NSError> setRules(const std::vector<NENetworkRule>& rules) {
+    void setRules(const std::vector<NENetworkRule>& rules) {
         std::promise<std::optional<NSError>> done;
         interception->setProxyRules(
             rules, [&](std::optional<NSError> error) { done.set_value(std::move(error)); });
-        return done.get_future().get();
+        EXPECT_EQ(done.get_future().get(), std::nullopt);
     }
-    std::optional<NSError> setFilter(std::optional<NEFilterAction> action) {
+    void setFilter(std::optional<NEFilterAction> action) {
         std::promise<std::optional<NSError>> done;
         interception->setFilterAction(
             action, [&](std::optional<NSError> error) { done.set_value(std::move(error)); });
-        return done.get_future().get();
+        EXPECT_EQ(done.get_future().get(), std::nullopt);
     }
     // One rule comes and leaves.
     void flush() {
@@ -55,8 +58,28 @@ struct Scene {
         withAnother.push_back(everyFlowOf(NENetworkRule::Protocol::TCP));
         withAnother.back().remoteNetwork = NWHostEndpoint{"127.255.255.254", "0"};
         withAnother.back().remotePrefix = 32;
-        EXPECT_EQ(setRules(withAnother), std::nullopt);
-        EXPECT_EQ(setRules(everyFlow), std::nullopt);
+        setRules(withAnother);
+        setRules(everyFlow);
+    }
+    // The bytes that the filter was shown, all from the first one on.
+    std::int64_t bytesShown() const {
+        std::int64_t expected = 0;
+        for (const Call& call : calls.of(Kind::data)) {
+            // A byte is never skipped; only retransmissions go back.
+            EXPECT_LE(call.offset, expected);
+            expected = std::max(expected, call.offset + static_cast<std::int64_t>(call.length));
+        }
+        return expected;
+    }
+    std::size_t timesOffered() const { return calls.count(Kind::filter); }
+
+    static const char* server(int family = AF_INET) {
+        return InterceptionLab::serverAddress(family);
+    }
+    static ClientSocket connected(int type = SOCK_STREAM, int family = AF_INET) {
+        ClientSocket client(family, type);
+        EXPECT_EQ(client.connectTo(server(family), port), 0);
+        return client;
     }
 
     InterceptionLab lab;
@@ -76,13 +99,9 @@ void PrintTo(const FlowKind& kind, std::ostream* stream) { *stream << kind.name;
 class InterceptionOfEveryKind : public testing::TestWithParam<FlowKind>, protected Scene {
 protected:
     ClientSocket makeSocket() const { return {GetParam().family, GetParam().type}; }
-    const char* address() const { return InterceptionLab::serverAddress(GetParam().family); }
+    ClientSocket connected() const { return Scene::connected(GetParam().type, GetParam().family); }
+    const char* address() const { return server(GetParam().family); }
     bool isTcp() const { return GetParam().type == SOCK_STREAM; }
-    ClientSocket connected() const {
-        ClientSocket client = makeSocket();
-        EXPECT_EQ(client.connectTo(address(), port), 0);
-        return client;
-    }
 };
 INSTANTIATE_TEST_SUITE_P(Flows, InterceptionOfEveryKind,
                          testing::Values(FlowKind{AF_INET, SOCK_STREAM, "TCPv4"},
@@ -91,24 +110,7 @@ INSTANTIATE_TEST_SUITE_P(Flows, InterceptionOfEveryKind,
                                          FlowKind{AF_INET6, SOCK_DGRAM, "UDPv6"}),
                          [](const auto& kind) { return std::string(kind.param.name); });
 
-class ClaimedTcp : public testing::TestWithParam<int>, protected Scene {
-protected:
-    void SetUp() override { proxy->isClaiming = true; }
-    const char* address() const { return InterceptionLab::serverAddress(GetParam()); }
-};
-INSTANTIATE_TEST_SUITE_P(Families, ClaimedTcp, testing::Values(AF_INET, AF_INET6),
-                         [](const auto& family) {
-                             return std::string(family.param == AF_INET ? "IPv4" : "IPv6");
-                         });
-
-class InterceptionTest : public testing::Test, protected Scene {
-protected:
-    ClientSocket connected(int type = SOCK_STREAM) const {
-        ClientSocket client(AF_INET, type);
-        EXPECT_EQ(client.connectTo(InterceptionLab::serverAddress(AF_INET), port), 0);
-        return client;
-    }
-};
+class InterceptionTest : public testing::Test, protected Scene {};
 
 }  // namespace
 
@@ -117,8 +119,8 @@ TEST_P(InterceptionOfEveryKind, EveryFlowIsOfferedOnceToTheProxyAndThenToTheFilt
     for (int round = 0; round < 3; ++round) ASSERT_EQ(client.exchange(), 0);
     const auto made = calls.all();
     ASSERT_EQ(made.size(), 2u);
-    EXPECT_EQ(made[0].kind, Call::Kind::proxy);
-    EXPECT_EQ(made[1].kind, Call::Kind::filter);
+    EXPECT_EQ(made[0].kind, Kind::proxy);
+    EXPECT_EQ(made[1].kind, Kind::filter);
     for (const Call& call : made) {
         EXPECT_EQ(call.isTcp, isTcp());
         EXPECT_EQ(call.host, address());
@@ -128,299 +130,286 @@ TEST_P(InterceptionOfEveryKind, EveryFlowIsOfferedOnceToTheProxyAndThenToTheFilt
     }
 }
 
-TEST_P(InterceptionOfEveryKind, DroppedFlowFailsAtOnce) {
-    filter->setVerdict(NEFilterNewFlowVerdict::dropVerdict());
-    ClientSocket client = makeSocket();
-    const int error = client.connectTo(address(), port);
-    EXPECT_EQ(isTcp() ? error : client.exchange(), ECONNABORTED);
-    EXPECT_EQ(lab.bytesAtServer(), 0u);
-    EXPECT_EQ(calls.count(Call::Kind::filter), 1u);
-}
-
 TEST_P(InterceptionOfEveryKind, WatchedFlowShowsItsBytesFromTheFirstAndDiesWhenTheFilterSaysSo) {
-    filter->setVerdict(ScriptedFilter::watching());
+    filter->onNewFlow = NewFlow::filterData;
     ClientSocket client = connected();
     for (const std::size_t bytes : {3u, 1400u, 1u}) ASSERT_EQ(client.exchange(bytes), 0);
-    const auto shown = calls.of(Call::Kind::data);
-    ASSERT_GE(shown.size(), 3u);
-    std::int64_t expected = 0;
-    for (const Call& call : shown) {
-        // A byte is never skipped; only retransmissions go back.
-        EXPECT_LE(call.offset, expected);
-        expected = std::max(expected, call.offset + static_cast<std::int64_t>(call.length));
-    }
-    EXPECT_EQ(expected, 1404);
-    EXPECT_EQ(shown.front().flow, shown.back().flow);
+    flush();  // leaves it alone
+    ASSERT_EQ(client.exchange(1), 0);
+    EXPECT_EQ(bytesShown(), 1405);
+    EXPECT_EQ(timesOffered(), 1u);
 
-    filter->onData = NEFilterDataVerdict::Kind::drop;
+    filter->onData = OnData::drop;
     EXPECT_EQ(client.exchange(), ECONNABORTED);
-    EXPECT_EQ(lab.bytesAtServer(), 1404u);
+    EXPECT_EQ(lab.bytesAtServer(), 1405u);
 }
 
 TEST_P(InterceptionOfEveryKind, WatchedFlowThatIsAllowedIsNotShownAgain) {
-    filter->setVerdict(ScriptedFilter::watching());
-    filter->onData = NEFilterDataVerdict::Kind::allow;
+    filter->onNewFlow = NewFlow::filterData;
+    filter->onData = OnData::allow;
     ClientSocket client = connected();
     for (int round = 0; round < 3; ++round) ASSERT_EQ(client.exchange(), 0);
-    EXPECT_EQ(calls.count(Call::Kind::data), 1u);
+    EXPECT_EQ(calls.count(Kind::data), 1u);
 }
 
-TEST_P(InterceptionOfEveryKind, FlushOffersDeclinedFlowsOnceMoreAndTheyGoOn) {
+TEST_P(InterceptionOfEveryKind, FlushOffersDeclinedFlowsOnceMoreAlsoAfterALongSleep) {
     ClientSocket client = connected();
     ASSERT_EQ(client.exchange(), 0);
-    for (int flushes = 1; flushes <= 2; ++flushes) {
-        flush();
+    std::size_t offers = 1;
+    for (const int flushes : {31, 1}) {
+        for (int count = 0; count < flushes; ++count) flush();
         for (int round = 0; round < 3; ++round) ASSERT_EQ(client.exchange(), 0);
-        EXPECT_EQ(calls.count(Call::Kind::proxy), 1u + static_cast<unsigned>(flushes));
-        EXPECT_EQ(calls.count(Call::Kind::filter), 1u + static_cast<unsigned>(flushes));
+        EXPECT_EQ(calls.count(Kind::proxy), ++offers);
+        EXPECT_EQ(timesOffered(), offers);
     }
-}
-
-TEST_P(InterceptionOfEveryKind, FlowThatSleptThroughManyFlushesIsStillOfferedAgain) {
-    ClientSocket client = connected();
-    ASSERT_EQ(client.exchange(), 0);
-    for (int flushes = 0; flushes < 31; ++flushes) flush();
-    ASSERT_EQ(client.exchange(), 0);
-    EXPECT_EQ(calls.count(Call::Kind::filter), 2u);
-}
-
-TEST_P(InterceptionOfEveryKind, FlushResetsAFlowThatIsNowDropped) {
-    ClientSocket client = connected();
-    ASSERT_EQ(client.exchange(), 0);
-    filter->setVerdict(NEFilterNewFlowVerdict::dropVerdict());
+    filter->onNewFlow = NewFlow::drop;
     flush();
     EXPECT_EQ(client.exchange(), ECONNABORTED);
+    // So does a new one.
+    ClientSocket another = makeSocket();
+    const int error = another.connectTo(address(), port);
+    EXPECT_EQ(isTcp() ? error : another.exchange(), ECONNABORTED);
+}
+
+// What a socket that cannot be ended comes to: the mark alone.
+TEST_P(InterceptionOfEveryKind, DeniedConnectionIsRejectedAtItsNextByte) {
+    ClientSocket client = connected();
+    ASSERT_EQ(client.exchange(), 0);
+    const MarkPlace place(24);
+    ConnectionEntries::open()->changeMarks(
+        place.mask(), [&](std::uint32_t) { return place.value(FlowState::denied); });
+    EXPECT_EQ(client.exchange(), isTcp() ? ECONNRESET : EPERM);
     EXPECT_EQ(lab.bytesAtServer(), 5u);
 }
 
-TEST_P(InterceptionOfEveryKind, FlushLeavesWatchedFlowsAlone) {
-    filter->setVerdict(ScriptedFilter::watching());
-    ClientSocket client = connected();
-    ASSERT_EQ(client.exchange(), 0);
-    flush();
-    ASSERT_EQ(client.exchange(), 0);
-    EXPECT_EQ(calls.count(Call::Kind::filter), 1u);
-    EXPECT_EQ(calls.count(Call::Kind::data), 2u);
+TEST_P(InterceptionOfEveryKind, OwnAndLoopbackTrafficIsNeverOffered) {
+    ClientSocket own = makeSocket();
+    const std::uint32_t mark = OwnTraffic::mark();
+    ASSERT_EQ(setsockopt(own.descriptor(), SOL_SOCKET, SO_MARK, &mark, sizeof mark), 0);
+    ASSERT_EQ(own.connectTo(address(), port), 0);
+    EXPECT_EQ(own.exchange(), 0);
+    const bool isIPv4 = GetParam().family == AF_INET;
+    for (const char* here : {isIPv4 ? "127.0.0.1" : "::1", isIPv4 ? "192.0.2.2" : "fd02::2"}) {
+        ClientSocket loopback = makeSocket();
+        ASSERT_EQ(loopback.connectTo(here, port), isTcp() ? ECONNREFUSED : 0);
+        if (!isTcp()) loopback.send(1);
+    }
+    EXPECT_EQ(calls.all().size(), 0u);
 }
 
-TEST_P(InterceptionOfEveryKind, FilterGoesOnWithoutTheProxyAndTheProxyWithoutTheFilter) {
-    EXPECT_EQ(setRules({}), std::nullopt);
-    ASSERT_EQ(connected().exchange(), 0);
-    EXPECT_EQ(calls.count(Call::Kind::proxy), 0u);
-    EXPECT_EQ(calls.count(Call::Kind::filter), 1u);
-
-    EXPECT_EQ(setRules(everyFlow), std::nullopt);
-    EXPECT_EQ(setFilter(std::nullopt), std::nullopt);
-    ASSERT_EQ(connected().exchange(), 0);
-    EXPECT_EQ(calls.count(Call::Kind::proxy), 1u);
-    EXPECT_EQ(calls.count(Call::Kind::filter), 1u);
-}
-
-TEST_P(InterceptionOfEveryKind, SocketBoundToADeviceIsForTheFilterOnly) {
-    ClientSocket client = makeSocket();
-    ASSERT_EQ(setsockopt(client.descriptor(), SOL_SOCKET, SO_BINDTODEVICE, "eth0", 5), 0);
-    ASSERT_EQ(client.connectTo(address(), port), 0);
-    ASSERT_EQ(client.exchange(), 0);
-    EXPECT_EQ(calls.count(Call::Kind::proxy), 0u);
-    EXPECT_EQ(calls.count(Call::Kind::filter), 1u);
-}
-
-TEST_P(ClaimedTcp, ConnectionIsServedByTheProxyAndSeenByNobodyElse) {
-    ClientSocket client(GetParam(), SOCK_STREAM);
-    ASSERT_EQ(client.connectTo(address(), port), 0);
-    ASSERT_EQ(client.exchange(100'000), 0);
-    EXPECT_EQ(lab.bytesAtServer(), 0u);
-    EXPECT_EQ(calls.count(Call::Kind::proxy), 1u);
-    EXPECT_EQ(calls.count(Call::Kind::filter), 1u);
-    EXPECT_EQ(proxy->openingErrors, 0);
-}
-
-TEST_P(ClaimedTcp, DroppedByTheFilterItsOpeningFails) {
-    filter->setVerdict(NEFilterNewFlowVerdict::dropVerdict());
-    ClientSocket client(GetParam(), SOCK_STREAM);
-    EXPECT_EQ(client.connectTo(address(), port), ECONNABORTED);
-    EXPECT_TRUE(eventually([&] { return proxy->openingErrors == 1; }));
-}
+class ClaimedTcp : public testing::TestWithParam<int>, protected Scene {
+protected:
+    ClientSocket connected() const { return Scene::connected(SOCK_STREAM, GetParam()); }
+};
+INSTANTIATE_TEST_SUITE_P(Families, ClaimedTcp, testing::Values(AF_INET, AF_INET6),
+                         [](const auto& family) {
+                             return std::string(family.param == AF_INET ? "IPv4" : "IPv6");
+                         });
 
 TEST_P(ClaimedTcp, UnderWatchItsBytesAreShownAndItCanBeKilled) {
-    filter->setVerdict(ScriptedFilter::watching());
-    ClientSocket client(GetParam(), SOCK_STREAM);
-    ASSERT_EQ(client.connectTo(address(), port), 0);
-    ASSERT_EQ(client.exchange(10), 0);
-    ASSERT_EQ(calls.count(Call::Kind::data), 1u);
-    EXPECT_EQ(calls.of(Call::Kind::data).front().length, 10u);
-    filter->onData = NEFilterDataVerdict::Kind::drop;
+    proxy->isClaiming = true;
+    filter->onNewFlow = NewFlow::filterData;
+    ClientSocket client = connected();
+    ASSERT_EQ(client.exchange(100'000), 0);
+    EXPECT_EQ(bytesShown(), 100'000);
+    EXPECT_EQ(calls.count(Kind::proxy), 1u);
+    EXPECT_EQ(timesOffered(), 1u);
+    filter->onData = OnData::drop;
     EXPECT_EQ(client.exchange(), ECONNABORTED);
+    EXPECT_EQ(proxy->openingErrors, 0);
+    EXPECT_EQ(lab.bytesAtServer(), 0u);
 }
 
-TEST_P(ClaimedTcp, FlowThatWasDeclinedBeforeIsResetAndComesBackClaimed) {
-    proxy->isClaiming = false;
-    ClientSocket client(GetParam(), SOCK_STREAM);
-    ASSERT_EQ(client.connectTo(address(), port), 0);
+TEST_P(ClaimedTcp, ItsOpeningFailsWhenItComesTooLateOrTheFilterDropsIt) {
+    ClientSocket client = connected();
     ASSERT_EQ(client.exchange(), 0);
     proxy->isClaiming = true;
     flush();
     EXPECT_EQ(client.exchange(), ECONNABORTED);
     EXPECT_TRUE(eventually([&] { return proxy->openingErrors == 1; }));
-
-    ClientSocket again(GetParam(), SOCK_STREAM);
-    ASSERT_EQ(again.connectTo(address(), port), 0);
-    ASSERT_EQ(again.exchange(), 0);
+    EXPECT_EQ(connected().exchange(), 0);
     EXPECT_EQ(lab.bytesAtServer(), 5u);
+
+    filter->onNewFlow = NewFlow::drop;
+    ClientSocket dropped(GetParam(), SOCK_STREAM);
+    EXPECT_EQ(dropped.connectTo(server(GetParam()), port), ECONNABORTED);
+    EXPECT_TRUE(eventually([&] { return proxy->openingErrors == 2; }));
+}
+
+TEST_F(InterceptionTest, FilterGoesOnWithoutTheProxyAndTheProxyWithoutTheFilter) {
+    setRules({everyFlowOf(NENetworkRule::Protocol::UDP)});
+    ASSERT_EQ(connected().exchange(), 0);
+    EXPECT_EQ(calls.count(Kind::proxy), 0u);
+    EXPECT_EQ(timesOffered(), 1u);
+
+    setRules(everyFlow);
+    setFilter(std::nullopt);
+    ASSERT_EQ(connected().exchange(), 0);
+    EXPECT_EQ(calls.count(Kind::proxy), 1u);
+    EXPECT_EQ(timesOffered(), 1u);
 }
 
 TEST_F(InterceptionTest, BurstOfFirstPacketsGivesOneOffer) {
-    filter->setVerdict(ScriptedFilter::watching());
-    ClientSocket client(AF_INET, SOCK_DGRAM);
-    ASSERT_EQ(client.connectTo(InterceptionLab::serverAddress(AF_INET), port), 0);
+    filter->onNewFlow = NewFlow::filterData;
+    ClientSocket client = connected(SOCK_DGRAM);
     for (int datagram = 0; datagram < 50; ++datagram) ASSERT_EQ(client.send(2), 0);
     ASSERT_EQ(client.receive(1), 0);
-    EXPECT_EQ(calls.count(Call::Kind::proxy), 1u);
-    EXPECT_EQ(calls.count(Call::Kind::filter), 1u);
-    ASSERT_TRUE(eventually([&] { return calls.count(Call::Kind::data) == 50; }));
-    EXPECT_EQ(calls.of(Call::Kind::data).back().offset, 98);
+    EXPECT_EQ(calls.count(Kind::proxy), 1u);
+    EXPECT_EQ(timesOffered(), 1u);
+    ASSERT_TRUE(eventually([&] { return calls.count(Kind::data) == 50; }));
+    EXPECT_EQ(bytesShown(), 100);
+}
+
+TEST_F(InterceptionTest, LargeSegmentsOfAWatchedUploadAreShownWholeAndInOrder) {
+    filter->onNewFlow = NewFlow::filterData;
+    ClientSocket client = connected();
+    constexpr std::size_t total = 4 << 20;
+    std::thread drain([&] { EXPECT_EQ(client.receive(total), 0); });
+    EXPECT_EQ(client.send(total), 0);
+    drain.join();
+    EXPECT_EQ(bytesShown(), std::int64_t{total});
+    const auto shown = calls.of(Kind::data);
+    EXPECT_TRUE(std::ranges::any_of(shown, [](const Call& call) { return call.length > 16000; }));
 }
 
 TEST_F(InterceptionTest, DeniedDatagramFlowSparesTheOtherFlowsOfItsSocket) {
-    filter->setVerdict(NEFilterNewFlowVerdict::dropVerdict());
+    filter->onNewFlow = NewFlow::drop;
     ClientSocket client(AF_INET, SOCK_DGRAM);
-    for (int datagram = 0; datagram < 5; ++datagram)
-        ASSERT_EQ(client.sendTo(InterceptionLab::serverAddress(AF_INET), port, 1), 0);
-    EXPECT_TRUE(eventually([&] { return calls.count(Call::Kind::filter) == 1; }));
-    filter->setVerdict(NEFilterNewFlowVerdict::allowVerdict());
+    for (int datagram = 0; datagram < 5; ++datagram) ASSERT_EQ(client.sendTo(server(), port, 1), 0);
+    EXPECT_TRUE(eventually([&] { return timesOffered() == 1; }));
+    filter->onNewFlow = NewFlow::allow;
     // Another destination is another flow; this one has no service, but it gets there.
-    ASSERT_EQ(client.sendTo(InterceptionLab::serverAddress(AF_INET), port + 1, 1), 0);
-    EXPECT_TRUE(eventually([&] { return calls.count(Call::Kind::filter) == 2; }));
+    ASSERT_EQ(client.sendTo(server(), port + 1, 1), 0);
+    EXPECT_TRUE(eventually([&] { return timesOffered() == 2; }));
     EXPECT_EQ(lab.bytesAtServer(), 0u);
 }
 
 TEST_F(InterceptionTest, KilledDatagramFlowIsOfferedAnewWhenItsSocketGoesOn) {
-    filter->setVerdict(ScriptedFilter::watching());
+    filter->onNewFlow = NewFlow::filterData;
     ClientSocket client(AF_INET, SOCK_DGRAM);
-    const char* const server = InterceptionLab::serverAddress(AF_INET);
-    ASSERT_EQ(client.sendTo(server, port, 1), 0);
+    ASSERT_EQ(client.sendTo(server(), port, 1), 0);
     ASSERT_EQ(client.receive(1), 0);
-    filter->onData = NEFilterDataVerdict::Kind::drop;
-    ASSERT_EQ(client.sendTo(server, port, 1), 0);
-    ASSERT_TRUE(eventually([&] { return calls.count(Call::Kind::data) == 2; }));
-    filter->onData = NEFilterDataVerdict::Kind::data;
+    filter->onData = OnData::drop;
+    ASSERT_EQ(client.sendTo(server(), port, 1), 0);
+    ASSERT_TRUE(eventually([&] { return calls.count(Kind::data) == 2; }));
+    filter->onData = OnData::data;
     // The first datagram after the kill may come before the kernel's entry has gone.
-    EXPECT_TRUE(eventually([&] {
-        return client.sendTo(server, port, 1) == 0 && calls.count(Call::Kind::filter) == 2;
-    }));
+    EXPECT_TRUE(
+        eventually([&] { return client.sendTo(server(), port, 1) == 0 && timesOffered() == 2; }));
     EXPECT_EQ(client.receive(1), 0);
 }
 
-TEST_F(InterceptionTest, RulesDecideWhichFlowsTheProxyIsOffered) {
-    NENetworkRule near = everyFlowOf(NENetworkRule::Protocol::TCP);
-    near.remoteNetwork = NWHostEndpoint{"10.77.0.0", "0"};
-    near.remotePrefix = 24;
-    EXPECT_EQ(setRules({near}), std::nullopt);
-    ASSERT_EQ(connected().exchange(), 0);
-    EXPECT_EQ(calls.count(Call::Kind::proxy), 1u);
-    ASSERT_EQ(connected(SOCK_DGRAM).exchange(), 0);
-    ClientSocket six(AF_INET6, SOCK_STREAM);
-    ASSERT_EQ(six.connectTo(InterceptionLab::serverAddress(AF_INET6), port), 0);
-    EXPECT_EQ(calls.count(Call::Kind::proxy), 1u);
-    EXPECT_EQ(calls.count(Call::Kind::filter), 3u);
+TEST_F(InterceptionTest, SlowFlowHoldsUpNoOther) {
+    filter->waiting = ScriptedFilter::Waiting::datagrams;
+    ClientSocket slow = connected(SOCK_DGRAM);
+    for (int burst = 0; burst < 20; ++burst) ASSERT_EQ(slow.send(1), 0);
+    for (int other = 0; other < 50; ++other) connected();
+    EXPECT_EQ(timesOffered(), 51u);
+    filter->mayGoOn.set_value();
+    EXPECT_EQ(slow.receive(1), 0);
+}
+
+TEST_F(InterceptionTest, AllOtherBitsOfBothMarksSurvive) {
+    runCommand(
+        "nft 'add table inet other;"
+        " add chain inet other before { type filter hook output priority -180; };"
+        " add rule inet other before ct mark set ct mark or 0x00000500;"
+        " add chain inet other after { type filter hook postrouting priority 0; };"
+        " add rule inet other after meta mark 0x00a00007 counter accept;"
+        " add rule inet other after meta l4proto tcp counter'");
+    filter->onNewFlow = NewFlow::filterData;
+    ClientSocket client(AF_INET, SOCK_STREAM);
+    const std::uint32_t mark = 0x00a00007;
+    ASSERT_EQ(setsockopt(client.descriptor(), SOL_SOCKET, SO_MARK, &mark, sizeof mark), 0);
+    ASSERT_EQ(client.connectTo(server(), port), 0);
+    filter->onData = OnData::allow;
+    for (int round = 0; round < 2; ++round) ASSERT_EQ(client.exchange(), 0);
+    const std::string connections = runCommand("conntrack -L -p tcp");
+    EXPECT_NE(connections.find("mark=" + std::to_string(0x01000500)), std::string::npos)
+        << connections;
+    // No packet of the flow left with another mark than the application's.
+    const std::string rules = runCommand("nft --numeric-protocol list chain inet other after");
+    EXPECT_EQ(rules.find("mark 0x00a00007 counter packets 0"), std::string::npos) << rules;
+    EXPECT_NE(rules.find("l4proto 6 counter packets 0"), std::string::npos) << rules;
 }
 
 TEST_F(InterceptionTest, StrangerAtTheListenerIsReset) {
     proxy->isClaiming = true;
     const std::string listening =
-        lab.run("ss -Htln src 127.0.0.1 | sed 's/.*127.0.0.1:\\([0-9]*\\) .*/\\1/'");
+        runCommand("ss -Htln src 127.0.0.1 | sed 's/.*127.0.0.1:\\([0-9]*\\) .*/\\1/'");
     ClientSocket stranger(AF_INET, SOCK_STREAM);
     ASSERT_EQ(stranger.connectTo("127.0.0.1", static_cast<std::uint16_t>(std::stoi(listening))), 0);
     EXPECT_EQ(stranger.receive(1), ECONNRESET);
 }
 
-TEST_F(InterceptionTest, WithoutDescriptorsFlowsAreDeclinedAndGoOn) {
-    proxy->isClaiming = true;
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    std::vector<FileDescriptor> used;
-    for (;;) {
-        FileDescriptor one(dup(STDERR_FILENO));
-        if (!one) break;
-        used.push_back(std::move(one));
-    }
-    for (int count = 0; count < 8; ++count) used.pop_back();
-    ASSERT_EQ(connected().exchange(), 0);
-    EXPECT_EQ(calls.count(Call::Kind::proxy), 0u);
-    EXPECT_EQ(lab.bytesAtServer(), 5u);
-    used.clear();
-    ASSERT_EQ(connected().exchange(), 0);
-    EXPECT_EQ(lab.bytesAtServer(), 5u);
-}
-
-TEST_F(InterceptionTest, ClaimedFlowSurvivesTheLossOfItsTunnelAddress) {
-    ASSERT_EQ(lab.run("ip tuntap add utun0 mode tun && ip addr add 10.99.0.1/24 dev utun0 &&"
-                      " ip link set utun0 up"),
-              "");
-    proxy->isClaiming = true;
-    {
-        ClientSocket client(AF_INET, SOCK_STREAM);
-        ASSERT_EQ(client.connectTo("10.99.0.7", port), 0);
-        ASSERT_EQ(client.exchange(), 0);
-        EXPECT_NE(lab.run("ip addr show dev lo").find("inet 10.99.0.1/32"), std::string::npos);
-        lab.run("ip link del utun0");
-        EXPECT_EQ(client.exchange(100'000), 0);
-    }
-    EXPECT_TRUE(eventually(
-        [&] { return lab.run("ip addr show dev lo").find("10.99.0.1") == std::string::npos; }));
-}
-
-TEST_F(InterceptionTest, OwnTrafficKeepsAWayOutWhenTheDefaultRouteIsDeleted) {
-    const auto reach = [] {
-        ClientSocket own(AF_INET, SOCK_STREAM);
-        const std::uint32_t mark = OwnTraffic::mark();
-        setsockopt(own.descriptor(), SOL_SOCKET, SO_MARK, &mark, sizeof mark);
-        setsockopt(own.descriptor(), SOL_SOCKET, SO_BINDTODEVICE, "eth0", 5);
-        return own.connectTo(InterceptionLab::farServerAddress(), port);
-    };
-    EXPECT_EQ(reach(), 0);
-    const std::string rules = lab.run("ip rule; ip -6 rule");
-    lab.run("ip route del default");
-    EXPECT_TRUE(eventually([&] { return reach() == 0; }));
-    EXPECT_NE(
-        ClientSocket(AF_INET, SOCK_STREAM).connectTo(InterceptionLab::farServerAddress(), port), 0);
-    lab.run("ip route add default via 10.77.0.2");
-    EXPECT_TRUE(eventually([&] { return lab.run("ip rule; ip -6 rule") == rules; }));
-    EXPECT_EQ(lab.run("ip route show table all | grep 'table 7660'"), "");
-    EXPECT_EQ(reach(), 0);
-}
-
 TEST_F(InterceptionTest, MarksOfAnEarlierProcessAreWipedAtStartAndOursAtTheEnd) {
     ClientSocket client = connected();
     ASSERT_EQ(client.exchange(), 0);
-    const auto marks = [&] { return lab.run("conntrack -L -p tcp -o extended"); };
-    EXPECT_EQ(marks().find("mark=0 "), std::string::npos);
+    const auto hasMark = [] {
+        return runCommand("conntrack -L -p tcp -o extended").find("mark=0 ") == std::string::npos;
+    };
+    EXPECT_TRUE(hasMark());
     interception.reset();
-    EXPECT_NE(marks().find("mark=0 "), std::string::npos);
+    EXPECT_FALSE(hasMark());
     // As if the process had been killed while this flow was denied.
     const std::uint32_t denied = MarkPlace(24).value(FlowState::denied);
     ASSERT_EQ(ConnectionEntries::open()->changeMarks(MarkPlace(24).mask(),
                                                      [&](std::uint32_t) { return denied; }),
               0);
-    EXPECT_EQ(marks().find("mark=0 "), std::string::npos);
+    EXPECT_TRUE(hasMark());
 
     interception = std::make_unique<Interception>(Providers{proxy, filter});
-    EXPECT_EQ(setFilter(NEFilterAction::filterData), std::nullopt);
-    EXPECT_NE(marks().find("mark=0 "), std::string::npos);
+    setFilter(NEFilterAction::filterData);
+    EXPECT_FALSE(hasMark());
+    // A connection older than the rules is not offered.
     EXPECT_EQ(client.exchange(), 0);
-    EXPECT_EQ(calls.count(Call::Kind::filter), 1u);
+    EXPECT_EQ(timesOffered(), 1u);
 }
 
-TEST(InterceptionRules, ThatSomebodyFlushedComeBack) {
-    Interception::Choices choices;
-    choices.ownership = TableOwnership::shared;
-    Scene scene(choices);
-    scene.lab.run("nft flush ruleset");
+// Where the kernel cannot let a table have an owner.
+TEST(InterceptionRules, ThatSomebodyFlushesComeBack) {
+    Scene scene({TableOwnership::shared, {}});
+    runCommand("nft flush ruleset");
     EXPECT_TRUE(eventually(
-        [&] { return scene.lab.run("nft list tables").find("vantry") != std::string::npos; }));
-    ClientSocket client(AF_INET, SOCK_STREAM);
-    ASSERT_EQ(client.connectTo(InterceptionLab::serverAddress(AF_INET), port), 0);
-    EXPECT_EQ(scene.calls.count(Call::Kind::filter), 1u);
+        [] { return runCommand("nft list tables").find("vantry") != std::string::npos; }));
+    Scene::connected();
+    EXPECT_EQ(scene.timesOffered(), 1u);
+}
+
+// A filter that answers to nobody until it is let go.
+struct StuckScene : Scene {
+    explicit StuckScene(std::chrono::milliseconds longestWait)
+        : Scene({TableOwnership::exclusive, {longestWait, 32}}) {
+        filter->waiting = ScriptedFilter::Waiting::all;
+    }
+};
+
+TEST(InterceptionQueue, OverduePacketsAreLetGoEvenIfEveryWorkerIsStuck) {
+    StuckScene scene(std::chrono::milliseconds(100));
+    std::vector<ClientSocket> clients;
+    for (int index = 0; index < 80; ++index) {
+        clients.push_back(Scene::connected(SOCK_DGRAM));
+        ASSERT_EQ(clients.back().send(1), 0);
+    }
+    for (ClientSocket& client : clients) ASSERT_EQ(client.receive(1), 0);
+    scene.filter->mayGoOn.set_value();
+}
+
+TEST(InterceptionQueue, PacketsBeyondItsRoomPassAndItGoesOnAfterwards) {
+    StuckScene scene(std::chrono::minutes(1));
+    std::vector<ClientSocket> clients;
+    // More than the queue holds, less of each flow than its socket may have on the way.
+    while (scene.lab.bytesAtServer() == 0) {
+        ASSERT_LT(clients.size(), 200u) << "the queue takes everything";
+        clients.push_back(Scene::connected(SOCK_DGRAM));
+        for (int datagram = 0; datagram < 100; ++datagram) ASSERT_EQ(clients.back().send(1), 0);
+    }
+    const std::size_t stuck = scene.timesOffered();
+    scene.filter->mayGoOn.set_value();
+    EXPECT_EQ(Scene::connected().exchange(), 0);
+    const auto offered = scene.calls.of(Kind::filter);
+    EXPECT_TRUE(std::ranges::any_of(offered, &Call::isTcp));
+    EXPECT_GT(offered.size(), stuck + 1) << "what waited is offered, too";
 }
 
 }  // namespace platform::interception

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
-#include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -22,7 +22,6 @@ struct Call {
     std::string token;        // empty: none
     std::int64_t offset = 0;  // with data
     std::size_t length = 0;   // with data
-    const void* flow = nullptr;
 };
 
 class CallList {
@@ -53,8 +52,10 @@ private:
     std::vector<Call> calls;
 };
 
-inline std::string textOf(const std::optional<Data>& token) {
-    return token ? std::string(*token->bytes()) : std::string();
+inline Call callOf(Call::Kind kind, bool isTcp, const RemoteEndpoint& remote,
+                   const std::optional<Data>& token) {
+    const NWHostEndpoint& host = *hostEndpoint(remote);
+    return {kind, isTcp, host.hostname, host.port, token ? std::string(*token->bytes()) : ""};
 }
 
 // Opens a claimed flow and sends back what comes, until the application ends.
@@ -66,10 +67,7 @@ public:
     void start() {
         flow->openWithLocalEndpoint(
             nullptr, [self = shared_from_this()](const std::optional<NSError>& error) {
-                if (error)
-                    ++self->errors;
-                else
-                    self->readOn();
+                error ? void(++self->errors) : self->readOn();
             });
     }
 
@@ -107,9 +105,8 @@ public:
 
     bool handleNewFlow(const std::shared_ptr<NEAppProxyFlow>& flow) override {
         const auto tcp = std::dynamic_pointer_cast<NEAppProxyTCPFlow>(flow);
-        const NWHostEndpoint& remote = *hostEndpoint(flow->remoteEndpoint());
-        calls.add({Call::Kind::proxy, tcp != nullptr, remote.hostname, remote.port,
-                   textOf(flow->metaData().sourceAppAuditToken), 0, 0, flow.get()});
+        calls.add(callOf(Call::Kind::proxy, tcp != nullptr, flow->remoteEndpoint(),
+                         flow->metaData().sourceAppAuditToken));
         if (!tcp || !isClaiming) return false;
         claim(tcp);
         return true;
@@ -124,50 +121,49 @@ private:
 
 class ScriptedFilter final : public NEFilterDataProvider {
 public:
+    using NewFlow = NEFilterNewFlowVerdict::Kind;
+    using OnData = NEFilterDataVerdict::Kind;
+
     explicit ScriptedFilter(CallList& list) : calls(list) {}
 
-    static NEFilterNewFlowVerdict watching() {
-        return NEFilterNewFlowVerdict::filterDataVerdict(false, 0, true, 1);
-    }
-    void setVerdict(NEFilterNewFlowVerdict replacement) {
-        const std::lock_guard guard(lock);
-        verdict = replacement;
-    }
-    std::atomic<NEFilterDataVerdict::Kind> onData{NEFilterDataVerdict::Kind::data};
+    std::atomic<NewFlow> onNewFlow{NewFlow::allow};
+    std::atomic<OnData> onData{OnData::data};
+    // Which new flows get their verdict only once `mayGoOn` is set.
+    enum class Waiting { none, datagrams, all };
+    std::atomic<Waiting> waiting{Waiting::none};
+    std::promise<void> mayGoOn;
 
     void startFilter(ErrorCompletion) override {}
     void stopFilter(NEProviderStopReason, Completion<>) override {}
 
     NEFilterNewFlowVerdict handleNewFlow(const NEFilterFlow& flow) override {
-        note(flow, Call::Kind::filter, 0, 0);
-        const std::lock_guard guard(lock);
-        return verdict;
+        const Call call = callOf(Call::Kind::filter, flow);
+        calls.add(call);
+        if (waiting == Waiting::all || (waiting == Waiting::datagrams && !call.isTcp)) gate.wait();
+        if (onNewFlow == NewFlow::allow) return NEFilterNewFlowVerdict::allowVerdict();
+        if (onNewFlow == NewFlow::drop) return NEFilterNewFlowVerdict::dropVerdict();
+        return NEFilterNewFlowVerdict::filterDataVerdict(false, 0, true, 1);
     }
     NEFilterDataVerdict handleOutboundData(const NEFilterFlow& flow, std::int64_t offset,
                                            const Data& bytes) override {
-        note(flow, Call::Kind::data, offset, bytes.length());
-        switch (onData.load()) {
-            case NEFilterDataVerdict::Kind::allow:
-                return NEFilterDataVerdict::allowVerdict();
-            case NEFilterDataVerdict::Kind::drop:
-                return NEFilterDataVerdict::dropVerdict();
-            case NEFilterDataVerdict::Kind::data:
-                break;
-        }
+        Call call = callOf(Call::Kind::data, flow);
+        call.offset = offset;
+        call.length = bytes.length();
+        calls.add(std::move(call));
+        if (onData == OnData::allow) return NEFilterDataVerdict::allowVerdict();
+        if (onData == OnData::drop) return NEFilterDataVerdict::dropVerdict();
         return NEFilterDataVerdict::dataVerdict(bytes.length(), 1);
     }
 
 private:
-    void note(const NEFilterFlow& flow, Call::Kind kind, std::int64_t offset, std::size_t length) {
+    static Call callOf(Call::Kind kind, const NEFilterFlow& flow) {
         const auto& socketFlow = dynamic_cast<const NEFilterSocketFlow&>(flow);
-        const NWHostEndpoint& remote = *hostEndpoint(socketFlow.remoteEndpoint());
-        calls.add({kind, socketFlow.socketType() == 1, remote.hostname, remote.port,
-                   textOf(flow.sourceAppAuditToken()), offset, length, &flow});
+        return interception::callOf(kind, socketFlow.socketType() == SOCK_STREAM,
+                                    socketFlow.remoteEndpoint(), flow.sourceAppAuditToken());
     }
 
     CallList& calls;
-    std::mutex lock;
-    NEFilterNewFlowVerdict verdict = NEFilterNewFlowVerdict::allowVerdict();
+    const std::shared_future<void> gate = mayGoOn.get_future().share();
 };
 
 }  // namespace platform::interception
