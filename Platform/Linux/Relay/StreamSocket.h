@@ -11,17 +11,16 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <string>
 
 #include "Platform/Common/Completion.h"
 #include "Platform/Common/Data.h"
 #include "Platform/Linux/Dispatch/EventLoop.h"
 #include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/Relay/StreamInput.h"
+#include "Platform/Linux/Relay/StreamOutput.h"
+#include "Platform/Linux/Relay/WatchedSocket.h"
 
 namespace platform {
-
-class PipeBlock;
-class PipeContents;
 
 class StreamSocket final : public EventLoop::Source,
                            public std::enable_shared_from_this<StreamSocket> {
@@ -76,15 +75,6 @@ public:
 
 private:
     enum class Phase : std::uint8_t { connecting, open, finishing, closed };
-    struct Received {
-        Data data;
-        bool isEnd = false;
-        int error = 0;
-
-        static Received ended() { return {Data(), true, 0}; }
-        static Received failed(int error) { return {Data(), false, error}; }
-        bool isNothing() const { return data.isEmpty() && !isEnd && error == 0; }
-    };
     // What a finishing socket remembers.
     struct Finishing {
         std::shared_ptr<StreamSocket> self;  // nobody else holds it any more
@@ -97,39 +87,16 @@ private:
         double total = 0;
     };
 
-    void turn();
-    void noteEvents(std::uint32_t events);
     void finishConnecting(std::uint32_t events);
-    void tryReading();
+    void turn();
     void askForReading();
-    Received receive();
-    Received receiveIntoMemory(std::size_t wanted);
-    Received receiveIntoPipe();
-    Received nextBlockOfPipe();
-    void takeAheadIntoMemory();
-    Received receiveAtLeast();
-    Received nothingReceived(ssize_t result);
-    void lookForEnd(Received& received);
-    bool mayAnswerReading() const { return mayRead || hasReadEnd || failure != 0 || ahead; }
+    void tryReading();
     // True if there was something to do and the socket took it, or part of it.
     bool tryWriting();
-    void answerWriting(int error);
-    bool hold(const PipeBlock* block);
     void writeHeldSoon();
-    // 0 when all is written, EAGAIN when the rest has to wait, else an errno.
-    int writeOn();
-    int writeBlockOn(const PipeBlock* block);
-    int writeHeld();
-    int noteWriting(int error);
-    void shutDownWriting();
-    // The descriptor has nothing to give or take now: its next change is reported.
-    void awaitReading();
-    void awaitWriting();
-    void watchFor(std::uint32_t events);
 
     void continueFinishing();
     bool hasDeliveredWriting();
-    void discardInput();
     bool mayCloseNow() const;
     std::size_t undeliveredBytes() const;
     class FinishingOfThread;
@@ -137,31 +104,12 @@ private:
     void close();
 
     EventLoop& loop;
-    FileDescriptor descriptor;
+    WatchedSocket socket;
+    StreamInput input{socket};
+    StreamOutput output{socket};
     Owner* owner;
     Phase phase = Phase::open;
-    bool isWatched = false;
-    bool isWatchedForWriting = false;
-    bool mayRead = true;  // until an attempt says otherwise
-    bool mayWrite = true;
-    bool peerSeemsEnded = false;  // an event said so; the end comes behind the bytes
-    bool hasReadEnd = false;
-    bool isReading = false;
-    bool isWriting = false;
     bool isEndingWriting = false;
-    bool hasShutDownWriting = false;
-    bool isBulk = false;  // the last reads were large
-    int failure = 0;      // of the descriptor itself; every operation answers it
-    std::size_t minimum = 0;
-    std::size_t maximum = 0;
-    std::string gathered;                 // of a read with a minimum
-    std::shared_ptr<PipeContents> ahead;  // read, and to be handed on in further blocks
-    Data writing;
-    std::size_t written = 0;
-    // Blocks whose writing was answered already, as more of the same pipe was to follow.
-    std::shared_ptr<PipeContents> held;
-    std::size_t heldStart = 0;
-    std::size_t heldLength = 0;
     bool isWritingHeldSoon = false;
     Completion<> closeHandler;
     std::unique_ptr<Finishing> finishing;
