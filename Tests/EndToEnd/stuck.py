@@ -4,6 +4,8 @@ import contextlib
 import ctypes
 import os
 import pathlib
+import re
+import subprocess
 
 from vantrylab import network, verdicts
 from vantrylab.host import Rules
@@ -30,8 +32,9 @@ def run(stage) -> None:
         _every_thread_hangs(stage)
     _all_is_well_again(stage)
     with _hanging(property_list):
-        waiting = stage.courier.start("connect", stage.ipv4(), 80)
-        network.wait_until(lambda: _held_packets() > 0, "the packet waits")
+        address = stage.ipv4()
+        waiting = stage.courier.start("connect", address, 80)
+        _wait_until_sent(address)
         stage.stop_daemon()
         waiting.finish()
     network.vpn_down()
@@ -45,7 +48,7 @@ def _standing_still(stage) -> None:
                                            (stage.ledger, verdicts.went_through_tunnel),
                                            (stage.chatter, _was_refused))
                 for address in (stage.ipv4(), stage.ipv6())]
-    network.wait_until(lambda: _held_packets() >= len(attempts), "the first packets wait")
+    _wait_until_sent(*(address for _, _, address, _ in attempts))
     stage.daemon.go_on()
     for application, judge, address, attempt in attempts:
         stage.expect(f"stopped and continued: {application.identifier} to {address}",
@@ -58,10 +61,15 @@ def _was_refused(report: dict, address: str) -> verdicts.Verdict:
     return verdicts.Verdict(is_so and not network.seen_at(address), str(report))
 
 
-def _held_packets() -> int:
-    """How many packets the kernel's queues hold, by their own account."""
-    lines = pathlib.Path("/proc/net/netfilter/nfnetlink_queue").read_text().splitlines()
-    return sum(int(line.split()[2]) for line in lines)
+def _wait_until_sent(*addresses: str) -> None:
+    """Until a socket for each address is there, which has sent its first packet or is about to.
+
+    How many packets the kernel's queues hold is for the machine's own root only.
+    """
+    def are_there() -> bool:
+        sockets = subprocess.run(["ss", "-Hntua"], check=True, capture_output=True, text=True).stdout
+        return all(re.search(rf"[ \[]{re.escape(each)}\]?:\d+ *$", sockets, re.MULTILINE) for each in addresses)
+    network.wait_until(are_there, "the first packets are on their way")
 
 
 @contextlib.contextmanager
@@ -89,7 +97,7 @@ def _one_look_up_hangs(stage) -> None:
                                       (stage.ipv4, "datagram", 8080)):
         address, since = next_address(), stage.daemon.mark()
         attempt = stage.courier.start(words, address, port)
-        network.wait_until(lambda: _held_packets() > 0, "the packet waits")
+        _wait_until_sent(address)
         for application, expect in ((stage.ledger, stage.expect_tunnel), (stage.nobody, stage.expect_tunnel),
                                     (stage.chatter, stage.expect_denied)):
             other = next_address()
