@@ -13,34 +13,25 @@ namespace {
 class RuleCommands : public ToolTest {};
 
 TEST_F(RuleCommands, EachChangeIsInBothFilesAndNothingElseChanges) {
-    const struct {
-        const char* command;
-        const char* key;
-        const char* value;
-    } steps[] = {
-        {"rules set org.example.a direct", "rules", R"({"org.example.a":"direct"})"},
-        {"rules set org.example.b c vpn", "rules",
-         R"({"org.example.a":"direct","org.example.b":"vpn","c":"vpn"})"},
-        {"rules remove org.example.b unknown", "rules", R"({"org.example.a":"direct","c":"vpn"})"},
-        {"rules block org.example.c org.example.a", "blockedApps",
-         R"(["org.example.a","org.example.c"])"},
-        {"rules unblock org.example.a", "blockedApps", R"(["org.example.c"])"},
-        {"rules default direct", "defaultAction", R"("direct")"},
-        {"rules fallback vpn block", "vpnFallback", R"("block")"},
-        {"rules fallback direct allow", "directFallback", R"("allow")"},
-        {"vpn down", "vpnConnected", "false"},
-        {"vpn up", "vpnConnected", "true"},
+    const auto change = [](const char* command) {
+        const auto result = runTool(command);
+        EXPECT_EQ(result.exitCode, 0) << command << result.err;
+        EXPECT_EQ(storedInRulesFile(), storedInPreferences()) << command;
     };
-    JSONValue expected = parsed(R"({"rules":{},"defaultAction":"vpn","vpnFallback":"allow",
-                   "directFallback":"block","vpnConnected":true,"blockedApps":[]})");
-    for (const auto& step : steps) {
-        const auto result = runTool(step.command);
-        EXPECT_EQ(result.exitCode, 0) << step.command << result.err;
-        std::get<JSONObject>(expected.value)[step.key] = parsed(step.value);
-        EXPECT_EQ(storedInPreferences(), expected) << step.command;
-        EXPECT_EQ(storedInRulesFile(), expected) << step.command;
-    }
-    EXPECT_EQ(parsed(runTool("rules show --json").out), expected);
+    change("rules set org.a direct");
+    EXPECT_EQ(storedInRulesFile(),
+              parsed(R"({"rules":{"org.a":"direct"},"defaultAction":"vpn","vpnFallback":"allow",
+                         "directFallback":"block","vpnConnected":true,"blockedApps":[]})"));
+    for (const char* command :
+         {"rules set org.b c vpn", "rules remove org.b unknown", "rules block org.c org.a",
+          "rules unblock org.a", "rules default direct", "rules fallback vpn block",
+          "rules fallback direct allow", "vpn down"})
+        change(command);
+    EXPECT_EQ(storedInRulesFile(),
+              parsed(R"({"rules":{"org.a":"direct","c":"vpn"},"defaultAction":"direct",
+                         "vpnFallback":"block","directFallback":"allow","vpnConnected":false,
+                         "blockedApps":["org.c"]})"));
+    EXPECT_EQ(parsed(runTool("rules show --json").out), storedInRulesFile());
     EXPECT_TRUE(platform::NSFileManager::defaultManager().contentsAtPath(places::rulesFile));
 }
 

@@ -22,6 +22,7 @@ using platform::JSONObject;
 using platform::JSONValue;
 using platform::testing::contentOf;
 using platform::testing::memberByAccount;
+using platform::testing::replaceFile;
 using platform::testing::strangerAccount;
 using platform::testing::vantryGroupId;
 using platform::testing::writeFile;

@@ -34,9 +34,7 @@ ActivityLogEntryIPC entry(const std::string& application, double time, const std
 }
 
 void store(const std::vector<ActivityLogEntryIPC>& entries) {
-    const std::string path = places::activityLog;
-    writeFile(path + ".new", *ActivityLogResponseIPC{entries}.encode());
-    ASSERT_EQ(rename((path + ".new").c_str(), path.c_str()), 0);
+    replaceFile(places::activityLog, *ActivityLogResponseIPC{entries}.encode());
 }
 
 // Answers as the daemon does, with fixed contents.

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cerrno>
 #include <memory>
 #include <optional>
@@ -116,12 +115,8 @@ TEST_F(RelayFlow, NoCompletionRunsInsideItsCall) {
 
 TEST_F(RelayFlow, ClosingAnswersWhatIsOutstandingWithAnErrorOnce) {
     connectAndOpen();
-    std::atomic<int> answers = 0;
-    Awaited<Read> outstanding;
-    flow->readData([&, put = into(outstanding)](std::optional<Data> data, Error error) mutable {
-        ++answers;
-        put(std::move(data), std::move(error));
-    });
+    Awaited<Read> outstanding;  // takes no second answer
+    flow->readData(into(outstanding));
     flow->closeReadWithError(std::nullopt);
     EXPECT_TRUE(outstanding.get().error.has_value());
     EXPECT_TRUE(read().error.has_value());
@@ -131,7 +126,6 @@ TEST_F(RelayFlow, ClosingAnswersWhatIsOutstandingWithAnErrorOnce) {
     flow->closeWriteWithError(std::nullopt);
     EXPECT_TRUE(write("more").has_value());
     EXPECT_EQ(receiveToEnd(application), "");
-    EXPECT_EQ(answers, 1);
 }
 
 TEST_F(RelayFlow, AnErrorShowsAsAResetAndTheFirstCloseCounts) {

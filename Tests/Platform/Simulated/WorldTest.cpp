@@ -43,7 +43,6 @@ TEST(Scheduler, TheWallClockJumpsWithoutTheTimersNoticing) {
     bool hasFired = false;
     DispatchQueue::main().asyncAfter(2, [&] { hasFired = true; });
     world.clock.jump(-3600);
-    EXPECT_DOUBLE_EQ(Date::now().timeIntervalSince(before), -3600);
     world.advance(1.5);
     EXPECT_FALSE(hasFired);
     EXPECT_DOUBLE_EQ(Date::now().timeIntervalSince(before), -3598.5);
@@ -51,7 +50,8 @@ TEST(Scheduler, TheWallClockJumpsWithoutTheTimersNoticing) {
     EXPECT_TRUE(hasFired);
 }
 
-std::string orderOf(std::uint64_t seed, std::uint64_t& fingerprint) {
+// The order in which work is done, and all else that is drawn.
+std::string orderOf(std::uint64_t seed) {
     World world({.order = Order::drawn, .seed = seed});
     std::string order;
     for (const char name : {'a', 'b', 'c', 'd', 'e'}) pool.async([&order, name] { order += name; });
@@ -59,21 +59,18 @@ std::string orderOf(std::uint64_t seed, std::uint64_t& fingerprint) {
         DispatchQueue::main().async([&order, name] { order += name; });
     EXPECT_EQ(order, "") << "nothing runs inside the call that hands it over";
     world.runUntilIdle();
-    fingerprint = world.scheduler.fingerprint();
-    return order + UUID::random().uuidString();
+    return order + " " + std::to_string(world.scheduler.fingerprint()) +
+           UUID::random().uuidString();
 }
 
 TEST(Scheduler, TheSeedDecidesTheOrderAndRepeatsIt) {
     std::set<std::string> orders;
     for (std::uint64_t seed = 1; seed <= 20; ++seed) {
-        std::uint64_t first = 0;
-        std::uint64_t again = 0;
-        const auto order = orderOf(seed, first);
-        EXPECT_EQ(order, orderOf(seed, again));
-        EXPECT_EQ(first, again);
+        const auto order = orderOf(seed);
+        EXPECT_EQ(order, orderOf(seed));
         EXPECT_LT(order.find('1'), order.find('2'));
         EXPECT_LT(order.find('2'), order.find('3'));
-        orders.insert(order);
+        orders.insert(order.substr(0, order.find(' ')));
     }
     EXPECT_GT(orders.size(), 15u);
 }

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <cstring>
+#include <utility>
 
 #include "Platform/Common/Text.h"
 #include "Platform/Foundation.h"
@@ -83,18 +84,20 @@ TEST(Bundle, OpensWhatIsOneAndFollowsItsChanges) {
     std::filesystem::create_symlink(folder.path("Flat.appex/pipe"),
                                     folder.path("Pipe.app/Contents/Info.plist"));
 
-    const auto identifier = [&](std::string_view relative) -> std::optional<std::string> {
+    // What opens, with its identifier or none; and what doesn't.
+    const auto identifier = [&](const std::string& relative) -> std::string {
         const auto bundle = NSBundle::bundleWithPath(folder.path(relative));
-        return bundle ? bundle->bundleIdentifier() : std::nullopt;
+        return bundle ? bundle->bundleIdentifier().value_or("none") : "no bundle";
     };
-    EXPECT_EQ(identifier("A.app"), "com.example.a");
-    EXPECT_EQ(identifier("Flat.appex"), "com.example.flat");
-    EXPECT_EQ(identifier("Odd\\xff.app"), "com.example.odd");
-    EXPECT_EQ(identifier("Huge.app"), std::nullopt);
-    EXPECT_EQ(identifier("Folder.app"), std::nullopt);
-    EXPECT_EQ(identifier("Pipe.app"), std::nullopt);
-    EXPECT_FALSE(NSBundle::bundleWithPath(folder.path("file.app")));
-    EXPECT_FALSE(NSBundle::bundleWithPath(folder.path("Missing.app")));
+    const std::pair<const char*, const char*> cases[] = {{"A.app", "com.example.a"},
+                                                         {"Flat.appex", "com.example.flat"},
+                                                         {"Odd\\xff.app", "com.example.odd"},
+                                                         {"Huge.app", "none"},
+                                                         {"Folder.app", "none"},
+                                                         {"Pipe.app", "none"},
+                                                         {"file.app", "no bundle"},
+                                                         {"Missing.app", "no bundle"}};
+    for (const auto& [path, expected] : cases) EXPECT_EQ(identifier(path), expected) << path;
 
     folder.addBundle("A.app", "com.example.renamed");
     EXPECT_EQ(identifier("A.app"), "com.example.renamed");
@@ -155,22 +158,17 @@ TEST(AuditToken, HoldsAccountProcessAndVersion) {
                                   .executableInode = 2,
                                   .signingIdentifier = "a.b"};
     const auto token = makeAuditToken(fields);
+    EXPECT_EQ(makeAuditToken(fields), token);
     std::uint32_t words[8];
     static_assert(sizeof words == sizeof token);
     std::memcpy(words, token.data(), sizeof words);
-    const auto version = words[7];
-    EXPECT_THAT(words, ::testing::ElementsAre(0U, 60000U, 0U, 0U, 0U, 4711U, 0U, version));
-
-    EXPECT_EQ(makeAuditToken(fields), token);
-    auto other = fields;
-    other.startTime = 100;  // the process id was used again
-    EXPECT_NE(makeAuditToken(other), token);
-    other = fields;
-    other.executableInode = 3;
-    EXPECT_NE(makeAuditToken(other), token);
-    other = fields;
-    other.signingIdentifier = "a.c";
-    EXPECT_NE(makeAuditToken(other), token);
+    words[7] = 0;  // the version
+    EXPECT_THAT(words, ::testing::ElementsAre(0U, 60000U, 0U, 0U, 0U, 4711U, 0U, 0U));
+    auto reused = fields, executed = fields, moved = fields;
+    reused.startTime = 100;
+    executed.executableInode = 3;
+    moved.signingIdentifier = "a.c";
+    for (const auto& other : {reused, executed, moved}) EXPECT_NE(makeAuditToken(other), token);
 }
 
 TEST(PathText, IsValidAndLosesNothing) {

@@ -54,11 +54,7 @@ std::optional<std::string> ask(const std::string& request) {
     return exchanged(places::messageSocket, request);
 }
 
-void storePreferences(const std::string& content) {
-    const std::string path = places::preferencesFile;
-    writeFile(path + ".new", content);
-    ASSERT_EQ(rename((path + ".new").c_str(), path.c_str()), 0);
-}
+void storePreferences(const std::string& content) { replaceFile(places::preferencesFile, content); }
 
 class HostChannelTest : public PrivateMachine {
 protected:

@@ -48,10 +48,8 @@ TEST_F(MessageSocketTest, ARequestHasAtMostOneReply) {
 }
 
 TEST_F(MessageSocketTest, ClientsThatWaitHoldUpNobodyAndAreLetGo) {
-    MessageSocket::Limits limits;
-    limits.clientTime = std::chrono::milliseconds(300);
-    limits.clients = 2;
-    const auto socket = MessageSocket::listenAt(path, echo, limits);
+    const auto socket = MessageSocket::listenAt(
+        path, echo, {.clients = 2, .clientTime = std::chrono::milliseconds(300)});
     ASSERT_TRUE(socket);
     const auto silent = connected(path);
     sendAll(silent, "half a requ");
@@ -65,17 +63,14 @@ TEST_F(MessageSocketTest, ClientsThatWaitHoldUpNobodyAndAreLetGo) {
 }
 
 TEST_F(MessageSocketTest, AnAnswerThatNeverComesEndsTheConnection) {
-    MessageSocket::Limits limits;
-    limits.handlerTime = std::chrono::milliseconds(200);
     std::mutex lock;
     std::vector<Answer> kept;
-    auto socket = MessageSocket::listenAt(
-        path,
-        [&](Data, Answer answer) {
-            const std::lock_guard guard(lock);
-            kept.push_back(std::move(answer));
-        },
-        limits);
+    auto socket = MessageSocket::listenAt(path,
+                                          [&](Data, Answer answer) {
+                                              const std::lock_guard guard(lock);
+                                              kept.push_back(std::move(answer));
+                                          },
+                                          {.handlerTime = std::chrono::milliseconds(200)});
     ASSERT_TRUE(socket);
     EXPECT_EQ(exchanged("hello"), "");
     // Answers that come after the client, and after the socket, have gone do no harm.
@@ -88,16 +83,13 @@ TEST_F(MessageSocketTest, AnAnswerThatNeverComesEndsTheConnection) {
 }
 
 TEST_F(MessageSocketTest, ARequestOfTooManyBytesIsRefused) {
-    MessageSocket::Limits limits;
-    limits.requestBytes = 1000;
     bool isHandled = false;
-    auto socket = MessageSocket::listenAt(
-        path,
-        [&](Data, Answer answer) {
-            isHandled = true;
-            answer(Data("yes"));
-        },
-        limits);
+    auto socket = MessageSocket::listenAt(path,
+                                          [&](Data, Answer answer) {
+                                              isHandled = true;
+                                              answer(Data("yes"));
+                                          },
+                                          {.requestBytes = 1000});
     ASSERT_TRUE(socket);
     EXPECT_EQ(exchanged(std::string(1000, 'x')), "yes");
     isHandled = false;

@@ -30,6 +30,12 @@ inline void writeFile(const std::string& path, const std::string& content) {
     std::ofstream(path) << content;
 }
 
+// In one step, for a file that is watched.
+inline void replaceFile(const std::string& path, const std::string& content) {
+    writeFile(path + ".new", content);
+    ASSERT_EQ(rename((path + ".new").c_str(), path.c_str()), 0);
+}
+
 inline std::string contentOf(const std::string& path) {
     std::ostringstream content;
     content << std::ifstream(path).rdbuf();
