@@ -64,9 +64,10 @@ Interception::~Interception() {
     settingsThread.join();
     for (Setting& setting : waiting)
         if (setting.completion) setting.completion(systemError(ECANCELED));
-    // First nothing new comes, then what is held goes.
-    if (table) table->remove();
+    // First nothing new comes, then what is held goes, then the rules that it needs on its way.
+    if (isInstalled) table->stopOffering();
     workers.reset();
+    if (table) table->remove();
     if (entries && isInstalled)
         entries->changeMarks(place.mask(), [&](std::uint32_t mark) {
             return (mark & place.mask()) != 0 ? std::optional(0u) : std::nullopt;
@@ -149,7 +150,7 @@ int Interception::putInForce(const Offers& before, const Offers& wanted) {
     }
     content.offeredProtocols = protocols;
     content.generation = before.generation;
-    const int error = table->install(content);
+    const int error = protocols.empty() ? table->stopOffering() : table->install(content);
     if (error == 0) isInstalled = true;
     return error;
 }
@@ -197,7 +198,7 @@ void Interception::watchRules() {
     std::array<char, 64 * 1024> ignored;
     while (recv(ruleEvents->descriptor(), ignored.data(), ignored.size(), MSG_DONTWAIT) > 0) {
     }
-    if (!isInstalled || table->isComplete()) return;
+    if (!isInstalled || content.offeredProtocols.empty() || table->isComplete()) return;
     const int error = table->install(content);
     if (error == 0)
         platformLog.error("The interception's rules had been removed and were put back");

@@ -222,6 +222,12 @@ int PacketTable::remove() {
     return transaction.commit(*socket);
 }
 
+int PacketTable::stopOffering() {
+    Transaction transaction;
+    transaction.flushChain(offerChain);
+    return transaction.commit(*socket);
+}
+
 int PacketTable::install(const PacketTableContent& wanted) {
     content = wanted;
     if (workingForm) return installIn(*workingForm);

@@ -54,6 +54,9 @@ public:
     int install(const PacketTableContent& content);
     // Makes `generation` the one that is not offered again; all else stays. 0 or an errno.
     int setGeneration(unsigned generation);
+    // Lets no further packet into the queues; what they hold can still be let go. When a table goes,
+    // or another comes in its place, the kernel throws that away. 0 or an errno.
+    int stopOffering();
     // Takes the rules away. 0 or an errno.
     int remove();
 

@@ -62,20 +62,28 @@ void startProxy(const Providers& providers) {
     });
 }
 
-void stopProxy(const Providers& providers, Interception& interception) {
+// From here on nothing is asked of the providers. What their end does to the state that they share
+// would otherwise meet connections which go on without us.
+void endOffers(Interception& interception) {
+    await<bool>(longestStop, [&](auto done) {
+        interception.setProxyRules({}, {});
+        interception.setFilterAction(
+            std::nullopt, [done](const std::optional<NSError>& error) { done->set_value(!error); });
+    });
+}
+
+void stopProxy(const Providers& providers) {
     await<bool>(longestStop, [&](auto done) {
         providers.proxy->stopProxy(NEProviderStopReason::userInitiated,
                                    [done] { done->set_value(true); });
     });
-    interception.setProxyRules({}, {});
 }
 
-void stopFilter(const Providers& providers, Interception& interception) {
+void stopFilter(const Providers& providers) {
     await<bool>(longestStop, [&](auto done) {
         providers.filter->stopFilter(NEProviderStopReason::userInitiated,
                                      [done] { done->set_value(true); });
     });
-    interception.setFilterAction(std::nullopt, {});
 }
 
 // Whatever a provider or a verdict hangs in, the process ends in time.
@@ -114,8 +122,9 @@ void runExtension() {
 
     endInAnyCase();
     channel.stop();
-    stopProxy(providers, *interception);
-    stopFilter(providers, *interception);
+    endOffers(*interception);
+    stopProxy(providers);
+    stopFilter(providers);
     RunningInterception::set(nullptr);
     interception.reset();
     MainQueue::shared().stop(EXIT_SUCCESS);
