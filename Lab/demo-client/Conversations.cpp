@@ -22,7 +22,6 @@
 namespace lab {
 namespace {
 
-constexpr std::chrono::milliseconds pace{20};
 constexpr uint64_t chunkSize = 1000;
 
 using Clock = std::chrono::steady_clock;
@@ -236,7 +235,7 @@ void upload(const Descriptor& socket, const Destination& destination,
     for (GoingOn goingOn(duration); !goingOn.isOver();) {
         const auto deadline = Clock::now() + destination.patience;
         if (!sendAll(socket, chunk, deadline, report) || hasEnded(socket, report)) return;
-        std::this_thread::sleep_for(pace);
+        std::this_thread::sleep_for(destination.pace);
     }
     if (endWith(socket, Clock::now() + destination.patience, report)) report.outcome = "finished";
 }
@@ -348,7 +347,8 @@ Report crowd(const Destination& destination, uint64_t count, std::chrono::millis
     const auto sockets = enterOften(count, destination, "echo", report);
     report.print();
     if (!report.error.empty()) return report;
-    for (GoingOn goingOn(duration); !goingOn.isOver();) std::this_thread::sleep_for(pace);
+    for (GoingOn goingOn(duration); !goingOn.isOver();)
+        std::this_thread::sleep_for(destination.pace);
     const auto deadline = Clock::now() + destination.patience;
     for (const auto& socket : sockets)
         if (!sendAll(socket, "!", deadline, report) || receive(socket, deadline, report).empty())
@@ -435,7 +435,7 @@ Report keepAsking(const Destination& destination, std::chrono::milliseconds dura
             report.outcome = "answered";
             report.print();
         }
-        std::this_thread::sleep_for(pace);
+        std::this_thread::sleep_for(destination.pace);
     }
     if (report.error.empty()) report.outcome = "finished";
     return report;

@@ -17,6 +17,7 @@ struct Destination {
     bool isMapped = false;
     bool isUnconnected = false;
     std::chrono::milliseconds patience{5000};
+    std::chrono::milliseconds pace{20};  // between two things sent
 };
 
 // The things that an application does with a network, each in the calling thread from start to end,

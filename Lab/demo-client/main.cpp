@@ -28,6 +28,7 @@ struct Arguments {
     bool isUnconnected = false;
     double patienceSeconds = 5;
     double durationSeconds = 10;
+    double paceSeconds = 0.02;
     uint64_t bytes = 100000;
     uint64_t count = 100;
     bool isInChild = false;
@@ -47,7 +48,8 @@ lab::Destination destinationOf(const Arguments& arguments) {
             .sourcePort = arguments.sourcePort,
             .isMapped = arguments.isMapped,
             .isUnconnected = arguments.isUnconnected,
-            .patience = milliseconds(arguments.patienceSeconds)};
+            .patience = milliseconds(arguments.patienceSeconds),
+            .pace = milliseconds(arguments.paceSeconds)};
 }
 
 [[noreturn]] void become(const std::vector<std::string>& program) {
@@ -86,6 +88,7 @@ void addConversation(CLI::App& application, Arguments& arguments, const std::str
                       "send datagrams without connecting");
     command->add_option("--patience", arguments.patienceSeconds, "seconds to wait for an answer");
     command->add_option("--duration", arguments.durationSeconds, "seconds to go on");
+    command->add_option("--pace", arguments.paceSeconds, "seconds between two things sent");
     command->add_option("--bytes", arguments.bytes, "bytes to echo");
     command->add_option("--count", arguments.count, "connections to hold");
     command->add_option("--path", arguments.path, "where two processes meet to pass a socket");

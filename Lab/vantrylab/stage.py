@@ -69,7 +69,8 @@ class Stage:
             host.write_rules(rules)
         host.MESSAGE_SOCKET.unlink(missing_ok=True)
         self.daemon = Daemon(descriptors)
-        for line in ("Filter settings applied", "Transparent proxy started with"):
+        # Without the first look at the network's interfaces there is none for direct connections.
+        for line in ("Filter settings applied", "Transparent proxy started with", "hysical interface"):
             if not self.daemon.wait_for(line, seconds=15):
                 raise RuntimeError(f"the daemon did not start:\n{self.transcript()}")
         network.wait_until(host.MESSAGE_SOCKET.exists, "the daemon takes messages")
@@ -91,12 +92,13 @@ class Stage:
     def bring_into_force(self, change: Callable[[], None]) -> None:
         """Makes a change of the rules and returns when all that follows from it has been set going.
 
-        Deliveries come one at a time. So once a second one has begun, the first is through; and as
-        the second finds nothing changed, it does nothing.
+        Deliveries come one at a time, and posts that wait for one together give one. So the second
+        post comes when the first one's delivery has begun; once that of the second has begun, the
+        first is through; and as the second finds nothing changed, it does nothing.
         """
         since = self.daemon.mark()
         change()
-        self._await("VPN state updated", since)
+        self._await("Received rules-changed Darwin notification", since)
         host.post()
         self._await("Received rules-changed Darwin notification", since, 2)
         begun = sum("adding sentinel rule" in line.text for line in self.daemon.lines(since))
@@ -113,16 +115,28 @@ class Stage:
     # Expectations about one attempt of an application
 
     def expect_physical(self, what: str, report: dict, address: str) -> None:
-        self.expect(what, verdicts.went_physical(report, address))
+        self._expect_at(what, verdicts.went_physical(report, address), address)
 
     def expect_tunnel(self, what: str, report: dict, address: str) -> None:
-        self.expect(what, verdicts.went_through_tunnel(report, address))
+        self._expect_at(what, verdicts.went_through_tunnel(report, address), address)
 
     def expect_denied(self, what: str, report: dict, address: str) -> None:
-        self.expect(what, verdicts.was_denied(report, address))
+        self._expect_at(what, verdicts.was_denied(report, address), address)
 
     def expect_closed(self, what: str, report: dict, address: str) -> None:
-        self.expect(what, verdicts.was_closed(report, address))
+        self._expect_at(what, verdicts.was_closed(report, address), address)
+
+    def _expect_at(self, what: str, verdict: verdicts.Verdict, address: str) -> None:
+        """What is not as expected is shown with what the daemon said around it."""
+        is_so = verdict.is_so or self.daemon is None
+        seen = verdict.seen if is_so else f"{verdict.seen}\n{self._said_around(address)}"
+        self.checks.check(what, verdict.is_so, seen)
+
+    def _said_around(self, address: str) -> str:
+        lines = self.daemon.lines()
+        places = [number for number, line in enumerate(lines) if address in line.text] or [len(lines)]
+        return "\n".join(f"      {line.at:.3f} {line.category} {line.level}: {line.text}"
+                         for line in lines[max(0, places[0] - 12):places[-1] + 12])
 
     def expect_nothing_arrived(self, what: str, address: str) -> None:
         self.checks.equal(what, network.seen_at(address), [])

@@ -92,12 +92,17 @@ def _running_connections(stage) -> None:
                               f"BLOCK DROP (existing flow): {application.identifier}", since)
         stage.apply(RULES)
 
-    address = stage.ipv4()
-    datagrams = watched.start("datagrams", address, 5353, "--duration", 20)
-    datagrams.report()
-    changed_at = stage.now()
-    stage.apply(RULES.but(blockedApps=(watched.identifier,)))
-    stage.expect_ended("newly blocked: running datagrams end", datagrams.finish(), changed_at, ENDED)
+    for next_address in (stage.ipv4, stage.ipv6):
+        stage.apply(RULES)
+        address = next_address()
+        datagrams = watched.start("datagrams", address, 5353, "--duration", 20)
+        datagrams.report()
+        since, changed_at = stage.daemon.mark(), stage.now()
+        stage.apply(RULES.but(blockedApps=(watched.identifier,)))
+        stage.expect_ended(f"newly blocked: running datagrams to {address} end", datagrams.finish(),
+                           changed_at, ENDED)
+        stage.expect_line(f"newly blocked: running datagrams to {address}: logged",
+                          f"BLOCK DROP (existing flow): {watched.identifier}", since)
 
     # Before it had a rule its connection was none of the filter's business; a flush brings it back.
     stage.apply(RULES)

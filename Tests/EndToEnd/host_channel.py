@@ -13,6 +13,7 @@ RULES = Rules(rules={COURIER: "direct", LEDGER: "vpn"})
 def run(stage) -> None:
     network.vpn_up()
     _preferences_alone(stage)
+    _before_the_host_has_spoken(stage)
     _messages(stage)
     _activity_log_file(stage)
     _untrusted_rules_files(stage)
@@ -35,6 +36,33 @@ def _preferences_alone(stage) -> None:
         address = stage.ipv4()
         expect(f"the rules file wins: {application.identifier}",
                application.run("connect", address, 80), address)
+    stage.stop_daemon()
+
+
+def _before_the_host_has_spoken(stage) -> None:
+    """Rules that came by a message alone: until the VPN's state is known, its applications are denied."""
+    stage.start_daemon(rules=None)
+    for next_address in (stage.ipv4, stage.ipv6):
+        address = next_address()
+        stage.expect_tunnel(f"no rules: {address}", stage.ledger.run("connect", address, 80), address)
+    stage.checks.equal("rules by a message", host.send({"type": "reload", "rules": RULES.rules}),
+                       {"success": {}})
+    since = stage.daemon.mark()
+    host.post()
+    stage.expect_line("a notification without a file puts them under watch", "Monitoring updated: +1", since)
+    for next_address in (stage.ipv4, stage.ipv6):
+        for words, port in (("connect", 80), ("datagram", 53)):
+            address, since = next_address(), stage.daemon.mark()
+            name = f"VPN's state unknown: {words} to {address}"
+            stage.expect_denied(name, stage.ledger.run(words, address, port), address)
+            stage.expect_line(f"{name}: logged", f"DROP (uninitialized): {LEDGER}", since)
+        for application, expect in ((stage.courier, stage.expect_physical), (stage.nobody, stage.expect_tunnel)):
+            address = next_address()
+            expect(f"VPN's state unknown: {application.identifier} to {address}",
+                   application.run("connect", address, 80), address)
+    stage.apply(RULES)
+    address = stage.ipv4()
+    stage.expect_tunnel("VPN's state known", stage.ledger.run("connect", address, 80), address)
     stage.stop_daemon()
 
 

@@ -73,11 +73,13 @@ def _through_the_vpn(stage) -> None:
 def _words_that_only_look_like_rules(stage) -> None:
     """Blocking is a list of its own: the word alone only keeps a connection off the direct path."""
     since = stage.daemon.mark()
-    address = stage.ipv4()
-    stage.expect_tunnel("the rule 'block' alone does not block",
-                        stage.chatter.run("connect", address, 80), address)
-    stage.expect_line("the rule 'block' is logged", "BLOCK (filter-enforced): com.example.chatter", since)
-    stage.expect_no_record("the rule 'block' leaves no record", address)
+    for next_address in (stage.ipv4, stage.ipv6):
+        address = next_address()
+        stage.expect_tunnel(f"the rule 'block' alone does not block {address}",
+                            stage.chatter.run("connect", address, 80), address)
+        stage.expect_line(f"the rule 'block' is logged for {address}",
+                          f"BLOCK (filter-enforced): com.example.chatter TCP -> {address}:80", since)
+        stage.expect_no_record(f"the rule 'block' leaves no record of {address}", address)
 
 
 def _datagrams_stay_on_the_systems_route(stage) -> None:

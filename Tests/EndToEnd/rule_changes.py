@@ -56,6 +56,11 @@ def _onto_the_direct_path(stage) -> None:
 def _removed(stage) -> None:
     after = RULES.but(rules={LEDGER: "vpn"})
     _changes(stage, "direct rule removed", stage.courier, RULES, after, ("ECONNRESET",), stage.expect_tunnel)
+    since = stage.daemon.mark()
+    after = RULES.but(rules={COURIER: "direct"})
+    _changes(stage, "vpn rule removed", stage.ledger, RULES, after, ENDED, stage.expect_tunnel)
+    stage.expect_line("vpn rule removed: a watched connection is stale",
+                      f"DROP stale VPN flow: {LEDGER}", since)
 
 
 def _sessions_end_one_after_another(stage) -> None:

@@ -12,6 +12,8 @@ RULES = Rules(rules={"com.example.courier": "direct", "com.example.ledger": "vpn
               blockedApps=("com.example.chatter",))
 # How long, in seconds, a killed daemon's address for connections under way may stay.
 LONGEST_LIFETIME = 30
+# So often that there is always a byte on its way.
+BUSY = ("--pace", 0.001)
 ENDINGS = (signal.SIGKILL, signal.SIGTERM, signal.SIGINT)
 
 
@@ -20,7 +22,8 @@ def run(stage) -> None:
     before = _settled_traces()
     for ending in ENDINGS:
         _end_under_load(stage, ending, before)
-    _restart(stage)
+    for ending in (signal.SIGKILL, signal.SIGTERM):
+        _restart(stage, ending)
     _ends_while_packets_wait(stage)
     network.vpn_down()
 
@@ -57,9 +60,10 @@ def _addresses_of_loopback() -> dict[str, int]:
 def _end_under_load(stage, ending: signal.Signals, before: set[str]) -> None:
     stage.start_daemon(RULES)
     relayed = stage.courier.start("upload", stage.ipv4(), 8080, "--duration", 20)
-    watched = stage.ledger.start("upload", stage.ipv4(), 8080, "--duration", 20)
+    watched = [stage.ledger.start("upload", address, 8080, "--duration", 20, *BUSY)
+               for address in (stage.ipv4(), stage.ipv6(), stage.ipv4())]
     passed = stage.nobody.start("upload", stage.ipv4(), 8080, "--duration", 20)
-    for each in (relayed, watched, passed):
+    for each in (relayed, *watched, passed):
         each.report()
     address = stage.ipv4()
     stage.expect_denied(f"{ending.name}: before it", stage.chatter.run("connect", address, 80), address)
@@ -73,13 +77,9 @@ def _end_under_load(stage, ending: signal.Signals, before: set[str]) -> None:
             address = next_address()
             stage.expect_tunnel(f"{ending.name}: {application.identifier} connects as if there had been none",
                                 application.run("connect", address, 80), address)
-    report = relayed.finish()
-    stage.checks.check(f"{ending.name}: the relayed upload ends and does not hang",
-                       report["error"] in ("ECONNRESET", "EPIPE", "EOF") and report["at"] < ended_at + 1, report)
-    if ending == signal.SIGKILL:
-        stage.expect_untouched(f"{ending.name}: the watched upload goes on", watched)
-    else:
-        watched.conclude()
+    _expect_broken(stage, ending.name, relayed, ended_at)
+    for each in watched:
+        stage.expect_untouched(f"{ending.name}: a watched upload goes on", each)
     stage.expect_untouched(f"{ending.name}: the passed upload goes on", passed)
     # Of a killed daemon an address may be left, with a lifetime that runs out.
     stage.checks.eventually(
@@ -98,19 +98,39 @@ def _settled_traces() -> set[str]:
         seen = now
 
 
-def _restart(stage) -> None:
-    """A new daemon does its work at once, also for connections that an old one has marked."""
+def _restart(stage, ending: signal.Signals) -> None:
+    """Under load it breaks what is relayed and nothing else; the new daemon does its work at once."""
     stage.start_daemon(RULES)
-    passed = stage.nobody.start("upload", stage.ipv4(), 8080, "--duration", 20)
-    passed.report()
-    stage.daemon.stop(signal.SIGKILL)
+    relayed = stage.courier.start("upload", stage.ipv4(), 8080, "--duration", 20)
+    relayed.report()
+    # A datagram that waits for its verdict when the daemon is killed is lost, as datagrams may be.
+    modes = {stage.nobody: ("upload", "datagrams"),
+             stage.ledger: ("upload",) if ending == signal.SIGKILL else ("upload", "datagrams")}
+    others = [(f"{application.identifier}'s {mode} to {address}",
+               application.start(mode, address, 8080, "--duration", 20, *BUSY))
+              for application in modes for mode in modes[application]
+              for address in (stage.ipv4(), stage.ipv6())]
+    for _, each in others:
+        each.report()
+    stage.daemon.stop(ending)
+    ended_at = stage.now()
     stage.start_daemon(RULES)
     for application, expect in ((stage.courier, stage.expect_physical), (stage.ledger, stage.expect_tunnel),
                                 (stage.chatter, stage.expect_denied)):
-        address = stage.ipv4()
-        expect(f"after a restart: {application.identifier}", application.run("connect", address, 80), address)
-    stage.expect_untouched("a connection older than the daemon goes on", passed)
+        for next_address in (stage.ipv4, stage.ipv6):
+            address = next_address()
+            expect(f"{ending.name} and restart: {application.identifier} to {address}",
+                   application.run("connect", address, 80), address)
+    _expect_broken(stage, f"{ending.name} and restart", relayed, ended_at)
+    for name, each in others:
+        stage.expect_untouched(f"{ending.name} and restart: {name} goes on", each)
     stage.stop_daemon()
+
+
+def _expect_broken(stage, name: str, relayed, ended_at: float) -> None:
+    report = relayed.finish()
+    stage.checks.check(f"{name}: the relayed upload ends and does not hang",
+                       report["error"] in ("ECONNRESET", "EPIPE", "EOF") and report["at"] < ended_at + 1, report)
 
 
 def _ends_while_packets_wait(stage) -> None:

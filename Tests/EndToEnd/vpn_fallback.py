@@ -4,7 +4,7 @@ from vantrylab import network
 from vantrylab.host import Rules
 from vantrylab.verdicts import ENDED
 
-LEDGER = "com.example.ledger"
+LEDGER, NOBODY = "com.example.ledger", "com.example.nobody"
 UP = Rules(rules={"com.example.courier": "direct", LEDGER: "vpn"}, vpnFallback="block")
 DOWN = UP.but(vpnConnected=False)
 
@@ -13,10 +13,12 @@ def run(stage) -> None:
     network.vpn_up()
     stage.start_daemon(UP)
     _watched_connections_end(stage)
+    _watched_connections_go_on(stage)
     stage.apply(UP)
     _the_tunnel_really_goes(stage)
     _new_flows_with_fallback_block(stage)
     _new_flows_with_fallback_allow(stage)
+    _blocked_as_well(stage)
     network.vpn_up()
     stage.apply(UP)
     address = stage.ipv4()
@@ -54,6 +56,18 @@ def _watched_connections_end(stage) -> None:
                 stage.expect_no_record(f"{name} at {address}: not recorded", address)
 
 
+def _watched_connections_go_on(stage) -> None:
+    """The host's word is all that changes, and the fallback lets them pass."""
+    stage.apply(UP)
+    running = [stage.ledger.start(mode, address, 8080, "--duration", 20)
+               for mode in ("upload", "datagrams") for address in (stage.ipv4(), stage.ipv6())]
+    for each in running:
+        each.report()
+    stage.apply(DOWN.but(vpnFallback="allow"))
+    for each in running:
+        stage.expect_untouched("VPN down, fallback allow: what runs goes on", each)
+
+
 def _the_tunnel_really_goes(stage) -> None:
     address, direct_address = stage.ipv4(), stage.ipv4()
     upload = stage.ledger.start("upload", address, 8080, "--duration", 20)
@@ -87,9 +101,13 @@ def _new_flows_with_fallback_block(stage) -> None:
                               stage.courier.run("connect", address, 80), address)
         stage.expect_record(f"fallback block: the direct connection to {address} is recorded", address,
                             routingDecision="direct", actualRoute="direct", isVpnConnected=False)
-        address = next_address()
+        address, since = next_address(), stage.daemon.mark()
         stage.expect_physical(f"fallback block: an application without a rule at {address}",
                               stage.nobody.run("connect", address, 80), address)
+        stage.expect_line(f"fallback block: an application without a rule at {address}: logged",
+                          f"VPN fallback BLOCK (filter-enforced): {NOBODY} -> {address}:80", since)
+        stage.expect_no_record(f"fallback block: an application without a rule at {address}: not recorded",
+                               address)
 
 
 def _new_flows_with_fallback_allow(stage) -> None:
@@ -106,3 +124,18 @@ def _new_flows_with_fallback_allow(stage) -> None:
     address = stage.ipv4()
     upload = stage.ledger.start("upload", address, 8080, "--duration", 20)
     stage.expect_untouched("fallback allow: an upload goes on", upload)
+
+
+def _blocked_as_well(stage) -> None:
+    """An application that is blocked and has lost its VPN is blocked, in the words of a block."""
+    stage.apply(DOWN.but(blockedApps=(LEDGER,)))
+    for next_address in (stage.ipv4, stage.ipv6):
+        address, since = next_address(), stage.daemon.mark()
+        stage.expect_denied(f"blocked, and its VPN down: {address}", stage.ledger.run("connect", address, 80),
+                            address)
+        stage.expect_line(f"blocked, and its VPN down: {address}: logged",
+                          f"BLOCK: {LEDGER} TCP -> {address}:80", since)
+        stage.checks.equal(f"blocked, and its VPN down: {address}: not as one that lost its VPN",
+                           [each.text for each in stage.daemon.lines(since) if "VPN BLOCK" in each.text], [])
+        stage.expect_record(f"blocked, and its VPN down: {address}: recorded", address,
+                            routingDecision="block", actualRoute="blocked")
