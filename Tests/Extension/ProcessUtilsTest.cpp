@@ -24,12 +24,6 @@ TEST(ProcessUtils, ReadsATokenOfExactlyEightWords) {
     }
 }
 
-TEST(ProcessUtils, AProcessThatIsGoneHasNoParentAndNoBundle) {
-    World world;
-    EXPECT_LE(ProcessUtils::getParentPid(77), 1);
-    EXPECT_EQ(ProcessUtils::getBundleIdForPid(77), std::nullopt);
-}
-
 // A path of an executable, the bundles there are, and the identifier that is found.
 struct BundleCase {
     std::string path;

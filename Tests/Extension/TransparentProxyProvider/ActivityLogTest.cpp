@@ -105,6 +105,13 @@ TEST_F(ActivityLogTest, AFailedWriteCountsForTheThrottleAndAModeThatCannotBeSetI
     EXPECT_EQ(fileEntries().size(), 4u);
     for (const auto& line : world.takeLog())
         EXPECT_NE(line.level, platform::LogLevel::error) << line;
+
+    // A name that is no UTF-8 cannot be written, and keeps the file from being.
+    world.advance(2);
+    record("\xff");
+    EXPECT_EQ(fileEntries().size(), 4u);
+    EXPECT_TRUE(logHolds(world, {error("Failed to write activity log file: The activity log cannot "
+                                       "be expressed as JSON")}));
 }
 
 TEST_F(ActivityLogTest, ClearingEmptiesTheListAndAScheduledWriteMakesTheFileAgain) {

@@ -22,6 +22,8 @@ protected:
 
 TEST_F(FlowIntakeTest, AFlowWithoutAUsableEndpointIsRoutedByItsApplicationAlone) {
     EXPECT_TRUE(begin({.word = "direct", .isVpnUp = false, .vpnFallback = "block"}));
+    // The line comes before the record here, whose write fails.
+    world.files.fail(platform::simulated::FileOperation::writeAtomically);
     EXPECT_FALSE(offerToProxy(NWOtherEndpoint{}));
     EXPECT_FALSE(offerToProxy(NWHostEndpoint{"h", "70000"}));
     EXPECT_TRUE(offerToProxy(NWHostEndpoint{"h", "443"}));  // the VPN's fallback plays no part
@@ -31,6 +33,7 @@ TEST_F(FlowIntakeTest, AFlowWithoutAUsableEndpointIsRoutedByItsApplicationAlone)
         proxy  debug   -> unknown:0
         proxy  error Cannot proxy flow: invalid endpoint, falling back to OS
         proxy  debug DIRECT path: bundleId=acme.mail dest=unknown:0 handled=false interface=en0
+        proxy  error Failed to write activity log file: <any>
         proxy  info  TCP flow: acme.mail, decision: direct
         proxy  debug   -> h:70000
         proxy  debug Binding to interface: en0

@@ -58,13 +58,5 @@ TEST_F(RoutingRulesTest, AnswersInTheOrderOfItsSteps) {
     }
 }
 
-TEST_F(RoutingRulesTest, OnlyTheExactIdentifierIsKnown) {
-    changeRules(R"({"rules":{"org.acme.mail":"vpn"},"blockedApps":["a.b"]})");
-    for (const auto* known : {"org.acme.mail", "a.b"})
-        EXPECT_TRUE(proxy().hasKnownRule(known)) << known;
-    for (const auto* unknown : {"org.acme.mail.agent", "org.acme", "a.b.c", ""})
-        EXPECT_FALSE(proxy().hasKnownRule(unknown)) << unknown;
-}
-
 }  // namespace
 }  // namespace vantry

@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <cmath>
 #include <limits>
 
 #include "Extension/ipc/ActiveAppsResponse.h"
@@ -89,20 +88,6 @@ TEST(Records, AreWrittenInTheirExactForm) {
     EXPECT_EQ(ExtensionResponse::success().encode(), json("{'success':{}}"));
     EXPECT_EQ(ExtensionResponse::error("message text").encode(),
               json("{'error':{'_0':'message text'}}"));
-}
-
-TEST(Records, WithTextThatIsNotUTF8HaveNoDocument) {
-    ActivityLogEntryIPC entry;
-    EXPECT_TRUE(entry.encode());
-    entry.sourceIp = "\xFF";
-    EXPECT_FALSE(entry.encode());
-    EXPECT_FALSE((ActivityLogResponseIPC{{entry}}.encode()));
-    entry.sourceIp.reset();
-    entry.timestamp = Date::sinceReferenceDate(std::nan(""));
-    EXPECT_FALSE(entry.encode());
-    EXPECT_FALSE((ExtensionMessage{MessageType::reload, Rules{{"\xC3", "vpn"}}, {}}.encode()));
-    EXPECT_FALSE(ExtensionResponse::error("cut \xE2\x82").encode());
-    EXPECT_FALSE((ActiveAppsResponse{{"\xED\xA0\x80"}}.encode()));
 }
 
 TEST(ExtensionMessage, IsReadWithEachFieldPresentOrNot) {

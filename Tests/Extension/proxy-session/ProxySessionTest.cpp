@@ -162,17 +162,6 @@ TEST_F(ProxySessionTest, TheFirstCancelDecidesWhatTheApplicationSees) {
     }
 }
 
-TEST_F(ProxySessionTest, ACancelDuringTheOpeningEndsAtOnceAndNothingIsRelayed) {
-    relay.flow.opensAfter(5);
-    relay.start();
-    relay.session->cancel();
-    EXPECT_TRUE(relay.endedOnce());
-    world.runToEnd();
-    EXPECT_TRUE(relay.endedOnce());
-    EXPECT_EQ(relay.flow.record().reads, 0);
-    EXPECT_EQ(relay.peer.received(), "");
-}
-
 TEST_F(ProxySessionTest, ASessionKilledBeforeItsStartOpensNothing) {
     relay.session->cancelGracefully();
     relay.start();
