@@ -2,8 +2,13 @@
 // checked after every event; and the same on real threads. That each completion runs exactly once and that
 // no lock is held when calling out is watched by the simulated platform itself.
 
+#include <algorithm>
 #include <array>
-#include <ranges>
+#include <map>
+#include <memory>
+#include <set>
+#include <utility>
+#include <vector>
 
 #include "Tests/Extension/TransparentProxyProvider/ProxyProbe.h"
 #include "Tests/Extension/TransparentProxyProvider/ProxyTest.h"
@@ -59,12 +64,12 @@ private:
 
     // The filter is told what the rules in force at the last push say, and nothing after a stop.
     void checkSharedState(const ProxyProbe& proxy, const std::vector<LogLine>& lines) {
-        const auto& blocked = *proxy.blocked();
+        const auto blocked = proxy.blocked();
         const auto pushWatched = [&](bool withBlocked) {
             pushed.watched.clear();
             const auto rules = proxy.rules();
             for (const auto& [bundleId, word] : *rules)
-                if (word != "direct" && (withBlocked || !blocked.contains(bundleId)))
+                if (word != "direct" && (withBlocked || !blocked->contains(bundleId)))
                     pushed.watched.insert(bundleId);
         };
         for (const auto& line : lines) {
@@ -76,7 +81,7 @@ private:
                 pushed.vpnFallback = proxy.vpnFallback();
                 pushed.isInitialized = true;
             }
-            if (isFile || isDelivery) pushed.blocked = {blocked.begin(), blocked.end()};
+            if (isFile || isDelivery) pushed.blocked = {blocked->begin(), blocked->end()};
             if (isDelivery || format.starts_with("Initial rules")) pushWatched(!isDelivery);
             if (format.starts_with("Coordinator state reset")) pushed = {};
         }
@@ -102,13 +107,14 @@ private:
         }
         const auto first = log.empty() ? before.end() : std::ranges::find(before, log.front());
         const auto kept = static_cast<std::size_t>(before.end() - first);
+        ASSERT_LE(kept, log.size());
         EXPECT_TRUE(std::equal(first, before.end(), log.begin()));
         EXPECT_TRUE(kept == before.size() || log.size() == 500) << "entries are gone";
         EXPECT_EQ(log.size() - kept + recordsLeft.size(),
                   recorded + (isReset ? 0 : leftBefore.size()));
     }
 
-    // A write that works leaves the whole list, one that fails the file as it was.
+    // A write that works leaves the whole list.
     void checkLogFile(const std::vector<LogLine>& lines) {
         const auto writes =
             world.files.count(platform::simulated::FileOperation::writeAtomically, activityLogFile);
@@ -365,7 +371,7 @@ void everythingAtOnce(World& world) {
 }
 
 TEST(ProxyExploration, EverythingAtOnceOnThreads) {
-    EXPECT_TRUE(holdsForSeeds(20, everythingAtOnce, {.order = Order::threads}));
+    EXPECT_TRUE(holdsForSeeds(10, everythingAtOnce, {.order = Order::threads}));
 }
 
 }  // namespace

@@ -177,6 +177,18 @@ protected:
             "remainingSessions=$remaining\n",
             {{"$sid", sid}, {"$remaining", std::to_string(remaining)}});
     }
+    // The one session of acme.mail, and its rule with it, leaves the direct path.
+    static std::string leavesDirect(int sid) {
+        return filled(R"(
+            proxy  debug CHANGE direct->vpn: acme.mail
+            proxy  debug changedBundleIds count (direct->vpn): 1
+            proxy  debug activeSessions.count: 1
+            proxy  debug Evaluating session sid=$sid flowHash=<any>: bundleId=acme.mail shouldKill=true
+            proxy  debug Scheduling graceful kill: sid=$sid bundleId=acme.mail delay=0ms
+            proxy  info  Gracefully killed 1 proxy sessions for 1 changed rules
+            )",
+                      {{"$sid", std::to_string(sid)}});
+    }
     static std::string nothingLeavesDirect() {
         return R"(
             proxy  debug changedBundleIds count (direct->vpn): 0

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Platform/Simulated/Expectations.h"
+#include "Tests/Extension/TransparentProxyProvider/ProxyTest.h"
 
 namespace vantry {
 namespace {
@@ -26,8 +27,6 @@ using platform::simulated::Peer;
 using platform::simulated::World;
 using Kind = NWConnection::State::Kind;
 
-const NSError reset{platform::NEAppProxyErrorDomain, platform::NEAppProxyFlowErrorPeerReset,
-                    "The application's peer reset the flow"};
 const NSError broken{"posix", 104, "Connection reset by peer"};
 const auto ready = debug("sid=7 Connection ready, starting relay");
 
@@ -158,7 +157,7 @@ TEST_F(ProxySessionTest, TheFirstCancelDecidesWhatTheApplicationSees) {
         one.session->cancelGracefully();
         EXPECT_EQ(*one.ends, 1);
         world.runToEnd();
-        EXPECT_TRUE(one.endedOnce(gracefullyFirst ? std::optional(reset) : std::nullopt));
+        EXPECT_TRUE(one.endedOnce(gracefullyFirst ? std::optional(peerReset()) : std::nullopt));
     }
 }
 
@@ -167,7 +166,7 @@ TEST_F(ProxySessionTest, ASessionKilledBeforeItsStartOpensNothing) {
     relay.start();
     world.runToEnd();
     EXPECT_EQ(relay.flow.record().opens, 0);
-    EXPECT_TRUE(relay.flow.isClosedOnceWith(reset));
+    EXPECT_TRUE(relay.flow.isClosedOnceWith(peerReset()));
     EXPECT_LE(*relay.ends, 1);
     EXPECT_TRUE(relay.peer.connections().empty());
 }
@@ -276,7 +275,7 @@ void mixture(World& world) {
     EXPECT_TRUE(sentDown.starts_with(relay.flow.received()));
     const auto record = relay.flow.record();
     if (*relay.ends == 1) {
-        EXPECT_TRUE(relay.flow.isClosedOnceCleanly() || relay.flow.isClosedOnceWith(reset));
+        EXPECT_TRUE(relay.flow.isClosedOnceCleanly() || relay.flow.isClosedOnceWith(peerReset()));
         for (const auto& connection : relay.peer.connections())
             EXPECT_EQ(connection->state(), Kind::cancelled);
     } else {
@@ -304,7 +303,7 @@ TEST(ProxySessionStory, ManySessionsAtOnceOnThreads) {
     world.runToEnd();
     for (const auto& relay : relays) {
         EXPECT_EQ(*relay.ends, relay.flow.record().opens);  // a kill may come before the start
-        EXPECT_TRUE(relay.flow.isClosedOnceCleanly() || relay.flow.isClosedOnceWith(reset));
+        EXPECT_TRUE(relay.flow.isClosedOnceCleanly() || relay.flow.isClosedOnceWith(peerReset()));
     }
 }
 
