@@ -354,7 +354,7 @@ void everythingAtOnce(World& world) {
                 if (n % 5 == 1) world.setPath({{"en0", NWInterface::InterfaceType::wifi}});
             },
             n / 10.0);
-    world.runUntilIdle();
+    world.runToEnd();
     world.stopProxy();
     world.runToEnd();
     const ProxyProbe proxy(*world.proxy());

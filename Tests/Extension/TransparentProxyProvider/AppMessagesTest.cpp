@@ -7,7 +7,6 @@
 namespace vantry {
 namespace {
 
-using platform::simulated::error;
 using platform::simulated::info;
 
 class AppMessagesTest : public ProxyTest {

@@ -11,7 +11,6 @@ using platform::NWOtherEndpoint;
 using platform::RemoteEndpoint;
 using platform::simulated::debug;
 using platform::simulated::error;
-using platform::simulated::info;
 using platform::simulated::LogLine;
 using Type = NWInterface::InterfaceType;
 

@@ -6,7 +6,6 @@ namespace {
 using platform::Data;
 using platform::NWHostEndpoint;
 using platform::simulated::debug;
-using platform::simulated::info;
 using platform::simulated::makeAuditToken;
 
 class IdentityTest : public ProxyTest {

@@ -13,7 +13,6 @@ using platform::NWHostEndpoint;
 using platform::NWInterface;
 using platform::simulated::debug;
 using platform::simulated::error;
-using platform::simulated::info;
 
 const NSError refused{"test", 1, "no"};
 

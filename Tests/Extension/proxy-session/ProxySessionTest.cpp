@@ -21,7 +21,6 @@ using platform::simulated::error;
 using platform::simulated::Flow;
 using platform::simulated::holdsForSeeds;
 using platform::simulated::logIs;
-using platform::simulated::Options;
 using platform::simulated::Order;
 using platform::simulated::Peer;
 using platform::simulated::World;
