@@ -14,20 +14,9 @@
 #include "Tests/Extension/TransparentProxyProvider/ProxyTest.h"
 
 namespace vantry {
-
 namespace {
 
-using platform::NSError;
-using platform::NWHostEndpoint;
-using platform::NWInterface;
 using platform::UUID;
-using platform::simulated::Flow;
-using platform::simulated::FlowDescription;
-using platform::simulated::holdsForSeeds;
-using platform::simulated::LogLine;
-using platform::simulated::Order;
-using platform::simulated::Process;
-using platform::simulated::World;
 
 const NSError refused{"test", 1, "no"};
 
@@ -116,8 +105,7 @@ private:
 
     // A write that works leaves the whole list.
     void checkLogFile(const std::vector<LogLine>& lines) {
-        const auto writes =
-            world.files.count(platform::simulated::FileOperation::writeAtomically, activityLogFile);
+        const auto writes = world.files.count(FileOperation::writeAtomically, activityLogFile);
         const bool hasWritten = std::exchange(writesSeen, writes) != writes;
         if (!hasWritten || std::ranges::any_of(lines, [](const LogLine& line) {
                 return line.format.starts_with("Failed to write activity log file");
@@ -327,7 +315,7 @@ void everythingAtOnce(World& world) {
         apps.push_back(world.application(name, std::string("com.example.") + name));
     world.peer("h", 1).echoes();
     world.setPath({{"en0", NWInterface::InterfaceType::wifi}});
-    world.files.put(rulesFile, R"({"rules":{"com.example.A":"direct"}})");
+    world.files.put(rulesFile, R"({"rules":{},"defaultAction":"direct","directFallback":"vpn"})");
     ASSERT_TRUE(world.start());
     std::vector<Flow> flows;
     for (int n = 0; n < 900; ++n) {
@@ -362,8 +350,11 @@ void everythingAtOnce(World& world) {
     EXPECT_LE(proxy.log().size(), 500u);
     EXPECT_TRUE(std::holds_alternative<ActivityLogResponseIPC>(
         ActivityLogResponseIPC::decode(world.files.contents(activityLogFile).value_or(""))));
-    EXPECT_EQ(std::ranges::count(world.log(), "First flow handled at %s app=%s", &LogLine::format),
-              1);
+    const auto lines = world.log();
+    EXPECT_EQ(std::ranges::count(lines, "First flow handled at %s app=%s", &LogLine::format), 1);
+    const auto failures = world.files.contents("/container/connection_failures.json").value_or("");
+    EXPECT_EQ(std::ranges::count(failures, '{'),
+              std::ranges::count(lines, "Direct connection failed for %s -> %s", &LogLine::format));
     for (const auto& flow : flows) {
         if (!flow.isClaimed()) continue;
         EXPECT_TRUE(flow.isClosedOnceCleanly() || flow.isClosedOnceWith(peerReset()));

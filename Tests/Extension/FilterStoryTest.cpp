@@ -12,23 +12,13 @@
 #include <vector>
 
 #include "Extension/FlowKillCoordinator.h"
-#include "Platform/Simulated/Expectations.h"
+#include "Tests/Extension/TransparentProxyProvider/ProxyTest.h"
 
 namespace vantry {
 namespace {
 
 using platform::NEFilterDataVerdict;
 using platform::NEFilterNewFlowVerdict;
-using platform::NWHostEndpoint;
-using platform::simulated::debug;
-using platform::simulated::ExpectedLine;
-using platform::simulated::Flow;
-using platform::simulated::FlowDescription;
-using platform::simulated::holdsForSeeds;
-using platform::simulated::info;
-using platform::simulated::linesAre;
-using platform::simulated::Process;
-using platform::simulated::World;
 
 const std::vector<std::string> identifiers{"a",
                                            "a.b",
@@ -136,7 +126,7 @@ struct Model {
         const auto number = numbers.find(*flow.port);
         records.push_back(
             {.id = {},
-             .timestamp = platform::Date::now(),
+             .timestamp = Date::now(),
              .bundleId = flow.bundleId,
              .appName = flow.bundleId.substr(flow.bundleId.rfind('.') + 1),
              .routingDecision = decision,
@@ -185,7 +175,7 @@ private:
                 return coordinator.updateBlockedApps({model.blocked.begin(), model.blocked.end()});
             case 2:
                 model.isConnected = world.draw(2) == 0;
-                model.fallback = world.draw(2) == 0 ? "block" : "allow";
+                model.fallback = std::vector{"block", "block", "allow", "Block", ""}[world.draw(5)];
                 model.hasState = true;
                 return coordinator.updateVpnState(model.isConnected, model.fallback);
             case 3: {
@@ -207,7 +197,7 @@ private:
         const auto index = world.draw(identifiers.size());
         Asked asked{identifiers[index], world.draw(2) == 0, world.draw(6) != 0, std::nullopt};
         static const std::vector<std::string> ports{"53", "443", "443", "053", "70000", ""};
-        platform::RemoteEndpoint endpoint = platform::NWOtherEndpoint{};
+        RemoteEndpoint endpoint = NWOtherEndpoint{};
         if (const auto port = world.draw(ports.size() + 1); port < ports.size()) {
             asked.port = ports[port];
             endpoint = NWHostEndpoint{"h.example", ports[port]};
@@ -227,7 +217,7 @@ private:
             const auto length = world.draw(3000);
             const auto offset = static_cast<std::int64_t>(world.draw(3000));
             EXPECT_EQ(filter->handleOutboundData(flow.filterFlow(), offset,
-                                                 platform::Data(std::string(length, 'x'))),
+                                                 Data(std::string(length, 'x'))),
                       model.data(asked, offset, length))
                 << asked.bundleId << " " << asked.where();
         }

@@ -7,15 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "Platform/Simulated/Expectations.h"
+#include "Tests/Extension/TransparentProxyProvider/ProxyTest.h"
 
 namespace vantry {
 namespace {
-
-using platform::simulated::debug;
-using platform::simulated::info;
-using platform::simulated::logIs;
-using platform::simulated::World;
 
 constexpr const char* category = "FlowKillCoordinator";
 

@@ -9,30 +9,19 @@
 #include <string>
 #include <vector>
 
-#include "Platform/Simulated/Expectations.h"
+#include "Tests/Extension/TransparentProxyProvider/ProxyTest.h"
 
 namespace vantry {
 namespace {
 
-using platform::Data;
 using platform::NEFilterDataVerdict;
 using platform::NEFilterNewFlowVerdict;
-using platform::NWHostEndpoint;
-using platform::simulated::debug;
-using platform::simulated::error;
-using platform::simulated::ExpectedLine;
-using platform::simulated::Flow;
-using platform::simulated::info;
-using platform::simulated::linesAre;
-using platform::simulated::makeAuditToken;
-using platform::simulated::Process;
-using platform::simulated::World;
 
 constexpr const char* category = "FlowKillFilter";
 const auto allow = NEFilterNewFlowVerdict::allowVerdict();
 const auto drop = NEFilterNewFlowVerdict::dropVerdict();
 
-class FilterTest : public testing::Test {
+class FilterTest : public ProxyTest {
 protected:
     // A TCP flow of the process that has this token.
     static Flow flow(std::optional<Data> auditToken) {
@@ -46,8 +35,6 @@ protected:
         return linesAre(world.takeLog(category), expected);
     }
 
-    World world;
-    FlowKillCoordinator& coordinator = FlowKillCoordinator::shared();
     const Process app = world.application("App", "com.example.App");
 };
 
@@ -61,7 +48,7 @@ TEST_F(FilterTest, StartAsksForEveryFlowAndReportsTheOutcome) {
     EXPECT_TRUE(settings->rules.empty());
     EXPECT_EQ(settings->defaultAction, platform::NEFilterAction::filterData);
 
-    const platform::NSError refused{"test", 7, "not now"};
+    const NSError refused{"test", 7, "not now"};
     world.providers.filterSettings.script({refused, refused});
     EXPECT_TRUE(filterLogIs(
         {info("Filter provider started"), info("Filter settings applied (default: filterData)")}));

@@ -52,7 +52,7 @@ TEST_F(LifecycleStory, AFirstStartWithoutAnySource) {
 
 // What was brought up stays up: the platform hears of the failure, and rules go on being followed.
 TEST_F(LifecycleStory, AStartWhoseSettingsFailUndoesNothing) {
-    const platform::NSError refused{"test", 5, "not allowed"};
+    const NSError refused{"test", 5, "not allowed"};
     world.providers.proxySettings.script({refused, refused});
     rules = {.word = "vpn"};
     putRules(rules.document());
@@ -113,7 +113,7 @@ TEST_F(LifecycleStory, AStartWhereFileAndConfigurationDisagree) {
     EXPECT_EQ(
         state(),
         "watched [acme.chat acme.mail] blocked [acme.chat] vpn down block, sessions 0, settings 1");
-    EXPECT_EQ(world.files.count(platform::simulated::FileOperation::read, rulesFile), 1u);
+    EXPECT_EQ(world.files.count(FileOperation::read, rulesFile), 1u);
 
     const auto held = open(mail);
     const auto blocked = open(world.application("Chat", "acme.chat"));
@@ -366,7 +366,7 @@ TEST_F(LifecycleStory, TheLogGrowsPastItsLimitWithTheFiltersRecordsDrainingIn) {
     EXPECT_EQ(recorded(), entries);
     EXPECT_EQ(ProxyProbe::recordsLeft().size(), 0u);
 
-    world.files.fail(platform::simulated::FileOperation::writeAtomically, activityLogFile);
+    world.files.fail(FileOperation::writeAtomically, activityLogFile);
     lines = readsNews(1000);
     EXPECT_TRUE(happened(filled(lines, {{"proxy  debug VPN path", R"(
             proxy  error Failed to write activity log file: <any>

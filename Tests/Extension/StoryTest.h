@@ -46,8 +46,8 @@ struct Rules {
 
 class StoryTest : public ProxyTest {
 protected:
-    using Kind = platform::simulated::FlowDescription::Kind;
-    using Interface = platform::NWInterface;
+    using Kind = FlowDescription::Kind;
+    using Interface = NWInterface;
 
     void SetUp() override {
         world.setInterfaceAddresses(
@@ -61,11 +61,10 @@ protected:
         for (auto from = actual.begin(); from != actual.end();) {
             const auto isOther = [&](const auto& line) { return line.format != from->format; };
             const auto to = std::find_if(from, actual.end(), isOther);
-            if (unordered().contains(from->format))
-                std::ranges::sort(from, to, {}, &platform::simulated::LogLine::text);
+            if (unordered().contains(from->format)) std::ranges::sort(from, to, {}, &LogLine::text);
             from = to;
         }
-        return platform::simulated::linesAre(actual, parsed(text));
+        return linesAre(actual, parsed(text));
     }
 
     // Acts.

@@ -5,10 +5,6 @@
 namespace vantry {
 namespace {
 
-using platform::NWHostEndpoint;
-using platform::simulated::error;
-using platform::simulated::FileOperation;
-
 class ActivityLogTest : public ProxyTest {
 protected:
     void SetUp() override { ASSERT_TRUE(world.start()); }

@@ -7,8 +7,6 @@
 namespace vantry {
 namespace {
 
-using platform::simulated::info;
-
 class AppMessagesTest : public ProxyTest {
 protected:
     void SetUp() override {
@@ -83,7 +81,7 @@ TEST_F(AppMessagesTest, WithoutACallbackRequestsHaveTheirEffects) {
 
 TEST_F(AppMessagesTest, ARemovalThatFailsIsSilent) {
     world.files.put(activityLogFile, "old");
-    world.files.fail(platform::simulated::FileOperation::remove, activityLogFile);
+    world.files.fail(FileOperation::remove, activityLogFile);
     EXPECT_EQ(world.message(R"({"type":"clearActivityLog"})").text(), R"({"success":{}})");
     EXPECT_TRUE(proxyLogIs(
         {info("Received app message: 27 bytes"), info("Decoded message type: clearActivityLog")}));

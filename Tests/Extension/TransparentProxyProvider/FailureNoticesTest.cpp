@@ -3,9 +3,6 @@
 namespace vantry {
 namespace {
 
-using platform::NWHostEndpoint;
-using platform::simulated::FileOperation;
-
 constexpr const char* failureFile = "/container/connection_failures.json";
 
 class FailureNoticesTest : public ProxyTest {
@@ -39,9 +36,9 @@ protected:
 };
 
 TEST_F(FailureNoticesTest, OneNoticePerApplicationInThirtySeconds) {
-    const auto start = platform::Date::now().secondsSince1970();
+    const auto start = Date::now().secondsSince1970();
     const auto failAt = [&](double seconds, const char* bundleId, const char* host) {
-        world.clock.set(platform::Date::since1970(start + seconds));
+        world.clock.set(Date::since1970(start + seconds));
         fail(bundleId, host);
         return noticesLogged();
     };
@@ -105,23 +102,6 @@ TEST_F(FailureNoticesTest, AsksForTheContainerOnceAlsoWhenThereIsNone) {
     EXPECT_EQ(world.files.containerQuestions(),
               std::vector<std::string>{"group.org.quillmere.Vantry"});
     EXPECT_FALSE(world.files.exists(failureFile));
-}
-
-// Flows that fail at the same moment on several threads lose nobody's object.
-TEST(FailureNoticesStory, NoticesOfDifferentApplicationsDoNotLoseEachOther) {
-    using namespace platform::simulated;
-    // Real seconds: however slow the machine, no second notice of an application is due.
-    World world({.order = Order::threads, .timeScale = 1});
-    world.files.put(rulesFile, R"({"rules":{},"defaultAction":"direct","directFallback":"vpn"})");
-    ASSERT_TRUE(world.start());
-    for (int n = 0; n < 40; ++n)
-        world.later([&world, n] {
-            world.offerToProxy(world.flow({.remoteEndpoint = NWHostEndpoint{"h", "1"},
-                                           .signingIdentifier = "app" + std::to_string(n % 20)}));
-        });
-    world.runUntilIdle();
-    const auto text = world.files.contents(failureFile).value_or("");
-    EXPECT_EQ(std::ranges::count(text, '{'), 20);
 }
 
 }  // namespace

@@ -5,12 +5,9 @@
 namespace vantry {
 namespace {
 
-using platform::NWHostEndpoint;
-using platform::NWOtherEndpoint;
-
 class FlowIntakeTest : public StoryTest {
 protected:
-    bool offerToProxy(platform::RemoteEndpoint endpoint, Kind kind = Kind::tcp,
+    bool offerToProxy(RemoteEndpoint endpoint, Kind kind = Kind::tcp,
                       const char* signingIdentifier = "acme.mail") {
         return world
             .offerToProxy(world.flow({.kind = kind,
@@ -23,7 +20,7 @@ protected:
 TEST_F(FlowIntakeTest, AFlowWithoutAUsableEndpointIsRoutedByItsApplicationAlone) {
     EXPECT_TRUE(begin({.word = "direct", .isVpnUp = false, .vpnFallback = "block"}));
     // The line comes before the record here, whose write fails.
-    world.files.fail(platform::simulated::FileOperation::writeAtomically);
+    world.files.fail(FileOperation::writeAtomically);
     EXPECT_FALSE(offerToProxy(NWOtherEndpoint{}));
     EXPECT_FALSE(offerToProxy(NWHostEndpoint{"h", "70000"}));
     EXPECT_TRUE(offerToProxy(NWHostEndpoint{"h", "443"}));  // the VPN's fallback plays no part
@@ -73,7 +70,7 @@ TEST_F(FlowIntakeTest, DatagramsAndOtherFlowsLeaveNoTraceBeyondTheirMapping) {
 
 TEST_F(FlowIntakeTest, TheFirstFlowOfAStartIsLoggedBeforeEveryTest) {
     ASSERT_TRUE(world.start());
-    world.clock.set(platform::Date::since1970(1'700'000'000.25));
+    world.clock.set(Date::since1970(1'700'000'000.25));
     for (int start = 0; start < 2; ++start) {
         world.takeLog();
         offerToProxy({}, Kind::udp, "");  // a system process
@@ -84,6 +81,62 @@ TEST_F(FlowIntakeTest, TheFirstFlowOfAStartIsLoggedBeforeEveryTest) {
         )"));
         world.startProxy();
     }
+}
+
+TEST_F(FlowIntakeTest, HostsAreClassifiedForTheLogAlone) {
+    EXPECT_TRUE(begin({.word = "direct"}));
+    const std::vector<std::pair<std::string, std::string>> cases{
+        {"1.2.3.4", "IPv4"},     {"999.1.2.3", "IPv4"},     {"1.2.3", "hostname"},
+        {"1.2.3.x", "hostname"}, {".1..2.3.4.", "IPv4"},    {"-1.2.3.4", "hostname"},
+        {"fe80::1", "IPv6"},     {"a.b.c.d:e", "IPv6"},     {"www.example.com", "hostname"},
+        {"", "hostname"},        {"1.2.3.4.5", "hostname"},
+    };
+    for (const auto& [host, type] : cases) {
+        world.takeLog();
+        EXPECT_TRUE(offerToProxy(NWHostEndpoint{host, "1"}));
+        EXPECT_TRUE(logHolds(
+            world, {debug("remoteEndpoint: " + host + " type=" + type + " interface=en0")}));
+    }
+}
+
+// Without an interface a flow that cannot be opened is closed at once all the same. "Block" is another
+// word, and an endpoint of another kind is turned away before the fallback is looked at.
+TEST_F(FlowIntakeTest, WithoutAnInterfaceTheFallbackDecides) {
+    world.setPath({});
+    putRules(Rules{.word = "direct"}.document());
+    ASSERT_TRUE(world.start());
+    auto failing = newFlow(mail);
+    failing.failsOpening({"test", 1, "gone"});
+    world.offer(failing);
+    world.runUntilIdle();
+    EXPECT_EQ(fates({failing}), Lines{"claimed, closed"});
+    EXPECT_TRUE(world.network.connections().empty());
+    changeRules(Rules{.word = "direct", .directFallback = "Block"}.document());
+    world.takeLog();
+    EXPECT_FALSE(offerToProxy(NWOtherEndpoint{}));
+    EXPECT_FALSE(offerToProxy(NWHostEndpoint{"h", "bad port"}));
+    EXPECT_TRUE(happened(R"(
+        proxy  info  TCP flow: acme.mail, decision: direct
+        proxy  debug   -> unknown:0
+        proxy  error Cannot proxy flow: invalid endpoint, falling back to OS
+        proxy  debug DIRECT path: bundleId=acme.mail dest=unknown:0 handled=false interface=none
+        proxy  info  TCP flow: acme.mail, decision: direct
+        proxy  debug   -> h:bad port
+        proxy  debug Direct fallback triggered: behavior=Block bundleId=acme.mail
+        proxy  error No physical interface, falling back to VPN per fallback setting: acme.mail
+        proxy  error Direct connection failed for acme.mail -> h
+        proxy  debug DIRECT path: bundleId=acme.mail dest=h:bad port handled=false interface=none
+    )"));
+}
+
+TEST_F(FlowIntakeTest, ASessionThatOutlivesItsProviderEndsSilently) {
+    EXPECT_TRUE(begin({.word = "direct"}));
+    auto flow = open(mail);
+    world.takeLog();
+    world.providers.letGoOfProxy();
+    flow.endsSending();
+    world.runToEnd();
+    EXPECT_TRUE(happened(""));
 }
 
 }  // namespace

@@ -3,11 +3,6 @@
 namespace vantry {
 namespace {
 
-using platform::Data;
-using platform::NWHostEndpoint;
-using platform::simulated::debug;
-using platform::simulated::makeAuditToken;
-
 class IdentityTest : public ProxyTest {
 protected:
     void SetUp() override { ASSERT_TRUE(world.start()); }

@@ -3,10 +3,6 @@
 namespace vantry {
 namespace {
 
-using platform::NWHostEndpoint;
-using platform::NWInterface;
-using platform::simulated::error;
-using platform::simulated::info;
 using platform::simulated::InterfaceAddress;
 using Type = NWInterface::InterfaceType;
 
@@ -61,7 +57,7 @@ TEST_F(NetworkPathTest, TheFirstPhysicalInterfaceIsChosenAtEveryUpdate) {
         world.runUntilIdle();
         auto lines = world.takeLog(proxyCategory);
         std::erase_if(lines, [](const auto& line) { return line.text.starts_with("sid="); });
-        EXPECT_TRUE(platform::simulated::linesAre(lines, {test.line}));
+        EXPECT_TRUE(linesAre(lines, {test.line}));
         EXPECT_EQ(interfaceOfNextFlow(), test.chosen);
     }
 }

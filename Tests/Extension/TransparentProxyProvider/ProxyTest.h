@@ -16,27 +16,46 @@
 
 namespace vantry {
 
+// The words of the platform that tests use.
+using platform::Data;
+using platform::Date;
+using platform::NSError;
+using platform::NWHostEndpoint;
+using platform::NWInterface;
+using platform::NWOtherEndpoint;
+using platform::RemoteEndpoint;
+using platform::simulated::debug;
+using platform::simulated::error;
+using platform::simulated::ExpectedLine;
+using platform::simulated::FileOperation;
+using platform::simulated::Flow;
+using platform::simulated::FlowDescription;
+using platform::simulated::holdsForSeeds;
+using platform::simulated::info;
+using platform::simulated::linesAre;
+using platform::simulated::logIs;
+using platform::simulated::LogLine;
+using platform::simulated::makeAuditToken;
+using platform::simulated::Order;
+using platform::simulated::Process;
+using platform::simulated::World;
+
 inline constexpr const char* rulesFile = "/tmp/org.quillmere.Vantry.rules.json";
 inline constexpr const char* activityLogFile = "/tmp/org.quillmere.Vantry.activitylog.json";
 inline constexpr const char* rulesChanged = "org.quillmere.Vantry.rulesChanged";
 inline constexpr const char* proxyCategory = "TransparentProxy";
 
 // What the application sees of a session that is ended gracefully.
-inline platform::NSError peerReset() {
+inline NSError peerReset() {
     return {platform::NEAppProxyErrorDomain, platform::NEAppProxyFlowErrorPeerReset,
             "The application's peer reset the flow"};
 }
 
 class ProxyTest : public testing::Test {
 protected:
-    using ExpectedLine = platform::simulated::ExpectedLine;
-    using Process = platform::simulated::Process;
-    using Flow = platform::simulated::Flow;
-    using FlowDescription = platform::simulated::FlowDescription;
-
     // The proxy's lines since the last look are exactly these.
     testing::AssertionResult proxyLogIs(const std::vector<ExpectedLine>& expected) {
-        return platform::simulated::linesAre(world.takeLog(proxyCategory), expected);
+        return linesAre(world.takeLog(proxyCategory), expected);
     }
 
     void putRules(std::string_view document) { world.files.put(rulesFile, document); }
@@ -53,9 +72,9 @@ protected:
         std::string bundleId, decision;
     };
     std::optional<Routed> routed(const std::string& signingIdentifier,
-                                 std::optional<platform::Data> auditToken = {}) {
+                                 std::optional<Data> auditToken = {}) {
         world.takeLog();
-        world.offerToProxy(world.flow({.remoteEndpoint = platform::NWHostEndpoint{"h", "1"},
+        world.offerToProxy(world.flow({.remoteEndpoint = NWHostEndpoint{"h", "1"},
                                        .signingIdentifier = signingIdentifier,
                                        .auditToken = std::move(auditToken)}));
         for (const auto& line : world.takeLog(proxyCategory)) {
@@ -74,7 +93,7 @@ protected:
     Flow newFlow(const Process& app, const std::string& port = "443",
                  FlowDescription::Kind kind = FlowDescription::Kind::tcp) const {
         return Flow({.kind = kind,
-                     .remoteEndpoint = platform::NWHostEndpoint{"h", port},
+                     .remoteEndpoint = NWHostEndpoint{"h", port},
                      .signingIdentifier = app.signingIdentifier,
                      .auditToken = app.auditToken()});
     }
@@ -86,7 +105,7 @@ protected:
         return log ? log->entries : std::vector<ActivityLogEntryIPC>();
     }
 
-    platform::simulated::World world;
+    World world;
     FlowKillCoordinator& coordinator = FlowKillCoordinator::shared();
 };
 

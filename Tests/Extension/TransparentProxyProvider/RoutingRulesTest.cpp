@@ -5,7 +5,6 @@
 #include "Tests/Extension/TransparentProxyProvider/ProxyTest.h"
 
 namespace vantry {
-
 namespace {
 
 class RoutingRulesTest : public ProxyTest {

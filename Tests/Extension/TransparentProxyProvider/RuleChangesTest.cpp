@@ -8,12 +8,6 @@
 namespace vantry {
 namespace {
 
-using platform::NSError;
-using platform::NWHostEndpoint;
-using platform::NWInterface;
-using platform::simulated::debug;
-using platform::simulated::error;
-
 const NSError refused{"test", 1, "no"};
 
 class RuleChangesTest : public ProxyTest {
@@ -174,11 +168,10 @@ TEST_F(RuleChangesTest, AFlushMakesThreeCallsAtMostAndIsThenOver) {
         world.takeLog();
         changeRules(R"({"rules":{"a":"direct"}})");
         auto lines = world.takeLog(proxyCategory);
-        const auto first =
-            std::ranges::find(lines, begun.text, &platform::simulated::LogLine::text);
+        const auto first = std::ranges::find(lines, begun.text, &LogLine::text);
         lines.erase(lines.begin(), first);
         std::erase_if(lines, [](const auto& line) { return line.text.starts_with("Block state"); });
-        EXPECT_TRUE(platform::simulated::linesAre(lines, test.lines));
+        EXPECT_TRUE(linesAre(lines, test.lines));
         EXPECT_EQ(settingsCalls() - before, test.calls);
         changeRules(R"({"rules":{"a":"vpn"}})");
     }

@@ -5,17 +5,13 @@
 namespace vantry {
 namespace {
 
-using platform::simulated::debug;
-using platform::simulated::error;
-using platform::simulated::info;
-
 class RuleSourcesTest : public ProxyTest {
 protected:
     // The lines of the file's load alone, out of a whole notification.
-    std::vector<platform::simulated::LogLine> linesOfLoad(std::string_view document) {
+    std::vector<LogLine> linesOfLoad(std::string_view document) {
         world.takeLog();
         changeRules(document);
-        std::vector<platform::simulated::LogLine> lines;
+        std::vector<LogLine> lines;
         bool isInside = false;
         for (auto& line : world.takeLog()) {
             if (line.text.starts_with("Reading rules from: ")) isInside = true;
@@ -95,10 +91,10 @@ TEST_F(RuleSourcesTest, CutsThePreviewAtBytesAndLoadsTheWholeFile) {
 TEST_F(RuleSourcesTest, AFileThatCannotBeReadChangesNothing) {
     putRules(R"({"rules":{"a":"direct"},"blockedApps":["b"]})");
     ASSERT_TRUE(world.start());
-    world.files.fail(platform::simulated::FileOperation::read, rulesFile);
-    EXPECT_TRUE(platform::simulated::linesAre(
-        linesOfLoad("{}"),
-        {debug(reading), debug(std::string("No rules file found at ") + rulesFile)}));
+    world.files.fail(FileOperation::read, rulesFile);
+    EXPECT_TRUE(
+        linesAre(linesOfLoad("{}"),
+                 {debug(reading), debug(std::string("No rules file found at ") + rulesFile)}));
     EXPECT_EQ(decisionOf("a"), "direct");
     EXPECT_TRUE(coordinator.shouldBlockFlow("b"));
 }
@@ -118,12 +114,12 @@ TEST_F(RuleSourcesTest, TheConfigurationGivesEachKeyByItself) {
     EXPECT_FALSE(coordinator.shouldBlockFlow("c"));
     // Without rules, or with rules of the wrong type, the other keys still apply.
     for (const auto* configuration : {R"({"rules":{"z":1},"defaultAction":"direct"})", "{}"})
-        EXPECT_TRUE(platform::simulated::linesAre(
-            linesOfWake(configuration),
-            {info("System waking..."),
-             info("VPN state updated: connected=false fallback=block firstInit=false"),
-             info("Loaded 2 routing rules from config, default: direct, blocked: 1"),
-             info("Fallback settings from config: vpn=block, direct=odd")}));
+        EXPECT_TRUE(
+            linesAre(linesOfWake(configuration),
+                     {info("System waking..."),
+                      info("VPN state updated: connected=false fallback=block firstInit=false"),
+                      info("Loaded 2 routing rules from config, default: direct, blocked: 1"),
+                      info("Fallback settings from config: vpn=block, direct=odd")}));
 }
 
 TEST_F(RuleSourcesTest, WithoutAConfigurationNothingReachesTheCoordinator) {

@@ -7,24 +7,16 @@
 #include <string>
 #include <vector>
 
-#include "Platform/Simulated/Expectations.h"
 #include "Tests/Extension/TransparentProxyProvider/ProxyTest.h"
 
 namespace vantry {
 namespace {
 
-using platform::NSError;
 using platform::NWConnection;
 using platform::NWEndpoint;
-using platform::simulated::debug;
-using platform::simulated::error;
-using platform::simulated::Flow;
-using platform::simulated::holdsForSeeds;
-using platform::simulated::logIs;
-using platform::simulated::Order;
 using platform::simulated::Peer;
-using platform::simulated::World;
 using Kind = NWConnection::State::Kind;
+using namespace std::string_literals;
 
 const NSError broken{"posix", 104, "Connection reset by peer"};
 const auto ready = debug("sid=7 Connection ready, starting relay");
@@ -33,7 +25,7 @@ const auto ready = debug("sid=7 Connection ready, starting relay");
 struct Relay {
     explicit Relay(World& world, std::uint16_t port = 443)
         : peer(world.peer("peer.example", port)),
-          flow(world.flow({.remoteEndpoint = platform::NWHostEndpoint{"peer.example", "443"}})) {
+          flow(world.flow({.remoteEndpoint = NWHostEndpoint{"peer.example", "443"}})) {
         auto connection = std::make_shared<NWConnection>(
             NWEndpoint::Host("peer.example"), *NWEndpoint::Port::fromString(std::to_string(port)),
             platform::NWParameters::tcp());
@@ -111,7 +103,7 @@ TEST_F(ProxySessionTest, EndsAsAWholeWhenEitherSideEndsOrFails) {
     struct Case {
         const char* what;
         void (*happens)(Relay&);
-        std::vector<platform::simulated::ExpectedLine> lines;
+        std::vector<ExpectedLine> lines;
         const char* received;
     };
     const std::vector<Case> cases{
@@ -143,6 +135,8 @@ TEST_F(ProxySessionTest, EndsAsAWholeWhenEitherSideEndsOrFails) {
         EXPECT_EQ(one.flow.received(), test.received) << test.what;
         EXPECT_TRUE(logIs(world, test.lines)) << test.what;
         EXPECT_EQ(one.peer.connection()->record().states.back(), Kind::cancelled) << test.what;
+        // The end that came with the bytes is believed: nothing more is asked for.
+        EXPECT_TRUE(test.received != "z"s || one.peer.connection()->record().receives == 1);
     }
 }
 
