@@ -311,10 +311,10 @@ TEST(ProxyExploration, RandomStoriesKeepTheirInvariants) {
 // the thread sanitizer above all.
 void everythingAtOnce(World& world) {
     std::vector<Process> apps;
-    for (const auto* name : {"A", "B", "C"})
-        apps.push_back(world.application(name, std::string("com.example.") + name));
+    for (char letter = 'A'; letter <= 'T'; ++letter)
+        apps.push_back(
+            world.application(std::string(1, letter), std::string("com.example.") + letter));
     world.peer("h", 1).echoes();
-    world.setPath({{"en0", NWInterface::InterfaceType::wifi}});
     world.files.put(rulesFile, R"({"rules":{},"defaultAction":"direct","directFallback":"vpn"})");
     ASSERT_TRUE(world.start());
     std::vector<Flow> flows;
@@ -325,7 +325,7 @@ void everythingAtOnce(World& world) {
                 world.offer(flow);
                 flow.sends("hello");
             },
-            n / 150.0);
+            n < 100 ? 0 : n / 150.0);  // many at the very beginning, without an interface
     }
     for (int n = 0; n < 60; ++n)
         world.later(
@@ -353,8 +353,10 @@ void everythingAtOnce(World& world) {
     const auto lines = world.log();
     EXPECT_EQ(std::ranges::count(lines, "First flow handled at %s app=%s", &LogLine::format), 1);
     const auto failures = world.files.contents("/container/connection_failures.json").value_or("");
-    EXPECT_EQ(std::ranges::count(failures, '{'),
-              std::ranges::count(lines, "Direct connection failed for %s -> %s", &LogLine::format));
+    const auto notices =
+        std::ranges::count(lines, "Direct connection failed for %s -> %s", &LogLine::format);
+    EXPECT_GE(notices, 15);
+    EXPECT_EQ(std::ranges::count(failures, '{'), std::min(notices, std::ptrdiff_t{50}));
     for (const auto& flow : flows) {
         if (!flow.isClaimed()) continue;
         EXPECT_TRUE(flow.isClosedOnceCleanly() || flow.isClosedOnceWith(peerReset()));
