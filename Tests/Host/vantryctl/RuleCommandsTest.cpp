@@ -37,7 +37,7 @@ TEST_F(RuleCommands, EachChangeIsInBothFilesAndNothingElseChanges) {
 
 TEST_F(RuleCommands, WhatTheExtensionDoesNotDoIsRefused) {
     const struct {
-        const char* command;
+        std::string command;
         const char* says;
     } cases[] = {
         {"rules default block", "filter"},
@@ -47,6 +47,7 @@ TEST_F(RuleCommands, WhatTheExtensionDoesNotDoIsRefused) {
         {"rules block", "required"},
         {"rules block a\x1b[2J", ""},
         {"rules block \xff", ""},
+        {"rules block " + std::string(1024, 'x'), "1 to 1023 bytes"},
         {"frobnicate", ""},
     };
     for (const auto& [command, says] : cases) {
