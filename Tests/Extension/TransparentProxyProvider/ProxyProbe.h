@@ -24,7 +24,6 @@ public:
     std::string getRoutingDecision(std::string_view bundleId) const {
         return proxy.getRoutingDecision(bundleId);
     }
-    bool hasKnownRule(std::string_view bundleId) const { return proxy.hasKnownRule(bundleId); }
     std::string resolveParentBundleId(const std::string& bundleId) const {
         return proxy.resolveParentBundleId(bundleId, std::nullopt);
     }
