@@ -46,7 +46,7 @@ std::unique_ptr<TestNetwork> TestNetwork::make() {
                addressesOf("eth0", "192.0.2.1", "fd02::1") +
                addressesOf("vpn0", "10.8.0.1", "fd08::1") +
                "ip link set lo up; ip address add 198.51.100.2/32 dev lo; "
-               "ip address add fd51::2/128 dev lo'");
+               "ip address add fd51::2/128 nodad dev lo'");
     runCommand(addressesOf("eth0", "192.0.2.2", "fd02::2") +
                addressesOf("vpn0", "10.8.0.2", "fd08::2") +
                "ip route add default via 10.8.0.1 dev vpn0 metric 50; "

@@ -32,6 +32,7 @@ InterceptionLab::InterceptionLab() {
     for (const auto& [type, port] : services)
         for (const int family : {AF_INET, AF_INET6}) {
             bound.push_back(network->listenInWorld(serverAddress(family), port, type));
+            if (!bound.back()) throw std::runtime_error("the server cannot listen");
             makeNonBlocking(bound.back());
         }
     server = std::thread([this] { serve(); });
