@@ -32,12 +32,12 @@ class Line:
 class Daemon:
     """One run of the daemon. A thread takes its lines as they come; any thread may ask for them."""
 
-    def __init__(self, descriptors: int | None = None):
-        """With a number of descriptors it never gets more than those."""
+    def __init__(self, descriptors: int | None = None, environment: dict[str, str] | None = None):
+        """With a number of descriptors it never gets more than those; variables come on top of ours."""
         limited = [] if descriptors is None else ["prlimit", f"--nofile={descriptors}"]
         self.process = subprocess.Popen([*limited, str(PROGRAM)], stdin=subprocess.DEVNULL,
                                         stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                                        errors="replace", env=_environment())
+                                        errors="replace", env={**_environment(), **(environment or {})})
         self._lines: list[Line] = []
         self._other_output: list[str] = []
         self._changed = threading.Condition()

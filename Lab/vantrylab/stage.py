@@ -62,13 +62,13 @@ class Stage:
     # The daemon and its rules
 
     def start_daemon(self, rules: Rules | None = Rules(), descriptors: int | None = None,
-                     **preferences) -> Daemon:
+                     environment: dict[str, str] | None = None, **preferences) -> Daemon:
         host.write_preferences(**{"logLevel": "debug", **preferences})
         host.RULES_FILE.unlink(missing_ok=True)
         if rules is not None:
             host.write_rules(rules)
         host.MESSAGE_SOCKET.unlink(missing_ok=True)
-        self.daemon = Daemon(descriptors)
+        self.daemon = Daemon(descriptors, environment)
         # Without the first look at the network's interfaces there is none for direct connections.
         for line in ("Filter settings applied", "Transparent proxy started with", "hysical interface"):
             if not self.daemon.wait_for(line, seconds=15):

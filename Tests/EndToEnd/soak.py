@@ -1,9 +1,10 @@
 """Random applications, rule changes, a VPN that comes and goes, daemons that end: never a wrong verdict.
 
 Every round draws rules and the VPN's state, puts them in force, and lets many applications use the
-network at once; each must fare as a small model of the rules says. Meanwhile a crowd of relayed
-connections stays open. At the end nothing has grown. SOAK_SECONDS and SOAK_SEED change how long
-and what; the seed is printed, and the same one draws the same rounds.
+network at once; each must fare as a small model of the rules says. Over many of the rounds a crowd
+of relayed connections stays open, through all that does not concern it. At the end nothing has
+grown. SOAK_SECONDS and SOAK_SEED change how long and what; the seed is printed, and the same one
+draws the same rounds.
 """
 
 import concurrent.futures
@@ -51,11 +52,16 @@ def run(stage) -> None:
     draw = random.Random(seed)
     network.vpn_up()
     stage.start_daemon(_rules(draw, stage, is_up=True))
-    _round(stage, draw, "warming up")
-    _a_crowd(stage)
+    crowd = Crowd(stage)
+    _round(stage, draw, "warming up", crowd)
+    crowd.open()
+    crowd.expect_untouched()
     before = _held_at_rest(stage.daemon)
     _rounds(stage, draw)
-    _a_crowd(stage)
+    if network.vpn_layout() is None:
+        network.vpn_up()
+    crowd.open()
+    crowd.expect_untouched()
     _nothing_has_grown(stage, before)
     stage.stop_daemon()
     network.vpn_down()
@@ -71,14 +77,59 @@ def _rules(draw: random.Random, stage, is_up: bool) -> Rules:
 
 
 def _rounds(stage, draw: random.Random) -> None:
-    end, number = time.monotonic() + SECONDS, 0
+    end, number, crowd = time.monotonic() + SECONDS, 0, Crowd(stage)
     while time.monotonic() < end:
         number += 1
         if draw.random() < 0.3:
             _flap(draw)
         if draw.random() < 0.1:
             _restart(stage, draw)
-        _round(stage, draw, f"round {number}")
+            crowd.expect_broken()
+        if crowd.is_open() and draw.random() < 0.2:
+            crowd.expect_untouched()
+        _round(stage, draw, f"round {number}", crowd)
+        if not crowd.is_open() and draw.random() < 0.3:
+            crowd.open()
+    if crowd.is_open():
+        crowd.expect_untouched()
+
+
+class Crowd:
+    """Many relayed connections of one process at once; while they are open its rule does not change."""
+
+    def __init__(self, stage):
+        self._stage = stage
+        self._running = None
+
+    def is_open(self) -> bool:
+        return self._running is not None
+
+    def fit(self, rules: Rules) -> Rules:
+        """The rules, with that of the crowd's application as it has to be."""
+        identifier = self._stage.courier.identifier
+        return rules.but(rules={**rules.rules, identifier: "direct"},
+                         blockedApps=tuple(each for each in rules.blockedApps if each != identifier))
+
+    def open(self) -> None:
+        self._stage.apply(self.fit(Rules(vpnConnected=network.vpn_layout() is not None)))
+        self._running = self._stage.courier.start("crowd", self._stage.ipv4(), 8080, "--count", CROWD,
+                                                  "--duration", 600)
+        first = self._running.report()
+        self._stage.checks.check(f"{CROWD} relayed connections are up, VPN {network.vpn_layout()}",
+                                 first["error"] == "" and first["serverSaw"] == network.CLIENT_IPV4, first)
+
+    def expect_untouched(self) -> None:
+        running, self._running = self._running, None
+        self._stage.expect_untouched(f"all {CROWD} connections have lived through the changes", running)
+
+    def expect_broken(self) -> None:
+        """After the daemon's end they have ended too, and none hangs."""
+        running, self._running = self._running, None
+        if running is None:
+            return
+        report = running.conclude()
+        self._stage.checks.check("the daemon's end has ended the relayed connections",
+                                 report["error"] in ("ECONNRESET", "EPIPE", "EOF"), report)
 
 
 def _flap(draw: random.Random) -> None:
@@ -93,8 +144,10 @@ def _restart(stage, draw: random.Random) -> None:
     stage.start_daemon(Rules())
 
 
-def _round(stage, draw: random.Random, name: str) -> None:
+def _round(stage, draw: random.Random, name: str, crowd: "Crowd") -> None:
     rules = _rules(draw, stage, is_up=network.vpn_layout() is not None)
+    if crowd.is_open():
+        rules = crowd.fit(rules)
     stage.apply(rules)
     attempts = [Attempt(stage.applications[draw.choice(NAMES)], draw.choice(MODES), "")
                 for _ in range(ATTEMPTS_A_ROUND)]
@@ -146,20 +199,6 @@ def _expected_client(rules: Rules, attempt: Attempt) -> str | None:
         return physical
     falls_back = rule == "vpn" and not rules.vpnConnected and rules.vpnFallback == "block"
     return None if falls_back and (not is_datagram or port == 443) else system
-
-
-def _a_crowd(stage) -> None:
-    """Many relayed connections of one process at once, through a change that does not concern them."""
-    rules = Rules(rules={stage.courier.identifier: "direct"})
-    if network.vpn_layout() is None:
-        network.vpn_up()
-    stage.apply(rules)
-    crowd = stage.courier.start("crowd", stage.ipv4(), 8080, "--count", CROWD, "--duration", 60)
-    first = crowd.report()
-    stage.checks.check(f"{CROWD} relayed connections are up", first["error"] == "" and
-                       first["serverSaw"] == network.CLIENT_IPV4, first)
-    stage.apply(rules.but(blockedApps=("com.example.absent",)))
-    stage.expect_untouched("all of them live through a change that is not theirs", crowd)
 
 
 @dataclasses.dataclass(frozen=True)
