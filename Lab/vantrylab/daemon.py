@@ -17,8 +17,11 @@ _LINE = re.compile(r"(?P<category>\w+) (?P<level>debug|info|error): (?P<text>.*)
 
 
 def _environment() -> dict[str, str]:
-    """A build with the address sanitizer keeps freed memory; little of it, so that growth is growth."""
-    return {"ASAN_OPTIONS": "quarantine_size_mb=8", **os.environ}
+    """A build with the address sanitizer keeps freed memory; little of it, so that growth is growth.
+
+    One with the thread sanitizer waits a second before it ends, which would count as the daemon's.
+    """
+    return {"ASAN_OPTIONS": "quarantine_size_mb=8", "TSAN_OPTIONS": "atexit_sleep_ms=100", **os.environ}
 
 
 @dataclasses.dataclass(frozen=True)

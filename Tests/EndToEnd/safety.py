@@ -10,8 +10,8 @@ from vantrylab.host import Rules
 
 RULES = Rules(rules={"com.example.courier": "direct", "com.example.ledger": "vpn"},
               blockedApps=("com.example.chatter",))
-# How long, in seconds, a killed daemon's address for connections under way may stay.
-LONGEST_LIFETIME = 30
+# For how many seconds the address of connections that were under way may stay.
+LONGEST_LIFETIME = {signal.SIGKILL: 30, signal.SIGTERM: 3, signal.SIGINT: 3}
 # So often that there is always a byte on its way.
 BUSY = ("--pace", 0.001)
 ENDINGS = (signal.SIGKILL, signal.SIGTERM, signal.SIGINT)
@@ -24,15 +24,16 @@ def run(stage) -> None:
         _end_under_load(stage, ending, before)
     for ending in (signal.SIGKILL, signal.SIGTERM):
         _restart(stage, ending)
+        _end_after_the_vpn(stage, ending)
     _ends_while_packets_wait(stage)
     network.vpn_down()
 
 
-def _traces(with_brief: bool = True) -> set[str]:
+def _traces(longest_lifetime: int = 0) -> set[str]:
     """What stands at all places where the daemon could leave something, a line each.
 
-    Addresses of the loopback interface that run out by themselves, and the routes to them, count only
-    where asked for.
+    Addresses of the loopback interface that run out by themselves within so many seconds, and the routes
+    to them, do not count.
     """
     places = (["nft", "list", "ruleset"], ["ip", "rule"], ["ip", "-6", "rule"],
               ["ip", "-4", "route", "show", "table", "all"], ["ip", "-6", "route", "show", "table", "all"])
@@ -42,9 +43,7 @@ def _traces(with_brief: bool = True) -> set[str]:
         found |= {f"{' '.join(place)}: {line}" for line in output.splitlines()}
     addresses = _addresses_of_loopback()
     found |= {f"address: {address}" for address in addresses}
-    brief = [address for address, seconds in addresses.items() if seconds <= LONGEST_LIFETIME]
-    if with_brief:
-        return found
+    brief = [address for address, seconds in addresses.items() if seconds <= longest_lifetime]
     gone = {f"address: {address}" for address in brief}
     return {line for line in found - gone
             if not any(f"local {address} dev lo " in line for address in brief)}
@@ -81,10 +80,9 @@ def _end_under_load(stage, ending: signal.Signals, before: set[str]) -> None:
     for each in watched:
         stage.expect_untouched(f"{ending.name}: a watched upload goes on", each)
     stage.expect_untouched(f"{ending.name}: the passed upload goes on", passed)
-    # Of a killed daemon an address may be left, with a lifetime that runs out.
     stage.checks.eventually(
         f"{ending.name}: nothing is left behind",
-        lambda: (not (difference := _traces(with_brief=ending != signal.SIGKILL) ^ before), difference))
+        lambda: (not (difference := _traces(LONGEST_LIFETIME[ending]) ^ before), difference))
 
 
 def _settled_traces() -> set[str]:
@@ -103,13 +101,9 @@ def _restart(stage, ending: signal.Signals) -> None:
     stage.start_daemon(RULES)
     relayed = stage.courier.start("upload", stage.ipv4(), 8080, "--duration", 20)
     relayed.report()
-    # A datagram that waits for its verdict when the daemon is killed is lost, as datagrams may be.
-    modes = {stage.nobody: ("upload", "datagrams"),
-             stage.ledger: ("upload",) if ending == signal.SIGKILL else ("upload", "datagrams")}
-    others = [(f"{application.identifier}'s {mode} to {address}",
-               application.start(mode, address, 8080, "--duration", 20, *BUSY))
-              for application in modes for mode in modes[application]
-              for address in (stage.ipv4(), stage.ipv6())]
+    others = [(f"{application.identifier}'s upload to {address}",
+               application.start("upload", address, 8080, "--duration", 20, *BUSY))
+              for application in (stage.ledger, stage.nobody) for address in (stage.ipv4(), stage.ipv6())]
     for _, each in others:
         each.report()
     stage.daemon.stop(ending)
@@ -125,6 +119,31 @@ def _restart(stage, ending: signal.Signals) -> None:
     for name, each in others:
         stage.expect_untouched(f"{ending.name} and restart: {name} goes on", each)
     stage.stop_daemon()
+
+
+def _end_after_the_vpn(stage, ending: signal.Signals) -> None:
+    """Relayed connections with the address of a tunnel that has gone hear of the daemon's end, too."""
+    stage.start_daemon(RULES)
+    address = stage.ipv4()
+    crowd = stage.courier.start("crowd", address, 8080, "--count", 500, "--duration", 60)
+    first = crowd.report()
+    stage.checks.check(f"{ending.name} after the VPN's end: connections are relayed",
+                       first["error"] == "" and first["serverSaw"] == network.CLIENT_IPV4, first)
+    network.vpn_down()
+    stage.daemon.stop(ending)
+    stage.daemon = None
+    stage.checks.eventually(f"{ending.name} after the VPN's end: none of them hangs",
+                            lambda: (not (established := _established_to(address)), established[:3]))
+    report = crowd.conclude()
+    stage.checks.check(f"{ending.name} after the VPN's end: the application hears of it",
+                       report["error"] in ("ECONNRESET", "EPIPE", "EOF"), report)
+    network.vpn_up()
+
+
+def _established_to(address: str) -> list[str]:
+    """Connections of this machine whose own side believes that they go on."""
+    return subprocess.run(["ss", "-Htn", "state", "established", "dst", address],
+                          capture_output=True, text=True, check=True).stdout.splitlines()
 
 
 def _expect_broken(stage, name: str, relayed, ended_at: float) -> None:

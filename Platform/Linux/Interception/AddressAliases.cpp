@@ -28,7 +28,7 @@ AddressAliases::AddressAliases() : socket(NetlinkSocket::open(NETLINK_ROUTE)) {}
 
 AddressAliases::~AddressAliases() {
     const std::lock_guard guard(lock);
-    for (const auto& [address, count] : users) take(address);
+    for (const auto& [address, count] : users) put(address, secondsForFarewell);
 }
 
 std::shared_ptr<void> AddressAliases::keepSourceOf(const FlowTuple& flow) {
@@ -36,7 +36,7 @@ std::shared_ptr<void> AddressAliases::keepSourceOf(const FlowTuple& flow) {
     const Address address{flow.family, flow.sourceAddress};
     const std::lock_guard guard(lock);
     std::size_t& count = users[address];
-    if (count == 0 && !put(address)) {
+    if (count == 0 && !put(address, lifetimeSeconds)) {
         users.erase(address);
         return nullptr;
     }
@@ -48,7 +48,7 @@ std::shared_ptr<void> AddressAliases::keepSourceOf(const FlowTuple& flow) {
 
 void AddressAliases::renew() {
     const std::lock_guard guard(lock);
-    for (const auto& [address, count] : users) put(address);
+    for (const auto& [address, count] : users) put(address, lifetimeSeconds);
 }
 
 void AddressAliases::letGo(const Address& address) {
@@ -81,13 +81,13 @@ nlmsghdr* addressMessage(char* room, std::uint16_t type, std::uint16_t flags, in
 
 }  // namespace
 
-bool AddressAliases::put(const Address& address) {
+bool AddressAliases::put(const Address& address, std::uint32_t seconds) {
     alignas(nlmsghdr) std::array<char, 256> room{};
     nlmsghdr* const header = addressMessage(room.data(), RTM_NEWADDR, NLM_F_CREATE | NLM_F_REPLACE,
                                             address.family, address.bytes.data());
     mnl_attr_put_u32(header, IFA_FLAGS, IFA_F_NODAD);
     // Never preferred: nobody shall choose it as the source of a new flow.
-    const ifa_cacheinfo lifetime{0, lifetimeSeconds, 0, 0};
+    const ifa_cacheinfo lifetime{0, seconds, 0, 0};
     mnl_attr_put(header, IFA_CACHEINFO, sizeof lifetime, &lifetime);
     return socket->request(*header) == 0;
 }

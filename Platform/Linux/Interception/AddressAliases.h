@@ -20,7 +20,8 @@ namespace platform::interception {
 class AddressAliases : public std::enable_shared_from_this<AddressAliases> {
 public:
     AddressAliases();
-    // Takes all aliases away.
+    // Aliases that are still in use stay for a moment more: the end of their connections, which may
+    // be as late as the end of the process, has to reach the applications.
     ~AddressAliases();
     AddressAliases(const AddressAliases&) = delete;
     AddressAliases& operator=(const AddressAliases&) = delete;
@@ -32,6 +33,7 @@ public:
     void renew();
 
     static constexpr std::uint32_t lifetimeSeconds = 30;
+    static constexpr std::uint32_t secondsForFarewell = 3;
 
 private:
     struct Address {
@@ -42,7 +44,7 @@ private:
         }
     };
 
-    bool put(const Address& address);
+    bool put(const Address& address, std::uint32_t seconds);
     void take(const Address& address);
     void letGo(const Address& address);
 

@@ -12,6 +12,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <mutex>
 #include <optional>
@@ -186,7 +187,30 @@ private:
     std::unordered_map<FlowTuple, Claim, FlowHash, SameFlow> claims;
 };
 
-ClaimedFlows::ClaimedFlows() : awaited(std::make_shared<Awaited>()) {
+class ClaimedFlows::OpenFlows {
+public:
+    void add() {
+        const std::lock_guard guard(lock);
+        ++count;
+    }
+    void remove() {
+        const std::lock_guard guard(lock);
+        if (--count == 0) noneIsLeft.notify_all();
+    }
+    void awaitNone(std::chrono::milliseconds longest) {
+        std::unique_lock hold(lock);
+        noneIsLeft.wait_for(hold, longest, [this] { return count == 0; });
+    }
+
+private:
+    // Guards `count`.
+    std::mutex lock;
+    std::condition_variable noneIsLeft;
+    std::size_t count = 0;
+};
+
+ClaimedFlows::ClaimedFlows()
+    : awaited(std::make_shared<Awaited>()), openFlows(std::make_shared<OpenFlows>()) {
     const auto listen = [this](int family, std::uint16_t& port) {
         FileDescriptor listener = openListener(family);
         if (!listener) return std::unique_ptr<ConnectionAcceptor>();
@@ -231,6 +255,13 @@ void ClaimedFlows::complain() {
 void ClaimedFlows::expect(const FlowTuple& flow, Flow claimed) {
     awaited->add(flow, std::move(claimed));
 }
+
+std::shared_ptr<void> ClaimedFlows::countAsOpen() {
+    openFlows->add();
+    return {nullptr, [flows = openFlows](void*) { flows->remove(); }};
+}
+
+void ClaimedFlows::awaitEnds(std::chrono::milliseconds longest) { openFlows->awaitNone(longest); }
 
 void ClaimedFlows::failOverdue() {
     awaited->failThoseBefore(std::chrono::steady_clock::now(), systemError(ETIMEDOUT));

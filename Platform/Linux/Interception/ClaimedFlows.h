@@ -37,8 +37,14 @@ public:
     // Fails the claims whose connection has not come in time.
     void failOverdue();
 
+    // For as long as the token lives a flow counts as one whose application has not been told its end.
+    std::shared_ptr<void> countAsOpen();
+    // Waits until there is none, or for so long.
+    void awaitEnds(std::chrono::milliseconds longest);
+
 private:
     class Awaited;
+    class OpenFlows;
 
     void complain();
 
@@ -48,6 +54,7 @@ private:
     std::mutex complaintLock;
     std::chrono::steady_clock::time_point nextComplaint;
     std::shared_ptr<Awaited> awaited;
+    std::shared_ptr<OpenFlows> openFlows;
     std::unique_ptr<ConnectionAcceptor> ipv4;
     std::unique_ptr<ConnectionAcceptor> ipv6;
     ListenerPorts listenerPorts;

@@ -151,7 +151,7 @@ ClaimedFlows::Flow FlowDecisions::offerToProxy(const HeldPacket& packet, const S
     auto implementation = std::make_shared<ProxyFlow>();
     // Filled when the flow turns out to be claimed; goes with the application's side.
     auto aliasHolder = std::make_shared<std::shared_ptr<void>>();
-    implementation->setEndHandler([aliasHolder] {});
+    implementation->setEndHandler([aliasHolder, open = claims.countAsOpen()] {});
     const bool isClaimed = providers.proxy->handleNewFlow(
         std::make_shared<NEAppProxyTCPFlow>(source.metaData, source.remote, implementation));
     if (!isClaimed) return nullptr;

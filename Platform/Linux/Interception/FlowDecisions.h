@@ -48,6 +48,8 @@ public:
     // Forgets what is over. To be called every few seconds.
     void keepHouse();
 
+    void awaitEndsOfClaimed(std::chrono::milliseconds longest) { claims.awaitEnds(longest); }
+
 private:
     struct Source;
 

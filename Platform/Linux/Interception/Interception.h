@@ -44,6 +44,12 @@ public:
     // What the filter is asked about; nothing ends its part.
     void setFilterAction(std::optional<NEFilterAction> action, ErrorCompletion completion);
 
+    // Waits until the applications of all claimed flows have been told of their end, or for so long:
+    // without our rules nothing more would reach them.
+    void awaitEndsOfClaimed(std::chrono::milliseconds longest) {
+        decisions.awaitEndsOfClaimed(longest);
+    }
+
 private:
     using Change = std::function<void(Offers&)>;
     struct Setting {

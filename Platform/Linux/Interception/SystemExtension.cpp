@@ -27,6 +27,7 @@ using interception::RunningInterception;
 
 constexpr std::chrono::seconds longestStart{10};
 constexpr std::chrono::milliseconds longestStop{800};
+constexpr std::chrono::milliseconds longestFarewell{1000};
 constexpr std::chrono::milliseconds longestEnd{2500};
 
 sigset_t endSignals() {
@@ -124,6 +125,7 @@ void runExtension() {
     channel.stop();
     endOffers(*interception);
     stopProxy(providers);
+    interception->awaitEndsOfClaimed(longestFarewell);
     stopFilter(providers);
     RunningInterception::set(nullptr);
     interception.reset();
