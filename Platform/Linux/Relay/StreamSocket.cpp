@@ -31,9 +31,9 @@ public:
         return sockets;
     }
 
-    void add(StreamSocket& socket) {
-        sockets.push_back(socket.weak_from_this());
-        if (!std::exchange(isTicking, true)) tickLater(socket.loop);
+    void add(StreamSocket& added) {
+        sockets.push_back(added.weak_from_this());
+        if (!std::exchange(isTicking, true)) tickLater(added.loop);
     }
 
 private:
@@ -43,9 +43,9 @@ private:
     void tick(EventLoop& ticking) {
         const auto now = TimerHeap::Clock::now();
         std::erase_if(sockets, [now](const std::weak_ptr<StreamSocket>& weak) {
-            const auto socket = weak.lock();
-            if (socket) socket->checkFinishing(now);
-            return !socket || socket->phase != Phase::finishing;
+            const auto living = weak.lock();
+            if (living) living->checkFinishing(now);
+            return !living || living->phase != Phase::finishing;
         });
         isTicking = !sockets.empty();
         if (isTicking) tickLater(ticking);
