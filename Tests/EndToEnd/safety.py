@@ -24,6 +24,8 @@ def run(stage) -> None:
         _end_under_load(stage, ending, before)
     for ending in (signal.SIGKILL, signal.SIGTERM):
         _restart(stage, ending)
+    # These leave hundreds of resets to the tunnel, more than it can carry beside datagrams.
+    for ending in (signal.SIGKILL, signal.SIGTERM):
         _end_after_the_vpn(stage, ending)
     _ends_while_packets_wait(stage)
     network.vpn_down()
@@ -101,9 +103,13 @@ def _restart(stage, ending: signal.Signals) -> None:
     stage.start_daemon(RULES)
     relayed = stage.courier.start("upload", stage.ipv4(), 8080, "--duration", 20)
     relayed.report()
-    others = [(f"{application.identifier}'s upload to {address}",
-               application.start("upload", address, 8080, "--duration", 20, *BUSY))
-              for application in (stage.ledger, stage.nobody) for address in (stage.ipv4(), stage.ipv6())]
+    # A datagram that waits for its verdict when the daemon is killed is lost, as datagrams may be.
+    modes = {stage.nobody: ("upload", "datagrams"),
+             stage.ledger: ("upload",) if ending == signal.SIGKILL else ("upload", "datagrams")}
+    others = [(f"{application.identifier}'s {mode} to {address}",
+               application.start(mode, address, 8080, "--duration", 20, *BUSY))
+              for application in modes for mode in modes[application]
+              for address in (stage.ipv4(), stage.ipv6())]
     for _, each in others:
         each.report()
     stage.daemon.stop(ending)
