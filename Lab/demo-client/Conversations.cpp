@@ -349,10 +349,11 @@ Report crowd(const Destination& destination, uint64_t count, std::chrono::millis
     if (!report.error.empty()) return report;
     for (GoingOn goingOn(duration); !goingOn.isOver();)
         std::this_thread::sleep_for(destination.pace);
-    const auto deadline = Clock::now() + destination.patience;
-    for (const auto& socket : sockets)
+    for (const auto& socket : sockets) {
+        const auto deadline = Clock::now() + destination.patience;
         if (!sendAll(socket, "!", deadline, report) || receive(socket, deadline, report).empty())
             return report;
+    }
     report.outcome = "finished";
     return report;
 }

@@ -50,7 +50,8 @@ def ended_after(report: dict, changed_at: float, errors: tuple[str, ...]) -> Ver
 
 def went_on(report: dict) -> Verdict:
     return Verdict((report["outcome"], report["error"]) == ("finished", ""),
-                   f"{report['outcome']} {report['error']}".strip())
+                   f"{report['outcome']} {report['phase']} {report['error']}".strip()
+                   + f" after {report['bytesSent']} bytes sent and {report['bytesReceived']} received")
 
 
 def _failed_at_once(report: dict, address: str) -> bool:
