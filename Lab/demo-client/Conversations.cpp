@@ -269,6 +269,24 @@ std::string exchange(const Destination& destination, const std::string& question
     return receive(socket, deadline, report);
 }
 
+// Asks on a connected datagram socket, again and again where that is wanted; the answer, or nothing and
+// the report filled.
+std::string ask(const Descriptor& socket, const Destination& destination, Report& report) {
+    const auto deadline = Clock::now() + destination.patience;
+    const auto before = report;
+    while (true) {
+        const auto isRepeated = destination.repeatAfter > std::chrono::milliseconds::zero();
+        const auto next = isRepeated ? Clock::now() + destination.repeatAfter : deadline;
+        if (!sendAll(socket, "who am I?", deadline, report)) return {};
+        auto answer = receive(socket, std::min(next, deadline), report);
+        if (!answer.empty() || report.error != "ETIMEDOUT" || Clock::now() >= deadline)
+            return answer;
+        report.outcome = before.outcome;
+        report.phase = before.phase;
+        report.error = before.error;
+    }
+}
+
 // A query for the address of "who.example.com".
 std::string nameQuery() {
     using namespace std::string_literals;
@@ -427,9 +445,7 @@ Report keepAsking(const Destination& destination, std::chrono::milliseconds dura
     auto report = begin("datagrams");
     const auto socket = connectTo(destination, SOCK_DGRAM, report);
     for (GoingOn goingOn(duration); socket && !goingOn.isOver();) {
-        const auto deadline = Clock::now() + destination.patience;
-        if (!sendAll(socket, "who am I?", deadline, report)) break;
-        const auto answer = receive(socket, deadline, report);
+        const auto answer = ask(socket, destination, report);
         if (answer.empty()) break;
         readGreeting(answer, report);
         if (report.outcome != "answered") {

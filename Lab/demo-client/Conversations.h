@@ -17,7 +17,8 @@ struct Destination {
     bool isMapped = false;
     bool isUnconnected = false;
     std::chrono::milliseconds patience{5000};
-    std::chrono::milliseconds pace{20};  // between two things sent
+    std::chrono::milliseconds pace{20};        // between two things sent
+    std::chrono::milliseconds repeatAfter{0};  // of a question without an answer; 0: not at all
 };
 
 // The things that an application does with a network, each in the calling thread from start to end,

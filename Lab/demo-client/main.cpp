@@ -29,6 +29,7 @@ struct Arguments {
     double patienceSeconds = 5;
     double durationSeconds = 10;
     double paceSeconds = 0.02;
+    double repeatSeconds = 0;
     uint64_t bytes = 100000;
     uint64_t count = 100;
     bool isInChild = false;
@@ -49,7 +50,8 @@ lab::Destination destinationOf(const Arguments& arguments) {
             .isMapped = arguments.isMapped,
             .isUnconnected = arguments.isUnconnected,
             .patience = milliseconds(arguments.patienceSeconds),
-            .pace = milliseconds(arguments.paceSeconds)};
+            .pace = milliseconds(arguments.paceSeconds),
+            .repeatAfter = milliseconds(arguments.repeatSeconds)};
 }
 
 [[noreturn]] void become(const std::vector<std::string>& program) {
@@ -89,6 +91,8 @@ void addConversation(CLI::App& application, Arguments& arguments, const std::str
     command->add_option("--patience", arguments.patienceSeconds, "seconds to wait for an answer");
     command->add_option("--duration", arguments.durationSeconds, "seconds to go on");
     command->add_option("--pace", arguments.paceSeconds, "seconds between two things sent");
+    command->add_option("--repeat", arguments.repeatSeconds,
+                        "seconds after which datagrams without an answer are sent again");
     command->add_option("--bytes", arguments.bytes, "bytes to echo");
     command->add_option("--count", arguments.count, "connections to hold");
     command->add_option("--path", arguments.path, "where two processes meet to pass a socket");

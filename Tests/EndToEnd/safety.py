@@ -104,11 +104,9 @@ def _restart(stage, ending: signal.Signals) -> None:
     relayed = stage.courier.start("upload", stage.ipv4(), 8080, "--duration", 20)
     relayed.report()
     # A datagram that waits for its verdict when the daemon is killed is lost, as datagrams may be.
-    modes = {stage.nobody: ("upload", "datagrams"),
-             stage.ledger: ("upload",) if ending == signal.SIGKILL else ("upload", "datagrams")}
     others = [(f"{application.identifier}'s {mode} to {address}",
-               application.start(mode, address, 8080, "--duration", 20, *BUSY))
-              for application in modes for mode in modes[application]
+               application.start(mode, address, 8080, "--duration", 20, "--repeat", 0.5, *BUSY))
+              for application in (stage.ledger, stage.nobody) for mode in ("upload", "datagrams")
               for address in (stage.ipv4(), stage.ipv6())]
     for _, each in others:
         each.report()
