@@ -15,7 +15,7 @@ struct Exploration {
     std::uint64_t firstSeed = 1;
     std::uint64_t seeds = 1000;
     unsigned processesAtOnce = 2;
-    double secondsPerSeed = 20;  // a process that takes longer has failed
+    double secondsPerSeed = 100;  // a process that takes longer hangs, however busy the machine is
 };
 
 struct FailedSeed {
