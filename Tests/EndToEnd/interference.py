@@ -1,10 +1,10 @@
-"""Somebody else takes the daemon's rules and routes away: they stay, or come back, and so do the verdicts."""
+"""Somebody else takes what is the daemon's, and gets it not or only for a moment: rules, routes, ports."""
 
 import subprocess
 
 from vantrylab import network
 from vantrylab.host import Rules
-from vantrylab.verdicts import ENDED
+from vantrylab.verdicts import AT_ONCE_MILLISECONDS, ENDED
 
 TABLE = ("inet", "vantry")
 RULES = Rules(rules={"com.example.courier": "direct", "com.example.ledger": "vpn"},
@@ -17,6 +17,7 @@ def run(stage) -> None:
     _packet_rules(stage)
     network.vpn_down()
     _routes(stage)
+    _ports(stage)
     stage.stop_daemon()
 
 
@@ -94,3 +95,24 @@ def _own_routes() -> list[str]:
                                 capture_output=True, text=True).stdout
         found += routes.splitlines()
     return found
+
+
+def _ports(stage) -> None:
+    """Without a VPN a program may ask for the address and port that a connection of the relay has."""
+    for next_address in (stage.ipv4, stage.ipv6):
+        address = next_address()
+        relayed = stage.courier.start("crowd", address, 8080, "--count", 1, "--duration", 20)
+        relayed.report()
+        report = stage.nobody.run("connect", address, 8080, "--source-port", _port_of_relay(address))
+        stage.checks.check(f"the port of a relayed connection to {address} is refused at once",
+                           report["error"] == "ECONNREFUSED" and report["milliseconds"] < AT_ONCE_MILLISECONDS,
+                           report)
+        stage.expect_untouched(f"the relayed connection to {address} goes on", relayed)
+
+
+def _port_of_relay(address: str) -> int:
+    """That of the only socket with a connection to the address that is bound to a device."""
+    peer = f"[{address}]" if ":" in address else address
+    sockets = subprocess.run(["ss", "-Htn", "dst", peer], capture_output=True, text=True, check=True).stdout
+    (own,) = [line.split()[3] for line in sockets.splitlines() if "%" in line]
+    return int(own.rsplit(":", 1)[1])

@@ -15,7 +15,7 @@ enum class FlowState : std::uint8_t {
     watched = 3,            // on the system's own route, its outbound bytes are shown
     claimedAndWatched = 4,  // both
     denied = 5,             // rejected, with every packet to come
-    ownTraffic = 6,         // of a socket of this process (socket marks only)
+    ownTraffic = 6,         // of a socket of this process; the socket bears it too
 };
 
 // Generations count flushes. The last value stands for every generation that is no longer told

@@ -23,6 +23,7 @@ namespace {
 // The chains. `offer` comes before every redirect of others (priority -100) and behind connection
 // tracking (-200); `keep` behind both.
 constexpr const char* offerChain = "offer";
+constexpr const char* ownTrafficChain = "own_traffic";
 constexpr const char* generationChain = "generation";
 constexpr const char* newFlowsChain = "new_flows";
 constexpr const char* redirectChain = "redirect";
@@ -117,6 +118,7 @@ PacketRule currentGeneration(MarkPlace place, unsigned generation) {
 }
 
 void addChains(Transaction& transaction) {
+    transaction.addChain(ownTrafficChain);
     transaction.addChain(generationChain);
     transaction.addChain(newFlowsChain);
     transaction.addChain(keepMarkChain);
@@ -135,8 +137,9 @@ void addOfferRules(Transaction& transaction, const PacketTableContent& content, 
     const auto rule = [] { return PacketRule(offerChain); };
 
     transaction.addRule(rule().leavingByLoopback().accept());
-    transaction.addRule(
-        rule().withPacketMark(place.stateMask(), state(FlowState::ownTraffic)).accept());
+    transaction.addRule(rule()
+                            .withPacketMark(place.stateMask(), state(FlowState::ownTraffic))
+                            .jumpTo(ownTrafficChain));
     transaction.addRule(rule().jumpTo(generationChain));
     // What applications put there themselves is no verdict of ours.
     transaction.addRule(rule().withoutPacketMark(place.mask(), 0).putPacketMark(place.mask(), 0));
@@ -151,6 +154,21 @@ void addOfferRules(Transaction& transaction, const PacketTableContent& content, 
                                 .withConnectionMark(place.stateMask(), state(watched))
                                 .withPayload()
                                 .queueTo(content.queues.watchedData, form));
+    // The socket of another program that has the addresses and ports of a connection of ours.
+    transaction.addRule(rule()
+                            .withConnectionMark(place.stateMask(), state(FlowState::ownTraffic))
+                            .inDirectionOfOpening()
+                            .ofProtocol(IPPROTO_TCP)
+                            .rejectWithReset());
+}
+
+// Our own packets pass; their connections are known by it from the first one on.
+void addOwnTrafficRules(Transaction& transaction, MarkPlace place) {
+    transaction.addRule(PacketRule(ownTrafficChain)
+                            .ofProtocol(IPPROTO_TCP)
+                            .withTcpFlags(TH_SYN | TH_ACK, TH_SYN)
+                            .putConnectionMark(place.mask(), place.value(FlowState::ownTraffic)));
+    transaction.addRule(PacketRule(ownTrafficChain).accept());
 }
 
 void addNewFlowRules(Transaction& transaction, const PacketTableContent& content, QueueForm form) {
@@ -247,6 +265,7 @@ int PacketTable::installIn(QueueForm form) {
     addChains(transaction);
     transaction.addRule(currentGeneration(content.place, content.generation));
     addOfferRules(transaction, content, form);
+    addOwnTrafficRules(transaction, content.place);
     addNewFlowRules(transaction, content, form);
     addRedirectRules(transaction, content);
     addKeepRules(transaction, content);

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "Platform/Linux/Network/LocalPorts.h"
 #include "Platform/Linux/Network/NameResolver.h"
 #include "Platform/Linux/Network/NetworkMonitor.h"
 #include "Platform/Linux/OwnTraffic.h"
@@ -21,6 +22,9 @@ namespace {
 
 // How long one address may keep the next one waiting.
 constexpr double secondsBetweenAddresses = 0.25;
+
+// How many local ports are tried before the choice is left to the kernel.
+constexpr int localPortsToTry = 8;
 
 // True for errors that another state of the network may cure; the others are the peer's word or the
 // machine's.
@@ -42,6 +46,12 @@ bool dependsOnNetwork(int error) {
 
 int setOption(const FileDescriptor& socket, int level, int option, int value) {
     return ::setsockopt(socket.get(), level, option, &value, sizeof value) == 0 ? 0 : errno;
+}
+
+int bindToLocalPort(const FileDescriptor& socket, int family, std::uint16_t port) {
+    if (const int error = setOption(socket, SOL_SOCKET, SO_REUSEADDR, 1)) return error;
+    const SocketAddress any = SocketAddress::unspecified(family, port);
+    return ::bind(socket.get(), &any.any, any.length) == 0 ? 0 : errno;
 }
 
 NSError resolverError(int code) { return {"dns", code, ::gai_strerror(code)}; }
@@ -219,8 +229,18 @@ void Connection::tryNextAddress() {
     if (attempts->underWay.empty()) allAttemptsFailed();
 }
 
-int Connection::beginAttempt(const SocketAddress& given) {
-    SocketAddress address = given;
+int Connection::beginAttempt(const SocketAddress& address) {
+    if (!interfaceName) return beginAttempt(address, 0);
+    for (int tried = 0; tried < localPortsToTry; ++tried) {
+        const int error = beginAttempt(address, LocalPorts::ofThisThread().next());
+        const bool isPortTaken = error == EADDRINUSE || error == EADDRNOTAVAIL;
+        if (!isPortTaken) return error;
+    }
+    return beginAttempt(address, 0);
+}
+
+// From `localPort`; 0 is the kernel's choice.
+int Connection::beginAttempt(SocketAddress address, std::uint16_t localPort) {
     FileDescriptor descriptor(
         ::socket(address.family(), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
     if (!descriptor) return errno;
@@ -233,6 +253,9 @@ int Connection::beginAttempt(const SocketAddress& given) {
         if (error != 0) return error;
     }
     setOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
+    if (localPort != 0)
+        if (const int error = bindToLocalPort(descriptor, address.family(), localPort))
+            return error;
     const auto attempt = std::make_shared<StreamSocket>(*loop.load(), std::move(descriptor), *this);
     if (const int error = attempt->connect(&address.any, address.length)) return error;
     attempts->underWay.push_back(attempt);

@@ -67,6 +67,7 @@ private:
     void tryAddresses(std::vector<SocketAddress> addresses);
     void tryNextAddress();
     int beginAttempt(const SocketAddress& address);
+    int beginAttempt(SocketAddress address, std::uint16_t localPort);
     int bindToInterface(const FileDescriptor& descriptor);
     void tryAnotherSoon();
     void connectDone(StreamSocket& attempt, int error) override;

@@ -24,6 +24,17 @@ std::optional<SocketAddress> SocketAddress::fromNumeric(const std::string& text,
     return std::nullopt;
 }
 
+SocketAddress SocketAddress::unspecified(int family, std::uint16_t port) {
+    SocketAddress address;
+    address.any.sa_family = static_cast<sa_family_t>(family);
+    if (family == AF_INET)
+        address.ipv4.sin_port = htons(port);
+    else
+        address.ipv6.sin6_port = htons(port);
+    address.length = family == AF_INET ? sizeof address.ipv4 : sizeof address.ipv6;
+    return address;
+}
+
 std::optional<SocketAddress> SocketAddress::from(const sockaddr& given) {
     SocketAddress address;
     if (given.sa_family == AF_INET)

@@ -24,6 +24,8 @@ struct SocketAddress {
 
     // A numeric address of either family, without a zone; nothing for any other text.
     static std::optional<SocketAddress> fromNumeric(const std::string& text, std::uint16_t port);
+    // "This machine", whichever address of it, for `bind`. AF_INET or AF_INET6.
+    static SocketAddress unspecified(int family, std::uint16_t port);
     // A copy of what a system call gave; nothing for a family that is neither.
     static std::optional<SocketAddress> from(const sockaddr& address);
 };

@@ -5,8 +5,11 @@
 #include <cerrno>
 #include <condition_variable>
 #include <deque>
+#include <fstream>
 #include <mutex>
+#include <sstream>
 
+#include "Platform/Linux/Network/LocalPorts.h"
 #include "Platform/Linux/Network/NameResolver.h"
 #include "Platform/Network.h"
 #include "Tests/Platform/Linux/Namespaces.h"
@@ -283,8 +286,9 @@ protected:
         EXPECT_EQ(::mount(name, path, nullptr, MS_BIND, nullptr), 0);
         ::unlink(name);
     }
-    static Client started(const std::string& host, std::optional<std::string> interface = "eth0") {
-        Client client(host, 7000, std::move(interface));
+    static Client started(const std::string& host, std::optional<std::string> interface = "eth0",
+                          std::uint16_t port = 7000) {
+        Client client(host, port, std::move(interface));
         client.connection->start(queue);
         return client;
     }
@@ -310,6 +314,36 @@ TEST_F(NetworkConnectionInWorld, LeavesByTheRequiredInterfaceThoughTheRouteIsThe
         const bool isIPv4 = server == TestNetwork::serverIPv4;
         EXPECT_EQ(peerAddressOf(acceptFrom(isIPv4 ? listener : listenerIPv6)), source);
     }
+}
+
+TEST_F(NetworkConnectionInWorld, NoApplicationIsGivenThePortOfAConnectionToTheSamePlace) {
+    runCommand("ip route del default; ip route add default via 192.0.2.1 dev eth0");
+    std::ofstream("/proc/sys/net/ipv4/ip_local_port_range") << "40000 40001";
+    auto client = started(TestNetwork::serverIPv4);
+    ASSERT_EQ(client.next().kind, Kind::ready);
+    const auto application = connectTo(TestNetwork::serverIPv4, 7000);
+    ASSERT_TRUE(application);
+    EXPECT_EQ(portOf(application), 40000);
+    EXPECT_FALSE(connectTo(TestNetwork::serverIPv4, 7000));
+    EXPECT_EQ(errno, EADDRNOTAVAIL);
+    // Our own connections share the port as long as they go to different places.
+    const auto elsewhere = network->listenInWorld(TestNetwork::serverIPv4, 7001);
+    auto second = started(TestNetwork::serverIPv4, "eth0", 7001);
+    EXPECT_EQ(second.next().kind, Kind::ready);
+    EXPECT_EQ(started(TestNetwork::serverIPv4).next().kind, Kind::waiting);
+}
+
+TEST(LocalPorts, AreEveryOtherOfTheRangeExceptReservedOnes) {
+    const auto choosable = [](const char* range, const char* reserved) {
+        std::istringstream rangeText(range);
+        std::istringstream reservedText(reserved);
+        return choosableLocalPorts(rangeText, reservedText);
+    };
+    using Ports = std::vector<std::uint16_t>;
+    EXPECT_EQ(choosable("32768\t32773\n", "\n"), (Ports{32769, 32771, 32773}));
+    EXPECT_EQ(choosable("65530 65535", "8080,65531,65533-65534\n"), (Ports{65535}));
+    EXPECT_EQ(choosable("40000 40000", ""), Ports{});
+    EXPECT_EQ(choosable("", ""), Ports{});
 }
 
 TEST_F(NetworkConnectionInWorld, WhatCannotBeReachedIsWaitedForAndTriedWhenThePathChanges) {
