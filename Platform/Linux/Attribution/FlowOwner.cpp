@@ -193,6 +193,7 @@ private:
     }
 
     void giveBack(DiagnosisPointer diagnosis) {
+        if (!diagnosis->isOpen()) return;
         const std::lock_guard guard(lock);
         idle.push_back(std::move(diagnosis));
     }

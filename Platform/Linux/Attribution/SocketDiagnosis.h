@@ -24,6 +24,9 @@ class SocketDiagnosis {
 public:
     SocketDiagnosis();
 
+    // False where no descriptor was to be had: it answers nothing.
+    bool isOpen() const { return static_cast<bool>(netlink); }
+
     // Nothing if there is no such socket.
     std::optional<SocketFacts> find(const FlowTuple& flow);
 

@@ -204,6 +204,19 @@ TEST_P(FlowOwners, NobodyIsNamedForSystemAccountsAndUnknownSockets) {
     EXPECT_EQ(owner->signingIdentifier, "");
 }
 
+// A blocked application would pass for ever.
+TEST_P(FlowOwners, AShortageOfDescriptorsIsForgottenOnceItIsOver) {
+    const auto program = holderOf(stream);
+    const auto shown = flow(stream, shared->port);
+    rlimit before{};
+    ::getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none{0, before.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_EQ(ownerPid(shown), -1);
+    ::setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(ownerPid(shown), program->pid());
+}
+
 TEST_P(FlowOwners, ASharedSocketIsItsParentsUntilTheParentLetsGo) {
     const RunningProgram program([&](int ready) {
         becomePerson();
