@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "Platform/Linux/ThreadPriority.h"
+
 namespace platform::interception {
 
 namespace {
@@ -55,6 +57,8 @@ void PacketWorkers::startWorker() {
 }
 
 void PacketWorkers::work() {
+    // The whole machine's connections wait here, most of all when many programs want to run.
+    runBeforeOrdinaryPrograms();
     Hold hold(lock);
     while (!isStopping) {
         if (!ready.empty()) {
@@ -137,6 +141,7 @@ void PacketWorkers::workOn(Flows::value_type& flow, Hold& hold) {
 }
 
 void PacketWorkers::watch() {
+    runBeforeOrdinaryPrograms();
     const auto interval = std::max(limits.longestWait / 4, std::chrono::milliseconds(1));
     Hold hold(lock);
     while (!stopped.wait_for(hold, interval, [this] { return isStopping; })) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Platform/Linux/OwnTraffic.h"
+#include "Platform/Linux/ThreadPriority.h"
 #include "Tests/Platform/Linux/Eventually.h"
 #include "Tests/Platform/Linux/Interception/InterceptionLab.h"
 #include "Tests/Platform/Linux/Interception/ScriptedProviders.h"
@@ -307,6 +308,20 @@ TEST_F(InterceptionTest, SlowFlowHoldsUpNoOther) {
     EXPECT_EQ(timesOffered(), 51u);
     filter->mayGoOn.set_value();
     EXPECT_EQ(slow.receive(1), 0);
+}
+
+TEST_F(InterceptionTest, VerdictsComeBeforeWhateverElseWantsToRun) {
+    int ownNiceness = 0;
+    int nicenessOfOthers = -1;
+    std::thread([&] {
+        runBeforeOrdinaryPrograms();
+        ownNiceness = nicenessOfThisThread();
+        std::thread([&] { nicenessOfOthers = nicenessOfThisThread(); }).join();
+    }).join();
+    if (ownNiceness == 0) GTEST_SKIP() << "needs the right to run before others";
+    EXPECT_EQ(nicenessOfOthers, 0) << "what it starts is not handed its place";
+    connected();
+    EXPECT_EQ(filter->niceness, ownNiceness);
 }
 
 TEST_F(InterceptionTest, AllOtherBitsOfBothMarksSurvive) {

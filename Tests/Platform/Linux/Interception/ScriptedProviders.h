@@ -2,6 +2,9 @@
 // answered by the proxy itself: it sends back what the application sends. Any thread.
 #pragma once
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <future>
@@ -51,6 +54,8 @@ private:
     mutable std::mutex lock;
     std::vector<Call> calls;
 };
+
+inline int nicenessOfThisThread() { return getpriority(PRIO_PROCESS, static_cast<id_t>(gettid())); }
 
 inline Call callOf(Call::Kind kind, bool isTcp, const RemoteEndpoint& remote,
                    const std::optional<Data>& token) {
@@ -132,6 +137,8 @@ public:
     enum class Waiting { none, datagrams, all };
     std::atomic<Waiting> waiting{Waiting::none};
     std::promise<void> mayGoOn;
+    // Of the thread on which the last flow was shown.
+    std::atomic<int> niceness{0};
 
     void startFilter(ErrorCompletion) override {}
     void stopFilter(NEProviderStopReason, Completion<>) override {}
@@ -139,6 +146,7 @@ public:
     NEFilterNewFlowVerdict handleNewFlow(const NEFilterFlow& flow) override {
         const Call call = callOf(Call::Kind::filter, flow);
         calls.add(call);
+        niceness = nicenessOfThisThread();
         if (waiting == Waiting::all || (waiting == Waiting::datagrams && !call.isTcp)) gate.wait();
         if (onNewFlow == NewFlow::allow) return NEFilterNewFlowVerdict::allowVerdict();
         if (onNewFlow == NewFlow::drop) return NEFilterNewFlowVerdict::dropVerdict();
