@@ -77,9 +77,11 @@ std::uint32_t FlowDecisions::markFor(const HeldPacket& packet) {
                                 ? verdictOnData(packet, *asked)
                                 : verdictOnFlow(packet, *asked);
     if (verdict.state == FlowState::unseen) return packet.mark;
-    const bool hasGeneration = verdict.state == FlowState::declined;
-    return place.put(packet.mark,
-                     place.value(verdict.state, hasGeneration ? verdict.generation : 0));
+    if (verdict.state != FlowState::declined)
+        return place.put(packet.mark, place.value(verdict.state));
+    // The verdict may have taken long, and many flushes may have come meanwhile.
+    const unsigned generation = markedGeneration(verdict.generation, offers()->generation);
+    return place.put(packet.mark, place.value(FlowState::declined, generation));
 }
 
 Verdict FlowDecisions::verdictOnFlow(const HeldPacket& packet, const Offers& asked) {

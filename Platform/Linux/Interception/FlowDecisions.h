@@ -30,7 +30,7 @@ struct Providers {
 struct Offers {
     std::vector<NENetworkRule> proxyRules;       // none: the proxy is not asked
     std::optional<NEFilterAction> filterAction;  // nothing: the filter is not asked
-    unsigned generation = 0;
+    unsigned generation = 0;                     // the number of flushes so far
 };
 
 class FlowDecisions {

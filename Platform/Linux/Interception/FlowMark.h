@@ -18,9 +18,17 @@ enum class FlowState : std::uint8_t {
     ownTraffic = 6,         // of a socket of this process; the socket bears it too
 };
 
-// Generations count flushes. The last value stands for every generation that is no longer told
-// apart from others, so that a flow that slept through many flushes is still offered again.
+// Generations count flushes; a mark has room for few of them, which come round again and again. The
+// last value stands for every generation that is no longer told apart from others, so that a flow that
+// slept through many flushes is still offered again.
 inline constexpr unsigned staleGeneration = 31;
+
+// What a mark says of a generation. The next flush may be under way: a generation whose turn would
+// come with that one counts as stale already.
+constexpr unsigned markedGeneration(unsigned generation, unsigned latest) {
+    const bool isToldApart = latest - generation < staleGeneration - 1;
+    return isToldApart ? generation % staleGeneration : staleGeneration;
+}
 
 // Where in a mark the byte lies.
 class MarkPlace {

@@ -149,7 +149,7 @@ int Interception::putInForce(const Offers& before, const Offers& wanted) {
         if (const int error = begin()) return error;
     }
     content.offeredProtocols = protocols;
-    content.generation = before.generation;
+    content.generation = markedGeneration(before.generation, before.generation);
     const int error = protocols.empty() ? table->stopOffering() : table->install(content);
     if (error == 0) isInstalled = true;
     return error;
@@ -183,14 +183,14 @@ int Interception::begin() {
 }
 
 int Interception::flushDeclined(Offers& wanted) {
-    wanted.generation = (wanted.generation + 1) % staleGeneration;
-    const std::uint32_t reused = place.value(FlowState::declined, wanted.generation);
+    ++wanted.generation;
+    content.generation = markedGeneration(wanted.generation, wanted.generation);
+    const std::uint32_t reused = place.value(FlowState::declined, content.generation);
     const std::uint32_t stale = place.value(FlowState::declined, staleGeneration);
     entries->changeMarks(place.mask(), [&](std::uint32_t mark) {
         return (mark & place.mask()) == reused ? std::optional(stale) : std::nullopt;
     });
-    content.generation = wanted.generation;
-    return table->setGeneration(wanted.generation);
+    return table->setGeneration(content.generation);
 }
 
 // Somebody changed the packet rules of the machine, perhaps ours.

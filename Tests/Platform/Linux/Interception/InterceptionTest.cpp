@@ -410,6 +410,23 @@ TEST(InterceptionQueue, OverduePacketsAreLetGoEvenIfEveryWorkerIsStuck) {
     scene.filter->mayGoOn.set_value();
 }
 
+// As many flushes as bring the same number back into the marks, while a verdict is being waited for
+// and then at once after the next one.
+TEST(InterceptionQueue, FlushesWithinAMomentOfferAFlowOnceMore) {
+    StuckScene scene(std::chrono::minutes(1));
+    ClientSocket client = Scene::connected(SOCK_DGRAM);
+    ASSERT_EQ(client.send(1), 0);
+    ASSERT_TRUE(eventually([&] { return scene.timesOffered() == 1; }));
+    for (unsigned count = 0; count < staleGeneration; ++count) scene.flush();
+    scene.filter->mayGoOn.set_value();
+    ASSERT_EQ(client.receive(1), 0);
+    for (int round = 0; round < 2; ++round) ASSERT_EQ(client.exchange(), 0);
+    EXPECT_EQ(scene.timesOffered(), 2u);
+    for (unsigned count = 0; count < staleGeneration; ++count) scene.flush();
+    ASSERT_EQ(client.exchange(), 0);
+    EXPECT_EQ(scene.timesOffered(), 3u);
+}
+
 TEST(InterceptionQueue, PacketsBeyondItsRoomPassAndItGoesOnAfterwards) {
     StuckScene scene(std::chrono::minutes(1));
     std::vector<ClientSocket> clients;
