@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "Platform/Linux/Relay/LastBytes.h"
 #include "Platform/Linux/Relay/Pipe.h"
 
 namespace platform {
@@ -57,9 +58,9 @@ Received StreamInput::receiveIntoMemory(std::size_t wanted) {
     if (count <= 0) return nothingReceived(count);
     const auto length = static_cast<std::size_t>(count);
     isBulk = length == wanted && length >= smallRead;
-    Received received{.data = std::string(readBuffer.data(), length)};
-    if (length < wanted) lookForEnd(received);
-    return received;
+    std::string bytes(readBuffer.data(), length);
+    if (length == wanted || !isEndNext()) return {.data = std::move(bytes)};
+    return {.data = Data(std::make_shared<LastBytes>(std::move(bytes)), length), .isEnd = true};
 }
 
 Received StreamInput::receiveIntoPipe() {
@@ -118,14 +119,14 @@ Received StreamInput::nothingReceived(ssize_t result) {
 }
 
 // All that had come is read. The end, if it is there, goes along with the last bytes.
-void StreamInput::lookForEnd(Received& received) {
-    if (!socket.peerSeemsEnded()) return socket.awaitReading();
-    char next = 0;
-    const ssize_t count = ::recv(socket.descriptor(), &next, 1, MSG_DONTWAIT | MSG_PEEK);
-    if (count == 0)
-        received.isEnd = true;
-    else if (count < 0 && errno == EAGAIN)
-        socket.awaitReading();
+bool StreamInput::isEndNext() {
+    if (socket.peerSeemsEnded()) {
+        char next = 0;
+        const ssize_t count = ::recv(socket.descriptor(), &next, 1, MSG_DONTWAIT | MSG_PEEK);
+        if (count >= 0 || errno != EAGAIN) return count == 0;
+    }
+    socket.awaitReading();
+    return false;
 }
 
 bool StreamInput::discard() {

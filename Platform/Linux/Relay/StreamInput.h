@@ -55,7 +55,7 @@ private:
     Received nextBlockOfPipe();
     void takeAheadIntoMemory();
     Received nothingReceived(ssize_t result);
-    void lookForEnd(Received& received);
+    bool isEndNext();
 
     WatchedSocket& socket;
     bool isWanted = false;

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "Platform/Linux/Relay/LastBytes.h"
 #include "Platform/Linux/Relay/Pipe.h"
 
 namespace platform {
@@ -72,9 +73,11 @@ int StreamOutput::writeBlock() {
 }
 
 int StreamOutput::writeMemory(std::string_view bytes) {
+    const bool isLast = dynamic_cast<const LastBytes*>(writing.storage().get()) != nullptr;
+    const int flags = MSG_NOSIGNAL | MSG_DONTWAIT | (isLast ? MSG_MORE : 0);
     while (written < bytes.size()) {
-        const ssize_t count = ::send(socket.descriptor(), bytes.data() + written,
-                                     bytes.size() - written, MSG_NOSIGNAL | MSG_DONTWAIT);
+        const ssize_t count =
+            ::send(socket.descriptor(), bytes.data() + written, bytes.size() - written, flags);
         if (count < 0 && errno == EINTR) continue;
         if (count < 0) return noteError(errno);
         written += static_cast<std::size_t>(count);

@@ -1,11 +1,14 @@
 #include "Platform/Linux/Relay/StreamSocket.h"
 
 #include <gtest/gtest.h>
+#include <linux/tcp.h>
+#include <netinet/in.h>
 
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "Tests/Platform/Linux/Eventually.h"
 #include "Tests/Platform/Linux/Sockets.h"
 
 namespace platform {
@@ -66,6 +69,68 @@ TEST(StreamSocket, DirectionsTakeTurnsInReadingAndNotInHandingOn) {
     });
     isClosed.get();
     EXPECT_TRUE(blocks.starts_with("ABAAAB")) << blocks;
+}
+
+// Hands one read of a stream on to another, whose end may follow.
+class Forwarder final : public StreamSocket::Owner {
+public:
+    explicit Forwarder(bool endsBehindBytes) : endsBehind(endsBehindBytes) {
+        loop.post([this] { source->read(1, 1024); });
+    }
+    ~Forwarder() override {
+        Awaited<bool> isClosed;
+        loop.post([this, put = isClosed.put()] {
+            source->reset();
+            target->reset();
+            put(true);
+        });
+        isClosed.get();
+    }
+    void readDone(Data data, bool, int) override { target->write(std::move(data)); }
+    void writeDone(int) override {
+        if (endsBehind) target->endWriting();
+    }
+
+    SocketPair sourcePair = connectedPair();
+    SocketPair targetPair = connectedPair();
+
+private:
+    const bool endsBehind;
+    EventLoop& loop = *EventLoopPool::shared().loops().front();
+    const std::shared_ptr<StreamSocket> source =
+        std::make_shared<StreamSocket>(loop, std::move(sourcePair.near), *this);
+    const std::shared_ptr<StreamSocket> target =
+        std::make_shared<StreamSocket>(loop, std::move(targetPair.near), *this);
+};
+
+// Bytes and end in one segment.
+void sendLast(const FileDescriptor& socket, std::string_view bytes) {
+    ::send(socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_MORE);
+    ::shutdown(socket.get(), SHUT_WR);
+}
+
+unsigned segmentsReceivedBy(const FileDescriptor& socket) {
+    tcp_info information{};
+    socklen_t length = sizeof information;
+    ::getsockopt(socket.get(), IPPROTO_TCP, TCP_INFO, &information, &length);
+    return information.tcpi_segs_in;
+}
+
+TEST(StreamSocket, LastBytesAreSentAlongWithTheEndBehindThem) {
+    // They are not where a thread is held up meanwhile, or before the first read.
+    EXPECT_TRUE(eventually([] {
+        const Forwarder forwarder(true);
+        const unsigned before = segmentsReceivedBy(forwarder.targetPair.far);
+        sendLast(forwarder.sourcePair.far, "last");
+        EXPECT_EQ(receiveToEnd(forwarder.targetPair.far), "last");
+        return segmentsReceivedBy(forwarder.targetPair.far) == before + 1;
+    }));
+}
+
+TEST(StreamSocket, LastBytesComeThoughNoEndFollows) {
+    const Forwarder forwarder(false);
+    sendLast(forwarder.sourcePair.far, "last");
+    EXPECT_EQ(receive(forwarder.targetPair.far, 4), "last");
 }
 
 }  // namespace
