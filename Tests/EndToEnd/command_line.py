@@ -1,7 +1,9 @@
 """The command-line tool against the running daemon: what it changes takes effect, what it shows is so."""
 
+import contextlib
 import json
 import subprocess
+import threading
 
 from vantrylab import host, network, world
 from vantrylab.host import Rules
@@ -15,77 +17,174 @@ def run(stage) -> None:
     stage.start_daemon(Rules())
     _changes_take_effect(stage)
     _views(stage)
+    _following_the_log(stage)
+    _identities(stage)
+    _machine(stage)
     _the_watch_follows_the_tunnel(stage)
+    _the_watch_makes_a_lost_rules_file_anew(stage)
     stage.stop_daemon()
-    result = _use_tool("status")
-    stage.checks.equal("without a daemon, status says so by its exit code", result.returncode, 3)
+    _without_a_daemon(stage)
     network.vpn_down()
 
 
-def _use_tool(*words: str) -> subprocess.CompletedProcess:
-    return subprocess.run([str(TOOL), *words], capture_output=True, text=True, timeout=20)
+def _use_tool(*words: str, **options) -> subprocess.CompletedProcess:
+    return subprocess.run([str(TOOL), *words], capture_output=True, text=True, timeout=20, **options)
+
+
+def _document(*words: str) -> dict:
+    """What a command prints as JSON."""
+    return json.loads(_use_tool(*words, "--json").stdout)
+
+
+def _stored_in_preferences() -> dict:
+    return json.loads(host.PREFERENCES.read_text())["protocolConfiguration"]["providerConfiguration"]
 
 
 def _changes_take_effect(stage) -> None:
     steps = ((("rules", "set", COURIER, "direct"), stage.courier, stage.expect_physical),
-             (("rules", "set", LEDGER, "vpn"), stage.ledger, stage.expect_tunnel),
-             (("rules", "block", CHATTER), stage.chatter, stage.expect_denied),
+             (("rules", "set", LEDGER, "com.example.absent", "vpn"), stage.ledger, stage.expect_tunnel),
+             (("rules", "block", CHATTER, "com.example.idle"), stage.chatter, stage.expect_denied),
              (("rules", "default", "direct"), stage.nobody, stage.expect_physical),
              (("rules", "default", "vpn"), stage.nobody, stage.expect_tunnel),
              (("rules", "unblock", CHATTER), stage.chatter, stage.expect_tunnel),
              (("rules", "fallback", "vpn", "block"), stage.ledger, stage.expect_tunnel),
+             (("rules", "fallback", "direct", "allow"), stage.courier, stage.expect_physical),
              (("vpn", "down"), stage.ledger, stage.expect_denied),
              (("vpn", "up"), stage.ledger, stage.expect_tunnel),
-             (("rules", "remove", COURIER), stage.courier, stage.expect_tunnel))
+             (("rules", "remove", COURIER, "com.example.unknown"), stage.courier, stage.expect_tunnel))
     for words, application, expect in steps:
         name = f"vantryctl {' '.join(words)}"
         stage.bring_into_force(
             lambda: stage.checks.equal(f"{name} succeeds", _use_tool(*words).returncode, 0))
         address = stage.ipv4()
         expect(f"{name}: takes effect", application.run("connect", address, 80), address)
-    stored = json.loads(host.PREFERENCES.read_text())["protocolConfiguration"]["providerConfiguration"]
-    stage.checks.equal("changes last: the preferences hold what the rules file holds",
-                       stored, json.loads(host.RULES_FILE.read_text()))
+        stage.checks.equal(f"{name}: lasts, as the preferences hold what the rules file holds",
+                           _stored_in_preferences(), json.loads(host.RULES_FILE.read_text()))
+    stage.checks.equal("all changes together", _document("rules", "show"), {
+        "rules": {LEDGER: "vpn", "com.example.absent": "vpn"}, "defaultAction": "vpn", "vpnFallback": "block",
+        "directFallback": "allow", "vpnConnected": True, "blockedApps": ["com.example.idle"]})
+    stage.checks.equal("are what is stored", _stored_in_preferences(), _document("rules", "show"))
 
 
 def _views(stage) -> None:
-    status = _use_tool("status", "--json")
-    stage.checks.check("status is JSON about a running daemon",
-                       status.returncode == 0 and isinstance(json.loads(status.stdout), dict), status)
+    status = _document("status")
+    stage.checks.equal("status counts the rules in force and those that are stored",
+                       [status[key] for key in ("isRunning", "ruleCount", "storedRuleCount", "blockedCount",
+                                                "rulesFileIsCurrent")], [True, 2, 2, 1, True])
+    stage.checks.check("status reads well", "running, 2 rules in force" in _use_tool("status").stdout)
     address = stage.ipv4()
     stage.courier.run("connect", address, 80)
     stage.expect_record("a connection is recorded", address, bundleId=COURIER)
     stage.check_records()
     stage.checks.check("log shows it", address in _use_tool("log").stdout, _use_tool("log").stdout)
-    applications = _use_tool("apps").stdout
-    stage.checks.check("apps lists its application", COURIER in applications, applications)
     stage.checks.equal("clear succeeds", _use_tool("clear").returncode, 0)
     stage.checks.check("after clear the log is without it", address not in _use_tool("log").stdout)
-    running = stage.courier.start("serve")
-    identified = _use_tool("identify", str(running.process.pid))
-    stage.checks.check("identify names a process", COURIER in identified.stdout, identified)
-    running.stop()
+    for _ in range(2):
+        address = stage.ipv4()
+        stage.ledger.run("connect", address, 80)
+    stage.expect_record("another's connections are recorded", address, bundleId=LEDGER)
+    stage.check_records()
+    seen = [[each[key] for key in ("bundleId", "isActive", "flows", "routes")]
+            for each in _document("apps")["applications"]]
+    stage.checks.equal("apps has the latest first, and the flows of each",
+                       seen, [[COURIER, True, 1, {"vpn": 1}], [LEDGER, True, 2, {"vpn": 2}]])
+    host.ACTIVITY_LOG.unlink()
+    seen = [[each["bundleId"], each["isActive"], each["flows"]] for each in _document("apps")["applications"]]
+    stage.checks.equal("without the log's file, apps has those that the daemon names",
+                       sorted(seen), [[COURIER, True, 0], [LEDGER, True, 0]])
+    if world.is_root_world():
+        stranger = {"user": world.PERSON, "group": world.PERSON, "extra_groups": []}
+        stage.checks.equal("a stranger may not clear the log", _use_tool("clear", **stranger).returncode, 4)
+
+
+def _following_the_log(stage) -> None:
+    """Each flow is shown once, also after the log was emptied, or could not be read for a moment."""
+    _use_tool("clear")
+    following = subprocess.Popen([str(TOOL), "log", "--follow", "--json"], text=True, stdout=subprocess.PIPE)
+    overdue = threading.Timer(20, following.kill)
+    overdue.start()
+    harms = {2: lambda: _use_tool("clear"), 4: lambda: host.write_whole(host.ACTIVITY_LOG, "{")}
+    for number in range(5):
+        harms.get(number, lambda: None)()
+        address = stage.ipv4()
+        stage.courier.run("connect", address, 80)
+        line = following.stdout.readline() or "{}"
+        stage.checks.equal(f"log --follow shows flow {number + 1}", json.loads(line).get("destinationIp"), address)
+    following.terminate()
+    stage.checks.equal("log --follow shows nothing twice", following.communicate()[0], "")
+    overdue.cancel()
+
+
+def _identities(stage) -> None:
+    for application in (stage.courier, stage.render, stage.fetch, stage.grab):
+        running = application.start("serve")
+        for subject in (running.process.pid, application.path):
+            stage.checks.equal(f"identify {subject}", _document("identify", str(subject))["bundleId"],
+                               application.identifier)
+        running.stop()
+    for subject in ("/tmp/missing", "/tmp", "999999999", "-0x1"):
+        stage.checks.check(f"identify {subject}: there is no such thing", _use_tool("identify", subject).returncode)
+
+
+def _machine(stage) -> None:
     refused = _use_tool("rules", "default", "block")
     stage.checks.check("a default that blocks is refused, with a reason",
                        refused.returncode != 0 and refused.stderr != "", refused)
+    before = _ruleset()
     checked = _use_tool("check", "--json")
-    stage.checks.check("check finds all that the daemon needs", checked.returncode == 0, checked)
+    stage.checks.equal("check finds all that the daemon needs", checked.returncode, 0)
+    verdicts = {each["subject"]: each["verdict"] for each in json.loads(checked.stdout)["findings"]}
+    stage.checks.equal("check answers for every subject", len(verdicts), 12)
+    stage.checks.equal("check finds no rules that clash with ours", verdicts["redirects"], "good")
+    stage.checks.equal("check leaves nothing behind", _ruleset(), before)
+    lines = _use_tool("check").stdout.splitlines()
+    stage.checks.check("check fits a terminal", lines and max(map(len, lines)) <= 80, lines)
+
+
+def _ruleset() -> str:
+    return subprocess.run(["nft", "list", "ruleset"], capture_output=True, text=True, check=True).stdout
+
+
+@contextlib.contextmanager
+def _watch():
+    watch = subprocess.Popen([str(TOOL), "watch"], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+    yield
+    watch.terminate()
+    watch.wait(5)
 
 
 def _the_watch_follows_the_tunnel(stage) -> None:
-    watch = subprocess.Popen([str(TOOL), "watch"], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
-    for layout in network.LAYOUTS:
-        since = stage.daemon.mark()
-        network.vpn_down()
-        stage.expect_line("watch: the tunnel's end is told", "VPN state updated: connected=false", since)
-        address = stage.ipv4()
-        stage.expect_denied("watch: the fallback holds", stage.ledger.run("connect", address, 80), address)
-        since = stage.daemon.mark()
-        network.vpn_up(layout)
-        stage.expect_line(f"watch: the tunnel's return is told, {layout}",
-                          "VPN state updated: connected=true", since)
-        address = stage.ipv4()
-        stage.expect_tunnel(f"watch: and the VPN is used, {layout}",
-                            stage.ledger.run("connect", address, 80), address)
-    watch.terminate()
-    watch.wait(5)
+    with _watch():
+        for layout in network.LAYOUTS:
+            since = stage.daemon.mark()
+            network.vpn_down()
+            stage.expect_line("watch: the tunnel's end is told", "VPN state updated: connected=false", since)
+            address = stage.ipv4()
+            stage.expect_denied("watch: the fallback holds", stage.ledger.run("connect", address, 80), address)
+            since = stage.daemon.mark()
+            network.vpn_up(layout)
+            stage.expect_line(f"watch: the tunnel's return is told, {layout}",
+                              "VPN state updated: connected=true", since)
+            address = stage.ipv4()
+            stage.expect_tunnel(f"watch: and the VPN is used, {layout}",
+                                stage.ledger.run("connect", address, 80), address)
+
+
+def _the_watch_makes_a_lost_rules_file_anew(stage) -> None:
+    lost = json.loads(host.RULES_FILE.read_text())
+    host.RULES_FILE.unlink()
+    with _watch():
+        for number in range(3):
+            stage.checks.eventually(f"watch: the rules file is there, loss {number}",
+                                    lambda: (host.RULES_FILE.exists(), "none"))
+            stage.checks.equal("watch: it says what it said", json.loads(host.RULES_FILE.read_text()), lost)
+            host.RULES_FILE.unlink()
+        stage.checks.eventually("watch: and again", lambda: (host.RULES_FILE.exists(), "none"))
+
+
+def _without_a_daemon(stage) -> None:
+    for words, says in ((("status",), "not running"), (("clear",), "systemctl start vantryd")):
+        result = _use_tool(*words)
+        stage.checks.check(f"without a daemon, {words[0]} says so, by its exit code too",
+                           result.returncode == 3 and says in result.stdout + result.stderr, result)
+    stage.checks.check("without a daemon, apps says so", "not running" in _use_tool("apps").stderr)

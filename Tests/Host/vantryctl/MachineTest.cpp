@@ -1,11 +1,4 @@
-#include <sched.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-
-#include <csignal>
-#include <cstdlib>
-#include <iostream>
-#include <map>
 
 #include "Host/vantryctl/MachineCheck.h"
 #include "Host/vantryctl/TunnelState.h"
@@ -67,46 +60,6 @@ TEST(MachineCheckTest, MarksClashOnlyWhereNoByteIsFree) {
     EXPECT_EQ(checkMarks(0xff00ffff).verdict, Verdict::good);
     EXPECT_EQ(checkMarks(0xffffffff).verdict, Verdict::warning);
     EXPECT_EQ(checkMarks(0x01010101 << 3 | 0x80808080).verdict, Verdict::warning);
-}
-
-class Machine : public ToolTest {
-protected:
-    void SetUp() override {
-        ToolTest::SetUp();
-        if (!IsSkipped()) {
-            ASSERT_EQ(unshare(CLONE_NEWNET), 0);
-        }
-    }
-};
-
-TEST_F(Machine, TheCheckAnswersForEverySubjectAndLeavesNothingBehind) {
-    const auto document = parsed(runTool("check --json").out);
-    std::map<std::string, std::string> verdicts;
-    for (const auto& finding : listUnder(document, "findings"))
-        verdicts[textUnder(finding, "subject")] = textUnder(finding, "verdict");
-    EXPECT_EQ(verdicts.size(), 12U);
-    EXPECT_EQ(verdicts["redirects"], "good");
-    EXPECT_EQ(verdicts["physical interface"], "warning");
-    EXPECT_TRUE(fitsTerminal(runTool("check").out));
-    ASSERT_EQ(std::system("test -z \"$(nft list ruleset)\""), 0);
-}
-
-// What else it follows is seen end to end.
-TEST_F(Machine, TheWatchMakesALostRulesFileAnew) {
-    ASSERT_EQ(runTool("rules set a direct").exitCode, 0);
-    const pid_t child = fork();
-    if (child == 0) {
-        dup2(STDERR_FILENO, STDOUT_FILENO);
-        _exit(run({"watch"}, {std::cout, std::cerr}));
-    }
-    for (int loss = 0; loss < 2; ++loss) {
-        ASSERT_EQ(unlink(places::rulesFile), 0);
-        EXPECT_TRUE(eventually([] { return access(places::rulesFile, F_OK) == 0; }));
-    }
-    EXPECT_EQ(under(storedInRulesFile(), "rules"), parsed(R"({"a":"direct"})"));
-    EXPECT_EQ(under(storedInRulesFile(), "vpnConnected"), JSONValue(false));
-    kill(child, SIGTERM);
-    waitpid(child, nullptr, 0);
 }
 
 }  // namespace

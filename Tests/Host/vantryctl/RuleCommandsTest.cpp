@@ -3,7 +3,6 @@
 
 #include <filesystem>
 
-#include "Platform/Foundation.h"
 #include "Platform/Linux/HostChannel/SharedFolder.h"
 #include "Tests/Host/vantryctl/ToolTest.h"
 
@@ -11,29 +10,6 @@ namespace vantryctl::testing {
 namespace {
 
 class RuleCommands : public ToolTest {};
-
-TEST_F(RuleCommands, EachChangeIsInBothFilesAndNothingElseChanges) {
-    const auto change = [](const char* command) {
-        const auto result = runTool(command);
-        EXPECT_EQ(result.exitCode, 0) << command << result.err;
-        EXPECT_EQ(storedInRulesFile(), storedInPreferences()) << command;
-    };
-    change("rules set org.a direct");
-    EXPECT_EQ(storedInRulesFile(),
-              parsed(R"({"rules":{"org.a":"direct"},"defaultAction":"vpn","vpnFallback":"allow",
-                         "directFallback":"block","vpnConnected":true,"blockedApps":[]})"));
-    for (const char* command :
-         {"rules set org.b c vpn", "rules remove org.b unknown", "rules block org.c org.a",
-          "rules unblock org.a", "rules default direct", "rules fallback vpn block",
-          "rules fallback direct allow", "vpn down"})
-        change(command);
-    EXPECT_EQ(storedInRulesFile(),
-              parsed(R"({"rules":{"org.a":"direct","c":"vpn"},"defaultAction":"direct",
-                         "vpnFallback":"block","directFallback":"allow","vpnConnected":false,
-                         "blockedApps":["org.c"]})"));
-    EXPECT_EQ(parsed(runTool("rules show --json").out), storedInRulesFile());
-    EXPECT_TRUE(platform::NSFileManager::defaultManager().contentsAtPath(places::rulesFile));
-}
 
 TEST_F(RuleCommands, WhatTheExtensionDoesNotDoIsRefused) {
     const struct {

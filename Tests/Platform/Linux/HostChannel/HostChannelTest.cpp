@@ -1,10 +1,9 @@
 #include "Platform/Linux/HostChannel/HostChannel.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
+#include <poll.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <future>
@@ -13,12 +12,14 @@
 
 #include "Platform/Linux/HostChannel/FixedPlaces.h"
 #include "Platform/Logging.h"
+#include "Tests/Platform/Linux/Attribution/RealPrograms.h"
 #include "Tests/Platform/Linux/HostChannel/MessageClient.h"
 #include "Tests/Platform/Linux/HostChannel/PrivateMachine.h"
-#include "Tests/Platform/Linux/HostChannel/StandInBus.h"
 
 namespace platform::testing {
 namespace {
+
+using ::testing::HasSubstr;
 
 class Provider final : public NETransparentProxyProvider {
 public:
@@ -102,32 +103,6 @@ TEST_F(HostChannelTest, MessagesReachTheProviderUntilTheStop) {
     EXPECT_EQ(provider.use_count(), 1);
 }
 
-TEST_F(HostChannelTest, TheServiceManagerHearsOfReadinessLifeAndStop) {
-    const FileDescriptor manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    const sockaddr_un address{AF_UNIX, "/run/notify"};
-    ASSERT_EQ(bind(manager.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    setenv("NOTIFY_SOCKET", "/run/notify", 1);
-    setenv("WATCHDOG_USEC", "100000", 1);
-    setenv("WATCHDOG_PID", std::to_string(getpid()).c_str(), 1);
-    const auto heard = [&](int flags = 0) {
-        char buffer[256];
-        const ssize_t length = recv(manager.get(), buffer, sizeof buffer, flags);
-        return std::string(buffer, length < 0 ? 0 : static_cast<std::size_t>(length));
-    };
-
-    HostChannel channel;
-    EXPECT_EQ(heard(MSG_DONTWAIT), "");
-    channel.start(provider);
-    std::vector<std::string> messages;
-    while (messages.size() < 4) messages.push_back(heard());
-    EXPECT_EQ(std::ranges::count(messages, "READY=1"), 1);
-    EXPECT_EQ(std::ranges::count(messages, "WATCHDOG=1"), 3);
-    channel.stop();
-    std::string last = heard();
-    while (last == "WATCHDOG=1") last = heard();
-    EXPECT_EQ(last, "STOPPING=1");
-}
-
 TEST_F(HostChannelTest, TheLogLevelFollowsThePreferences) {
     const auto isDebugging = [] { return Logger::isEnabled(LogLevel::debug); };
     const auto isInforming = [] { return Logger::isEnabled(LogLevel::info); };
@@ -181,50 +156,80 @@ TEST_F(HostChannelTest, PreferencesThatChangeAtEveryQuestion) {
     }
 }
 
+// A program of the bus; its lines are read and written here.
+class BusProgram {
+public:
+    explicit BusProgram(std::vector<const char*> command)
+        : program([&](int) {
+              for (const int stream : {STDIN_FILENO, STDOUT_FILENO})
+                  dup2(channel.far.get(), stream);
+              command.push_back(nullptr);
+              execv(command.front(), const_cast<char**>(command.data()));
+          }) {}
+
+    void tell(const std::string& line) const { sendAll(channel.near, line + "\n"); }
+    // What it says next; nothing if it says nothing for so long.
+    std::string said(int milliseconds = 20'000) const {
+        pollfd state{channel.near.get(), POLLIN, 0};
+        std::string line;
+        while (!line.ends_with('\n') && poll(&state, 1, milliseconds) == 1)
+            line += receive(channel.near, 1);
+        return line;
+    }
+
+private:
+    const SocketPair channel = connectedPair();
+    const RunningProgram program;
+};
+
+constexpr const char* busConfiguration =
+    "<busconfig><type>system</type><listen>unix:path=/run/bus</listen><auth>EXTERNAL</auth>"
+    "<policy context='default'><allow send_destination='*'/><allow receive_sender='*'/>"
+    "<allow own='*'/></policy></busconfig>";
+
 TEST_F(HostChannelTest, SleepWaitsForTheProviderAndSurvivesTheBus) {
-    if (!StandInBus::isAvailable()) GTEST_SKIP() << "dbus-daemon is not installed";
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", StandInBus::address, 1);
-    std::optional<StandInBus> bus{std::in_place};
-    std::optional<StandInLoginManager> manager{std::in_place};
+    if (access("/usr/bin/dbus-daemon", X_OK) != 0) GTEST_SKIP() << "dbus-daemon is not installed";
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/run/bus", 1);
+    writeFile("/run/bus.conf", busConfiguration);
+    std::optional<BusProgram> bus, manager;
+    const auto startBus = [&] {
+        bus.emplace(std::vector{"/usr/bin/dbus-daemon", "--config-file=/run/bus.conf", "--nofork",
+                                "--print-address"});
+        EXPECT_THAT(bus->said(), HasSubstr("/run/bus"));
+    };
+    const auto startManager = [&] {
+        manager.emplace(std::vector{LOGIN_MANAGER, "unix:path=/run/bus"});
+        EXPECT_EQ(manager->said(), "ready\n");
+        EXPECT_EQ(manager->said(), "taken\n");
+    };
+    startBus();
     HostChannel channel;
     channel.start(provider);
-    const auto sees = [&](const std::atomic<int>& count, int wanted) {
-        return manager->servesUntil([&] { return count == wanted; });
+    startManager();
+    const auto goToSleep = [&](int time) {
+        manager->tell("sleep");
+        ASSERT_TRUE(eventually([&] { return provider->sleeps == time; }));
+        EXPECT_EQ(manager->said(50), "") << "the provider is not ready yet";
+        provider->isReadyToSleep();
+        EXPECT_EQ(manager->said(), "let go\n");
     };
-    const auto hasGiven = [&](std::size_t number) {
-        return manager->servesUntil([&] { return manager->inhibitorsGiven() >= number; });
-    };
-    ASSERT_TRUE(hasGiven(1));
-
-    manager->announceSleep(true);
-    ASSERT_TRUE(sees(provider->sleeps, 1));
-    EXPECT_TRUE(manager->isLastInhibitorHeld());
-    provider->isReadyToSleep();
-    EXPECT_FALSE(manager->isLastInhibitorHeld());
+    goToSleep(1);
     EXPECT_EQ(provider->wakes, 0);
-    manager->announceSleep(false);
-    ASSERT_TRUE(sees(provider->wakes, 1));
-    ASSERT_TRUE(hasGiven(2));
+    manager->tell("wake");
+    EXPECT_EQ(manager->said(), "taken\n");
+    EXPECT_TRUE(eventually([&] { return provider->wakes == 1; }));
 
     // A login manager that starts anew is asked again.
-    manager->giveUpItsName();
-    manager->takeItsName();
-    ASSERT_TRUE(hasGiven(3));
-    EXPECT_TRUE(manager->isLastInhibitorHeld());
-
+    manager.reset();
+    startManager();
     // So is a bus; a waking that was missed meanwhile is made up for.
-    manager->announceSleep(true);
-    ASSERT_TRUE(sees(provider->sleeps, 2));
-    provider->isReadyToSleep();
+    goToSleep(2);
     manager.reset();
     bus.reset();
-    bus.emplace();
-    manager.emplace();
-    ASSERT_TRUE(hasGiven(1));
-    ASSERT_TRUE(sees(provider->wakes, 2));
-    manager->announceSleep(true);
-    ASSERT_TRUE(sees(provider->sleeps, 3));
-    provider->isReadyToSleep();
+    startBus();
+    startManager();
+    EXPECT_TRUE(eventually([&] { return provider->wakes == 2; }));
+    goToSleep(3);
     channel.stop();
     EXPECT_EQ(provider->wakes, 2);
 }
