@@ -47,6 +47,32 @@ const char* nameOf(Treatment treatment) {
     return "";
 }
 
+constexpr std::uint16_t discardPort = 7009;
+
+// Takes what comes at the far end and gives nothing back, one connection after the other.
+class DiscardServer {
+public:
+    explicit DiscardServer(const InterceptionLab& lab)
+        : listener(lab.network->listenInWorld(TestNetwork::serverIPv4, discardPort)),
+          thread([this] { serve(); }) {}
+    ~DiscardServer() {
+        shutdown(listener.get(), SHUT_RD);
+        thread.join();
+    }
+    DiscardServer(const DiscardServer&) = delete;
+    DiscardServer& operator=(const DiscardServer&) = delete;
+
+private:
+    void serve() {
+        std::vector<char> buffer(std::size_t{1} << 20);
+        while (const auto accepted = acceptFrom(listener))
+            while (recv(accepted.get(), buffer.data(), buffer.size(), MSG_TRUNC) > 0) continue;
+    }
+
+    const FileDescriptor listener;
+    std::thread thread;
+};
+
 class Network {
 public:
     explicit Network(Treatment treatment) {
@@ -85,7 +111,8 @@ private:
             " add rule ip plain output ip daddr 198.51.100.2 tcp dport 7007 redirect to :7010'");
     }
 
-    InterceptionLab lab;
+    const InterceptionLab lab;
+    const DiscardServer discarding{lab};
     CallList calls{CallList::Keep::nothing};
     std::shared_ptr<ScriptedProxy> proxy = std::make_shared<ScriptedProxy>(calls);
     std::shared_ptr<ScriptedFilter> filter = std::make_shared<ScriptedFilter>(calls);
@@ -95,7 +122,7 @@ private:
 
 ClientSocket connectToDiscard() {
     ClientSocket client(AF_INET, SOCK_STREAM);
-    client.connectTo(InterceptionLab::serverAddress(AF_INET), InterceptionLab::discardPort);
+    client.connectTo(TestNetwork::serverIPv4, discardPort);
     return client;
 }
 

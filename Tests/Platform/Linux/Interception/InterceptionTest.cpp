@@ -2,9 +2,7 @@
 #include "Platform/Linux/Interception/Interception.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <future>
 #include <vector>
 
 #include "Platform/Linux/OwnTraffic.h"
@@ -42,16 +40,14 @@ struct Scene {
     }
 
     void setRules(const std::vector<NENetworkRule>& rules) {
-        std::promise<std::optional<NSError>> done;
-        interception->setProxyRules(
-            rules, [&](std::optional<NSError> error) { done.set_value(std::move(error)); });
-        EXPECT_EQ(done.get_future().get(), std::nullopt);
+        Awaited<std::optional<NSError>> outcome;
+        interception->setProxyRules(rules, outcome.put());
+        EXPECT_EQ(outcome.get(), std::nullopt);
     }
     void setFilter(std::optional<NEFilterAction> action) {
-        std::promise<std::optional<NSError>> done;
-        interception->setFilterAction(
-            action, [&](std::optional<NSError> error) { done.set_value(std::move(error)); });
-        EXPECT_EQ(done.get_future().get(), std::nullopt);
+        Awaited<std::optional<NSError>> outcome;
+        interception->setFilterAction(action, outcome.put());
+        EXPECT_EQ(outcome.get(), std::nullopt);
     }
     // One rule comes and leaves.
     void flush() {
@@ -276,11 +272,11 @@ TEST_F(InterceptionTest, LargeSegmentsOfAWatchedUploadAreShownWholeAndInOrder) {
 TEST_F(InterceptionTest, DeniedDatagramFlowSparesTheOtherFlowsOfItsSocket) {
     filter->onNewFlow = NewFlow::drop;
     ClientSocket client(AF_INET, SOCK_DGRAM);
-    for (int datagram = 0; datagram < 5; ++datagram) ASSERT_EQ(client.sendTo(server(), port, 1), 0);
+    for (int datagram = 0; datagram < 5; ++datagram) ASSERT_EQ(client.sendTo(server(), port), 0);
     EXPECT_TRUE(eventually([&] { return timesOffered() == 1; }));
     filter->onNewFlow = NewFlow::allow;
     // Another destination is another flow; this one has no service, but it gets there.
-    ASSERT_EQ(client.sendTo(server(), port + 1, 1), 0);
+    ASSERT_EQ(client.sendTo(server(), port + 1), 0);
     EXPECT_TRUE(eventually([&] { return timesOffered() == 2; }));
     EXPECT_EQ(lab.bytesAtServer(), 0u);
 }
@@ -288,15 +284,15 @@ TEST_F(InterceptionTest, DeniedDatagramFlowSparesTheOtherFlowsOfItsSocket) {
 TEST_F(InterceptionTest, KilledDatagramFlowIsOfferedAnewWhenItsSocketGoesOn) {
     filter->onNewFlow = NewFlow::filterData;
     ClientSocket client(AF_INET, SOCK_DGRAM);
-    ASSERT_EQ(client.sendTo(server(), port, 1), 0);
+    ASSERT_EQ(client.sendTo(server(), port), 0);
     ASSERT_EQ(client.receive(1), 0);
     filter->onData = OnData::drop;
-    ASSERT_EQ(client.sendTo(server(), port, 1), 0);
+    ASSERT_EQ(client.sendTo(server(), port), 0);
     ASSERT_TRUE(eventually([&] { return calls.count(Kind::data) == 2; }));
     filter->onData = OnData::data;
     // The first datagram after the kill may come before the kernel's entry has gone.
     EXPECT_TRUE(
-        eventually([&] { return client.sendTo(server(), port, 1) == 0 && timesOffered() == 2; }));
+        eventually([&] { return client.sendTo(server(), port) == 0 && timesOffered() == 2; }));
     EXPECT_EQ(client.receive(1), 0);
 }
 

@@ -63,37 +63,18 @@ inline Call callOf(Call::Kind kind, bool isTcp, const RemoteEndpoint& remote,
     return {kind, isTcp, host.hostname, host.port, token ? std::string(*token->bytes()) : ""};
 }
 
-// Opens a claimed flow and sends back what comes, until the application ends.
-class EchoingSession : public std::enable_shared_from_this<EchoingSession> {
-public:
-    EchoingSession(std::shared_ptr<NEAppProxyTCPFlow> claimed, std::atomic<int>& openingErrors)
-        : flow(std::move(claimed)), errors(openingErrors) {}
-
-    void start() {
-        flow->openWithLocalEndpoint(
-            nullptr, [self = shared_from_this()](const std::optional<NSError>& error) {
-                error ? void(++self->errors) : self->readOn();
-            });
-    }
-
-private:
-    void readOn() {
-        flow->readData([self = shared_from_this()](std::optional<Data> data,
-                                                   const std::optional<NSError>& error) {
-            if (error || !data || data->isEmpty()) return self->end();
-            self->flow->writeData(std::move(*data), [self](const std::optional<NSError>& failed) {
-                if (!failed) self->readOn();
-            });
+// Sends back what comes, until the application ends.
+inline void echo(const std::shared_ptr<NEAppProxyTCPFlow>& flow) {
+    flow->readData([flow](std::optional<Data> data, const std::optional<NSError>& error) {
+        if (error || !data || data->isEmpty()) {
+            flow->closeReadWithError(std::nullopt);
+            return flow->closeWriteWithError(std::nullopt);
+        }
+        flow->writeData(std::move(*data), [flow](const std::optional<NSError>& failed) {
+            if (!failed) echo(flow);
         });
-    }
-    void end() {
-        flow->closeReadWithError(std::nullopt);
-        flow->closeWriteWithError(std::nullopt);
-    }
-
-    const std::shared_ptr<NEAppProxyTCPFlow> flow;
-    std::atomic<int>& errors;
-};
+    });
+}
 
 class ScriptedProxy final : public NETransparentProxyProvider {
 public:
@@ -117,7 +98,9 @@ public:
         return true;
     }
     void claim(const std::shared_ptr<NEAppProxyTCPFlow>& flow) {
-        std::make_shared<EchoingSession>(flow, openingErrors)->start();
+        flow->openWithLocalEndpoint(nullptr, [this, flow](const std::optional<NSError>& error) {
+            error ? void(++openingErrors) : echo(flow);
+        });
     }
 
 private:
