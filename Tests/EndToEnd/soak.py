@@ -112,11 +112,14 @@ class Crowd:
 
     def open(self) -> None:
         self._stage.apply(self.fit(Rules(vpnConnected=network.vpn_layout() is not None)))
+        threads = _held_by(self._stage.daemon).threads
         self._running = self._stage.courier.start("crowd", self._stage.ipv4(), 8080, "--count", CROWD,
                                                   "--duration", 600)
         first = self._running.report()
         self._stage.checks.check(f"{CROWD} relayed connections are up, VPN {network.vpn_layout()}",
                                  first["error"] == "" and first["serverSaw"] == network.CLIENT_IPV4, first)
+        self._stage.checks.check("and cost no thread each",
+                                 (now := _held_by(self._stage.daemon).threads) <= threads + 6, (threads, now))
 
     def expect_untouched(self) -> None:
         running, self._running = self._running, None

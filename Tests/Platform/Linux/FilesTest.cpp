@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -130,25 +129,6 @@ TEST_F(Files, AReplacementThatFailsLeavesWhatWasThereWholeAndNothingBeside) {
     EXPECT_TRUE(files.writeAtomically("x", inFolder("folder")).has_value());
     EXPECT_FALSE(files.removeItemAtPath(inFolder("folder")));
     EXPECT_EQ(filesInFolder(), 2U);
-}
-
-TEST_F(Files, AReaderSeesTheOldOrTheNewContent) {
-    const std::string first(20'000, 'a');
-    const std::string second(30'000, 'b');
-    ASSERT_EQ(files.writeAtomically(first, inFolder("file")), std::nullopt);
-    std::atomic<bool> isDone = false;
-    std::thread writer([&] {
-        for (int i = 0; i < 500; ++i)
-            EXPECT_EQ(files.writeAtomically(i % 2 == 0 ? second : first, inFolder("file")),
-                      std::nullopt);
-        isDone = true;
-    });
-    while (!isDone) {
-        const auto seen = contents(inFolder("file"));
-        EXPECT_TRUE(seen == first || seen == second);
-    }
-    writer.join();
-    EXPECT_EQ(filesInFolder(), 1U);
 }
 
 TEST_F(Files, TheGroupsFolderIsMadeWhenAskedFor) {

@@ -1,8 +1,6 @@
 // Sessions of the extension between real sockets: an application that connects to the relay's
 // listener, and a server that the session's connection reaches.
-#include <dirent.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <atomic>
 #include <chrono>
@@ -128,7 +126,8 @@ TEST_F(RelaySession, GoesOnWhenDescriptorsWereUsedUp) {
     std::vector<FileDescriptor> taken;
     for (FileDescriptor one(::dup(0)); one; one = FileDescriptor(::dup(0)))
         taken.push_back(std::move(one));
-    for (int i = 0; i < 3; ++i) taken.pop_back();
+    // For two sessions, so that the others wait.
+    for (int i = 0; i < 4; ++i) taken.pop_back();
     const auto relaying = SocketAddress::fromNumeric("127.0.0.1", relay.listeningOn()).value();
     for (const auto& application : applications)
         ASSERT_EQ(::connect(application.get(), &relaying.any, relaying.length), 0);
@@ -141,27 +140,6 @@ TEST_F(RelaySession, GoesOnWhenDescriptorsWereUsedUp) {
     sendAll(application, "later");
     while (receive(acceptFrom(listener), 5) != "later") {
     }
-}
-
-TEST_F(RelaySession, IdleSessionsCostNoThread) {
-    constexpr int sessions = 2'000;
-    rlimit limit{};
-    ::getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    ::setrlimit(RLIMIT_NOFILE, &limit);
-    if (limit.rlim_cur < 4 * sessions + 200) GTEST_SKIP() << "too few descriptors";
-    const auto threads = [] {
-        int count = 0;
-        DIR* const folder = ::opendir("/proc/self/task");
-        while (::readdir(folder) != nullptr) ++count;
-        ::closedir(folder);
-        return count;
-    };
-    std::vector<Ends> open;
-    open.emplace_back(relay, listener);
-    const int threadsBefore = threads();
-    for (int i = 1; i < sessions; ++i) open.emplace_back(relay, listener);
-    EXPECT_EQ(threads(), threadsBefore);
 }
 
 TEST(RelaySessionInWorld, EndsWhenItsInterfaceVanishes) {

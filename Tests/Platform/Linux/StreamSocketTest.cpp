@@ -6,7 +6,6 @@
 
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "Tests/Platform/Linux/Eventually.h"
 #include "Tests/Platform/Linux/Sockets.h"
@@ -14,58 +13,57 @@
 namespace platform {
 namespace {
 
+constexpr std::size_t prefilled = 60'000;
+
 // One end of a relay, which writes what it reads to the other and notes its name for each block.
 struct RelayEnd final : StreamSocket::Owner {
+    RelayEnd(EventLoop& loop, char endName, std::size_t endBlock, std::string& toNote)
+        : name(endName), block(endBlock), blocks(toNote) {
+        auto pair = connectedPair();
+        sendAll(pair.far, randomBytes(prefilled, 1));
+        far = std::move(pair.far);
+        socket = std::make_shared<StreamSocket>(loop, std::move(pair.near), *this);
+    }
     void readOn() { socket->read(1, block); }
     void readDone(Data data, bool, int) override {
-        *blocks += name;
+        blocks += name;
         bytes += data.length();
         other->socket->write(std::move(data));
     }
     void writeDone(int) override {
-        if (other->bytes < other->expected)
+        if (other->bytes < prefilled)
             other->readOn();
-        else if (other->name == 'A')
-            isOver->put()(true);
+        else
+            other->isOver.put()(true);
     }
 
-    char name = 0;
-    std::size_t block = 0;
-    std::size_t expected = 0;
+    const char name;
+    const std::size_t block;
+    std::string& blocks;
     std::size_t bytes = 0;
-    std::string* blocks = nullptr;
     RelayEnd* other = nullptr;
-    Awaited<bool>* isOver = nullptr;
+    Awaited<bool> isOver;
+    FileDescriptor far;
     std::shared_ptr<StreamSocket> socket;
 };
 
 // A direction whose reader takes a pipe in many small steps is not held up at each of them by the
 // other direction, and does not hold up the other one for longer than a pipe.
 TEST(StreamSocket, DirectionsTakeTurnsInReadingAndNotInHandingOn) {
-    constexpr std::size_t prefilled = 60'000;
     EventLoop& loop = *EventLoopPool::shared().loops().front();
     std::string blocks;
-    Awaited<bool> isOver, isClosed;
-    RelayEnd a, b;
-    a.name = 'A', a.block = 16 * 1024, a.other = &b;
-    b.name = 'B', b.block = 4 * 1024, b.other = &a;
-    std::vector<FileDescriptor> farEnds;
-    for (RelayEnd* const end : {&a, &b}) {
-        auto pair = connectedPair();
-        sendAll(pair.far, randomBytes(prefilled, 1));
-        end->expected = prefilled, end->blocks = &blocks, end->isOver = &isOver;
-        end->socket = std::make_shared<StreamSocket>(loop, std::move(pair.near), *end);
-        farEnds.push_back(std::move(pair.far));
-    }
+    RelayEnd a(loop, 'A', 16 * 1024, blocks), b(loop, 'B', 4 * 1024, blocks);
+    a.other = &b, b.other = &a;
     loop.post([&] {
         a.readOn();
         b.readOn();
     });
-    EXPECT_TRUE(isOver.isThere());
-    loop.post([&, put = isClosed.put()] {
+    EXPECT_TRUE(a.isOver.isThere() && b.isOver.isThere());
+    Awaited<bool> isClosed;
+    loop.post([&] {
         a.socket->reset();
         b.socket->reset();
-        put(true);
+        isClosed.put()(true);
     });
     isClosed.get();
     EXPECT_TRUE(blocks.starts_with("ABAAAB")) << blocks;

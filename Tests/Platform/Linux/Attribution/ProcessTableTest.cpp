@@ -69,37 +69,6 @@ TEST_F(Applications, ABundleIsItselfAlsoBehindAFalseOne) {
     EXPECT_EQ(shownParent(running.pid()), 1);
 }
 
-TEST_F(Applications, WhatRunsInsideABundleAndBelowItFollowsByThePathAndByTheTree) {
-    folder.addBundle("Editor.app", "com.example.Editor");
-    folder.addBundle("Editor.app/Contents/Helpers/Render.app", "com.example.Editor.render");
-    const auto editor = folder.addProgram("Editor.app/Contents/MacOS/Editor");
-    const auto helper =
-        folder.addProgram("Editor.app/Contents/Helpers/Render.app/Contents/MacOS/Render");
-    const auto tool = folder.addProgram("bin/tool.x");
-    const RunningProgram running(
-        editor, helper + " -c '" + tool + " -c \"" + readyAs("\\$\\$") + "\"; :'; :");
-    ASSERT_TRUE(running.isReady());
-    EXPECT_EQ(signedAs(running.namedPid()), "tool.x");
-    EXPECT_EQ(foundIdentifier(running.namedPid()), std::nullopt);
-    EXPECT_EQ(shownPath(running.namedPid()), tool);
-    const auto inside = shownParent(running.namedPid());
-    EXPECT_EQ(signedAs(inside), "com.example.Editor.render");
-    EXPECT_EQ(foundIdentifier(inside), "com.example.Editor");
-    EXPECT_EQ(shownPath(inside), helper);
-    EXPECT_EQ(shownParent(inside), running.pid());
-}
-
-TEST_F(Applications, AnOrdinaryProgramIsNamedByItsExecutableWhoeverStartedIt) {
-    const auto tool = folder.addProgram("bin/tool.x");
-    const RunningProgram running("/bin/bash", tool + " -c '" + readyAs("$$") + "'; :");
-    ASSERT_TRUE(running.isReady());
-    const std::string name = ::geteuid() == 0 ? "tool-x" : folder.path("bin/tool-x");
-    EXPECT_EQ(signedAs(running.namedPid()), name);
-    EXPECT_EQ(foundIdentifier(running.namedPid()), name);
-    EXPECT_EQ(shownParent(running.namedPid()), 1);
-    EXPECT_EQ(signedAs(running.pid()), "bash");
-}
-
 TEST_F(Applications, AUsersOwnProgramIsNamedByItsPath) {
     if (::geteuid() != 0) GTEST_SKIP() << "only root can give a file to another user";
     const auto tool = folder.addProgram("dir.d/tool\xff.x");
