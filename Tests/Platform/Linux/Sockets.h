@@ -2,8 +2,9 @@
 #pragma once
 
 #include <fcntl.h>
+#include <linux/tcp.h>
 #include <netdb.h>
-#include <netinet/tcp.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <algorithm>
