@@ -18,6 +18,7 @@ def run(stage) -> None:
     _activity_log_file(stage)
     _untrusted_rules_files(stage)
     _protected_vpn_client(stage)
+    _places_that_are_removed(stage)
     network.vpn_down()
 
 
@@ -158,3 +159,34 @@ def _protected_vpn_client(stage) -> None:
     stage.expect_no_record("a VPN client's connection leaves no record", address)
     stage.stop_daemon()
     stage.recorded_application = stage.courier
+
+
+def _places_that_are_removed(stage) -> None:
+    """Somebody cleans up where the host application and the daemon meet: they meet there again."""
+    stage.start_daemon(RULES)
+    folder = host.MESSAGE_SOCKET.parent
+
+    def access():
+        return {place.name: (oct(status.st_mode), status.st_uid, status.st_gid)
+                for place in (folder, host.MESSAGE_SOCKET, host.NOTIFICATIONS)
+                for status in [place.stat()]}
+    before = access()
+    for name, remove in (("the message socket", host.MESSAGE_SOCKET.unlink),
+                         ("the folder", lambda: os.rename(folder, world.STATE / "taken-away"))):
+        since = stage.daemon.mark()
+        remove()
+        stage.expect_line(f"{name} is removed: the daemon says what it did",
+                          f"{host.MESSAGE_SOCKET} was missing and has been made", since)
+        stage.checks.equal(f"{name} is removed: messages are answered", host.send({"type": "getStatus"}),
+                           {"isActive": True, "ruleCount": 2})
+        stage.checks.eventually(f"{name} is removed: all is there with its owners and modes",
+                                lambda: (host.NOTIFICATIONS.exists() and access() == before, before))
+        lines = [line for line in stage.daemon.lines(since) if "was missing" in line.text]
+        stage.checks.equal(f"{name} is removed: one line", len(lines), 1)
+    stage.expect_line("the folder is removed: a post that may be lost with it is made up for",
+                      "Received rules-changed Darwin notification", since)
+    stage.apply(RULES.but(rules={COURIER: "vpn"}))
+    address = stage.ipv4()
+    stage.expect_tunnel("the folder is removed: rules are heard of", stage.courier.run("connect", address, 80),
+                        address)
+    stage.stop_daemon()

@@ -32,6 +32,10 @@ std::optional<std::string> makePreferencesFolder() {
     return prepareSharedFolder(places::preferencesFolder, FolderAccess::trustedGroupOnly);
 }
 
+std::optional<std::string> makeRuntimeFolder() {
+    return prepareSharedFolder(places::runtimeFolder, FolderAccess::everyoneMayRead);
+}
+
 void makeFolders() {
     makeSharedFolder(places::runtimeFolder, FolderAccess::everyoneMayRead);
     makeSharedFolder(places::notificationsFolder, FolderAccess::trustedGroupOnly);
@@ -66,7 +70,7 @@ public:
     Running& operator=(const Running&) = delete;
 
 private:
-    std::unique_ptr<MessageSocket> openMessageSocket();
+    MessageSocket::Handler messageHandler();
     SleepSignal::Listener sleepListener();
     void follow();
     int runLoop(sd_event& loop);
@@ -79,25 +83,24 @@ private:
     const FileDescriptor stopSignal{eventfd(0, EFD_CLOEXEC)};
     FolderWatch preferencesWatch{places::preferencesFolder, makePreferencesFolder,
                                  IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE};
-    const std::unique_ptr<MessageSocket> messages;
+    MessageSocket messages;
     std::thread follower;
 };
 
 HostChannel::Running::Running(std::shared_ptr<NETransparentProxyProvider> toServe)
-    : provider(std::move(toServe)), messages(openMessageSocket()), follower([this] { follow(); }) {}
+    : provider(std::move(toServe)),
+      messages(places::messageSocket, makeRuntimeFolder, messageHandler(), {}),
+      follower([this] { follow(); }) {}
 
 HostChannel::Running::~Running() {
     eventfd_write(stopSignal.get(), 1);
     follower.join();
 }
 
-std::unique_ptr<MessageSocket> HostChannel::Running::openMessageSocket() {
-    return MessageSocket::listenAt(
-        places::messageSocket,
-        [this](Data request, Completion<std::optional<Data>> answer) {
-            provider->handleAppMessage(std::move(request), std::move(answer));
-        },
-        MessageSocket::Limits{});
+MessageSocket::Handler HostChannel::Running::messageHandler() {
+    return [this](Data request, Completion<std::optional<Data>> answer) {
+        provider->handleAppMessage(std::move(request), std::move(answer));
+    };
 }
 
 SleepSignal::Listener HostChannel::Running::sleepListener() {

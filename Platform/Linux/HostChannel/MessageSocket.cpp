@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -25,8 +26,11 @@ namespace {
 // How long the listener rests when no descriptor is left for a new client.
 constexpr std::chrono::milliseconds restWithoutDescriptors{200};
 
+// How long until the next look at a place where the socket cannot be made or is not watched.
+constexpr std::chrono::milliseconds restWithoutWatch{1000};
+
 // The order of what the thread waits for; the clients come last.
-enum WaitedFor : std::size_t { stop, answer, newClient, firstClient };
+enum WaitedFor : std::size_t { stop, answer, removal, newClient, firstClient };
 
 std::optional<sockaddr_un> socketAddress(const std::string& path) {
     sockaddr_un address{};
@@ -114,34 +118,46 @@ struct MessageSocket::Answerer {
     std::optional<Data> answer;
 };
 
-std::unique_ptr<MessageSocket> MessageSocket::listenAt(const std::string& path, Handler handler,
-                                                       Limits limits) {
-    auto listener = makeListener(path);
-    if (!listener) {
-        hostChannelLog.error("No messages will arrive: %{public}s cannot be made: %{public}s", path,
-                             std::strerror(errno));
-        return nullptr;
-    }
-    return std::unique_ptr<MessageSocket>(
-        new MessageSocket(path, std::move(listener), std::move(handler), limits));
-}
-
-MessageSocket::MessageSocket(std::string socketPath, FileDescriptor listeningSocket,
+MessageSocket::MessageSocket(std::string socketPath, FolderWatch::MakeFolder makeItsFolder,
                              Handler requestHandler, Limits clientLimits)
     : path(std::move(socketPath)),
-      inode(inodeAt(path)),
-      listener(std::move(listeningSocket)),
+      makeFolder(std::move(makeItsFolder)),
       handler(std::move(requestHandler)),
       limits(clientLimits),
       stopSignal(eventfd(0, EFD_CLOEXEC)),
       answers(std::make_shared<Answers>()),
-      thread([this] { serve(); }) {}
+      folder(path.substr(0, path.rfind('/')), makeFolder, IN_DELETE | IN_MOVED_FROM) {
+    listen();
+    thread = std::thread([this] { serve(); });
+}
 
 MessageSocket::~MessageSocket() {
     eventfd_write(stopSignal.get(), 1);
     thread.join();
     // A daemon that came after this one may have put its own socket there.
     if (inode && inodeAt(path) == inode) unlink(path.c_str());
+}
+
+// A failure is reported once, not at every new attempt.
+void MessageSocket::listen() {
+    const auto unusable = makeFolder();
+    listener = unusable ? FileDescriptor() : makeListener(path);
+    if (!listener && !hasReportedFailure)
+        hostChannelLog.error("No messages arrive for now: %{public}s cannot be made: %{public}s",
+                             path, unusable ? *unusable : std::string(std::strerror(errno)));
+    hasReportedFailure = !listener;
+    inode = listener ? inodeAt(path) : std::nullopt;
+}
+
+// What somebody else has put in its place, such as a daemon that came after this one, stays.
+void MessageSocket::putBackIfMissing() {
+    folder.read();
+    if (!listener || !inodeAt(path)) {
+        listen();
+        if (listener) hostChannelLog.error("%{public}s was missing and has been made", path);
+    }
+    const bool isLookedAfter = listener && folder.isWatching();
+    looksAgainAt = isLookedAfter ? Clock::time_point::max() : Clock::now() + restWithoutWatch;
 }
 
 void MessageSocket::serve() {
@@ -155,6 +171,7 @@ bool MessageSocket::serveOneRound() {
     std::vector<pollfd> descriptors{
         {stopSignal.get(), POLLIN, 0},
         {answers->descriptor(), POLLIN, 0},
+        {folder.descriptor(), POLLIN, 0},
         {isListening ? listener.get() : -1, POLLIN, 0},
     };
     std::vector<std::uint64_t> numbers;
@@ -175,6 +192,8 @@ bool MessageSocket::serveOneRound() {
     }
     if (descriptors[WaitedFor::answer].revents != 0) takeAnswers();
     if (descriptors[WaitedFor::newClient].revents != 0) acceptClients();
+    if (descriptors[WaitedFor::removal].revents != 0 || Clock::now() >= looksAgainAt)
+        putBackIfMissing();
     dropLateClients();
     return true;
 }
@@ -182,7 +201,7 @@ bool MessageSocket::serveOneRound() {
 // Until the next deadline; without one, as long as it takes.
 int MessageSocket::millisecondsToWait() const {
     const auto now = Clock::now();
-    auto next = Clock::time_point::max();
+    auto next = looksAgainAt;
     for (const auto& [number, client] : clients) next = std::min(next, client.deadline);
     if (listensAgainAt > now) next = std::min(next, listensAgainAt);
     if (next == Clock::time_point::max()) return -1;

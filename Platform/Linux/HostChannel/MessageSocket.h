@@ -1,7 +1,8 @@
 // The socket through which the host application's messages arrive: a connection carries one request,
 // ended by the end of writing, and at most one reply. One thread of its own serves all clients,
 // several at once. Only trusted accounts are heard; what a client may take of memory and time is
-// bounded, so that a slow or silent one costs nobody else anything.
+// bounded, so that a slow or silent one costs nobody else anything. A socket that is removed, with or
+// without its folder, is made again.
 #pragma once
 
 #include <sys/types.h>
@@ -19,6 +20,7 @@
 #include "Platform/Common/Completion.h"
 #include "Platform/Common/Data.h"
 #include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/HostChannel/FolderWatch.h"
 
 namespace platform {
 
@@ -35,10 +37,10 @@ public:
         std::chrono::milliseconds handlerTime{10000};  // to answer
     };
 
-    // Listens at `path`, in place of whatever socket an earlier process left there. Null, with one
-    // line, if that fails.
-    static std::unique_ptr<MessageSocket> listenAt(const std::string& path, Handler handler,
-                                                   Limits limits);
+    // Listens at `path`, in place of whatever socket an earlier process left there, in a folder that
+    // `makeFolder` makes sure of. Where that fails, with one line, it is tried again every second.
+    MessageSocket(std::string path, FolderWatch::MakeFolder makeFolder, Handler handler,
+                  Limits limits);
     // Removes the socket and ends the thread; the handler is not running any more.
     ~MessageSocket();
     MessageSocket(const MessageSocket&) = delete;
@@ -60,7 +62,8 @@ private:
     struct Answerer;
     enum class Fate { goesOn, ends };
 
-    MessageSocket(std::string path, FileDescriptor listener, Handler handler, Limits limits);
+    void listen();
+    void putBackIfMissing();
 
     void serve();
     bool serveOneRound();
@@ -74,13 +77,17 @@ private:
     void dropLateClients();
 
     const std::string path;
-    const std::optional<ino_t> inode;
-    const FileDescriptor listener;
+    const FolderWatch::MakeFolder makeFolder;
     const Handler handler;
     const Limits limits;
     const FileDescriptor stopSignal;
     const std::shared_ptr<Answers> answers;
     // The thread's own.
+    FolderWatch folder;
+    FileDescriptor listener;
+    std::optional<ino_t> inode;
+    bool hasReportedFailure = false;
+    Clock::time_point looksAgainAt{};
     Clients clients;
     std::uint64_t lastNumber = 0;
     Clock::time_point listensAgainAt{};

@@ -2,15 +2,20 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <mutex>
+#include <utility>
+#include <vector>
 
+#include "Platform/Linux/HostChannel/SharedFolder.h"
 #include "Tests/Platform/Linux/HostChannel/MessageClient.h"
 #include "Tests/Platform/Linux/HostChannel/PrivateMachine.h"
 
 namespace platform::testing {
 namespace {
 
-constexpr const char* path = "/run/provider.sock";
+constexpr const char* folder = "/run/messages";
+constexpr const char* path = "/run/messages/provider.sock";
 using Answer = Completion<std::optional<Data>>;
 
 std::optional<std::string> exchanged(const std::string& request) {
@@ -19,25 +24,34 @@ std::optional<std::string> exchanged(const std::string& request) {
 
 void echo(Data request, Answer answer) { answer(Data("<" + std::string(*request.bytes()) + ">")); }
 
+std::optional<std::string> makeFolder() {
+    return prepareSharedFolder(folder, FolderAccess::everyoneMayRead);
+}
+
+std::unique_ptr<MessageSocket> listening(MessageSocket::Handler handler,
+                                         MessageSocket::Limits limits = {}) {
+    return std::make_unique<MessageSocket>(path, makeFolder, std::move(handler), limits);
+}
+
+struct stat statusOf(const char* place) {
+    struct stat status {};
+    lstat(place, &status);
+    return status;
+}
+
 using MessageSocketTest = PrivateMachine;
 
 TEST_F(MessageSocketTest, ARequestHasAtMostOneReply) {
-    const auto socket =
-        MessageSocket::listenAt(path,
-                                [](Data request, Answer answer) {
-                                    const std::string text(*request.bytes());
-                                    if (text == "none") return answer(std::nullopt);
-                                    if (text == "dropped") return;
-                                    if (text == "later") {
-                                        std::thread([answer = std::move(answer)]() mutable {
-                                            answer(Data("late"));
-                                        }).detach();
-                                        return;
-                                    }
-                                    echo(request, std::move(answer));
-                                },
-                                {});
-    ASSERT_TRUE(socket);
+    const auto socket = listening([](Data request, Answer answer) {
+        const std::string text(*request.bytes());
+        if (text == "none") return answer(std::nullopt);
+        if (text == "dropped") return;
+        if (text == "later") {
+            std::thread([answer = std::move(answer)]() mutable { answer(Data("late")); }).detach();
+            return;
+        }
+        echo(request, std::move(answer));
+    });
     EXPECT_EQ(exchanged("hello"), "<hello>");
     EXPECT_EQ(exchanged(""), "<>");
     EXPECT_EQ(exchanged("none"), "");
@@ -48,9 +62,8 @@ TEST_F(MessageSocketTest, ARequestHasAtMostOneReply) {
 }
 
 TEST_F(MessageSocketTest, ClientsThatWaitHoldUpNobodyAndAreLetGo) {
-    const auto socket = MessageSocket::listenAt(
-        path, echo, {.clients = 2, .clientTime = std::chrono::milliseconds(300)});
-    ASSERT_TRUE(socket);
+    const auto socket =
+        listening(echo, {.clients = 2, .clientTime = std::chrono::milliseconds(300)});
     const auto silent = connected(path);
     sendAll(silent, "half a requ");
     EXPECT_EQ(exchanged("hello"), "<hello>");
@@ -65,13 +78,12 @@ TEST_F(MessageSocketTest, ClientsThatWaitHoldUpNobodyAndAreLetGo) {
 TEST_F(MessageSocketTest, AnAnswerThatNeverComesEndsTheConnection) {
     std::mutex lock;
     std::vector<Answer> kept;
-    auto socket = MessageSocket::listenAt(path,
-                                          [&](Data, Answer answer) {
-                                              const std::lock_guard guard(lock);
-                                              kept.push_back(std::move(answer));
-                                          },
-                                          {.handlerTime = std::chrono::milliseconds(200)});
-    ASSERT_TRUE(socket);
+    auto socket = listening(
+        [&](Data, Answer answer) {
+            const std::lock_guard guard(lock);
+            kept.push_back(std::move(answer));
+        },
+        {.handlerTime = std::chrono::milliseconds(200)});
     EXPECT_EQ(exchanged("hello"), "");
     // Answers that come after the client, and after the socket, have gone do no harm.
     const std::lock_guard guard(lock);
@@ -84,13 +96,12 @@ TEST_F(MessageSocketTest, AnAnswerThatNeverComesEndsTheConnection) {
 
 TEST_F(MessageSocketTest, ARequestOfTooManyBytesIsRefused) {
     bool isHandled = false;
-    auto socket = MessageSocket::listenAt(path,
-                                          [&](Data, Answer answer) {
-                                              isHandled = true;
-                                              answer(Data("yes"));
-                                          },
-                                          {.requestBytes = 1000});
-    ASSERT_TRUE(socket);
+    auto socket = listening(
+        [&](Data, Answer answer) {
+            isHandled = true;
+            answer(Data("yes"));
+        },
+        {.requestBytes = 1000});
     EXPECT_EQ(exchanged(std::string(1000, 'x')), "yes");
     isHandled = false;
     EXPECT_NE(exchanged(std::string(1 << 20, 'x')), "yes");
@@ -100,12 +111,9 @@ TEST_F(MessageSocketTest, ARequestOfTooManyBytesIsRefused) {
 
 TEST_F(MessageSocketTest, OnlyTrustedAccountsAreHeard) {
     if (!hasOtherAccounts()) GTEST_SKIP() << needsAccounts;
-    const auto socket = MessageSocket::listenAt(path, echo, {});
-    ASSERT_TRUE(socket);
-    struct stat made {};
-    ASSERT_EQ(stat(path, &made), 0);
-    EXPECT_EQ(made.st_mode & 07777, 0660U);
-    EXPECT_EQ(made.st_gid, vantryGroupId);
+    const auto socket = listening(echo);
+    EXPECT_EQ(statusOf(path).st_mode & 07777, 0660U);
+    EXPECT_EQ(statusOf(path).st_gid, vantryGroupId);
     const auto isHeard = [] { return exchanged("x") == "<x>"; };
     EXPECT_TRUE(succeedsAs(strangerAccount, {vantryGroupId}, isHeard));
     EXPECT_FALSE(succeedsAs(strangerAccount, {}, isHeard));
@@ -116,16 +124,39 @@ TEST_F(MessageSocketTest, OnlyTrustedAccountsAreHeard) {
 }
 
 TEST_F(MessageSocketTest, TakesTheNameOverAndGivesUpOnlyItsOwn) {
-    auto first = MessageSocket::listenAt(path, echo, {});
-    ASSERT_TRUE(first);
-    auto second = MessageSocket::listenAt(path, echo, {});
-    ASSERT_TRUE(second);
+    auto first = listening(echo);
+    auto second = listening(echo);
     first.reset();
     EXPECT_EQ(exchanged("hello"), "<hello>");
     second.reset();
-    struct stat made {};
-    EXPECT_NE(lstat(path, &made), 0);
-    EXPECT_FALSE(MessageSocket::listenAt("/run/missing/provider.sock", echo, {}));
+    EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST_F(MessageSocketTest, ComesBackWhenItOrItsFolderIsTakenAway) {
+    const auto socket = listening(echo);
+    const auto made = statusOf(path);
+    const std::vector<std::pair<const char*, std::function<void()>>> losses{
+        {"the socket is removed", [] { std::filesystem::remove(path); }},
+        {"the socket is moved", [] { std::filesystem::rename(path, "/run/messages/other"); }},
+        {"the folder is moved", [] { std::filesystem::rename(folder, "/run/elsewhere"); }},
+        {"all is removed", [] { runCommand("rm -r /run/messages || test -e /run/messages"); }}};
+    for (const auto& [what, takeAway] : losses) {
+        takeAway();
+        EXPECT_TRUE(eventually([] { return exchanged("hello") == "<hello>"; })) << what;
+        EXPECT_EQ(statusOf(path).st_mode, made.st_mode) << what;
+        EXPECT_EQ(statusOf(path).st_gid, made.st_gid) << what;
+        EXPECT_EQ(statusOf(folder).st_mode & 07777, 0755U) << what;
+    }
+}
+
+TEST_F(MessageSocketTest, IsMadeAsSoonAsItsFolderCanBeTrusted) {
+    if (!hasOtherAccounts()) GTEST_SKIP() << needsAccounts;
+    ASSERT_EQ(mkdir(folder, 0755), 0);
+    ASSERT_EQ(chown(folder, strangerAccount, strangerAccount), 0);
+    const auto socket = listening(echo);
+    EXPECT_FALSE(std::filesystem::exists(path));
+    ASSERT_EQ(chown(folder, 0, 0), 0);
+    EXPECT_TRUE(eventually([] { return exchanged("hello") == "<hello>"; }));
 }
 
 }  // namespace
