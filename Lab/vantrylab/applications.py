@@ -90,27 +90,27 @@ def ordinary_identifier(path: pathlib.Path) -> str:
 def lay_out() -> dict[str, Application]:
     """Makes all demo applications; the keys are their plain names."""
     bundles = world.APPLICATIONS / "Applications"
-    studio = _bundle(bundles / "Studio.app", "com.example.studio")
+    studio = make_bundle(bundles / "Studio.app", "com.example.studio")
     made = {
-        "courier": _bundle(bundles / "Courier.app", "com.example.courier"),
-        "ledger": _bundle(bundles / "Ledger.app", "com.example.ledger"),
-        "chatter": _bundle(bundles / "Chatter.app", "com.example.chatter"),
-        "nobody": _bundle(bundles / "Nobody.app", "com.example.nobody"),
+        "courier": make_bundle(bundles / "Courier.app", "com.example.courier"),
+        "ledger": make_bundle(bundles / "Ledger.app", "com.example.ledger"),
+        "chatter": make_bundle(bundles / "Chatter.app", "com.example.chatter"),
+        "nobody": make_bundle(bundles / "Nobody.app", "com.example.nobody"),
         "studio": studio,
-        "render": _bundle(bundles / "Studio.app/Contents/XPCServices/Render.xpc",
+        "render": make_bundle(bundles / "Studio.app/Contents/XPCServices/Render.xpc",
                           "com.example.studio.render"),
-        "updater": _bundle(bundles / "Studio.app/Contents/Helpers/Updater.app",
+        "updater": make_bundle(bundles / "Studio.app/Contents/Helpers/Updater.app",
                            "com.example.studio.updater"),
-        "sync": _ordinary(world.APPLICATIONS / "lib/studio/sync", owner=0),
-        "fetch": _ordinary(world.APPLICATIONS / "bin/fetch", owner=0),
-        "fetch2": _ordinary(world.APPLICATIONS / "bin/fetch-2.0", owner=0),
-        "grab": _ordinary(world.APPLICATIONS / "home/person/grab.bin", owner=world.PERSON),
+        "sync": make_ordinary(world.APPLICATIONS / "lib/studio/sync", owner=0),
+        "fetch": make_ordinary(world.APPLICATIONS / "bin/fetch", owner=0),
+        "fetch2": make_ordinary(world.APPLICATIONS / "bin/fetch-2.0", owner=0),
+        "grab": make_ordinary(world.APPLICATIONS / "home/person/grab.bin", owner=world.PERSON),
     }
     made["report"] = _script(world.APPLICATIONS / "bin/report.sh", made["fetch"])
     return made
 
 
-def _bundle(path: pathlib.Path, identifier: str) -> Application:
+def make_bundle(path: pathlib.Path, identifier: str) -> Application:
     executable = path / "Contents" / "MacOS" / path.stem
     executable.parent.mkdir(parents=True)
     (path / "Contents" / "Info.plist").write_text(f"""<?xml version="1.0" encoding="UTF-8"?>
@@ -130,7 +130,7 @@ def _bundle(path: pathlib.Path, identifier: str) -> Application:
     return Application(executable, identifier)
 
 
-def _ordinary(path: pathlib.Path, owner: int) -> Application:
+def make_ordinary(path: pathlib.Path, owner: int) -> Application:
     path.parent.mkdir(parents=True, exist_ok=True)
     shutil.copy(DEMO_CLIENT, path)
     if world.is_root_world():

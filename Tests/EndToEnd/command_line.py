@@ -4,6 +4,7 @@ import contextlib
 import json
 import subprocess
 import threading
+import uuid
 
 from vantrylab import host, network, world
 from vantrylab.host import Rules
@@ -24,6 +25,8 @@ def run(stage) -> None:
     _the_watch_makes_a_lost_rules_file_anew(stage)
     stage.stop_daemon()
     _without_a_daemon(stage)
+    _logs_as_found(stage)
+    _failures_as_found(stage)
     network.vpn_down()
 
 
@@ -188,3 +191,47 @@ def _without_a_daemon(stage) -> None:
         stage.checks.check(f"without a daemon, {words[0]} says so, by its exit code too",
                            result.returncode == 3 and says in result.stdout + result.stderr, result)
     stage.checks.check("without a daemon, apps says so", "not running" in _use_tool("apps").stderr)
+
+
+def _entry(application: str, time: int, **fields) -> dict:
+    return {"id": str(uuid.uuid4()).upper(), "timestamp": time, "bundleId": application, "appName": application,
+            "routingDecision": "vpn", "isVpnConnected": True, **fields}
+
+
+def _logs_as_found(stage) -> None:
+    """Whatever a log holds is shown in a terminal's width, and nothing that acts on the terminal."""
+    host.ACTIVITY_LOG.unlink(missing_ok=True)
+    stage.checks.equal("log: no file", _use_tool("log").stdout, "No flows.\n")
+    there = {"actualRoute": "direct", "destinationPort": 443, "protocolType": "tcp"}
+    host.write_whole(host.ACTIVITY_LOG, json.dumps({"entries": [
+        _entry("org.\x1b[2Jevil\u009b\u202e", 1, destinationIp="2001:db8::1", **there), _entry("org.bare", 2),
+        _entry("x" * 300, 3, destinationIp="203.0.113.7", **there)]}))
+    shown = _use_tool("log")
+    stage.checks.check("log: fits a terminal", shown.returncode == 0 and
+                       max(map(len, shown.stdout.splitlines())) <= 80, shown)
+    stage.checks.check("log: does nothing to the terminal", "\x1b" not in shown.stdout and
+                       "org.?[2Jevil??" in shown.stdout and "[2001:db8::1]:443" in shown.stdout, shown)
+    stage.checks.equal("log: the document has all of it", _document("log")["entries"][2]["bundleId"], "x" * 300)
+    host.write_whole(host.ACTIVITY_LOG, json.dumps({"entries": [
+        _entry("org.a", 1), _entry("org.a.helper", 2), _entry("org.ab", 3), _entry("org.a", 4)]}))
+    for words, times in ((("-n", "1"), [4]), (("--app", "org.a", "-n", "2"), [2, 4]), (("--app", "org.a"), [1, 2, 4])):
+        stage.checks.equal(f"log {' '.join(words)}",
+                           [each["timestamp"] for each in _document("log", *words)["entries"]], times)
+    for content in ("", "[]", '{"entries":[{"id":"x"}]}'):
+        host.write_whole(host.ACTIVITY_LOG, content)
+        stage.checks.equal(f"log and apps: a file that holds {content!r} is no log",
+                           [_use_tool(word).returncode for word in ("log", "apps")], [1, 1])
+    host.ACTIVITY_LOG.unlink()
+
+
+def _failures_as_found(stage) -> None:
+    stage.checks.check("failures: none", "No direct connection" in _use_tool("failures").stdout)
+    host.write_whole(host.FAILURES, json.dumps([7, {}, {"bundleId": "org.a", "host": "203.0.113.7",
+                                                        "timestamp": "2026-11-18T09:37:00Z"}]))
+    shown = _use_tool("failures").stdout
+    stage.checks.check("failures: in a table", "2026-11-18T09:37:00Z  org.a" in shown, shown)
+    stage.checks.equal("failures: what is none is left out", len(_document("failures")["failures"]), 2)
+    host.write_whole(host.FAILURES, "damaged")
+    stage.checks.equal("failures: a damaged file is said to be one, and can be emptied",
+                       [_use_tool("failures", *words).returncode for words in ((), ("--clear",))], [1, 0])
+    stage.checks.equal("failures: the file is empty", host.failures(), [])

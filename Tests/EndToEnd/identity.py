@@ -2,9 +2,10 @@
 
 import concurrent.futures
 import dataclasses
+import os
 import subprocess
 
-from vantrylab import network, world
+from vantrylab import applications, network, world
 from vantrylab.applications import Application, Running
 from vantrylab.host import Rules
 
@@ -19,6 +20,8 @@ def run(stage) -> None:
     _ordinary_programs(stage)
     _blocked_ordinary_program(stage)
     _control_group(stage)
+    _unusual_places(stage)
+    _replaced_while_it_runs(stage)
     _same_process_other_program(stage)
     _many_at_once(stage)
     stage.stop_daemon()
@@ -145,6 +148,34 @@ def _same_process_other_program(stage) -> None:
         address = stage.ipv4()
         expect(f"a forked child of {application.identifier}",
                application.run("connect", address, 80, "--in-child"), address)
+
+
+def _unusual_places(stage) -> None:
+    """A bundle behind a folder that only looks like one; names that are no text, or look like a remark."""
+    folder = world.APPLICATIONS / "odd"
+    (folder / "Old.app").mkdir(parents=True)
+    (folder / "Old.app" / "readme").write_text("not a bundle")
+    bundle = applications.make_bundle(folder / "Old.app" / "Inner.app", "com.example.inner")
+    ill_named = applications.make_ordinary(folder / os.fsdecode(b"dir.d/tool\xff.x"), world.PERSON)
+    ill_named = dataclasses.replace(ill_named, identifier=f"{folder}/dir-d/tool\\xff-x")
+    remark = applications.make_ordinary(folder / "tool (deleted)", 0)
+    for program in (bundle, ill_named, remark):
+        stage.apply(Rules(rules={program.identifier: "direct"}))
+        _expect_way(stage, f"direct: {program.identifier}", stage.expect_physical, program)
+
+
+def _replaced_while_it_runs(stage) -> None:
+    """As an update does it: what runs is still what it was."""
+    stage.apply(Rules(rules={stage.fetch.identifier: "direct"}))
+    process = stage.fetch.start("serve")
+    content = stage.fetch.path.read_bytes()
+    stage.fetch.path.unlink()
+    for name in ("removed", "replaced"):
+        address = stage.ipv4()
+        stage.expect_physical(f"direct: a program whose file was {name}", process.ask("connect", address, 80), address)
+        stage.fetch.path.write_bytes(content)
+        stage.fetch.path.chmod(0o755)
+    process.stop()
 
 
 def _many_at_once(stage) -> None:

@@ -1,15 +1,20 @@
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include "Host/vantryctl/MachineCheck.h"
 #include "Host/vantryctl/TunnelState.h"
-#include "Tests/Host/vantryctl/ToolTest.h"
+#include "Platform/Common/JSON.h"
 
-namespace vantryctl::testing {
+namespace vantryctl {
 namespace {
 
 using platform::NetworkInterface;
 using platform::NetworkState;
 using Names = std::vector<std::string>;
+
+platform::JSONValue parsed(const std::string& text) {
+    return std::get<platform::JSONValue>(platform::parseJSON(text));
+}
 
 TEST(TunnelStateTest, OnlyATunnelInUseIsTheVPN) {
     const auto interfaceNamed = [](const char* name, bool isTunnel = true) {
@@ -63,4 +68,4 @@ TEST(MachineCheckTest, MarksClashOnlyWhereNoByteIsFree) {
 }
 
 }  // namespace
-}  // namespace vantryctl::testing
+}  // namespace vantryctl

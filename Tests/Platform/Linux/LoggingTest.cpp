@@ -14,27 +14,15 @@ namespace {
 
 constexpr Logger logger{"org.example.subsystem", "TransparentProxy"};
 
-// What `log` writes to standard error.
-template <class Log>
-std::string standardErrorOf(Log&& log) {
-    ::testing::internal::CaptureStderr();
-    log();
-    return ::testing::internal::GetCapturedStderr();
-}
-
-TEST(Logging, ALineOnStandardErrorEndsInCategoryLevelAndText) {
-    const std::string line = standardErrorOf(
-        [] { logger.error("Invalid port: %s, sid=%ld, %{bool}d", "70000", 12, true); });
-    const std::string end = " TransparentProxy error: Invalid port: 70000, sid=12, true\n";
-    ASSERT_GE(line.size(), end.size());
-    EXPECT_EQ(line.substr(line.size() - end.size()), end);
-    EXPECT_EQ(line.find('\n'), line.size() - 1);
-}
-
 TEST(Logging, LevelsThatAreOffWriteNothing) {
-    EXPECT_EQ(standardErrorOf([] { logger.debug("nothing"); }), "");
+    ::testing::internal::CaptureStderr();
+    logger.debug("nothing");
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
     Logger::setLowestLevel(LogLevel::debug);
-    EXPECT_NE(standardErrorOf([] { logger.debug("something"); }), "");
+    ::testing::internal::CaptureStderr();
+    logger.debug("%s, %ld", "something", 7);
+    EXPECT_TRUE(::testing::internal::GetCapturedStderr().ends_with(
+        " TransparentProxy debug: something, 7\n"));
 }
 
 TEST(Logging, WhatAnArgumentHoldsNeitherEndsTheLineNorSteersATerminal) {

@@ -1,6 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
 
 #include <cerrno>
 #include <condition_variable>
@@ -276,16 +274,6 @@ protected:
         if (!network) GTEST_SKIP() << "no namespaces here";
         listener = network->listenInWorld(TestNetwork::serverIPv4, 7000);
     }
-    // For this test alone.
-    static void replaceFile(const char* path, const std::string& content) {
-        char name[] = "/tmp/file-of-test-XXXXXX";
-        const FileDescriptor file(::mkstemp(name));
-        EXPECT_EQ(::write(file.get(), content.data(), content.size()),
-                  static_cast<ssize_t>(content.size()));
-        ::chmod(name, 0644);
-        EXPECT_EQ(::mount(name, path, nullptr, MS_BIND, nullptr), 0);
-        ::unlink(name);
-    }
     static Client started(const std::string& host, std::optional<std::string> interface = "eth0",
                           std::uint16_t port = 7000) {
         Client client(host, port, std::move(interface));
@@ -375,9 +363,10 @@ TEST_F(NetworkConnectionInWorld, ASilentPeerKeepsNobodyFromCancelling) {
 }
 
 TEST_F(NetworkConnectionInWorld, TheNextAddressOfANameGetsItsTurnWhileTheFirstIsSilent) {
-    replaceFile("/etc/hosts", std::string(TestNetwork::silentIPv4) + " two-addresses\n" +
-                                  TestNetwork::serverIPv4 + " two-addresses\n");
-    replaceFile("/etc/resolv.conf", "");
+    runCommand(std::string("mount -t tmpfs none /mnt; for address in ") + TestNetwork::silentIPv4 +
+               " " + TestNetwork::serverIPv4 +
+               "; do echo $address two-addresses; done >/mnt/hosts; : >/mnt/resolv.conf; "
+               "for file in hosts resolv.conf; do mount --bind /mnt/$file /etc/$file; done");
     EXPECT_EQ(started("two-addresses").next(5).kind, Kind::ready);
     EXPECT_EQ(started("no-such-name.invalid").next().kind, Kind::waiting);
 }

@@ -63,54 +63,48 @@ TEST_F(RelaySession, APeerThatNeverReadsHoldsBackTheOtherAndNoMore) {
 
 TEST_F(RelaySession, ThousandsStartAndEndAtOnce) {
     constexpr int threads = 8, perThread = 250;
-    std::atomic<bool> isOver = false;
     // A server that answers with what it got and closes, resets, or waits for the other's end.
-    std::vector<std::thread> servers;
-    for (int t = 0; t < 4; ++t)
-        servers.emplace_back([&, t] {
-            std::mt19937 random(static_cast<unsigned>(t));
+    std::vector<std::jthread> servers;
+    for (unsigned t = 0; t < 4; ++t)
+        servers.emplace_back([&, random = std::mt19937(t)]() mutable {
             while (auto connection = acceptFrom(listener)) {
                 const auto bytes = receive(connection, 100);
                 const auto choice = random() % 4;
-                if (choice == 0) {
-                    makeClosingAbortive(connection);
-                    continue;
-                }
+                if (choice == 0) makeClosingAbortive(connection);
+                if (choice == 0) continue;
                 ::send(connection.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
                 if (choice == 1) receiveToEnd(connection);
             }
         });
-    std::atomic<int> answered = 0;
-    std::vector<std::thread> applications;
-    for (int t = 0; t < threads; ++t)
-        applications.emplace_back([&, t] {
-            std::mt19937 random(static_cast<unsigned>(t) + 50);
-            for (int i = 0; i < perThread; ++i) {
-                const auto application = relay.connect();
-                const std::string bytes = randomBytes(100, static_cast<std::uint32_t>(i));
-                const auto choice = random() % 8;
-                if (choice == 0) continue;  // gone before it has said anything
-                ::send(application.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-                if (choice == 1) continue;
-                const auto answer = receive(application, 100);
-                if (answer == bytes) ++answered;
-                EXPECT_TRUE(answer.empty() || answer == bytes);
-            }
-        });
-    std::thread killer([&] {
-        while (!isOver) {
+    std::jthread killer([&](const std::stop_token& isOver) {
+        for (; !isOver.stop_requested(); std::this_thread::sleep_for(std::chrono::milliseconds(20)))
             relay.cancelAll();
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
     });
-    for (auto& application : applications) application.join();
+    std::atomic<int> answered = 0;
+    const auto apply = [&](unsigned seed) {
+        std::mt19937 random(seed);
+        for (std::uint32_t i = 0; i < perThread; ++i) {
+            const auto application = relay.connect();
+            const std::string bytes = randomBytes(100, i);
+            const auto choice = random() % 8;
+            if (choice == 0) continue;  // gone before it has said anything
+            ::send(application.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+            if (choice == 1) continue;
+            const auto answer = receive(application, 100);
+            if (answer == bytes) ++answered;
+            EXPECT_TRUE(answer.empty() || answer == bytes);
+        }
+    };
+    {
+        std::vector<std::jthread> applications;
+        for (unsigned t = 0; t < threads; ++t) applications.emplace_back(apply, t + 50);
+    }
     EXPECT_TRUE(relay.hasRun(threads * perThread));
-    isOver = true;
+    killer.request_stop();
     killer.join();
     EXPECT_TRUE(relay.hasEnded());
     EXPECT_GT(answered, threads * perThread / 10);
     ::shutdown(listener.get(), SHUT_RDWR);
-    for (auto& server : servers) server.join();
 }
 
 // Descriptors that are used up make connections wait, and end sessions, but not the process; when

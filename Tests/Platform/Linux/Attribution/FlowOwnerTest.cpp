@@ -261,41 +261,32 @@ TEST_P(FlowOwners, ASocketAmongManyDescriptorsIsFound) {
 TEST_P(FlowOwners, EveryThreadCounts) {
     // A child of a process with threads may not start any of its own under the thread sanitizer.
     attribution.reset();
-    const struct {
-        const char* what;
-        bool hasItsOwnDescriptors;
-        bool outlivesTheFirstThread;
-    } cases[] = {{"a thread with descriptors of its own", true, false},
-                 {"a thread that outlives the first one", false, true}};
-    std::vector<std::unique_ptr<RunningProgram>> programs;
-    std::vector<FlowTuple> flows;
-    for (const auto& each : cases) {
-        programs.push_back(std::make_unique<RunningProgram>([&](int ready) {
+    const auto holder = [&](bool hasItsOwnDescriptors) {
+        return std::make_unique<RunningProgram>([&](int ready) {
             becomePerson();
-            const pid_t first = ::gettid();
+            const auto firstProgram = "/proc/self/task/" + std::to_string(::gettid()) + "/exe";
             std::thread thread([&] {
-                if (each.hasItsOwnDescriptors && ::unshare(CLONE_FILES) != 0) ::_exit(125);
+                if (hasItsOwnDescriptors && ::unshare(CLONE_FILES) != 0) ::_exit(125);
                 const auto socket = opened(stream, destination.port);
                 shared->port = portOf(socket);
                 // A thread that has ended keeps its folder, but runs no program.
-                const auto program = "/proc/self/task/" + std::to_string(first) + "/exe";
-                char target[16];
-                while (each.outlivesTheFirstThread &&
-                       ::readlink(program.c_str(), target, sizeof target) >= 0) {
+                while (!hasItsOwnDescriptors && ::access(firstProgram.c_str(), F_OK) == 0)
                     ::usleep(100);
-                }
                 sayReady(ready);
                 waitForEnd();
             });
-            if (each.outlivesTheFirstThread) ::syscall(SYS_exit, 0);
+            // Without descriptors of its own the thread outlives the first one.
+            if (!hasItsOwnDescriptors) ::syscall(SYS_exit, 0);
             thread.join();
-        }));
-        flows.push_back(flow(stream, shared->port));
-    }
+        });
+    };
+    const auto ofItsOwn = holder(true);
+    const auto flowOfItsOwn = flow(stream, shared->port);
+    const auto outliving = holder(false);
+    const auto flowOfOutliving = flow(stream, shared->port);
     attribution.emplace(hasNotes ? SocketUsers::attach() : nullptr);
-    for (std::size_t index = 0; index < flows.size(); ++index) {
-        EXPECT_EQ(ownerPid(flows[index]), programs[index]->pid()) << cases[index].what;
-    }
+    EXPECT_EQ(ownerPid(flowOfItsOwn), ofItsOwn->pid());
+    EXPECT_EQ(ownerPid(flowOfOutliving), outliving->pid());
 }
 
 TEST_P(FlowOwners, AProcessThatHasJustGoneIsStillNamed) {
@@ -332,6 +323,15 @@ TEST_F(FlowOwnersByNotes, ADatagramOutlivesItsSocketAndItsProcess) {
         std::uint32_t userId = 0;
         std::memcpy(&userId, owner->auditToken.data() + 4, sizeof userId);
         EXPECT_EQ(userId, ::geteuid() == 0 ? person : ::geteuid()) << send;
+    }
+}
+
+TEST(Processes, NobodyIsNobody) {
+    std::array<char, 1024> path{};
+    proc_bsdinfo about;
+    for (const pid_t pid : {-1, 0, 2, 0x7fffffff}) {
+        EXPECT_EQ(proc_pidpath(pid, path.data(), path.size()), 0) << pid;
+        EXPECT_EQ(proc_pidinfo(pid, PROC_PIDTBSDINFO, 0, about), 0) << pid;
     }
 }
 

@@ -134,11 +134,6 @@ inline void becomePerson(uid_t user) {
     if (::setgroups(0, nullptr) != 0 || ::setgid(user) != 0 || ::setuid(user) != 0) ::_exit(126);
 }
 
-// For the end of a script: says that process N is ready, and stays until killed.
-inline std::string readyAs(const std::string& pid) {
-    return "echo ready " + pid + "; kill -STOP " + pid + "; :";
-}
-
 // A reason why the tests' own processes already belong to an application; empty if they don't.
 inline std::string reasonForNoOrdinaryPrograms() {
     const auto own = ProcessTable::shared().examine(::getpid());

@@ -100,12 +100,13 @@ protected:
     const char* address() const { return server(GetParam().family); }
     bool isTcp() const { return GetParam().type == SOCK_STREAM; }
 };
+constexpr FlowKind tcpOverIPv4{AF_INET, SOCK_STREAM, "TCPv4"};
+constexpr FlowKind tcpOverIPv6{AF_INET6, SOCK_STREAM, "TCPv6"};
+const auto nameOf = [](const auto& kind) { return std::string(kind.param.name); };
 INSTANTIATE_TEST_SUITE_P(Flows, InterceptionOfEveryKind,
-                         testing::Values(FlowKind{AF_INET, SOCK_STREAM, "TCPv4"},
-                                         FlowKind{AF_INET, SOCK_DGRAM, "UDPv4"},
-                                         FlowKind{AF_INET6, SOCK_STREAM, "TCPv6"},
-                                         FlowKind{AF_INET6, SOCK_DGRAM, "UDPv6"}),
-                         [](const auto& kind) { return std::string(kind.param.name); });
+                         testing::Values(tcpOverIPv4, FlowKind{AF_INET, SOCK_DGRAM, "UDPv4"},
+                                         tcpOverIPv6, FlowKind{AF_INET6, SOCK_DGRAM, "UDPv6"}),
+                         nameOf);
 
 class InterceptionTest : public testing::Test, protected Scene {};
 
@@ -194,14 +195,8 @@ TEST_P(InterceptionOfEveryKind, OwnAndLoopbackTrafficIsNeverOffered) {
     EXPECT_EQ(calls.all().size(), 0u);
 }
 
-class ClaimedTcp : public testing::TestWithParam<int>, protected Scene {
-protected:
-    ClientSocket connected() const { return Scene::connected(SOCK_STREAM, GetParam()); }
-};
-INSTANTIATE_TEST_SUITE_P(Families, ClaimedTcp, testing::Values(AF_INET, AF_INET6),
-                         [](const auto& family) {
-                             return std::string(family.param == AF_INET ? "IPv4" : "IPv6");
-                         });
+using ClaimedTcp = InterceptionOfEveryKind;
+INSTANTIATE_TEST_SUITE_P(Families, ClaimedTcp, testing::Values(tcpOverIPv4, tcpOverIPv6), nameOf);
 
 TEST_P(ClaimedTcp, UnderWatchItsBytesAreShownAndItCanBeKilled) {
     proxy->isClaiming = true;
@@ -228,8 +223,7 @@ TEST_P(ClaimedTcp, ItsOpeningFailsWhenItComesTooLateOrTheFilterDropsIt) {
     EXPECT_EQ(lab.bytesAtServer(), 5u);
 
     filter->onNewFlow = NewFlow::drop;
-    ClientSocket dropped(GetParam(), SOCK_STREAM);
-    EXPECT_EQ(dropped.connectTo(server(GetParam()), port), ECONNABORTED);
+    EXPECT_EQ(makeSocket().connectTo(address(), port), ECONNABORTED);
     EXPECT_TRUE(eventually([&] { return proxy->openingErrors == 2; }));
 }
 
