@@ -162,6 +162,8 @@ def _unusual_places(stage) -> None:
     for program in (bundle, ill_named, remark):
         stage.apply(Rules(rules={program.identifier: "direct"}))
         _expect_way(stage, f"direct: {program.identifier}", stage.expect_physical, program)
+    stage.apply(Rules(rules={bundle.identifier: "direct"}))
+    _expect_way(stage, f"direct: what {bundle.identifier} starts", stage.expect_physical, bundle, stage.sync)
 
 
 def _replaced_while_it_runs(stage) -> None:

@@ -102,14 +102,17 @@ TEST_F(RelayFlow, NoCompletionRunsInsideItsCall) {
     for (const bool isClosed : {false, true}) {
         if (isClosed) flow->closeWriteWithError(std::nullopt);
         sendAll(application, "x");
-        Awaited<bool> wasInside;
+        Awaited<bool> openWasInside, writeWasInside;
         // On the flow's own loop, where everything could be done at once.
         flow->readData([&](std::optional<Data>, Error) {
             auto isInCall = std::make_shared<bool>(true);
-            flow->writeData("y", [=, put = wasInside.put()](Error) mutable { put(*isInCall); });
+            flow->openWithLocalEndpoint(
+                nullptr, [=, put = openWasInside.put()](Error) mutable { put(*isInCall); });
+            flow->writeData("y",
+                            [=, put = writeWasInside.put()](Error) mutable { put(*isInCall); });
             *isInCall = false;
         });
-        EXPECT_FALSE(wasInside.get());
+        EXPECT_FALSE(openWasInside.get() || writeWasInside.get());
     }
 }
 
@@ -126,6 +129,14 @@ TEST_F(RelayFlow, ClosingAnswersWhatIsOutstandingWithAnErrorOnce) {
     flow->closeWriteWithError(std::nullopt);
     EXPECT_TRUE(write("more").has_value());
     EXPECT_EQ(receiveToEnd(application), "");
+}
+
+TEST_F(RelayFlow, ClosingTheWritingAloneShowsAsTheEnd) {
+    connectAndOpen();
+    flow->closeWriteWithError(std::nullopt);
+    EXPECT_EQ(receiveToEnd(application), "");
+    sendAll(application, "still");
+    EXPECT_EQ(read().data->bytes(), "still");
 }
 
 TEST_F(RelayFlow, AnErrorShowsAsAResetAndTheFirstCloseCounts) {
