@@ -1,6 +1,7 @@
 """The host application's side: messages, files, preferences, and who may use them."""
 
 import os
+import shutil
 import stat
 
 from vantrylab import host, network, world
@@ -18,6 +19,7 @@ def run(stage) -> None:
     _activity_log_file(stage)
     _untrusted_rules_files(stage)
     _protected_vpn_client(stage)
+    _log_level(stage)
     _places_that_are_removed(stage)
     network.vpn_down()
 
@@ -132,19 +134,27 @@ def _untrusted_rules_files(stage) -> None:
         host.RULES_FILE.unlink()
         os.mkfifo(host.RULES_FILE)
 
-    cases = [("writable by all", writable_by_all), ("a link", a_link), ("a pipe", a_pipe)]
+    def a_folder():
+        host.RULES_FILE.unlink()
+        host.RULES_FILE.mkdir()
+
+    cases = [("writable by all", "everybody may write to it", writable_by_all),
+             ("a link", "it is a symbolic link", a_link), ("a pipe", "it is not a regular file", a_pipe),
+             ("a folder", "it is not a regular file", a_folder)]
     if world.is_root_world():
-        cases.append(("a stranger's", lambda: os.chown(host.RULES_FILE, 4711, 4711)))
-    for name, spoil in cases:
+        cases.append(("a stranger's", "its owner, user 4711,", lambda: os.chown(host.RULES_FILE, 4711, 4711)))
+    for name, reason, spoil in cases:
         host.write_rules(RULES.but(rules={COURIER: "vpn"}))
         spoil()
         since = stage.daemon.mark()
         host.post()
         stage.expect_line(f"rules file {name}: not read", "No rules file found", since)
+        stage.expect_line(f"rules file {name}: a line says why",
+                          f"The file {host.RULES_FILE} is not trusted: {reason}", since)
         address = stage.ipv4()
         stage.expect_physical(f"rules file {name}: the rules stay in force",
                               stage.courier.run("connect", address, 80), address)
-        host.RULES_FILE.unlink()
+        host.RULES_FILE.rmdir() if host.RULES_FILE.is_dir() else host.RULES_FILE.unlink()
     stage.stop_daemon()
 
 
@@ -159,6 +169,30 @@ def _protected_vpn_client(stage) -> None:
     stage.expect_no_record("a VPN client's connection leaves no record", address)
     stage.stop_daemon()
     stage.recorded_application = stage.courier
+
+
+def _log_level(stage) -> None:
+    """It follows the preferences at once; what cannot be understood changes nothing."""
+    stage.start_daemon(RULES)
+
+    def levels() -> set[str]:
+        since = stage.daemon.mark()
+        stage.courier.run("connect", stage.ipv4(), 80)
+        return {line.level for line in stage.daemon.lines(since)}
+
+    def remove_the_folder():
+        host.PREFERENCES.parent.rename(host.PREFERENCES.parent.with_name("elsewhere"))
+        network.wait_until(host.PREFERENCES.parent.exists, "the folder is there again")
+
+    for name, change, expected in (
+            ("errors only", lambda: host.write_preferences(logLevel="error"), set()),
+            ("preferences and their folder removed", remove_the_folder, {"info"}),
+            ("all", lambda: host.write_preferences(logLevel="debug"), {"info", "debug"}),
+            ("half a document", lambda: host.write_whole(host.PREFERENCES, "{"), {"info", "debug"}),
+            ("no word", lambda: host.write_preferences(logLevel=7), {"info"})):
+        change()
+        stage.checks.eventually(f"log level: {name}", lambda: ((seen := levels()) == expected, seen))
+    stage.stop_daemon()
 
 
 def _places_that_are_removed(stage) -> None:
@@ -189,4 +223,15 @@ def _places_that_are_removed(stage) -> None:
     address = stage.ipv4()
     stage.expect_tunnel("the folder is removed: rules are heard of", stage.courier.run("connect", address, 80),
                         address)
+    for name, remove in (("removed", lambda: shutil.rmtree(host.NOTIFICATIONS)),
+                         ("moved", lambda: host.NOTIFICATIONS.rename(folder / "elsewhere"))):
+        since = stage.daemon.mark()
+        remove()
+        stage.expect_line(f"the notifications' folder is {name}: a post that may be lost with it is made up for",
+                          "Received rules-changed Darwin notification", since)
+        for rules, expect in ((RULES, stage.expect_physical), (Rules(rules={COURIER: "vpn"}), stage.expect_tunnel)):
+            stage.apply(rules)
+            address = stage.ipv4()
+            expect(f"the notifications' folder is {name}: rules are heard of",
+                   stage.courier.run("connect", address, 80), address)
     stage.stop_daemon()

@@ -11,7 +11,6 @@
 #include <fstream>
 #include <set>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "Platform/Foundation.h"
@@ -60,29 +59,6 @@ TEST_F(Files, ReadsWholeFilesAndTheBytesThatWereWritten) {
     EXPECT_EQ(contents(inFolder("missing")), std::nullopt);
     // A file whose size is not known in advance.
     EXPECT_THAT(contents("/proc/self/status").value_or(""), HasSubstr("VmRSS"));
-}
-
-TEST_F(Files, WhatStrangersMayHavePlacedIsNotReadAndOneLineSaysWhy) {
-    make(inFolder("target"), "secret");
-    make(inFolder("writable"), "{}", 0646);
-    make(inFolder("his"), "{}");
-    ASSERT_EQ(::symlink("/mnt/target", "/mnt/link"), 0);
-    ASSERT_EQ(::mkfifo("/mnt/pipe", 0644), 0);
-    ASSERT_EQ(::mkdir("/mnt/folder", 0755), 0);
-    std::vector<std::pair<const char*, const char*>> cases{
-        {"writable", "everybody may write to it"},
-        {"link", "symbolic link"},
-        {"pipe", "not a regular file"},
-        {"folder", "not a regular file"}};
-    if (::chown("/mnt/his", 54321, 54321) == 0) cases.emplace_back("his", "user 54321");
-    for (const auto& [name, reason] : cases) {
-        ::testing::internal::CaptureStderr();
-        EXPECT_EQ(contents(inFolder(name)), std::nullopt) << name;
-        const auto line = ::testing::internal::GetCapturedStderr();
-        EXPECT_THAT(line, HasSubstr(reason)) << name;
-        EXPECT_THAT(line, HasSubstr("Platform error: "));
-        EXPECT_THAT(line, HasSubstr(inFolder(name)));
-    }
 }
 
 TEST_F(Files, OverwritingReplacesAllThatWasThereButNoLinkAndNoStrangersFile) {

@@ -36,31 +36,6 @@ protected:
     LocalRelay relay{"127.0.0.1", portOf(listener)};
 };
 
-// What a reader does not take stays with the writer: the relay holds no more than it was given.
-TEST_F(RelaySession, APeerThatNeverReadsHoldsBackTheOtherAndNoMore) {
-    auto [application, server] = Ends(relay, listener);
-    makeNonBlocking(application);
-    const std::string piece(64 * 1024, 'x');
-    std::size_t taken = 0;
-    auto lastProgress = std::chrono::steady_clock::now();
-    while (std::chrono::steady_clock::now() - lastProgress < std::chrono::milliseconds(300)) {
-        const ssize_t count = ::send(application.get(), piece.data(), piece.size(), MSG_NOSIGNAL);
-        if (count <= 0) continue;
-        taken += static_cast<std::size_t>(count);
-        lastProgress = std::chrono::steady_clock::now();
-    }
-    EXPECT_LT(taken, 64U << 20);  // what two sockets and a pipe hold at most, by far
-
-    // The relay waits without turning: no processor time goes by.
-    const auto before = std::clock();
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 20);
-    application = FileDescriptor();
-    std::size_t received = 0;
-    for (std::string bytes; !(bytes = receive(server, 1 << 20)).empty();) received += bytes.size();
-    EXPECT_EQ(received, taken);
-}
-
 TEST_F(RelaySession, ThousandsStartAndEndAtOnce) {
     constexpr int threads = 8, perThread = 250;
     // A server that answers with what it got and closes, resets, or waits for the other's end.

@@ -5,7 +5,6 @@
 #include <utime.h>
 
 #include <atomic>
-#include <filesystem>
 #include <future>
 #include <map>
 #include <mutex>
@@ -154,26 +153,6 @@ TEST_F(DarwinNotifications, RemovingAnObserverWaitsForItsDeliveryToEnd) {
         EXPECT_EQ(removal.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
     }
     EXPECT_TRUE(removal.get());
-}
-
-TEST_F(DarwinNotifications, AFolderThatIsReplacedOrRemovedIsWatchedAgain) {
-    static Observer observer;
-    observer.observe(changed);
-    observer.observe(marker);
-    const std::function<void()> harms[] = {
-        [] { std::filesystem::remove_all(folder); },
-        [] { std::filesystem::rename(folder, folder + ".old"); },
-        [] { std::filesystem::rename(places::runtimeFolder, "/run/elsewhere"); },
-    };
-    for (const auto& harm : harms) {
-        const int before = observer.count(changed);
-        harm();
-        // A post may have been lost meanwhile, so the observer hears of it as of one.
-        ASSERT_TRUE(observer.isDelivered(changed, before + 1));
-        ASSERT_TRUE(eventually([&] { return touch(folder + "/" + changed); }));
-        ASSERT_TRUE(observer.isDelivered(changed, before + 2));
-    }
-    observer.stopObserving();
 }
 
 TEST_F(DarwinNotifications, AQueueThatRanOverIsSaid) {

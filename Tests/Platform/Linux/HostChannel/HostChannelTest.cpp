@@ -11,7 +11,6 @@
 #include <optional>
 
 #include "Platform/Linux/HostChannel/FixedPlaces.h"
-#include "Platform/Logging.h"
 #include "Tests/Platform/Linux/Attribution/RealPrograms.h"
 #include "Tests/Platform/Linux/HostChannel/MessageClient.h"
 #include "Tests/Platform/Linux/HostChannel/PrivateMachine.h"
@@ -101,28 +100,6 @@ TEST_F(HostChannelTest, MessagesReachTheProviderUntilTheStop) {
     client.join();
     release.join();
     EXPECT_EQ(provider.use_count(), 1);
-}
-
-TEST_F(HostChannelTest, TheLogLevelFollowsThePreferences) {
-    const auto isDebugging = [] { return Logger::isEnabled(LogLevel::debug); };
-    const auto isInforming = [] { return Logger::isEnabled(LogLevel::info); };
-    HostChannel channel;
-    EXPECT_FALSE(isDebugging());
-    storePreferences(R"({"logLevel":"debug"})");
-    channel.start(provider);
-    EXPECT_TRUE(eventually(isDebugging));
-    storePreferences(R"({"logLevel":"error"})");
-    EXPECT_TRUE(eventually([&] { return !isInforming(); }));
-    std::filesystem::rename(places::preferencesFolder, "/var/lib/elsewhere");
-    EXPECT_TRUE(eventually(isInforming));
-    EXPECT_TRUE(eventually([] { return std::filesystem::exists(places::preferencesFolder); }));
-    storePreferences(R"({"logLevel":"debug"})");
-    EXPECT_TRUE(eventually(isDebugging));
-    // What cannot be understood changes nothing: the word behind it shows that it has been read.
-    storePreferences("{");
-    storePreferences(R"({"logLevel":7})");
-    EXPECT_TRUE(eventually([&] { return !isDebugging(); }));
-    channel.stop();
 }
 
 TEST_F(HostChannelTest, PreferencesThatChangeAtEveryQuestion) {

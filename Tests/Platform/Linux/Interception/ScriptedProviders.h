@@ -116,9 +116,8 @@ public:
 
     std::atomic<NewFlow> onNewFlow{NewFlow::allow};
     std::atomic<OnData> onData{OnData::data};
-    // Which new flows get their verdict only once `mayGoOn` is set.
-    enum class Waiting { none, datagrams, all };
-    std::atomic<Waiting> waiting{Waiting::none};
+    // Whether new flows get their verdict only once `mayGoOn` is set.
+    std::atomic<bool> isWaiting{false};
     std::promise<void> mayGoOn;
     // Of the thread on which the last flow was shown.
     std::atomic<int> niceness{0};
@@ -127,10 +126,9 @@ public:
     void stopFilter(NEProviderStopReason, Completion<>) override {}
 
     NEFilterNewFlowVerdict handleNewFlow(const NEFilterFlow& flow) override {
-        const Call call = callOf(Call::Kind::filter, flow);
-        calls.add(call);
+        calls.add(callOf(Call::Kind::filter, flow));
         niceness = nicenessOfThisThread();
-        if (waiting == Waiting::all || (waiting == Waiting::datagrams && !call.isTcp)) gate.wait();
+        if (isWaiting) gate.wait();
         if (onNewFlow == NewFlow::allow) return NEFilterNewFlowVerdict::allowVerdict();
         if (onNewFlow == NewFlow::drop) return NEFilterNewFlowVerdict::dropVerdict();
         return NEFilterNewFlowVerdict::filterDataVerdict(false, 0, true, 1);
