@@ -33,7 +33,9 @@ public:
     using ReportOverdue = std::function<void(std::size_t)>;
 
     struct Limits {
-        std::chrono::milliseconds longestWait{1000};
+        // Long enough that a crowded machine does not let a blocked application through, short
+        // enough that a name look-up or a connection that waits in vain for a verdict still succeeds.
+        std::chrono::milliseconds longestWait{2000};
         std::size_t mostWorkers = 32;
     };
 
