@@ -25,6 +25,7 @@ def run(stage) -> None:
     _the_watch_makes_a_lost_rules_file_anew(stage)
     stage.stop_daemon()
     _without_a_daemon(stage)
+    _rules_as_found(stage)
     _logs_as_found(stage)
     _failures_as_found(stage)
     network.vpn_down()
@@ -140,8 +141,8 @@ def _machine(stage) -> None:
     stage.checks.equal("check answers for every subject", len(verdicts), 12)
     stage.checks.equal("check finds no rules that clash with ours", verdicts["redirects"], "good")
     stage.checks.equal("check leaves nothing behind", _ruleset(), before)
-    lines = _use_tool("check").stdout.splitlines()
-    stage.checks.check("check fits a terminal", lines and max(map(len, lines)) <= 80, lines)
+    shown = _use_tool("check")
+    stage.checks.check("check fits a terminal", _fits_a_terminal(shown), shown)
 
 
 def _ruleset() -> str:
@@ -198,6 +199,30 @@ def _entry(application: str, time: int, **fields) -> dict:
             "routingDecision": "vpn", "isVpnConnected": True, **fields}
 
 
+def _fits_a_terminal(shown: subprocess.CompletedProcess) -> bool:
+    return shown.returncode == 0 and max(map(len, shown.stdout.splitlines())) <= 80
+
+
+def _rules_as_found(stage) -> None:
+    """The table says what a rule comes to."""
+    host.PREFERENCES.unlink()
+    host.write_whole(host.RULES_FILE, json.dumps({
+        "rules": {"org.a": "direct", "org.a.deep": "direct", "org.b": "direct", "org.c": "block"},
+        "blockedApps": ["org.a"]}))
+    shown = _use_tool("rules")
+    stage.checks.equal("rules: the table", shown.stdout.splitlines()[:6], [
+        "APPLICATION   ROUTE    NOTE",
+        "org.a         blocked  its rule, direct, waits for unblock",
+        "org.a.deep    direct   blocked with org.a",
+        "org.b         direct",
+        'org.c         vpn      a rule "block" blocks nothing: use rules block',
+        "(all others)  vpn"])
+    stage.checks.check("rules: fits a terminal", _fits_a_terminal(shown), shown)
+    for words in ((), ("rules",), ("rules", "set"), ("watch",)):
+        shown = _use_tool(*words, "--help")
+        stage.checks.check(f"{' '.join(words)} --help: fits a terminal", _fits_a_terminal(shown), shown)
+
+
 def _logs_as_found(stage) -> None:
     """Whatever a log holds is shown in a terminal's width, and nothing that acts on the terminal."""
     host.ACTIVITY_LOG.unlink(missing_ok=True)
@@ -207,8 +232,7 @@ def _logs_as_found(stage) -> None:
         _entry("org.\x1b[2Jevil\u009b\u202e", 1, destinationIp="2001:db8::1", **there), _entry("org.bare", 2),
         _entry("x" * 300, 3, destinationIp="203.0.113.7", **there)]}))
     shown = _use_tool("log")
-    stage.checks.check("log: fits a terminal", shown.returncode == 0 and
-                       max(map(len, shown.stdout.splitlines())) <= 80, shown)
+    stage.checks.check("log: fits a terminal", _fits_a_terminal(shown), shown)
     stage.checks.check("log: does nothing to the terminal", "\x1b" not in shown.stdout and
                        "org.?[2Jevil??" in shown.stdout and "[2001:db8::1]:443" in shown.stdout, shown)
     stage.checks.equal("log: the document has all of it", _document("log")["entries"][2]["bundleId"], "x" * 300)
