@@ -17,8 +17,10 @@ namespace vantry {
 namespace {
 
 using platform::UUID;
+using ConnectionState = platform::NWConnection::State::Kind;
 
 const NSError refused{"test", 1, "no"};
+const std::string lastWords = "bye";
 
 // What must hold at every moment, whatever happened before it. What the providers say in the log tells
 // which operations an event carried out; what they leave behind is looked at from within.
@@ -146,6 +148,8 @@ public:
         world.peer("h", 1).echoes();
         world.peer("h", 2).isUnreachable();
         world.peer("h", 3).waits(2);
+        world.peer("h", 4).sendsLast(lastWords);
+        world.peer("h", 5).refuses();
         world.files.failAtRandom(20);
         world.scheduler.setLatency(0.3);
         world.afterEachEvent([this] { invariants.check(); });
@@ -158,7 +162,7 @@ public:
     }
 
     void step() {
-        switch (world.draw(17)) {
+        switch (world.draw(18)) {
             case 0:
             case 1:
                 world.files.put(rulesFile, anyFile());
@@ -187,7 +191,10 @@ public:
                 for (int n = 0; n < 200; ++n) openAFlow();
                 break;
             case 8:
+                world.peer("h", 1).fails(refused);
+                break;
             case 9:
+            case 10:
                 useAFlow();
                 break;
             default:
@@ -202,11 +209,16 @@ public:
         world.runToEnd();
         for (const auto& start : starts) EXPECT_TRUE(start.hasCome());
         EXPECT_FALSE(ProxyProbe(*world.proxy()).isFlushing());
-        for (const auto& flow : flows) {
+        for (const auto& [flow, sent] : flows) {
             EXPECT_LE(flow.record().opens, 1);
             if (!flow.isClaimed()) continue;
             EXPECT_TRUE(flow.isClosedOnceCleanly() || flow.isClosedOnceWith(peerReset()));
+            EXPECT_TRUE(sent.starts_with(flow.received()) ||
+                        lastWords.starts_with(flow.received()));
         }
+        for (const auto& connection : world.network.connections())
+            EXPECT_TRUE(connection->state() == ConnectionState::cancelled ||
+                        connection->record().starts == 0);
     }
 
 private:
@@ -220,7 +232,7 @@ private:
         EXPECT_TRUE(world.stopProxy().hasCome());
         isRunning = false;
         invariants.check();
-        for (const auto& flow : flows) {
+        for (const auto& [flow, sent] : flows) {
             if (!flow.lastOffer().watched() || flow.isEnded()) continue;
             const auto verdict = world.outbound(flow, "x");
             EXPECT_TRUE(verdict && verdict->kind == platform::NEFilterDataVerdict::Kind::drop);
@@ -263,34 +275,37 @@ private:
         const auto& app = apps[world.draw(apps.size())];
         auto flow = world.flow(
             {.kind = world.draw(4) ? FlowDescription::Kind::tcp : FlowDescription::Kind::udp,
-             .remoteEndpoint =
-                 NWHostEndpoint{"h", std::array{"1", "2", "3", "4", "53", "443"}[world.draw(6)]},
+             .remoteEndpoint = NWHostEndpoint{"h", std::array{"1", "1", "2", "3", "4", "5", "53",
+                                                              "443"}[world.draw(8)]},
              .signingIdentifier = app.signingIdentifier,
              .auditToken = app.auditToken()});
         if (world.draw(10) == 0) flow.failsOpening(refused);
         if (world.draw(10) == 0) flow.opensAfter(static_cast<double>(world.draw(20)));
         const auto offer = world.offer(flow);
         EXPECT_TRUE(isRunning || offer.allowed());
-        flows.push_back(flow);
+        flows.emplace_back(flow, "");
         invariants.check();
     }
     void useAFlow() {
         if (flows.empty()) return;
-        auto flow = flows[world.draw(flows.size())];
+        auto& [flow, sent] = flows[world.draw(flows.size())];
         switch (world.draw(4)) {
             case 0:
                 return flow.endsSending();
             case 1:
                 return flow.fails(refused);
             default:
-                return flow.sends(std::string(world.draw(5000) + 1, 'x'));
+                const std::string bytes(world.draw(100'000) + 1,
+                                        static_cast<char>('a' + world.draw(20)));
+                sent += bytes;
+                return flow.sends(bytes);
         }
     }
 
     World& world;
     Invariants invariants;
     std::vector<Process> apps;
-    std::vector<Flow> flows;
+    std::vector<std::pair<Flow, std::string>> flows;  // and what each has sent
     std::vector<platform::simulated::Outcome> starts;
     bool isRunning = false;
 };
@@ -321,9 +336,10 @@ void everythingAtOnce(World& world) {
     for (int n = 0; n < 900; ++n) {
         flows.push_back(world.tcpFlow(apps[world.draw(apps.size())], "h", "1"));
         world.later(
-            [&world, flow = flows.back()]() mutable {
+            [&world, n, flow = flows.back()]() mutable {
                 world.offer(flow);
                 flow.sends("hello");
+                if (n % 3 == 0) world.later([flow]() mutable { flow.endsSending(); }, 0.5);
             },
             n < 100 ? 0 : n / 150.0);  // many at the very beginning, without an interface
     }

@@ -1,14 +1,6 @@
 // The filter's start and stop, and under which name it knows the owner of a flow. Its verdicts are in
 // the random stories.
 
-#include "Extension/FlowKillFilterProvider.h"
-
-#include <gtest/gtest.h>
-
-#include <optional>
-#include <string>
-#include <vector>
-
 #include "Tests/Extension/TransparentProxyProvider/ProxyTest.h"
 
 namespace vantry {
@@ -17,7 +9,6 @@ namespace {
 using platform::NEFilterDataVerdict;
 using platform::NEFilterNewFlowVerdict;
 
-constexpr const char* category = "FlowKillFilter";
 const auto allow = NEFilterNewFlowVerdict::allowVerdict();
 const auto drop = NEFilterNewFlowVerdict::dropVerdict();
 
@@ -32,13 +23,14 @@ protected:
         return world.filter()->handleNewFlow(flow(process.auditToken()).filterFlow());
     }
     testing::AssertionResult filterLogIs(const std::vector<ExpectedLine>& expected) {
-        return linesAre(world.takeLog(category), expected);
+        return linesAre(world.takeLog("FlowKillFilter"), expected);
     }
 
     const Process app = world.application("App", "com.example.App");
 };
 
-TEST_F(FilterTest, StartAsksForEveryFlowAndReportsTheOutcome) {
+TEST_F(FilterTest, StartAsksForEveryFlowAndReportsTheOutcomeAndStopTouchesNothingShared) {
+    coordinator.updateBlockedApps({"com.example.App"});
     const auto started = world.startFilter();
     EXPECT_FALSE(started.hasCome());
     world.runUntilIdle();
@@ -47,64 +39,51 @@ TEST_F(FilterTest, StartAsksForEveryFlowAndReportsTheOutcome) {
     ASSERT_TRUE(settings);
     EXPECT_TRUE(settings->rules.empty());
     EXPECT_EQ(settings->defaultAction, platform::NEFilterAction::filterData);
+    EXPECT_TRUE(world.stopFilter(platform::NEProviderStopReason::superceded).succeeded());
+    EXPECT_TRUE(coordinator.shouldBlockFlow("com.example.App"));
 
     const NSError refused{"test", 7, "not now"};
     world.providers.filterSettings.script({refused, refused});
-    EXPECT_TRUE(filterLogIs(
-        {info("Filter provider started"), info("Filter settings applied (default: filterData)")}));
     const auto failed = world.startFilter();
     world.runUntilIdle();
     EXPECT_EQ(failed.error(), refused);
-    EXPECT_TRUE(filterLogIs(
-        {info("Filter provider started"), error("Failed to apply filter settings: not now")}));
-
     // The platform gets its answer also when the provider has gone meanwhile.
     const auto orphaned = world.startFilter();
     world.providers.letGoOfFilter();
     world.runUntilIdle();
     EXPECT_EQ(orphaned.error(), refused);
-    EXPECT_TRUE(filterLogIs({info("Filter provider started")}));
-}
-
-TEST_F(FilterTest, StopLogsTheReasonAndTouchesNothingShared) {
-    coordinator.updateBlockedApps({"com.example.App"});
-    const auto stopped = world.stopFilter(platform::NEProviderStopReason::superceded);
-    EXPECT_TRUE(stopped.succeeded());
-    EXPECT_TRUE(filterLogIs({info("Filter provider stopped, reason: 9")}));
-    EXPECT_TRUE(coordinator.shouldBlockFlow("com.example.App"));
+    EXPECT_TRUE(filterLogIs(
+        {info("Filter provider started"), info("Filter settings applied (default: filterData)"),
+         info("Filter provider stopped, reason: 9"), info("Filter provider started"),
+         error("Failed to apply filter settings: not now"), info("Filter provider started")}));
 }
 
 TEST_F(FilterTest, WhatItCannotAttributePasses) {
     coordinator.updateVpnState(true, "allow");
     const auto tool = world.process({.path = "/usr/bin/tool"});
-    world.takeLog();
-    for (const auto& token :
-         {std::optional<Data>(), std::optional(Data(std::string(31, 'x'))),
-          std::optional(tool.auditToken()), std::optional(makeAuditToken(501, 999'999))}) {
+    const std::vector<std::pair<std::optional<Data>, std::string>> cases{
+        {std::nullopt, "No auditToken on flow"},
+        {Data(std::string(31, 'x')), "auditToken parse failed, size=31"},
+        {tool.auditToken(), "pid=" + std::to_string(tool.pid) + " path=/usr/bin/tool bundleId=nil"},
+        {makeAuditToken(501, 999'999), "pid=999999 path=<no path> bundleId=nil"}};
+    for (const auto& [token, line] : cases) {
+        world.takeLog();
         const auto unknown = flow(token);
         EXPECT_EQ(world.filter()->handleNewFlow(unknown.filterFlow()), allow);
         EXPECT_EQ(world.filter()->handleOutboundData(unknown.filterFlow(), 0, Data("x")),
                   NEFilterDataVerdict::allowVerdict());
+        EXPECT_TRUE(filterLogIs(
+            {debug(line), debug("handleNewFlow: no bundleId resolved, allowing"), debug(line)}));
     }
-    const auto allowing = debug("handleNewFlow: no bundleId resolved, allowing");
-    const auto toolLine =
-        debug("pid=" + std::to_string(tool.pid) + " path=/usr/bin/tool bundleId=nil");
-    const auto goneLine = debug("pid=999999 path=<no path> bundleId=nil");
-    EXPECT_TRUE(
-        filterLogIs({debug("No auditToken on flow"), allowing, debug("No auditToken on flow"),
-                     debug("auditToken parse failed, size=31"), allowing,
-                     debug("auditToken parse failed, size=31"), toolLine, allowing, toolLine,
-                     goneLine, allowing, goneLine}));
 }
 
 TEST_F(FilterTest, PrefersTheOwnBundleThenTheNearestKnownAncestorThenTheOwnBundle) {
     const auto grandparent = world.application("Grand", "com.example.Grand");
     const auto parent = world.process({.path = "/bin/sh", .parent = grandparent.pid});
     world.bundle("/Applications/Child.app", "com.example.Child");
-    const auto child = [&](int version) {
-        return world.process({.path = "/Applications/Child.app/c",
-                              .parent = parent.pid,
-                              .version = static_cast<std::uint32_t>(version)});
+    const auto child = [&](std::uint32_t version) {
+        return world.process(
+            {.path = "/Applications/Child.app/c", .parent = parent.pid, .version = version});
     };
     const auto bare = world.process({.path = "/bin/tool", .parent = parent.pid});
 
@@ -150,19 +129,8 @@ TEST_F(FilterTest, ACachedAnswerStandsWhateverTheSetsSayLater) {
 }
 
 TEST_F(FilterTest, AFullCacheGoesAtOnceBeforeTheNextStore) {
-    const auto ask = [&](std::uint32_t version) {
-        auto process = app;
-        process.version = version;
-        world.processes.forgetQuestions();
-        offer(process);
-        return world.processes.questions() > 0;  // it was not in the cache
-    };
-    for (std::uint32_t version = 1; version <= 1000; ++version) ASSERT_TRUE(ask(version));
-    EXPECT_FALSE(ask(1));
-    EXPECT_FALSE(ask(1000));
-    EXPECT_TRUE(ask(1001));
-    EXPECT_FALSE(ask(1001));
-    EXPECT_TRUE(ask(1000));
+    expectAThousandRemembered(
+        app, [&](const Process& process) { offer(process); }, 0);
 }
 
 }  // namespace

@@ -5,7 +5,40 @@
 namespace vantry {
 namespace {
 
-class LifecycleStory : public StoryTest {};
+class LifecycleStory : public StoryTest {
+protected:
+    static std::string stopOfProxy(int reason, int sessions) {
+        std::string ends;
+        for (int n = 0; n < sessions; ++n) ends += ended("<any>", 0);
+        return filled(R"(
+            proxy  info  [STOP] stopProxy() entered, reason: $reason
+            proxy  info  [STOP] Darwin observer removed
+            proxy  info  [STOP] Collected $sessions sessions to cancel
+            $ends
+            proxy  info  [STOP] All sessions cancelled
+            shared info  Coordinator state reset (proxy stopped)
+            proxy  info  [STOP] Coordinator state reset — filter now fail-open
+            proxy  info  [STOP] stopProxy() completionHandler called — shutdown complete
+            )",
+                      {{"$reason", std::to_string(reason)},
+                       {"$sessions", std::to_string(sessions)},
+                       {"$ends", ends}});
+    }
+    // A request and its answer; the lines that every one leaves, and those behind them.
+    void asks(const std::string& message, const std::string& reply, const std::string& type,
+              const std::string& lines = {}) {
+        EXPECT_EQ(world.message(message).text(), reply);
+        EXPECT_TRUE(happened(filled(R"(
+            proxy  info  Received app message: $size bytes
+            proxy  info  Decoded message type: $type
+            )",
+                                    {{"$size", std::to_string(message.size())}, {"$type", type}}) +
+                             lines));
+    }
+    void reloads(const std::string& message, const std::string& lines) {
+        asks(message, R"({"success":{}})", "reload", lines);
+    }
+};
 
 TEST_F(LifecycleStory, AFirstStartWithoutAnySource) {
     world.setPath({{"utun0", Interface::InterfaceType::other}});
@@ -26,27 +59,14 @@ TEST_F(LifecycleStory, AFirstStartWithoutAnySource) {
     EXPECT_EQ(state(),
               "watched [] blocked [] vpn up allow, no state received, sessions 0, settings 1");
     const auto flow = open(mail);
-    EXPECT_TRUE(happened(R"(
-        proxy  debug First flow handled at 1767225600.000 app=acme.mail
-        proxy  info  TCP flow: acme.mail, decision: vpn
-        proxy  debug   -> h:443
-        proxy  debug VPN path: bundleId=acme.mail dest=h:443 vpnConnected=true (OS handles)
-    )"));
+    EXPECT_TRUE(happened(firstFlow() + leftToTheSystem("acme.mail")));
     EXPECT_EQ(fates({flow}), Lines{"declined, passing"});
     EXPECT_EQ(recorded(), Lines{"acme.mail vpn vpn 10.8.0.2 h:443 tcp vpn"});
     EXPECT_EQ(world.files.permissions(activityLogFile), 0644);
     EXPECT_FALSE(world.files.exists(rulesFile));
 
     EXPECT_TRUE(world.stopProxy(platform::NEProviderStopReason::none).hasCome());
-    EXPECT_TRUE(happened(R"(
-        proxy  info  [STOP] stopProxy() entered, reason: 0
-        proxy  info  [STOP] Darwin observer removed
-        proxy  info  [STOP] Collected 0 sessions to cancel
-        proxy  info  [STOP] All sessions cancelled
-        shared info  Coordinator state reset (proxy stopped)
-        proxy  info  [STOP] Coordinator state reset — filter now fail-open
-        proxy  info  [STOP] stopProxy() completionHandler called — shutdown complete
-    )"));
+    EXPECT_TRUE(happened(stopOfProxy(0, 0)));
     EXPECT_EQ(world.network.monitors().cancelled, 1);
 }
 
@@ -119,8 +139,7 @@ TEST_F(LifecycleStory, AStartWhereFileAndConfigurationDisagree) {
     const auto blocked = open(world.application("Chat", "acme.chat"));
     const auto tunnel = open(world.application("Tunnel", "acme.tunnel"));
     const auto direct = open(world.application("News", "acme.news"));
-    EXPECT_TRUE(happened(R"(
-        proxy  debug First flow handled at 1767225600.000 app=acme.mail
+    EXPECT_TRUE(happened(firstFlow() + R"(
         proxy  info  TCP flow: acme.mail, decision: vpn
         proxy  debug   -> h:443
         proxy  error VPN fallback BLOCK (filter-enforced): acme.mail -> h:443
@@ -128,15 +147,7 @@ TEST_F(LifecycleStory, AStartWhereFileAndConfigurationDisagree) {
         proxy  info  BLOCK (filter-enforced): acme.chat TCP -> h:443
         filter info  BLOCK: acme.chat TCP -> h:443
         proxy  debug Protected VPN client, passing through: acme.tunnel
-        proxy  info  TCP flow: acme.news, decision: direct
-        proxy  debug   -> h:443
-        proxy  debug Binding to interface: en0
-        proxy  debug Direct proxy binding to en0 for acme.news -> h:443
-        proxy  debug remoteEndpoint: h type=hostname interface=en0
-        proxy  debug Session created: sid=1 flowHash=<any> bundleId=acme.news totalSessions=1
-        proxy  debug DIRECT path: bundleId=acme.news dest=h:443 handled=true interface=en0
-        proxy  debug sid=1 Connection ready, starting relay
-    )"));
+        )" + filled(relayed(1, 1), {{"acme.mail", "acme.news"}})));
     EXPECT_EQ(
         fates({held, blocked, tunnel, direct}),
         (Lines{"declined, dropped", "declined, dropped", "declined, passing", "claimed, open"}));
@@ -188,27 +199,12 @@ TEST_F(LifecycleStory, AStopWithSessionsAndStaggeredKillsPendingAndThenANewStart
     EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn up allow, sessions 0, settings 1");
     const auto watched = open(mail);
     EXPECT_TRUE(happened(leftToTheSystem("acme.mail") + "filter debug MONITORING flow: acme.mail"));
-    EXPECT_TRUE(rulesBecome({.word = "direct"}, 0, R"(
-        proxy  debug CHANGE vpn->direct: acme.mail
-        )" + nothingLeavesDirect() + R"(
-        proxy  debug Flushing declined flows: adding sentinel rule
-        shared info  Monitoring updated: +0 -1 total=0
-        )" + flushed()));
-    const auto kept = open(mail);
-    EXPECT_TRUE(happened(relayed(4, 1)));
+    EXPECT_TRUE(rulesBecome({.word = "direct"}, 0, comesToDirect()));
+    const std::vector<Flow> kept{open(mail), open(mail)};
+    EXPECT_TRUE(happened(relayed(4, 1) + relayed(5, 2)));
 
     EXPECT_TRUE(world.stopProxy().hasCome());
-    EXPECT_TRUE(happened(R"(
-        proxy  info  [STOP] stopProxy() entered, reason: 1
-        proxy  info  [STOP] Darwin observer removed
-        proxy  info  [STOP] Collected 1 sessions to cancel
-        )" + ended("4", 0) +
-                         R"(
-        proxy  info  [STOP] All sessions cancelled
-        shared info  Coordinator state reset (proxy stopped)
-        proxy  info  [STOP] Coordinator state reset — filter now fail-open
-        proxy  info  [STOP] stopProxy() completionHandler called — shutdown complete
-    )"));
+    EXPECT_TRUE(happened(stopOfProxy(1, 2)));
     EXPECT_EQ(state(),
               "watched [] blocked [] vpn up allow, no state received, sessions 0, settings 3");
     EXPECT_EQ(world.network.monitorsAtWork(), 0u);
@@ -226,7 +222,7 @@ TEST_F(LifecycleStory, AStopWithSessionsAndStaggeredKillsPendingAndThenANewStart
     EXPECT_TRUE(started.succeeded());
     EXPECT_TRUE(happened(startOfProxy(2) + endOfStart()));
     const auto fresh = open(mail);
-    EXPECT_TRUE(happened(firstFlow() + relayed(5, 1)));
+    EXPECT_TRUE(happened(firstFlow() + relayed(6, 1)));
     world.advance(0.049);
     EXPECT_TRUE(happened(""));
     world.advance(0.002);
@@ -234,9 +230,10 @@ TEST_F(LifecycleStory, AStopWithSessionsAndStaggeredKillsPendingAndThenANewStart
     world.advance(0.05);
     EXPECT_TRUE(happened(ended("<any>", 1)));
     EXPECT_EQ(fates(killed), Lines(3, "claimed, reset"));
-    EXPECT_EQ(fates({kept, fresh}), (Lines{"claimed, closed", "claimed, open"}));
+    EXPECT_EQ(fates({kept[0], kept[1], fresh}),
+              (Lines{"claimed, closed", "claimed, closed", "claimed, open"}));
     EXPECT_EQ(state(), "watched [] blocked [] vpn up allow, sessions 1, settings 4");
-    const Lines direct(5, "acme.mail direct direct 10.0.0.2 h:443 tcp vpn");
+    const Lines direct(6, "acme.mail direct direct 10.0.0.2 h:443 tcp vpn");
     auto records = direct;
     records.insert(records.begin() + 3, "acme.mail vpn vpn 10.8.0.2 h:443 tcp vpn");
     EXPECT_EQ(recorded(), records);
@@ -287,17 +284,9 @@ TEST_F(LifecycleStory, SleepAndWakeAcrossARulesChange) {
 // filter follows the old file. The file has the last word.
 TEST_F(LifecycleStory, AReloadByMessageAndThenByFile) {
     EXPECT_TRUE(begin({.word = "vpn"}));
-    EXPECT_EQ(world.message(R"({"type":"reload","rules":{"acme.mail":"direct"}})").text(),
-              R"({"success":{}})");
-    EXPECT_EQ(world.message(R"({"type":"getStatus"})").text(),
-              R"({"isActive":true,"ruleCount":1})");
-    EXPECT_TRUE(happened(R"(
-        proxy  info  Received app message: 48 bytes
-        proxy  info  Decoded message type: reload
-        proxy  info  Reloaded rules via IPC: 1 -> 1, default: vpn
-        proxy  info  Received app message: 20 bytes
-        proxy  info  Decoded message type: getStatus
-    )"));
+    const std::string toDirect = R"({"type":"reload","rules":{"acme.mail":"direct"}})";
+    reloads(toDirect, "proxy  info  Reloaded rules via IPC: 1 -> 1, default: vpn");
+    asks(R"({"type":"getStatus"})", R"({"isActive":true,"ruleCount":1})", "getStatus");
     EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn up allow, sessions 0, settings 1");
     const auto claimed = open(mail);
     EXPECT_TRUE(
@@ -305,27 +294,19 @@ TEST_F(LifecycleStory, AReloadByMessageAndThenByFile) {
     sendsAByte(claimed);
     EXPECT_EQ(claimed.received(), "x");
 
-    EXPECT_EQ(world.message(R"({"type":"reload","rules":{},"defaultAction":"odd"})").text(),
-              R"({"success":{}})");
-    EXPECT_EQ(world.message(R"({"type":"reload","defaultAction":"direct"})").text(),
-              R"({"success":{}})");
-    const auto odd = open(mail);
+    reloads(R"({"type":"reload","rules":{},"defaultAction":"odd"})",
+            "proxy  info  Reloaded rules via IPC: 1 -> 0, default: odd");
+    reloads(R"({"type":"reload","defaultAction":"direct"})",
+            "proxy  error Reload message had no rules, keeping existing 0 rules");
+    open(mail);
     EXPECT_TRUE(happened(R"(
-        proxy  info  Received app message: 50 bytes
-        proxy  info  Decoded message type: reload
-        proxy  info  Reloaded rules via IPC: 1 -> 0, default: odd
-        proxy  info  Received app message: 42 bytes
-        proxy  info  Decoded message type: reload
-        proxy  error Reload message had no rules, keeping existing 0 rules
         proxy  info  TCP flow: acme.mail, decision: odd
         proxy  debug   -> h:443
         proxy  debug VPN path: bundleId=acme.mail dest=h:443 vpnConnected=true (OS handles)
         filter debug MONITORING flow: acme.mail
     )"));
     EXPECT_EQ(fates({claimed}), Lines{"claimed, open"});
-    EXPECT_EQ(world.message(R"({"type":"reload","rules":{"acme.mail":"direct"}})").text(),
-              R"({"success":{}})");
-    world.takeLog();
+    reloads(toDirect, "proxy  info  Reloaded rules via IPC: 0 -> 1, default: vpn");
 
     rules = {.word = "direct"};  // what the message left
     EXPECT_TRUE(rulesBecome({.word = "block"}, 1, leavesDirect(1) + ended("1", 0)));
@@ -344,7 +325,7 @@ TEST_F(LifecycleStory, TheLogGrowsPastItsLimitWithTheFiltersRecordsDrainingIn) {
         open(news, std::to_string(port).c_str());
         return leftToTheSystem("acme.news", true, "h:" + std::to_string(port));
     };
-    std::string lines = "proxy  debug First flow handled at 1767225600.000 app=acme.news\n";
+    auto lines = filled(firstFlow(), {{"acme.mail", "acme.news"}});
     Lines entries;
     for (int port = 1; port <= 490; ++port) {
         lines += readsNews(port);
@@ -378,12 +359,8 @@ TEST_F(LifecycleStory, TheLogGrowsPastItsLimitWithTheFiltersRecordsDrainingIn) {
     entries.emplace_back("acme.news vpn vpn 10.8.0.2 h:1001 tcp vpn");
     EXPECT_EQ(recorded(), entries);
 
-    EXPECT_EQ(world.message(R"({"type":"clearActivityLog"})").text(), R"({"success":{}})");
+    asks(R"({"type":"clearActivityLog"})", R"({"success":{}})", "clearActivityLog");
     EXPECT_FALSE(world.files.exists(activityLogFile));
-    EXPECT_TRUE(happened(R"(
-        proxy  info  Received app message: 27 bytes
-        proxy  info  Decoded message type: clearActivityLog
-    )"));
     EXPECT_EQ(state(),
               "watched [acme.mail] blocked [acme.mail] vpn up allow, sessions 0, settings 1");
 }

@@ -103,7 +103,7 @@ protected:
                         consequences);
     }
     Flow open(const Process& app, const char* port = "443", Kind kind = Kind::tcp) {
-        auto flow = newFlow(app, port, kind);
+        auto flow = newFlow(app.signingIdentifier, app.auditToken(), NWHostEndpoint{"h", port}, kind);
         world.offer(flow);
         world.runUntilIdle();
         return flow;
@@ -188,6 +188,13 @@ protected:
             )",
                       {{"$sid", std::to_string(sid)}});
     }
+    // Its rule comes to the direct path, which it is no longer watched for.
+    static std::string comesToDirect() {
+        return "proxy  debug CHANGE vpn->direct: acme.mail\n" + nothingLeavesDirect() + R"(
+            proxy  debug Flushing declined flows: adding sentinel rule
+            shared info  Monitoring updated: +0 -1 total=0
+            )" + flushed();
+    }
     static std::string nothingLeavesDirect() {
         return R"(
             proxy  debug changedBundleIds count (direct->vpn): 0
@@ -237,13 +244,15 @@ protected:
     std::vector<std::string> recorded() {
         world.advance(2);
         std::vector<std::string> lines;
-        for (const auto& entry : logFileEntries())
+        for (const auto& entry : logFileEntries()) {
+            EXPECT_EQ(entry.appName, platform::lastComponent(entry.bundleId));
             lines.push_back(entry.bundleId + " " + entry.routingDecision + " " +
                             entry.actualRoute.value_or("-") + " " + entry.sourceIp.value_or("-") +
                             " " + entry.destinationIp.value_or("-") + ":" +
                             std::to_string(entry.destinationPort.value_or(0)) + " " +
                             entry.protocolType.value_or("-") +
                             (entry.isVpnConnected ? " vpn" : " no vpn"));
+        }
         return lines;
     }
 

@@ -9,18 +9,18 @@ class ActivityLogTest : public ProxyTest {
 protected:
     void SetUp() override { ASSERT_TRUE(world.start()); }
 
-    void record(const std::string& bundleId) {
-        world.offerToProxy(world.flow(
-            {.remoteEndpoint = NWHostEndpoint{"h", "1"}, .signingIdentifier = bundleId}));
-    }
     void leaveBlockRecord(const std::string& bundleId) {
         ActivityLogEntryIPC entry;
         entry.bundleId = bundleId;
         coordinator.recordQuicBlock(entry);
     }
-    std::vector<std::string> fileEntries() const {
-        std::vector<std::string> names;
-        for (const auto& entry : logFileEntries()) names.push_back(entry.bundleId);
+    std::string clear() {
+        return world.message(R"({"type":"clearActivityLog"})").text().value_or("");
+    }
+    // The applications in the file, each after a space.
+    std::string inFile() const {
+        std::string names;
+        for (const auto& entry : logFileEntries()) names += " " + entry.bundleId;
         return names;
     }
     std::size_t writes() const {
@@ -28,111 +28,89 @@ protected:
     }
 };
 
-TEST_F(ActivityLogTest, TheFirstEntryIsOnDiskAtOnceAndABurstIsWrittenOnceMore) {
-    record("first");
-    EXPECT_EQ(fileEntries(), std::vector<std::string>{"first"});
-    world.advance(0.2);
-    record("second");
-    world.advance(0.2);
-    record("third");
-    EXPECT_EQ(writes(), 1u);
-    world.advance(0.59);
-    EXPECT_EQ(writes(), 1u);
-    world.advance(0.02);
-    EXPECT_EQ(writes(), 2u);
-    EXPECT_EQ(fileEntries(), (std::vector<std::string>{"first", "second", "third"}));
-    world.advance(10);
-    EXPECT_EQ(writes(), 2u);  // no timer runs without an entry
-}
-
-TEST_F(ActivityLogTest, AnImmediateWriteLeavesAPendingOneAlone) {
-    record("a");
-    world.advance(0.5);
-    record("b");  // schedules a write in half a second
-    world.clock.jump(5);
-    record("c");  // the clock says that a write is due
-    EXPECT_EQ(writes(), 2u);
-    world.advance(0.6);
-    EXPECT_EQ(writes(), 3u);
-    EXPECT_EQ(fileEntries().size(), 3u);
-}
-
-TEST_F(ActivityLogTest, AClockSetBackLengthensTheDelay) {
-    record("a");
-    world.clock.jump(-100);
-    record("b");
-    record("c");
-    world.advance(100.5);
-    EXPECT_EQ(writes(), 1u);
-    world.advance(1);
-    EXPECT_EQ(writes(), 2u);
-    EXPECT_EQ(fileEntries().size(), 3u);
-}
-
-TEST_F(ActivityLogTest, TheFiltersRecordsSetNoWriteGoingAndAreDroppedByAStop) {
-    record("a");
+TEST_F(ActivityLogTest, AnEntryIsWrittenAtOnceOrWithOthersASecondAfterTheLastWrite) {
+    // What comes after so many seconds, and the number of writes then.
+    struct Step {
+        double seconds;
+        const char* recorded;
+        std::size_t writes;
+        double clockJumps = 0;
+    };
+    const Step steps[] = {
+        {0, "a", 1},      {0.2, "b", 1},       {0.2, "c", 1}, {0.59, "", 1},
+        {0.02, "", 2},    {1.1, "d", 3},       {0.5, "e", 3},  // is due in half a second
+        {0, "f", 4, 5.0},               // is due by the clock, which leaves the other write alone
+        {0.6, "", 5},     {10, "", 5},  // no timer runs without an entry
+        {0, "g", 6},      {0, "h", 6, -100.0},  // a clock set back lengthens the delay
+        {0, "i", 6},      {100.5, "", 6},      {1, "", 7},
+    };
+    for (const auto& step : steps) {
+        world.advance(step.seconds);
+        world.clock.jump(step.clockJumps);
+        if (*step.recorded) offer(step.recorded);
+        EXPECT_EQ(writes(), step.writes) << step.recorded << " after " << step.seconds;
+    }
+    EXPECT_EQ(inFile(), " a b c d e f g h i");
     leaveBlockRecord("late");
     world.advance(60);
-    EXPECT_EQ(fileEntries(), std::vector<std::string>{"a"});
-    record("b");
-    EXPECT_EQ(fileEntries(), (std::vector<std::string>{"a", "b", "late"}));
-    leaveBlockRecord("dropped");
-    world.stopProxy();
-    world.advance(2);
-    record("c");
-    EXPECT_EQ(fileEntries().back(), "c");
+    EXPECT_EQ(writes(), 7u);
+    offer("j");
+    EXPECT_EQ(inFile(), " a b c d e f g h i j late");
 }
 
 TEST_F(ActivityLogTest, AFailedWriteCountsForTheThrottleAndAModeThatCannotBeSetIsSilent) {
     world.files.fail(FileOperation::writeAtomically, activityLogFile);
-    leaveBlockRecord("block");
-    record("a");
+    offer("a");
     world.advance(0.5);
-    record("b");
+    offer("b");
     EXPECT_EQ(writes(), 1u);
     EXPECT_FALSE(world.files.exists(activityLogFile));
     world.advance(1);
-    EXPECT_EQ(fileEntries(), (std::vector<std::string>{"a", "block", "b"}));
+    EXPECT_EQ(inFile(), " a b");
 
     world.files.fail(FileOperation::setPermissions, activityLogFile);
     world.advance(2);
     world.takeLog();
-    record("c");
-    EXPECT_EQ(fileEntries().size(), 4u);
+    offer("c");
+    EXPECT_EQ(inFile(), " a b c");
     for (const auto& line : world.takeLog())
         EXPECT_NE(line.level, platform::LogLevel::error) << line;
 
     // A name that is no UTF-8 cannot be written, and keeps the file from being.
     world.advance(2);
-    record("\xff");
-    EXPECT_EQ(fileEntries().size(), 4u);
+    offer("\xff");
+    EXPECT_EQ(inFile(), " a b c");
     EXPECT_TRUE(logHolds(world, {error("Failed to write activity log file: The activity log cannot "
                                        "be expressed as JSON")}));
 }
 
 TEST_F(ActivityLogTest, ClearingEmptiesTheListAndAScheduledWriteMakesTheFileAgain) {
-    record("a");
-    record("b");
+    offer("a");
+    offer("b");
     leaveBlockRecord("block");
-    const auto reply = world.message(R"({"type":"clearActivityLog"})");
-    EXPECT_EQ(reply.text(), R"({"success":{}})");
+    EXPECT_EQ(clear(), R"({"success":{}})");
     EXPECT_FALSE(world.files.exists(activityLogFile));
     world.advance(1);
-    EXPECT_EQ(fileEntries(), std::vector<std::string>{"block"});
-    world.message(R"({"type":"clearActivityLog"})");
-    EXPECT_EQ(world.message(R"({"type":"clearActivityLog"})").text(), R"({"success":{}})");
-    record("c");
-    world.message(R"({"type":"clearActivityLog"})");
+    EXPECT_EQ(inFile(), " block");
+    clear();
+    EXPECT_EQ(clear(), R"({"success":{}})");
+    offer("c");
+    clear();
     world.advance(2);
     EXPECT_EQ(world.files.contents(activityLogFile), R"({"entries":[]})");
-}
-
-TEST_F(ActivityLogTest, ADeferredWriteDoesNotKeepTheProvider) {
-    record("a");
-    record("b");
+    // A removal that fails is silent.
+    world.files.fail(FileOperation::remove, activityLogFile);
+    world.takeLog();
+    EXPECT_EQ(clear(), R"({"success":{}})");
+    EXPECT_EQ(world.takeLog().size(), 2u);
+    EXPECT_TRUE(world.files.exists(activityLogFile));
+    // A deferred write does not keep the provider.
+    offer("d");
+    offer("e");
+    const auto before = writes();
     world.providers.letGoOfProxy();
     world.advance(5);
-    EXPECT_EQ(writes(), 1u);
+    EXPECT_EQ(writes(), before);
 }
 
 }  // namespace

@@ -7,13 +7,8 @@ namespace {
 
 class FlowIntakeTest : public StoryTest {
 protected:
-    bool offerToProxy(RemoteEndpoint endpoint, Kind kind = Kind::tcp,
-                      const char* signingIdentifier = "acme.mail") {
-        return world
-            .offerToProxy(world.flow({.kind = kind,
-                                      .remoteEndpoint = std::move(endpoint),
-                                      .signingIdentifier = signingIdentifier}))
-            .claimed;
+    bool offerToProxy(RemoteEndpoint to, Kind kind = Kind::tcp, const char* app = "acme.mail") {
+        return offer(app, std::nullopt, std::move(to), kind);
     }
 };
 
@@ -40,7 +35,7 @@ TEST_F(FlowIntakeTest, AFlowWithoutAUsableEndpointIsRoutedByItsApplicationAlone)
         proxy  debug DIRECT path: bundleId=acme.mail dest=h:70000 handled=false interface=en0
         )" + relayed(1, 1)));
     world.setPath({});
-    changeRules(Rules{.word = "odd", .isVpnUp = false}.document());
+    changeRules(Rules{.word = "odd", .isVpnUp = false, .vpnFallback = "Block"}.document());
     EXPECT_FALSE(offerToProxy(std::monostate{}));
     EXPECT_EQ(recorded(),
               (std::vector<std::string>{"acme.mail direct vpn 10.8.0.2 unknown:0 tcp no vpn",
@@ -105,7 +100,7 @@ TEST_F(FlowIntakeTest, WithoutAnInterfaceTheFallbackDecides) {
     world.setPath({});
     putRules(Rules{.word = "direct"}.document());
     ASSERT_TRUE(world.start());
-    auto failing = newFlow(mail);
+    auto failing = newFlow("acme.mail");
     failing.failsOpening({"test", 1, "gone"});
     world.offer(failing);
     world.runUntilIdle();

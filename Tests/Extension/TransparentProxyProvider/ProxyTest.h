@@ -66,36 +66,56 @@ protected:
         world.runUntilIdle();
     }
 
+    // A flow of this application to host "h"; not yet offered.
+    Flow newFlow(const std::string& signingIdentifier, std::optional<Data> auditToken = {},
+                 RemoteEndpoint to = NWHostEndpoint{"h", "443"},
+                 FlowDescription::Kind kind = FlowDescription::Kind::tcp) const {
+        return Flow({.kind = kind,
+                     .remoteEndpoint = std::move(to),
+                     .signingIdentifier = signingIdentifier,
+                     .auditToken = std::move(auditToken)});
+    }
+    // Whether the proxy claims such a flow.
+    template <class... About>
+    bool offer(const std::string& signingIdentifier, About&&... about) {
+        return world.offerToProxy(newFlow(signingIdentifier, std::forward<About>(about)...))
+            .claimed;
+    }
     // The name and the decision that a TCP flow is routed by, read off its log line; nothing if it is
     // left alone before that.
     struct Routed {
         std::string bundleId, decision;
     };
-    std::optional<Routed> routed(const std::string& signingIdentifier,
-                                 std::optional<Data> auditToken = {}) {
+    Routed routed(const std::string& signingIdentifier, std::optional<Data> auditToken = {}) {
         world.takeLog();
-        world.offerToProxy(world.flow({.remoteEndpoint = NWHostEndpoint{"h", "1"},
-                                       .signingIdentifier = signingIdentifier,
-                                       .auditToken = std::move(auditToken)}));
+        offer(signingIdentifier, std::move(auditToken));
         for (const auto& line : world.takeLog(proxyCategory)) {
             if (line.format == "TCP flow: %{public}s, decision: %{public}s")
-                return Routed{line.arguments[0], line.arguments[1]};
+                return {line.arguments[0], line.arguments[1]};
             if (line.format == "BLOCK (filter-enforced): %{public}s TCP -> %{public}s:%s")
-                return Routed{line.arguments[0], "block"};
+                return {line.arguments[0], "block"};
         }
-        return std::nullopt;
+        return {};
     }
     std::string decisionOf(const std::string& signingIdentifier) {
-        return routed(signingIdentifier).value_or(Routed()).decision;
+        return routed(signingIdentifier).decision;
     }
 
-    // A flow of this application to host "h"; not yet offered.
-    Flow newFlow(const Process& app, const std::string& port = "443",
-                 FlowDescription::Kind kind = FlowDescription::Kind::tcp) const {
-        return Flow({.kind = kind,
-                     .remoteEndpoint = NWHostEndpoint{"h", port},
-                     .signingIdentifier = app.signingIdentifier,
-                     .auditToken = app.auditToken()});
+    // Whoever asks for a flow's owner remembers a thousand of them, and then none of those. One that is
+    // remembered costs this many questions.
+    template <class Ask>
+    void expectAThousandRemembered(Process process, Ask ask, std::size_t questions) {
+        const auto isNew = [&](std::uint32_t version) {
+            process.version = version;
+            world.processes.forgetQuestions();
+            ask(process);
+            return world.processes.questions() > questions;
+        };
+        for (std::uint32_t version = 1; version <= 1000; ++version) ASSERT_TRUE(isNew(version));
+        EXPECT_FALSE(isNew(1) || isNew(1000));
+        EXPECT_TRUE(isNew(1001));
+        EXPECT_FALSE(isNew(1001));
+        EXPECT_TRUE(isNew(1000) && isNew(1));
     }
     // The entries of the log file as it stands.
     std::vector<ActivityLogEntryIPC> logFileEntries() const {
