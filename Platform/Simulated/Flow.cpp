@@ -89,11 +89,6 @@ void Flow::failsNextWrite(NSError error) { socket()->failNextWrite(std::move(err
 
 // What became of it.
 
-std::vector<Offer> Flow::offers() const {
-    const MutexGuard guard(state->mutex);
-    return state->offers;
-}
-
 Offer Flow::lastOffer() const {
     const MutexGuard guard(state->mutex);
     return state->offers.empty() ? Offer() : state->offers.back();
@@ -104,11 +99,6 @@ std::string Flow::received() const { return socket()->receivedByApplication(); }
 bool Flow::isEnded() const {
     const MutexGuard guard(state->mutex);
     return state->isEnded;
-}
-
-std::vector<NEFilterDataVerdict> Flow::dataVerdicts() const {
-    const MutexGuard guard(state->mutex);
-    return state->dataVerdicts;
 }
 
 ApplicationSocket::Record Flow::record() const { return socket()->record(); }
@@ -149,7 +139,6 @@ Offer Flows::offer(const Flow& flow) {
 }
 
 Offer Flows::offerToProxy(const Flow& flow) { return show(*flow.state, true, false); }
-Offer Flows::offerToFilter(const Flow& flow) { return show(*flow.state, false, true); }
 
 Offer Flows::show(Flow::State& state, bool toProxy, bool toFilter) {
     std::shared_ptr<ApplicationSocket> socket;
@@ -159,8 +148,6 @@ Offer Flows::show(Flow::State& state, bool toProxy, bool toFilter) {
         socket = state.socket;
     }
     Offer offer;
-    offer.wasShownToProxy = toProxy;
-    offer.wasShownToFilter = toFilter;
     socket->holdOpening();
     // Held until the proxy's answer is known to its other side: a declined object is let go then.
     const auto object = toProxy ? makeProxyFlow(state.description, socket) : nullptr;
@@ -235,7 +222,6 @@ std::optional<NEFilterDataVerdict> Flows::showBytes(Flow::State& state, std::str
         *state.filterFlow, offset, makeFlowBytes(std::move(bytes)));
     checkNoLockIsHeld("handleOutboundData");
     const MutexGuard guard(state.mutex);
-    state.dataVerdicts.push_back(verdict);
     switch (verdict.kind) {
         case NEFilterDataVerdict::Kind::drop:
             end(state);

@@ -34,9 +34,7 @@ struct FlowDescription {
 
 // How a flow was shown to the providers, and what they said.
 struct Offer {
-    bool wasShownToProxy = false;
     bool claimed = false;
-    bool wasShownToFilter = false;
     std::optional<NEFilterNewFlowVerdict> verdict = {};
 
     bool dropped() const { return verdict && verdict->kind == NEFilterNewFlowVerdict::Kind::drop; }
@@ -64,7 +62,6 @@ public:
     void failsNextWrite(NSError error);
 
     // What became of it.
-    std::vector<Offer> offers() const;
     Offer lastOffer() const;
     bool isClaimed() const { return lastOffer().claimed; }
     // Bytes that the application has been given.
@@ -72,13 +69,9 @@ public:
     // True once the filter dropped it, at its start or at a byte, or a new offer claimed or dropped
     // it: the application's socket has failed.
     bool isEnded() const;
-    std::vector<NEFilterDataVerdict> dataVerdicts() const;
 
     // What the proxy did with it.
     ApplicationSocket::Record record() const;
-    // Every error, or none, that a direction was closed with, in order.
-    std::vector<ApplicationSocket::Close> readCloses() const { return record().readCloses; }
-    std::vector<ApplicationSocket::Close> writeCloses() const { return record().writeCloses; }
     bool isClosed() const;
     // Both directions closed, each exactly once and without an error (with this error).
     bool isClosedOnceCleanly() const;
@@ -106,7 +99,6 @@ private:
         std::int64_t offset GUARDED_BY(mutex) = 0;
         std::size_t peekBytes GUARDED_BY(mutex) = 0;
         std::string unpassed GUARDED_BY(mutex);
-        std::vector<NEFilterDataVerdict> dataVerdicts GUARDED_BY(mutex);
     };
     void socketDoes(const char* label, std::function<void(ApplicationSocket&)> step);
 
@@ -120,7 +112,6 @@ public:
     Offer offer(const Flow& flow);
     // Shows it to one provider, whatever the settings.
     Offer offerToProxy(const Flow& flow);
-    Offer offerToFilter(const Flow& flow);
     // Has the application send bytes now, on the caller's thread. Gives what the filter said, or
     // nothing if it was not asked. A declined flow that is due to be offered again is.
     std::optional<NEFilterDataVerdict> outbound(const Flow& flow, std::string bytes);

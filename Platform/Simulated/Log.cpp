@@ -174,7 +174,6 @@ void Logger::write(LogLevel level, std::string_view format,
         }
     }
     line.text = formatLogLine(format, arguments, false);
-    line.redactedText = formatLogLine(format, arguments, true);
     simulated::machine().log.append(std::move(line));
 }
 

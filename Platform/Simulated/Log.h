@@ -24,7 +24,6 @@ struct LogLine {
     std::string format;
     std::vector<std::string> arguments;  // each as it shows in the text
     std::string text;                    // in full, nothing redacted
-    std::string redactedText;            // as a store shows it that hides what is not public
 };
 
 // What a test expects of a line. "<any>" in the text stands for any run of characters, an empty

@@ -33,7 +33,6 @@ void CFNotificationCenter::deliver(const std::string& name) {
         {
             const MutexGuard guard(mutex);
             if (!isStillRegistered(registration.number)) continue;
-            ++calls;
             callUnderWay = Call{registration.observer, std::this_thread::get_id()};
         }
         registration.callback(*this, registration.observer, name, nullptr, nullptr);
@@ -64,16 +63,6 @@ std::vector<CFNotificationCenter::Registration> CFNotificationCenter::observersO
 bool CFNotificationCenter::isStillRegistered(std::uint64_t number) const {
     return std::any_of(registrations.begin(), registrations.end(),
                        [&](const auto& registration) { return registration.number == number; });
-}
-
-std::size_t CFNotificationCenter::observerCount(std::string_view name) const {
-    const MutexGuard guard(mutex);
-    return observersOf(name).size();
-}
-
-std::size_t CFNotificationCenter::deliveryCount() const {
-    const MutexGuard guard(mutex);
-    return calls;
 }
 
 void CFNotificationCenter::add(void* observer, CFNotificationCallback callback,

@@ -24,10 +24,6 @@ public:
     CFNotificationCenter& operator=(const CFNotificationCenter&) = delete;
 
     void post(std::string_view name);
-    // How many registrations there are for a name.
-    std::size_t observerCount(std::string_view name) const;
-    // How often an observer was called.
-    std::size_t deliveryCount() const;
 
     // The core's side.
     void add(void* observer, CFNotificationCallback callback, std::string_view name);
@@ -64,7 +60,6 @@ private:
     std::optional<Call> callUnderWay GUARDED_BY(mutex);
     std::condition_variable_any callEnded;
     std::uint64_t lastNumber GUARDED_BY(mutex) = 0;
-    std::size_t calls GUARDED_BY(mutex) = 0;
 };
 
 }  // namespace platform

@@ -240,7 +240,7 @@ void NWConnection::Implementation::receive(std::size_t minimum, std::size_t maxi
     const MutexGuard guard(mutex);
     ++done.receives;
     if (isReceiveOutstanding) return breach("a receive is called while one is outstanding");
-    if (maximum == 0 || minimum > maximum) return breach("a receive is called with bad lengths");
+    if (minimum == 0 || minimum > maximum) return breach("a receive is called with bad lengths");
     isReceiveOutstanding = true;
     pendingReceive = PendingReceive{minimum, maximum, std::move(completion)};
     serveReceive();

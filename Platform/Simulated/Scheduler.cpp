@@ -126,7 +126,6 @@ void Scheduler::finish(const Event& event) {
 }
 
 void Scheduler::record(const Event& event) {
-    ++eventCount;
     const auto mix = [this](std::uint64_t value)
                          REQUIRES(mutex) { traceHash = (traceHash ^ value) * 1099511628211u; };
     mix(event.number);
@@ -255,11 +254,6 @@ std::uint64_t Scheduler::draw(std::uint64_t bound) {
 
 bool Scheduler::takesLiberty(std::uint64_t chances) {
     return options.order != Order::asQueued && draw(chances) == 0;
-}
-
-std::uint64_t Scheduler::eventsRun() const {
-    const MutexGuard guard(mutex);
-    return eventCount;
 }
 
 std::uint64_t Scheduler::fingerprint() const {

@@ -83,8 +83,7 @@ public:
     // exact sequence. For the liberties that a contract allows.
     bool takesLiberty(std::uint64_t chances);
 
-    // How many events ran, and a number that stands for which ones, in which order and when.
-    std::uint64_t eventsRun() const;
+    // A number that stands for which events ran, in which order and when.
     std::uint64_t fingerprint() const;
     // The labels of the last events, oldest first.
     std::vector<std::string> recentEvents() const;
@@ -136,7 +135,6 @@ private:
     std::unordered_map<Lane, LaneState> lanes GUARDED_BY(mutex);
     std::size_t running GUARDED_BY(mutex) = 0;
     bool hasEnded GUARDED_BY(mutex) = false;
-    std::uint64_t eventCount GUARDED_BY(mutex) = 0;
     std::uint64_t traceHash GUARDED_BY(mutex) = 14695981039346656037u;
     std::deque<std::pair<double, const char*>> trace GUARDED_BY(mutex);
 

@@ -81,7 +81,6 @@ public:
     Flow flow(FlowDescription description) { return Flow(std::move(description)); }
     Offer offer(const Flow& flow) { return flows.offer(flow); }
     Offer offerToProxy(const Flow& flow) { return flows.offerToProxy(flow); }
-    Offer offerToFilter(const Flow& flow) { return flows.offerToFilter(flow); }
     std::optional<NEFilterDataVerdict> outbound(const Flow& flow, std::string bytes) {
         return flows.outbound(flow, std::move(bytes));
     }

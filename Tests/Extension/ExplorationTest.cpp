@@ -16,8 +16,7 @@
 namespace vantry {
 namespace {
 
-using platform::UUID;
-using ConnectionState = platform::NWConnection::State::Kind;
+using ConnectionState = NWConnection::State::Kind;
 
 const NSError refused{"test", 1, "no"};
 const std::string lastWords = "bye";
@@ -38,12 +37,16 @@ public:
     }
 
 private:
-    // The table has an entry for every live session that no kill has taken, and no other.
+    // The table has an entry for every live session that no kill has taken, and no other. A session says
+    // nothing after its end.
     void checkSessions(const ProxyProbe& proxy, const std::vector<LogLine>& lines) {
         const auto table = proxy.table();
         for (const auto& [sid, session] : table) known.emplace(sid, session);
-        for (const auto& line : lines)
+        for (const auto& line : lines) {
             if (line.format.starts_with("Scheduling ")) taken.insert(std::stoll(line.arguments[0]));
+            if (!line.format.starts_with("sid=%ld ")) continue;
+            EXPECT_TRUE(known.contains(std::stoll(line.arguments[0]))) << line;
+        }
         for (auto entry = known.begin(); entry != known.end();) {
             const auto& [sid, observed] = *entry;
             const auto session = observed.lock();
@@ -235,7 +238,7 @@ private:
         for (const auto& [flow, sent] : flows) {
             if (!flow.lastOffer().watched() || flow.isEnded()) continue;
             const auto verdict = world.outbound(flow, "x");
-            EXPECT_TRUE(verdict && verdict->kind == platform::NEFilterDataVerdict::Kind::drop);
+            EXPECT_TRUE(verdict && verdict->kind == NEFilterDataVerdict::Kind::drop);
             invariants.check();
         }
     }
@@ -306,7 +309,7 @@ private:
     Invariants invariants;
     std::vector<Process> apps;
     std::vector<std::pair<Flow, std::string>> flows;  // and what each has sent
-    std::vector<platform::simulated::Outcome> starts;
+    std::vector<Outcome> starts;
     bool isRunning = false;
 };
 

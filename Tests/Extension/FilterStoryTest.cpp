@@ -12,8 +12,6 @@
 namespace vantry {
 namespace {
 
-using platform::NEFilterDataVerdict;
-using platform::NEFilterNewFlowVerdict;
 using Set = std::set<std::string>;
 
 const auto identifiers = [] {

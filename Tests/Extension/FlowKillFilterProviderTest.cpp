@@ -6,9 +6,6 @@
 namespace vantry {
 namespace {
 
-using platform::NEFilterDataVerdict;
-using platform::NEFilterNewFlowVerdict;
-
 const auto allow = NEFilterNewFlowVerdict::allowVerdict();
 const auto drop = NEFilterNewFlowVerdict::dropVerdict();
 
@@ -38,8 +35,8 @@ TEST_F(FilterTest, StartAsksForEveryFlowAndReportsTheOutcomeAndStopTouchesNothin
     const auto settings = world.providers.filterSettings.inForce();
     ASSERT_TRUE(settings);
     EXPECT_TRUE(settings->rules.empty());
-    EXPECT_EQ(settings->defaultAction, platform::NEFilterAction::filterData);
-    EXPECT_TRUE(world.stopFilter(platform::NEProviderStopReason::superceded).succeeded());
+    EXPECT_EQ(settings->defaultAction, NEFilterAction::filterData);
+    EXPECT_TRUE(world.stopFilter(NEProviderStopReason::superceded).succeeded());
     EXPECT_TRUE(coordinator.shouldBlockFlow("com.example.App"));
 
     const NSError refused{"test", 7, "not now"};

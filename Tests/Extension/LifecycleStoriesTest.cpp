@@ -65,7 +65,7 @@ TEST_F(LifecycleStory, AFirstStartWithoutAnySource) {
     EXPECT_EQ(world.files.permissions(activityLogFile), 0644);
     EXPECT_FALSE(world.files.exists(rulesFile));
 
-    EXPECT_TRUE(world.stopProxy(platform::NEProviderStopReason::none).hasCome());
+    EXPECT_TRUE(world.stopProxy(NEProviderStopReason::none).hasCome());
     EXPECT_TRUE(happened(stopOfProxy(0, 0)));
     EXPECT_EQ(world.network.monitors().cancelled, 1);
 }
@@ -248,27 +248,49 @@ TEST_F(LifecycleStory, SleepAndWakeAcrossARulesChange) {
     world.preferences.setProviderConfiguration(
         R"({"rules":{"acme.mail":"direct"},"vpnConnected":true})");
     putRules(Rules{.word = "vpn"}.document());
-    world.wake();
-    world.runUntilIdle();
-    EXPECT_TRUE(happened(R"(
-        proxy  info  System waking...
-        shared info  VPN state updated: connected=true fallback=block firstInit=false
-        proxy  info  Loaded 1 routing rules from config, default: vpn, blocked: 0
-        proxy  info  Fallback settings from config: vpn=block, direct=block
-        proxy  info  Physical interface detected: en0 (wifi)
-    )"));
+    const auto wakes = [&](const std::string& isVpnUp) {
+        world.wake();
+        world.runUntilIdle();
+        EXPECT_TRUE(happened(filled(R"(
+            proxy  info  System waking...
+            shared info  VPN state updated: connected=$up fallback=block firstInit=false
+            proxy  info  Loaded 1 routing rules from config, default: vpn, blocked: 0
+            proxy  info  Fallback settings from config: vpn=block, direct=block
+            proxy  info  Physical interface detected: en0 (wifi)
+            )",
+                                    {{"$up", isVpnUp}})));
+    };
+    wakes("true");
     EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn up block, sessions 0, settings 1");
     EXPECT_EQ(world.network.monitors().letGoWithoutCancel, 1);
     EXPECT_EQ(world.network.monitors().cancelled, 0);
-    const auto claimed = open(mail);
+    const std::string watched = "filter debug MONITORING flow: acme.mail";
+    const auto claimed = open(mail), dropped = open(mail);
     EXPECT_TRUE(
-        happened(firstFlow() + relayed(1, 1, "en0", "filter debug MONITORING flow: acme.mail")));
+        happened(firstFlow() + relayed(1, 1, "en0", watched) + relayed(2, 2, "en0", watched)));
+
+    // The filter ends claimed flows, at a byte or before they are opened, as it does others.
+    world.preferences.setProviderConfiguration(R"({"vpnConnected":false})");
+    wakes("false");
+    sendsAByte(dropped);
+    const auto held = open(mail);
+    EXPECT_TRUE(
+        happened("filter info  VPN FALLBACK DROP: acme.mail offset=0\n" + ended("2", 1) +
+                 filled(relayed(3, 2, "en0", "filter info  VPN BLOCK: acme.mail TCP -> h:443"),
+                        {{"debug sid=3 Connection ready, starting relay",
+                          "error Failed to open TCP flow: The flow was ended by the filter"}}) +
+                 ended("3", 1)));
+    EXPECT_EQ(fates({claimed, dropped, held}),
+              (Lines{"claimed, open", "claimed, closed", "claimed, closed"}));
 
     rules = {.word = "direct"};  // what the configuration left
     EXPECT_TRUE(rulesBecome({.word = "vpn"}, 1, leavesDirect(1) + ended("1", 0)));
     EXPECT_EQ(fates({claimed}), Lines{"claimed, reset"});
     EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn up allow, sessions 0, settings 1");
-    EXPECT_EQ(recorded(), Lines{"acme.mail direct direct 10.0.0.2 h:443 tcp vpn"});
+    EXPECT_EQ(recorded(), (Lines{"acme.mail direct direct 10.0.0.2 h:443 tcp vpn",
+                                 "acme.mail direct direct 10.0.0.2 h:443 tcp vpn",
+                                 "acme.mail direct direct 10.0.0.2 h:443 tcp no vpn",
+                                 "acme.mail vpn blocked - h:443 tcp no vpn"}));
 
     world.preferences.setProtocolConfiguration(nullptr);
     world.wake();

@@ -103,7 +103,8 @@ protected:
                         consequences);
     }
     Flow open(const Process& app, const char* port = "443", Kind kind = Kind::tcp) {
-        auto flow = newFlow(app.signingIdentifier, app.auditToken(), NWHostEndpoint{"h", port}, kind);
+        auto flow =
+            newFlow(app.signingIdentifier, app.auditToken(), NWHostEndpoint{"h", port}, kind);
         world.offer(flow);
         world.runUntilIdle();
         return flow;
@@ -170,6 +171,23 @@ protected:
                        {"$total", std::to_string(sessions)},
                        {"$filter", linesOfFilter}});
     }
+    // A flow of acme.mail for the direct path that has no interface.
+    static std::string leftWithoutInterface(const std::string& fallback, const std::string& port,
+                                            bool givesNotice) {
+        return filled(
+            R"(
+            proxy  info  TCP flow: acme.mail, decision: direct
+            proxy  debug   -> h:$port
+            proxy  debug Direct fallback triggered: behavior=$fallback bundleId=acme.mail
+            proxy  error No physical interface, falling back to VPN per fallback setting: acme.mail
+            $notice
+            proxy  debug DIRECT path: bundleId=acme.mail dest=h:$port handled=false interface=none
+            )",
+            {{"$fallback", fallback},
+             {"$port", port},
+             {"$notice",
+              givesNotice ? "proxy  error Direct connection failed for acme.mail -> h" : ""}});
+    }
     static std::string ended(const std::string& sid, int remaining) {
         return filled(
             "proxy  debug Session ended: sid=$sid flowHash=<any> bundleId=acme.mail "
@@ -193,7 +211,8 @@ protected:
         return "proxy  debug CHANGE vpn->direct: acme.mail\n" + nothingLeavesDirect() + R"(
             proxy  debug Flushing declined flows: adding sentinel rule
             shared info  Monitoring updated: +0 -1 total=0
-            )" + flushed();
+            )" +
+               flushed();
     }
     static std::string nothingLeavesDirect() {
         return R"(
@@ -245,7 +264,7 @@ protected:
         world.advance(2);
         std::vector<std::string> lines;
         for (const auto& entry : logFileEntries()) {
-            EXPECT_EQ(entry.appName, platform::lastComponent(entry.bundleId));
+            EXPECT_EQ(entry.appName, lastComponent(entry.bundleId));
             lines.push_back(entry.bundleId + " " + entry.routingDecision + " " +
                             entry.actualRoute.value_or("-") + " " + entry.sourceIp.value_or("-") +
                             " " + entry.destinationIp.value_or("-") + ":" +
@@ -310,10 +329,8 @@ private:
             {"proxy", proxyCategory},
             {"filter", "FlowKillFilter"},
             {"shared", "FlowKillCoordinator"}};
-        static const std::map<std::string_view, platform::LogLevel> levels{
-            {"debug", platform::LogLevel::debug},
-            {"info ", platform::LogLevel::info},
-            {"error", platform::LogLevel::error}};
+        static const std::map<std::string_view, LogLevel> levels{
+            {"debug", LogLevel::debug}, {"info ", LogLevel::info}, {"error", LogLevel::error}};
         std::vector<ExpectedLine> lines;
         while (!text.empty()) {
             auto line = text.substr(0, text.find('\n'));

@@ -73,8 +73,7 @@ TEST_F(ActivityLogTest, AFailedWriteCountsForTheThrottleAndAModeThatCannotBeSetI
     world.takeLog();
     offer("c");
     EXPECT_EQ(inFile(), " a b c");
-    for (const auto& line : world.takeLog())
-        EXPECT_NE(line.level, platform::LogLevel::error) << line;
+    for (const auto& line : world.takeLog()) EXPECT_NE(line.level, LogLevel::error) << line;
 
     // A name that is no UTF-8 cannot be written, and keeps the file from being.
     world.advance(2);

@@ -6,8 +6,6 @@
 namespace vantry {
 namespace {
 
-using platform::simulated::InterfaceAddress;
-
 class NetworkPathTest : public ProxyTest {
 protected:
     void SetUp() override {

@@ -16,29 +16,9 @@
 
 namespace vantry {
 
-// The words of the platform that tests use.
-using platform::Data;
-using platform::Date;
-using platform::NSError;
-using platform::NWHostEndpoint;
-using platform::NWInterface;
-using platform::NWOtherEndpoint;
-using platform::RemoteEndpoint;
-using platform::simulated::debug;
-using platform::simulated::error;
-using platform::simulated::ExpectedLine;
-using platform::simulated::FileOperation;
-using platform::simulated::Flow;
-using platform::simulated::FlowDescription;
-using platform::simulated::holdsForSeeds;
-using platform::simulated::info;
-using platform::simulated::linesAre;
-using platform::simulated::logIs;
-using platform::simulated::LogLine;
-using platform::simulated::makeAuditToken;
-using platform::simulated::Order;
-using platform::simulated::Process;
-using platform::simulated::World;
+// Tests speak the platform's words.
+using namespace platform;
+using namespace platform::simulated;
 
 inline constexpr const char* rulesFile = "/tmp/org.quillmere.Vantry.rules.json";
 inline constexpr const char* activityLogFile = "/tmp/org.quillmere.Vantry.activitylog.json";
@@ -47,7 +27,7 @@ inline constexpr const char* proxyCategory = "TransparentProxy";
 
 // What the application sees of a session that is ended gracefully.
 inline NSError peerReset() {
-    return {platform::NEAppProxyErrorDomain, platform::NEAppProxyFlowErrorPeerReset,
+    return {NEAppProxyErrorDomain, NEAppProxyFlowErrorPeerReset,
             "The application's peer reset the flow"};
 }
 

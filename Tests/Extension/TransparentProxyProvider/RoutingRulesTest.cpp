@@ -7,23 +7,12 @@
 namespace vantry {
 namespace {
 
-class RoutingRulesTest : public ProxyTest {
-protected:
-    void SetUp() override { ASSERT_TRUE(world.start()); }
-    ProxyProbe proxy() { return ProxyProbe(*world.proxy()); }
-};
-
-struct Expectation {
-    std::string bundleId;
-    std::string decision;
-};
-struct Case {
-    std::string rules;
-    std::vector<Expectation> expectations;
-};
+using RoutingRulesTest = ProxyTest;
 
 TEST_F(RoutingRulesTest, AnswersInTheOrderOfItsSteps) {
-    const std::vector<Case> cases{
+    ASSERT_TRUE(world.start());
+    using Decisions = std::map<std::string, std::string>;
+    const std::pair<std::string, Decisions> cases[] = {
         {R"({"rules":{},"defaultAction":"direct","blockedApps":["x.y"]})",
          {{"a", "direct"}, {"a.b.c", "direct"}, {"x.y", "block"}}},
         // Blocked outright goes before a rule; blocking a parent prefix does not reach the child.
@@ -48,12 +37,12 @@ TEST_F(RoutingRulesTest, AnswersInTheOrderOfItsSteps) {
         {R"({"rules":{"a":"block","b":"Direct","c":""},"defaultAction":"odd"})",
          {{"a", "block"}, {"b", "Direct"}, {"c", ""}, {"d", "odd"}}},
     };
-    for (const auto& test : cases) {
+    for (const auto& [rules, decisions] : cases) {
         changeRules(R"({"rules":{},"defaultAction":"vpn","blockedApps":[]})");
-        changeRules(test.rules);
-        for (const auto& [bundleId, decision] : test.expectations)
-            EXPECT_EQ(proxy().getRoutingDecision(bundleId), decision)
-                << bundleId << " under " << test.rules;
+        changeRules(rules);
+        for (const auto& [bundleId, decision] : decisions)
+            EXPECT_EQ(ProxyProbe(*world.proxy()).getRoutingDecision(bundleId), decision)
+                << bundleId << " under " << rules;
     }
 }
 

@@ -122,7 +122,7 @@ TEST_F(RuleChangesTest, ARequestDuringAFlushIsDropped) {
                                         "Clean settings restored, NECP policy active"}));
     const auto calls = world.providers.proxySettings.calls();
     ASSERT_EQ(calls.size(), 3u);
-    using Rule = platform::NENetworkRule;
+    using Rule = NENetworkRule;
     constexpr auto outbound = Rule::TrafficDirection::outbound;
     std::vector<Rule> rules{{{}, 0, {}, 0, Rule::Protocol::TCP, outbound},
                             {{}, 0, {}, 0, Rule::Protocol::UDP, outbound}};

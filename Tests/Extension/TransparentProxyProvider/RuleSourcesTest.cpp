@@ -102,9 +102,9 @@ TEST_F(RuleSourcesTest, TheConfigurationGivesEachKeyByItself) {
 
 TEST_F(RuleSourcesTest, WithoutAConfigurationNothingReachesTheCoordinator) {
     for (const auto& configuration :
-         {std::make_shared<platform::NEVPNProtocol>(),
-          std::shared_ptr<platform::NEVPNProtocol>(
-              std::make_shared<platform::NETunnelProviderProtocol>(std::nullopt, std::nullopt))}) {
+         {std::make_shared<NEVPNProtocol>(),
+          std::shared_ptr<NEVPNProtocol>(
+              std::make_shared<NETunnelProviderProtocol>(std::nullopt, std::nullopt))}) {
         world.preferences.setProtocolConfiguration(configuration);
         world.takeLog();
         ASSERT_TRUE(world.start());

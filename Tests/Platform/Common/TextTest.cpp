@@ -11,10 +11,7 @@ using testing::IsEmpty;
 
 TEST(Text, ReplacesExactlyWhatIsNotWellFormedUTF8) {
     const std::string replaced = "\xEF\xBF\xBD";
-    const struct {
-        std::string bytes;
-        std::string valid;
-    } cases[] = {
+    const std::pair<std::string, std::string> cases[] = {
         {"", ""},
         {"plain text, longer than eight bytes", "plain text, longer than eight bytes"},
         {"nul\0inside"s, "nul\0inside"s},
@@ -38,10 +35,7 @@ TEST(Text, ReplacesExactlyWhatIsNotWellFormedUTF8) {
 }
 
 TEST(Text, ReadsDecimalNumbersOf16Bits) {
-    const struct {
-        std::string_view text;
-        std::optional<std::uint16_t> number;
-    } cases[] = {
+    const std::pair<std::string_view, std::optional<std::uint16_t>> cases[] = {
         {"0", 0},   {"443", 443},        {"65535", 65535}, {"00443", 443},   {"65536", {}},
         {"", {}},   {"99999999999", {}}, {"-1", {}},       {"+1", {}},       {" 1", {}},
         {"1 ", {}}, {"0x10", {}},        {"1.0", {}},      {"\xD9\xA1", {}}, {"000000000080", 80},
@@ -59,6 +53,7 @@ TEST(Text, TakesDottedNamesApart) {
     EXPECT_EQ(lastComponent("com.example.browser"), "browser");
     EXPECT_EQ(lastComponent("com.example."), "");
     EXPECT_EQ(lastComponent(""), "");
+    EXPECT_EQ(excerpt("ab\xC3\xA9", 3), "ab...");
 }
 
 // The definition in words, word for word, over every short name of two letters and dots.

@@ -1,9 +1,3 @@
-#include <memory>
-#include <optional>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "Platform/Simulated/Contracts.h"
 #include "Platform/Simulated/Expectations.h"
 #include "Platform/Simulated/FlowBytes.h"
