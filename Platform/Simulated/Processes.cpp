@@ -47,11 +47,6 @@ void Processes::addBundle(std::string_view path, std::optional<std::string> iden
     bundles.insert_or_assign(std::string(path), std::move(identifier));
 }
 
-void Processes::removeBundle(std::string_view path) {
-    const MutexGuard guard(mutex);
-    if (const auto found = bundles.find(path); found != bundles.end()) bundles.erase(found);
-}
-
 std::vector<std::string> Processes::bundlesAskedFor() const {
     const MutexGuard guard(mutex);
     return openings;

@@ -44,7 +44,6 @@ public:
     // Makes a directory a bundle, with an identifier or with none. Every other path is no bundle
     // and fails to open.
     void addBundle(std::string_view path, std::optional<std::string> identifier);
-    void removeBundle(std::string_view path);
 
     // The paths at which the core tried to open bundles, in order, and how often it asked about
     // processes: to see caches at work.

@@ -292,14 +292,25 @@ TEST_F(LifecycleStory, SleepAndWakeAcrossARulesChange) {
                                  "acme.mail direct direct 10.0.0.2 h:443 tcp no vpn",
                                  "acme.mail vpn blocked - h:443 tcp no vpn"}));
 
-    world.preferences.setProtocolConfiguration(nullptr);
-    world.wake();
+    // Whatever is no configuration changes nothing, nor does a file that cannot be read.
+    using Tunnel = NETunnelProviderProtocol;
+    for (const auto& none :
+         {std::shared_ptr<NEVPNProtocol>(), std::make_shared<NEVPNProtocol>(),
+          std::shared_ptr<NEVPNProtocol>(std::make_shared<Tunnel>(std::nullopt, std::nullopt))}) {
+        world.preferences.setProtocolConfiguration(none);
+        world.wake();
+        world.runUntilIdle();
+        EXPECT_TRUE(happened(R"(
+            proxy  info  System waking...
+            proxy  error No providerConfiguration available
+            proxy  info  Physical interface detected: en0 (wifi)
+        )"));
+    }
+    world.files.fail(FileOperation::read, rulesFile);
+    world.post(rulesChanged);
     world.runUntilIdle();
-    EXPECT_TRUE(happened(R"(
-        proxy  info  System waking...
-        proxy  error No providerConfiguration available
-        proxy  info  Physical interface detected: en0 (wifi)
-    )"));
+    EXPECT_TRUE(logHolds(world, {debug("No rules file found at <any>"),
+                                 debug("Rules identical after reload: true")}));
 }
 
 // A message changes the rules in memory and nothing else: no session ends, no flow is flushed, the

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -24,64 +25,41 @@ TEST(ProcessUtils, ReadsATokenOfExactlyEightWords) {
     }
 }
 
-// A path of an executable, the bundles there are, and the identifier that is found.
-struct BundleCase {
-    std::string path;
-    std::vector<std::pair<std::string, std::optional<std::string>>> bundles;
-    std::optional<std::string> found;
-    std::vector<std::string> opened;
-};
-
 TEST(ProcessUtils, FindsTheOutermostBundleOfTheFirstSuffixThatHasAnIdentifier) {
-    World world;
-    const std::vector<BundleCase> cases{
-        {"/Applications/A.app/Contents/MacOS/A",
-         {{"/Applications/A.app", "a"}},
-         "a",
-         {"/Applications/A.app"}},
-        {"/Applications/A.app/Contents/Helpers/C.app/Contents/MacOS/C",
-         {{"/Applications/A.app", "a"}, {"/Applications/A.app/Contents/Helpers/C.app", "c"}},
-         "a",
-         {"/Applications/A.app"}},
-        {"/Applications/A.app/Contents/XPCServices/B.xpc/Contents/MacOS/B",
-         {{"/Applications/A.app", std::nullopt},
-          {"/Applications/A.app/Contents/XPCServices/B.xpc", "b"}},
-         "b",
-         {"/Applications/A.app", "/Applications/A.app/Contents/XPCServices/B.xpc"}},
+    // A path of an executable, the bundles there are, those that are opened, and what is found.
+    struct Case {
+        std::string path;
+        std::map<std::string, std::optional<std::string>> bundles;
+        std::vector<std::string> opened;
+        std::optional<std::string> found;
+    };
+    const std::string a = "/Applications/A.app", inner = a + "/Helpers/C.app",
+                      service = a + "/B.xpc";
+    const std::vector<Case> cases{
+        {a + "/Contents/MacOS/A", {{a, "a"}}, {a}, "a"},
+        {inner + "/C", {{a, "a"}, {inner, "c"}}, {a}, "a"},
+        {service + "/B", {{a, {}}, {service, "b"}}, {a, service}, "b"},
         // The bare search for ".app" hits the start of ".appex".
-        {"/Library/X/E.appex/Contents/MacOS/E",
-         {{"/Library/X/E.appex", "e"}},
-         "e",
-         {"/Library/X/E.app", "/Library/X/E.appex"}},
+        {"/X/E.appex/E", {{"/X/E.appex", "e"}}, {"/X/E.app", "/X/E.appex"}, "e"},
         // A suffix that ends a directory name goes before an earlier one that does not.
-        {"/opt/my.apps/A.app/A", {{"/opt/my.apps/A.app", "a"}}, "a", {"/opt/my.apps/A.app"}},
+        {"/my.apps/A.app/A", {{"/my.apps/A.app", "a"}}, {"/my.apps/A.app"}, "a"},
         // The next occurrence of a suffix is not tried when the first one opens nothing.
-        {"/one.app/two.app/x", {{"/one.app/two.app", "two"}}, std::nullopt, {"/one.app"}},
+        {"/one.app/two.app/x", {{"/one.app/two.app", "two"}}, {"/one.app"}, {}},
         // An executable right at a path that ends in the suffix.
-        {"/opt/tool.app", {{"/opt/tool.app", "tool"}}, "tool", {"/opt/tool.app"}},
-        {"/opt/B.xpc/A.app/A",
-         {{"/opt/B.xpc", "b"}, {"/opt/B.xpc/A.app", "a"}},
-         "a",
-         {"/opt/B.xpc/A.app"}},
-        {"/usr/sbin/tool", {}, std::nullopt, {}},
+        {"/opt/tool.app", {{"/opt/tool.app", "tool"}}, {"/opt/tool.app"}, "tool"},
+        {"/B.xpc/A.app/A", {{"/B.xpc", "b"}, {"/B.xpc/A.app", "a"}}, {"/B.xpc/A.app"}, "a"},
+        {"/usr/sbin/tool", {}, {}, {}},
+        // A path that does not fit the buffer is none.
+        {"/A.app/" + std::string(1100, 'n'), {{"/A.app", "a"}}, {}, {}},
     };
     for (const auto& test : cases) {
+        World world;
         for (const auto& [path, identifier] : test.bundles)
             world.processes.addBundle(path, identifier);
         const auto process = world.process({.path = test.path});
-        world.processes.forgetQuestions();
         EXPECT_EQ(ProcessUtils::getBundleIdForPid(process.pid), test.found) << test.path;
         EXPECT_EQ(world.processes.bundlesAskedFor(), test.opened) << test.path;
-        for (const auto& bundle : test.bundles) world.processes.removeBundle(bundle.first);
     }
-}
-
-TEST(ProcessUtils, APathThatDoesNotFitTheBufferIsNone) {
-    World world;
-    const std::string name(1100, 'n');
-    const auto process = world.process({.path = "/A.app/" + name});
-    world.bundle("/A.app", "a");
-    EXPECT_EQ(ProcessUtils::getBundleIdForPid(process.pid), std::nullopt);
 }
 
 TEST(ProcessUtils, LooksAtFiveAncestorsAndNeverAtProcessOne) {

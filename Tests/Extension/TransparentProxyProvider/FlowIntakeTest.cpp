@@ -118,15 +118,5 @@ TEST_F(FlowIntakeTest, WithoutAnInterfaceTheFallbackDecides) {
         )" + leftWithoutInterface("Block", "bad port", true)));
 }
 
-TEST_F(FlowIntakeTest, ASessionThatOutlivesItsProviderEndsSilently) {
-    EXPECT_TRUE(begin({.word = "direct"}));
-    auto flow = open(mail);
-    world.takeLog();
-    world.providers.letGoOfProxy();
-    flow.endsSending();
-    world.runToEnd();
-    EXPECT_TRUE(happened(""));
-}
-
 }  // namespace
 }  // namespace vantry

@@ -144,12 +144,8 @@ TEST_F(IdentityTest, TheCoordinatorLearnsUnderWhichNameABundleIsKnown) {
     const auto service = world.process({.path = "/opt/S.xpc/S", .parent = host.pid});
     world.bundle("/opt/S.xpc", "net.service");
     EXPECT_FALSE(coordinator.shouldMonitorFlow("net.service"));
-    world.takeLog();
     // Datagram flows teach it too.
     offer("net.service", service.auditToken(), NWOtherEndpoint{}, FlowDescription::Kind::udp);
-    EXPECT_TRUE(logHolds(world, {debug("Registered child mapping: net.service -> "
-                                       "com.example.Host",
-                                       "FlowKillCoordinator")}));
     EXPECT_TRUE(coordinator.shouldMonitorFlow("net.service"));
 
     // The resolver found nothing: the mapping is to the signing identifier itself.

@@ -66,17 +66,6 @@ TEST_F(RuleSourcesTest, CutsThePreviewAtBytesAndLoadsTheWholeFile) {
               "Raw file contents (617 bytes): " + ascii.substr(0, 500));
 }
 
-TEST_F(RuleSourcesTest, AFileThatCannotBeReadChangesNothing) {
-    putRules(R"({"rules":{"a":"direct"},"blockedApps":["b"]})");
-    ASSERT_TRUE(world.start());
-    world.files.fail(FileOperation::read, rulesFile);
-    EXPECT_TRUE(
-        linesAre(linesOfLoad("{}"),
-                 {debug(reading), debug(std::string("No rules file found at ") + rulesFile)}));
-    EXPECT_EQ(decisionOf("a"), "direct");
-    EXPECT_TRUE(coordinator.shouldBlockFlow("b"));
-}
-
 TEST_F(RuleSourcesTest, TheConfigurationGivesEachKeyByItself) {
     const auto linesOfWake = [&](std::string_view configuration) {
         world.preferences.setProviderConfiguration(configuration);
@@ -98,19 +87,6 @@ TEST_F(RuleSourcesTest, TheConfigurationGivesEachKeyByItself) {
                       info("VPN state updated: connected=false fallback=block firstInit=false"),
                       info("Loaded 2 routing rules from config, default: direct, blocked: 1"),
                       info("Fallback settings from config: vpn=block, direct=odd")}));
-}
-
-TEST_F(RuleSourcesTest, WithoutAConfigurationNothingReachesTheCoordinator) {
-    for (const auto& configuration :
-         {std::make_shared<NEVPNProtocol>(),
-          std::shared_ptr<NEVPNProtocol>(
-              std::make_shared<NETunnelProviderProtocol>(std::nullopt, std::nullopt))}) {
-        world.preferences.setProtocolConfiguration(configuration);
-        world.takeLog();
-        ASSERT_TRUE(world.start());
-        EXPECT_TRUE(logHolds(world, {error("No providerConfiguration available", proxyCategory)}));
-        EXPECT_FALSE(coordinator.hasReceivedState());
-    }
 }
 
 }  // namespace

@@ -56,25 +56,5 @@ TEST(Text, TakesDottedNamesApart) {
     EXPECT_EQ(excerpt("ab\xC3\xA9", 3), "ab...");
 }
 
-// The definition in words, word for word, over every short name of two letters and dots.
-TEST(Text, VisitsExactlyTheDottedPrefixes) {
-    std::vector<std::string> names{""};
-    for (std::size_t i = 0; i < names.size() && names[i].size() < 5; ++i)
-        for (const char letter : {'a', 'b', '.'}) names.push_back(names[i] + letter);
-    for (const auto& name : names) {
-        std::vector<std::string> expected;
-        for (const auto& candidate : names)
-            if (name == candidate || name.starts_with(candidate + "."))
-                expected.push_back(candidate);
-        std::vector<std::string> visited;
-        EXPECT_FALSE(anyDottedPrefix(name, [&](std::string_view prefix) {
-            visited.emplace_back(prefix);
-            return false;
-        }));
-        EXPECT_THAT(visited, testing::UnorderedElementsAreArray(expected)) << name;
-    }
-    EXPECT_TRUE(anyDottedPrefix("a.b.c", [](std::string_view prefix) { return prefix == "a"; }));
-}
-
 }  // namespace
 }  // namespace platform

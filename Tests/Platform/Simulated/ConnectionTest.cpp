@@ -116,35 +116,31 @@ TEST_F(ConnectionTest, BreachesOnTheCoresSideAreNamed) {
 }
 
 TEST(PathMonitor, GetsThePresentPathAndEachChangeInOrderUntilItEnds) {
-    World world({.order = Order::drawn, .seed = 3});
     const NWInterface wifi("en0", NWInterface::InterfaceType::wifi);
     const NWInterface wired("en1", NWInterface::InterfaceType::wiredEthernet);
-    world.setPath({wifi});
-    std::string seen;
-    auto monitor = std::make_unique<NWPathMonitor>();
-    monitor->setPathUpdateHandler([&](const NWPath& path) {
-        for (const auto& interface : path.availableInterfaces) seen += interface.name();
-        seen += " ";
-    });
-    monitor->start(DispatchQueue::global(QualityOfService::utility));
-    EXPECT_EQ(seen, "");
-    world.setPath({wired, wifi});
-    world.setPath({});
-    world.runUntilIdle();
-    EXPECT_EQ(seen, "en0 en1en0  ");
-    world.setPath({wired});
-    monitor->cancel();
-    world.runUntilIdle();
-    EXPECT_EQ(world.network.monitors().cancelled, 1);
-
-    auto letGo = std::make_unique<NWPathMonitor>();
-    letGo->setPathUpdateHandler([&](const NWPath&) { seen += "late"; });
-    letGo->start(DispatchQueue::global(QualityOfService::utility));
-    letGo.reset();
-    world.runUntilIdle();
-    EXPECT_EQ(seen, "en0 en1en0  ") << "nothing is delivered after the end";
-    EXPECT_EQ(world.network.monitors().letGoWithoutCancel, 1);
-    EXPECT_EQ(world.network.monitorsAtWork(), 0u);
+    for (const bool isCancelled : {true, false}) {
+        World world({.order = Order::drawn, .seed = 3});
+        world.setPath({wifi});
+        std::string seen;
+        auto monitor = std::make_unique<NWPathMonitor>();
+        monitor->setPathUpdateHandler([&](const NWPath& path) {
+            for (const auto& interface : path.availableInterfaces) seen += interface.name();
+            seen += " ";
+        });
+        monitor->start(DispatchQueue::global(QualityOfService::utility));
+        EXPECT_EQ(seen, "");
+        world.setPath({wired, wifi});
+        world.setPath({});
+        world.runUntilIdle();
+        EXPECT_EQ(seen, "en0 en1en0  ");
+        world.setPath({wired});
+        isCancelled ? monitor->cancel() : monitor.reset();
+        world.runUntilIdle();
+        EXPECT_EQ(seen, "en0 en1en0  ") << "nothing is delivered after the end";
+        EXPECT_EQ(world.network.monitors().cancelled, isCancelled ? 1 : 0);
+        EXPECT_EQ(world.network.monitors().letGoWithoutCancel, isCancelled ? 0 : 1);
+        EXPECT_EQ(world.network.monitorsAtWork(), 0u);
+    }
 }
 
 }  // namespace
