@@ -206,6 +206,8 @@ def _places_that_are_removed(stage) -> None:
                 for status in [place.stat()]}
     before = access()
     for name, remove in (("the message socket", host.MESSAGE_SOCKET.unlink),
+                         ("the message socket's name", lambda: host.MESSAGE_SOCKET.rename(folder / "other")),
+                         ("all that is there", lambda: shutil.rmtree(folder, ignore_errors=True)),
                          ("the folder", lambda: os.rename(folder, world.STATE / "taken-away"))):
         since = stage.daemon.mark()
         remove()

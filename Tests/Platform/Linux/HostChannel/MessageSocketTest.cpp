@@ -132,23 +132,6 @@ TEST_F(MessageSocketTest, TakesTheNameOverAndGivesUpOnlyItsOwn) {
     EXPECT_FALSE(std::filesystem::exists(path));
 }
 
-TEST_F(MessageSocketTest, ComesBackWhenItOrItsFolderIsTakenAway) {
-    const auto socket = listening(echo);
-    const auto made = statusOf(path);
-    const std::vector<std::pair<const char*, std::function<void()>>> losses{
-        {"the socket is removed", [] { std::filesystem::remove(path); }},
-        {"the socket is moved", [] { std::filesystem::rename(path, "/run/messages/other"); }},
-        {"the folder is moved", [] { std::filesystem::rename(folder, "/run/elsewhere"); }},
-        {"all is removed", [] { runCommand("rm -r /run/messages || test -e /run/messages"); }}};
-    for (const auto& [what, takeAway] : losses) {
-        takeAway();
-        EXPECT_TRUE(eventually([] { return exchanged("hello") == "<hello>"; })) << what;
-        EXPECT_EQ(statusOf(path).st_mode, made.st_mode) << what;
-        EXPECT_EQ(statusOf(path).st_gid, made.st_gid) << what;
-        EXPECT_EQ(statusOf(folder).st_mode & 07777, 0755U) << what;
-    }
-}
-
 TEST_F(MessageSocketTest, IsMadeAsSoonAsItsFolderCanBeTrusted) {
     if (!hasOtherAccounts()) GTEST_SKIP() << needsAccounts;
     ASSERT_EQ(mkdir(folder, 0755), 0);
