@@ -115,7 +115,7 @@ Verdict FlowDecisions::offer(const HeldPacket& packet, const Offers& asked) {
     const bool comesTooLate = isClaimed && packet.purpose == PacketPurpose::offeredAgain;
     if (isDropped || comesTooLate) {
         if (isClaimed) claimed->failOpening(systemError(ECONNABORTED));
-        return deny(packet);
+        return deny(packet, asked);
     }
     const bool isWatched =
         verdict.kind == NEFilterNewFlowVerdict::Kind::filterData && verdict.filterOutbound;
@@ -193,7 +193,7 @@ Verdict FlowDecisions::verdictOnData(const HeldPacket& packet, const Offers& ask
         flow->shownAs(), flow->offsetOf(packet), unreadBytes(packet.payloadLength));
     switch (verdict.kind) {
         case NEFilterDataVerdict::Kind::drop:
-            return deny(packet);
+            return deny(packet, asked);
         case NEFilterDataVerdict::Kind::allow:
             watched.remove(packet.flow);
             return {unwatched, asked.generation};
@@ -216,7 +216,7 @@ std::shared_ptr<WatchedFlow> FlowDecisions::watchedFlow(const HeldPacket& packet
     return flow;
 }
 
-Verdict FlowDecisions::deny(const HeldPacket& packet) {
+Verdict FlowDecisions::deny(const HeldPacket& packet, const Offers& asked) {
     // Ending the socket tells the application at once; the mark stops what it leaves behind.
     attribution.destroySocket(packet.flow);
     watched.remove(packet.flow);
@@ -226,7 +226,7 @@ Verdict FlowDecisions::deny(const HeldPacket& packet) {
         const std::lock_guard guard(entriesLock);
         if (entries) entries->remove(packet.flow);
     }
-    return {FlowState::denied, 0};
+    return {FlowState::denied, asked.generation};
 }
 
 void FlowDecisions::keepHouse() {

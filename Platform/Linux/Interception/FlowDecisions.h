@@ -63,7 +63,7 @@ private:
     Verdict verdictOnData(const HeldPacket& packet, const Offers& asked);
     std::shared_ptr<WatchedFlow> watchedFlow(const HeldPacket& packet);
     Source sourceOf(const HeldPacket& packet);
-    Verdict deny(const HeldPacket& packet);
+    Verdict deny(const HeldPacket& packet, const Offers& asked);
 
     const Providers providers;
     const MarkPlace place;

@@ -249,6 +249,23 @@ TEST_F(InterceptionTest, BurstOfFirstPacketsGivesOneOffer) {
     EXPECT_EQ(bytesShown(), 100);
 }
 
+TEST_F(InterceptionTest, BurstOfPacketsThatAreOfferedAgainGivesOneOffer) {
+    ClientSocket client = connected();
+    ASSERT_EQ(client.exchange(), 0);
+    const int yes = 1;
+    ASSERT_EQ(setsockopt(client.descriptor(), IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes), 0);
+    filter->onNewFlow = NewFlow::drop;
+    filter->isWaiting = true;
+    flush();
+    for (int segment = 0; segment < 8; ++segment) ASSERT_EQ(client.send(1), 0);
+    ASSERT_TRUE(eventually([&] { return timesOffered() == 2; }));
+    filter->mayGoOn.set_value();
+    EXPECT_EQ(client.receive(1), ECONNABORTED);
+    // All that was held has been judged when no thread works on it any more.
+    interception.reset();
+    EXPECT_EQ(timesOffered(), 2u);
+}
+
 TEST_F(InterceptionTest, LargeSegmentsOfAWatchedUploadAreShownWholeAndInOrder) {
     filter->onNewFlow = NewFlow::filterData;
     ClientSocket client = connected();
