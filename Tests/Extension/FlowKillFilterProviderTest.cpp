@@ -126,6 +126,7 @@ TEST_F(FilterTest, ACachedAnswerStandsWhateverTheSetsSayLater) {
 }
 
 TEST_F(FilterTest, AFullCacheGoesAtOnceBeforeTheNextStore) {
+    coordinator.updateBlockedApps({"com.example.App"});
     expectAThousandRemembered(
         app, [&](const Process& process) { offer(process); }, 0);
 }
