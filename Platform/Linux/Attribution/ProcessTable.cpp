@@ -11,7 +11,6 @@
 #include "Platform/Linux/Attribution/BundleIdentifiers.h"
 #include "Platform/Linux/Attribution/ControlGroupApplication.h"
 #include "Platform/Linux/Attribution/PathText.h"
-#include "Platform/Linux/Attribution/SystemAccounts.h"
 #include "Platform/Linux/Attribution/VirtualBundle.h"
 
 namespace platform {
@@ -118,8 +117,6 @@ void ProcessTable::noteFork(pid_t child, pid_t parent, Clock::time_point when) {
 void ProcessTable::noteExec(pid_t pid, Clock::time_point when) {
     parents.forget(pid);
     forgetOlder(pid, when);
-    const auto account = accountOf(pid);
-    if (account && !isSystemAccount(*account)) examine(pid);
 }
 
 std::shared_ptr<const Process> ProcessTable::examine(pid_t pid, int generation) {

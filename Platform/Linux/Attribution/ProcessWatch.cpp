@@ -20,12 +20,19 @@
 #include <utility>
 
 #include "Platform/Linux/Attribution/ProcessStatus.h"
+#include "Platform/Linux/Attribution/SystemAccounts.h"
 
 namespace platform {
 
 namespace {
 
+using namespace std::chrono_literals;
+
 constexpr int highestPriority = -20;
+// Far more than looking at some programs takes.
+constexpr auto longestWaitForOthers = 100ms;
+// While one look hangs, the oldest of so many others are done without.
+constexpr std::size_t mostStarted = 4096;
 
 // The events are told in the machine's first network namespace only, which need not be ours. A
 // socket stays in the namespace where it was made, a thread where it went. Where we may not go
@@ -76,7 +83,7 @@ std::unique_ptr<ProcessWatch> ProcessWatch::start(ProcessTable& processes) {
 ProcessWatch::ProcessWatch(ProcessTable& toTell, FileDescriptor listening)
     : processes(toTell),
       events(std::move(listening)),
-      wakeUp(::eventfd(0, EFD_CLOEXEC)),
+      wakeUp(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       thread([this](const std::stop_token& stop) { run(stop); }) {}
 
 ProcessWatch::~ProcessWatch() {
@@ -91,11 +98,37 @@ void ProcessWatch::run(const std::stop_token& stop) {
     // A program may live for a few milliseconds only.
     ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), highestPriority);
     pollfd watched[] = {{events.get(), POLLIN, 0}, {wakeUp.get(), POLLIN, 0}};
-    while (!stop.stop_requested() && (::poll(watched, 2, -1) >= 0 || errno == EINTR)) catchUp();
+    while (!stop.stop_requested() && (::poll(watched, 2, -1) >= 0 || errno == EINTR)) {
+        eventfd_t ignored = 0;
+        ::eventfd_read(wakeUp.get(), &ignored);
+        examineStarted();
+    }
+}
+
+void ProcessWatch::examineStarted() {
+    std::unique_lock hold(lock);
+    for (takeInEvents(); !started.empty(); takeInEvents()) {
+        const pid_t pid = started.front();
+        started.pop_front();
+        isExamining = true;
+        hold.unlock();
+        const auto account = accountOf(pid);
+        if (account && !isSystemAccount(*account)) processes.examine(pid);
+        hold.lock();
+        isExamining = false;
+    }
+    allExamined.notify_all();
 }
 
 void ProcessWatch::catchUp() {
-    const std::lock_guard guard(lock);
+    std::unique_lock hold(lock);
+    takeInEvents();
+    if (!started.empty()) ::eventfd_write(wakeUp.get(), 1);
+    allExamined.wait_for(hold, longestWaitForOthers,
+                         [this] { return started.empty() && !isExamining; });
+}
+
+void ProcessWatch::takeInEvents() {
     char message[1024];
     while (true) {
         const auto length = ::recv(events.get(), message, sizeof message, 0);
@@ -118,6 +151,8 @@ void ProcessWatch::takeIn(const char* message, std::size_t length) {
         if (!isThread) processes.noteFork(fork.child_tgid, fork.parent_tgid, when);
     } else if (event.what == proc_event::PROC_EVENT_EXEC) {
         processes.noteExec(event.event_data.exec.process_tgid, when);
+        if (started.size() == mostStarted) started.pop_front();
+        started.push_back(event.event_data.exec.process_tgid);
     }
 }
 

@@ -3,7 +3,11 @@
 // exec of the machine. Needs root and the machine's first process namespace.
 #pragma once
 
+#include <sys/types.h>
+
+#include <condition_variable>
 #include <cstddef>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <stop_token>
@@ -20,7 +24,8 @@ public:
     // watch is in place; nothing where the kernel or our rights do not allow it.
     static std::unique_ptr<ProcessWatch> start(ProcessTable& processes);
 
-    // Takes in what has happened until now. Any thread.
+    // Takes in what has happened until now, and waits until the programs that were started have been
+    // looked at; not for long, as one of them may lie on a file system that hangs. Any thread.
     void catchUp();
 
     ~ProcessWatch();
@@ -30,12 +35,19 @@ public:
 private:
     ProcessWatch(ProcessTable& toTell, FileDescriptor listening);
     void run(const std::stop_token& stop);
+    void examineStarted();
+    // These need the lock.
+    void takeInEvents();
     void takeIn(const char* message, std::size_t length);
 
     ProcessTable& processes;
-    std::mutex lock;  // held while events are taken in, so that they are in their order
     FileDescriptor events;
     FileDescriptor wakeUp;
+    // Guards the rest, and is held while events are taken in, so that they are in their order.
+    std::mutex lock;
+    std::deque<pid_t> started;  // programs that nobody has looked at yet
+    bool isExamining = false;
+    std::condition_variable allExamined;
     std::jthread thread;
 };
 

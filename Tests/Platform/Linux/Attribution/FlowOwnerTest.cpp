@@ -3,10 +3,12 @@
 #include "Platform/Linux/Attribution/FlowOwner.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
 #include <sched.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -25,6 +27,7 @@
 #include "Platform/Linux/Attribution/SystemAccounts.h"
 #include "Platform/Linux/Network/SocketAddress.h"
 #include "Tests/Platform/Linux/Attribution/RealPrograms.h"
+#include "Tests/Platform/Linux/Namespaces.h"
 #include "Tests/Platform/Linux/Sockets.h"
 
 namespace platform {
@@ -324,6 +327,35 @@ TEST_F(FlowOwnersByNotes, ADatagramOutlivesItsSocketAndItsProcess) {
         std::memcpy(&userId, owner->auditToken.data() + 4, sizeof userId);
         EXPECT_EQ(userId, ::geteuid() == 0 ? person : ::geteuid()) << send;
     }
+}
+
+TEST_F(FlowOwnersByNotes, AProgramThatCannotBeLookedAtHoldsUpNoOther) {
+    ASSERT_TRUE(enterNamespaces(Namespace::mount));
+    attribution.emplace(SocketUsers::attach());
+    const auto watch = ProcessWatch::start(ProcessTable::shared());
+    if (!watch) GTEST_SKIP() << "the kernel does not tell of new processes here";
+    const TemporaryFolder folder;
+    folder.addBundle("Hung.app", "com.example.Hung");
+    const auto hung = folder.addProgram("Hung.app/Contents/MacOS/Hung");
+    const auto beacon = folder.addProgram("beacon");
+    // A file system whose server, this test, never answers.
+    const auto file = folder.path("Hung.app/Contents/Info.plist");
+    FileDescriptor server(::open("/dev/fuse", O_RDWR | O_CLOEXEC));
+    const auto options =
+        "fd=" + std::to_string(server.get()) + ",rootmode=100644,user_id=0,group_id=0";
+    if (!server || ::mount("hung", file.c_str(), "fuse", 0, options.c_str()) != 0)
+        GTEST_SKIP() << "this kernel has no file systems of user programs";
+
+    const auto target = "/dev/udp/127.0.0.1/" + std::to_string(destination.port);
+    RunningProgram sender(beacon, "echo ready $$; kill -STOP $$; echo >" + target, becomePerson);
+    watch->catchUp();
+    const RunningProgram notLookedAt(hung, "echo ready $$; kill -STOP $$", becomePerson);
+    sender.letEnd();
+    const auto owner = attribution->ownerOf(flow(datagram, destination.senderOfNextDatagram()));
+    server = FileDescriptor();
+    ::umount2(file.c_str(), MNT_DETACH);
+    ASSERT_TRUE(owner);
+    EXPECT_EQ(owner->signingIdentifier, "beacon");
 }
 
 TEST(Processes, NobodyIsNobody) {
