@@ -120,6 +120,7 @@ TEST(PathMonitor, GetsThePresentPathAndEachChangeInOrderUntilItEnds) {
     const NWInterface wired("en1", NWInterface::InterfaceType::wiredEthernet);
     for (const bool isCancelled : {true, false}) {
         World world({.order = Order::drawn, .seed = 3});
+        world.scheduler.setLatency(0.5);  // which changes no order
         world.setPath({wifi});
         std::string seen;
         auto monitor = std::make_unique<NWPathMonitor>();

@@ -84,7 +84,7 @@ TEST(Scheduler, ThreadsRunAllWorkAndKeepTheMainQueueSerial) {
     for (int i = 0; i < 500; ++i) {
         pool.async([&] { ++ran; });
         DispatchQueue::main().async([&serial, i] { serial.push_back(i); });
-        pool.asyncAfter(0.5, [&] { ++ran; });
+        pool.asyncAfter(5, [&] { ++ran; });
     }
     world.runToEnd();
     EXPECT_EQ(ran, 1000);
