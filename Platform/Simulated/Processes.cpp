@@ -98,12 +98,12 @@ int proc_pidinfo(std::int32_t pid, int flavour, std::uint64_t argument, proc_bsd
 
 int proc_pidpath(std::int32_t pid, char* buffer, std::uint32_t size) {
     checkPlatformCall("proc_pidpath");
-    auto path = machine().processes.pathOf(pid);
+    const auto path = machine().processes.pathOf(pid);
     if (!path) return 0;
-    *path = validUTF8(*path);
-    if (path->size() >= size) return 0;
-    std::memcpy(buffer, path->c_str(), path->size() + 1);
-    return static_cast<int>(path->size());
+    const std::string text = validUTF8(*path);
+    if (text.size() >= size) return 0;
+    std::memcpy(buffer, text.c_str(), text.size() + 1);
+    return static_cast<int>(text.size());
 }
 
 std::optional<NSBundle> NSBundle::bundleWithPath(std::string_view path) {
