@@ -46,10 +46,10 @@ bool accepts(const char* rules) {
     return nft_run_cmd_from_buffer(context.get(), rules) == 0;
 }
 
-// As root a network namespace is enough; others need a user namespace around it.
+// With the right to make one a network namespace is enough; others need a user namespace around it.
 int enterOwnNamespace() {
-    const int wanted = geteuid() == 0 ? CLONE_NEWNET : CLONE_NEWUSER | CLONE_NEWNET;
-    return unshare(wanted) == 0 ? 0 : errno;
+    const bool isInside = unshare(CLONE_NEWNET) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0;
+    return isInside ? 0 : errno;
 }
 
 bool bringLoopbackUp() {

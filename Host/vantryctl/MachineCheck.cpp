@@ -2,27 +2,22 @@
 
 #include <fmt/format.h>
 #include <linux/magic.h>
-#include <nftables/libnftables.h>
 #include <sys/vfs.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <memory>
+#include <initializer_list>
+#include <iterator>
 #include <optional>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
-#include "Host/vantryctl/Documents.h"
 #include "Platform/Linux/Interception/MarkPlaces.h"
-#include "Platform/Linux/Interception/PacketRule.h"
 
 namespace vantryctl {
-
-using platform::JSONArray;
-using platform::JSONObject;
-using platform::JSONValue;
 
 namespace {
 
@@ -54,29 +49,6 @@ std::vector<std::string> interfacesWithStrictFilter() {
     return names;
 }
 
-// The value under `key` at any depth, if an object there has it.
-bool holdsKey(const JSONValue& value, std::string_view key) {
-    if (const auto* object = value.as<JSONObject>())
-        return object->find(key) != object->end() ||
-               std::ranges::any_of(
-                   *object, [&](const auto& member) { return holdsKey(member.second, key); });
-    const auto* list = value.as<JSONArray>();
-    return list != nullptr &&
-           std::ranges::any_of(*list, [&](const auto& each) { return holdsKey(each, key); });
-}
-
-const JSONArray* listUnder(const JSONValue& value, std::string_view key) {
-    const auto* object = value.as<JSONObject>();
-    if (object == nullptr) return nullptr;
-    const auto found = object->find(key);
-    return found == object->end() ? nullptr : found->second.as<JSONArray>();
-}
-
-std::string chainName(const JSONObject& object, std::string_view nameKey) {
-    return textUnder(object, "family") + " " + textUnder(object, "table") + " " +
-           textUnder(object, nameKey);
-}
-
 // The chains of others that see the packets that this machine sends, and those that leave packets
 // untracked or send them elsewhere.
 struct OtherChains {
@@ -85,22 +57,28 @@ struct OtherChains {
     std::set<std::string> untracking;
 };
 
-OtherChains otherChainsIn(const JSONArray& elements) {
+bool holdsAnyOf(const std::vector<std::string>& words, std::initializer_list<const char*> wanted) {
+    return std::ranges::find_first_of(words, wanted) != words.end();
+}
+
+// The words in quotes are how rules show that were made with the tools of before.
+OtherChains otherChainsIn(const std::string& rules) {
     OtherChains chains;
-    for (const auto& element : elements) {
-        const auto* wrapper = element.as<JSONObject>();
-        if (wrapper == nullptr || wrapper->empty()) continue;
-        const auto& [kind, value] = *wrapper->begin();
-        const auto* object = value.as<JSONObject>();
-        if (object == nullptr ||
-            textUnder(*object, "table") == platform::interception::packetTableName)
-            continue;
-        if (kind == "chain" && textUnder(*object, "hook") == "output")
-            chains.atOutput.insert(chainName(*object, "name"));
-        if (kind != "rule") continue;
-        if (holdsKey(value, "redirect") || holdsKey(value, "dnat"))
-            chains.redirecting.insert(chainName(*object, "chain"));
-        if (holdsKey(value, "notrack")) chains.untracking.insert(chainName(*object, "chain"));
+    std::string table;
+    std::string chain;
+    std::istringstream lines(rules);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream text(line);
+        const std::vector<std::string> words{std::istream_iterator<std::string>(text), {}};
+        if (words.size() > 2 && words[0] == "table") table = words[1] + " " + words[2];
+        if (words.size() > 1 && words[0] == "chain")
+            chain = table + " " + words[1];
+        else if (line.find(" hook output ") != std::string::npos)
+            chains.atOutput.insert(chain);
+        else if (holdsAnyOf(words, {"redirect", "dnat", "\"REDIRECT\"", "\"DNAT\""}))
+            chains.redirecting.insert(chain);
+        else if (holdsAnyOf(words, {"notrack", "\"NOTRACK\""}))
+            chains.untracking.insert(chain);
     }
     return chains;
 }
@@ -109,20 +87,6 @@ std::string atOutput(const OtherChains& chains, const std::set<std::string>& wan
     std::vector<std::string> names;
     std::ranges::set_intersection(wanted, chains.atOutput, std::back_inserter(names));
     return fmt::format("{}", fmt::join(names, ", "));
-}
-
-std::optional<JSONValue> ruleSet() {
-    const std::unique_ptr<nft_ctx, decltype(&nft_ctx_free)> context(nft_ctx_new(NFT_CTX_DEFAULT),
-                                                                    &nft_ctx_free);
-    if (!context) return std::nullopt;
-    nft_ctx_output_set_flags(context.get(), NFT_CTX_OUTPUT_JSON);
-    nft_ctx_buffer_output(context.get());
-    nft_ctx_buffer_error(context.get());
-    if (nft_run_cmd_from_buffer(context.get(), "list ruleset") != 0) return std::nullopt;
-    auto document = platform::parseJSON(nft_ctx_get_output_buffer(context.get()));
-    auto* value = std::get_if<JSONValue>(&document);
-    if (value == nullptr) return std::nullopt;
-    return std::move(*value);
 }
 
 bool isOfType(const platform::NWInterface& interface, platform::NWInterface::InterfaceType type) {
@@ -193,11 +157,8 @@ Finding checkMarks(std::uint32_t bitsInUse) {
             "Look for marks in nft list ruleset and ip rule, and free one byte."};
 }
 
-Findings findingsInRuleSet(const JSONValue& value) {
-    const auto* elements = listUnder(value, "nftables");
-    if (elements == nullptr)
-        return {{"rules of others", Verdict::unknown, "their list is not understood", ""}};
-    const auto chains = otherChainsIn(*elements);
+Findings findingsInRules(const std::string& rulesOfOthers) {
+    const auto chains = otherChainsIn(rulesOfOthers);
     Findings findings;
     const auto redirecting = atOutput(chains, chains.redirecting);
     if (redirecting.empty())
@@ -217,10 +178,10 @@ Findings findingsInRuleSet(const JSONValue& value) {
 }
 
 Findings checkOtherRules() {
-    const auto rules = ruleSet();
+    const auto rules = platform::interception::packetRulesOfOthers();
     if (!rules)
         return {{"rules of others", Verdict::unknown, "they cannot be listed", "Run it as root."}};
-    auto findings = findingsInRuleSet(*rules);
+    auto findings = findingsInRules(*rules);
     findings.push_back(checkMarks(platform::interception::markBitsInUse()));
     return findings;
 }

@@ -2,10 +2,10 @@
 // uplink. Each looks and changes nothing.
 #pragma once
 
-#include <string_view>
+#include <cstdint>
+#include <string>
 
 #include "Host/vantryctl/Finding.h"
-#include "Platform/Common/JSON.h"
 #include "Platform/Linux/Network/NetworkState.h"
 
 namespace vantryctl {
@@ -14,10 +14,10 @@ Finding checkConnectionTracking();
 Finding checkControlGroups();
 Finding checkReversePathFilters();
 Finding checkUplink(const platform::NetworkState& state);
-// The rules of others, as nft lists them in JSON: what redirects at our hook, what leaves connections
+// The rules of others, as nft prints them: what redirects at our hook, what leaves connections
 // untracked. And whether a byte of the mark is free.
 Findings checkOtherRules();
-Findings findingsInRuleSet(const platform::JSONValue& ruleSet);
+Findings findingsInRules(const std::string& rulesOfOthers);
 Finding checkMarks(std::uint32_t bitsInUse);
 
 }  // namespace vantryctl

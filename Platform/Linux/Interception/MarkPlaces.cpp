@@ -10,6 +10,7 @@
 #include <bit>
 #include <charconv>
 #include <memory>
+#include <sstream>
 
 #include "Platform/Linux/Interception/NetlinkSocket.h"
 #include "Platform/Linux/Interception/PacketRule.h"
@@ -56,32 +57,43 @@ std::uint32_t bitsInRoutingRules() {
     return bits;
 }
 
+// What a command of the rule language prints.
+std::optional<std::string> outputOf(nft_ctx* context, const std::string& command) {
+    if (nft_run_cmd_from_buffer(context, command.c_str()) != 0) return std::nullopt;
+    return nft_ctx_get_output_buffer(context);
+}
+
 }  // namespace
 
-std::uint32_t markBitsInRules(std::string_view ruleset) {
+std::optional<std::string> packetRulesOfOthers() {
+    const std::unique_ptr<nft_ctx, decltype(&nft_ctx_free)> context(nft_ctx_new(NFT_CTX_DEFAULT),
+                                                                    &nft_ctx_free);
+    if (!context) return std::nullopt;
+    nft_ctx_buffer_output(context.get());
+    nft_ctx_buffer_error(context.get());
+    const auto tables = outputOf(context.get(), "list tables");
+    if (!tables) return std::nullopt;
+    std::string rules;
+    std::istringstream lines(*tables);
+    const std::string ours = std::string("table inet ") + packetTableName;
+    for (std::string table; std::getline(lines, table);)
+        if (table != ours) rules += outputOf(context.get(), "list " + table).value_or("");
+    return rules;
+}
+
+std::uint32_t markBitsInRules(std::string_view rules) {
     std::uint32_t bits = 0;
-    bool isOurs = false;
-    while (!ruleset.empty()) {
-        const auto end = ruleset.find('\n');
-        const std::string_view line = ruleset.substr(0, end);
-        ruleset.remove_prefix(end == std::string_view::npos ? ruleset.size() : end + 1);
-        if (line.starts_with("table "))
-            isOurs = line.find(std::string(" ") + packetTableName + " ") != std::string_view::npos;
-        if (!isOurs && line.find("mark") != std::string_view::npos) bits |= bitsInLine(line);
+    while (!rules.empty()) {
+        const auto end = rules.find('\n');
+        const std::string_view line = rules.substr(0, end);
+        rules.remove_prefix(end == std::string_view::npos ? rules.size() : end + 1);
+        if (line.find("mark") != std::string_view::npos) bits |= bitsInLine(line);
     }
     return bits;
 }
 
 std::uint32_t markBitsInUse() {
-    const std::unique_ptr<nft_ctx, decltype(&nft_ctx_free)> context(nft_ctx_new(NFT_CTX_DEFAULT),
-                                                                    &nft_ctx_free);
-    std::uint32_t bits = bitsInRoutingRules();
-    if (!context) return bits;
-    nft_ctx_buffer_output(context.get());
-    nft_ctx_buffer_error(context.get());
-    if (nft_run_cmd_from_buffer(context.get(), "list ruleset") == 0)
-        bits |= markBitsInRules(nft_ctx_get_output_buffer(context.get()));
-    return bits;
+    return bitsInRoutingRules() | markBitsInRules(packetRulesOfOthers().value_or(""));
 }
 
 MarkPlace freeMarkPlace(std::uint32_t used) {

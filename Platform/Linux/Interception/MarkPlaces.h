@@ -4,18 +4,24 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
+#include <string>
 #include <string_view>
 
 #include "Platform/Linux/Interception/FlowMark.h"
 
 namespace platform::interception {
 
-// The bits of marks that the packet rules and routing rules in force test or set, as far as they
-// can be read. Rules of ours don't count.
+// The packet rules of others that are in force, in their text form; nothing if they cannot be
+// listed. (The form for machines is of no use: libnftables 1.0.6 breaks off at a table with an owner.)
+std::optional<std::string> packetRulesOfOthers();
+
+// The bits of marks that the packet rules of others and the routing rules test or set, as far as
+// they can be read.
 std::uint32_t markBitsInUse();
 
-// The bits that a rule set in its text form names.
-std::uint32_t markBitsInRules(std::string_view ruleset);
+// The bits that packet rules in their text form name.
+std::uint32_t markBitsInRules(std::string_view rules);
 
 // The first place whose byte has no bit in `used`, highest bits first; else the one that shares
 // fewest.

@@ -3,7 +3,6 @@
 
 #include "Host/vantryctl/MachineCheck.h"
 #include "Host/vantryctl/TunnelState.h"
-#include "Platform/Common/JSON.h"
 
 namespace vantryctl {
 namespace {
@@ -11,10 +10,6 @@ namespace {
 using platform::NetworkInterface;
 using platform::NetworkState;
 using Names = std::vector<std::string>;
-
-platform::JSONValue parsed(const std::string& text) {
-    return std::get<platform::JSONValue>(platform::parseJSON(text));
-}
 
 TEST(TunnelStateTest, OnlyATunnelInUseIsTheVPN) {
     const auto interfaceNamed = [](const char* name, bool isTunnel = true) {
@@ -37,28 +32,26 @@ TEST(TunnelStateTest, OnlyATunnelInUseIsTheVPN) {
 }
 
 TEST(MachineCheckTest, RulesOfOthersAreFoundWhereTheyMatter) {
-    const std::string redirect = R"({"redirect":{"port":3128}})";
-    const std::string dnat = R"({"dnat":{"addr":"192.0.2.1"}})";
-    const std::string notrack = R"({"notrack":null})";
     const struct {
-        std::string table, hook, statement;
+        std::string hook, rule;
         const char* verdicts;
     } cases[] = {
-        {"t", "output", redirect, "-+"},    {"t", "output", dnat, "-+"},
-        {"t", "output", notrack, "+-"},     {"t", "prerouting", redirect, "++"},
-        {"t", "prerouting", notrack, "++"}, {"vantry", "output", redirect, "++"},
+        {"output", "tcp dport 80 redirect to :3128", "-+"},
+        {"output", "ip daddr 192.0.2.9 dnat to 192.0.2.1", "-+"},
+        {"output", "meta l4proto tcp counter xt target \"REDIRECT\"", "-+"},
+        {"output", "udp dport 53 notrack", "+-"},
+        {"output", "tcp dport 80 accept", "++"},
+        {"prerouting", "tcp dport 80 redirect to :3128", "++"},
+        {"prerouting", "notrack", "++"},
     };
-    for (const auto& [table, hook, statement, verdicts] : cases) {
-        const auto place = R"({"family":"ip","table":")" + table + R"(",)";
+    for (const auto& [hook, rule, verdicts] : cases) {
         std::string found;
-        for (const auto& finding : findingsInRuleSet(
-                 parsed(R"({"nftables":[{"metainfo":{"version":"1"}},{"chain":)" + place +
-                        R"("name":"c","hook":")" + hook + R"("}},{"rule":)" + place +
-                        R"("chain":"c","expr":[{"match":{"op":"=="}},)" + statement + "]}}]}")))
+        for (const auto& finding : findingsInRules(
+                 "table ip first {\n}\ntable inet t {\n\tchain c {\n\t\ttype nat hook " + hook +
+                 " priority -100; policy accept;\n\t\t" + rule + "\n\t}\n}\n"))
             found += finding.verdict == Verdict::good ? "+" : "-";
-        EXPECT_EQ(found, verdicts) << table << hook << statement;
+        EXPECT_EQ(found, verdicts) << hook << " " << rule;
     }
-    EXPECT_EQ(findingsInRuleSet(parsed("[]")).front().verdict, Verdict::unknown);
 }
 
 TEST(MachineCheckTest, MarksClashOnlyWhereNoByteIsFree) {
