@@ -61,7 +61,7 @@ bool holdsAnyOf(const std::vector<std::string>& words, std::initializer_list<con
     return std::ranges::find_first_of(words, wanted) != words.end();
 }
 
-// The words in quotes are how rules show that were made with the tools of before.
+// The words in quotes are those of rules that iptables made.
 OtherChains otherChainsIn(const std::string& rules) {
     OtherChains chains;
     std::string table;
