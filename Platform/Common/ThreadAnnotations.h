@@ -12,6 +12,7 @@
 #define CAPABILITY(name) VANTRY_THREAD_ATTRIBUTE(capability(name))
 #define SCOPED_CAPABILITY VANTRY_THREAD_ATTRIBUTE(scoped_lockable)
 #define GUARDED_BY(lock) VANTRY_THREAD_ATTRIBUTE(guarded_by(lock))
+#define PT_GUARDED_BY(lock) VANTRY_THREAD_ATTRIBUTE(pt_guarded_by(lock))
 #define REQUIRES(...) VANTRY_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define EXCLUDES(...) VANTRY_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
 #define ACQUIRE(...) VANTRY_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))

@@ -10,7 +10,6 @@ namespace platform {
 
 using simulated::breach;
 using simulated::machine;
-using simulated::MutexGuard;
 
 namespace {
 

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/NEAppProxyFlow.h"
-#include "Platform/Simulated/Mutex.h"
 #include "Platform/Simulated/Scheduler.h"
 
 namespace platform {
@@ -78,7 +78,7 @@ private:
     bool isReadClosed() const REQUIRES(mutex);
     bool isWriteClosed() const REQUIRES(mutex);
 
-    mutable simulated::Mutex mutex;
+    mutable Mutex mutex;
     Record done GUARDED_BY(mutex);
     Opening opening GUARDED_BY(mutex) = Opening::notAsked;
     bool isHeld GUARDED_BY(mutex) = false;

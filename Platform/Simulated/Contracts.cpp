@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Foundation.h"
 #include "Platform/Simulated/Machine.h"
-#include "Platform/Simulated/Mutex.h"
 
 namespace platform {
 namespace simulated {

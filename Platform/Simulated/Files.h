@@ -10,8 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Foundation.h"
-#include "Platform/Simulated/Mutex.h"
 #include "Platform/Simulated/Scheduler.h"
 
 namespace platform::simulated {

@@ -10,11 +10,11 @@
 #include <string>
 #include <vector>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/NEAppProxyFlow.h"
 #include "Platform/NEFilterFlow.h"
 #include "Platform/NENetworkSettings.h"
 #include "Platform/Simulated/ApplicationSocket.h"
-#include "Platform/Simulated/Mutex.h"
 #include "Platform/Simulated/Scheduler.h"
 
 namespace platform::simulated {

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/InterfaceAddresses.h"
-#include "Platform/Simulated/Mutex.h"
 
 namespace platform::simulated {
 

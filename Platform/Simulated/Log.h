@@ -12,8 +12,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Logging.h"
-#include "Platform/Simulated/Mutex.h"
 
 namespace platform::simulated {
 

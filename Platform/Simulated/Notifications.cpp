@@ -7,8 +7,6 @@
 
 namespace platform {
 
-using simulated::MutexGuard;
-
 void CFNotificationCenter::post(std::string_view name) {
     {
         const MutexGuard guard(mutex);
@@ -40,7 +38,7 @@ void CFNotificationCenter::deliver(const std::string& name) {
             const MutexGuard guard(mutex);
             callUnderWay.reset();
         }
-        callEnded.notify_all();
+        callEnded.notifyAll();
     }
     bool isWantedAgain = false;
     {

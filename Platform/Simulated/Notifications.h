@@ -10,8 +10,8 @@
 #include <thread>
 #include <vector>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/DarwinNotifications.h"
-#include "Platform/Simulated/Mutex.h"
 #include "Platform/Simulated/Scheduler.h"
 
 namespace platform {
@@ -54,11 +54,11 @@ private:
 
     simulated::Scheduler& scheduler;
     const simulated::Scheduler::Lane deliveryThread;
-    mutable simulated::Mutex mutex;
+    mutable Mutex mutex;
     std::vector<Registration> registrations GUARDED_BY(mutex);
     std::map<std::string, Delivery, std::less<>> deliveries GUARDED_BY(mutex);
     std::optional<Call> callUnderWay GUARDED_BY(mutex);
-    std::condition_variable_any callEnded;
+    Condition callEnded;
     std::uint64_t lastNumber GUARDED_BY(mutex) = 0;
 };
 

@@ -11,7 +11,6 @@ namespace platform {
 
 using simulated::breach;
 using simulated::machine;
-using simulated::MutexGuard;
 using simulated::PeerPiece;
 using simulated::Reachability;
 

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Network.h"
-#include "Platform/Simulated/Mutex.h"
 #include "Platform/Simulated/Scheduler.h"
 
 namespace platform {
@@ -107,7 +107,7 @@ private:
     const NWParameters parameters;
     const simulated::Scheduler::Lane stateUpdates;
 
-    mutable simulated::Mutex mutex;
+    mutable Mutex mutex;
     Record done GUARDED_BY(mutex);
     State::Kind current GUARDED_BY(mutex) = State::Kind::setup;
     Handler handler GUARDED_BY(mutex);

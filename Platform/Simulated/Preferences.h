@@ -8,8 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/NETunnelProvider.h"
-#include "Platform/Simulated/Mutex.h"
 #include "Platform/Simulated/Scheduler.h"
 
 namespace platform::simulated {

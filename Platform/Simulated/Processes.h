@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "Platform/Common/Data.h"
-#include "Platform/Simulated/Mutex.h"
+#include "Platform/Common/Mutex.h"
 
 namespace platform::simulated {
 

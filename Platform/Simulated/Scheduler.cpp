@@ -66,7 +66,7 @@ void Scheduler::queue(double delay, bool isTimer, const char* label, Completion<
             waiting.emplace(key, std::move(event));
         }
     }
-    changed.notify_all();
+    changed.notifyAll();
 }
 
 double Scheduler::now() const {
@@ -222,8 +222,9 @@ void Scheduler::workOnThread() {
                 changed.wait(mutex);
             } else {
                 const double wait = (waiting.begin()->first.first - currentTime());
-                changed.wait_for(
-                    mutex, std::chrono::duration<double>(std::max(wait, 0.0) / options.timeScale));
+                const std::chrono::duration<double> real(std::max(wait, 0.0) / options.timeScale);
+                changed.waitUntil(mutex, Condition::Clock::now() +
+                                             std::chrono::ceil<Condition::Clock::duration>(real));
             }
             continue;
         }
@@ -233,7 +234,7 @@ void Scheduler::workOnThread() {
         checkNoLockIsHeld(event.label);
         mutex.lock();
         finish(event);
-        changed.notify_all();
+        changed.notifyAll();
     }
     mutex.unlock();
 }
@@ -280,7 +281,7 @@ void Scheduler::end() {
         const MutexGuard guard(mutex);
         hasEnded = true;
     }
-    changed.notify_all();
+    changed.notifyAll();
     for (auto& thread : threads) thread.join();
     threads.clear();
     {

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "Platform/Common/Completion.h"
-#include "Platform/Simulated/Mutex.h"
+#include "Platform/Common/Mutex.h"
 
 namespace platform::simulated {
 
@@ -123,7 +123,7 @@ private:
     const std::chrono::steady_clock::time_point realStart = std::chrono::steady_clock::now();
 
     mutable Mutex mutex;
-    std::condition_variable_any changed;
+    Condition changed;
     std::mt19937_64 random GUARDED_BY(mutex);
     double virtualNow GUARDED_BY(mutex) = 0;
     double latency GUARDED_BY(mutex) = 0;

@@ -218,7 +218,6 @@ void Network::monitorEnds(const NWPathMonitor::Implementation* monitor, bool byC
 // Path monitors.
 
 using simulated::machine;
-using simulated::MutexGuard;
 
 NWPathMonitor::Implementation::Implementation() : updates(machine().scheduler.makeLane()) {
     machine().network.monitorIsMade();

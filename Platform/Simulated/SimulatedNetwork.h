@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Network.h"
-#include "Platform/Simulated/Mutex.h"
 #include "Platform/Simulated/PeerConnection.h"
 #include "Platform/Simulated/Scheduler.h"
 
@@ -31,7 +31,7 @@ private:
     void deliver(const NWPath& path);
 
     const simulated::Scheduler::Lane updates;
-    simulated::Mutex mutex;
+    Mutex mutex;
     Handler handler GUARDED_BY(mutex);
     bool isStarted GUARDED_BY(mutex) = false;
     bool isOver GUARDED_BY(mutex) = false;

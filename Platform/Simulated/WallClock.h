@@ -3,7 +3,7 @@
 #pragma once
 
 #include "Platform/Common/Date.h"
-#include "Platform/Simulated/Mutex.h"
+#include "Platform/Common/Mutex.h"
 #include "Platform/Simulated/Scheduler.h"
 
 namespace platform::simulated {

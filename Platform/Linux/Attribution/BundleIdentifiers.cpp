@@ -7,10 +7,10 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <pugixml.hpp>
 #include <unordered_map>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Common/Text.h"
 #include "Platform/Linux/FileDescriptor.h"
 
@@ -88,7 +88,7 @@ public:
         if (status.st_size > static_cast<off_t>(largestPropertyList)) return std::nullopt;
         const auto version = versionOf(status);
         {
-            const std::lock_guard guard(lock);
+            const MutexGuard guard(lock);
             const auto found = entries.find(path);
             if (found != entries.end() && found->second.version == version) {
                 return found->second.identifier;
@@ -96,7 +96,7 @@ public:
         }
         const auto text = readPropertyList(path);
         Entry entry{version, text ? identifierInPropertyList(*text) : std::nullopt};
-        const std::lock_guard guard(lock);
+        const MutexGuard guard(lock);
         if (entries.size() >= limit) entries.clear();
         return entries.insert_or_assign(path, std::move(entry)).first->second.identifier;
     }
@@ -108,8 +108,8 @@ private:
     };
     static constexpr std::size_t limit = 1000;
 
-    std::mutex lock;  // guards `entries`; held for table work only
-    std::unordered_map<std::string, Entry> entries;
+    Mutex lock;  // held for table work only
+    std::unordered_map<std::string, Entry> entries GUARDED_BY(lock);
 };
 
 // The end of the bundle path that `suffix` marks in `path`, searched from the left; npos if none.

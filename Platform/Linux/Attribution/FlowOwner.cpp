@@ -3,10 +3,10 @@
 #include <netinet/in.h>
 
 #include <chrono>
-#include <mutex>
 #include <utility>
 #include <vector>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Linux/Attribution/ProcessTable.h"
 #include "Platform/Linux/Attribution/ProcessWatch.h"
 #include "Platform/Linux/Attribution/RecentMemory.h"
@@ -185,7 +185,7 @@ private:
     using DiagnosisPointer = std::unique_ptr<SocketDiagnosis>;
 
     DiagnosisPointer borrowDiagnosis() {
-        const std::lock_guard guard(lock);
+        const MutexGuard guard(lock);
         if (idle.empty()) return std::make_unique<SocketDiagnosis>();
         auto diagnosis = std::move(idle.back());
         idle.pop_back();
@@ -194,7 +194,7 @@ private:
 
     void giveBack(DiagnosisPointer diagnosis) {
         if (!diagnosis->isOpen()) return;
-        const std::lock_guard guard(lock);
+        const MutexGuard guard(lock);
         idle.push_back(std::move(diagnosis));
     }
 
@@ -204,8 +204,8 @@ private:
     RecentMemory<std::uint64_t, KnownSocket> sockets{rememberedSockets};
     RecentMemory<std::uint64_t, Clock::time_point> nobodys{rememberedSockets};
     RecentMemory<std::string, KnownSource> sources{rememberedSockets};  // for want of notes
-    std::mutex lock;                                                    // guards `idle`
-    std::vector<DiagnosisPointer> idle;
+    Mutex lock;
+    std::vector<DiagnosisPointer> idle GUARDED_BY(lock);
 };
 
 FlowAttribution::FlowAttribution(std::unique_ptr<SocketUsers> notes)

@@ -168,7 +168,7 @@ Process ProcessTable::classify(pid_t pid, const ProcessStatus& status, const Fil
 }
 
 ProcessTable::Entry ProcessTable::find(pid_t pid) {
-    const std::lock_guard guard(lock);
+    const MutexGuard guard(lock);
     const auto found = entries.find(pid);
     return found == entries.end() ? Entry{} : found->second;
 }
@@ -176,14 +176,14 @@ ProcessTable::Entry ProcessTable::find(pid_t pid) {
 std::shared_ptr<const Process> ProcessTable::store(std::shared_ptr<const Process> process,
                                                    Clock::time_point classified,
                                                    Clock::time_point confirmed) {
-    const std::lock_guard guard(lock);
+    const MutexGuard guard(lock);
     if (entries.size() >= entryLimit) makeRoom(confirmed);
     entries.insert_or_assign(process->pid, Entry{process, classified, confirmed});
     return process;
 }
 
 void ProcessTable::forgetOlder(pid_t pid, Clock::time_point when) {
-    const std::lock_guard guard(lock);
+    const MutexGuard guard(lock);
     const auto known = entries.find(pid);
     if (known != entries.end() && known->second.confirmed < when) entries.erase(known);
 }

@@ -9,10 +9,10 @@
 #include <chrono>
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Linux/Attribution/AuditToken.h"
 #include "Platform/Linux/Attribution/ProcessStatus.h"
 #include "Platform/Linux/Attribution/RecentMemory.h"
@@ -86,10 +86,10 @@ private:
     Process classify(pid_t pid, const ProcessStatus& status, const FileDescriptor& folder,
                      int generation);
     void forgetOlder(pid_t pid, Clock::time_point when);
-    void makeRoom(Clock::time_point now);
+    void makeRoom(Clock::time_point now) REQUIRES(lock);
 
-    std::mutex lock;  // guards `entries`; held for table work only
-    std::unordered_map<pid_t, Entry> entries;
+    Mutex lock;  // held for table work only
+    std::unordered_map<pid_t, Entry> entries GUARDED_BY(lock);
     RecentMemory<pid_t, pid_t> parents{4096};
 };
 

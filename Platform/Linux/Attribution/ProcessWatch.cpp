@@ -106,7 +106,7 @@ void ProcessWatch::run(const std::stop_token& stop) {
 }
 
 void ProcessWatch::examineStarted() {
-    std::unique_lock hold(lock);
+    MutexGuard hold(lock);
     for (takeInEvents(); !started.empty(); takeInEvents()) {
         const pid_t pid = started.front();
         started.pop_front();
@@ -117,15 +117,16 @@ void ProcessWatch::examineStarted() {
         hold.lock();
         isExamining = false;
     }
-    allExamined.notify_all();
+    allExamined.notifyAll();
 }
 
 void ProcessWatch::catchUp() {
-    std::unique_lock hold(lock);
+    MutexGuard hold(lock);
     takeInEvents();
     if (!started.empty()) ::eventfd_write(wakeUp.get(), 1);
-    allExamined.wait_for(hold, longestWaitForOthers,
-                         [this] { return started.empty() && !isExamining; });
+    const auto deadline = Condition::Clock::now() + longestWaitForOthers;
+    while ((!started.empty() || isExamining) && allExamined.waitUntil(lock, deadline)) {
+    }
 }
 
 void ProcessWatch::takeInEvents() {

@@ -5,14 +5,13 @@
 
 #include <sys/types.h>
 
-#include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <stop_token>
 #include <thread>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Linux/Attribution/ProcessTable.h"
 #include "Platform/Linux/FileDescriptor.h"
 
@@ -36,18 +35,17 @@ private:
     ProcessWatch(ProcessTable& toTell, FileDescriptor listening);
     void run(const std::stop_token& stop);
     void examineStarted();
-    // These need the lock.
-    void takeInEvents();
-    void takeIn(const char* message, std::size_t length);
+    void takeInEvents() REQUIRES(lock);
+    void takeIn(const char* message, std::size_t length) REQUIRES(lock);
 
     ProcessTable& processes;
     FileDescriptor events;
     FileDescriptor wakeUp;
-    // Guards the rest, and is held while events are taken in, so that they are in their order.
-    std::mutex lock;
-    std::deque<pid_t> started;  // programs that nobody has looked at yet
-    bool isExamining = false;
-    std::condition_variable allExamined;
+    // Held while events are taken in, so that they are in their order.
+    Mutex lock;
+    std::deque<pid_t> started GUARDED_BY(lock);  // programs that nobody has looked at yet
+    bool isExamining GUARDED_BY(lock) = false;
+    Condition allExamined;
     std::jthread thread;
 };
 

@@ -3,10 +3,11 @@
 #pragma once
 
 #include <cstddef>
-#include <mutex>
 #include <optional>
 #include <unordered_map>
 #include <utility>
+
+#include "Platform/Common/Mutex.h"
 
 namespace platform {
 
@@ -16,7 +17,7 @@ public:
     explicit RecentMemory(std::size_t size) : generationSize(size) {}
 
     std::optional<Value> find(const Key& key) {
-        const std::lock_guard guard(lock);
+        const MutexGuard guard(lock);
         for (const auto* generation : {&young, &old}) {
             const auto found = generation->find(key);
             if (found != generation->end()) return found->second;
@@ -25,13 +26,13 @@ public:
     }
 
     void remember(const Key& key, Value value) {
-        const std::lock_guard guard(lock);
+        const MutexGuard guard(lock);
         if (young.size() >= generationSize) old = std::exchange(young, {});
         young.insert_or_assign(key, std::move(value));
     }
 
     void forget(const Key& key) {
-        const std::lock_guard guard(lock);
+        const MutexGuard guard(lock);
         young.erase(key);
         old.erase(key);
     }
@@ -39,9 +40,9 @@ public:
 private:
     using Generation = std::unordered_map<Key, Value>;
     const std::size_t generationSize;
-    std::mutex lock;  // guards both generations; held for table work only
-    Generation young;
-    Generation old;
+    Mutex lock;  // held for table work only
+    Generation young GUARDED_BY(lock);
+    Generation old GUARDED_BY(lock);
 };
 
 }  // namespace platform

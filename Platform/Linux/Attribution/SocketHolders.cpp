@@ -263,7 +263,7 @@ std::optional<SocketHolder> SocketHolders::find(std::uint32_t inode, uid_t uid) 
 
 std::vector<SocketOpener> SocketHolders::openersOf(uid_t uid) {
     std::vector<SocketOpener> result;
-    const std::lock_guard guard(lock);
+    const MutexGuard guard(lock);
     for (const auto& opener : openers) {
         if (opener.uid == uid && result.size() < openerLimitOfAccount) result.push_back(opener);
     }
@@ -271,7 +271,7 @@ std::vector<SocketOpener> SocketHolders::openersOf(uid_t uid) {
 }
 
 void SocketHolders::remember(uid_t uid, const SocketHolder& holder) {
-    const std::lock_guard guard(lock);
+    const MutexGuard guard(lock);
     auto place = std::find_if(openers.begin(), openers.end(), [&](const SocketOpener& opener) {
         return opener.pid == holder.pid && opener.uid == uid;
     });

@@ -11,10 +11,10 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <vector>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Linux/Attribution/RecentMemory.h"
 
 namespace platform {
@@ -52,8 +52,8 @@ private:
     std::vector<pid_t> youngProcessesOf(uid_t uid);
     bool isYoung(pid_t pid);
 
-    std::mutex lock;                    // guards `openers`; held for table work only
-    std::vector<SocketOpener> openers;  // the latest first
+    Mutex lock;                                          // held for table work only
+    std::vector<SocketOpener> openers GUARDED_BY(lock);  // the latest first
     RecentMemory<pid_t, Clock::time_point> firstSeen{1024};
 };
 

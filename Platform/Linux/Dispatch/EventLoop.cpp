@@ -64,7 +64,7 @@ void EventLoop::run() {
 
 void EventLoop::post(Completion<> work) {
     {
-        NSLockGuard guard(inboxLock);
+        MutexGuard guard(inboxLock);
         inbox.push_back(std::move(work));
         inboxHasWork.store(true);
     }
@@ -112,7 +112,7 @@ void EventLoop::runInbox() {
     if (!inboxHasWork.load()) return;
     std::vector<Completion<>> work;
     {
-        NSLockGuard guard(inboxLock);
+        MutexGuard guard(inboxLock);
         work.swap(inbox);
         inboxHasWork.store(false);
     }
@@ -180,7 +180,7 @@ SharedWork::SharedWork()
 
 void SharedWork::add(Completion<> work) {
     {
-        NSLockGuard guard(lock);
+        MutexGuard guard(lock);
         waiting.push_back(std::move(work));
     }
     signalEvent(available.get());
@@ -190,7 +190,7 @@ Completion<> SharedWork::take() {
     // The counter is a semaphore: whoever takes one from it owns one piece.
     std::uint64_t one = 0;
     if (::read(available.get(), &one, sizeof one) != sizeof one) return {};
-    NSLockGuard guard(lock);
+    MutexGuard guard(lock);
     Completion<> work = std::move(waiting[next++]);
     if (next == waiting.size()) {
         waiting.clear();

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "Platform/Common/Completion.h"
+#include "Platform/Common/Mutex.h"
 #include "Platform/Common/ThreadAnnotations.h"
 #include "Platform/Foundation.h"
 #include "Platform/Linux/Dispatch/TimerHeap.h"
@@ -104,7 +105,7 @@ private:
     FileDescriptor epoll;
     FileDescriptor wakeUp;
 
-    NSLock inboxLock;
+    Mutex inboxLock;
     std::vector<Completion<>> inbox GUARDED_BY(inboxLock);
     std::atomic<bool> inboxHasWork{false};
     std::atomic<bool> isAsleep{false};
@@ -131,7 +132,7 @@ public:
 
 private:
     FileDescriptor available;
-    NSLock lock;
+    Mutex lock;
     std::vector<Completion<>> waiting GUARDED_BY(lock);
     std::size_t next GUARDED_BY(lock) = 0;
 };

@@ -12,21 +12,21 @@ MainQueue& MainQueue::shared() {
 }
 
 void MainQueue::async(Completion<> work) {
-    const std::lock_guard guard(mutex);
+    const MutexGuard guard(mutex);
     ready.push_back(std::move(work));
-    changed.notify_one();
+    changed.notifyOne();
 }
 
 void MainQueue::asyncAfter(double seconds, Completion<> work) {
-    const std::lock_guard guard(mutex);
+    const MutexGuard guard(mutex);
     timers.add(TimerHeap::instantAfter(seconds), std::move(work));
-    changed.notify_one();
+    changed.notifyOne();
 }
 
 void MainQueue::stop(int status) {
-    const std::lock_guard guard(mutex);
+    const MutexGuard guard(mutex);
     exitStatus = status;
-    changed.notify_one();
+    changed.notifyOne();
 }
 
 void MainQueue::serve() {
@@ -34,7 +34,7 @@ void MainQueue::serve() {
 }
 
 Completion<> MainQueue::next() {
-    std::unique_lock guard(mutex);
+    const MutexGuard guard(mutex);
     for (;;) {
         // Other threads still run: destructors of static objects must not.
         if (exitStatus) std::_Exit(*exitStatus);
@@ -45,9 +45,9 @@ Completion<> MainQueue::next() {
             return work;
         }
         if (timers.isEmpty())
-            changed.wait(guard);
+            changed.wait(mutex);
         else
-            changed.wait_until(guard, timers.firstDue());
+            changed.waitUntil(mutex, timers.firstDue());
     }
 }
 

@@ -3,12 +3,11 @@
 // process.
 #pragma once
 
-#include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <optional>
 
 #include "Platform/Common/Completion.h"
+#include "Platform/Common/Mutex.h"
 #include "Platform/Linux/Dispatch/TimerHeap.h"
 
 namespace platform {
@@ -33,11 +32,11 @@ private:
     // The next piece of work that is due; waits for it. Leaves the process after `stop`.
     Completion<> next();
 
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::deque<Completion<>> ready;
-    TimerHeap timers;
-    std::optional<int> exitStatus;
+    Mutex mutex;
+    Condition changed;
+    std::deque<Completion<>> ready GUARDED_BY(mutex);
+    TimerHeap timers GUARDED_BY(mutex);
+    std::optional<int> exitStatus GUARDED_BY(mutex);
 };
 
 }  // namespace platform

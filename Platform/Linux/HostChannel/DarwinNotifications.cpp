@@ -1,4 +1,5 @@
 #include "Platform/DarwinNotifications.h"
+#include "Platform/Common/Mutex.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -9,7 +10,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <condition_variable>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -86,9 +86,9 @@ private:
         std::thread::id thread;
     };
 
-    NSLock lock;
+    Mutex lock;
     std::optional<Call> callUnderWay GUARDED_BY(lock);
-    std::condition_variable_any callEnded;
+    Condition callEnded;
     std::vector<Registration> registrations GUARDED_BY(lock);
     std::uint64_t lastNumber GUARDED_BY(lock) = 0;
 
@@ -117,7 +117,7 @@ void CFNotificationCenter::addObserver(void* observer, CFNotificationCallback ca
         return;
     }
     {
-        const NSLockGuard guard(lock);
+        const MutexGuard guard(lock);
         registrations.push_back({++lastNumber, observer, callback, std::string(name)});
     }
     std::call_once(deliveryStart, [this] { startDelivery(); });
@@ -125,7 +125,7 @@ void CFNotificationCenter::addObserver(void* observer, CFNotificationCallback ca
 }
 
 void CFNotificationCenter::removeEveryObserver(void* observer) {
-    const NSLockGuard guard(lock);
+    const MutexGuard guard(lock);
     std::erase_if(registrations, [observer](const auto& r) { return r.observer == observer; });
     while (isCalledElsewhere(observer)) callEnded.wait(lock);
 }
@@ -178,7 +178,7 @@ std::vector<std::string> CFNotificationCenter::namesToDeliver() {
 }
 
 std::vector<std::string> CFNotificationCenter::observedNames() {
-    const NSLockGuard guard(lock);
+    const MutexGuard guard(lock);
     std::vector<std::string> names;
     for (const auto& each : registrations)
         if (std::ranges::find(names, each.name) == names.end()) names.push_back(each.name);
@@ -195,7 +195,7 @@ void CFNotificationCenter::deliver(const std::string& name) {
 }
 
 std::vector<std::uint64_t> CFNotificationCenter::registrationsOf(const std::string& name) {
-    const NSLockGuard guard(lock);
+    const MutexGuard guard(lock);
     std::vector<std::uint64_t> numbers;
     for (const auto& each : registrations)
         if (each.name == name) numbers.push_back(each.number);
@@ -205,7 +205,7 @@ std::vector<std::uint64_t> CFNotificationCenter::registrationsOf(const std::stri
 // Asked again for each call: an observer may have gone since the list was made.
 std::optional<CFNotificationCenter::Registration> CFNotificationCenter::beginCall(
     std::uint64_t number) {
-    const NSLockGuard guard(lock);
+    const MutexGuard guard(lock);
     const auto found = std::ranges::find(registrations, number, &Registration::number);
     if (found == registrations.end()) return std::nullopt;
     callUnderWay = Call{found->observer, std::this_thread::get_id()};
@@ -214,10 +214,10 @@ std::optional<CFNotificationCenter::Registration> CFNotificationCenter::beginCal
 
 void CFNotificationCenter::endCall() {
     {
-        const NSLockGuard guard(lock);
+        const MutexGuard guard(lock);
         callUnderWay.reset();
     }
-    callEnded.notify_all();
+    callEnded.notifyAll();
 }
 
 bool CFNotificationCenter::isCalledElsewhere(void* observer) const {

@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Foundation.h"
 #include "Platform/Linux/HostChannel/HostChannelLog.h"
 #include "Platform/Linux/HostChannel/TrustedAccounts.h"
@@ -86,7 +87,7 @@ public:
 
     void put(std::uint64_t client, std::optional<Data> answer) {
         {
-            const NSLockGuard guard(lock);
+            const MutexGuard guard(lock);
             waiting.emplace_back(client, std::move(answer));
         }
         eventfd_write(signal.get(), 1);
@@ -95,13 +96,13 @@ public:
     std::vector<std::pair<std::uint64_t, std::optional<Data>>> takeAll() {
         eventfd_t ignored = 0;
         eventfd_read(signal.get(), &ignored);
-        const NSLockGuard guard(lock);
+        const MutexGuard guard(lock);
         return std::exchange(waiting, {});
     }
 
 private:
     const FileDescriptor signal{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
-    NSLock lock;
+    Mutex lock;
     std::vector<std::pair<std::uint64_t, std::optional<Data>>> waiting GUARDED_BY(lock);
 };
 

@@ -27,14 +27,14 @@ bool isTunnel(unsigned interfaceIndex) {
 AddressAliases::AddressAliases() : socket(NetlinkSocket::open(NETLINK_ROUTE)) {}
 
 AddressAliases::~AddressAliases() {
-    const std::lock_guard guard(lock);
+    const MutexGuard guard(lock);
     for (const auto& [address, count] : users) put(address, secondsForFarewell);
 }
 
 std::shared_ptr<void> AddressAliases::keepSourceOf(const FlowTuple& flow) {
     if (!socket || !isTunnel(flow.outputInterface)) return nullptr;
     const Address address{flow.family, flow.sourceAddress};
-    const std::lock_guard guard(lock);
+    const MutexGuard guard(lock);
     std::size_t& count = users[address];
     if (count == 0 && !put(address, lifetimeSeconds)) {
         users.erase(address);
@@ -47,12 +47,12 @@ std::shared_ptr<void> AddressAliases::keepSourceOf(const FlowTuple& flow) {
 }
 
 void AddressAliases::renew() {
-    const std::lock_guard guard(lock);
+    const MutexGuard guard(lock);
     for (const auto& [address, count] : users) put(address, lifetimeSeconds);
 }
 
 void AddressAliases::letGo(const Address& address) {
-    const std::lock_guard guard(lock);
+    const MutexGuard guard(lock);
     const auto found = users.find(address);
     if (found == users.end() || --found->second > 0) return;
     users.erase(found);

@@ -9,9 +9,9 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <tuple>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Linux/Attribution/FlowOwner.h"
 #include "Platform/Linux/Interception/NetlinkSocket.h"
 
@@ -44,14 +44,13 @@ private:
         }
     };
 
-    bool put(const Address& address, std::uint32_t seconds);
-    void take(const Address& address);
+    bool put(const Address& address, std::uint32_t seconds) REQUIRES(lock);
+    void take(const Address& address) REQUIRES(lock);
     void letGo(const Address& address);
 
-    // Guards all.
-    std::mutex lock;
-    std::unique_ptr<NetlinkSocket> socket;
-    std::map<Address, std::size_t> users;
+    Mutex lock;
+    const std::unique_ptr<NetlinkSocket> socket PT_GUARDED_BY(lock);
+    std::map<Address, std::size_t> users GUARDED_BY(lock);
 };
 
 }  // namespace platform::interception

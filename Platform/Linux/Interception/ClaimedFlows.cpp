@@ -12,9 +12,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
-#include <mutex>
 #include <optional>
 #include <unordered_map>
 #include <utility>
@@ -125,7 +123,7 @@ FileDescriptor openListener(int family) {
 class ClaimedFlows::Awaited {
 public:
     void add(const FlowTuple& flow, Flow claimed) {
-        const std::lock_guard guard(lock);
+        const MutexGuard guard(lock);
         claims.insert_or_assign(flow, Claim{std::move(claimed), Clock::now() + longestWait});
     }
 
@@ -142,7 +140,7 @@ public:
     void failThoseBefore(std::chrono::steady_clock::time_point deadline, const NSError& error) {
         std::vector<Flow> failed;
         {
-            const std::lock_guard guard(lock);
+            const MutexGuard guard(lock);
             std::erase_if(claims, [&](auto& entry) {
                 if (entry.second.deadline > deadline) return false;
                 failed.push_back(std::move(entry.second.flow));
@@ -160,7 +158,7 @@ private:
     };
 
     Flow take(const FlowTuple& flow) {
-        const std::lock_guard guard(lock);
+        const MutexGuard guard(lock);
         const auto found = claims.find(flow);
         if (found == claims.end()) return nullptr;
         Flow claimed = std::move(found->second.flow);
@@ -173,40 +171,40 @@ private:
     Flow takeTranslated(const FlowTuple& answers) {
         std::optional<FlowTuple> flow;
         {
-            const std::lock_guard guard(entriesLock);
+            const MutexGuard guard(entriesLock);
             if (entries) flow = entries->openingOf(answers);
         }
         return flow ? take(*flow) : nullptr;
     }
 
-    // Guards `entries`.
-    std::mutex entriesLock;
-    const std::unique_ptr<ConnectionEntries> entries = ConnectionEntries::open();
-    // Guards `claims`.
-    std::mutex lock;
-    std::unordered_map<FlowTuple, Claim, FlowHash, SameFlow> claims;
+    Mutex entriesLock;
+    const std::unique_ptr<ConnectionEntries> entries PT_GUARDED_BY(entriesLock) =
+        ConnectionEntries::open();
+    Mutex lock;
+    std::unordered_map<FlowTuple, Claim, FlowHash, SameFlow> claims GUARDED_BY(lock);
 };
 
 class ClaimedFlows::OpenFlows {
 public:
     void add() {
-        const std::lock_guard guard(lock);
+        const MutexGuard guard(lock);
         ++count;
     }
     void remove() {
-        const std::lock_guard guard(lock);
-        if (--count == 0) noneIsLeft.notify_all();
+        const MutexGuard guard(lock);
+        if (--count == 0) noneIsLeft.notifyAll();
     }
     void awaitNone(std::chrono::milliseconds longest) {
-        std::unique_lock hold(lock);
-        noneIsLeft.wait_for(hold, longest, [this] { return count == 0; });
+        const auto deadline = Condition::Clock::now() + longest;
+        const MutexGuard hold(lock);
+        while (count != 0 && noneIsLeft.waitUntil(lock, deadline)) {
+        }
     }
 
 private:
-    // Guards `count`.
-    std::mutex lock;
-    std::condition_variable noneIsLeft;
-    std::size_t count = 0;
+    Mutex lock;
+    Condition noneIsLeft;
+    std::size_t count GUARDED_BY(lock) = 0;
 };
 
 ClaimedFlows::ClaimedFlows()
@@ -245,7 +243,7 @@ bool ClaimedFlows::canClaim(int family) {
 void ClaimedFlows::complain() {
     const auto now = std::chrono::steady_clock::now();
     {
-        const std::lock_guard guard(complaintLock);
+        const MutexGuard guard(complaintLock);
         if (now < nextComplaint) return;
         nextComplaint = now + betweenComplaints;
     }

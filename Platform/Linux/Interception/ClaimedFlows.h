@@ -8,8 +8,8 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
-#include <mutex>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Linux/Attribution/FlowOwner.h"
 #include "Platform/Linux/Interception/PacketTable.h"
 #include "Platform/Linux/Relay/ConnectionAcceptor.h"
@@ -50,9 +50,8 @@ private:
 
     std::atomic<bool> hadDescriptors{false};
     std::atomic<unsigned> claimsSinceLook{0};
-    // Guards the next one.
-    std::mutex complaintLock;
-    std::chrono::steady_clock::time_point nextComplaint;
+    Mutex complaintLock;
+    std::chrono::steady_clock::time_point nextComplaint GUARDED_BY(complaintLock);
     std::shared_ptr<Awaited> awaited;
     std::shared_ptr<OpenFlows> openFlows;
     std::unique_ptr<ConnectionAcceptor> ipv4;

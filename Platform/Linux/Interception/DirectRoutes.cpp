@@ -8,11 +8,11 @@
 #include <array>
 #include <cerrno>
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <utility>
 #include <vector>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Linux/Interception/NetlinkSocket.h"
 #include "Platform/Linux/PlatformLog.h"
 #include "Platform/Linux/SystemError.h"
@@ -88,6 +88,7 @@ public:
         : place(markPlace),
           socket(NetlinkSocket::open(NETLINK_ROUTE)),
           events(NetlinkSocket::open(NETLINK_ROUTE, eventGroups)) {
+        const MutexGuard guard(lock);
         clear();
     }
 
@@ -99,7 +100,7 @@ public:
         while (recv(eventDescriptor(), ignored.data(), ignored.size(), MSG_DONTWAIT) > 0 ||
                errno == ENOBUFS) {
         }
-        const std::lock_guard guard(lock);
+        const MutexGuard guard(lock);
         if (!socket || hasEnded) return;
         bool wasMissing = false;
         for (const Route& route : inForce) {
@@ -113,7 +114,7 @@ public:
     }
 
     void follow(const NetworkState& state) {
-        const std::lock_guard guard(lock);
+        const MutexGuard guard(lock);
         if (!socket || hasEnded) return;
         auto missing = routesThatAreMissing(state);
         if (missing == inForce) return;
@@ -123,13 +124,13 @@ public:
     }
 
     void end() {
-        const std::lock_guard guard(lock);
+        const MutexGuard guard(lock);
         hasEnded = true;
         clear();
     }
 
 private:
-    void clear() {
+    void clear() REQUIRES(lock) {
         if (!socket) return;
         for (const int family : {AF_INET, AF_INET6}) {
             removeEvery([&](Room& room) {
@@ -144,7 +145,7 @@ private:
 
     // A deletion takes one of those that fit.
     template <class Make>
-    void removeEvery(Make make) {
+    void removeEvery(Make make) REQUIRES(lock) {
         constexpr int most = 64;
         for (int count = 0; count < most; ++count) {
             alignas(nlmsghdr) Room room{};
@@ -152,7 +153,7 @@ private:
         }
     }
 
-    void add(const Route& route) {
+    void add(const Route& route) REQUIRES(lock) {
         int error = addRoute(route, NLM_F_REPLACE);
         if (error == 0) error = addRule(route.family, nearRoutesPriority, RT_TABLE_MAIN, true);
         // Of several interfaces of one family the first has brought the rules.
@@ -164,7 +165,7 @@ private:
                 systemError(error).localizedDescription);
     }
 
-    int addRoute(const Route& wanted, unsigned ifThereIsOne) {
+    int addRoute(const Route& wanted, unsigned ifThereIsOne) REQUIRES(lock) {
         alignas(nlmsghdr) Room room{};
         nlmsghdr* const header =
             beginRoute(room, RTM_NEWROUTE, NLM_F_CREATE | ifThereIsOne, wanted.family);
@@ -182,7 +183,8 @@ private:
         return socket->request(*header);
     }
 
-    int addRule(int family, std::uint32_t priority, std::uint32_t lookUp, bool skipsDefaults) {
+    int addRule(int family, std::uint32_t priority, std::uint32_t lookUp, bool skipsDefaults)
+        REQUIRES(lock) {
         alignas(nlmsghdr) Room room{};
         nlmsghdr* const header =
             beginRule(room, RTM_NEWRULE, NLM_F_CREATE | NLM_F_EXCL, family, priority, lookUp);
@@ -193,12 +195,11 @@ private:
     }
 
     const MarkPlace place;
-    // Guards what follows, but for the events.
-    std::mutex lock;
-    const std::unique_ptr<NetlinkSocket> socket;
+    Mutex lock;
+    const std::unique_ptr<NetlinkSocket> socket PT_GUARDED_BY(lock);
     const std::unique_ptr<NetlinkSocket> events;
-    std::vector<Route> inForce;
-    bool hasEnded = false;
+    std::vector<Route> inForce GUARDED_BY(lock);
+    bool hasEnded GUARDED_BY(lock) = false;
 };
 
 DirectRoutes::DirectRoutes(MarkPlace place)

@@ -61,13 +61,13 @@ FlowDecisions::FlowDecisions(Providers toAsk, MarkPlace markPlace)
       inForce(std::make_shared<const Offers>()) {}
 
 std::shared_ptr<const Offers> FlowDecisions::offers() const {
-    const std::lock_guard guard(offersLock);
+    const MutexGuard guard(offersLock);
     return inForce;
 }
 
 void FlowDecisions::setOffers(Offers replacement) {
     auto published = std::make_shared<const Offers>(std::move(replacement));
-    const std::lock_guard guard(offersLock);
+    const MutexGuard guard(offersLock);
     inForce = std::move(published);
 }
 
@@ -223,7 +223,7 @@ Verdict FlowDecisions::deny(const HeldPacket& packet, const Offers& asked) {
     if (packet.flow.protocol == IPPROTO_UDP && packet.purpose != PacketPurpose::newFlow) {
         // A datagram socket may live on. Its next flow to the same place is offered anew.
         recent.forget(packet.flow);
-        const std::lock_guard guard(entriesLock);
+        const MutexGuard guard(entriesLock);
         if (entries) entries->remove(packet.flow);
     }
     return {FlowState::denied, asked.generation};
@@ -234,7 +234,7 @@ void FlowDecisions::keepHouse() {
     claims.failOverdue();
     aliases->renew();
     watched.removeEnded(idleFor, [this](const FlowTuple& flow) {
-        const std::lock_guard guard(entriesLock);
+        const MutexGuard guard(entriesLock);
         return entries && !entries->has(flow);
     });
 }

@@ -5,10 +5,10 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <vector>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Linux/Attribution/FlowOwner.h"
 #include "Platform/Linux/Interception/AddressAliases.h"
 #include "Platform/Linux/Interception/ClaimedFlows.h"
@@ -73,12 +73,10 @@ private:
     RecentVerdicts recent;
     WatchedFlows watched;
 
-    // Guards `entries`.
-    std::mutex entriesLock;
-    std::unique_ptr<ConnectionEntries> entries;
-    // Guards `inForce`.
-    mutable std::mutex offersLock;
-    std::shared_ptr<const Offers> inForce;
+    Mutex entriesLock;
+    const std::unique_ptr<ConnectionEntries> entries PT_GUARDED_BY(entriesLock);
+    mutable Mutex offersLock;
+    std::shared_ptr<const Offers> inForce GUARDED_BY(offersLock);
 };
 
 }  // namespace platform::interception

@@ -57,12 +57,12 @@ Interception::Interception(Providers providers, Choices choices)
 
 Interception::~Interception() {
     {
-        const std::lock_guard guard(lock);
+        const MutexGuard guard(lock);
         isStopping = true;
     }
     eventfd_write(wakeUp.get(), 1);
     settingsThread.join();
-    for (Setting& setting : waiting)
+    for (Setting& setting : takeSettings())
         if (setting.completion) setting.completion(systemError(ECANCELED));
     // First nothing new comes, then what is held goes, then the rules that it needs on its way.
     if (isInstalled) table->stopOffering();
@@ -86,7 +86,7 @@ void Interception::setFilterAction(std::optional<NEFilterAction> action,
 
 void Interception::apply(Change change, ErrorCompletion completion) {
     {
-        const std::lock_guard guard(lock);
+        const MutexGuard guard(lock);
         waiting.push_back({std::move(change), std::move(completion)});
     }
     eventfd_write(wakeUp.get(), 1);
@@ -117,12 +117,12 @@ bool Interception::waitForWork() {
         nextHousekeeping = Clock::now() + betweenHousekeepings;
         decisions.keepHouse();
     }
-    const std::lock_guard guard(lock);
+    const MutexGuard guard(lock);
     return !isStopping;
 }
 
 std::vector<Interception::Setting> Interception::takeSettings() {
-    const std::lock_guard guard(lock);
+    const MutexGuard guard(lock);
     return std::exchange(waiting, {});
 }
 

@@ -7,11 +7,11 @@
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <thread>
 #include <vector>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Linux/FileDescriptor.h"
 #include "Platform/Linux/Interception/ConnectionEntries.h"
 #include "Platform/Linux/Interception/DirectRoutes.h"
@@ -79,10 +79,9 @@ private:
     PacketTableContent content;
     bool isInstalled = false;
 
-    // Guards the next two.
-    std::mutex lock;
-    std::vector<Setting> waiting;
-    bool isStopping = false;
+    Mutex lock;
+    std::vector<Setting> waiting GUARDED_BY(lock);
+    bool isStopping GUARDED_BY(lock) = false;
     FileDescriptor wakeUp;
     // For the thread alone.
     std::chrono::steady_clock::time_point nextHousekeeping;

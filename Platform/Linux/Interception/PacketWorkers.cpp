@@ -30,15 +30,15 @@ PacketWorkers::PacketWorkers(PacketQueue& packetQueue, Decide decision, ReportOv
         event.data.fd = descriptor;
         epoll_ctl(events.get(), EPOLL_CTL_ADD, descriptor, &event);
     }
-    const Hold hold(lock);
+    const MutexGuard hold(lock);
     for (std::size_t index = 0; index < workersAtStart; ++index) startWorker();
     watchdog = std::thread([this] { watch(); });
 }
 
 PacketWorkers::~PacketWorkers() {
-    Hold hold(lock);
+    MutexGuard hold(lock);
     isStopping = true;
-    stopped.notify_all();
+    stopped.notifyAll();
     eventfd_write(help.get(), 1);
     releaseOlderThan(Clock::time_point::max());
     std::vector<std::thread> ending = std::exchange(workers, {});
@@ -59,30 +59,30 @@ void PacketWorkers::startWorker() {
 void PacketWorkers::work() {
     // The whole machine's connections wait here, most of all when many programs want to run.
     runBeforeOrdinaryPrograms();
-    Hold hold(lock);
+    MutexGuard hold(lock);
     while (!isStopping) {
         if (!ready.empty()) {
             Flows::value_type& flow = *ready.front();
             ready.pop_front();
             // A decision may take long: somebody has to be there for what comes meanwhile.
             if (idleWorkers == 0 || hasUnread || !ready.empty()) callForHelp();
-            workOn(flow, hold);
+            workOn(flow);
         } else if (hasUnread) {
             read();
         } else {
-            waitForPackets(hold);
+            waitForPackets();
         }
     }
     // One event wakes one worker, which wakes the next one when all have to leave.
     eventfd_write(help.get(), 1);
 }
 
-void PacketWorkers::waitForPackets(Hold& hold) {
+void PacketWorkers::waitForPackets() {
     ++idleWorkers;
-    hold.unlock();
+    lock.unlock();
     epoll_event event{};
     const int count = epoll_wait(events.get(), &event, 1, -1);
-    hold.lock();
+    lock.lock();
     --idleWorkers;
     if (count == 1 && event.data.fd == queue.descriptor()) hasUnread = true;
 }
@@ -109,7 +109,7 @@ void PacketWorkers::file(const std::vector<HeldPacket>& packets) {
     }
 }
 
-void PacketWorkers::workOn(Flows::value_type& flow, Hold& hold) {
+void PacketWorkers::workOn(Flows::value_type& flow) {
     std::vector<Waiting>& waiting = flow.second.packets;
     std::vector<HeldPacket> taken;
     std::vector<PacketVerdict> verdicts;
@@ -122,19 +122,19 @@ void PacketWorkers::workOn(Flows::value_type& flow, Hold& hold) {
         const bool isOverdue = waiting[count - 1].isReleased;
         verdicts.clear();
         if (!isOverdue) {
-            hold.unlock();
+            lock.unlock();
             for (const HeldPacket& packet : taken)
                 verdicts.push_back({packet.queueNumber, packet.id, decide(packet)});
-            hold.lock();
+            lock.lock();
             for (std::size_t index = count; index-- > 0;)
                 if (waiting[index].isReleased)
                     verdicts.erase(verdicts.begin() + static_cast<std::ptrdiff_t>(index));
         }
         waiting.erase(waiting.begin(), waiting.begin() + static_cast<std::ptrdiff_t>(count));
         if (!verdicts.empty()) {
-            hold.unlock();
+            lock.unlock();
             queue.release(verdicts);
-            hold.lock();
+            lock.lock();
         }
     }
     flows.erase(flows.find(flow.first));
@@ -143,8 +143,8 @@ void PacketWorkers::workOn(Flows::value_type& flow, Hold& hold) {
 void PacketWorkers::watch() {
     runBeforeOrdinaryPrograms();
     const auto interval = std::max(limits.longestWait / 4, std::chrono::milliseconds(1));
-    Hold hold(lock);
-    while (!stopped.wait_for(hold, interval, [this] { return isStopping; })) {
+    MutexGuard hold(lock);
+    while (!waitForStop(interval)) {
         // With every worker busy, what nobody has read could not be found overdue.
         if (idleWorkers == 0) read();
         const std::size_t count = releaseOlderThan(Clock::now() - limits.longestWait);
@@ -153,6 +153,13 @@ void PacketWorkers::watch() {
         reportOverdue(count);
         hold.lock();
     }
+}
+
+bool PacketWorkers::waitForStop(std::chrono::milliseconds longest) {
+    const auto deadline = Condition::Clock::now() + longest;
+    while (!isStopping && stopped.waitUntil(lock, deadline)) {
+    }
+    return isStopping;
 }
 
 std::size_t PacketWorkers::releaseOlderThan(Clock::time_point limit) {

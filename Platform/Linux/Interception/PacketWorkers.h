@@ -9,16 +9,15 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <thread>
 #include <unordered_map>
 #include <vector>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Linux/FileDescriptor.h"
 #include "Platform/Linux/Interception/HeldPacket.h"
 #include "Platform/Linux/Interception/PacketQueue.h"
@@ -48,7 +47,6 @@ public:
 
 private:
     using Clock = std::chrono::steady_clock;
-    using Hold = std::unique_lock<std::mutex>;
 
     struct Waiting {
         HeldPacket packet;
@@ -62,16 +60,16 @@ private:
     using Flows = std::unordered_map<FlowTuple, Flow, FlowHash, SameFlow>;
 
     void work();
-    void waitForPackets(Hold& hold);
-    // These need the lock.
-    void read();
-    void file(const std::vector<HeldPacket>& packets);
-    void callForHelp();
-    void startWorker();
-    std::size_t releaseOlderThan(Clock::time_point limit);
-
-    void workOn(Flows::value_type& flow, Hold& hold);
+    void read() REQUIRES(lock);
+    void file(const std::vector<HeldPacket>& packets) REQUIRES(lock);
+    void callForHelp() REQUIRES(lock);
+    void startWorker() REQUIRES(lock);
+    std::size_t releaseOlderThan(Clock::time_point limit) REQUIRES(lock);
+    // These let go of the lock while they wait or decide.
+    void waitForPackets() REQUIRES(lock);
+    void workOn(Flows::value_type& flow) REQUIRES(lock);
     void watch();
+    bool waitForStop(std::chrono::milliseconds longest) REQUIRES(lock);
 
     PacketQueue& queue;
     // Reports the queue and calls for help, each event to one waiting worker.
@@ -81,15 +79,15 @@ private:
     const ReportOverdue reportOverdue;
     const Limits limits;
 
-    // Guards all that follows.
-    std::mutex lock;
-    std::condition_variable stopped;
-    Flows flows;
-    std::deque<Flows::value_type*> ready;
-    std::vector<std::thread> workers;
-    std::size_t idleWorkers = 0;
-    bool hasUnread = false;  // the queue may hold packets that nobody has been woken for
-    bool isStopping = false;
+    Mutex lock;
+    Condition stopped;
+    Flows flows GUARDED_BY(lock);
+    std::deque<Flows::value_type*> ready GUARDED_BY(lock);
+    std::vector<std::thread> workers GUARDED_BY(lock);
+    std::size_t idleWorkers GUARDED_BY(lock) = 0;
+    // The queue may hold packets that nobody has been woken for.
+    bool hasUnread GUARDED_BY(lock) = false;
+    bool isStopping GUARDED_BY(lock) = false;
 
     std::thread watchdog;
 };

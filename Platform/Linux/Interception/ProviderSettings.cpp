@@ -1,7 +1,7 @@
 #include <cerrno>
-#include <mutex>
 #include <utility>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Dispatch.h"
 #include "Platform/Linux/Interception/RunningInterception.h"
 #include "Platform/Linux/SystemError.h"
@@ -12,17 +12,17 @@ namespace platform {
 namespace interception {
 
 namespace {
-std::mutex runningLock;
-std::shared_ptr<Interception> running;  // guarded by `runningLock`
+Mutex runningLock;
+std::shared_ptr<Interception> running GUARDED_BY(runningLock);
 }  // namespace
 
 std::shared_ptr<Interception> RunningInterception::get() {
-    const std::lock_guard guard(runningLock);
+    const MutexGuard guard(runningLock);
     return running;
 }
 
 void RunningInterception::set(std::shared_ptr<Interception> interception) {
-    const std::lock_guard guard(runningLock);
+    const MutexGuard guard(runningLock);
     running.swap(interception);
 }
 

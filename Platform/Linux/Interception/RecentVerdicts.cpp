@@ -13,7 +13,7 @@ std::uint32_t occasionOf(const HeldPacket& packet, unsigned generation) {
 }  // namespace
 
 std::optional<Verdict> RecentVerdicts::find(const HeldPacket& packet, unsigned generation) {
-    const std::lock_guard guard(lock);
+    const MutexGuard guard(lock);
     const auto found = entries.find(packet.flow);
     if (found == entries.end()) return std::nullopt;
     const Entry& entry = found->second;
@@ -25,7 +25,7 @@ std::optional<Verdict> RecentVerdicts::find(const HeldPacket& packet, unsigned g
 
 void RecentVerdicts::remember(const HeldPacket& packet, Verdict verdict) {
     const auto now = Clock::now();
-    const std::lock_guard guard(lock);
+    const MutexGuard guard(lock);
     forgetExpired(now);
     const auto expiry = now + lifetime;
     entries.insert_or_assign(
@@ -35,7 +35,7 @@ void RecentVerdicts::remember(const HeldPacket& packet, Verdict verdict) {
 }
 
 void RecentVerdicts::forget(const FlowTuple& flow) {
-    const std::lock_guard guard(lock);
+    const MutexGuard guard(lock);
     entries.erase(flow);
 }
 

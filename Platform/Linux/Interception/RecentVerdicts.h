@@ -7,10 +7,10 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
-#include <mutex>
 #include <optional>
 #include <unordered_map>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Linux/Interception/FlowMark.h"
 #include "Platform/Linux/Interception/HeldPacket.h"
 
@@ -47,12 +47,11 @@ private:
         Clock::time_point expiry;
     };
 
-    void forgetExpired(Clock::time_point now);
+    void forgetExpired(Clock::time_point now) REQUIRES(lock);
 
-    // Guards both; the second holds each entry of the first in order of expiry.
-    std::mutex lock;
-    std::unordered_map<FlowTuple, Entry, FlowHash, SameFlow> entries;
-    std::deque<Expiring> byExpiry;
+    Mutex lock;
+    std::unordered_map<FlowTuple, Entry, FlowHash, SameFlow> entries GUARDED_BY(lock);
+    std::deque<Expiring> byExpiry GUARDED_BY(lock);  // holds each entry of the table
 };
 
 }  // namespace platform::interception

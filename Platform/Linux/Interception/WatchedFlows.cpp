@@ -23,7 +23,7 @@ std::int64_t WatchedFlow::offsetOf(const HeldPacket& packet) {
 }
 
 std::shared_ptr<WatchedFlow> WatchedFlows::find(const FlowTuple& flow) {
-    const std::lock_guard guard(lock);
+    const MutexGuard guard(lock);
     const auto found = entries.find(flow);
     if (found == entries.end()) return nullptr;
     byLastUse.splice(byLastUse.begin(), byLastUse, found->second);
@@ -32,7 +32,7 @@ std::shared_ptr<WatchedFlow> WatchedFlows::find(const FlowTuple& flow) {
 }
 
 void WatchedFlows::add(const FlowTuple& flow, std::shared_ptr<WatchedFlow> watched) {
-    const std::lock_guard guard(lock);
+    const MutexGuard guard(lock);
     if (const auto found = entries.find(flow); found != entries.end()) {
         byLastUse.erase(found->second);
         entries.erase(found);
@@ -46,7 +46,7 @@ void WatchedFlows::add(const FlowTuple& flow, std::shared_ptr<WatchedFlow> watch
 }
 
 void WatchedFlows::remove(const FlowTuple& flow) {
-    const std::lock_guard guard(lock);
+    const MutexGuard guard(lock);
     const auto found = entries.find(flow);
     if (found == entries.end()) return;
     byLastUse.erase(found->second);
@@ -58,7 +58,7 @@ void WatchedFlows::removeEnded(std::chrono::seconds idleFor,
     const auto now = Clock::now();
     std::vector<FlowTuple> idle;
     {
-        const std::lock_guard guard(lock);
+        const MutexGuard guard(lock);
         for (Entry& entry : byLastUse) {
             if (now - entry.lastUse < idleFor) continue;
             entry.lastUse = now;
@@ -70,7 +70,7 @@ void WatchedFlows::removeEnded(std::chrono::seconds idleFor,
 }
 
 std::size_t WatchedFlows::count() {
-    const std::lock_guard guard(lock);
+    const MutexGuard guard(lock);
     return byLastUse.size();
 }
 

@@ -10,9 +10,9 @@
 #include <functional>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <unordered_map>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Linux/Interception/HeldPacket.h"
 #include "Platform/NEFilterFlow.h"
 
@@ -65,10 +65,9 @@ private:
     using Entries = std::list<Entry>;
 
     const std::size_t capacity;
-    // Guards both; the list is in order of last use, the latest first.
-    std::mutex lock;
-    Entries byLastUse;
-    std::unordered_map<FlowTuple, Entries::iterator, FlowHash, SameFlow> entries;
+    Mutex lock;
+    Entries byLastUse GUARDED_BY(lock);  // the latest first
+    std::unordered_map<FlowTuple, Entries::iterator, FlowHash, SameFlow> entries GUARDED_BY(lock);
 };
 
 }  // namespace platform::interception

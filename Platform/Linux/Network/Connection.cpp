@@ -140,13 +140,13 @@ void Connection::setStateHandler(StateHandler handler) {
 }
 
 std::shared_ptr<const Connection::StateHandler> Connection::currentHandler() {
-    const std::lock_guard hold(handlerLock);
+    const MutexGuard hold(handlerLock);
     return stateHandler;
 }
 
 // What the handler before held is let go outside the lock.
 void Connection::replaceHandler(std::shared_ptr<const StateHandler> handler) {
-    const std::lock_guard hold(handlerLock);
+    const MutexGuard hold(handlerLock);
     stateHandler.swap(handler);
 }
 

@@ -5,12 +5,12 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Linux/Dispatch/EventLoop.h"
 #include "Platform/Linux/Network/NetworkState.h"
 #include "Platform/Linux/Network/SocketAddress.h"
@@ -96,8 +96,8 @@ private:
     std::atomic<EventLoop*> loop{nullptr};
     // Set before `start` on any thread, which a cancel on the loop may overlap. Held by itself, as it
     // may be let go while it runs.
-    std::mutex handlerLock;
-    std::shared_ptr<const StateHandler> stateHandler;
+    Mutex handlerLock;
+    std::shared_ptr<const StateHandler> stateHandler GUARDED_BY(handlerLock);
 
     Kind state = Kind::setup;
     bool deliversOnMainQueue = false;

@@ -4,14 +4,13 @@
 #include <pthread.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <csignal>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <utility>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Dispatch.h"
 
 namespace platform {
@@ -56,10 +55,10 @@ public:
 
     // False if too many are waiting; the query is then left as it was.
     bool add(Query& query) {
-        const std::lock_guard guard(mutex);
+        const MutexGuard guard(mutex);
         if (waiting.size() >= mostWaiting) return false;
         waiting.push_back(std::move(query));
-        changed.notify_one();
+        changed.notifyOne();
         return true;
     }
 
@@ -80,16 +79,16 @@ private:
     }
 
     Query next() {
-        std::unique_lock guard(mutex);
-        changed.wait(guard, [this] { return !waiting.empty(); });
+        const MutexGuard guard(mutex);
+        while (waiting.empty()) changed.wait(mutex);
         Query query = std::move(waiting.front());
         waiting.pop_front();
         return query;
     }
 
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::deque<Query> waiting;
+    Mutex mutex;
+    Condition changed;
+    std::deque<Query> waiting GUARDED_BY(mutex);
 };
 
 }  // namespace

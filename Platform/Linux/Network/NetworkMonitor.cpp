@@ -4,6 +4,7 @@
 #include <utility>
 #include <vector>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Linux/Dispatch/EventLoop.h"
 #include "Platform/Linux/Network/RememberedRoutes.h"
 #include "Platform/Linux/Network/RouteMessages.h"
@@ -26,12 +27,12 @@ public:
     }
 
     std::shared_ptr<const NetworkState> state() const {
-        const NSLockGuard guard(lock);
+        const MutexGuard guard(lock);
         return present;
     }
 
     void add(const Token& token) {
-        const NSLockGuard guard(lock);
+        const MutexGuard guard(lock);
         std::erase_if(observers, [](const auto& observer) { return observer.expired(); });
         observers.push_back(token);
     }
@@ -72,7 +73,7 @@ private:
         }
         rememberRoutes(earlier, *picture);
         if (*picture == *state()) return false;
-        const NSLockGuard guard(lock);
+        const MutexGuard guard(lock);
         present = std::make_shared<const NetworkState>(std::move(*picture));
         return true;
     }
@@ -80,7 +81,7 @@ private:
     void tellObservers() {
         std::vector<Token> living;
         {
-            const NSLockGuard guard(lock);
+            const MutexGuard guard(lock);
             for (const auto& observer : observers)
                 if (auto token = observer.lock()) living.push_back(std::move(token));
         }
@@ -92,7 +93,7 @@ private:
     FileDescriptor reports;
     bool isResting = false;   // since the last picture
     bool isOutdated = false;  // by a report since then
-    mutable NSLock lock;
+    mutable Mutex lock;
     std::shared_ptr<const NetworkState> present GUARDED_BY(lock) =
         std::make_shared<const NetworkState>();
     std::vector<std::weak_ptr<const Observer>> observers GUARDED_BY(lock);

@@ -1,6 +1,6 @@
-#include <mutex>
 #include <utility>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Linux/Network/NetworkMonitor.h"
 #include "Platform/Network.h"
 
@@ -15,7 +15,7 @@ public:
 
     void start(DispatchQueue deliveryQueue) {
         {
-            const std::lock_guard guard(mutex);
+            const MutexGuard guard(mutex);
             if (isCancelled || queue) return;
             queue = deliveryQueue;
         }
@@ -27,7 +27,7 @@ public:
     }
 
     void cancel() {
-        const std::lock_guard guard(mutex);
+        const MutexGuard guard(mutex);
         isCancelled = true;
         waiting.reset();
     }
@@ -36,7 +36,7 @@ private:
     // Only the latest path counts; it waits while an earlier one is being delivered. The path is read
     // here, under the lock: the start and a change at the same moment may announce in either order.
     void announce() {
-        const std::lock_guard guard(mutex);
+        const MutexGuard guard(mutex);
         if (isCancelled) return;
         waiting = NetworkMonitor::shared().state()->path();
         if (std::exchange(isDelivering, true)) return;
@@ -50,7 +50,7 @@ private:
     }
 
     std::optional<NWPath> next() {
-        const std::lock_guard guard(mutex);
+        const MutexGuard guard(mutex);
         auto path = std::exchange(waiting, std::nullopt);
         isDelivering = path.has_value();
         return path;
@@ -58,11 +58,11 @@ private:
 
     Handler handler;
     NetworkMonitor::Token token;
-    std::mutex mutex;
-    std::optional<DispatchQueue> queue;
-    std::optional<NWPath> waiting;
-    bool isDelivering = false;
-    bool isCancelled = false;
+    Mutex mutex;
+    std::optional<DispatchQueue> queue GUARDED_BY(mutex);
+    std::optional<NWPath> waiting GUARDED_BY(mutex);
+    bool isDelivering GUARDED_BY(mutex) = false;
+    bool isCancelled GUARDED_BY(mutex) = false;
 };
 
 NWPathMonitor::NWPathMonitor() : implementation(std::make_shared<Implementation>()) {}

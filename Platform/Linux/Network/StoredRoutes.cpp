@@ -8,6 +8,7 @@
 #include <sstream>
 #include <utility>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Foundation.h"
 #include "Platform/Linux/HostChannel/FixedPlaces.h"
 #include "Platform/Linux/PlatformLog.h"
@@ -59,7 +60,7 @@ class StoredRoutes::File {
 public:
     // The latest picture, whichever call comes first.
     void update() {
-        const NSLockGuard oneWriteAtATime(lock);
+        const MutexGuard oneWriteAtATime(lock);
         auto lines = linesOf(*NetworkMonitor::shared().state());
         if (lines == stored) return;
         const auto failure =
@@ -71,7 +72,7 @@ public:
     }
 
 private:
-    NSLock lock{NSLock::heldAcrossCalls};
+    Mutex lock;  // held across the write, so that the latest one is the last
     std::string stored GUARDED_BY(lock);
 };
 

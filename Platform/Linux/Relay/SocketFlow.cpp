@@ -41,7 +41,7 @@ void Flow::arrive(Arrival arrival) {
 }
 
 bool Flow::choose(EventLoop& chosen, Completion<> firstWork) {
-    const NSLockGuard guard(arriving);
+    const MutexGuard guard(arriving);
     if (loop.load(std::memory_order_relaxed) != nullptr) return false;
     // Under the lock, so that no other thread's operation overtakes it.
     if (firstWork) chosen.post(std::move(firstWork));
@@ -52,7 +52,7 @@ bool Flow::choose(EventLoop& chosen, Completion<> firstWork) {
 void Flow::settle(Arrival arrival) {
     std::vector<Completion<>> waiting;
     {
-        const NSLockGuard guard(arriving);
+        const MutexGuard guard(arriving);
         waiting.swap(beforeArrival);
     }
     if (auto* const descriptor = std::get_if<FileDescriptor>(&arrival)) {
@@ -70,7 +70,7 @@ template <class Work>
 void Flow::perform(Work work) {
     EventLoop* present = loop.load(std::memory_order_acquire);
     if (present == nullptr) {
-        const NSLockGuard guard(arriving);
+        const MutexGuard guard(arriving);
         present = loop.load(std::memory_order_relaxed);
         // It belongs to this object and runs only while that lives.
         if (present == nullptr) return beforeArrival.push_back(std::move(work));

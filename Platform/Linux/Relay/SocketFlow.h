@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Platform/Common/Completion.h"
+#include "Platform/Common/Mutex.h"
 #include "Platform/Common/ThreadAnnotations.h"
 #include "Platform/Foundation.h"
 #include "Platform/Linux/Dispatch/EventLoop.h"
@@ -77,7 +78,7 @@ private:
     void resetSocket();
     void finishSocket();
 
-    NSLock arriving;
+    Mutex arriving;
     std::vector<Completion<>> beforeArrival GUARDED_BY(arriving);
     std::atomic<EventLoop*> loop{nullptr};  // set once, under `arriving`
 
