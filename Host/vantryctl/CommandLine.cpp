@@ -1,5 +1,7 @@
 #include "Host/vantryctl/CommandLine.h"
 
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <functional>
@@ -9,6 +11,7 @@
 #include "Host/vantryctl/LogCommands.h"
 #include "Host/vantryctl/RuleCommands.h"
 #include "Host/vantryctl/WatchCommand.h"
+#include "Platform/Common/Version.h"
 
 namespace vantryctl {
 
@@ -190,6 +193,8 @@ int run(std::vector<std::string> arguments, const Console& console) {
                  "vantryctl");
     app.get_formatter()->column_width(columnOfHelp);
     app.require_subcommand(1);
+    app.set_version_flag("--version", fmt::format("vantryctl {}", platform::version()),
+                         "Print the version and exit");
     const Commands commands(app, console);
     // Not before: each command would have it too.
     app.footer(closingText);

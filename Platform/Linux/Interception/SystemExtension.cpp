@@ -10,6 +10,7 @@
 #include <thread>
 #include <utility>
 
+#include "Platform/Linux/Daemon/Arguments.h"
 #include "Platform/Linux/Dispatch/MainQueue.h"
 #include "Platform/Linux/HostChannel/HostChannel.h"
 #include "Platform/Linux/Interception/RunningInterception.h"
@@ -135,6 +136,7 @@ void runExtension() {
 }  // namespace
 
 void NEProvider::startSystemExtensionMode() {
+    answerArguments();
     // Every thread inherits this: only the one that waits for them sees these signals.
     const sigset_t signals = endSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);

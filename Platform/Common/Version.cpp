@@ -1,0 +1,7 @@
+#include "Platform/Common/Version.h"
+
+namespace platform {
+
+std::string_view version() { return VANTRY_VERSION; }
+
+}  // namespace platform
