@@ -91,7 +91,8 @@ bool canEndASocket() {
     const sockaddr_in server = localName(listener.get());
     address = reinterpret_cast<const sockaddr*>(&server);
     return connect(client.get(), address, sizeof server) == 0 &&
-           platform::FlowAttribution().destroySocket(tupleOf(localName(client.get()), server));
+           platform::FlowAttribution(nullptr).destroySocket(
+               tupleOf(localName(client.get()), server));
 }
 
 int installWholeTable(int& queueError) {

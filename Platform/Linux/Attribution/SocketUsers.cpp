@@ -1,12 +1,16 @@
 #include "Platform/Linux/Attribution/SocketUsers.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <linux/bpf.h>
+#include <linux/magic.h>
 #include <linux/mount.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/vfs.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <ctime>
@@ -14,6 +18,7 @@
 
 #include "Platform/Linux/Attribution/KernelProgram.h"
 #include "Platform/Linux/Attribution/ProcessStatus.h"
+#include "Platform/Linux/PlatformLog.h"
 
 namespace platform {
 
@@ -96,12 +101,27 @@ std::optional<std::uint64_t> networkNamespace() {
     return cookie;
 }
 
-// The root of all control groups, wherever it is mounted, or if it isn't.
-FileDescriptor openControlGroups() {
+bool isControlGroupTree(const FileDescriptor& folder) {
+    struct statfs status {};
+    return ::fstatfs(folder.get(), &status) == 0 && status.f_type == CGROUP2_SUPER_MAGIC;
+}
+
+// For a machine on which the tree is mounted nowhere that we know. A service manager's sandbox may
+// refuse this.
+FileDescriptor mountControlGroups() {
     const FileDescriptor system(static_cast<int>(::syscall(SYS_fsopen, "cgroup2", FSOPEN_CLOEXEC)));
     const int descriptor = system.get();
     ::syscall(SYS_fsconfig, descriptor, FSCONFIG_CMD_CREATE, nullptr, nullptr, 0);
     return FileDescriptor(static_cast<int>(::syscall(SYS_fsmount, descriptor, FSMOUNT_CLOEXEC, 0)));
+}
+
+// The root of all control groups.
+FileDescriptor openControlGroups() {
+    for (const auto* place : {"/sys/fs/cgroup", "/sys/fs/cgroup/unified"}) {
+        FileDescriptor folder(::open(place, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (folder && isControlGroupTree(folder)) return folder;
+    }
+    return mountControlGroups();
 }
 
 void buildNote(KernelProgram& program) {
@@ -222,8 +242,15 @@ std::unique_ptr<SocketUsers> SocketUsers::attach() {
     for (std::size_t index = 0; index < hooks.size(); ++index) {
         const auto program =
             loadProgram(hooks[index], *ourNamespace, users->bySocket, users->byDestination);
-        auto attachment = attachProgram(program, controlGroups, hooks[index].type);
-        if (!attachment) return nullptr;
+        auto attachment =
+            program ? attachProgram(program, controlGroups, hooks[index].type) : FileDescriptor();
+        if (!attachment) {
+            platformLog.error(
+                "The kernel does not note who opens a socket: %{public}s. Short-lived programs may "
+                "go unrecognised",
+                std::strerror(errno));
+            return nullptr;
+        }
         users->attachments[index] = std::move(attachment);
     }
     return users;
