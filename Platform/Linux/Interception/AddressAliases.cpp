@@ -7,7 +7,16 @@
 #include <linux/rtnetlink.h>
 
 #include <algorithm>
+#include <array>
+#include <cstddef>
+#include <map>
+#include <set>
+#include <tuple>
+#include <utility>
+#include <vector>
 
+#include "Platform/Common/Mutex.h"
+#include "Platform/Linux/Interception/NetlinkSocket.h"
 #include "Platform/Linux/Network/NetworkMonitor.h"
 
 namespace platform::interception {
@@ -16,50 +25,28 @@ namespace {
 
 bool isTunnel(unsigned interfaceIndex) {
     const auto state = NetworkMonitor::shared().state();
-    return std::any_of(
-        state->interfaces.begin(), state->interfaces.end(), [&](const NetworkInterface& interface) {
-            return interface.index == static_cast<int>(interfaceIndex) && interface.isTunnel;
-        });
-}
-
-}  // namespace
-
-AddressAliases::AddressAliases() : socket(NetlinkSocket::open(NETLINK_ROUTE)) {}
-
-AddressAliases::~AddressAliases() {
-    const MutexGuard guard(lock);
-    for (const auto& [address, count] : users) put(address, secondsForFarewell);
-}
-
-std::shared_ptr<void> AddressAliases::keepSourceOf(const FlowTuple& flow) {
-    if (!socket || !isTunnel(flow.outputInterface)) return nullptr;
-    const Address address{flow.family, flow.sourceAddress};
-    const MutexGuard guard(lock);
-    std::size_t& count = users[address];
-    if (count == 0 && !put(address, lifetimeSeconds)) {
-        users.erase(address);
-        return nullptr;
-    }
-    ++count;
-    return std::shared_ptr<void>(nullptr, [aliases = weak_from_this(), address](void*) {
-        if (const auto living = aliases.lock()) living->letGo(address);
+    return std::ranges::any_of(state->interfaces, [&](const NetworkInterface& interface) {
+        return interface.index == static_cast<int>(interfaceIndex) && interface.isTunnel;
     });
 }
 
-void AddressAliases::renew() {
-    const MutexGuard guard(lock);
-    for (const auto& [address, count] : users) put(address, lifetimeSeconds);
-}
+struct Address {
+    int family;
+    std::array<std::uint8_t, 16> bytes;
+    friend bool operator<(const Address& left, const Address& right) {
+        return std::tie(left.family, left.bytes) < std::tie(right.family, right.bytes);
+    }
+};
 
-void AddressAliases::letGo(const Address& address) {
-    const MutexGuard guard(lock);
-    const auto found = users.find(address);
-    if (found == users.end() || --found->second > 0) return;
-    users.erase(found);
-    take(address);
+// Whether an interface that leads out has it; the loopback interface may have our alias.
+bool hasOutside(const NetworkState& network, const Address& address) {
+    return std::ranges::any_of(network.interfaces, [&](const NetworkInterface& interface) {
+        return interface.type != NWInterface::InterfaceType::loopback &&
+               std::ranges::any_of(interface.addresses, [&](const InterfaceAddress& present) {
+                   return present.family == address.family && present.bytes == address.bytes;
+               });
+    });
 }
-
-namespace {
 
 nlmsghdr* addressMessage(char* room, std::uint16_t type, std::uint16_t flags, int family,
                          const std::uint8_t* bytes) {
@@ -81,7 +68,58 @@ nlmsghdr* addressMessage(char* room, std::uint16_t type, std::uint16_t flags, in
 
 }  // namespace
 
-bool AddressAliases::put(const Address& address, std::uint32_t seconds) {
+// The addresses and their users.
+class AddressAliases::Table {
+public:
+    void add(const Address& address) {
+        const MutexGuard guard(lock);
+        ++users[address];
+    }
+    // The alias, if there is one, is taken when the addresses are next looked at, by a thread that
+    // may wait for the kernel.
+    void remove(const Address& address) {
+        const MutexGuard guard(lock);
+        const auto found = users.find(address);
+        if (--found->second == 0) users.erase(found);
+    }
+
+    // Puts aliases for what has vanished, renews them, and takes those that nobody needs any more.
+    void follow(const NetworkState& network) {
+        const MutexGuard guard(asking);
+        if (!socket) return;
+        const auto unneeded = std::exchange(aliases, {});
+        for (const Address& address : used())
+            if (!hasOutside(network, address) && put(address, lifetimeSeconds))
+                aliases.insert(address);
+        for (const Address& address : unneeded)
+            if (!aliases.contains(address)) take(address);
+    }
+
+    void sayFarewell() {
+        const MutexGuard guard(asking);
+        for (const Address& address : aliases) put(address, secondsForFarewell);
+    }
+
+private:
+    std::vector<Address> used() {
+        const MutexGuard guard(lock);
+        std::vector<Address> addresses;
+        for (const auto& [address, count] : users) addresses.push_back(address);
+        return addresses;
+    }
+    bool put(const Address& address, std::uint32_t seconds) REQUIRES(asking);
+    void take(const Address& address) REQUIRES(asking);
+
+    // Held while the kernel is asked; who counts claims doesn't need it.
+    Mutex asking;
+    const std::unique_ptr<NetlinkSocket> socket PT_GUARDED_BY(asking) =
+        NetlinkSocket::open(NETLINK_ROUTE);
+    std::set<Address> aliases GUARDED_BY(asking);
+    Mutex lock;
+    std::map<Address, std::size_t> users GUARDED_BY(lock);
+};
+
+bool AddressAliases::Table::put(const Address& address, std::uint32_t seconds) {
     alignas(nlmsghdr) std::array<char, 256> room{};
     nlmsghdr* const header = addressMessage(room.data(), RTM_NEWADDR, NLM_F_CREATE | NLM_F_REPLACE,
                                             address.family, address.bytes.data());
@@ -92,11 +130,32 @@ bool AddressAliases::put(const Address& address, std::uint32_t seconds) {
     return socket->request(*header) == 0;
 }
 
-void AddressAliases::take(const Address& address) {
+void AddressAliases::Table::take(const Address& address) {
     alignas(nlmsghdr) std::array<char, 256> room{};
     const nlmsghdr* const header =
         addressMessage(room.data(), RTM_DELADDR, 0, address.family, address.bytes.data());
     socket->request(*header);
 }
+
+AddressAliases::AddressAliases()
+    : table(std::make_shared<Table>()),
+      following(NetworkMonitor::shared().observe(
+          [held = table](const std::shared_ptr<const NetworkState>& state) {
+              held->follow(*state);
+          })) {}
+
+AddressAliases::~AddressAliases() {
+    following.reset();
+    table->sayFarewell();
+}
+
+std::shared_ptr<void> AddressAliases::keepSourceOf(const FlowTuple& flow) {
+    if (!isTunnel(flow.outputInterface)) return nullptr;
+    const Address address{flow.family, flow.sourceAddress};
+    table->add(address);
+    return {nullptr, [kept = table, address](void*) { kept->remove(address); }};
+}
+
+void AddressAliases::renew() { table->follow(*NetworkMonitor::shared().state()); }
 
 }  // namespace platform::interception

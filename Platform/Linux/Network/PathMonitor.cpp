@@ -38,7 +38,11 @@ private:
     void announce() {
         const MutexGuard guard(mutex);
         if (isCancelled) return;
-        waiting = NetworkMonitor::shared().state()->path();
+        auto path = NetworkMonitor::shared().state()->path();
+        // Much of what changes leaves the path as it is.
+        if (announced == path.availableInterfaces) return;
+        announced = path.availableInterfaces;
+        waiting = std::move(path);
         if (std::exchange(isDelivering, true)) return;
         queue->async([weak = weak_from_this()] {
             if (const auto self = weak.lock()) self->deliver();
@@ -60,6 +64,7 @@ private:
     NetworkMonitor::Token token;
     Mutex mutex;
     std::optional<DispatchQueue> queue GUARDED_BY(mutex);
+    std::optional<std::vector<NWInterface>> announced GUARDED_BY(mutex);
     std::optional<NWPath> waiting GUARDED_BY(mutex);
     bool isDelivering GUARDED_BY(mutex) = false;
     bool isCancelled GUARDED_BY(mutex) = false;
