@@ -23,6 +23,7 @@
 #include "Platform/Linux/Interception/ConnectionEntries.h"
 #include "Platform/Linux/Interception/HeldPacket.h"
 #include "Platform/Linux/PlatformLog.h"
+#include "Platform/Linux/Relay/RelaySocketOptions.h"
 #include "Platform/Linux/Relay/SocketFlow.h"
 #include "Platform/Linux/SystemError.h"
 
@@ -95,8 +96,7 @@ std::uint16_t portOf(const FileDescriptor& listener) {
 FileDescriptor openListener(int family) {
     FileDescriptor listener(socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!listener) return {};
-    const int on = 1;
-    setsockopt(listener.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    setRelayOptions(listener);
     sockaddr_storage address{};
     socklen_t length = 0;
     if (family == AF_INET) {
@@ -105,6 +105,7 @@ FileDescriptor openListener(int family) {
         four.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         length = sizeof four;
     } else {
+        const int on = 1;
         setsockopt(listener.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
         auto& six = reinterpret_cast<sockaddr_in6&>(address);
         six.sin6_family = AF_INET6;

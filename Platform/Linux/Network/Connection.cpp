@@ -12,6 +12,7 @@
 #include "Platform/Linux/Network/NameResolver.h"
 #include "Platform/Linux/Network/NetworkMonitor.h"
 #include "Platform/Linux/OwnTraffic.h"
+#include "Platform/Linux/Relay/RelaySocketOptions.h"
 #include "Platform/Linux/SystemError.h"
 
 namespace platform {
@@ -252,7 +253,7 @@ int Connection::beginAttempt(SocketAddress address, std::uint16_t localPort) {
         const int error = setOption(descriptor, SOL_SOCKET, SO_MARK, static_cast<int>(mark));
         if (error != 0) return error;
     }
-    setOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
+    setRelayOptions(descriptor);
     if (localPort != 0)
         if (const int error = bindToLocalPort(descriptor, address.family(), localPort))
             return error;

@@ -19,7 +19,7 @@ public:
     // calls overlap.
     using Handler = std::function<void(FileDescriptor connection, const sockaddr_storage& peer)>;
 
-    // `listener` is non-blocking and listens; options that sockets inherit (TCP_NODELAY) are set on
+    // `listener` is non-blocking and listens; options that sockets inherit (`setRelayOptions`) are set on
     // it. Accepting goes on until this object goes; a call of the handler may then still be running.
     ConnectionAcceptor(FileDescriptor listener, Handler handler);
     ~ConnectionAcceptor();

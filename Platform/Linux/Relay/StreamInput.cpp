@@ -9,6 +9,7 @@
 
 #include "Platform/Linux/Relay/LastBytes.h"
 #include "Platform/Linux/Relay/Pipe.h"
+#include "Platform/Linux/Relay/RelayMemory.h"
 
 namespace platform {
 namespace {
@@ -42,15 +43,16 @@ Received StreamInput::receiveNow() {
     if (ahead) return nextBlockOfPipe();
     if (socket.failure() != 0) return Received::failed(socket.failure());
     if (hasEnded_) return Received::ended();
-    Received received = minimum > 1 ? receiveAtLeast()
-                        : isBulk    ? receiveIntoPipe()
-                                    : receiveIntoMemory(std::min(maximum, smallRead));
+    Received received = minimum > 1    ? receiveAtLeast()
+                        : mayUsePipe() ? receiveIntoPipe()
+                                       : receiveIntoMemory(std::min(maximum, smallRead));
     // Bytes that came before an error count: the next read answers the error.
     if (received.error != 0) socket.fail(received.error);
     return received;
 }
 
-Received StreamInput::receiveIntoMemory(std::size_t wanted) {
+Received StreamInput::receiveIntoMemory(std::size_t most) {
+    const std::size_t wanted = RelayMemory::allowanceFor(most);
     ssize_t count = 0;
     do {
         count = ::recv(socket.descriptor(), readBuffer.data(), wanted, MSG_DONTWAIT);
@@ -59,7 +61,9 @@ Received StreamInput::receiveIntoMemory(std::size_t wanted) {
     const auto length = static_cast<std::size_t>(count);
     isBulk = length == wanted && length >= smallRead;
     std::string bytes(readBuffer.data(), length);
-    if (length == wanted || !isEndNext()) return {.data = std::move(bytes)};
+    // At urgent bytes a read is short though more has come.
+    if (length == wanted || socket.hasUrgentBytes() || !isEndNext())
+        return {.data = RelayMemory::block(std::move(bytes))};
     return {.data = Data(std::make_shared<LastBytes>(std::move(bytes)), length), .isEnd = true};
 }
 
@@ -73,6 +77,8 @@ Received StreamInput::receiveIntoPipe() {
     if (count <= 0) {
         const int error = errno;
         Pipe::giveBack(std::move(pipe));
+        // The end of the stream, or urgent bytes that no event has told of yet.
+        if (count == 0) return receiveIntoMemory(std::min(maximum, smallRead));
         errno = error;
         return nothingReceived(count);
     }
@@ -81,6 +87,8 @@ Received StreamInput::receiveIntoPipe() {
     ahead = std::make_shared<PipeContents>(std::move(pipe), length);
     return nextBlockOfPipe();
 }
+
+bool StreamInput::mayUsePipe() const { return isBulk && !socket.hasUrgentBytes(); }
 
 Received StreamInput::nextBlockOfPipe() {
     const std::size_t length = std::min(maximum, ahead->undelivered());

@@ -49,13 +49,14 @@ public:
 
 private:
     Received receiveNow();
-    Received receiveIntoMemory(std::size_t wanted);
+    Received receiveIntoMemory(std::size_t most);
     Received receiveIntoPipe();
     Received receiveAtLeast();
     Received nextBlockOfPipe();
     void takeAheadIntoMemory();
     Received nothingReceived(ssize_t result);
     bool isEndNext();
+    bool mayUsePipe() const;
 
     WatchedSocket& socket;
     bool isWanted = false;

@@ -8,7 +8,7 @@ namespace platform {
 namespace {
 
 // Each change is reported once. Most sockets never fill up, and each report costs.
-constexpr std::uint32_t whenReadable = EPOLLIN | EPOLLRDHUP | EPOLLET;
+constexpr std::uint32_t whenReadable = EPOLLIN | EPOLLPRI | EPOLLRDHUP | EPOLLET;
 constexpr std::uint32_t whenReadableOrWritable = whenReadable | EPOLLOUT;
 
 }  // namespace
@@ -41,6 +41,7 @@ void WatchedSocket::noteConnection(std::uint32_t events) {
 
 void WatchedSocket::noteEvents(std::uint32_t events) {
     if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) peerSeemsEnded_ = true;
+    if ((events & EPOLLPRI) != 0) hasUrgentBytes_ = true;
     if ((events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) mayRead_ = true;
     if ((events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0) mayWrite_ = true;
 }

@@ -26,6 +26,9 @@ public:
     bool mayWrite() const { return mayWrite_; }
     // An event said so; the end comes behind the bytes.
     bool peerSeemsEnded() const { return peerSeemsEnded_; }
+    // Urgent bytes have come, now or earlier: the system ends each read at the mark, and a read that
+    // moves bytes through a pipe stops at it for good.
+    bool hasUrgentBytes() const { return hasUrgentBytes_; }
     // 0 or an errno that every operation answers from then on.
     int failure() const { return failure_; }
     void fail(int error) { failure_ = error; }
@@ -50,6 +53,7 @@ private:
     bool mayRead_ = true;
     bool mayWrite_ = true;
     bool peerSeemsEnded_ = false;
+    bool hasUrgentBytes_ = false;
     int failure_ = 0;
 };
 

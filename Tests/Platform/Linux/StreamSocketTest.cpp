@@ -6,7 +6,10 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "Platform/Linux/Relay/RelayMemory.h"
+#include "Platform/Linux/Relay/RelaySocketOptions.h"
 #include "Tests/Platform/Linux/Eventually.h"
 #include "Tests/Platform/Linux/Sockets.h"
 
@@ -67,6 +70,65 @@ TEST(StreamSocket, DirectionsTakeTurnsInReadingAndNotInHandingOn) {
     });
     isClosed.get();
     EXPECT_TRUE(blocks.starts_with("ABAAAB")) << blocks;
+}
+
+// Reads a stream to its end in pieces of a size and keeps them all.
+struct KeepingReader final : StreamSocket::Owner {
+    explicit KeepingReader(std::size_t pieceSize) : piece(pieceSize) {
+        setRelayOptions(pair.near);
+        socket = std::make_shared<StreamSocket>(loop, std::move(pair.near), *this);
+        loop.post([this] { socket->read(1, piece); });
+    }
+    ~KeepingReader() override {
+        Awaited<bool> isClosed;
+        loop.post([this, put = isClosed.put()] {
+            socket->reset();
+            put(true);
+        });
+        isClosed.get();
+    }
+    void readDone(Data data, bool isEnd, int) override {
+        length += data.length();
+        if (!data.isEmpty()) kept.push_back(std::move(data));
+        if (isEnd) return isOver.put()(length);
+        socket->read(1, piece);
+    }
+    void writeDone(int) override {}
+
+    EventLoop& loop = *EventLoopPool::shared().loops().front();
+    SocketPair pair = connectedPair();
+    std::shared_ptr<StreamSocket> socket;
+    const std::size_t piece;
+    std::size_t length = 0;
+    std::vector<Data> kept;
+    Awaited<std::size_t> isOver;
+};
+
+// While nobody takes the bytes on, each further read takes little.
+TEST(StreamSocket, BytesThatNobodyTakesDoNotFillTheMemory) {
+    constexpr std::size_t length = RelayMemory::budget + 1'000'000;
+    KeepingReader reader(2 * RelayMemory::smallBlock);
+    sendAll(reader.pair.far, randomBytes(length, 3));
+    ::shutdown(reader.pair.far.get(), SHUT_WR);
+    ASSERT_EQ(reader.isOver.get(), length);
+    EXPECT_LE(reader.kept.back().length(), RelayMemory::smallBlock);
+    EXPECT_LE(reader.kept[reader.kept.size() - 100].length(), RelayMemory::smallBlock);
+}
+
+// The system ends a read at an urgent byte though more is there, and splices nothing past it.
+TEST(StreamSocket, UrgentBytesAreReadInTheirPlace) {
+    KeepingReader reader(64 * 1024);
+    const std::string much = randomBytes(300'000, 4);
+    std::size_t sent = 0;
+    for (const std::string_view piece : {std::string_view("a"), std::string_view("b"),
+                                         std::string_view(much), std::string_view(much)}) {
+        sendAll(reader.pair.far, piece);
+        ::send(reader.pair.far.get(), "!", 1, MSG_NOSIGNAL | MSG_OOB);
+        sent += piece.length() + 1;
+    }
+    sendAll(reader.pair.far, much);
+    ::shutdown(reader.pair.far.get(), SHUT_WR);
+    EXPECT_EQ(reader.isOver.get(), sent + much.length());
 }
 
 // Hands one read of a stream on to another, whose end may follow.
