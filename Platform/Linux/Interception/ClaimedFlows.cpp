@@ -124,8 +124,9 @@ FileDescriptor openListener(int family) {
 class ClaimedFlows::Awaited {
 public:
     void add(const FlowTuple& flow, Flow claimed) {
-        const MutexGuard guard(lock);
-        claims.insert_or_assign(flow, Claim{std::move(claimed), Clock::now() + longestWait});
+        // The socket that had this place in the table is gone; its claim is not to wait for ever.
+        if (const Flow overtaken = replace(flow, std::move(claimed)))
+            overtaken->failOpening(systemError(ECONNABORTED));
     }
 
     void supply(FileDescriptor socket, const sockaddr_storage& peer) {
@@ -157,6 +158,14 @@ private:
         Flow flow;
         Clock::time_point deadline;
     };
+
+    // Returns the flow that stood there before, or null.
+    Flow replace(const FlowTuple& flow, Flow claimed) {
+        const MutexGuard guard(lock);
+        Claim& claim = claims[flow];
+        claim.deadline = Clock::now() + longestWait;
+        return std::exchange(claim.flow, std::move(claimed));
+    }
 
     Flow take(const FlowTuple& flow) {
         const MutexGuard guard(lock);
