@@ -201,7 +201,7 @@ void Connection::receive(std::size_t minimum, std::size_t maximum, ReceiveComple
 
 void Connection::connect() {
     ++round;
-    hasNetworkChanged = false;
+    triedOn = NetworkMonitor::shared().state();
     enter(Kind::preparing);
     if (const auto address = SocketAddress::fromNumeric(host, port))
         return tryAddresses({*address});
@@ -301,6 +301,7 @@ void Connection::attemptFailed(int error) {
 }
 
 void Connection::connected(StreamSocket& attempt) {
+    triedOn.reset();
     const auto ended = std::move(attempts);
     for (auto& one : ended->underWay) {
         if (one.get() == &attempt)
@@ -329,7 +330,16 @@ void Connection::allAttemptsFailed() {
 void Connection::waitForNetwork(NSError error) {
     enter(Kind::waiting, std::move(error));
     // What changed while the attempts were under way may have come too late for them.
-    if (hasNetworkChanged) connect();
+    if (hasChangedFor(*NetworkMonitor::shared().state())) connect();
+}
+
+// Another try may fare better only where the way that it takes has changed; that an address or a
+// tunnel elsewhere comes and goes is none of its business.
+bool Connection::hasChangedFor(const NetworkState& network) const {
+    if (!interfaceName) return network != *triedOn;
+    const auto* const before = triedOn->named(*interfaceName);
+    const auto* const now = network.named(*interfaceName);
+    return before != nullptr && now != nullptr ? *before != *now : before != now;
 }
 
 void Connection::fail(NSError error) {
@@ -339,15 +349,21 @@ void Connection::fail(NSError error) {
 }
 
 void Connection::networkChanged(const NetworkState& network) {
-    hasNetworkChanged = true;
-    if (state == Kind::waiting) return connect();
+    if (state == Kind::waiting && hasChangedFor(network)) return connect();
     if (state != Kind::ready || !interfaceName) return;
     const auto* const present = network.named(*interfaceName);
-    if (present != nullptr && present->index == interfaceIndex) return;
-    // The interface is no more, and no byte will ever pass again; the system itself would try for a
-    // quarter of an hour.
+    const bool isInterfaceThere = present != nullptr && present->index == interfaceIndex;
+    if (isInterfaceThere && isAddressIn(network)) return;
+    // The interface is no more, or the address that the peer answers to, and no byte will ever pass
+    // again; the system itself would try for a quarter of an hour.
     if (const auto ended = std::exchange(socket, nullptr)) ended->reset();
     fail(systemError(ENETDOWN));
+}
+
+bool Connection::isAddressIn(const NetworkState& network) const {
+    const auto local = socket->localAddress();
+    const auto address = SocketAddress::from(reinterpret_cast<const sockaddr&>(local));
+    return !address || network.hasAddress(*address);
 }
 
 void Connection::beginSending() { socket->write(std::move(sending)); }

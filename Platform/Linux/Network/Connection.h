@@ -78,6 +78,8 @@ private:
     void waitForNetwork(NSError error);
     void fail(NSError error);
     void networkChanged(const NetworkState& network);
+    bool hasChangedFor(const NetworkState& network) const;
+    bool isAddressIn(const NetworkState& network) const;
 
     void beginSending();
     void beginReceiving();
@@ -101,9 +103,9 @@ private:
 
     Kind state = Kind::setup;
     bool deliversOnMainQueue = false;
-    bool hasNetworkChanged = false;  // since the present attempts began
-    int interfaceIndex = 0;          // of the interface that the socket is bound to
-    unsigned round = 0;              // of attempts: tells a late answer from one that is awaited
+    std::shared_ptr<const NetworkState> triedOn;  // the network as the present attempts began
+    int interfaceIndex = 0;                       // of the interface that the socket is bound to
+    unsigned round = 0;  // of attempts: tells a late answer from one that is awaited
     std::unique_ptr<Attempts> attempts;
     std::shared_ptr<StreamSocket> socket;
     Data sending;

@@ -23,6 +23,18 @@ const NetworkInterface* NetworkState::named(std::string_view name) const {
     return found == interfaces.end() ? nullptr : &*found;
 }
 
+bool NetworkState::hasAddress(const SocketAddress& address) const {
+    const bool isIPv4 = address.family() == AF_INET;
+    const auto* const bytes = isIPv4 ? reinterpret_cast<const std::uint8_t*>(&address.ipv4.sin_addr)
+                                     : address.ipv6.sin6_addr.s6_addr;
+    return std::ranges::any_of(interfaces, [&](const NetworkInterface& interface) {
+        return std::ranges::any_of(interface.addresses, [&](const InterfaceAddress& present) {
+            return present.family == address.family() &&
+                   std::equal(bytes, bytes + (isIPv4 ? 4 : 16), present.bytes.begin());
+        });
+    });
+}
+
 NWPath NetworkState::path() const {
     std::vector<const NetworkInterface*> available;
     for (const auto& interface : interfaces)

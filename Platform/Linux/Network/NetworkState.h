@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Platform/Linux/Network/SocketAddress.h"
 #include "Platform/Network.h"
 
 namespace platform {
@@ -60,6 +61,8 @@ struct NetworkState {
 
     // Null if there is none of this name.
     const NetworkInterface* named(std::string_view name) const;
+    // Whether any interface has this address.
+    bool hasAddress(const SocketAddress& address) const;
     // The interfaces that are available, the preferred one first.
     NWPath path() const;
 

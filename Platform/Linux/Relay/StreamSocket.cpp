@@ -73,6 +73,13 @@ int StreamSocket::connect(const sockaddr* address, socklen_t length) {
     return socket.failure();
 }
 
+sockaddr_storage StreamSocket::localAddress() const {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    ::getsockname(socket.descriptor(), reinterpret_cast<sockaddr*>(&address), &length);
+    return address;
+}
+
 void StreamSocket::read(std::size_t minimumLength, std::size_t maximumLength) {
     input.want(minimumLength, maximumLength);
     askForReading();

@@ -67,6 +67,9 @@ public:
     void finish(Farewell farewell);
     void reset();
 
+    // The address and port that the peer sends to; unspecified before it is connected.
+    sockaddr_storage localAddress() const;
+
     // Runs once, in a turn of its own, when the descriptor has been closed.
     void setCloseHandler(Completion<> handler) { closeHandler = std::move(handler); }
 

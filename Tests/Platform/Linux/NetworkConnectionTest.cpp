@@ -340,7 +340,9 @@ TEST_F(NetworkConnectionInWorld, WhatCannotBeReachedIsWaitedForAndTriedWhenThePa
     const auto state = client.next();
     ASSERT_EQ(state.kind, Kind::waiting);
     EXPECT_EQ(state.error->code, ENETUNREACH);
-    EXPECT_EQ(client.next(0.1).kind, Kind::setup);  // not tried again without a reason
+    // Not tried again without a reason, and another interface's news is none.
+    runCommand("ip address add 192.0.2.99/32 dev lo");
+    EXPECT_EQ(client.next(0.1).kind, Kind::setup);
     runCommand("ip link set eth0 up; ip route add default via 192.0.2.1 dev eth0");
     auto later = client.next();
     if (later.kind == Kind::waiting) later = client.next();  // tried before all was there
@@ -371,7 +373,10 @@ TEST_F(NetworkConnectionInWorld, TheNextAddressOfANameGetsItsTurnWhileTheFirstIs
     EXPECT_EQ(started("no-such-name.invalid").next().kind, Kind::waiting);
 }
 
-TEST_F(NetworkConnectionInWorld, AnInterfaceThatVanishesEndsItsConnections) {
+TEST_F(NetworkConnectionInWorld, AnInterfaceOrAddressThatVanishesEndsItsConnections) {
+    const auto listenerIPv6 = network->listenInWorld(TestNetwork::serverIPv6, 7000);
+    auto overIPv6 = started(TestNetwork::serverIPv6);
+    ASSERT_EQ(overIPv6.next().kind, Kind::ready);
     auto client = started(TestNetwork::serverIPv4);
     auto other = started(TestNetwork::serverIPv4, std::nullopt);
     ASSERT_EQ(client.next().kind, Kind::ready);
@@ -379,6 +384,10 @@ TEST_F(NetworkConnectionInWorld, AnInterfaceThatVanishesEndsItsConnections) {
     Awaited<Receipt> receipt;
     client.connection->receive(1, 100, Client::into(receipt));
     runCommand("ip link set eth0 down; ip link set eth0 up");  // a lost cable may come back
+    // The IPv6 address has gone with the cable.
+    const auto end = overIPv6.next();
+    ASSERT_EQ(end.kind, Kind::failed);
+    EXPECT_EQ(end.error->code, ENETDOWN);
     EXPECT_FALSE(receipt.isThere(0.2));
     runCommand("ip link del eth0");
     ASSERT_TRUE(receipt.isThere());
