@@ -146,11 +146,13 @@ void ProcessWatch::takeIn(const char* message, std::size_t length) {
     if (length < start + offsetof(proc_event, event_data)) return;
     std::memcpy(&event, message + start, std::min(length - start, sizeof event));
     const ProcessTable::Clock::time_point when{std::chrono::nanoseconds(event.timestamp_ns)};
-    if (event.what == proc_event::PROC_EVENT_FORK) {
+    // The kernel's headers have moved the enumeration out of the structure.
+    using Kind = decltype(proc_event::what);
+    if (event.what == Kind::PROC_EVENT_FORK) {
         const auto& fork = event.event_data.fork;
         const bool isThread = fork.child_pid != fork.child_tgid;
         if (!isThread) processes.noteFork(fork.child_tgid, fork.parent_tgid, when);
-    } else if (event.what == proc_event::PROC_EVENT_EXEC) {
+    } else if (event.what == Kind::PROC_EVENT_EXEC) {
         processes.noteExec(event.event_data.exec.process_tgid, when);
         if (started.size() == mostStarted) started.pop_front();
         started.push_back(event.event_data.exec.process_tgid);
