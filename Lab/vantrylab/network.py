@@ -77,6 +77,12 @@ def up() -> None:
         address add 192.0.2.2/24 dev eth0
         address add 2001:db8:1::2/64 dev eth0 nodad
         """)
+    server_up()
+    _add_default_routes()
+
+
+def server_up() -> None:
+    """Gives the server's namespace, which has its end of the wire as `net0`, its addresses and its program."""
     _server_ip(f"""
         link set lo up
         link set net0 addrgenmode none
@@ -88,7 +94,6 @@ def up() -> None:
         route add local {SERVER_RANGE_IPV4} dev lo
         route add local {SERVER_RANGE_IPV6} dev lo
         """)
-    _add_default_routes()
     # A gateway answers for its own address alone: what is sent without a route gets nowhere.
     _server_run(["sh", "-c", "echo 1 > /proc/sys/net/ipv4/conf/net0/arp_ignore"])
     _server_run(["nft", f"""
@@ -270,8 +275,8 @@ def _raise_openvpn(mark: bool) -> None:
 
 
 def _raise_wireguard() -> None:
-    client_key, client_public = _wireguard_keys("client")
-    server_key, server_public = _wireguard_keys("server")
+    client_key, client_public = wireguard_keys("client")
+    server_public = wireguard_server_up(client_public)
     _ip(f"""
         link add wg0 type wireguard
         address add {TUNNEL_IPV4} peer {TUNNEL_PEER_IPV4} dev wg0
@@ -280,6 +285,11 @@ def _raise_wireguard() -> None:
           "peer", server_public, "endpoint", f"{VPN_ENDPOINT}:51820",
           "allowed-ips", "0.0.0.0/0,::/0"])
     _ip("link set wg0 up")
+
+
+def wireguard_server_up(client_public: str) -> str:
+    """Raises the server's end for one client, and gives the server's public key."""
+    server_key, server_public = wireguard_keys("server")
     _server_ip(f"""
         link add wg-server type wireguard
         address add {TUNNEL_PEER_IPV4} peer {TUNNEL_IPV4} dev wg-server
@@ -290,9 +300,11 @@ def _raise_wireguard() -> None:
         link set wg-server up
         address add {TUNNEL_PEER_IPV6} peer {TUNNEL_IPV6} dev wg-server nodad
         """)
+    return server_public
 
 
-def _wireguard_keys(name: str) -> tuple[str, str]:
+def wireguard_keys(name: str) -> tuple[str, str]:
+    """The file with a new private key, and the public key."""
     file = world.STATE / f"wireguard-{name}.key"
     private = subprocess.run(["wg", "genkey"], check=True, capture_output=True, text=True).stdout
     file.touch(mode=0o600)

@@ -1,0 +1,26 @@
+#!/bin/sh
+# Unpacks the archives that are its arguments into a root of its own, builds the project there, and writes
+# an archive of `out` (the package, and below `build` the programs) and of the compiler's cache.
+set -eu
+root=$(mktemp -d)
+trap 'umount -R "$root" 2>/dev/null; rm -rf "$root"' EXIT
+chmod 755 "$root"
+mount -t tmpfs -o size=6g,mode=755 machines "$root"
+for archive in "$@"; do tar -x -C "$root" -f "$archive"; done
+mkdir -p "$root/ccache" "$root/out/build/Lab" "$root/proc"
+mount --rbind /proc "$root/proc"
+
+chroot "$root" /bin/sh -eu >&2 <<'EOF'
+export CCACHE_DIR=/ccache CCACHE_MAXSIZE=400M CCACHE_SLOPPINESS=time_macros
+export CMAKE_CXX_COMPILER_LAUNCHER=ccache HOME=/root
+jobs=$(nproc)
+cd /src
+DEB_BUILD_OPTIONS="nocheck noautodbgsym parallel=$jobs" dpkg-buildpackage --build=binary --no-sign
+cp ../*.deb /out
+cp obj-*/vantryd obj-*/vantryctl /out/build
+cmake -G Ninja -S Lab/machines/programs -B /lab -DCMAKE_BUILD_TYPE=RelWithDebInfo
+cmake --build /lab --parallel "$jobs" --target lab-server demo-client login-manager
+cp /lab/Lab/lab-server /lab/Lab/demo-client /lab/Lab/login-manager /out/build/Lab
+EOF
+tar -c -C "$root" -f "$root/ccache.tar" ccache
+tar -c -C "$root" out ccache.tar

@@ -1,0 +1,254 @@
+"""Inside a machine: what only a machine shows, from the first installation to the purge.
+
+usage: journey.py CHAPTER...    the machine may be restarted between them
+
+Prints a line of JSON for each thing tried: `works` or `fails`, and what was seen.
+"""
+
+import dataclasses
+import json
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+import time
+from collections.abc import Callable
+
+import package
+import uplink
+from matrix import Place, seen_by, set_rules, was_denied
+from uplink import run
+from vantrylab import applications, network, world
+
+PREFERENCES = pathlib.Path("/var/lib/org.quillmere.Vantry/preferences.json")
+_LEFT_BEHIND = ("/etc", "/lib/systemd", "/usr/bin", "/usr/sbin", "/usr/lib", "/usr/share", "/var/lib", "/run", "/tmp")
+
+
+class Checks:
+    """What is tried in a chapter, told as it is."""
+
+    chapter = ""
+
+    def check(self, what: str, is_so: bool, seen: object = "") -> None:
+        print(json.dumps({"chapter": self.chapter, "cell": what, "state": "works" if is_so else "fails",
+                          "why": "" if is_so else str(seen)[-600:]}), flush=True)
+
+    def equal(self, what: str, seen: object, expected: object) -> None:
+        self.check(what, seen == expected, f"{seen} instead of {expected}")
+
+
+class Journey:
+    def __init__(self):
+        self.checks = Checks()
+        uplink.up()
+        for each in world.APPLICATIONS.iterdir():
+            shutil.rmtree(each)
+        self.programs = applications.lay_out()
+
+    def goes(self, what: str, program: applications.Application, wanted: str) -> None:
+        report = program.run("connect", (place := Place()).address, 80, "--patience", 4)
+        self.checks.equal(what, seen_by(report, place), wanted)
+
+    def is_denied(self, what: str, program: applications.Application) -> None:
+        report = program.run("connect", (place := Place()).address, 80, "--patience", 4)
+        self.checks.check(what, was_denied(report, place), seen_by(report, place))
+
+    def succeeds(self, what: str, *words: str) -> None:
+        result = subprocess.run(words, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                                text=True, cwd="/")
+        self.checks.check(what, result.returncode == 0, f"status {result.returncode}: {result.stdout.strip()}")
+
+    # Chapters
+
+    def install(self) -> None:
+        """A first installation leaves traffic as it was, and the README's commands work for a person."""
+        before = open_connection(self.programs["fetch"], Place().address)
+        package.install()
+        self.checks.check("the service runs", package.is_active())
+        self.checks.check("a connection from before lives on", not has_ended(before))
+        before.stop()
+        for name in ("courier", "fetch"):
+            self.goes(f"{name} goes as it did", self.programs[name], "uplink")
+        self.succeeds("check finds the machine fit", "vantryctl", "check")
+        run("usermod", "--append", "--groups", "vantry", "person")
+        for words in ("check", "apps", f"identify {self.programs['courier'].path}", "rules set com.example.courier direct",
+                      "rules block com.example.nobody", "rules default vpn", "rules fallback vpn block",
+                      "rules fallback direct allow", "rules", "status", "log", "failures"):
+            self.succeeds(f"a person of the group: vantryctl {words}", *as_person("vantryctl", *words.split()))
+        set_rules(*(self.programs[name] for name in ("courier", "ledger", "nobody")))
+        self.is_denied("what is blocked is denied", self.programs["nobody"])
+        score = run("systemd-analyze", "security", "vantryd", check=False).strip().splitlines()[-1]
+        self.checks.check("the unit is locked down", float(score.split(":")[1].split()[0]) < 4.0, score)
+
+    def boot(self) -> None:
+        """After a restart: the rules are in force before anybody's program runs."""
+        began = monotonic_start("vantryd.service")
+        for unit in ("network-pre.target", "systemd-networkd.service", "systemd-user-sessions.service"):
+            self.checks.check(f"the service is ready before {unit}", 0 < began < (then := monotonic_start(unit)),
+                              f"{began} and {then} microseconds after the kernel's start")
+        self.is_denied("a block from before the restart holds", self.programs["nobody"])
+        self.goes("others pass", self.programs["fetch"], "uplink")
+
+    def journal(self) -> None:
+        """Neither a journal that is full nor one that is stuck keeps anybody waiting."""
+        PREFERENCES.write_text(json.dumps({**json.loads(PREFERENCES.read_text()), "logLevel": "debug"}))
+        limits = pathlib.Path("/etc/systemd/journald.conf.d/small.conf")
+        limits.parent.mkdir(exist_ok=True)
+        limits.write_text("[Journal]\nSystemMaxUse=8M\nRuntimeMaxUse=8M\nSystemMaxFileSize=4M\n")
+        run("systemctl", "restart", "systemd-journald")
+        run("sh", "-c", "head -c 30000000 /dev/urandom | base64 | systemd-cat", check=False)
+        self.is_denied("the journal is full: blocked", self.programs["nobody"])
+        self.goes("the journal is full: others pass", self.programs["fetch"], "uplink")
+        run("systemctl", "kill", "--signal=STOP", "systemd-journald")
+        try:
+            reports = [self.programs["fetch"].run("connect", Place().address, 80, "--patience", 10) for _ in range(40)]
+        finally:
+            run("systemctl", "kill", "--signal=CONT", "systemd-journald")
+        slow = [round(each["milliseconds"]) for each in reports if each["error"] or each["milliseconds"] > 2000]
+        self.checks.equal("the journal stands still: connections that failed or took over 2 s", slow, [])
+        self.checks.check("the daemon outlived it", package.is_active())
+        limits.unlink()
+
+    def containers(self) -> None:
+        """A container on the host's network is seen like other programs; one on a bridge is left alone."""
+        command = [str(self.programs["fetch"].path), "connect"]
+        run("vantryctl", "rules", "block", self.programs["fetch"].identifier)
+        base = ["podman", "run", "--rm", "--security-opt=label=disable", "--user=1000"]
+        for kind, wanted in (("host", "denied"), ("bridge", "passes")):
+            place = Place()
+            told = run(*base, f"--network={kind}", "--rootfs", "/:O", *command, place.address, "80", check=False, seconds=120)
+            seen = "passes" if place.seen() else "denied" if '"error"' in told else told.strip()[-300:]
+            self.checks.equal(f"podman, network {kind}: a blocked program", seen, wanted)
+        run("vantryctl", "rules", "unblock", self.programs["fetch"].identifier)
+
+    def appimage(self) -> None:
+        """A program that lies on the person's own FUSE mount, where not even root may look."""
+        folder, mount = pathlib.Path("/home/person/postbox"), pathlib.Path("/tmp/.mount_Postbox")
+        program = applications.make_ordinary(folder / "usr/bin/postbox", owner=world.PERSON)
+        run("mksquashfs", str(folder), "/home/person/Postbox.AppImage", "-noappend", "-quiet")
+        run(*as_person("mkdir", "-p", str(mount)))
+        run(*as_person("squashfuse", "/home/person/Postbox.AppImage", str(mount)))
+        try:
+            self._named_and_blocked(dataclasses.replace(program, path=mount / "usr/bin/postbox").start)
+        finally:
+            run(*as_person("fusermount3", "-u", str(mount)), check=False)
+
+    def flatpak(self) -> None:
+        """An application in a sandbox of its own, built and installed from a folder, without a network."""
+        make_flatpak("org.example.Postbox")
+        run("loginctl", "enable-linger", "person")
+
+        def start(*words: object) -> applications.Running:
+            return applications.Running(["systemd-run", "--machine=person@", "--user", "--pipe", "--quiet", "--collect",
+                                         "flatpak", "run", "org.example.Postbox", *map(str, words)], None)
+        self._named_and_blocked(start, "org.example.Postbox")
+
+    def _named_and_blocked(self, start: Callable[..., applications.Running], name: str | None = None) -> None:
+        """The program that `start` runs has a name that a rule can be made of, and the rule holds."""
+        running = start("upload", Place().address, 80, "--duration", 60)
+        running.report()
+        process = run("pgrep", "--newest", "--full", "postbox upload").strip()
+        told = run("vantryctl", "identify", process, check=False)
+        running.stop()
+        identifier = told.splitlines()[0].strip() if told.strip() else ""
+        self.checks.check("identify names it", name in (None, identifier), told)
+        run("vantryctl", "rules", "block", identifier)
+        running = start("connect", (place := Place()).address, 80, "--patience", 4)
+        report = running.finish()
+        self.checks.check("a block holds", was_denied(report, place), seen_by(report, place))
+        run("vantryctl", "rules", "unblock", identifier)
+
+    def upgrade(self) -> None:
+        """To a later version: rules, and connections that do not go direct, live on."""
+        before = json.loads(run("vantryctl", "rules", "--json"))
+        connection = open_connection(self.programs["fetch"], Place().address)
+        package.upgrade()
+        self.checks.check("the service runs", package.is_active())
+        self.checks.check("an open connection lives on", not has_ended(connection))
+        connection.stop()
+        self.checks.equal("rules are kept", json.loads(run("vantryctl", "rules", "--json")), before)
+        self.is_denied("blocked as before", self.programs["nobody"])
+
+    def leave(self) -> None:
+        """Removal leaves the settings, the purge nothing; traffic is as if nothing had been."""
+        run("apt-get", "remove", "--yes", "vantry", seconds=240)
+        self.goes("removed: what was blocked passes", self.programs["nobody"], "uplink")
+        self.checks.check("removed: the settings are kept", PREFERENCES.exists())
+        self.checks.equal("removed: rules of the packet filter", [
+            line for line in run("nft", "list", "tables").splitlines() if "vantry" in line.lower()], [])
+        run("apt-get", "purge", "--yes", "vantry", seconds=240)
+        found = run("find", *_LEFT_BEHIND, "-xdev", "-iname", "*vantry*", "-not", "-path", "/run/lab/*",
+                    "-not", "-path", "/tmp/vantry-*", check=False).split()
+        self.checks.equal("purged: files", found, [])
+
+    def sleep(self) -> None:
+        """Suspends and wakes by the clock; says what of it this machine can do."""
+        states = pathlib.Path("/sys/power/state").read_text().split()
+        print(f"----- states of sleep: {' '.join(states)}; {pathlib.Path('/sys/power/mem_sleep').read_text().strip()}")
+        pathlib.Path("/sys/power/mem_sleep").write_text("s2idle")
+        run("sh", "-c", "echo 0 > /sys/class/rtc/rtc0/wakealarm; echo +10 > /sys/class/rtc/rtc0/wakealarm")
+        began = time.monotonic()
+        run("systemctl", "suspend", seconds=60)
+        network.wait_until(lambda: "Reached target suspend.target" in run("journalctl", "--boot", "--unit=suspend.target"),
+                           "it has slept", 90)
+        print(f"----- {time.monotonic() - began:.0f} s of the running clock")
+        self.checks.check("the service outlived it", package.is_active())
+        self.is_denied("blocked as before", self.programs["nobody"])
+
+
+def make_flatpak(name: str) -> None:
+    """A runtime that has no more than the demo client needs, and the demo client as an application."""
+    folder = world.STATE / "flatpak"
+    runtime, application = folder / "runtime", folder / "application"
+    for each in (runtime / "files/lib64", application / "files/bin", application / "export"):
+        each.mkdir(parents=True)
+    libraries = re.findall(r"(/\S+) \(0x", run("ldd", str(applications.DEMO_CLIENT)))
+    for library in libraries:
+        shutil.copy(library, runtime / "files/lib64")
+    shutil.copytree(runtime / "files/lib64", runtime / "files/lib")
+    platform = "org.example.Platform/x86_64/1"
+    (runtime / "metadata").write_text(f"[Runtime]\nname=org.example.Platform\nruntime={platform}\nsdk={platform}\n")
+    shutil.copy(applications.DEMO_CLIENT, application / "files/bin/postbox")
+    (application / "metadata").write_text(f"[Application]\nname={name}\nruntime={platform}\nsdk={platform}\n"
+                                          "command=postbox\n[Context]\nshared=network;\n")
+    for part, options in ((runtime, ["--runtime"]), (application, [])):
+        run("flatpak", "build-export", *options, str(folder / "repository"), str(part), "1", seconds=120)
+    run("flatpak", "remote-add", "--no-gpg-verify", "lab", str(folder / "repository"))
+    run("flatpak", "install", "--assumeyes", "lab", f"{name}//1", seconds=180)
+
+
+def open_connection(program: applications.Application, address: str) -> applications.Running:
+    running = program.start("upload", address, 80, "--duration", 300)
+    running.report()
+    return running
+
+
+def has_ended(running: applications.Running) -> bool:
+    try:
+        running.process.wait(2)
+        return True
+    except subprocess.TimeoutExpired:
+        return False
+
+
+def as_person(*words: str) -> list[str]:
+    """A command of the person at the machine, with the groups and folders that a login gives."""
+    return ["runuser", "--user", "person", "--", *words]
+
+
+def monotonic_start(unit: str) -> int:
+    return int(run("systemctl", "show", "--value", "--property=ActiveEnterTimestampMonotonic", unit).strip() or 0)
+
+
+def main() -> None:
+    journey = Journey()
+    for journey.checks.chapter in sys.argv[1:]:
+        try:
+            getattr(journey, journey.checks.chapter)()
+        except (RuntimeError, subprocess.TimeoutExpired) as reason:
+            journey.checks.check("runs to its end", False, reason)
+
+
+if __name__ == "__main__":
+    main()
