@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "Platform/TunnelGuard.h"
+
 namespace vantry {
 
 using platform::NSLockGuard;
@@ -96,8 +98,20 @@ void FlowKillCoordinator::updateVpnState(bool isConnected, std::string_view fall
         vpnFallback = fallback;
         isStateInitialized = true;
     }
+    keepFlowsInTunnel();
     logger.info("VPN state updated: connected=%{bool}d fallback=%s firstInit=%{bool}d", isConnected,
                 fallback, isFirst);
+}
+
+// Calls come one after the other, each with what holds by then, so that the last one is right.
+void FlowKillCoordinator::keepFlowsInTunnel() {
+    const NSLockGuard inOrder(tunnelGuardLock);
+    bool isWanted = false;
+    {
+        const NSLockGuard hold(lock);
+        isWanted = vpnFallback == "block";
+    }
+    platform::keepWatchedFlowsInTunnel(isWanted);
 }
 
 std::string_view FlowKillCoordinator::resolveChildMapping(std::string_view bundleId) const {
@@ -142,6 +156,7 @@ void FlowKillCoordinator::resetState() {
         isStateInitialized = false;
         pendingQuicBlocks.swap(dropped);
     }
+    keepFlowsInTunnel();
     logger.info("Coordinator state reset (proxy stopped)");
 }
 

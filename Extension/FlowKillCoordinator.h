@@ -62,6 +62,8 @@ private:
 
     FlowKillCoordinator();
 
+    // Tells the platform whether watched flows may leave beside the tunnel.
+    void keepFlowsInTunnel();
     std::string_view resolveChildMapping(std::string_view bundleId) const REQUIRES(lock);
     bool matches(const BundleIdSet& members, std::string_view bundleId) const REQUIRES(lock);
 
@@ -69,6 +71,7 @@ private:
 
     const platform::Logger logger{"org.quillmere.Vantry.Extension", "FlowKillCoordinator"};
     mutable platform::NSLock lock;
+    platform::NSLock tunnelGuardLock{platform::NSLock::heldAcrossCalls};
     SharedSet monitoredBundleIds GUARDED_BY(lock) = std::make_shared<const BundleIdSet>();
     SharedSet blockedBundleIds GUARDED_BY(lock) = std::make_shared<const BundleIdSet>();
     bool isVpnConnected GUARDED_BY(lock) = true;

@@ -296,4 +296,9 @@ void NWPathMonitor::cancel() {
     implementation->cancel();
 }
 
+void keepWatchedFlowsInTunnel(bool isWanted) {
+    simulated::checkPlatformCall("keepWatchedFlowsInTunnel");
+    machine().network.keepWatchedFlowsInTunnel(isWanted);
+}
+
 }  // namespace platform

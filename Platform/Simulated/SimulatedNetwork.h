@@ -2,6 +2,7 @@
 // them, and the peers that connections meet. Any thread.
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <optional>
@@ -103,6 +104,9 @@ public:
     // again, and from the first call on a connection to an interface that is not there waits.
     void setPath(std::vector<NWInterface> interfaces);
     NWPath path() const;
+    // Whether watched flows are to be kept in the tunnel.
+    bool keepsWatchedFlowsInTunnel() const { return areWatchedFlowsKept; }
+    void keepWatchedFlowsInTunnel(bool isWanted) { areWatchedFlowsKept = isWanted; }
     MonitorCounts monitors() const;
     // Monitors that were started and neither cancelled nor let go.
     std::size_t monitorsAtWork() const;
@@ -138,6 +142,7 @@ private:
     };
 
     Scheduler& scheduler;
+    std::atomic<bool> areWatchedFlowsKept{false};
     mutable Mutex mutex;
     std::optional<NWPath> currentPath GUARDED_BY(mutex);
     MonitorCounts counts GUARDED_BY(mutex);

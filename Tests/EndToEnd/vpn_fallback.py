@@ -15,6 +15,7 @@ def run(stage) -> None:
     _watched_connections_end(stage)
     _watched_connections_go_on(stage)
     stage.apply(UP)
+    _the_tunnel_goes_unannounced(stage)
     _the_tunnel_really_goes(stage)
     _new_flows_with_fallback_block(stage)
     _new_flows_with_fallback_allow(stage)
@@ -66,6 +67,21 @@ def _watched_connections_go_on(stage) -> None:
     stage.apply(DOWN.but(vpnFallback="allow"))
     for each in running:
         stage.expect_untouched("VPN down, fallback allow: what runs goes on", each)
+
+
+def _the_tunnel_goes_unannounced(stage) -> None:
+    """The daemon hears of it later than the packets: none of a VPN-ruled application may leave in the clear."""
+    network.vpn_down()
+    for words, next_address in (("connect", stage.ipv4), ("connect", stage.ipv6), ("datagram", stage.ipv4)):
+        address = next_address()
+        stage.ledger.run(words, address, 8080, "--patience", 0.5)
+        stage.expect_nothing_arrived(f"the tunnel is gone, unsaid: {words} to {address}", address)
+    address = stage.ipv4()
+    stage.expect_physical(f"the tunnel is gone, unsaid: no rule at {address}",
+                          stage.nobody.run("connect", address, 80), address)
+    network.vpn_up()
+    address = stage.ipv4()
+    stage.expect_tunnel("the tunnel is back, unsaid", stage.ledger.run("connect", address, 80), address)
 
 
 def _the_tunnel_really_goes(stage) -> None:

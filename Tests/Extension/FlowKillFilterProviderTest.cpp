@@ -55,6 +55,18 @@ TEST_F(FilterTest, StartAsksForEveryFlowAndReportsTheOutcomeAndStopTouchesNothin
          error("Failed to apply filter settings: not now"), info("Filter provider started")}));
 }
 
+TEST_F(FilterTest, WatchedFlowsAreKeptInTheTunnelWhereTheFallbackBlocks) {
+    for (const bool isConnected : {true, false}) {
+        coordinator.updateVpnState(isConnected, "block");
+        EXPECT_TRUE(world.network.keepsWatchedFlowsInTunnel());
+        coordinator.updateVpnState(isConnected, "allow");
+        EXPECT_FALSE(world.network.keepsWatchedFlowsInTunnel());
+    }
+    coordinator.updateVpnState(true, "block");
+    coordinator.resetState();
+    EXPECT_FALSE(world.network.keepsWatchedFlowsInTunnel());
+}
+
 TEST_F(FilterTest, WhatItCannotAttributePasses) {
     coordinator.updateVpnState(true, "allow");
     const auto tool = world.process({.path = "/usr/bin/tool"});

@@ -47,6 +47,7 @@ int millisecondsUntil(Clock::time_point instant) {
 Interception::Interception(Providers providers, Choices choices)
     : place(freeMarkPlace(markBitsInUse())),
       directRoutes(place),
+      tunnelGuard(place),
       decisions(std::move(providers), place),
       chosen(choices),
       wakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),

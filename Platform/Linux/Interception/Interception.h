@@ -19,6 +19,7 @@
 #include "Platform/Linux/Interception/PacketQueue.h"
 #include "Platform/Linux/Interception/PacketTable.h"
 #include "Platform/Linux/Interception/PacketWorkers.h"
+#include "Platform/Linux/Interception/TunnelGuard.h"
 
 namespace platform::interception {
 
@@ -69,6 +70,7 @@ private:
 
     const MarkPlace place;
     const DirectRoutes directRoutes;
+    const TunnelGuard tunnelGuard;
     FlowDecisions decisions;
     std::unique_ptr<PacketTable> table;
     std::unique_ptr<PacketQueue> queue;

@@ -75,9 +75,10 @@ std::optional<std::string> packetRulesOfOthers() {
     if (!tables) return std::nullopt;
     std::string rules;
     std::istringstream lines(*tables);
-    const std::string ours = std::string("table inet ") + packetTableName;
+    const std::string prefix = "table inet ";
     for (std::string table; std::getline(lines, table);)
-        if (table != ours) rules += outputOf(context.get(), "list " + table).value_or("");
+        if (table != prefix + packetTableName && table != prefix + guardTableName)
+            rules += outputOf(context.get(), "list " + table).value_or("");
     return rules;
 }
 

@@ -13,6 +13,8 @@ namespace platform::interception {
 
 // The name of our table, of family inet.
 inline constexpr const char* packetTableName = "vantry";
+// The table that keeps watched flows in the tunnel.
+inline constexpr const char* guardTableName = "vantry_guard";
 
 // The two forms in which kernels know the packet queue: an expression of the rule language, or the
 // older target that the rule language can embed.

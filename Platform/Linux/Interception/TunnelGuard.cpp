@@ -1,0 +1,301 @@
+#include "Platform/Linux/Interception/TunnelGuard.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <linux/rtnetlink.h>
+#include <nftables/libnftables.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "Platform/Common/Mutex.h"
+#include "Platform/Linux/Interception/NetlinkSocket.h"
+#include "Platform/Linux/Interception/PacketRule.h"
+#include "Platform/Linux/PlatformLog.h"
+#include "Platform/TunnelGuard.h"
+
+namespace platform::interception {
+
+namespace {
+
+// Addresses that no machine has (RFC 5737, RFC 3849): what leads to them is the default route,
+// whichever table or rule it stands in. Nothing is ever sent there.
+constexpr const char* farIPv4 = "198.51.100.1";
+constexpr const char* farIPv6 = "2001:db8:100::1";
+
+struct Family {
+    int number;
+    const char* farAddress;
+    const char* keyword;
+    const char* protocol;
+    // Near wherever they are used.
+    const char* alwaysNear;
+};
+constexpr std::array<Family, 2> families{{
+    {AF_INET, farIPv4, "ip", "ipv4",
+     "127.0.0.0/8, 169.254.0.0/16, 224.0.0.0/4, 255.255.255.255/32"},
+    {AF_INET6, farIPv6, "ip6", "ipv6", "::1/128, fe80::/10, ff00::/8"},
+}};
+constexpr std::size_t addressLength(int family) { return family == AF_INET ? 4 : 16; }
+
+// What the rules say.
+struct Guarded {
+    std::array<bool, families.size()> isFamily{};
+    std::set<std::string> interfaces;
+    std::array<std::set<std::string>, families.size()> near;
+    friend bool operator==(const Guarded&, const Guarded&) = default;
+
+    bool isNothing() const { return !isFamily[0] && !isFamily[1]; }
+};
+
+using Room = std::array<char, 256>;
+
+nlmsghdr* routeRequest(Room& room, unsigned flags, int family, unsigned destinationLength) {
+    nlmsghdr* const header = mnl_nlmsg_put_header(room.data());
+    header->nlmsg_type = RTM_GETROUTE;
+    header->nlmsg_flags = static_cast<std::uint16_t>(NLM_F_REQUEST | flags);
+    header->nlmsg_seq = 1;
+    auto* const route = static_cast<rtmsg*>(mnl_nlmsg_put_extra_header(header, sizeof(rtmsg)));
+    route->rtm_family = static_cast<std::uint8_t>(family);
+    route->rtm_dst_len = static_cast<std::uint8_t>(destinationLength);
+    return header;
+}
+
+// The interface by which packets to a far address leave now; 0 if there is none.
+int interfaceOfDefault(NetlinkSocket& socket, const Family& family) {
+    std::array<std::uint8_t, 16> address{};
+    ::inet_pton(family.number, family.farAddress, address.data());
+    const std::size_t length = addressLength(family.number);
+    alignas(nlmsghdr) Room room{};
+    nlmsghdr* const header =
+        routeRequest(room, NLM_F_ACK, family.number, static_cast<unsigned>(length * 8));
+    mnl_attr_put(header, RTA_DST, length, address.data());
+    int index = 0;
+    socket.request(*header, [&](const nlmsghdr& answer) {
+        if (answer.nlmsg_type != RTM_NEWROUTE) return;
+        forEachAttribute(answer, sizeof(rtmsg), [&](const nlattr& attribute) {
+            if (mnl_attr_get_type(&attribute) == RTA_OIF)
+                index = static_cast<int>(mnl_attr_get_u32(&attribute));
+        });
+    });
+    return index;
+}
+
+std::string prefixText(int family, const void* address, unsigned length) {
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    ::inet_ntop(family, address, text.data(), text.size());
+    return std::string(text.data()) + '/' + std::to_string(length);
+}
+
+// The prefix of a route of the main table that leads to something near; empty for all others. Two
+// halves of all addresses are a default route as well.
+std::string nearPrefix(const nlmsghdr& answer, const std::set<int>& interfaces) {
+    const auto& route = *static_cast<const rtmsg*>(mnl_nlmsg_get_payload(&answer));
+    if (route.rtm_dst_len <= 1 || route.rtm_table != RT_TABLE_MAIN) return {};
+    std::array<std::uint8_t, 16> address{};
+    int index = 0;
+    forEachAttribute(answer, sizeof(rtmsg), [&](const nlattr& attribute) {
+        const auto type = mnl_attr_get_type(&attribute);
+        if (type == RTA_OIF) index = static_cast<int>(mnl_attr_get_u32(&attribute));
+        if (type == RTA_DST)
+            std::memcpy(
+                address.data(), mnl_attr_get_payload(&attribute),
+                std::min<std::size_t>(address.size(), mnl_attr_get_payload_len(&attribute)));
+    });
+    if (!interfaces.contains(index)) return {};
+    return prefixText(route.rtm_family, address.data(), route.rtm_dst_len);
+}
+
+std::set<std::string> nearPrefixes(NetlinkSocket& socket, int family,
+                                   const std::set<int>& interfaces) {
+    std::set<std::string> prefixes;
+    alignas(nlmsghdr) Room room{};
+    socket.request(*routeRequest(room, NLM_F_DUMP, family, 0), [&](const nlmsghdr& answer) {
+        if (answer.nlmsg_type != RTM_NEWROUTE) return;
+        if (auto prefix = nearPrefix(answer, interfaces); !prefix.empty())
+            prefixes.insert(std::move(prefix));
+    });
+    return prefixes;
+}
+
+bool isTunnel(const NetworkState& network, int index) {
+    const auto found = std::ranges::find(network.interfaces, index, &NetworkInterface::index);
+    return found != network.interfaces.end() && found->isTunnel;
+}
+
+void appendAccept(std::string& rules, const std::string& match) {
+    rules += "  " + match + " accept\n";
+}
+
+std::string rulesText(const Guarded& guarded, MarkPlace place) {
+    std::string names;
+    for (const auto& name : guarded.interfaces) names += '"' + name + "\", ";
+    std::string rules;
+    appendAccept(rules, "oifname != { " + names + '}');
+    for (std::size_t i = 0; i < families.size(); ++i) {
+        const Family& family = families[i];
+        const std::string destination = std::string(family.keyword) + " daddr ";
+        if (!guarded.isFamily[i])
+            appendAccept(rules, std::string("meta nfproto ") + family.protocol);
+        appendAccept(rules, destination + "{ " + family.alwaysNear + " }");
+        for (const auto& prefix : guarded.near[i]) appendAccept(rules, destination + prefix);
+    }
+    return rules + "  ct mark & " + std::to_string(place.mask()) +
+           " == " + std::to_string(place.value(FlowState::watched)) + " counter drop\n";
+}
+
+}  // namespace
+
+class TunnelGuard::Work {
+public:
+    explicit Work(MarkPlace markPlace) : place(markPlace) {
+        nft_ctx_buffer_error(rules.get());
+        nft_ctx_buffer_output(rules.get());
+        thread = std::thread([this] { serve(); });
+    }
+
+    void want(bool isWantedNow) {
+        const MutexGuard guard(lock);
+        isWanted = isWantedNow;
+        hasNews = true;
+        changed.notifyOne();
+    }
+    void networkChanged() {
+        const MutexGuard guard(lock);
+        hasNews = true;
+        changed.notifyOne();
+    }
+    void end() {
+        {
+            const MutexGuard guard(lock);
+            hasEnded = true;
+            changed.notifyOne();
+        }
+        thread.join();
+    }
+
+private:
+    void serve() {
+        while (const auto wanted = awaitNews()) {
+            if (*wanted)
+                look();
+            else
+                guarded = {};
+            if (guarded != inForce) putInForce();
+        }
+    }
+
+    // Whether the guard is wanted; none when the end has come.
+    std::optional<bool> awaitNews() {
+        const MutexGuard guard(lock);
+        while (!hasNews && !hasEnded) changed.wait(lock);
+        hasNews = false;
+        return hasEnded ? std::nullopt : std::optional(isWanted);
+    }
+
+    // Takes in what the network shows now. What was once guarded stays so, whatever comes and goes:
+    // that a route is missing is just when the guard is needed.
+    void look() {
+        if (!socket) return;
+        const auto network = NetworkMonitor::shared().state();
+        std::set<int> indices;
+        for (const auto& interface : network->interfaces) {
+            if (interface.isTunnel || (!interface.ipv4 && !interface.ipv6)) continue;
+            guarded.interfaces.insert(interface.name);
+        }
+        for (const auto& interface : network->interfaces)
+            if (guarded.interfaces.contains(interface.name)) indices.insert(interface.index);
+        for (std::size_t i = 0; i < families.size(); ++i) {
+            guarded.isFamily[i] |= isTunnel(*network, interfaceOfDefault(*socket, families[i]));
+            // Gone for a moment when an address is renewed, and then back.
+            if (auto near = nearPrefixes(*socket, families[i].number, indices); !near.empty())
+                guarded.near[i] = std::move(near);
+        }
+        if (guarded.interfaces.empty()) guarded.isFamily = {};
+    }
+
+    void putInForce() {
+        const std::string table = std::string("table inet ") + guardTableName;
+        std::string text = "add " + table + " { flags owner; }\ndelete " + table + '\n';
+        if (!guarded.isNothing())
+            text += table +
+                    " {\n flags owner\n chain leaving {\n"
+                    "  type filter hook postrouting priority 0\n" +
+                    rulesText(guarded, place) + " }\n}\n";
+        const bool isDone = nft_run_cmd_from_buffer(rules.get(), text.c_str()) == 0;
+        if (isDone) inForce = guarded;
+        if (std::exchange(wasDone, isDone) && !isDone)
+            platformLog.error(
+                "The kernel cannot keep watched flows in the tunnel when it goes: %{public}s",
+                std::string(nft_ctx_get_error_buffer(rules.get())));
+    }
+
+    const MarkPlace place;
+    // The table goes with its socket.
+    const std::unique_ptr<nft_ctx, decltype(&nft_ctx_free)> rules{nft_ctx_new(NFT_CTX_DEFAULT),
+                                                                  &nft_ctx_free};
+    const std::unique_ptr<NetlinkSocket> socket = NetlinkSocket::open(NETLINK_ROUTE);
+    // For the thread alone.
+    Guarded guarded;
+    Guarded inForce;
+    bool wasDone = true;
+    Mutex lock;
+    Condition changed;
+    bool isWanted GUARDED_BY(lock) = false;
+    bool hasNews GUARDED_BY(lock) = false;
+    bool hasEnded GUARDED_BY(lock) = false;
+    std::thread thread;
+};
+
+namespace {
+
+// The one guard of the process, and whether it is wanted: the wish may come first.
+struct Wish {
+    Mutex lock;
+    std::function<void(bool)> tell GUARDED_BY(lock);
+    bool isWanted GUARDED_BY(lock) = false;
+};
+
+Wish& wish() {
+    static Wish& one = *std::make_unique<Wish>().release();
+    return one;
+}
+
+}  // namespace
+
+TunnelGuard::TunnelGuard(MarkPlace place)
+    : work(std::make_shared<Work>(place)),
+      following(NetworkMonitor::shared().observe(
+          [held = work](const std::shared_ptr<const NetworkState>&) { held->networkChanged(); })) {
+    const MutexGuard guard(wish().lock);
+    wish().tell = [held = work](bool isWanted) { held->want(isWanted); };
+    work->want(wish().isWanted);
+}
+
+TunnelGuard::~TunnelGuard() {
+    {
+        const MutexGuard guard(wish().lock);
+        wish().tell = nullptr;
+    }
+    following.reset();
+    work->end();
+}
+
+}  // namespace platform::interception
+
+void platform::keepWatchedFlowsInTunnel(bool isWanted) {
+    auto& wish = interception::wish();
+    const MutexGuard guard(wish.lock);
+    wish.isWanted = isWanted;
+    if (wish.tell) wish.tell(isWanted);
+}
