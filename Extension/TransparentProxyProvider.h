@@ -140,7 +140,10 @@ private:
                         const std::string& destinationHost, std::uint16_t destinationPort,
                         std::string protocolType);
     void scheduleActivityLogWrite();
+    void writeActivityLogAfter(double seconds);
+    bool beginsActivityLogWrite() REQUIRES(activityLogLock);
     void performActivityLogWrite();
+    void endActivityLogWrite();
     std::vector<ActivityLogEntryIPC> activityLogWithDrainedBlocks();
     void trimActivityLog() REQUIRES(activityLogLock);
 
@@ -171,13 +174,16 @@ private:
     Published<BundleIdSet> blockedApps;
 
     mutable platform::NSLock activityLogLock;
-    // Puts whole writes of the log file in one order. Taken before `activityLogLock`.
+    // Held for a whole write of the log file and for its removal. Taken before `activityLogLock`.
     platform::NSLock activityLogWriterLock{platform::NSLock::heldAcrossCalls};
     std::deque<ActivityLogEntryIPC> activityLog GUARDED_BY(activityLogLock);
     static constexpr std::size_t maxActivityLogEntries = 500;
     platform::Date activityLogLastWriteTime GUARDED_BY(activityLogLock) =
         platform::Date::distantPast();
     bool activityLogWritePending GUARDED_BY(activityLogLock) = false;
+    bool activityLogWriteUnderWay GUARDED_BY(activityLogLock) = false;
+    // A write that fell due during the one under way.
+    bool activityLogWriteFollows GUARDED_BY(activityLogLock) = false;
     static constexpr double activityLogWriteInterval = 1.0;
 
     platform::NSLock pathMonitorLock;

@@ -1,9 +1,11 @@
 // The list of observed flows, and the file that mirrors it for the host application about once a
 // second at most. The proxy's flows join the list as they are decided, the filter's records when a
 // write collects them, so the order is that of joining. A failed write keeps the old file and all
-// entries; the next recorded flow tries again.
+// entries; the next recorded flow tries again. One write is under way at a time, and a flow never waits
+// for that of another, however slow the disk is.
 
 #include <iterator>
+#include <utility>
 
 #include "Extension/FlowKillCoordinator.h"
 #include "Extension/TransparentProxyProvider.h"
@@ -66,40 +68,66 @@ void TransparentProxyProvider::scheduleActivityLogWrite() {
     double elapsed = 0;
     {
         const NSLockGuard hold(activityLogLock);
-        const auto now = Date::now();
-        elapsed = now.timeIntervalSince(activityLogLastWriteTime);
+        elapsed = Date::now().timeIntervalSince(activityLogLastWriteTime);
         if (elapsed >= activityLogWriteInterval) {
-            // Taken by this flow: another one at the same moment finds the write begun.
-            activityLogLastWriteTime = now;
+            if (!beginsActivityLogWrite()) return;
         } else {
             if (activityLogWritePending) return;
             activityLogWritePending = true;
         }
     }
     if (elapsed >= activityLogWriteInterval) return performActivityLogWrite();
-    platform::DispatchQueue::main().asyncAfter(
-        activityLogWriteInterval - elapsed, [weakSelf = weak_from_this()] {
-            const auto self = weakSelf.lock();
-            if (!self) return;
-            {
-                const NSLockGuard hold(self->activityLogLock);
-                self->activityLogWritePending = false;
-            }
-            self->performActivityLogWrite();
-        });
+    writeActivityLogAfter(activityLogWriteInterval - elapsed);
+}
+
+void TransparentProxyProvider::writeActivityLogAfter(double seconds) {
+    platform::DispatchQueue::main().asyncAfter(seconds, [weakSelf = weak_from_this()] {
+        const auto self = weakSelf.lock();
+        if (!self) return;
+        {
+            const NSLockGuard hold(self->activityLogLock);
+            self->activityLogWritePending = false;
+            if (!self->beginsActivityLogWrite()) return;
+        }
+        self->performActivityLogWrite();
+    });
+}
+
+// False where a write is under way: nobody waits for a slow disk in a row. What has joined the list
+// since is written after it.
+bool TransparentProxyProvider::beginsActivityLogWrite() {
+    if (activityLogWriteUnderWay) {
+        activityLogWriteFollows = true;
+        return false;
+    }
+    activityLogWriteUnderWay = true;
+    activityLogLastWriteTime = Date::now();
+    return true;
 }
 
 void TransparentProxyProvider::performActivityLogWrite() {
     {
+        const NSLockGuard noClearing(activityLogWriterLock);
+        if (const auto error = writeFile(activityLogWithDrainedBlocks()))
+            logger.error("Failed to write activity log file: %{public}s",
+                         error->localizedDescription);
+        else
+            NSFileManager::defaultManager().setPosixPermissions(readableByAll, activityLogPath);
+    }
+    endActivityLogWrite();
+}
+
+// The write that follows runs on the main queue, not on the thread of the flow that made this one.
+void TransparentProxyProvider::endActivityLogWrite() {
+    double elapsed = 0;
+    {
         const NSLockGuard hold(activityLogLock);
-        activityLogLastWriteTime = Date::now();
+        activityLogWriteUnderWay = false;
+        if (!std::exchange(activityLogWriteFollows, false) || activityLogWritePending) return;
+        activityLogWritePending = true;
+        elapsed = Date::now().timeIntervalSince(activityLogLastWriteTime);
     }
-    const NSLockGuard oneWriteAtATime(activityLogWriterLock);
-    if (const auto error = writeFile(activityLogWithDrainedBlocks())) {
-        logger.error("Failed to write activity log file: %{public}s", error->localizedDescription);
-        return;
-    }
-    NSFileManager::defaultManager().setPosixPermissions(readableByAll, activityLogPath);
+    writeActivityLogAfter(activityLogWriteInterval - elapsed);
 }
 
 // The list after the filter's records have joined it.

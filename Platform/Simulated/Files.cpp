@@ -54,6 +54,22 @@ void Files::failAtRandom(std::uint64_t chances) {
     randomFaultChances = chances;
 }
 
+void Files::stall(FileOperation operation, std::string_view path) {
+    const MutexGuard guard(mutex);
+    stalled = FileAccess{operation, std::string(path)};
+}
+
+void Files::goOn() {
+    const MutexGuard guard(mutex);
+    stalled.reset();
+    changed.notifyAll();
+}
+
+void Files::waitUntilStalled() {
+    const MutexGuard guard(mutex);
+    while (waiting == 0) changed.wait(mutex);
+}
+
 void Files::setContainer(std::optional<std::string> path) {
     const MutexGuard guard(mutex);
     containerPath = std::move(path);
@@ -87,8 +103,16 @@ void Files::note(FileOperation operation, std::string_view path) {
     log.push_back({operation, std::string(path)});
 }
 
+void Files::waitWhileStalled(FileOperation operation, std::string_view path) {
+    ++waiting;
+    changed.notifyAll();
+    while (stalled && stalled->operation == operation && stalled->path == path) changed.wait(mutex);
+    --waiting;
+}
+
 std::optional<Data> Files::read(std::string_view path) {
     const MutexGuard guard(mutex);
+    waitWhileStalled(FileOperation::read, path);
     const auto found = files.find(path);
     const bool succeeds = found != files.end() && !takeFault(FileOperation::read, path, 0);
     note(FileOperation::read, path);
@@ -98,6 +122,7 @@ std::optional<Data> Files::read(std::string_view path) {
 
 std::optional<NSError> Files::writeAtomically(std::string_view bytes, std::string_view path) {
     const MutexGuard guard(mutex);
+    waitWhileStalled(FileOperation::writeAtomically, path);
     const bool succeeds = !takeFault(FileOperation::writeAtomically, path, 0);
     note(FileOperation::writeAtomically, path);
     if (!succeeds) return fileError();
@@ -107,6 +132,7 @@ std::optional<NSError> Files::writeAtomically(std::string_view bytes, std::strin
 
 std::optional<NSError> Files::write(std::string_view bytes, std::string_view path) {
     const MutexGuard guard(mutex);
+    waitWhileStalled(FileOperation::write, path);
     const auto partLeft = takeFault(FileOperation::write, path, bytes.size());
     note(FileOperation::write, path);
     auto& file = files[std::string(path)];
@@ -116,6 +142,7 @@ std::optional<NSError> Files::write(std::string_view bytes, std::string_view pat
 
 bool Files::setPermissions(int permissions, std::string_view path) {
     const MutexGuard guard(mutex);
+    waitWhileStalled(FileOperation::setPermissions, path);
     const auto found = files.find(path);
     const bool succeeds =
         found != files.end() && !takeFault(FileOperation::setPermissions, path, 0);
@@ -126,6 +153,7 @@ bool Files::setPermissions(int permissions, std::string_view path) {
 
 bool Files::removeItem(std::string_view path) {
     const MutexGuard guard(mutex);
+    waitWhileStalled(FileOperation::remove, path);
     const auto found = files.find(path);
     const bool succeeds = found != files.end() && !takeFault(FileOperation::remove, path, 0);
     note(FileOperation::remove, path);

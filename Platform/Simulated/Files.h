@@ -43,6 +43,13 @@ public:
     // From now on one operation in `chances` fails, drawn from the seed; 0 for none.
     void failAtRandom(std::uint64_t chances);
 
+    // A disk that hangs: from now on every operation of this kind on this path waits, until the disk
+    // goes on.
+    void stall(FileOperation operation, std::string_view path);
+    void goOn();
+    // Returns once an operation waits.
+    void waitUntilStalled();
+
     // The group container: its path, or nothing. There is one from the start.
     void setContainer(std::optional<std::string> path);
     std::optional<std::string> container() const;
@@ -72,6 +79,7 @@ private:
     std::optional<std::size_t> takeFault(FileOperation operation, std::string_view path,
                                          std::size_t length) REQUIRES(mutex);
     void note(FileOperation operation, std::string_view path) REQUIRES(mutex);
+    void waitWhileStalled(FileOperation operation, std::string_view path) REQUIRES(mutex);
 
     Scheduler& scheduler;
     mutable Mutex mutex;
@@ -79,6 +87,9 @@ private:
     std::vector<Fault> faults GUARDED_BY(mutex);
     std::uint64_t randomFaultChances GUARDED_BY(mutex) = 0;
     std::vector<FileAccess> log GUARDED_BY(mutex);
+    std::optional<FileAccess> stalled GUARDED_BY(mutex);
+    std::size_t waiting GUARDED_BY(mutex) = 0;
+    Condition changed;
     std::optional<std::string> containerPath GUARDED_BY(mutex) = "/container";
     std::vector<std::string> questions GUARDED_BY(mutex);
 };

@@ -1,5 +1,7 @@
 // When the log file is written, and what it then holds.
 
+#include <future>
+
 #include "Tests/Extension/TransparentProxyProvider/ProxyTest.h"
 
 namespace vantry {
@@ -81,6 +83,24 @@ TEST_F(ActivityLogTest, AFailedWriteCountsForTheThrottleAndAModeThatCannotBeSetI
     EXPECT_EQ(inFile(), " a b c");
     EXPECT_TRUE(logHolds(world, {error("Failed to write activity log file: The activity log cannot "
                                        "be expressed as JSON")}));
+}
+
+TEST_F(ActivityLogTest, ADiskThatHangsHoldsUpNoFlowButTheOneWhoseWriteItIs) {
+    world.files.stall(FileOperation::writeAtomically, activityLogFile);
+    auto writer = std::async(std::launch::async, [&] { offer("a"); });
+    world.files.waitUntilStalled();
+    std::vector<std::future<void>> others;
+    for (const auto* application : {"b", "c", "d"}) {
+        world.clock.jump(2);
+        others.push_back(std::async(std::launch::async, [=, this] { offer(application); }));
+        EXPECT_EQ(others.back().wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    }
+    world.files.goOn();
+    writer.wait();
+    world.runUntilIdle();
+    world.advance(0);
+    EXPECT_EQ(inFile(), " a b c d");
+    EXPECT_EQ(writes(), 2u);
 }
 
 TEST_F(ActivityLogTest, ClearingEmptiesTheListAndAScheduledWriteMakesTheFileAgain) {
