@@ -82,7 +82,7 @@ void FlowKillFilterProvider::startFilter(ErrorCompletion completionHandler) {
                       if (const auto self = weakSelf.lock()) {
                           if (error)
                               self->logger.error("Failed to apply filter settings: %s",
-                                                 error->localizedDescription);
+                                                 error->description());
                           else
                               self->logger.info("Filter settings applied (default: filterData)");
                       }

@@ -18,11 +18,16 @@
 namespace platform {
 
 // Why an operation failed: a domain ("NEAppProxyErrorDomain", "posix", ...), a code of that domain
-// and a sentence for people.
+// and a sentence for people. The description is for whoever looks for the cause: "Connection refused
+// (posix 111)".
 struct NSError {
     std::string domain;
     long code = 0;
     std::string localizedDescription;
+
+    std::string description() const {
+        return localizedDescription + " (" + domain + " " + std::to_string(code) + ")";
+    }
 
     friend bool operator==(const NSError&, const NSError&) = default;
 };
@@ -82,8 +87,8 @@ public:
     // part, and a failure leaves the old file whole. Returns why it failed, or nothing.
     std::optional<NSError> writeAtomically(std::string_view bytes, std::string_view path);
 
-    // Overwrites or creates the file, not atomically: a failure may leave a part. Returns why it
-    // failed, or nothing.
+    // Overwrites or creates the file, not atomically: a failure may leave a part. One that the platform
+    // does not trust gives way to a new file. Returns why it failed, or nothing.
     std::optional<NSError> write(std::string_view bytes, std::string_view path);
 
     // Sets the permission bits (octal, `NSFilePosixPermissions`). False if that failed.

@@ -42,7 +42,7 @@ void ProxySession::start(std::function<void()> completion) {
 
 void ProxySession::flowOpened(const std::optional<NSError>& error) {
     if (error) {
-        logger.error("Failed to open TCP flow: %{public}s", error->localizedDescription);
+        logger.error("Failed to open TCP flow: %{public}s", error->description());
         cancel();
         return;
     }
@@ -53,7 +53,7 @@ void ProxySession::flowOpened(const std::optional<NSError>& error) {
 void ProxySession::connectionStateChanged(const NWConnection::State& newState) {
     isConnectionWaiting = newState.kind == Kind::waiting;
     if (isCancelled()) return;
-    const auto description = newState.error ? newState.error->localizedDescription : std::string();
+    const auto description = newState.error ? newState.error->description() : std::string();
     switch (newState.kind) {
         case Kind::ready:
             logger.debug("sid=%ld Connection ready, starting relay", sessionId);

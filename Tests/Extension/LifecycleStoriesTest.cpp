@@ -278,7 +278,8 @@ TEST_F(LifecycleStory, SleepAndWakeAcrossARulesChange) {
         happened("filter info  VPN FALLBACK DROP: acme.mail offset=0\n" + ended("2", 1) +
                  filled(relayed(3, 2, "en0", "filter info  VPN BLOCK: acme.mail TCP -> h:443"),
                         {{"debug sid=3 Connection ready, starting relay",
-                          "error Failed to open TCP flow: The flow was ended by the filter"}}) +
+                          "error Failed to open TCP flow: The flow was ended by the filter "
+                          "(NEAppProxyErrorDomain 5)"}}) +
                  ended("3", 1)));
     EXPECT_EQ(fates({claimed, dropped, held}),
               (Lines{"claimed, open", "claimed, closed", "claimed, closed"}));

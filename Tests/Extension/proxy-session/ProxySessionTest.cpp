@@ -69,11 +69,11 @@ TEST_F(ProxySessionTest, EndsAsAWholeWhicheverWayItEnds) {
         {"the flow cannot be opened",
          [](auto& r) { r.flow.failsOpening(broken); },
          nothing,
-         {error("Failed to open TCP flow: Connection reset by peer")}},
+         {error("Failed to open TCP flow: Connection reset by peer (posix 104)")}},
         {"the connection is refused",
          [](auto& r) { r.peer.refuses(); },
          nothing,
-         {error("sid=7 Connection failed: Connection refused")}},
+         {error("sid=7 Connection failed: Connection refused (posix 61)")}},
         {"the application ends its sending", nothing, [](auto& r) { r.flow.endsSending(); }},
         {"the application's side fails", nothing, [](auto& r) { r.flow.fails(broken); }},
         {"the peer ends with its last bytes",
@@ -143,7 +143,8 @@ TEST_F(ProxySessionTest, AConnectionThatStaysWaitingIsGivenUpThirtySecondsAfterT
     relay.peer.makesWaiting({"posix", 101, "Network is unreachable"});
     world.runUntilIdle();
     EXPECT_EQ(*relay.ends, 0);
-    EXPECT_TRUE(logIs(world, {error("sid=7 Connection waiting: Network is unreachable")}));
+    EXPECT_TRUE(
+        logIs(world, {error("sid=7 Connection waiting: Network is unreachable (posix 101)")}));
     world.advance(1.5);
     EXPECT_TRUE(relay.endedOnce());
     EXPECT_TRUE(logIs(world, {error("sid=7 Connection stuck in .waiting(), cancelling")}));
@@ -161,7 +162,7 @@ TEST_F(ProxySessionTest, OpensTheFlowThenConnectsThenRelaysAlsoWhenTheTimerFires
     EXPECT_TRUE(relay.peer.connections().empty());
     world.advance(20);
     EXPECT_EQ(relay.flow.received(), "early");
-    const auto waiting = error("sid=7 Connection waiting: Network is down");
+    const auto waiting = error("sid=7 Connection waiting: Network is down (posix 50)");
     EXPECT_TRUE(logIs(world, {waiting, waiting, waiting, ready}));
     world.advance(60);
     EXPECT_TRUE(relay.isOpenAndRelaying());
