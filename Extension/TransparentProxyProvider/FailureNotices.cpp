@@ -2,7 +2,8 @@
 // the shared container, at most one per application in 30 seconds, the newest 50 kept. The notice never
 // influences the flow; a file that cannot be written is not reported.
 
-#include <map>
+#include <algorithm>
+#include <deque>
 
 #include "Extension/TransparentProxyProvider.h"
 #include "Platform/Foundation.h"
@@ -19,37 +20,34 @@ constexpr std::string_view groupIdentifier = "group.org.quillmere.Vantry";
 constexpr std::string_view failureFileName = "connection_failures.json";
 constexpr std::size_t keptBesidesTheNew = 49;
 
-// An object of the file; keys that are not ours live on.
-using Notice = std::map<std::string, std::string, std::less<>>;
+bool isObjectOfTexts(const platform::JSONValue& value) {
+    const auto* object = value.as<platform::JSONObject>();
+    return object && std::ranges::all_of(*object, [](const auto& member) {
+               return member.second.template as<std::string>() != nullptr;
+           });
+}
 
-// The file's objects, oldest first; none if it cannot be read or holds anything else.
-std::vector<Notice> readNotices(const std::string& path) {
+// The newest of the file's objects, oldest first, with whatever keys they have; none if the file cannot be
+// read or holds anything else. Somebody may have left a large file there: it is read an object at a time.
+std::deque<platform::JSONValue> readNewestNotices(const std::string& path) {
     const auto file = NSFileManager::defaultManager().contentsAtPath(path);
     if (!file) return {};
-    const auto parsed = platform::parseJSON(file->bytes().value_or(std::string_view{}));
-    const auto* document = std::get_if<platform::JSONValue>(&parsed);
-    const auto* array = document ? document->as<platform::JSONArray>() : nullptr;
-    if (!array) return {};
-    std::vector<Notice> notices;
-    for (const auto& value : *array) {
-        auto notice = platform::stringTable(value);
-        if (!notice) return {};
-        notices.emplace_back(notice->begin(), notice->end());
-    }
+    std::deque<platform::JSONValue> notices;
+    bool areNotices = true;
+    const auto failure = platform::readJSONArray(
+        file->bytes().value_or(std::string_view{}), [&](platform::JSONValue notice) {
+            areNotices = areNotices && isObjectOfTexts(notice);
+            notices.push_back(std::move(notice));
+            if (notices.size() > keptBesidesTheNew) notices.pop_front();
+        });
+    if (failure || !areNotices) return {};
     return notices;
 }
 
-std::optional<std::string> encodeNotices(const std::vector<Notice>& notices) {
+std::optional<std::string> encodeNotices(const std::deque<platform::JSONValue>& notices) {
     platform::JSONWriter writer;
     writer.beginArray();
-    for (const auto& notice : notices) {
-        writer.beginObject();
-        for (const auto& [key, value] : notice) {
-            writer.key(key);
-            writer.string(value);
-        }
-        writer.endObject();
-    }
+    for (const auto& notice : notices) writer.value(notice);
     writer.endArray();
     return writer.finish();
 }
@@ -66,13 +64,11 @@ void TransparentProxyProvider::notifyDirectConnectionFailed(const std::string& b
     const auto container = resolvedSharedContainer();
     if (!container) return;
     const auto path = *container + "/" + std::string(failureFileName);
-    auto notices = readNotices(path);
-    if (notices.size() > keptBesidesTheNew)
-        notices.erase(notices.begin(),
-                      notices.end() - static_cast<std::ptrdiff_t>(keptBesidesTheNew));
-    notices.push_back({{"bundleId", bundleId},
-                       {"host", host},
-                       {"timestamp", platform::NSISO8601DateFormatter().stringFromDate(now)}});
+    auto notices = readNewestNotices(path);
+    notices.emplace_back(platform::JSONObject{
+        {"bundleId", bundleId},
+        {"host", host},
+        {"timestamp", platform::NSISO8601DateFormatter().stringFromDate(now)}});
     if (const auto document = encodeNotices(notices))
         NSFileManager::defaultManager().write(*document, path);
 }

@@ -14,7 +14,9 @@ constexpr sys_seconds earliest = sys_days(year(0) / January / 1);
 constexpr sys_seconds latest = sys_days(year(9999) / December / 31) + 23h + 59min + 59s;
 
 sys_seconds wholeSeconds(Date date) {
-    const double since1970 = std::floor(date.secondsSince1970());
+    // Cut before the epoch is moved, which would round an instant just before a whole second up to it.
+    const double since1970 =
+        Date::sinceReferenceDate(std::floor(date.secondsSinceReferenceDate())).secondsSince1970();
     // Written so that NaN takes the first way out.
     if (!(since1970 > static_cast<double>(earliest.time_since_epoch().count()))) return earliest;
     if (since1970 > static_cast<double>(latest.time_since_epoch().count())) return latest;

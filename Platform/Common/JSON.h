@@ -7,6 +7,7 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <optional>
 #include <string>
@@ -62,12 +63,20 @@ private:
     std::vector<Slot> slots;  // empty while a search from the front is as quick
 };
 
+// A number beyond every type, as it was written: "1e999". No field takes one, and one that is passed over
+// is written again as it was.
+struct JSONLargeNumber {
+    std::string text;
+
+    friend bool operator==(const JSONLargeNumber&, const JSONLargeNumber&) = default;
+};
+
 class JSONValue {
 public:
     // A whole number that was written without fraction and exponent and fits is an integer, signed
-    // if it fits that; every other number is a double, the negative zero too.
+    // if it fits that; every other number is a double, or its text where it is too large for one.
     using Variant = std::variant<std::nullptr_t, bool, std::int64_t, std::uint64_t, double,
-                                 std::string, JSONArray, JSONObject>;
+                                 JSONLargeNumber, std::string, JSONArray, JSONObject>;
 
     JSONValue() : value(nullptr) {}
     template <class T>
@@ -100,6 +109,12 @@ inline constexpr std::size_t maximumJSONDepth = 512;
 // Reads one document. A failure says in a few words what is wrong and at which line and column.
 std::variant<JSONValue, JSONFailure> parseJSON(std::string_view text);
 
+// Reads a document that is an array and gives its elements to `take` one after the other, so that a long
+// one costs the memory of its longest element. Those before a failure have been given. A number beyond
+// every type is a failure here.
+std::optional<JSONFailure> readJSONArray(std::string_view text,
+                                         const std::function<void(JSONValue)>& take);
+
 // Reads with the options of a plain `JSONObjectWithData:options:error:` call: the top level has to
 // be an array or an object. The error is not kept.
 struct NSJSONSerialization {
@@ -130,6 +145,7 @@ public:
     void unsignedInteger(std::uint64_t value);
     // Shortest form that reads back as the same double.
     void number(double value);
+    void number(const JSONLargeNumber& value);
     void null();
     void value(const JSONValue& value);
 

@@ -17,7 +17,7 @@ std::string describe(const JSONValue& value) {
     if (value.typeName() != "a number") return std::string(value.typeName());
     JSONWriter number;
     number.value(value);
-    return "the number " + number.finish().value_or("");
+    return "the number " + excerpt(number.finish().value_or(""), longestQuotation);
 }
 
 std::optional<double> doubleOf(const JSONValue& value) {

@@ -40,8 +40,8 @@ using JSONDecoding = std::optional<JSONMismatch>;
 JSONMismatch unexpectedValue(std::string_view expected, const JSONValue& found);
 
 // The kinds of field. A date is a number of seconds since 2001. A whole number is one that was written
-// without fraction and exponent: neither 443.0 nor 4.43e2, nor -0, which is a double. Decoding takes
-// texts out of the value that it reads.
+// without fraction and exponent: neither 443.0 nor 4.43e2. Decoding takes texts out of the value that it
+// reads.
 JSONDecoding decodeValue(JSONValue& value, bool& field);
 JSONDecoding decodeValue(JSONValue& value, std::int64_t& field);
 JSONDecoding decodeValue(JSONValue& value, std::uint16_t& field);

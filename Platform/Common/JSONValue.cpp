@@ -28,6 +28,7 @@ std::string_view JSONValue::typeName() const {
         std::string_view operator()(std::int64_t) const { return "a number"; }
         std::string_view operator()(std::uint64_t) const { return "a number"; }
         std::string_view operator()(double) const { return "a number"; }
+        std::string_view operator()(const JSONLargeNumber&) const { return "a number"; }
         std::string_view operator()(const std::string&) const { return "a string"; }
         std::string_view operator()(const JSONArray&) const { return "an array"; }
         std::string_view operator()(const JSONObject&) const { return "an object"; }
@@ -65,6 +66,7 @@ void JSONWriter::value(const JSONValue& value) {
         void operator()(std::int64_t number) const { writer.integer(number); }
         void operator()(std::uint64_t number) const { writer.unsignedInteger(number); }
         void operator()(double number) const { writer.number(number); }
+        void operator()(const JSONLargeNumber& number) const { writer.number(number); }
         void operator()(const std::string& text) const { writer.string(text); }
         void operator()(const JSONArray& array) const {
             writer.beginArray();

@@ -87,6 +87,13 @@ void JSONWriter::number(double value) {
     separate();
     if (!std::isfinite(value)) isSpoiled = true;
     appendNumber(out, value);
+    // "-0" would be read as a whole number, which has no such zero.
+    if (value == 0 && std::signbit(value)) out += ".0";
+}
+
+void JSONWriter::number(const JSONLargeNumber& value) {
+    separate();
+    out += value.text;
 }
 
 void JSONWriter::null() {

@@ -14,7 +14,9 @@ void NSLock::unlock() { mutex.unlock(); }
 Date Date::now() {
     timespec time{};
     ::clock_gettime(CLOCK_REALTIME, &time);
-    return since1970(static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9);
+    // In whole microseconds: the last nanoseconds of a second would be rounded up to the next one.
+    const auto second = since1970(static_cast<double>(time.tv_sec)).secondsSinceReferenceDate();
+    return sinceReferenceDate(second + static_cast<double>(time.tv_nsec / 1000) * 1e-6);
 }
 
 UUID UUID::random() {

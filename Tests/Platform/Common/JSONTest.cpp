@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <limits>
-#include <random>
 
 #include "Platform/Common/Text.h"
 
@@ -32,48 +31,6 @@ std::optional<std::string> written(const JSONValue& value) {
     return writer.finish();
 }
 
-using Random = std::mt19937_64;
-
-std::size_t below(Random& random, std::size_t limit) { return random() % limit; }
-
-std::string randomText(Random& random) {
-    using namespace std::string_view_literals;
-    static const std::string_view pieces[] = {
-        "a",        "com.example.app",  " ",    "\"",  "\\", "\n", "\x01",
-        "\xC3\xA9", "\xF0\x9F\x98\x80", "\0"sv, "\x7F"};
-    std::string text;
-    for (auto count = below(random, 5); count > 0; --count)
-        text += pieces[below(random, std::size(pieces))];
-    return text;
-}
-
-JSONValue randomValue(Random& random, std::size_t depth) {
-    const auto bits = static_cast<std::int64_t>(random() >> (1 + below(random, 63)));
-    const auto real = std::ldexp(static_cast<double>(bits), static_cast<int>(random() % 400) - 300);
-    const JSONValue leaves[] = {nullptr, bits % 2 == 0,     bits, -bits, random(),
-                                real,    randomText(random)};
-    if (depth == 0 || below(random, 4) != 0) return leaves[below(random, std::size(leaves))];
-    auto first = randomValue(random, depth - 1), second = randomValue(random, depth - 1);
-    if (bits % 3 == 0) return JSONArray{first, second};
-    return JSONObject{{randomText(random), first}, {randomText(random), second}};
-}
-
-// Bytes that mean something to a reader, so that damage is often nearly right.
-void damage(Random& random, std::string& text) {
-    static constexpr std::string_view telling = "{}[]\",:\\/0123456789-+.eEutrfnal \n\x80\xC3\xFF";
-    const auto at = below(random, text.size() + 1);
-    switch (below(random, 3)) {
-        case 0:
-            text.insert(at, 1, telling[below(random, telling.size())]);
-            break;
-        case 1:
-            text.erase(at, below(random, 4));
-            break;
-        default:
-            text.insert(below(random, text.size()), text.substr(at, below(random, 12)));
-    }
-}
-
 TEST(JSONReading, GivesEachValueItsType) {
     const std::pair<std::string_view, JSONValue> cases[] = {
         {"null", nullptr},
@@ -84,6 +41,8 @@ TEST(JSONReading, GivesEachValueItsType) {
         {"18446744073709551615", std::numeric_limits<std::uint64_t>::max()},
         {"18446744073709551616", 0x1p64},
         {"-9223372036854775809", -0x1p63},
+        {"-0", std::int64_t{0}},
+        {"-0.0", -0.0},
         {"1e2", 100.0},
         {"1e-400", 0.0},
         {"4.9406564584124654e-324", std::numeric_limits<double>::denorm_min()},
@@ -96,7 +55,26 @@ TEST(JSONReading, GivesEachValueItsType) {
         {R"({"":1,"a\u0000b":2})", JSONObject{{"", std::int64_t{1}}, {"a\0b"s, std::int64_t{2}}}},
     };
     for (const auto& [text, value] : cases) EXPECT_EQ(parsed(text), value) << text;
-    EXPECT_TRUE(std::signbit(*parsed("-0")->as<double>()));
+}
+
+TEST(JSONReading, KeepsANumberThatIsTooLargeAsItWasWritten) {
+    const std::string large = std::string(400, '9');
+    const auto document = R"([1,"1e999 \"2e999",{"ignored":-1e999,"k":2},)" + large + ",true,4]";
+    ASSERT_TRUE(parsed(document)) << failureOf(document);
+    EXPECT_EQ(written(*parsed(document)), document);
+    EXPECT_EQ(parsed("[0,1E+400]"), (JSONArray{std::int64_t{0}, JSONLargeNumber{"1E+400"}}));
+}
+
+TEST(JSONReading, GivesTheElementsOfAnArrayOneAfterTheOther) {
+    JSONArray given;
+    const auto take = [&](JSONValue element) { given.push_back(std::move(element)); };
+    const std::string elements = R"([1,[2,[3]],{"a":{"b":[]}},"text"])";
+    EXPECT_FALSE(readJSONArray(elements, take));
+    EXPECT_EQ(written(given), elements);
+    EXPECT_TRUE(readJSONArray("[5,6", take));
+    EXPECT_EQ(given.size(), 6u);
+    for (const auto* other : {"{\"a\":1}", "1", "", "[1]]", "[1e999]"})
+        EXPECT_TRUE(readJSONArray(other, [](const JSONValue&) {})) << other;
 }
 
 TEST(JSONReading, RefusesWhatIsNotJSONAndSaysWhereItIsWrong) {
@@ -104,7 +82,8 @@ TEST(JSONReading, RefusesWhatIsNotJSONAndSaysWhereItIsWrong) {
         {"", "unexpected end of input"},
         {"nul", "line 1, column 4: "},
         {"{\n  \"a\": tru\n}", "line 2, column 11: syntax error"},
-        {"[-1e400]", "1e400"},
+        {"[-1e400, 01e400]", "line 1, column 15"},
+        {"[1e999.5]", "1e999"},
         {"[1,\n2]\0garbage"s, "line 2, column 3: a NUL byte"},
         {std::string(600, '['), "512 levels"},
     };
@@ -176,7 +155,7 @@ TEST(JSONWriting, IsCompactAndExact) {
                               {"empty", JSONObject{}},
                               {"t", "\"\\/\b\f\n\r\t\x01\x1f\x7f\0 \xC3\xA9\xF0\x9F\x98\x80"s}};
     EXPECT_EQ(written(document),
-              R"({"k\n":[-9223372036854775808,18446744073709551615,785164320.25,-0,true,null],)"
+              R"({"k\n":[-9223372036854775808,18446744073709551615,785164320.25,-0.0,true,null],)"
               R"("empty":{},"t":"\"\\/\b\f\n\r\t\u0001\u001f)"
               "\x7f"
               R"(\u0000 )"
@@ -209,27 +188,6 @@ TEST(JSONWriting, GivesNothingForWhatJSONCannotExpress) {
     EXPECT_EQ(writer.finish(), std::nullopt);
     writer.string("the next document");
     EXPECT_EQ(writer.finish(), "\"the next document\"");
-}
-
-TEST(JSONExploration, WhateverIsReadIsWrittenAndReadAgainWithoutAChange) {
-    Random random(2);
-    int accepted = 0;
-    for (int i = 0; i < 50'000; ++i) {
-        auto text = *written(randomValue(random, 4));
-        for (bool isDamaged : {false, true}) {
-            if (isDamaged) damage(random, text);
-            const auto result = parseJSON(text);
-            const auto* value = std::get_if<JSONValue>(&result);
-            ASSERT_TRUE(isDamaged || (value && written(*value) == text)) << text;
-            if (!value) continue;
-            const auto again = written(*value);
-            ASSERT_TRUE(again) << text;
-            ASSERT_EQ(written(std::get<JSONValue>(parseJSON(*again))), again) << text;
-            accepted += isDamaged;
-        }
-    }
-    EXPECT_GT(accepted, 5'000);
-    EXPECT_LT(accepted, 45'000);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // platforms share.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <limits>
 
 #include "Platform/Common/Date.h"
@@ -18,6 +19,7 @@ TEST(Date, IsPrintedInUTCCutToWholeSeconds) {
         {0, "2001-01-01T00:00:00Z"},
         {-978307200.5, "1969-12-31T23:59:59Z"},
         {785164320.25, "2025-11-18T13:12:00Z"},
+        {std::nextafter(785164321.0, 0), "2025-11-18T13:12:00Z"},
         {99705600, "2004-02-29T00:00:00Z"},
         {Date::distantPast().secondsSinceReferenceDate(), "0000-12-30T00:00:00Z"},
         {1e300, "9999-12-31T23:59:59Z"},
