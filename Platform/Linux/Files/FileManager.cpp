@@ -85,6 +85,15 @@ int createAndFill(const std::string& name, std::string_view bytes) {
     return error;
 }
 
+// What stands there and is not trusted goes: the link itself, not what it leads to.
+std::variant<FileDescriptor, FileRefusal> openForWriting(const std::string& path) {
+    auto opened = openTrustedFile(path, O_WRONLY | O_CREAT);
+    const auto* refusal = std::get_if<FileRefusal>(&opened);
+    if (refusal == nullptr || refusal->error != EPERM || ::unlink(path.c_str()) != 0) return opened;
+    platformLog.info("The file %{public}s is replaced by a new one", path);
+    return openTrustedFile(path, O_WRONLY | O_CREAT | O_EXCL);
+}
+
 }  // namespace
 
 NSFileManager& NSFileManager::defaultManager() {
@@ -116,7 +125,7 @@ std::optional<NSError> NSFileManager::writeAtomically(std::string_view bytes,
 }
 
 std::optional<NSError> NSFileManager::write(std::string_view bytes, std::string_view path) {
-    const auto opened = openTrustedFile(std::string(path), O_WRONLY | O_CREAT);
+    const auto opened = openForWriting(std::string(path));
     if (const auto* refusal = std::get_if<FileRefusal>(&opened))
         return NSError{"posix", refusal->error, refusal->reason};
     const int file = std::get<FileDescriptor>(opened).get();

@@ -61,7 +61,7 @@ TEST_F(Files, ReadsWholeFilesAndTheBytesThatWereWritten) {
     EXPECT_THAT(contents("/proc/self/status").value_or(""), HasSubstr("VmRSS"));
 }
 
-TEST_F(Files, OverwritingReplacesAllThatWasThereButNoLinkAndNoStrangersFile) {
+TEST_F(Files, OverwritingReplacesAllThatWasThereAndALinkOrAStrangersFileByANewOne) {
     EXPECT_EQ(files.write("something long", inFolder("file")), std::nullopt);
     EXPECT_EQ(files.write("short", inFolder("file")), std::nullopt);
     EXPECT_EQ(contents(inFolder("file")), "short");
@@ -73,13 +73,17 @@ TEST_F(Files, OverwritingReplacesAllThatWasThereButNoLinkAndNoStrangersFile) {
     make(inFolder("target"), "precious");
     make(inFolder("open"), "long old content", 0666);
     ASSERT_EQ(::symlink("/mnt/target", "/mnt/link"), 0);
+    ASSERT_EQ(::mkdir("/mnt/folder", 0755), 0);
     ::testing::internal::CaptureStderr();
-    EXPECT_TRUE(files.write("new", inFolder("link")).has_value());
     EXPECT_FALSE(files.setPosixPermissions(0777, inFolder("link")));
-    EXPECT_TRUE(files.write("new", inFolder("open")).has_value());
+    EXPECT_EQ(contents(inFolder("open")), std::nullopt);
+    for (const auto* name : {"link", "open"}) {
+        EXPECT_EQ(files.write("new", inFolder(name)), std::nullopt) << name;
+        EXPECT_EQ(contents(inFolder(name)), "new") << name;
+    }
+    EXPECT_TRUE(files.write("new", inFolder("folder")).has_value());
     ::testing::internal::GetCapturedStderr();
     EXPECT_EQ(contents(inFolder("target")), "precious");
-    EXPECT_EQ(std::filesystem::file_size(inFolder("open")), 16U);
 }
 
 TEST_F(Files, ReplacingALinkReplacesTheLinkItself) {
