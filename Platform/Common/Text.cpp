@@ -96,6 +96,19 @@ std::string validUTF8(std::string_view bytes) {
     return text;
 }
 
+bool beginsWithControlCharacter(std::string_view bytes) {
+    if (bytes.empty()) return false;
+    const auto first = byteAt(bytes, 0);
+    if (first < 0x20 || first == 0x7f) return true;
+    return first == 0xc2 && bytes.size() > 1 && byteAt(bytes, 1) >= 0x80 && byteAt(bytes, 1) < 0xa0;
+}
+
+bool holdsControlCharacter(std::string_view text) {
+    for (; !text.empty(); text.remove_prefix(1))
+        if (beginsWithControlCharacter(text)) return true;
+    return false;
+}
+
 std::string excerpt(std::string_view text, std::size_t maximumLength) {
     if (text.size() <= maximumLength) return validUTF8(text);
     auto end = maximumLength;

@@ -22,6 +22,11 @@ std::size_t characterLength(std::string_view bytes);
 // to text from outside, so that the core only ever sees valid text.
 std::string validUTF8(std::string_view bytes);
 
+// True if the character that `bytes` begins with is a control character: U+0000 to U+001F and U+007F
+// (C0), U+0080 to U+009F (C1).
+bool beginsWithControlCharacter(std::string_view bytes);
+bool holdsControlCharacter(std::string_view text);
+
 // The beginning of a text, for a person: whole if it is no longer than `maximumLength` bytes, else
 // cut between two characters with "..." behind it. Always valid UTF-8.
 std::string excerpt(std::string_view text, std::size_t maximumLength);

@@ -22,11 +22,9 @@ constexpr std::size_t largestPropertyList = 1 << 20;
 constexpr std::size_t longestIdentifier = 255;
 constexpr std::array<std::string_view, 3> suffixes = {".app", ".xpc", ".appex"};
 
-bool isControl(char byte) { return static_cast<unsigned char>(byte) < 0x20 || byte == 0x7f; }
-
 bool isUsable(std::string_view identifier) {
     return !identifier.empty() && identifier.size() <= longestIdentifier &&
-           isValidUTF8(identifier) && std::none_of(identifier.begin(), identifier.end(), isControl);
+           isValidUTF8(identifier) && !holdsControlCharacter(identifier);
 }
 
 std::string textOf(const pugi::xml_node& element) {
@@ -128,16 +126,18 @@ bool isBundlePath(std::string_view path) {
 
 std::optional<std::string> identifierInPropertyList(std::string_view text) {
     pugi::xml_document document;
-    if (!document.load_buffer(text.data(), text.size())) return std::nullopt;
+    // A piece of text that is only white space belongs to its text like any other.
+    constexpr auto flags = pugi::parse_default | pugi::parse_ws_pcdata;
+    if (!document.load_buffer(text.data(), text.size(), flags)) return std::nullopt;
+    std::optional<std::string> identifier;
     for (const auto& key : document.child("plist").child("dict").children("key")) {
         if (textOf(key) != "CFBundleIdentifier") continue;
         const auto value = nextElement(key);
-        auto identifier = textOf(value);
-        if (std::string_view(value.name()) != "string" || !isUsable(identifier))
-            return std::nullopt;
-        return identifier;
+        identifier.reset();
+        if (std::string_view(value.name()) == "string") identifier = textOf(value);
     }
-    return std::nullopt;
+    if (identifier && !isUsable(*identifier)) return std::nullopt;
+    return identifier;
 }
 
 std::optional<std::string> bundleIdentifierAt(const std::string& path) {

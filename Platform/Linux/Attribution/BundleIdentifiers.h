@@ -10,7 +10,7 @@
 namespace platform {
 
 // The identifier in an XML property list; nothing if the text is none or names no usable identifier:
-// one of up to 255 bytes of valid UTF-8 without control characters.
+// one of up to 255 bytes of valid UTF-8 without control characters. Of several the last counts.
 std::optional<std::string> identifierInPropertyList(std::string_view text);
 
 // What the bundle directory at `path` calls itself, in its `Contents/Info.plist` or else in its

@@ -44,7 +44,7 @@ void dropInstance(std::string_view& name, UnitKind kind) {
 
 // The service manager's names write a dash, and whatever else it does not like, as an escape.
 std::optional<std::string> identifierOfEscapedName(std::string_view name) {
-    const std::string bytes = pathOfText(name);
+    const std::string bytes = bytesOfEscapes(name);
     std::string_view identifier = bytes;
     dropEnding(identifier, ".desktop");
     if (identifier.empty()) return std::nullopt;

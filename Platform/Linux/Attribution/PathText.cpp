@@ -14,20 +14,18 @@ bool isPlain(char byte) {
     return value >= 0x20 && value < 0x7f && byte != '\\';
 }
 
-// The length of the UTF-8 sequence of more than one byte at the start of `bytes`, 0 if there is
-// none.
-std::size_t multibyteLength(std::string_view bytes) {
-    for (std::size_t length = 2; length <= std::min<std::size_t>(4, bytes.size()); ++length) {
-        if ((static_cast<unsigned char>(bytes[0]) & 0x80) == 0) return 0;
-        if (isValidUTF8(bytes.substr(0, length))) return length;
-    }
-    return 0;
+// How many bytes at the front stand for themselves in the text; 0 if the first one is escaped.
+std::size_t plainLength(std::string_view bytes) {
+    if ((static_cast<unsigned char>(bytes[0]) & 0x80) == 0) return isPlain(bytes[0]) ? 1 : 0;
+    return beginsWithControlCharacter(bytes) ? 0 : characterLength(bytes);
 }
 
-std::string escaped(char byte) {
-    constexpr char digits[] = "0123456789abcdef";
+void appendEscape(std::string& text, char byte) {
+    constexpr std::string_view digits = "0123456789abcdef";
     const auto value = static_cast<unsigned char>(byte);
-    return {'\\', 'x', digits[value >> 4], digits[value & 0xf]};
+    text += "\\x";
+    text += digits[value >> 4];
+    text += digits[value & 0xf];
 }
 
 // The value of a lower-case hexadecimal digit, -1 for anything else.
@@ -42,14 +40,28 @@ bool isEscape(std::string_view text) {
            digitValue(text[3]) >= 0;
 }
 
+char byteOfEscape(std::string_view escape) {
+    return static_cast<char>(digitValue(escape[2]) * 16 + digitValue(escape[3]));
+}
+
+constexpr std::size_t escapeLength = 4;
+
+// Takes the escapes that `text` begins with off it; their bytes.
+std::string takeEscapes(std::string_view& text) {
+    std::string bytes;
+    for (; isEscape(text); text.remove_prefix(escapeLength)) bytes += byteOfEscape(text);
+    return bytes;
+}
+
 }  // namespace
 
 std::string textOfPath(std::string_view bytes) {
     if (std::all_of(bytes.begin(), bytes.end(), isPlain)) return std::string(bytes);
     std::string text;
     while (!bytes.empty()) {
-        const std::size_t length = isPlain(bytes[0]) ? 1 : multibyteLength(bytes);
-        text += length == 0 ? escaped(bytes[0]) : std::string(bytes.substr(0, length));
+        const auto length = plainLength(bytes);
+        if (length == 0) appendEscape(text, bytes[0]);
+        text += bytes.substr(0, length);
         bytes.remove_prefix(std::max<std::size_t>(length, 1));
     }
     return text;
@@ -58,10 +70,29 @@ std::string textOfPath(std::string_view bytes) {
 std::string pathOfText(std::string_view text) {
     std::string bytes;
     while (!text.empty()) {
-        const bool escape = isEscape(text);
-        bytes +=
-            escape ? static_cast<char>(digitValue(text[2]) * 16 + digitValue(text[3])) : text[0];
-        text.remove_prefix(escape ? 4 : 1);
+        auto rest = text;
+        const std::string run = takeEscapes(rest);
+        // Within a run, what would stand for itself was not escaped by textOfPath.
+        for (std::string_view decoded = run; !decoded.empty();) {
+            const auto length = plainLength(decoded);
+            bytes += length == 0 ? decoded.substr(0, 1) : text.substr(0, length * escapeLength);
+            text.remove_prefix(std::max<std::size_t>(length, 1) * escapeLength);
+            decoded.remove_prefix(std::max<std::size_t>(length, 1));
+        }
+        if (text.empty()) break;
+        bytes += text[0];
+        text.remove_prefix(1);
+    }
+    return bytes;
+}
+
+std::string bytesOfEscapes(std::string_view text) {
+    std::string bytes;
+    while (!text.empty()) {
+        bytes += takeEscapes(text);
+        if (text.empty()) break;
+        bytes += text[0];
+        text.remove_prefix(1);
     }
     return bytes;
 }

@@ -27,6 +27,7 @@ uid_t lowestPersonalUserId(std::string_view loginDefinitions) {
     constexpr uid_t usual = 1000;
     std::istringstream lines{std::string(loginDefinitions)};
     for (std::string line; std::getline(lines, line);) {
+        if (line.find("UID_MIN") == std::string::npos) continue;
         std::istringstream words(line);
         std::string name;
         uid_t value = 0;

@@ -47,6 +47,15 @@ TEST(PropertyList, GivesTheIdentifierOrNothing) {
          listWith("<key>K</key><dict>" + identifierEntry("in.ner") + "</dict><key>L</key><array/>" +
                   identifierEntry("out.er")),
          "out.er"},
+        {"white space as a piece of the text",
+         listWith("<key> <![CDATA[C]]>FBundleIdentifier</key><string>in</string>" +
+                  identifierEntry("a<!-- c --> <![CDATA[b]]>")),
+         "a b"},
+        {"the last of several", listWith(identifierEntry("a.b") + identifierEntry("c.d")), "c.d"},
+        {"the last of several, unusable",
+         listWith(identifierEntry("a.b") + "<key>CFBundleIdentifier</key><true/>"),
+         {}},
+        {"control characters", listWith(identifierEntry("a\xc2\x9b.b")), {}},
         {"escapes", listWith(identifierEntry("a&amp;b&#x2e;c")), "a&b.c"},
         {"binary list", "bplist00\xd1\x01\x02"s, {}},
         {"cut short", listWith(identifierEntry("com.example.a")).substr(0, 60), {}},
@@ -179,7 +188,7 @@ TEST(PathText, IsValidAndLosesNothing) {
         {"/\xc3\xbc/\xf0\x9f\x8e\x88", "/\xc3\xbc/\xf0\x9f\x8e\x88"},
         {"/a\xff", "/a\\xff"},
         {"/a\\xff", "/a\\x5cxff"},
-        {"/a\nb\x7f", "/a\\x0ab\\x7f"},
+        {"/a\nb\x7f\xc2\x9b", "/a\\x0ab\\x7f\\xc2\\x9b"},
         {"/\xed\xa0\x80", "/\\xed\\xa0\\x80"},
         {"/\xc3/\xbc", "/\\xc3/\\xbc"},
     };
@@ -188,7 +197,10 @@ TEST(PathText, IsValidAndLosesNothing) {
         EXPECT_EQ(pathOfText(each.text), each.bytes);
         EXPECT_TRUE(isValidUTF8(each.text));
     }
-    EXPECT_EQ(pathOfText("\\xfg\\x"), "\\xfg\\x");
+    // What textOfPath would not have escaped is left.
+    for (const auto* text : {"\\xfg\\x", "\\x41", "\\xFF", "\\xc3\\xbc", "\\xc3\\xbc\\x41"})
+        EXPECT_EQ(pathOfText(text), text);
+    EXPECT_EQ(pathOfText("\\xff\\xc3\\xbc\\x0a"), "\xff\\xc3\\xbc\n");
 }
 
 TEST(ProcessStat, IsReadPastAnyName) {
