@@ -21,25 +21,17 @@ std::vector<std::string> NotificationTouches::touchedNames(
 bool NotificationTouches::completesTouch(const FolderWatch::Event& event) {
     if ((event.mask & IN_MOVED_TO) != 0) return true;
     if ((event.mask & IN_OPEN) != 0) {
-        ++openFiles[event.name].openings;
+        touchedSinceOpening[event.name] = false;
         return false;
     }
-    if ((event.mask & (IN_CLOSE_WRITE | IN_CLOSE_NOWRITE)) != 0) return closes(event);
-    const auto open = openFiles.find(event.name);
-    if (open == openFiles.end()) return true;
-    // Times set on an open file: its closing completes the touch.
-    open->second.hasNewTimes = true;
-    return false;
-}
-
-bool NotificationTouches::closes(const FolderWatch::Event& event) {
-    const auto open = openFiles.find(event.name);
-    const bool isWritten = (event.mask & IN_CLOSE_WRITE) != 0;
-    if (open == openFiles.end()) return isWritten;
-    const bool isTouched = isWritten || open->second.hasNewTimes;
-    open->second.hasNewTimes = false;
-    if (--open->second.openings == 0) openFiles.erase(open);
-    return isTouched;
+    const auto open = touchedSinceOpening.find(event.name);
+    if ((event.mask & IN_ATTRIB) != 0) {
+        if (open != touchedSinceOpening.end()) open->second = true;
+        return true;
+    }
+    const bool isHeard = open != touchedSinceOpening.end() && open->second;
+    if (open != touchedSinceOpening.end()) touchedSinceOpening.erase(open);
+    return (event.mask & IN_CLOSE_WRITE) != 0 && !isHeard;
 }
 
 }  // namespace platform

@@ -1,7 +1,9 @@
 // Tells from the events of a folder's files which of them were touched, once for each touch. A touch
 // comes in several shapes: opened for writing and closed, with or without new times in between (the
-// shell's `touch` and `>`), new times alone (`utime` on a path), or a file moved to the name. One
-// thread uses it.
+// shell's `touch` and `>`), new times alone (`utime` on a path), or a file moved to the name. New times
+// count at once, also while somebody has the file open, who may keep it so. The kernel makes one event
+// of equal neighbours, so openings can't be counted: touches that overlap are heard at least once each
+// after they began, some twice. One thread uses it.
 #pragma once
 
 #include <cstdint>
@@ -23,17 +25,14 @@ public:
     std::vector<std::string> touchedNames(const std::vector<FolderWatch::Event>& events);
 
     // Forgets what is known of open files, after events were lost.
-    void forget() { openFiles.clear(); }
+    void forget() { touchedSinceOpening.clear(); }
 
 private:
-    struct OpenFile {
-        int openings = 0;
-        bool hasNewTimes = false;
-    };
     bool completesTouch(const FolderWatch::Event& event);
-    bool closes(const FolderWatch::Event& event);
 
-    std::map<std::string, OpenFile, std::less<>> openFiles;
+    // The files that were opened and not closed since, and whether one of them has got new times, so that
+    // its closing says nothing more.
+    std::map<std::string, bool, std::less<>> touchedSinceOpening;
 };
 
 }  // namespace platform
