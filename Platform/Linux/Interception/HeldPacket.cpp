@@ -31,12 +31,16 @@ bool isExtensionHeader(int protocol) {
 // Each reads one header, fills what it tells, and gives the offset behind it; 0 if it can't.
 std::size_t readIPv4(Bytes packet, FlowTuple& flow) {
     constexpr std::size_t shortest = 20;
+    constexpr std::uint16_t fragmentOffset = 0x1fff;
     if (packet.size() < shortest) return 0;
+    const std::size_t length = std::size_t{packet[0] & 0x0fu} * 4;
+    // A later fragment holds no ports.
+    if (length < shortest || (read16(packet, 6) & fragmentOffset) != 0) return 0;
     flow.family = AF_INET;
     flow.protocol = packet[9];
     std::copy_n(packet.begin() + 12, 4, flow.sourceAddress.begin());
     std::copy_n(packet.begin() + 16, 4, flow.destinationAddress.begin());
-    return std::size_t{packet[0] & 0x0fu} * 4;
+    return length;
 }
 
 std::size_t readIPv6(Bytes packet, FlowTuple& flow) {
@@ -56,23 +60,35 @@ std::size_t readIPv6(Bytes packet, FlowTuple& flow) {
     return offset;
 }
 
+std::size_t readNetwork(Bytes packet, FlowTuple& flow) {
+    switch (packet.empty() ? 0 : packet[0] >> 4) {
+        case 4:
+            return readIPv4(packet, flow);
+        case 6:
+            return readIPv6(packet, flow);
+        default:
+            return 0;
+    }
+}
+
 std::size_t readTransport(Bytes packet, std::size_t offset, HeldPacket& into) {
     const std::size_t shortest = into.flow.protocol == IPPROTO_TCP ? 20 : 8;
-    if (offset == 0 || packet.size() < offset + shortest) return 0;
+    if (packet.size() < offset + shortest) return 0;
     into.flow.sourcePort = read16(packet, offset);
     into.flow.destinationPort = read16(packet, offset + 2);
     if (into.flow.protocol == IPPROTO_UDP) return offset + 8;
+    const std::size_t length = (std::size_t{packet[offset + 12]} >> 4) * 4;
+    if (length < shortest) return 0;
     into.tcpSequence = read32(packet, offset + 4);
     into.opensTcp = (packet[offset + 13] & TH_SYN) != 0;
-    return offset + (std::size_t{packet[offset + 12]} >> 4) * 4;
+    return offset + length;
 }
 
 }  // namespace
 
 bool readHeaders(Bytes packet, std::size_t trueLength, HeldPacket& into) {
-    if (packet.empty()) return false;
-    const std::size_t transport =
-        packet[0] >> 4 == 4 ? readIPv4(packet, into.flow) : readIPv6(packet, into.flow);
+    const std::size_t transport = readNetwork(packet, into.flow);
+    if (transport == 0) return false;
     if (into.flow.protocol != IPPROTO_TCP && into.flow.protocol != IPPROTO_UDP) return false;
     const std::size_t payload = readTransport(packet, transport, into);
     if (payload == 0) return false;

@@ -29,7 +29,8 @@ struct HeldPacket {
 };
 
 // Fills what the headers of an IP packet tell. `packet` may be cut short behind the transport
-// header, `trueLength` is what it was. False if it is not TCP or UDP or cannot be read.
+// header, `trueLength` is what it was. False if it is not TCP or UDP, not the first of its fragments, or
+// cannot be read.
 bool readHeaders(std::span<const std::uint8_t> packet, std::size_t trueLength, HeldPacket& into);
 
 // Flows are told apart by their protocol, addresses and ports; the interface may change under them.
