@@ -71,7 +71,7 @@ def _journey() -> str:
         counts = []
         for machine in machines:
             states = [each["state"] for each in row if each["machine"] == machine]
-            counts.append(f"{len(states) - states.count('fails')} of {len(states)}")
+            counts.append(f"{len(states) - states.count('fails')} of {len(states)}" if states else "not tried")
         failing = dict.fromkeys(_plain(f"{each['cell']}: {each['why']}") for each in row if each["state"] == "fails")
         lines.append(f"| {chapter} | {' | '.join(counts)} | {'; '.join(failing)} |")
     return "\n".join(lines) + "\n"

@@ -17,7 +17,7 @@ from collections.abc import Callable
 
 import package
 import uplink
-from matrix import Place, seen_by, set_rules, was_denied
+from matrix import Place, lay_out, seen_by, set_rules, was_denied
 from uplink import run
 from vantrylab import applications, network, world
 
@@ -42,9 +42,7 @@ class Journey:
     def __init__(self):
         self.checks = Checks()
         uplink.up()
-        for each in world.APPLICATIONS.iterdir():
-            shutil.rmtree(each)
-        self.programs = applications.lay_out()
+        self.programs = lay_out()
 
     def goes(self, what: str, program: applications.Application, wanted: str) -> None:
         report = program.run("connect", (place := Place()).address, 80, "--patience", 4)
@@ -97,7 +95,7 @@ class Journey:
         limits.parent.mkdir(exist_ok=True)
         limits.write_text("[Journal]\nSystemMaxUse=8M\nRuntimeMaxUse=8M\nSystemMaxFileSize=4M\n")
         run("systemctl", "restart", "systemd-journald")
-        run("sh", "-c", "head -c 30000000 /dev/urandom | base64 | systemd-cat", check=False)
+        run("sh", "-c", "head -c 9000000 /dev/urandom | base64 | systemd-cat", check=False, seconds=120)
         self.is_denied("the journal is full: blocked", self.programs["nobody"])
         self.goes("the journal is full: others pass", self.programs["fetch"], "uplink")
         run("systemctl", "kill", "--signal=STOP", "systemd-journald")
@@ -179,7 +177,7 @@ class Journey:
             line for line in run("nft", "list", "tables").splitlines() if "vantry" in line.lower()], [])
         run("apt-get", "purge", "--yes", "vantry", seconds=240)
         found = run("find", *_LEFT_BEHIND, "-xdev", "-iname", "*vantry*", "-not", "-path", "/run/lab/*",
-                    "-not", "-path", "/tmp/vantry-*", check=False).split()
+                    "-not", "-path", "/run/udev/*", "-not", "-path", "/tmp/vantry-*", check=False).split()
         self.checks.equal("purged: files", found, [])
 
     def sleep(self) -> None:

@@ -9,7 +9,7 @@ application got; nobody asks the daemon.
 
 import argparse
 import json
-import pathlib
+import shutil
 import subprocess
 import time
 from collections.abc import Callable
@@ -18,11 +18,11 @@ import package
 import uplink
 from firewalls import Firewall, all_firewalls
 from uplink import run
-from vantrylab import applications, network
+from vantrylab import applications, network, world
 from vpns import Vpn, all_vpns, way_of
 
 # A connection that is denied is told so at once; emulation makes an instant long.
-_PATIENCE = 4
+_PATIENCE = 6
 
 
 class Deviation(Exception):
@@ -59,14 +59,18 @@ class Trial:
                 ("daemon killed", self._killed), ("daemon upgraded", self._upgraded)]
 
     def _outcome(self, attempt: Callable[[], None]) -> dict:
-        self._notes = []
-        started = time.monotonic()
-        try:
-            attempt()
-            state = "note" if self._notes else "works"
-        except (Deviation, RuntimeError, subprocess.TimeoutExpired) as reason:
-            state, self._notes = "fails", [str(reason), *self._notes]
-        return {"state": state, "why": "; ".join(self._notes), "seconds": round(time.monotonic() - started, 1)}
+        """What does not work is tried once more, as emulation may be slower than any patience."""
+        started, first = time.monotonic(), ""
+        for self._notes in ([], []):
+            try:
+                attempt()
+                state = "works"
+                break
+            except (Deviation, RuntimeError, subprocess.TimeoutExpired) as reason:
+                state, first = "fails", first or str(reason)
+        notes = [*([first] if state == "fails" else [f"only the second time; {first}"] if first else []), *self._notes]
+        return {"state": "note" if state == "works" and notes else state, "why": "; ".join(notes),
+                "seconds": round(time.monotonic() - started, 1)}
 
     # The cells
 
@@ -125,7 +129,10 @@ class Trial:
         self._vpn.up()
         self._vpn.wait_until_up()
         await_state("up")
-        network.wait_until(lambda: self._way(self._unruled) == "tunnel", "the VPN carries", 20)
+        deadline = time.monotonic() + 30
+        while (seen := self._way(self._unruled)) != "tunnel":
+            if time.monotonic() > deadline:
+                raise Deviation(f"the VPN does not carry: {seen}")
 
     def _goes(self, application: applications.Application, wanted: str) -> None:
         if (seen := self._way(application)) != wanted:
@@ -141,7 +148,7 @@ class Trial:
 
     @staticmethod
     def _try(application: applications.Application, mode: str, port: int, place: "Place") -> dict:
-        return application.run(mode, place.address, port, "--patience", _PATIENCE, wait=20)
+        return application.run(mode, place.address, port, "--patience", _PATIENCE, wait=30)
 
 
 class Place:
@@ -204,6 +211,13 @@ def await_state(wanted: str) -> None:
             raise
 
 
+def lay_out() -> dict[str, applications.Application]:
+    """The applications, in place of those of an earlier run."""
+    for each in world.APPLICATIONS.iterdir():
+        shutil.rmtree(each)
+    return applications.lay_out()
+
+
 def set_rules(direct, tunnelled, blocked) -> None:
     run("vantryctl", "rules", "default", "vpn")
     run("vantryctl", "rules", "set", direct.identifier, "direct")
@@ -219,7 +233,7 @@ def main() -> None:
     options = parser.parse_args()
     uplink.up()
     package.install()
-    programs = applications.lay_out()
+    programs = lay_out()
     for vpn in (each for each in all_vpns() if options.vpn in each.name):
         for firewall in (each for each in all_firewalls() if options.firewall in each.name):
             def say(**cell) -> None:

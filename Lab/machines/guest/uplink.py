@@ -38,6 +38,9 @@ def up() -> None:
     run("ip", "link", "set", router, "netns", "server")
     run(*network.in_server(["ip", "link", "set", router, "name", "net0"]))
     network.server_up()
+    # What comes out of a tunnel of IPsec has come in over the wire too, and is told by its path.
+    run(*network.in_server(["nft", "table inet tunnels { chain arriving { type filter hook prerouting priority -300;"
+                            "iifname net0 ip saddr { 10.7.0.0/24, 10.9.0.0/24 } meta secpath missing drop; }; }"]))
     run(*network.in_server([
         "dnsmasq", "--conf-file=/dev/null", "--interface=net0", "--bind-dynamic", "--port=0",
         "--pid-file=/run/lab/dnsmasq.pid", "--dhcp-leasefile=/run/lab/leases", "--dhcp-authoritative",

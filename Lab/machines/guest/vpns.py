@@ -8,7 +8,7 @@ from collections.abc import Callable
 from uplink import card, CARD, run
 from vantrylab import network, world
 
-_TUNNELS = [ipaddress.ip_network(each) for each in ("10.8.0.0/24", "10.9.0.0/24", "fd00:8::/64")]
+_TUNNELS = [ipaddress.ip_network(each) for each in ("10.7.0.0/24", "10.8.0.0/24", "10.9.0.0/24", "fd00:8::/64")]
 _UPLINKS = [ipaddress.ip_network(each) for each in ("192.0.2.0/24", "2001:db8:1::/64")]
 
 
@@ -94,7 +94,7 @@ class OpenVpn(Vpn):
         server = world.STATE / "openvpn-server.conf"
         server.write_text(
             f"dev tun-server\ndev-type tun\nlocal {network.VPN_ENDPOINT}\nport 1194\ndh none\ntopology subnet\n"
-            "server 10.8.0.0 255.255.255.0\npush \"redirect-gateway def1\"\nkeepalive 5 30\n"
+            "server 10.7.0.0 255.255.255.0\npush \"redirect-gateway def1\"\nkeepalive 5 30\n"
             + common.format(keys=_key_lines("server"), peer=prints["client"]))
         client = pathlib.Path("/etc/openvpn/client/lab.conf")
         client.write_text(f"client\ndev tun0\nremote {network.VPN_ENDPOINT} 1194\nnobind\n"
@@ -117,7 +117,7 @@ class Ikev2(Vpn):
     _connection = """connections {{ lab {{
         version = 2
         {ends}
-        proposals = aes128-sha256-x25519
+        proposals = aes128-sha256-modp2048
         local {{ auth = psk
             id = {own} }}
         remote {{ auth = psk
@@ -143,9 +143,6 @@ class Ikev2(Vpn):
         network.wait_until((world.STATE / "charon.vici").exists, "the far end of IKEv2 starts", 30)
         run("env", f"SWANCTL_DIR={folder}", f"STRONGSWAN_CONF={settings}", "swanctl", "--load-all", "--noprompt",
             "--uri", socket)
-        # What leaves the far end through the tunnel comes out of net0 in the clear only if there is none.
-        run(*network.in_server(["nft", "table inet truth2 { chain arriving { type filter hook prerouting priority -299;"
-                                "iifname net0 ip saddr 10.9.0.0/24 meta secpath missing drop; }; }"]))
         pathlib.Path("/etc/swanctl/conf.d/lab.conf").write_text(self._connection.format(
             ends=f"remote_addrs = {network.VPN_ENDPOINT}\nvips = 0.0.0.0", own="near", other="far",
             child="remote_ts = 0.0.0.0/0", pools=""))
