@@ -97,14 +97,15 @@ bool canEndASocket() {
 
 int installWholeTable(int& queueError) {
     const auto queue = platform::interception::PacketQueue::open();
-    queueError = queue ? 0 : errno;
+    queueError = queue ? 0 : queue.error().code();
     const auto table = platform::interception::PacketTable::open();
-    if (!table) return errno;
+    if (!table) return table.error().code();
     platform::interception::PacketTableContent content;
-    if (queue) content.queues = queue->numbers();
+    if (queue) content.queues = (*queue)->numbers();
     content.listeners = {1, 1};
     content.offeredProtocols = {IPPROTO_TCP, IPPROTO_UDP};
-    return table->install(content);
+    const auto installed = (*table)->install(content);
+    return installed ? 0 : installed.error().code();
 }
 
 Probes probe() {

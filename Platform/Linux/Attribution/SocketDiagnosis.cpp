@@ -6,8 +6,8 @@
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
+#include <chrono>
 #include <cstring>
 #include <utility>
 
@@ -15,20 +15,12 @@ namespace platform {
 
 namespace {
 
-struct Request {
-    nlmsghdr header;
-    inet_diag_req_v2 body;
-};
-
-Request requestFor(const FlowTuple& flow, std::uint16_t type, std::uint16_t flags,
-                   std::uint32_t sequence) {
-    Request request{};
-    request.header = {sizeof request, type, static_cast<std::uint16_t>(NLM_F_REQUEST | flags),
-                      sequence, 0};
-    request.body.sdiag_family = static_cast<std::uint8_t>(flow.family);
-    request.body.sdiag_protocol = static_cast<std::uint8_t>(flow.protocol);
-    request.body.idiag_states = ~0U;
-    auto& id = request.body.id;
+inet_diag_req_v2 questionAbout(const FlowTuple& flow) {
+    inet_diag_req_v2 question{};
+    question.sdiag_family = static_cast<std::uint8_t>(flow.family);
+    question.sdiag_protocol = static_cast<std::uint8_t>(flow.protocol);
+    question.idiag_states = ~0U;
+    auto& id = question.id;
     id.idiag_sport = htons(flow.sourcePort);
     id.idiag_dport = htons(flow.destinationPort);
     std::memcpy(id.idiag_src, flow.sourceAddress.data(), flow.sourceAddress.size());
@@ -36,7 +28,7 @@ Request requestFor(const FlowTuple& flow, std::uint16_t type, std::uint16_t flag
     id.idiag_if = flow.outputInterface;
     id.idiag_cookie[0] = INET_DIAG_NOCOOKIE;
     id.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
-    return request;
+    return question;
 }
 
 // The kernel reads the two ends of a UDP question the other way round than those of any other.
@@ -56,49 +48,34 @@ SocketFacts factsOf(const inet_diag_msg& message) {
 
 }  // namespace
 
-SocketDiagnosis::SocketDiagnosis()
-    : netlink(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG)) {
+SocketDiagnosis::SocketDiagnosis() {
+    auto opened = netlink::Socket::open(NETLINK_SOCK_DIAG);
+    if (!opened) return;
     // The kernel answers while the question is sent; the limit only keeps a thread from being lost.
-    const timeval limit{1, 0};
-    ::setsockopt(netlink.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    opened->setLongestWait(std::chrono::seconds(1));
+    socket = std::move(*opened);
 }
 
 std::optional<SocketFacts> SocketDiagnosis::find(const FlowTuple& flow) {
-    auto request = requestFor(flow, SOCK_DIAG_BY_FAMILY, 0, ++sequence);
-    if (flow.protocol == IPPROTO_UDP) swapEnds(request.body.id);
-    if (exchange(&request, sizeof request) < NLMSG_LENGTH(sizeof(inet_diag_msg))) {
-        return std::nullopt;
-    }
-    nlmsghdr header;
-    std::memcpy(&header, answer, sizeof header);
-    if (header.nlmsg_type != SOCK_DIAG_BY_FAMILY) return std::nullopt;
-    inet_diag_msg message;
-    std::memcpy(&message, answer + NLMSG_HDRLEN, sizeof message);
-    return factsOf(message);
+    if (!socket) return std::nullopt;
+    auto question = questionAbout(flow);
+    if (flow.protocol == IPPROTO_UDP) swapEnds(question.id);
+    netlink::Request request(SOCK_DIAG_BY_FAMILY, 0, question);
+    std::optional<SocketFacts> facts;
+    const auto asked = socket->ask(request, [&](const netlink::Message& answer) {
+        const auto found = answer.fixedHeader<inet_diag_msg>();
+        if (found && answer.type() == SOCK_DIAG_BY_FAMILY) facts = factsOf(*found);
+    });
+    return asked ? facts : std::nullopt;
 }
 
 bool SocketDiagnosis::destroy(const FlowTuple& flow, std::uint64_t cookie) {
-    auto request = requestFor(flow, SOCK_DESTROY, NLM_F_ACK, ++sequence);
-    request.body.id.idiag_cookie[0] = static_cast<std::uint32_t>(cookie);
-    request.body.id.idiag_cookie[1] = static_cast<std::uint32_t>(cookie >> 32);
-    if (exchange(&request, sizeof request) < NLMSG_LENGTH(sizeof(nlmsgerr))) return false;
-    nlmsghdr header;
-    std::memcpy(&header, answer, sizeof header);
-    nlmsgerr outcome;
-    std::memcpy(&outcome, answer + NLMSG_HDRLEN, sizeof outcome);
-    return header.nlmsg_type == NLMSG_ERROR && outcome.error == 0;
-}
-
-std::size_t SocketDiagnosis::exchange(const void* request, std::size_t size) {
-    if (::send(netlink.get(), request, size, 0) != static_cast<ssize_t>(size)) return 0;
-    while (true) {
-        const auto length = ::recv(netlink.get(), answer, sizeof answer, 0);
-        if (length < static_cast<ssize_t>(sizeof(nlmsghdr))) return 0;
-        nlmsghdr header;
-        std::memcpy(&header, answer, sizeof header);
-        // An answer that came too late for its own question is passed over.
-        if (header.nlmsg_seq == sequence) return static_cast<std::size_t>(length);
-    }
+    if (!socket) return false;
+    auto question = questionAbout(flow);
+    question.id.idiag_cookie[0] = static_cast<std::uint32_t>(cookie);
+    question.id.idiag_cookie[1] = static_cast<std::uint32_t>(cookie >> 32);
+    netlink::Request request(SOCK_DESTROY, NLM_F_ACK, question);
+    return static_cast<bool>(socket->request(request));
 }
 
 }  // namespace platform

@@ -8,7 +8,7 @@
 #include <optional>
 
 #include "Platform/Linux/Attribution/FlowTuple.h"
-#include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/Netlink/Socket.h"
 
 namespace platform {
 
@@ -25,7 +25,7 @@ public:
     SocketDiagnosis();
 
     // False where no descriptor was to be had: it answers nothing.
-    bool isOpen() const { return static_cast<bool>(netlink); }
+    bool isOpen() const { return socket.has_value(); }
 
     // Nothing if there is no such socket.
     std::optional<SocketFacts> find(const FlowTuple& flow);
@@ -34,12 +34,7 @@ public:
     bool destroy(const FlowTuple& flow, std::uint64_t cookie);
 
 private:
-    // Sends the request; leaves the answer in `answer` and returns its length, 0 on failure.
-    std::size_t exchange(const void* request, std::size_t size);
-
-    FileDescriptor netlink;
-    std::uint32_t sequence = 0;
-    alignas(8) char answer[1024];
+    std::optional<netlink::Socket> socket;
 };
 
 }  // namespace platform

@@ -10,13 +10,15 @@
 #include <array>
 #include <cstddef>
 #include <map>
+#include <optional>
 #include <set>
+#include <span>
 #include <tuple>
 #include <utility>
 #include <vector>
 
 #include "Platform/Common/Mutex.h"
-#include "Platform/Linux/Interception/NetlinkSocket.h"
+#include "Platform/Linux/Netlink/Socket.h"
 #include "Platform/Linux/Network/NetworkMonitor.h"
 
 namespace platform::interception {
@@ -48,22 +50,22 @@ bool hasOutside(const NetworkState& network, const Address& address) {
     });
 }
 
-nlmsghdr* addressMessage(char* room, std::uint16_t type, std::uint16_t flags, int family,
-                         const std::uint8_t* bytes) {
-    const std::size_t length = family == AF_INET ? 4 : 16;
-    nlmsghdr* const header = mnl_nlmsg_put_header(room);
-    header->nlmsg_type = type;
-    header->nlmsg_flags = static_cast<std::uint16_t>(NLM_F_REQUEST | NLM_F_ACK | flags);
-    header->nlmsg_seq = 1;
-    auto* const about =
-        static_cast<ifaddrmsg*>(mnl_nlmsg_put_extra_header(header, sizeof(ifaddrmsg)));
-    about->ifa_family = static_cast<std::uint8_t>(family);
-    about->ifa_prefixlen = static_cast<std::uint8_t>(length * 8);
-    about->ifa_scope = RT_SCOPE_HOST;
-    about->ifa_index = if_nametoindex("lo");
-    mnl_attr_put(header, IFA_LOCAL, length, bytes);
-    mnl_attr_put(header, IFA_ADDRESS, length, bytes);
-    return header;
+netlink::Request addressRequest(unsigned type, unsigned flags, const Address& address) {
+    const auto bytes =
+        std::as_bytes(std::span(address.bytes).first(address.family == AF_INET ? 4 : 16));
+    ifaddrmsg about{};
+    about.ifa_family = static_cast<std::uint8_t>(address.family);
+    about.ifa_prefixlen = static_cast<std::uint8_t>(bytes.size() * 8);
+    about.ifa_scope = RT_SCOPE_HOST;
+    about.ifa_index = if_nametoindex("lo");
+    netlink::Request request(type, NLM_F_ACK | flags, about);
+    request.put(IFA_LOCAL, bytes).put(IFA_ADDRESS, bytes);
+    return request;
+}
+
+std::optional<netlink::Socket> openRouteSocket() {
+    auto opened = netlink::Socket::open(NETLINK_ROUTE);
+    return opened ? std::optional(std::move(*opened)) : std::nullopt;
 }
 
 }  // namespace
@@ -97,7 +99,7 @@ public:
 
     void sayFarewell() {
         const MutexGuard guard(asking);
-        for (const Address& address : aliases) put(address, secondsForFarewell);
+        for (const Address& address : aliases) static_cast<void>(put(address, secondsForFarewell));
     }
 
 private:
@@ -107,34 +109,29 @@ private:
         for (const auto& [address, count] : users) addresses.push_back(address);
         return addresses;
     }
-    bool put(const Address& address, std::uint32_t seconds) REQUIRES(asking);
+    Result<> put(const Address& address, std::uint32_t seconds) REQUIRES(asking);
     void take(const Address& address) REQUIRES(asking);
 
     // Held while the kernel is asked; who counts claims doesn't need it.
     Mutex asking;
-    const std::unique_ptr<NetlinkSocket> socket PT_GUARDED_BY(asking) =
-        NetlinkSocket::open(NETLINK_ROUTE);
+    std::optional<netlink::Socket> socket GUARDED_BY(asking) = openRouteSocket();
     std::set<Address> aliases GUARDED_BY(asking);
     Mutex lock;
     std::map<Address, std::size_t> users GUARDED_BY(lock);
 };
 
-bool AddressAliases::Table::put(const Address& address, std::uint32_t seconds) {
-    alignas(nlmsghdr) std::array<char, 256> room{};
-    nlmsghdr* const header = addressMessage(room.data(), RTM_NEWADDR, NLM_F_CREATE | NLM_F_REPLACE,
-                                            address.family, address.bytes.data());
-    mnl_attr_put_u32(header, IFA_FLAGS, IFA_F_NODAD);
+Result<> AddressAliases::Table::put(const Address& address, std::uint32_t seconds) {
+    auto request = addressRequest(RTM_NEWADDR, NLM_F_CREATE | NLM_F_REPLACE, address);
     // Never preferred: nobody shall choose it as the source of a new flow.
     const ifa_cacheinfo lifetime{0, seconds, 0, 0};
-    mnl_attr_put(header, IFA_CACHEINFO, sizeof lifetime, &lifetime);
-    return socket->request(*header) == 0;
+    request.put(IFA_FLAGS, std::uint32_t{IFA_F_NODAD}).put(IFA_CACHEINFO, lifetime);
+    return socket->request(request);
 }
 
 void AddressAliases::Table::take(const Address& address) {
-    alignas(nlmsghdr) std::array<char, 256> room{};
-    const nlmsghdr* const header =
-        addressMessage(room.data(), RTM_DELADDR, 0, address.family, address.bytes.data());
-    socket->request(*header);
+    auto request = addressRequest(RTM_DELADDR, 0, address);
+    // One that cannot be taken goes by itself.
+    static_cast<void>(socket->request(request));
 }
 
 AddressAliases::AddressAliases()

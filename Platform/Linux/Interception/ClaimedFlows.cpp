@@ -189,7 +189,7 @@ private:
 
     Mutex entriesLock;
     const std::unique_ptr<ConnectionEntries> entries PT_GUARDED_BY(entriesLock) =
-        ConnectionEntries::open();
+        ConnectionEntries::openOrNull();
     Mutex lock;
     std::unordered_map<FlowTuple, Claim, FlowHash, SameFlow> claims GUARDED_BY(lock);
 };

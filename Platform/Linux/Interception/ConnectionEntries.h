@@ -7,21 +7,26 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "Platform/Linux/Attribution/FlowOwner.h"
-#include "Platform/Linux/Interception/NetlinkSocket.h"
+#include "Platform/Linux/Netlink/Socket.h"
+#include "Platform/Linux/Result.h"
 
 namespace platform::interception {
 
 class ConnectionEntries {
 public:
-    // Nothing if the kernel gives no socket.
-    static std::unique_ptr<ConnectionEntries> open();
+    // Fails if the kernel gives no socket.
+    static Result<std::unique_ptr<ConnectionEntries>> open();
 
-    // Goes through all entries; where `change` gives a mark, the bits in `mask` are set to it.
-    // 0 or an errno.
+    // Null then, for whoever can do without.
+    static std::unique_ptr<ConnectionEntries> openOrNull();
+
+    // Goes through all entries; where `change` gives a mark, the bits in `mask` are set
+    // to it.
     using Change = std::function<std::optional<std::uint32_t>(std::uint32_t mark)>;
-    int changeMarks(std::uint32_t mask, const Change& change);
+    Result<> changeMarks(std::uint32_t mask, const Change& change);
 
     // Removes the entry of an outbound flow. Its next packet counts as the first of a new one.
     void remove(const FlowTuple& flow);
@@ -32,9 +37,16 @@ public:
     std::optional<FlowTuple> openingOf(const FlowTuple& answers);
 
 private:
-    explicit ConnectionEntries(std::unique_ptr<NetlinkSocket> opened) : socket(std::move(opened)) {}
+    explicit ConnectionEntries(netlink::Socket opened) : socket(std::move(opened)) {}
 
-    std::unique_ptr<NetlinkSocket> socket;
+    netlink::Socket socket;
 };
+
+// What messages about entries tell and ask, apart from the socket that they go over. An entry that lacks
+// what is needed gives nothing.
+std::optional<FlowTuple> openingIn(const netlink::Message& entry);
+// Appends the message that sets the bits of `mask` in the entry's mark to `value`.
+void appendMarkUpdate(std::vector<std::byte>& updates, const netlink::Message& entry,
+                      std::uint32_t mask, std::uint32_t value);
 
 }  // namespace platform::interception

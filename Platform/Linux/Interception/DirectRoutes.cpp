@@ -9,13 +9,13 @@
 #include <cerrno>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <utility>
 #include <vector>
 
 #include "Platform/Common/Mutex.h"
-#include "Platform/Linux/Interception/NetlinkSocket.h"
+#include "Platform/Linux/Netlink/Socket.h"
 #include "Platform/Linux/PlatformLog.h"
-#include "Platform/Linux/SystemError.h"
 
 namespace platform::interception {
 
@@ -48,34 +48,39 @@ std::vector<Route> routesThatAreMissing(const NetworkState& state) {
     return missing;
 }
 
-using Room = std::array<char, 512>;
-
-nlmsghdr* beginMessage(Room& room, unsigned type, unsigned flags) {
-    nlmsghdr* const header = mnl_nlmsg_put_header(room.data());
-    header->nlmsg_type = static_cast<std::uint16_t>(type);
-    header->nlmsg_flags = static_cast<std::uint16_t>(NLM_F_REQUEST | NLM_F_ACK | flags);
-    header->nlmsg_seq = 1;
-    return header;
+netlink::Request ruleRequest(unsigned type, unsigned flags, int family, std::uint32_t priority,
+                             std::uint32_t lookUp) {
+    fib_rule_hdr rule{};
+    rule.family = static_cast<std::uint8_t>(family);
+    rule.action = FR_ACT_TO_TBL;
+    netlink::Request request(type, NLM_F_ACK | flags, rule);
+    request.put(FRA_PRIORITY, priority).put(FRA_TABLE, lookUp);
+    return request;
 }
 
-nlmsghdr* beginRule(Room& room, unsigned type, unsigned flags, int family, std::uint32_t priority,
-                    std::uint32_t lookUp) {
-    nlmsghdr* const header = beginMessage(room, type, flags);
-    auto* const rule =
-        static_cast<fib_rule_hdr*>(mnl_nlmsg_put_extra_header(header, sizeof(fib_rule_hdr)));
-    rule->family = static_cast<std::uint8_t>(family);
-    rule->action = FR_ACT_TO_TBL;
-    mnl_attr_put_u32(header, FRA_PRIORITY, priority);
-    mnl_attr_put_u32(header, FRA_TABLE, lookUp);
-    return header;
+netlink::Request routeRequest(unsigned type, unsigned flags, rtmsg route) {
+    netlink::Request request(type, NLM_F_ACK | flags, route);
+    request.put(RTA_TABLE, tableNumber);
+    return request;
 }
 
-nlmsghdr* beginRoute(Room& room, unsigned type, unsigned flags, int family) {
-    nlmsghdr* const header = beginMessage(room, type, flags);
-    auto* const route = static_cast<rtmsg*>(mnl_nlmsg_put_extra_header(header, sizeof(rtmsg)));
-    route->rtm_family = static_cast<std::uint8_t>(family);
-    mnl_attr_put_u32(header, RTA_TABLE, tableNumber);
-    return header;
+rtmsg routeOfFamily(int family) {
+    rtmsg route{};
+    route.rtm_family = static_cast<std::uint8_t>(family);
+    return route;
+}
+
+std::optional<netlink::Socket> openRouteSocket(std::span<const unsigned> groups = {}) {
+    auto opened = netlink::Socket::open(NETLINK_ROUTE, groups);
+    if (opened) return std::move(*opened);
+    platformLog.error("The routes of direct flows cannot be kept: %{public}s",
+                      opened.error().text());
+    return std::nullopt;
+}
+
+// Errors of which the one named is none.
+bool isFine(const Result<>& result, int harmless) {
+    return result || result.error().code() == harmless;
 }
 
 }  // namespace
@@ -85,9 +90,7 @@ nlmsghdr* beginRoute(Room& room, unsigned type, unsigned flags, int family) {
 class DirectRoutes::Table {
 public:
     explicit Table(MarkPlace markPlace)
-        : place(markPlace),
-          socket(NetlinkSocket::open(NETLINK_ROUTE)),
-          events(NetlinkSocket::open(NETLINK_ROUTE, eventGroups)) {
+        : place(markPlace), socket(openRouteSocket()), events(openRouteSocket(eventGroups)) {
         const MutexGuard guard(lock);
         clear();
     }
@@ -96,18 +99,15 @@ public:
 
     // The kernel refuses what is there already; what it takes had been removed by somebody.
     void putBackWhatIsMissing() {
-        std::array<char, 64 * 1024> ignored;
-        while (recv(eventDescriptor(), ignored.data(), ignored.size(), MSG_DONTWAIT) > 0 ||
-               errno == ENOBUFS) {
-        }
+        if (events) events->discard();
         const MutexGuard guard(lock);
         if (!socket || hasEnded) return;
         bool wasMissing = false;
         for (const Route& route : inForce) {
             // One that is refused has lost its interface, of which the monitor is about to tell.
-            wasMissing |= addRoute(route, NLM_F_EXCL) == 0;
-            wasMissing |= addRule(route.family, nearRoutesPriority, RT_TABLE_MAIN, true) == 0;
-            wasMissing |= addRule(route.family, ownTablePriority, tableNumber, false) == 0;
+            if (addRoute(route, NLM_F_EXCL)) wasMissing = true;
+            if (addRule(route.family, nearRoutesPriority, RT_TABLE_MAIN, true)) wasMissing = true;
+            if (addRule(route.family, ownTablePriority, tableNumber, false)) wasMissing = true;
         }
         if (wasMissing)
             platformLog.error("The routes of direct flows had been removed and were put back");
@@ -133,71 +133,60 @@ private:
     void clear() REQUIRES(lock) {
         if (!socket) return;
         for (const int family : {AF_INET, AF_INET6}) {
-            removeEvery([&](Room& room) {
-                return beginRule(room, RTM_DELRULE, 0, family, nearRoutesPriority, RT_TABLE_MAIN);
-            });
-            removeEvery([&](Room& room) {
-                return beginRule(room, RTM_DELRULE, 0, family, ownTablePriority, tableNumber);
-            });
-            removeEvery([&](Room& room) { return beginRoute(room, RTM_DELROUTE, 0, family); });
+            removeEvery(ruleRequest(RTM_DELRULE, 0, family, nearRoutesPriority, RT_TABLE_MAIN));
+            removeEvery(ruleRequest(RTM_DELRULE, 0, family, ownTablePriority, tableNumber));
+            removeEvery(routeRequest(RTM_DELROUTE, 0, routeOfFamily(family)));
         }
     }
 
     // A deletion takes one of those that fit.
-    template <class Make>
-    void removeEvery(Make make) REQUIRES(lock) {
+    void removeEvery(netlink::Request deletion) REQUIRES(lock) {
         constexpr int most = 64;
-        for (int count = 0; count < most; ++count) {
-            alignas(nlmsghdr) Room room{};
-            if (socket->request(*make(room)) != 0) return;
-        }
+        for (int count = 0; count < most; ++count)
+            if (!socket->request(deletion)) return;
     }
 
     void add(const Route& route) REQUIRES(lock) {
-        int error = addRoute(route, NLM_F_REPLACE);
-        if (error == 0) error = addRule(route.family, nearRoutesPriority, RT_TABLE_MAIN, true);
+        auto added = addRoute(route, NLM_F_REPLACE);
+        if (added) added = addRule(route.family, nearRoutesPriority, RT_TABLE_MAIN, true);
         // Of several interfaces of one family the first has brought the rules.
-        if (error == 0 || error == EEXIST)
-            error = addRule(route.family, ownTablePriority, tableNumber, false);
-        if (error != 0 && error != EEXIST)
+        if (isFine(added, EEXIST))
+            added = addRule(route.family, ownTablePriority, tableNumber, false);
+        if (!isFine(added, EEXIST))
             platformLog.error(
                 "The default route that was removed cannot be used for direct flows: %{public}s",
-                systemError(error).localizedDescription);
+                added.error().text());
     }
 
-    int addRoute(const Route& wanted, unsigned ifThereIsOne) REQUIRES(lock) {
-        alignas(nlmsghdr) Room room{};
-        nlmsghdr* const header =
-            beginRoute(room, RTM_NEWROUTE, NLM_F_CREATE | ifThereIsOne, wanted.family);
-        auto* const route = static_cast<rtmsg*>(mnl_nlmsg_get_payload(header));
+    Result<> addRoute(const Route& wanted, unsigned ifThereIsOne) REQUIRES(lock) {
         const auto& gateway = wanted.route.gateway;
-        route->rtm_protocol = RTPROT_STATIC;
-        route->rtm_scope = gateway ? RT_SCOPE_UNIVERSE : RT_SCOPE_LINK;
-        route->rtm_type = RTN_UNICAST;
-        if (gateway) {
-            route->rtm_flags = RTNH_F_ONLINK;
-            mnl_attr_put(header, RTA_GATEWAY, wanted.family == AF_INET ? 4 : 16, gateway->data());
-        }
-        mnl_attr_put_u32(header, RTA_OIF, static_cast<std::uint32_t>(wanted.interfaceIndex));
-        mnl_attr_put_u32(header, RTA_PRIORITY, wanted.route.metric);
-        return socket->request(*header);
+        rtmsg route = routeOfFamily(wanted.family);
+        route.rtm_protocol = RTPROT_STATIC;
+        route.rtm_scope = gateway ? RT_SCOPE_UNIVERSE : RT_SCOPE_LINK;
+        route.rtm_type = RTN_UNICAST;
+        if (gateway) route.rtm_flags = RTNH_F_ONLINK;
+        auto request = routeRequest(RTM_NEWROUTE, NLM_F_CREATE | ifThereIsOne, route);
+        const std::size_t length = wanted.family == AF_INET ? 4 : 16;
+        if (gateway) request.put(RTA_GATEWAY, std::as_bytes(std::span(*gateway).first(length)));
+        request.put(RTA_OIF, static_cast<std::uint32_t>(wanted.interfaceIndex))
+            .put(RTA_PRIORITY, wanted.route.metric);
+        return socket->request(request);
     }
 
-    int addRule(int family, std::uint32_t priority, std::uint32_t lookUp, bool skipsDefaults)
+    Result<> addRule(int family, std::uint32_t priority, std::uint32_t lookUp, bool skipsDefaults)
         REQUIRES(lock) {
-        alignas(nlmsghdr) Room room{};
-        nlmsghdr* const header =
-            beginRule(room, RTM_NEWRULE, NLM_F_CREATE | NLM_F_EXCL, family, priority, lookUp);
-        mnl_attr_put_u32(header, FRA_FWMARK, place.value(FlowState::ownTraffic));
-        mnl_attr_put_u32(header, FRA_FWMASK, place.stateMask());
-        if (skipsDefaults) mnl_attr_put_u32(header, FRA_SUPPRESS_PREFIXLEN, 0);
-        return socket->request(*header);
+        auto request =
+            ruleRequest(RTM_NEWRULE, NLM_F_CREATE | NLM_F_EXCL, family, priority, lookUp);
+        request.put(FRA_FWMARK, place.value(FlowState::ownTraffic))
+            .put(FRA_FWMASK, place.stateMask());
+        if (skipsDefaults) request.put(FRA_SUPPRESS_PREFIXLEN, std::uint32_t{0});
+        return socket->request(request);
     }
 
     const MarkPlace place;
     Mutex lock;
-    const std::unique_ptr<NetlinkSocket> socket PT_GUARDED_BY(lock);
-    const std::unique_ptr<NetlinkSocket> events;
+    std::optional<netlink::Socket> socket GUARDED_BY(lock);
+    std::optional<netlink::Socket> events;
     std::vector<Route> inForce GUARDED_BY(lock);
     bool hasEnded GUARDED_BY(lock) = false;
 };

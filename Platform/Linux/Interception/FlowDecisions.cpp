@@ -57,7 +57,7 @@ FlowDecisions::FlowDecisions(Providers toAsk, MarkPlace markPlace)
     : providers(std::move(toAsk)),
       place(markPlace),
       aliases(std::make_shared<AddressAliases>()),
-      entries(ConnectionEntries::open()),
+      entries(ConnectionEntries::openOrNull()),
       inForce(std::make_shared<const Offers>()) {}
 
 std::shared_ptr<const Offers> FlowDecisions::offers() const {

@@ -66,13 +66,13 @@ Interception::~Interception() {
     for (Setting& setting : takeSettings())
         if (setting.completion) setting.completion(systemError(ECANCELED));
     // First nothing new comes, then what is held goes, then the rules that it needs on its way.
-    if (isInstalled) table->stopOffering();
+    if (isInstalled) static_cast<void>(table->stopOffering());
     workers.reset();
-    if (table) table->remove();
+    if (table) static_cast<void>(table->remove());
     if (entries && isInstalled)
-        entries->changeMarks(place.mask(), [&](std::uint32_t mark) {
+        static_cast<void>(entries->changeMarks(place.mask(), [&](std::uint32_t mark) {
             return (mark & place.mask()) != 0 ? std::optional(0u) : std::nullopt;
-        });
+        }));
 }
 
 void Interception::setProxyRules(std::vector<NENetworkRule> rules, ErrorCompletion completion) {
@@ -96,9 +96,9 @@ void Interception::apply(Change change, ErrorCompletion completion) {
 void Interception::serveSettings() {
     while (waitForWork()) {
         for (Setting& setting : takeSettings()) {
-            const int error = carryOut(setting.change);
+            const auto done = carryOut(setting.change);
             if (!setting.completion) continue;
-            setting.completion(error == 0 ? std::nullopt : std::optional(systemError(error)));
+            setting.completion(done ? std::nullopt : std::optional(systemError(done.error())));
         }
     }
 }
@@ -127,40 +127,37 @@ std::vector<Interception::Setting> Interception::takeSettings() {
     return std::exchange(waiting, {});
 }
 
-int Interception::carryOut(const Change& change) {
+Result<> Interception::carryOut(const Change& change) {
     const auto before = decisions.offers();
     Offers wanted = *before;
     change(wanted);
     const bool needsFlush = isInstalled && !wanted.proxyRules.empty() &&
                             !keepsAllRules(before->proxyRules, wanted.proxyRules);
-    if (const int error = putInForce(*before, wanted)) return error;
+    if (const auto put = putInForce(*before, wanted); !put) return put;
     decisions.setOffers(wanted);
-    if (!needsFlush) return 0;
+    if (!needsFlush) return {};
     // From here on verdicts carry the new generation, and those that were asked for before don't.
-    const int error = flushDeclined(wanted);
+    const auto flushed = flushDeclined(wanted);
     decisions.setOffers(wanted);
-    return error;
+    return flushed;
 }
 
-int Interception::putInForce(const Offers& before, const Offers& wanted) {
+Result<> Interception::putInForce(const Offers& before, const Offers& wanted) {
     const auto protocols = protocolsOf(wanted);
-    if (isInstalled && protocols == protocolsOf(before)) return 0;
+    if (isInstalled && protocols == protocolsOf(before)) return {};
     if (!isInstalled) {
-        if (protocols.empty()) return 0;
-        if (const int error = begin()) return error;
+        if (protocols.empty()) return {};
+        if (const auto begun = begin(); !begun) return begun;
     }
     content.offeredProtocols = protocols;
     content.generation = markedGeneration(before.generation, before.generation);
-    const int error = protocols.empty() ? table->stopOffering() : table->install(content);
-    if (error == 0) isInstalled = true;
-    return error;
+    const auto changed = protocols.empty() ? table->stopOffering() : table->install(content);
+    if (changed) isInstalled = true;
+    return changed;
 }
 
-int Interception::begin() {
-    if (!entries) entries = ConnectionEntries::open();
-    if (!table) table = PacketTable::open(chosen.ownership);
-    if (!queue) queue = PacketQueue::open();
-    if (!entries || !table || !queue) return errno != 0 ? errno : ENOBUFS;
+Result<> Interception::begin() {
+    if (const auto opened = openKernelParts(); !opened) return opened;
     if (!workers) {
         workers = std::make_unique<PacketWorkers>(
             *queue, [this](const HeldPacket& packet) { return decisions.markFor(packet); },
@@ -172,7 +169,9 @@ int Interception::begin() {
     }
     if (!ruleEvents) {
         constexpr std::array<unsigned, 1> groups{NFNLGRP_NFTABLES};
-        ruleEvents = NetlinkSocket::open(NETLINK_NETFILTER, groups);
+        auto opened = netlink::Socket::open(NETLINK_NETFILTER, groups);
+        if (!opened) return opened.error();
+        ruleEvents = std::move(*opened);
     }
     content.place = place;
     content.queues = queue->numbers();
@@ -183,30 +182,41 @@ int Interception::begin() {
     });
 }
 
-int Interception::flushDeclined(Offers& wanted) {
+Result<> Interception::openKernelParts() {
+    const auto open = [](auto& part, auto opened) -> Result<> {
+        if (!opened) return opened.error();
+        part = std::move(*opened);
+        return {};
+    };
+    Result<> done;
+    if (!entries) done = open(entries, ConnectionEntries::open());
+    if (done && !table) done = open(table, PacketTable::open(chosen.ownership));
+    if (done && !queue) done = open(queue, PacketQueue::open());
+    return done;
+}
+
+Result<> Interception::flushDeclined(Offers& wanted) {
     ++wanted.generation;
     content.generation = markedGeneration(wanted.generation, wanted.generation);
     const std::uint32_t reused = place.value(FlowState::declined, content.generation);
     const std::uint32_t stale = place.value(FlowState::declined, staleGeneration);
-    entries->changeMarks(place.mask(), [&](std::uint32_t mark) {
+    static_cast<void>(entries->changeMarks(place.mask(), [&](std::uint32_t mark) {
         return (mark & place.mask()) == reused ? std::optional(stale) : std::nullopt;
-    });
+    }));
     return table->setGeneration(content.generation);
 }
 
 // Somebody changed the packet rules of the machine, perhaps ours.
 void Interception::watchRules() {
-    std::array<char, 64 * 1024> ignored;
-    while (recv(ruleEvents->descriptor(), ignored.data(), ignored.size(), MSG_DONTWAIT) > 0) {
-    }
+    ruleEvents->discard();
     if (!isInstalled || content.offeredProtocols.empty() || table->isComplete()) return;
-    const int error = table->install(content);
-    if (error == 0)
+    const auto installed = table->install(content);
+    if (installed)
         platformLog.error("The interception's rules had been removed and were put back");
     else
         platformLog.error(
             "The interception's rules were removed and cannot be put back: %{public}s",
-            systemError(error).localizedDescription);
+            installed.error().text());
 }
 
 }  // namespace platform::interception

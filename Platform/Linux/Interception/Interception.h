@@ -62,10 +62,11 @@ private:
     void serveSettings();
     bool waitForWork();
     std::vector<Setting> takeSettings();
-    int carryOut(const Change& change);
-    int begin();
-    int putInForce(const Offers& before, const Offers& wanted);
-    int flushDeclined(Offers& wanted);
+    Result<> carryOut(const Change& change);
+    Result<> begin();
+    Result<> openKernelParts();
+    Result<> putInForce(const Offers& before, const Offers& wanted);
+    Result<> flushDeclined(Offers& wanted);
     void watchRules();
 
     const MarkPlace place;
@@ -76,7 +77,7 @@ private:
     std::unique_ptr<PacketQueue> queue;
     std::unique_ptr<PacketWorkers> workers;
     std::unique_ptr<ConnectionEntries> entries;
-    std::unique_ptr<NetlinkSocket> ruleEvents;
+    std::optional<netlink::Socket> ruleEvents;
     const Choices chosen;
     PacketTableContent content;
     bool isInstalled = false;

@@ -6,14 +6,13 @@
 #include <linux/rtnetlink.h>
 #include <nftables/libnftables.h>
 
-#include <array>
 #include <bit>
 #include <charconv>
 #include <memory>
 #include <sstream>
 
-#include "Platform/Linux/Interception/NetlinkSocket.h"
 #include "Platform/Linux/Interception/PacketRule.h"
+#include "Platform/Linux/Netlink/Socket.h"
 
 namespace platform::interception {
 
@@ -35,25 +34,22 @@ std::uint32_t bitsInLine(std::string_view line) {
 }
 
 std::uint32_t bitsInRoutingRules() {
-    const auto socket = NetlinkSocket::open(NETLINK_ROUTE);
+    auto socket = netlink::Socket::open(NETLINK_ROUTE);
     if (!socket) return 0;
     std::uint32_t bits = 0;
-    alignas(nlmsghdr) std::array<char, 64> room{};
-    nlmsghdr* const header = mnl_nlmsg_put_header(room.data());
-    header->nlmsg_type = RTM_GETRULE;
-    header->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-    header->nlmsg_seq = 1;
-    mnl_nlmsg_put_extra_header(header, sizeof(fib_rule_hdr));
-    socket->request(*header, [&](const nlmsghdr& rule) {
-        std::uint32_t mark = 0;
-        std::uint32_t mask = 0;
-        forEachAttribute(rule, sizeof(fib_rule_hdr), [&](const nlattr& attribute) {
-            if (mnl_attr_get_type(&attribute) == FRA_FWMARK) mark = mnl_attr_get_u32(&attribute);
-            if (mnl_attr_get_type(&attribute) == FRA_FWMASK) mask = mnl_attr_get_u32(&attribute);
-        });
+    netlink::Request dump(RTM_GETRULE, NLM_F_DUMP, fib_rule_hdr{});
+    // What has been seen of rules that are just being changed is good enough.
+    static_cast<void>(socket->request(dump, [&](const netlink::Message& rule) {
+        const auto attributes = rule.attributes<fib_rule_hdr>();
+        const auto number = [&](std::uint16_t type) {
+            const auto attribute = attributes.find(type);
+            return attribute ? attribute->number<std::uint32_t>().value_or(0) : 0;
+        };
+        const std::uint32_t mark = number(FRA_FWMARK);
+        const std::uint32_t mask = number(FRA_FWMASK);
         // Whoever compares the whole mark uses the bits of the value.
         bits |= mask == ~0u ? mark : mask;
-    });
+    }));
     return bits;
 }
 

@@ -54,53 +54,46 @@ struct PacketQueue::Buffers {
     std::array<mmsghdr, packetsAtOnce> headers{};
 };
 
-PacketQueue::PacketQueue(std::unique_ptr<NetlinkSocket> opened)
+PacketQueue::PacketQueue(netlink::Socket opened)
     : socket(std::move(opened)), buffers(std::make_unique<Buffers>()) {}
 
 PacketQueue::~PacketQueue() = default;
 
-std::unique_ptr<PacketQueue> PacketQueue::open() {
-    auto socket = NetlinkSocket::open(NETLINK_NETFILTER);
-    if (!socket) return nullptr;
-    const int descriptor = socket->descriptor();
-    const int on = 1;
-    setsockopt(descriptor, SOL_NETLINK, NETLINK_NO_ENOBUFS, &on, sizeof on);
-    setsockopt(descriptor, SOL_SOCKET, SO_RCVBUFFORCE, &receiveBufferSize,
+Result<std::unique_ptr<PacketQueue>> PacketQueue::open() {
+    auto socket = netlink::Socket::open(NETLINK_NETFILTER);
+    if (!socket) return socket.error();
+    socket->enable(NETLINK_NO_ENOBUFS);
+    setsockopt(socket->descriptor(), SOL_SOCKET, SO_RCVBUFFORCE, &receiveBufferSize,
                sizeof receiveBufferSize);
-    std::unique_ptr<PacketQueue> queue(new PacketQueue(std::move(socket)));
-    if (!queue->bindQueues()) return nullptr;
+    std::unique_ptr<PacketQueue> queue(new PacketQueue(std::move(*socket)));
+    if (const auto bound = queue->bindQueues(); !bound) return bound.error();
     return queue;
 }
 
-bool PacketQueue::bindQueues() {
+Result<> PacketQueue::bindQueues() {
     const std::array<std::uint16_t*, 3> wanted{&queues.newFlows, &queues.watchedData,
                                                &queues.offeredAgain};
     std::uint16_t number = firstNumber;
     for (std::uint16_t* const queue : wanted) {
-        int error = EBUSY;
-        while (error != 0) {
-            if (number == lastNumber) {
-                errno = error;
-                return false;
-            }
-            *queue = number++;
-            error = bindQueue(*queue);
+        Result<> bound = Error(EBUSY, "find a free packet queue");
+        while (!bound) {
             // Taken numbers are refused in either of these ways.
-            if (error != 0 && error != EBUSY && error != EPERM) {
-                errno = error;
-                return false;
-            }
+            const int reason = bound.error().code();
+            const bool isTaken = reason == EBUSY || reason == EPERM;
+            if (!isTaken || number == lastNumber) return bound;
+            *queue = number++;
+            bound = bindQueue(*queue);
         }
     }
-    return true;
+    return {};
 }
 
-int PacketQueue::bindQueue(std::uint16_t number) {
+Result<> PacketQueue::bindQueue(std::uint16_t number) {
     alignas(nlmsghdr) std::array<char, 256> buffer{};
     nlmsghdr* const bind = nfq_nlmsg_put(buffer.data(), NFQNL_MSG_CONFIG, number);
     bind->nlmsg_flags |= NLM_F_ACK;
     putCommand(bind, NFQNL_CFG_CMD_BIND);
-    if (const int error = socket->transact(bytesOf(buffer))) return error;
+    if (const auto bound = socket.transact(bytesOf(buffer)); !bound) return bound;
 
     nlmsghdr* const configure = nfq_nlmsg_put(buffer.data(), NFQNL_MSG_CONFIG, number);
     configure->nlmsg_flags |= NLM_F_ACK;
@@ -109,11 +102,11 @@ int PacketQueue::bindQueue(std::uint16_t number) {
     const std::uint32_t flags = NFQA_CFG_F_GSO | NFQA_CFG_F_UID_GID | NFQA_CFG_F_FAIL_OPEN;
     mnl_attr_put_u32(configure, NFQA_CFG_FLAGS, htonl(flags));
     mnl_attr_put_u32(configure, NFQA_CFG_MASK, htonl(flags));
-    return socket->transact(bytesOf(buffer));
+    return socket.transact(bytesOf(buffer));
 }
 
 bool PacketQueue::receive(std::vector<HeldPacket>& packets) {
-    const int received = recvmmsg(socket->descriptor(), buffers->headers.data(), packetsAtOnce,
+    const int received = recvmmsg(socket.descriptor(), buffers->headers.data(), packetsAtOnce,
                                   MSG_DONTWAIT, nullptr);
     if (received < 0) return errno == EINTR || errno == ENOBUFS;
     const auto count = static_cast<std::size_t>(received);
@@ -173,7 +166,8 @@ void PacketQueue::release(std::span<const PacketVerdict> verdicts) {
             nfq_nlmsg_verdict_put_mark(header, verdict.mark);
             used += header->nlmsg_len;
         }
-        socket->send(std::as_bytes(std::span(buffer).first(used)));
+        // The kernel refuses none but those of packets that have gone meanwhile.
+        static_cast<void>(socket.send(std::as_bytes(std::span(buffer).first(used))));
         verdicts = verdicts.subspan(std::min(atOnce, verdicts.size()));
     }
 }

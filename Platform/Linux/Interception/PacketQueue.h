@@ -11,8 +11,9 @@
 #include <vector>
 
 #include "Platform/Linux/Interception/HeldPacket.h"
-#include "Platform/Linux/Interception/NetlinkSocket.h"
 #include "Platform/Linux/Interception/PacketTable.h"
+#include "Platform/Linux/Netlink/Socket.h"
+#include "Platform/Linux/Result.h"
 
 namespace platform::interception {
 
@@ -25,15 +26,15 @@ struct PacketVerdict {
 
 class PacketQueue {
 public:
-    // Binds three queue numbers that nobody else uses. Nothing if the kernel refuses, with `errno`.
-    static std::unique_ptr<PacketQueue> open();
+    // Binds three queue numbers that nobody else uses. Fails if the kernel refuses.
+    static Result<std::unique_ptr<PacketQueue>> open();
     // Packets still held are dropped by the kernel: let them go first.
     ~PacketQueue();
 
     const QueueNumbers& numbers() const { return queues; }
 
     // Becomes readable when packets come.
-    int descriptor() const { return socket->descriptor(); }
+    int descriptor() const { return socket.descriptor(); }
     // Appends packets that are there, some dozens at most, without waiting. True if there may be
     // more.
     bool receive(std::vector<HeldPacket>& packets);
@@ -42,13 +43,13 @@ public:
 
 private:
     struct Buffers;
-    explicit PacketQueue(std::unique_ptr<NetlinkSocket> opened);
+    explicit PacketQueue(netlink::Socket opened);
 
-    bool bindQueues();
-    int bindQueue(std::uint16_t number);
+    Result<> bindQueues();
+    Result<> bindQueue(std::uint16_t number);
     void append(std::span<char> datagram, std::vector<HeldPacket>& packets);
 
-    std::unique_ptr<NetlinkSocket> socket;
+    netlink::Socket socket;
     std::unique_ptr<Buffers> buffers;
     QueueNumbers queues;
 };

@@ -60,7 +60,7 @@ public:
 
     std::size_t ruleCount() const { return rules; }
 
-    int commit(NetlinkSocket& socket) {
+    Result<> commit(netlink::Socket& socket) {
         nftnl_batch_end(room(), sequence);
         advance();
         return socket.transact(std::as_bytes(std::span(buffer.data(), used)));
@@ -225,36 +225,39 @@ void addKeepRules(Transaction& transaction, const PacketTableContent& content) {
 
 }  // namespace
 
-std::unique_ptr<PacketTable> PacketTable::open(TableOwnership ownership) {
-    auto socket = NetlinkSocket::open(NETLINK_NETFILTER);
-    if (!socket) return nullptr;
-    return std::unique_ptr<PacketTable>(new PacketTable(std::move(socket), ownership));
+Result<std::unique_ptr<PacketTable>> PacketTable::open(TableOwnership ownership) {
+    auto socket = netlink::Socket::open(NETLINK_NETFILTER);
+    if (!socket) return socket.error();
+    return std::unique_ptr<PacketTable>(new PacketTable(std::move(*socket), ownership));
 }
 
-PacketTable::~PacketTable() { remove(); }
+PacketTable::~PacketTable() {
+    // A table that is gone already is no failure, and of any other one the process's end is near.
+    static_cast<void>(remove());
+}
 
-int PacketTable::remove() {
+Result<> PacketTable::remove() {
     ruleCount = 0;
     Transaction transaction;
     transaction.deleteTable();
-    return transaction.commit(*socket);
+    return transaction.commit(socket);
 }
 
-int PacketTable::stopOffering() {
+Result<> PacketTable::stopOffering() {
     Transaction transaction;
     transaction.flushChain(offerChain);
-    return transaction.commit(*socket);
+    return transaction.commit(socket);
 }
 
-int PacketTable::install(const PacketTableContent& wanted) {
+Result<> PacketTable::install(const PacketTableContent& wanted) {
     content = wanted;
     if (workingForm) return installIn(*workingForm);
-    int error = installIn(QueueForm::native);
-    if (error == ENOENT) error = installIn(QueueForm::target);
-    return error;
+    const auto installed = installIn(QueueForm::native);
+    const bool isUnknown = !installed && installed.error().code() == ENOENT;
+    return isUnknown ? installIn(QueueForm::target) : installed;
 }
 
-int PacketTable::installIn(QueueForm form) {
+Result<> PacketTable::installIn(QueueForm form) {
     const std::uint32_t flags =
         ownership == TableOwnership::exclusive ? std::uint32_t{NFT_TABLE_F_OWNER} : 0;
     Transaction transaction;
@@ -269,24 +272,33 @@ int PacketTable::installIn(QueueForm form) {
     addNewFlowRules(transaction, content, form);
     addRedirectRules(transaction, content);
     addKeepRules(transaction, content);
-    const int error = transaction.commit(*socket);
-    if (error == 0) {
+    const auto committed = transaction.commit(socket);
+    if (committed) {
         workingForm = form;
         ruleCount = transaction.ruleCount();
     }
-    return error;
+    return committed;
 }
 
-int PacketTable::setGeneration(unsigned generation) {
+Result<> PacketTable::setGeneration(unsigned generation) {
     content.generation = generation;
     Transaction transaction;
     transaction.flushChain(generationChain);
     transaction.addRule(currentGeneration(content.place, generation));
-    return transaction.commit(*socket);
+    return transaction.commit(socket);
 }
 
 bool PacketTable::isComplete() {
-    std::array<char, 256> buffer;
+    // A count that another change of the rules spoils is taken again.
+    for (;;) {
+        const auto found = countRules();
+        if (found) return *found == ruleCount;
+        if (found.error().code() != EINTR) return false;
+    }
+}
+
+Result<std::size_t> PacketTable::countRules() {
+    alignas(nlmsghdr) std::array<char, 256> buffer;
     const PacketRule every(offerChain);
     nlmsghdr* const header =
         nftnl_nlmsg_build_hdr(buffer.data(), NFT_MSG_GETRULE, NFPROTO_INET, NLM_F_DUMP, 2);
@@ -294,8 +306,9 @@ bool PacketTable::isComplete() {
     nftnl_rule_unset(table, NFTNL_RULE_CHAIN);
     nftnl_rule_nlmsg_build_payload(header, table);
     std::size_t found = 0;
-    const int error = socket->request(*header, [&](const nlmsghdr&) { ++found; });
-    return error == 0 && found == ruleCount;
+    const auto counted = socket.request(*header, [&](const netlink::Message&) { ++found; });
+    if (!counted) return counted.error();
+    return found;
 }
 
 }  // namespace platform::interception

@@ -11,8 +11,9 @@
 #include <vector>
 
 #include "Platform/Linux/Interception/FlowMark.h"
-#include "Platform/Linux/Interception/NetlinkSocket.h"
 #include "Platform/Linux/Interception/PacketRule.h"
+#include "Platform/Linux/Netlink/Socket.h"
+#include "Platform/Linux/Result.h"
 
 namespace platform::interception {
 
@@ -45,33 +46,35 @@ enum class TableOwnership { exclusive, shared };
 
 class PacketTable {
 public:
-    // Nothing if the kernel gives no socket.
-    static std::unique_ptr<PacketTable> open(TableOwnership ownership = TableOwnership::exclusive);
+    // Fails if the kernel gives no socket.
+    static Result<std::unique_ptr<PacketTable>> open(
+        TableOwnership ownership = TableOwnership::exclusive);
     // Takes the rules away.
     ~PacketTable();
 
-    // Puts the whole content in force in one step, in place of what was there. 0 or an errno.
-    int install(const PacketTableContent& content);
-    // Makes `generation` the one that is not offered again; all else stays. 0 or an errno.
-    int setGeneration(unsigned generation);
+    // Puts the whole content in force in one step, in place of what was there.
+    Result<> install(const PacketTableContent& content);
+    // Makes `generation` the one that is not offered again; all else stays.
+    Result<> setGeneration(unsigned generation);
     // Lets no further packet into the queues; what they hold can still be let go. When a table goes,
-    // or another comes in its place, the kernel throws that away. 0 or an errno.
-    int stopOffering();
-    // Takes the rules away. 0 or an errno.
-    int remove();
+    // or another comes in its place, the kernel throws that away.
+    Result<> stopOffering();
+    // Takes the rules away.
+    Result<> remove();
 
     // True if the kernel still has every rule that `install` made.
     bool isComplete();
     // The netlink port of our socket: changes announced with another one are not ours.
-    unsigned portId() const { return socket->portId(); }
+    unsigned portId() const { return socket.portId(); }
 
 private:
-    PacketTable(std::unique_ptr<NetlinkSocket> opened, TableOwnership wanted)
+    PacketTable(netlink::Socket opened, TableOwnership wanted)
         : socket(std::move(opened)), ownership(wanted) {}
 
-    int installIn(QueueForm form);
+    Result<std::size_t> countRules();
+    Result<> installIn(QueueForm form);
 
-    std::unique_ptr<NetlinkSocket> socket;
+    netlink::Socket socket;
     TableOwnership ownership;
     std::optional<QueueForm> workingForm;
     PacketTableContent content;

@@ -13,14 +13,15 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "Platform/Common/Mutex.h"
-#include "Platform/Linux/Interception/NetlinkSocket.h"
 #include "Platform/Linux/Interception/PacketRule.h"
+#include "Platform/Linux/Netlink/Socket.h"
 #include "Platform/Linux/PlatformLog.h"
 #include "Platform/TunnelGuard.h"
 
@@ -58,36 +59,27 @@ struct Guarded {
     bool isNothing() const { return !isFamily[0] && !isFamily[1]; }
 };
 
-using Room = std::array<char, 256>;
-
-nlmsghdr* routeRequest(Room& room, unsigned flags, int family, unsigned destinationLength) {
-    nlmsghdr* const header = mnl_nlmsg_put_header(room.data());
-    header->nlmsg_type = RTM_GETROUTE;
-    header->nlmsg_flags = static_cast<std::uint16_t>(NLM_F_REQUEST | flags);
-    header->nlmsg_seq = 1;
-    auto* const route = static_cast<rtmsg*>(mnl_nlmsg_put_extra_header(header, sizeof(rtmsg)));
-    route->rtm_family = static_cast<std::uint8_t>(family);
-    route->rtm_dst_len = static_cast<std::uint8_t>(destinationLength);
-    return header;
+netlink::Request routeRequest(unsigned flags, int family, std::size_t destinationLength) {
+    rtmsg route{};
+    route.rtm_family = static_cast<std::uint8_t>(family);
+    route.rtm_dst_len = static_cast<std::uint8_t>(destinationLength);
+    return netlink::Request(RTM_GETROUTE, flags, route);
 }
 
 // The interface by which packets to a far address leave now; 0 if there is none.
-int interfaceOfDefault(NetlinkSocket& socket, const Family& family) {
+int interfaceOfDefault(netlink::Socket& socket, const Family& family) {
     std::array<std::uint8_t, 16> address{};
     ::inet_pton(family.number, family.farAddress, address.data());
     const std::size_t length = addressLength(family.number);
-    alignas(nlmsghdr) Room room{};
-    nlmsghdr* const header =
-        routeRequest(room, NLM_F_ACK, family.number, static_cast<unsigned>(length * 8));
-    mnl_attr_put(header, RTA_DST, length, address.data());
+    auto request = routeRequest(NLM_F_ACK, family.number, length * 8);
+    request.put(RTA_DST, std::as_bytes(std::span(address).first(length)));
     int index = 0;
-    socket.request(*header, [&](const nlmsghdr& answer) {
-        if (answer.nlmsg_type != RTM_NEWROUTE) return;
-        forEachAttribute(answer, sizeof(rtmsg), [&](const nlattr& attribute) {
-            if (mnl_attr_get_type(&attribute) == RTA_OIF)
-                index = static_cast<int>(mnl_attr_get_u32(&attribute));
-        });
-    });
+    // Without a route the kernel refuses, and there is none.
+    static_cast<void>(socket.request(request, [&](const netlink::Message& answer) {
+        if (answer.type() != RTM_NEWROUTE) return;
+        if (const auto interface = answer.attributes<rtmsg>().find(RTA_OIF))
+            index = static_cast<int>(interface->number<std::uint32_t>().value_or(0));
+    }));
     return index;
 }
 
@@ -99,33 +91,32 @@ std::string prefixText(int family, const void* address, unsigned length) {
 
 // The prefix of a route of the main table that leads to something near; empty for all others. Two
 // halves of all addresses are a default route as well.
-std::string nearPrefix(const nlmsghdr& answer, const std::set<int>& interfaces) {
-    const auto& route = *static_cast<const rtmsg*>(mnl_nlmsg_get_payload(&answer));
-    if (route.rtm_dst_len <= 1 || route.rtm_table != RT_TABLE_MAIN) return {};
+std::string nearPrefix(const netlink::Message& answer, const std::set<int>& interfaces) {
+    const auto route = answer.fixedHeader<rtmsg>();
+    if (!route || route->rtm_dst_len <= 1 || route->rtm_table != RT_TABLE_MAIN) return {};
+    const auto attributes = answer.attributes<rtmsg>();
+    const auto interface = attributes.find(RTA_OIF);
+    if (!interface ||
+        !interfaces.contains(static_cast<int>(interface->number<std::uint32_t>().value_or(0))))
+        return {};
     std::array<std::uint8_t, 16> address{};
-    int index = 0;
-    forEachAttribute(answer, sizeof(rtmsg), [&](const nlattr& attribute) {
-        const auto type = mnl_attr_get_type(&attribute);
-        if (type == RTA_OIF) index = static_cast<int>(mnl_attr_get_u32(&attribute));
-        if (type == RTA_DST)
-            std::memcpy(
-                address.data(), mnl_attr_get_payload(&attribute),
-                std::min<std::size_t>(address.size(), mnl_attr_get_payload_len(&attribute)));
-    });
-    if (!interfaces.contains(index)) return {};
-    return prefixText(route.rtm_family, address.data(), route.rtm_dst_len);
+    if (const auto destination = attributes.find(RTA_DST))
+        std::memcpy(address.data(), destination->bytes().data(),
+                    std::min(address.size(), destination->bytes().size()));
+    return prefixText(route->rtm_family, address.data(), route->rtm_dst_len);
 }
 
-std::set<std::string> nearPrefixes(NetlinkSocket& socket, int family,
+// None where the kernel did not tell, or changed them meanwhile: those before then stay.
+std::set<std::string> nearPrefixes(netlink::Socket& socket, int family,
                                    const std::set<int>& interfaces) {
     std::set<std::string> prefixes;
-    alignas(nlmsghdr) Room room{};
-    socket.request(*routeRequest(room, NLM_F_DUMP, family, 0), [&](const nlmsghdr& answer) {
-        if (answer.nlmsg_type != RTM_NEWROUTE) return;
+    auto request = routeRequest(NLM_F_DUMP, family, 0);
+    const auto isTold = socket.request(request, [&](const netlink::Message& answer) {
+        if (answer.type() != RTM_NEWROUTE) return;
         if (auto prefix = nearPrefix(answer, interfaces); !prefix.empty())
             prefixes.insert(std::move(prefix));
     });
-    return prefixes;
+    return isTold ? prefixes : std::set<std::string>();
 }
 
 bool isTunnel(const NetworkState& network, int index) {
@@ -244,7 +235,7 @@ private:
     // The table goes with its socket.
     const std::unique_ptr<nft_ctx, decltype(&nft_ctx_free)> rules{nft_ctx_new(NFT_CTX_DEFAULT),
                                                                   &nft_ctx_free};
-    const std::unique_ptr<NetlinkSocket> socket = NetlinkSocket::open(NETLINK_ROUTE);
+    Result<netlink::Socket> socket = netlink::Socket::open(NETLINK_ROUTE);
     // For the thread alone.
     Guarded guarded;
     Guarded inForce;

@@ -1,6 +1,7 @@
 #include "Platform/Linux/Network/NetworkMonitor.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -38,7 +39,7 @@ public:
     }
 
     void handleEvents(std::uint32_t) override {
-        discardReports(reports);
+        reports->discard();
         if (isResting) {
             isOutdated = true;
             return;
@@ -48,9 +49,14 @@ public:
 
 private:
     void watchReports() {
-        reports = openChangeReports();
-        if (!reports || loop.watch(reports.get(), EPOLLIN, *this) != 0)
-            return platformLog.error("Changes of the network cannot be followed");
+        auto opened = openChangeReports();
+        if (!opened)
+            return platformLog.error("Changes of the network cannot be followed: %{public}s",
+                                     opened.error().text());
+        reports = std::move(*opened);
+        if (const int error = loop.watch(reports->descriptor(), EPOLLIN, *this))
+            return platformLog.error("Changes of the network cannot be followed: %{public}s",
+                                     Error(error).text());
         refresh();  // what changed since the first picture
     }
 
@@ -68,7 +74,8 @@ private:
     bool takePicture(const NetworkState& earlier) {
         auto picture = readNetworkState();
         if (!picture) {
-            platformLog.error("The state of the network cannot be read");
+            platformLog.error("The state of the network cannot be read: %{public}s",
+                              picture.error().text());
             return false;
         }
         rememberRoutes(earlier, *picture);
@@ -90,7 +97,7 @@ private:
 
     // Never destroyed, as the monitor; so the loop may hold it by its address.
     EventLoop& loop = *EventLoopPool::shared().loops().front();
-    FileDescriptor reports;
+    std::optional<netlink::Socket> reports;
     bool isResting = false;   // since the last picture
     bool isOutdated = false;  // by a report since then
     mutable Mutex lock;

@@ -2,20 +2,21 @@
 // monitor alone, on the thread that serves it.
 #pragma once
 
-#include <optional>
-
-#include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/Netlink/Socket.h"
 #include "Platform/Linux/Network/NetworkState.h"
+#include "Platform/Linux/Result.h"
 
 namespace platform {
 
 // The network as it is now: links with their kinds, addresses, default routes of the main table.
-// Nothing if the kernel did not answer.
-std::optional<NetworkState> readNetworkState();
+// Fails if the kernel did not answer.
+Result<NetworkState> readNetworkState();
 
-// A non-blocking socket that becomes readable whenever one of these changes. None on failure.
-FileDescriptor openChangeReports();
-// Throws away what has been reported.
-void discardReports(const FileDescriptor& reports);
+// A socket that becomes readable whenever one of these changes.
+Result<netlink::Socket> openChangeReports();
+
+// Adds to `network` what one answer tells: a link (RTM_NEWLINK), an address (RTM_NEWADDR), a route
+// (RTM_NEWROUTE). One that is too short, or is about something unknown, adds nothing.
+void addToNetwork(const netlink::Message& answer, NetworkState& network);
 
 }  // namespace platform
