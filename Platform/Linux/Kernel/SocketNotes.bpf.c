@@ -121,7 +121,7 @@ __noinline int writePath(struct KernelPath* path, __u64 ofDentry, __u64 ofMount)
     return 0;
 }
 
-static __always_inline void notePath(struct file* file, const struct KernelFile* key) {
+static __always_inline void notePath(const struct file* file, const struct KernelFile* key) {
     struct KernelPath* path = bpf_map_lookup_elem(&paths, key);
     if (path && bpf_ktime_get_boot_ns() - path->time < pathLifetime) return;
     if (!path) {
@@ -129,10 +129,8 @@ static __always_inline void notePath(struct file* file, const struct KernelFile*
         path = bpf_map_lookup_elem(&paths, key);
     }
     if (!path) return;
-    __u64 dentry = 0, mount = 0;
-    bpf_core_read(&dentry, sizeof dentry, &file->f_path.dentry);
-    bpf_core_read(&mount, sizeof mount, &file->f_path.mnt);
-    writePath(path, dentry, mount);
+    writePath(path, (__u64)BPF_CORE_READ(file, f_path.dentry),
+              (__u64)BPF_CORE_READ(file, f_path.mnt));
 }
 
 __noinline int writeGroup(struct KernelGroup* group, __u64 ofNode) {
@@ -150,54 +148,55 @@ __noinline int writeGroup(struct KernelGroup* group, __u64 ofNode) {
     return 0;
 }
 
-static __always_inline __u64 noteGroup(struct task_struct* task) {
-    struct css_set* set = task->cgroups;
-    if (!set) return 0;
-    struct cgroup* group = set->dfl_cgrp;
-    if (!group) return 0;
-    struct kernfs_node* node = group->kn;
+static __always_inline __u64 noteGroup(const struct task_struct* task) {
+    struct kernfs_node* node = BPF_CORE_READ(task, cgroups, dfl_cgrp, kn);
     if (!node) return 0;
-    __u64 id = node->id;
+    __u64 id = BPF_CORE_READ(node, id);
     if (!bpf_map_lookup_elem(&groups, &id)) {
         bpf_map_update_elem(&groups, &id, &blankGroup, BPF_NOEXIST);
         struct KernelGroup* names = bpf_map_lookup_elem(&groups, &id);
-        __u64 number = 0;
-        bpf_core_read(&number, sizeof number, &group->kn);
-        if (names) writeGroup(names, number);
+        if (names) writeGroup(names, (__u64)node);
     }
     return id;
 }
 
 static __always_inline void noteExecutable(struct KernelProgram* program,
-                                           struct task_struct* task) {
+                                           const struct task_struct* task) {
     program->executable = (struct KernelFile){};
-    struct mm_struct* memory = task->mm;
-    if (!memory) return;
-    struct file* file = memory->exe_file;
+    struct file* file = BPF_CORE_READ(task, mm, exe_file);
     if (!file) return;
-    struct inode* inode = file->f_inode;
+    struct inode* inode = BPF_CORE_READ(file, f_inode);
     if (!inode) return;
-    struct KernelFile key = {inode->i_ino, inode->i_sb->s_dev, inode->i_generation};
+    struct KernelFile key = {BPF_CORE_READ(inode, i_ino), BPF_CORE_READ(inode, i_sb, s_dev),
+                             BPF_CORE_READ(inode, i_generation)};
     program->executable = key;
-    program->executableOwner = inode->i_uid.val;
+    program->executableOwner = BPF_CORE_READ(inode, i_uid.val);
     notePath(file, &key);
 }
 
-static __always_inline void notePrograms(struct KernelNote* note, struct task_struct* task) {
+// 1 if the task could be read. Checked by the kernel once, too: inlined, the ways through a task multiply
+// with those through each of its ancestors, and loading the programs takes seconds.
+__noinline int noteProgram(struct KernelProgram* program, __u64 ofTask) {
+    if (!program) return 0;
+    const struct task_struct* task = (void*)ofTask;
+    const struct task_struct* leader = BPF_CORE_READ(task, group_leader);
+    if (!leader || !BPF_CORE_READ(task, cred)) return 0;
+    program->pid = BPF_CORE_READ(task, tgid);
+    program->effectiveUserId = BPF_CORE_READ(task, cred, euid.val);
+    program->started = BPF_CORE_READ(leader, start_boottime);
+    program->execs = BPF_CORE_READ(task, self_exec_id);
+    program->controlGroup = noteGroup(task);
+    noteExecutable(program, task);
+    return 1;
+}
+
+static __always_inline void notePrograms(struct KernelNote* note) {
+    const struct task_struct* task = (void*)bpf_get_current_task();
     __u32 count = 0;
     for (; count < KERNEL_NOTE_PROGRAMS; ++count) {
-        if (!task || (count > 0 && task->tgid <= 1)) break;
-        struct KernelProgram* program = &note->programs[count];
-        struct task_struct* leader = task->group_leader;
-        const struct cred* credentials = task->cred;
-        if (!leader || !credentials) break;
-        program->pid = task->tgid;
-        program->effectiveUserId = credentials->euid.val;
-        program->started = leader->start_boottime;
-        program->execs = task->self_exec_id;
-        program->controlGroup = noteGroup(task);
-        noteExecutable(program, task);
-        task = leader->real_parent;
+        if (!task || (count > 0 && BPF_CORE_READ(task, tgid) <= 1)) break;
+        if (!noteProgram(&note->programs[count], (__u64)task)) break;
+        task = BPF_CORE_READ(task, group_leader, real_parent);
     }
     note->programCount = count;
 }
@@ -248,15 +247,14 @@ static __always_inline void setDestination(struct KernelNote* note, struct bpf_s
 }
 
 static __always_inline void fillNote(struct KernelNote* note, __u64 cookie, __u16 port,
-                                     struct bpf_sock_addr* hook, int isIPv6,
-                                     struct task_struct* task) {
+                                     struct bpf_sock_addr* hook, int isIPv6) {
     note->cookie = cookie;
     note->closed = 0;
     note->boundDevice = hook->sk ? hook->sk->bound_dev_if : 0;
     note->tuple.protocol = hook->protocol;
     note->tuple.localPort = port;
     setDestination(note, hook, isIPv6);
-    notePrograms(note, task);
+    notePrograms(note);
 }
 
 // True if the note is of the same socket and of the same program in the same place.
@@ -278,7 +276,7 @@ static __always_inline int noteConnect(struct bpf_sock_addr* hook, int isIPv6) {
     if (!isLookedAt(task)) return GOES_ON;
     struct KernelNote note = {};
     __u32 port = hook->sk ? hook->sk->src_port : 0;
-    fillNote(&note, bpf_get_socket_cookie(hook), port, hook, isIPv6, task);
+    fillNote(&note, bpf_get_socket_cookie(hook), port, hook, isIPv6);
     keepNote(&note);
     if (port && hook->protocol == UDP) bpf_map_update_elem(&ports, &port, &note, BPF_ANY);
     return GOES_ON;
@@ -297,7 +295,7 @@ static __always_inline int noteSend(struct bpf_sock_addr* hook, int isIPv6) {
         return GOES_ON;
     }
     struct KernelNote note = {};
-    fillNote(&note, cookie, port, hook, isIPv6, task);
+    fillNote(&note, cookie, port, hook, isIPv6);
     keepNote(&note);
     bpf_map_update_elem(&ports, &port, &note, BPF_ANY);
     return GOES_ON;
