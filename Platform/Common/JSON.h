@@ -128,12 +128,15 @@ std::optional<StringMap<std::string>> stringTable(JSONValue&& value);
 // Every element of an array of strings; nothing for any other value.
 std::optional<std::vector<std::string>> stringArray(const JSONValue& value);
 
-// Writes a compact document piece by piece into one string. The caller keeps the order right
+// Writes a document piece by piece into one string: in one line, or with each member and element on a
+// line of its own, indented by that many blanks for each level. The caller keeps the order right
 // (key before value, every begin with its end); commas are put by the writer. A text that is not
 // valid UTF-8, or a number that JSON cannot express (NaN, infinity), spoils the document: `finish`
 // then gives nothing.
 class JSONWriter {
 public:
+    explicit JSONWriter(unsigned blanksEachLevel = 0) : indentation(blanksEachLevel) {}
+
     void beginObject() { open('{'); }
     void endObject() { close('}'); }
     void beginArray() { open('['); }
@@ -157,9 +160,13 @@ private:
     void open(char bracket);
     void close(char bracket);
     void separate();
+    void startLine();
     void quoted(std::string_view text);
 
+    const unsigned indentation;
     std::string out;
+    std::size_t level = 0;
+    bool isAfterKey = false;
     bool needsComma = false;
     bool isSpoiled = false;
 };

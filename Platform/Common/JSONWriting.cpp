@@ -59,8 +59,9 @@ void appendNumber(std::string& out, Number number) {
 void JSONWriter::key(std::string_view name) {
     separate();
     quoted(name);
-    out += ':';
+    out += indentation == 0 ? ":" : ": ";
     needsComma = false;
+    isAfterKey = true;
 }
 
 void JSONWriter::string(std::string_view text) {
@@ -103,7 +104,8 @@ void JSONWriter::null() {
 
 std::optional<std::string> JSONWriter::finish() {
     auto document = std::exchange(out, {});
-    needsComma = false;
+    needsComma = isAfterKey = false;
+    level = 0;
     if (std::exchange(isSpoiled, false)) return std::nullopt;
     return document;
 }
@@ -112,16 +114,27 @@ void JSONWriter::open(char bracket) {
     separate();
     out += bracket;
     needsComma = false;
+    ++level;
 }
 
 void JSONWriter::close(char bracket) {
+    --level;
+    // An empty one closes where it was opened.
+    if (needsComma) startLine();
     out += bracket;
     needsComma = true;
 }
 
 void JSONWriter::separate() {
     if (needsComma) out += ',';
+    if (!std::exchange(isAfterKey, false) && level > 0) startLine();
     needsComma = true;
+}
+
+void JSONWriter::startLine() {
+    if (indentation == 0) return;
+    out += '\n';
+    out.append(level * indentation, ' ');
 }
 
 void JSONWriter::quoted(std::string_view text) {
