@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "Extension/ipc/ActivityLogResponseIPC.h"
-#include "Host/vantryctl/Documents.h"
-#include "Host/vantryctl/Places.h"
+#include "Host/settings/Documents.h"
+#include "Host/settings/Places.h"
 
 namespace vantryctl {
 

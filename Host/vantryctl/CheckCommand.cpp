@@ -4,7 +4,7 @@
 #include <iterator>
 #include <string_view>
 
-#include "Host/vantryctl/Documents.h"
+#include "Host/settings/Documents.h"
 #include "Host/vantryctl/Finding.h"
 #include "Host/vantryctl/KernelCheck.h"
 #include "Host/vantryctl/MachineCheck.h"

@@ -4,13 +4,16 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <chrono>
 #include <functional>
+#include <optional>
 
 #include "Host/vantryctl/CheckCommand.h"
+#include "Host/vantryctl/Duration.h"
 #include "Host/vantryctl/IdentifyCommand.h"
 #include "Host/vantryctl/LogCommands.h"
 #include "Host/vantryctl/RuleCommands.h"
-#include "Host/vantryctl/WatchCommand.h"
+#include "Host/vantryctl/SettingsCommands.h"
 #include "Platform/Common/Version.h"
 
 namespace vantryctl {
@@ -28,6 +31,8 @@ constexpr const char* closingText =
 // Where the explanations begin, so that lines fit a terminal.
 constexpr std::size_t columnOfHelp = 18;
 
+constexpr std::chrono::seconds timeOfTrial{60};
+
 using Applications = std::vector<std::string>;
 
 // What the options of all commands are read into, and what the given command will do.
@@ -35,7 +40,10 @@ struct Request {
     bool asJSON = false;
     bool isEmptying = false;
     LogOptions log;
-    WatchOptions watch;
+    std::optional<std::chrono::seconds> time;
+    std::vector<std::string> interfaces;
+    std::vector<std::string> words;
+    ImportOptions import;
     Applications applications;
     std::string word;
     std::string subject;
@@ -47,6 +55,7 @@ public:
     Commands(CLI::App& toFill, const Console& toUse) : app(toFill), console(toUse) {
         addRules();
         addVPN();
+        addSettings();
         addViews();
         addMachine();
     }
@@ -72,6 +81,18 @@ private:
             ->type_name("")
             ->required();
     }
+    void takeTime(CLI::App& command, const char* help) {
+        command
+            .add_option_function<std::string>(
+                "--for",
+                [this](const std::string& text) {
+                    request.time = durationIn(text);
+                    if (!request.time)
+                        throw CLI::ValidationError("--for", text + " is no time: 90s, 30m, 2h, 7d");
+                },
+                help)
+            ->type_name("TIME");
+    }
     void takeWord(CLI::App& command, const char* name, const char* help) {
         command.add_option(name, request.word, help)->type_name("")->required();
     }
@@ -79,6 +100,7 @@ private:
     void addRules();
     void addFallbacks(CLI::App& rules);
     void addVPN();
+    void addSettings();
     void addViews();
     void addLog();
     void addMachine();
@@ -95,24 +117,27 @@ void Commands::addRules() {
     takeJSON(rules);
     takeJSON(add(rules, "show", "Show them all, as without a word",
                  [this] { return showRules(request.asJSON, console); }));
-    add(rules, "set", "Send applications over the VPN or directly",
-        [this] {
-            const std::string route = request.applications.back();
-            request.applications.pop_back();
-            return setRule(request.applications, route, console);
-        })
-        .add_option("APPLICATION", request.applications,
-                    "Identifiers, and last the route: vpn or direct (TCP)")
+    CLI::App& set = add(rules, "set", "Send applications over the VPN or directly", [this] {
+        const std::string route = request.applications.back();
+        request.applications.pop_back();
+        return setRule(request.applications, route, request.time, console);
+    });
+    set.add_option("APPLICATION", request.applications,
+                   "Identifiers, and last the route: vpn or direct (TCP)")
         ->type_name("")
         ->expected(-2)  // two or more
         ->required();
+    takeTime(set, "Only for this long: 90s, 30m, 2h, 7d");
     takeApplications(add(rules, "remove", "Take rules away: the default holds again",
                          [this] { return removeRules(request.applications, console); }));
     takeWord(add(rules, "default", "Choose the route of applications without a rule",
                  [this] { return setDefaultRoute(request.word, console); }),
              "ROUTE", "vpn or direct (a default cannot block)");
-    takeApplications(add(rules, "block", "Block applications, whatever their rule says",
-                         [this] { return blockApplications(request.applications, console); }));
+    CLI::App& block = add(rules, "block", "Block applications, whatever their rule says", [this] {
+        return blockApplications(request.applications, request.time, console);
+    });
+    takeApplications(block);
+    takeTime(block, "Only for this long: 90s, 30m, 2h, 7d");
     takeApplications(add(rules, "unblock", "Lift blocks: the rule or the default holds again",
                          [this] { return unblockApplications(request.applications, console); }));
     addFallbacks(rules);
@@ -132,11 +157,36 @@ void Commands::addFallbacks(CLI::App& rules) {
 
 void Commands::addVPN() {
     CLI::App& vpn =
-        *app.add_subcommand("vpn", "Say whether the VPN is up (watch does it by itself)");
+        *app.add_subcommand("vpn", "Have the VPN followed, or say by hand whether it is up");
     vpn.require_subcommand(1);
+    add(vpn, "follow", "The settings service sees by itself whether it is up (the default)",
+        [this] { return followVPN(request.interfaces, console); })
+        .add_option("-i,--interface", request.interfaces,
+                    "Only these interfaces are the VPN (default: every tunnel)");
     add(vpn, "up", "The VPN is up", [this] { return setVPNState(true, console); });
     add(vpn, "down", "The VPN is down: its fallback holds",
         [this] { return setVPNState(false, console); });
+}
+
+void Commands::addSettings() {
+    CLI::App& attempt = add(
+        app, "try", "Make a change that is taken back unless confirmed",
+        [this] { return tryCommand(request.words, request.time.value_or(timeOfTrial), console); });
+    takeTime(attempt, "How long it may be confirmed: 90s, 5m (60s)");
+    attempt.prefix_command();
+    attempt.parse_complete_callback([this, &attempt] { request.words = attempt.remaining(); });
+    add(app, "confirm", "Keep the change that is on trial",
+        [this] { return confirmTrial(console); });
+    add(app, "undo", "Take the newest change back", [this] { return undo(console); });
+    add(app, "export", "Print the settings as a document to keep",
+        [this] { return exportSettings(console); });
+    CLI::App& import = add(app, "import", "Replace the settings by those of a document",
+                           [this] { return importSettings(request.import, console); });
+    import.add_option("FILE", request.import.file, "A document that export made")
+        ->type_name("")
+        ->required();
+    import.add_flag("-y,--yes", request.import.isAgreed, "Do it without asking");
+    import.add_flag("-n,--dry-run", request.import.isDryRun, "Only show what would change");
 }
 
 void Commands::addViews() {
@@ -179,11 +229,6 @@ void Commands::addLog() {
 void Commands::addMachine() {
     takeJSON(add(app, "check", "Say what the machine lacks that the daemon needs",
                  [this] { return checkMachine(request.asJSON, console); }));
-    CLI::App& watch = add(app, "watch", "Follow the VPN's tunnel and tell the daemon (a service)",
-                          [this] { return watchTunnel(request.watch, console); });
-    watch.add_option("-i,--interface", request.watch.interfaces,
-                     "Only these interfaces are the VPN (default: every tunnel)");
-    watch.add_flag("--once", request.watch.isOnce, "Say it once and end");
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The tool's line to the running daemon: a notification without data, or a message with its reply.
+// The tool's line to the running daemon: a message and its reply.
 #pragma once
 
 #include <string>
@@ -10,13 +10,6 @@
 #include "Host/vantryctl/Outcome.h"
 
 namespace vantryctl {
-
-// Tells the daemon, and whoever else listens, that the rules file has changed. A failure if nobody can
-// be listening or this user may not post.
-Outcome<> postRulesChanged();
-
-// Whether a daemon listens for messages, as far as this user can see. It is not disturbed.
-bool isDaemonListening();
 
 // Each sends one request and waits for its reply, for a bounded time.
 Outcome<vantry::ExtensionStatus> askForStatus();

@@ -9,7 +9,7 @@
 #include <memory>
 #include <optional>
 
-#include "Host/vantryctl/Documents.h"
+#include "Host/settings/Documents.h"
 #include "Platform/Common/Text.h"
 #include "Platform/Linux/Attribution/BundleIdentifiers.h"
 #include "Platform/Linux/Attribution/ProcessTable.h"

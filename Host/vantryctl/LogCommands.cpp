@@ -11,12 +11,12 @@
 #include <vector>
 
 #include "Extension/ipc/ActivityLogResponseIPC.h"
+#include "Host/settings/Documents.h"
+#include "Host/settings/Places.h"
+#include "Host/settings/Settings.h"
 #include "Host/vantryctl/ActivityLog.h"
 #include "Host/vantryctl/Daemon.h"
-#include "Host/vantryctl/Documents.h"
-#include "Host/vantryctl/Places.h"
-#include "Host/vantryctl/Settings.h"
-#include "Host/vantryctl/SettingsStore.h"
+#include "Host/vantryctl/SettingsClient.h"
 #include "Platform/Linux/HostChannel/FolderWatch.h"
 
 namespace vantryctl {
@@ -197,11 +197,22 @@ std::string daemonText(const Outcome<vantry::ExtensionStatus>& status) {
                                                                         : "cannot be asked";
 }
 
-std::string_view rulesFileText(const StoredSettings& stored) {
-    if (stored.areDefaults()) return "nothing was set yet, the defaults hold";
-    return stored.isRulesFileCurrent()
-               ? "the file says what the settings say"
-               : "the file is missing or says something else: vantryctl reload";
+std::string settingsText(const StoredSettings& stored) {
+    const auto& settings = stored.choices.settings;
+    const auto& tunnel = stored.tunnel;
+    std::string vpn = tunnel.isUp ? "up" : "down";
+    if (!tunnel.isFollowed) vpn = "said to be " + vpn;
+    if (!tunnel.carrying.empty()) vpn += fmt::format(" ({})", fmt::join(tunnel.carrying, ", "));
+    return fmt::format("Settings  {}\n",
+                       stored.hasSettings ? fmt::format("{}, {} blocked, all others {}",
+                                                        counted(std::ssize(settings.rules), "rule"),
+                                                        settings.blockedApps.size(),
+                                                        printable(settings.defaultAction))
+                                          : "nothing was set yet, the defaults hold") +
+           fmt::format("VPN       {}; when down: {}\n", printable(vpn),
+                       printable(settings.vpnFallback)) +
+           fmt::format("Direct    without a physical interface: {}\n",
+                       printable(settings.directFallback));
 }
 
 JSONObject statusDocument(const Outcome<vantry::ExtensionStatus>& status,
@@ -210,13 +221,16 @@ JSONObject statusDocument(const Outcome<vantry::ExtensionStatus>& status,
     const auto* known = std::get_if<vantry::ExtensionStatus>(&status);
     document["isRunning"] = known != nullptr;
     if (known != nullptr) document["ruleCount"] = known->ruleCount;
-    document["storedRuleCount"] = static_cast<std::int64_t>(stored.settings.rules.size());
-    document["blockedCount"] = static_cast<std::int64_t>(stored.settings.blockedApps.size());
-    document["vpnConnected"] = stored.settings.vpnConnected;
-    document["defaultAction"] = stored.settings.defaultAction;
-    document["vpnFallback"] = stored.settings.vpnFallback;
-    document["directFallback"] = stored.settings.directFallback;
-    document["rulesFileIsCurrent"] = stored.isRulesFileCurrent();
+    const auto& settings = stored.choices.settings;
+    document["storedRuleCount"] = static_cast<std::int64_t>(settings.rules.size());
+    document["blockedCount"] = static_cast<std::int64_t>(settings.blockedApps.size());
+    document["vpnConnected"] = settings.vpnConnected;
+    document["vpnInterfaces"] =
+        JSONArray(stored.tunnel.carrying.begin(), stored.tunnel.carrying.end());
+    document["defaultAction"] = settings.defaultAction;
+    document["vpnFallback"] = settings.vpnFallback;
+    document["directFallback"] = settings.directFallback;
+    document["problems"] = JSONArray(stored.problems.begin(), stored.problems.end());
     return document;
 }
 
@@ -299,28 +313,25 @@ ExitCode clearFailures(const Console& console) {
     return ExitCode::done;
 }
 
+// Problems come first: they are what somebody who looks needs to know.
 ExitCode showStatus(bool asJSON, const Console& console) {
     const auto loaded = loadSettings();
-    if (const auto* failure = failureOf(loaded)) return console.report(*failure);
-    const auto& stored = std::get<StoredSettings>(loaded);
+    const auto* withoutSettings = failureOf(loaded);
+    const auto stored =
+        withoutSettings == nullptr ? std::get<StoredSettings>(loaded) : StoredSettings{};
     const auto status = askForStatus();
-    const auto& settings = stored.settings;
+    const auto* failure = failureOf(status);
     if (asJSON) {
         console.out << documentOf(statusDocument(status, stored));
     } else {
-        console.out << fmt::format("Daemon    {}\n", daemonText(status))
-                    << fmt::format("Settings  {}, {} blocked, all others {}\n",
-                                   counted(std::ssize(settings.rules), "rule"),
-                                   settings.blockedApps.size(), printable(settings.defaultAction))
-                    << fmt::format("Rules     {}\n", rulesFileText(stored))
-                    << fmt::format("VPN       said to be {}; when down: {}\n",
-                                   settings.vpnConnected ? "up" : "down",
-                                   printable(settings.vpnFallback))
-                    << fmt::format("Direct    without a physical interface: {}\n",
-                                   printable(settings.directFallback));
+        for (const auto& problem : stored.problems)
+            console.out << wrapped("Problem: " + printable(problem), 0, console.width);
+        console.out << fmt::format("Daemon    {}\n", daemonText(status));
+        if (withoutSettings == nullptr) console.out << settingsText(stored);
     }
-    const auto* failure = failureOf(status);
-    return failure == nullptr ? ExitCode::done : console.report(*failure);
+    if (withoutSettings != nullptr) console.report(*withoutSettings);
+    if (failure != nullptr) return console.report(*failure);
+    return withoutSettings == nullptr ? ExitCode::done : withoutSettings->code;
 }
 
 }  // namespace vantryctl

@@ -3,14 +3,19 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <ctime>
 #include <set>
+#include <utility>
 
-#include "Host/vantryctl/Documents.h"
-#include "Host/vantryctl/Settings.h"
-#include "Host/vantryctl/SettingsStore.h"
+#include "Host/settings/Documents.h"
+#include "Host/settings/Settings.h"
+#include "Host/vantryctl/Duration.h"
+#include "Host/vantryctl/SettingsClient.h"
 #include "Platform/Common/Text.h"
 
 namespace vantryctl {
+
+using vantryhost::Choices;
 
 namespace {
 
@@ -111,15 +116,37 @@ std::string documentOfSettings(const Settings& settings) {
     return documentOf(document);
 }
 
-void noteFiles(const StoredSettings& stored, const Console& console) {
-    if (!stored.rulesFileProblem.empty())
-        console.note(stored.rulesFileProblem + " The daemon cannot use it: vantryctl reload.");
-    else if (stored.areInPreferences && !stored.rulesFile)
-        console.note("The rules file is missing. vantryctl reload makes it anew.");
-    else if (!stored.isRulesFileCurrent())
-        console.note(
-            "The rules file says something else than the preferences, which are shown here: "
-            "vantryctl reload.");
+// What ends by itself, in a table of its own.
+std::string temporaryText(const vantryhost::Choices& choices) {
+    if (choices.temporaryRules.empty()) return "";
+    Table table({{"FOR THE TIME BEING", true}, {"FOR"}, {"THEN"}});
+    const auto now = std::time(nullptr);
+    for (const auto& rule : choices.temporaryRules)
+        table.add({rule.application, durationText(rule.until - now),
+                   rule.wasBlocked ? "blocked" : rule.ruleBefore.value_or("no rule")});
+    return "\n" + table.text();
+}
+
+std::string tunnelText(const StoredSettings& stored) {
+    const auto& tunnel = stored.tunnel;
+    const std::string_view state = tunnel.isUp ? "up" : "down";
+    if (!tunnel.isFollowed) return fmt::format("The VPN is said to be {} (vpn follow).", state);
+    if (!tunnel.isUp) return "The VPN is down.";
+    return fmt::format("The VPN is up: {}.", fmt::join(tunnel.carrying, ", "));
+}
+
+// The change lasts for `time` only, where one is given.
+void limitTo(const std::optional<std::chrono::seconds>& time, vantryhost::Choices& choices,
+             const std::vector<std::string>& applications) {
+    for (const auto& application : applications)
+        if (time)
+            choices.makeTemporary(application, std::time(nullptr) + time->count());
+        else
+            choices.keepRuleOf(application);
+}
+
+void sayHowLong(const std::optional<std::chrono::seconds>& time, const Console& console) {
+    if (time) say(console, "This ends by itself in " + durationText(time->count()) + ".");
 }
 
 }  // namespace
@@ -128,22 +155,22 @@ ExitCode showRules(bool asJSON, const Console& console) {
     const auto loaded = loadSettings();
     if (const auto* failure = failureOf(loaded)) return console.report(*failure);
     const auto& stored = std::get<StoredSettings>(loaded);
-    const auto& settings = stored.settings;
+    const auto& settings = stored.choices.settings;
     if (asJSON) {
         console.out << documentOfSettings(settings);
         return ExitCode::done;
     }
-    console.out << ruleTable(settings).text(console.width) << '\n'
-                << fmt::format("The VPN is said to be {}.\n", settings.vpnConnected ? "up" : "down")
+    console.out << ruleTable(settings).text(console.width) << temporaryText(stored.choices) << '\n'
+                << wrapped(printable(tunnelText(stored)), 0, console.width)
                 << wrapped("When it is down, " + vpnDownText(settings) + ".", 0, console.width)
                 << wrapped("Without a physical interface, " + noInterfaceText(settings) + ".", 0,
                            console.width);
-    noteFiles(stored, console);
+    for (const auto& problem : stored.problems) console.note(problem);
     return ExitCode::done;
 }
 
 ExitCode setRule(const std::vector<std::string>& applications, const std::string& route,
-                 const Console& console) {
+                 std::optional<std::chrono::seconds> time, const Console& console) {
     if (route == "block")
         return console.report(
             usage("A rule chooses between vpn and direct; it cannot block.",
@@ -152,10 +179,11 @@ ExitCode setRule(const std::vector<std::string>& applications, const std::string
         return console.report(usage("A route is vpn or direct, not " + route + "."));
     if (const auto objection = objectionToAny(applications)) return console.report(*objection);
     for (const auto& application : applications) hintAtPath(application, console);
-    const auto change = changeSettings([&](Settings& settings) {
-        const auto before = settings.rules;
-        for (const auto& application : applications) settings.rules[application] = route;
-        return settings.rules != before;
+    const auto change = changeSettings([&](Choices& choices) {
+        const auto before = choices;
+        limitTo(time, choices, applications);
+        for (const auto& application : applications) choices.settings.rules[application] = route;
+        return choices != before;
     });
     return finish(change, console, [&](const Change& done) {
         if (route == "direct")
@@ -168,26 +196,31 @@ ExitCode setRule(const std::vector<std::string>& applications, const std::string
             say(console,
                 "Open direct connections end; new ones take the system's own route, the VPN while "
                 "that is up. When it is down, " +
-                    vpnDownText(done.after) + ".");
+                    vpnDownText(done.after.settings) + ".");
+        sayHowLong(time, console);
         for (const auto& application : applications)
-            if (const auto block = blockThatCovers(done.after, application); !block.empty())
+            if (const auto block = blockThatCovers(done.after.settings, application);
+                !block.empty())
                 console.note(fmt::format("{} is blocked, and stays so: vantryctl rules unblock {}",
                                          application, block));
     });
 }
 
 ExitCode removeRules(const std::vector<std::string>& applications, const Console& console) {
-    const auto change = changeSettings([&](Settings& settings) {
+    const auto change = changeSettings([&](Choices& choices) {
         std::size_t removed = 0;
-        for (const auto& application : applications) removed += settings.rules.erase(application);
+        for (const auto& application : applications) {
+            removed += choices.settings.rules.erase(application);
+            choices.keepRuleOf(application);
+        }
         return removed > 0;
     });
     return finish(change, console, [&](const Change& done) {
         for (const auto& application : applications)
-            if (!done.before.rules.contains(application))
+            if (!done.before.settings.rules.contains(application))
                 console.note(fmt::format("{} had no rule.", application));
         say(console, fmt::format("Without a rule, an application takes the default route: {}.",
-                                 routeOf(done.after.defaultAction)));
+                                 routeOf(done.after.settings.defaultAction)));
     });
 }
 
@@ -199,8 +232,9 @@ ExitCode setDefaultRoute(const std::string& route, const Console& console) {
                   "Block applications one by one: vantryctl rules block APPLICATION"));
     if (route != "vpn" && route != "direct")
         return console.report(usage("A route is vpn or direct, not " + route + "."));
-    const auto change = changeSettings(
-        [&](Settings& settings) { return std::exchange(settings.defaultAction, route) != route; });
+    const auto change = changeSettings([&](Choices& choices) {
+        return std::exchange(choices.settings.defaultAction, route) != route;
+    });
     return finish(change, console, [&](const Change&) {
         if (route == "direct")
             say(console,
@@ -214,13 +248,15 @@ ExitCode setDefaultRoute(const std::string& route, const Console& console) {
     });
 }
 
-ExitCode blockApplications(const std::vector<std::string>& applications, const Console& console) {
+ExitCode blockApplications(const std::vector<std::string>& applications,
+                           std::optional<std::chrono::seconds> time, const Console& console) {
     if (const auto objection = objectionToAny(applications)) return console.report(*objection);
     for (const auto& application : applications) hintAtPath(application, console);
-    const auto change = changeSettings([&](Settings& settings) {
-        const auto before = settings.blockedApps.size();
-        settings.blockedApps.insert(applications.begin(), applications.end());
-        return settings.blockedApps.size() != before;
+    const auto change = changeSettings([&](Choices& choices) {
+        const auto before = choices;
+        limitTo(time, choices, applications);
+        choices.settings.blockedApps.insert(applications.begin(), applications.end());
+        return choices != before;
     });
     return finish(change, console, [&](const Change&) {
         say(console,
@@ -232,21 +268,25 @@ ExitCode blockApplications(const std::vector<std::string>& applications, const C
             "A program that an application starts is blocked through that application, or under "
             "its "
             "own name only where it runs on its own.");
+        sayHowLong(time, console);
     });
 }
 
 ExitCode unblockApplications(const std::vector<std::string>& applications, const Console& console) {
-    const auto change = changeSettings([&](Settings& settings) {
+    const auto change = changeSettings([&](Choices& choices) {
         std::size_t removed = 0;
-        for (const auto& application : applications)
-            removed += settings.blockedApps.erase(application);
+        for (const auto& application : applications) {
+            removed += choices.settings.blockedApps.erase(application);
+            choices.keepRuleOf(application);
+        }
         return removed > 0;
     });
     return finish(change, console, [&](const Change& done) {
         for (const auto& application : applications) {
-            if (!done.before.blockedApps.contains(application))
+            if (!done.before.settings.blockedApps.contains(application))
                 console.note(fmt::format("{} was not blocked by this name.", application));
-            if (const auto block = blockThatCovers(done.after, application); !block.empty())
+            if (const auto block = blockThatCovers(done.after.settings, application);
+                !block.empty())
                 console.note(fmt::format("{} is still blocked, with {}.", application, block));
         }
         say(console, "Unblocked.");
@@ -256,34 +296,54 @@ ExitCode unblockApplications(const std::vector<std::string>& applications, const
 ExitCode setFallback(Fallback fallback, const std::string& word, const Console& console) {
     if (word != "allow" && word != "block")
         return console.report(usage("A fallback is allow or block, not " + word + "."));
-    const auto change = changeSettings([&](Settings& settings) {
-        auto& field = fallback == Fallback::vpn ? settings.vpnFallback : settings.directFallback;
+    const auto change = changeSettings([&](Choices& choices) {
+        auto& field = fallback == Fallback::vpn ? choices.settings.vpnFallback
+                                                : choices.settings.directFallback;
         return std::exchange(field, word) != word;
     });
     return finish(change, console, [&](const Change& done) {
         if (fallback == Fallback::vpn)
-            say(console, "While the VPN is down, " + vpnDownText(done.after) + ".");
+            say(console, "While the VPN is down, " + vpnDownText(done.after.settings) + ".");
         else
-            say(console, "Without a physical interface, " + noInterfaceText(done.after) + ".");
+            say(console,
+                "Without a physical interface, " + noInterfaceText(done.after.settings) + ".");
     });
 }
 
 ExitCode setVPNState(bool isUp, const Console& console) {
-    const auto change = changeSettings(
-        [&](Settings& settings) { return std::exchange(settings.vpnConnected, isUp) != isUp; });
+    const auto change = changeSettings([&](Choices& choices) {
+        const auto before = choices;
+        choices.tunnel.isFollowed = false;
+        choices.settings.vpnConnected = isUp;
+        return choices != before;
+    });
     return finish(change, console, [&](const Change& done) {
         console.out << fmt::format("The daemon takes the VPN to be {}.\n", isUp ? "up" : "down");
-        if (!isUp) say(console, "While it is down, " + vpnDownText(done.after) + ".");
+        say(console,
+            "It stays so until you say otherwise, or have it followed: vantryctl vpn follow.");
+        if (!isUp) say(console, "While it is down, " + vpnDownText(done.after.settings) + ".");
+    });
+}
+
+ExitCode followVPN(const std::vector<std::string>& interfaces, const Console& console) {
+    const auto change = changeSettings([&](Choices& choices) {
+        const vantryhost::TunnelChoice wanted{true, interfaces};
+        return std::exchange(choices.tunnel, wanted) != wanted;
+    });
+    return finish(change, console, [&](const Change&) {
+        say(console,
+            interfaces.empty()
+                ? std::string("The VPN is up while any tunnel is, and its routes are there.")
+                : fmt::format("The VPN is up while {} is, and its routes are there.",
+                              fmt::join(interfaces, " or ")));
     });
 }
 
 ExitCode reloadRules(const Console& console) {
     const auto restored = restoreRulesFile();
     if (const auto* failure = failureOf(restored)) return console.report(*failure);
-    const auto& change = std::get<Change>(restored);
-    console.out << (change.isStored ? "The rules file was made anew from the preferences.\n"
-                                    : "The rules file says what the preferences say.\n");
-    for (const auto& note : change.notes) console.note(note);
+    console.out << "The rules file says what the preferences say.\n";
+    for (const auto& note : std::get<Change>(restored).notes) console.note(note);
     return ExitCode::done;
 }
 

@@ -3,6 +3,8 @@
 // doesn't.
 #pragma once
 
+#include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,18 +14,23 @@
 namespace vantryctl {
 
 ExitCode showRules(bool asJSON, const Console& console);
+// With a time, the rule before holds again after it.
 ExitCode setRule(const std::vector<std::string>& applications, const std::string& route,
-                 const Console& console);
+                 std::optional<std::chrono::seconds> time, const Console& console);
 ExitCode removeRules(const std::vector<std::string>& applications, const Console& console);
 ExitCode setDefaultRoute(const std::string& route, const Console& console);
-ExitCode blockApplications(const std::vector<std::string>& applications, const Console& console);
+ExitCode blockApplications(const std::vector<std::string>& applications,
+                           std::optional<std::chrono::seconds> time, const Console& console);
 ExitCode unblockApplications(const std::vector<std::string>& applications, const Console& console);
 
 enum class Fallback { vpn, direct };
 // `word` is "allow" or "block".
 ExitCode setFallback(Fallback fallback, const std::string& word, const Console& console);
 
+// Says by hand whether the VPN is up, or has the settings service say it: by these interfaces, or by every
+// tunnel.
 ExitCode setVPNState(bool isUp, const Console& console);
+ExitCode followVPN(const std::vector<std::string>& interfaces, const Console& console);
 // Makes the rules file say what the preferences say, and has the daemon read it.
 ExitCode reloadRules(const Console& console);
 

@@ -12,7 +12,7 @@ import sys
 import time
 from collections.abc import Callable
 
-from . import host, network, verdicts, world
+from . import host, network, settings, verdicts, world
 from .applications import Application
 from .checks import Checks
 from .host import Rules
@@ -104,9 +104,8 @@ class Story:
                        " and takes all routes.")
         self.voice.say("A server on the other side says from which of the two each connection reached it.")
         self.stage.start_daemon(Rules())
-        self._watch = subprocess.Popen([str(TOOL), "watch"], stdin=subprocess.DEVNULL,
-                                       stdout=subprocess.DEVNULL)
-        self.voice.say("The daemon is running, and vantryctl watch tells it when the VPN comes and goes.")
+        self._settings = settings.start()
+        self.voice.say("The daemon is running, and vantry-settings tells it when the VPN comes and goes.")
 
     def _without_rules(self) -> None:
         self.voice.chapter("Without a rule, everything goes through the VPN")
@@ -196,8 +195,7 @@ class Story:
 
     def _the_end(self) -> None:
         self.voice.chapter("The daemon ends")
-        self._watch.terminate()
-        self._watch.wait()
+        settings.stop(self._settings)
         status = self.stage.daemon.stop(seconds=3)
         self.voice.row("vantryd", "ends when asked", verdicts.Verdict(status == 0, f"status {status}"))
         self._connects(self.stage.chatter, "as if none had been", verdicts.went_through_tunnel)

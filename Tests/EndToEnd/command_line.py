@@ -1,12 +1,12 @@
 """The command-line tool against the running daemon: what it changes takes effect, what it shows is so."""
 
-import contextlib
 import json
 import subprocess
 import threading
+import time
 import uuid
 
-from vantrylab import host, network, world
+from vantrylab import host, network, settings, world
 from vantrylab.host import Rules
 
 TOOL = world.BUILD / "vantryctl"
@@ -16,15 +16,16 @@ COURIER, LEDGER, CHATTER = "com.example.courier", "com.example.ledger", "com.exa
 def run(stage) -> None:
     network.vpn_up()
     stage.start_daemon(Rules())
-    _changes_take_effect(stage)
-    _views(stage)
-    _following_the_log(stage)
-    _identities(stage)
-    _machine(stage)
-    _the_watch_follows_the_tunnel(stage)
-    _the_watch_makes_a_lost_rules_file_anew(stage)
-    stage.stop_daemon()
-    _without_a_daemon(stage)
+    with settings.running():
+        _changes_take_effect(stage)
+        _views(stage)
+        _following_the_log(stage)
+        _identities(stage)
+        _machine(stage)
+        _the_tunnel_is_followed(stage)
+        stage.stop_daemon()
+        _without_a_daemon(stage)
+    _a_crash_leaves_old_or_new(stage)
     _rules_as_found(stage)
     _logs_as_found(stage)
     _failures_as_found(stage)
@@ -63,18 +64,19 @@ def _changes_take_effect(stage) -> None:
         address = stage.ipv4()
         expect(f"{name}: takes effect", application.run("connect", address, 80), address)
         stage.checks.equal(f"{name}: lasts, as the preferences hold what the rules file holds",
-                           _stored_in_preferences(), json.loads(host.RULES_FILE.read_text()))
+                           _stored_in_preferences(), json.loads(host.RULES_FILE.read_text()) if words[0] == "vpn"
+                           else {key: value for key, value in json.loads(host.RULES_FILE.read_text()).items()
+                                 if key in _stored_in_preferences()})
     stage.checks.equal("all changes together", _document("rules", "show"), {
         "rules": {LEDGER: "vpn", "com.example.absent": "vpn"}, "defaultAction": "vpn", "vpnFallback": "block",
         "directFallback": "allow", "vpnConnected": True, "blockedApps": ["com.example.idle"]})
-    stage.checks.equal("are what is stored", _stored_in_preferences(), _document("rules", "show"))
 
 
 def _views(stage) -> None:
     status = _document("status")
     stage.checks.equal("status counts the rules in force and those that are stored",
                        [status[key] for key in ("isRunning", "ruleCount", "storedRuleCount", "blockedCount",
-                                                "rulesFileIsCurrent")], [True, 2, 2, 1, True])
+                                                "problems")], [True, 2, 2, 1, []])
     stage.checks.check("status reads well", "running, 2 rules in force" in _use_tool("status").stdout)
     address = stage.ipv4()
     stage.courier.run("connect", address, 80)
@@ -155,41 +157,45 @@ def _ruleset() -> str:
     return subprocess.run(["nft", "list", "ruleset"], capture_output=True, text=True, check=True).stdout
 
 
-@contextlib.contextmanager
-def _watch():
-    watch = subprocess.Popen([str(TOOL), "watch"], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
-    yield
-    watch.terminate()
-    watch.wait(5)
+def _the_tunnel_is_followed(stage) -> None:
+    _use_tool("vpn", "follow")
+    for layout in network.LAYOUTS:
+        since = stage.daemon.mark()
+        network.vpn_down()
+        stage.expect_line("the tunnel's end is told", "VPN state updated: connected=false", since)
+        address = stage.ipv4()
+        stage.expect_denied("the fallback holds", stage.ledger.run("connect", address, 80), address)
+        since = stage.daemon.mark()
+        network.vpn_up(layout)
+        stage.expect_line(f"the tunnel's return is told, {layout}", "VPN state updated: connected=true", since)
+        address = stage.ipv4()
+        stage.expect_tunnel(f"and the VPN is used, {layout}", stage.ledger.run("connect", address, 80), address)
+    _use_tool("vpn", "follow", "--interface", "wgg")
+    stage.checks.check("an interface that isn't there is said in status", "wgg is not there" in _use_tool("status").stdout)
+    _use_tool("vpn", "follow")
 
 
-def _the_watch_follows_the_tunnel(stage) -> None:
-    with _watch():
-        for layout in network.LAYOUTS:
-            since = stage.daemon.mark()
-            network.vpn_down()
-            stage.expect_line("watch: the tunnel's end is told", "VPN state updated: connected=false", since)
-            address = stage.ipv4()
-            stage.expect_denied("watch: the fallback holds", stage.ledger.run("connect", address, 80), address)
-            since = stage.daemon.mark()
-            network.vpn_up(layout)
-            stage.expect_line(f"watch: the tunnel's return is told, {layout}",
-                              "VPN state updated: connected=true", since)
-            address = stage.ipv4()
-            stage.expect_tunnel(f"watch: and the VPN is used, {layout}",
-                                stage.ledger.run("connect", address, 80), address)
-
-
-def _the_watch_makes_a_lost_rules_file_anew(stage) -> None:
-    lost = json.loads(host.RULES_FILE.read_text())
-    host.RULES_FILE.unlink()
-    with _watch():
-        for number in range(3):
-            stage.checks.eventually(f"watch: the rules file is there, loss {number}",
-                                    lambda: (host.RULES_FILE.exists(), "none"))
-            stage.checks.equal("watch: it says what it said", json.loads(host.RULES_FILE.read_text()), lost)
-            host.RULES_FILE.unlink()
-        stage.checks.eventually("watch: and again", lambda: (host.RULES_FILE.exists(), "none"))
+def _a_crash_leaves_old_or_new(stage) -> None:
+    """A service killed in the middle of changes: both files whole, one of the states that were asked for."""
+    service = settings.start()
+    known = {json.dumps(_stored_in_preferences()["rules"], sort_keys=True)}
+    for number in range(12):
+        words = ("rules", "set", f"com.example.crash{number}", "direct")
+        known.add(json.dumps(_stored_in_preferences()["rules"] | {words[2]: "direct"}, sort_keys=True))
+        change = subprocess.Popen([str(TOOL), *words], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        time.sleep(number * 0.0015)
+        service.kill()
+        service.wait()
+        change.wait(20)
+        found = json.dumps(_stored_in_preferences()["rules"], sort_keys=True)
+        stage.checks.check(f"crash {number}: the preferences are the old or the new ones", found in known, found)
+        service = settings.start()
+        stage.checks.eventually("the rules file follows", lambda: (
+            json.loads(host.RULES_FILE.read_text())["rules"] == json.loads(found), host.RULES_FILE.read_text()))
+    leftovers = [each for each in [*host.RULES_FILE.parent.iterdir(), *host.PREFERENCES.parent.iterdir()]
+                 if ".new-" in each.name]
+    stage.checks.equal("nothing is left over", leftovers, [])
+    settings.stop(service)
 
 
 def _without_a_daemon(stage) -> None:
@@ -215,7 +221,8 @@ def _rules_as_found(stage) -> None:
     host.write_whole(host.RULES_FILE, json.dumps({
         "rules": {"org.a": "direct", "org.a.deep": "direct", "org.b": "direct", "org.c": "block"},
         "blockedApps": ["org.a"]}))
-    shown = _use_tool("rules")
+    with settings.running():
+        shown = _use_tool("rules")
     stage.checks.equal("rules: the table", shown.stdout.splitlines()[:6], [
         "APPLICATION   ROUTE    NOTE",
         "org.a         blocked  its rule, direct, waits for unblock",
@@ -224,7 +231,7 @@ def _rules_as_found(stage) -> None:
         'org.c         vpn      a rule "block" blocks nothing: use rules block',
         "(all others)  vpn"])
     stage.checks.check("rules: fits a terminal", _fits_a_terminal(shown), shown)
-    for words in ((), ("rules",), ("rules", "set"), ("watch",)):
+    for words in ((), ("rules",), ("rules", "set"), ("vpn", "follow")):
         shown = _use_tool(*words, "--help")
         stage.checks.check(f"{' '.join(words)} --help: fits a terminal", _fits_a_terminal(shown), shown)
 

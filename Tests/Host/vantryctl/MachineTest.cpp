@@ -1,35 +1,9 @@
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
 #include "Host/vantryctl/MachineCheck.h"
-#include "Host/vantryctl/TunnelState.h"
 
 namespace vantryctl {
 namespace {
-
-using platform::NetworkInterface;
-using platform::NetworkState;
-using Names = std::vector<std::string>;
-
-TEST(TunnelStateTest, OnlyATunnelInUseIsTheVPN) {
-    const auto interfaceNamed = [](const char* name, bool isTunnel = true) {
-        NetworkInterface made;
-        made.name = made.shownName = name;
-        made.isTunnel = isTunnel;
-        made.isUp = true;
-        made.addresses.push_back({AF_INET, {10, 0, 0, 1}, 24, false});
-        return made;
-    };
-    NetworkState state{{interfaceNamed("eth0", false), interfaceNamed("tun0"),
-                        interfaceNamed("down"), interfaceNamed("bare"), interfaceNamed("local"),
-                        interfaceNamed("wg0")}};
-    state.interfaces[2].isUp = false;
-    state.interfaces[3].addresses.clear();
-    state.interfaces[4].addresses = {{AF_INET6, {0xfe, 0x80}, 64, true}};
-    EXPECT_EQ(tunnelsThatAreUp(state, {}), (Names{"tun0", "wg0"}));
-    EXPECT_EQ(tunnelsThatAreUp(state, {"wg0", "down"}), (Names{"wg0"}));
-    EXPECT_EQ(tunnelsThatAreUp(state, {"eth0"}), (Names{"eth0"}));
-}
 
 TEST(MachineCheckTest, RulesOfOthersAreFoundWhereTheyMatter) {
     const struct {

@@ -2,11 +2,13 @@
 
 #include <filesystem>
 #include <iterator>
+#include <optional>
+#include <thread>
 
+#include "Host/settings/Places.h"
+#include "Host/vantry-settings/SettingsService.h"
 #include "Host/vantryctl/CommandLine.h"
-#include "Host/vantryctl/Places.h"
 #include "Platform/Common/JSON.h"
-#include "Platform/Linux/HostChannel/SharedFolder.h"
 #include "Tests/Platform/Linux/HostChannel/PrivateMachine.h"
 
 // Runs the tool as a person would, on a machine of the test's own.
@@ -16,6 +18,7 @@ namespace {
 using platform::JSONObject;
 using platform::JSONValue;
 using namespace platform::testing;
+using platform::eventually;
 
 struct Result {
     int exitCode;
@@ -63,7 +66,37 @@ JSONValue storedInPreferences() {
 }
 JSONValue storedInRulesFile() { return parsed(contentOf(places::rulesFile)); }
 
-using RuleCommands = PrivateMachine;
+// With the settings service at work, as on any machine of a user's.
+class RuleCommands : public PrivateMachine {
+protected:
+    void SetUp() override {
+        PrivateMachine::SetUp();
+        if (!IsSkipped()) startService();
+    }
+    void TearDown() override { stopService(); }
+
+    void startService() {
+        service.emplace();
+        serving = std::thread([this] { service->run(); });
+        ASSERT_TRUE(eventually([] { return runTool("rules show").exitCode != 3; }));
+    }
+    void stopService() {
+        if (!service) return;
+        service->stop();
+        serving.join();
+        service.reset();
+    }
+    // As if the service had found `content` at its start.
+    void startServiceWith(const std::string& preferences) {
+        stopService();
+        writeFile(places::preferencesFile, preferences);
+        startService();
+    }
+
+private:
+    std::optional<vantrysettings::SettingsService> service;
+    std::thread serving;
+};
 
 TEST_F(RuleCommands, WhatTheExtensionDoesNotDoIsRefused) {
     const struct {
@@ -89,35 +122,38 @@ TEST_F(RuleCommands, WhatTheExtensionDoesNotDoIsRefused) {
     }
 }
 
-TEST_F(RuleCommands, ForeignKeysStayInBothFiles) {
-    platform::makeSharedFolder(places::preferencesFolder, platform::FolderAccess::trustedGroupOnly);
-    writeFile(places::preferencesFile,
-              R"({"logLevel":"debug","protocolConfiguration":{"providerBundleIdentifier":"x.y",
-                  "providerConfiguration":{"theirs":[1,2.5,null],"rules":{"a":"vpn"}}}})");
-    writeFile(places::rulesFile, R"({"rules":{},"another":{"deep":{"er":true}}})");
-    const auto result = runTool("rules set b direct");
-    EXPECT_NE(result.err.find("under rules;"), std::string::npos) << result.err;
-    const auto preferences = parsed(contentOf(places::preferencesFile));
-    EXPECT_EQ(textUnder(preferences, "logLevel"), "debug");
-    EXPECT_EQ(textUnder(under(preferences, "protocolConfiguration"), "providerBundleIdentifier"),
-              "x.y");
+TEST_F(RuleCommands, ThePreferencesStayReadableAndForeignKeysInTheirPlace) {
+    startServiceWith(
+        R"({"logLevel":"debug","protocolConfiguration":{"providerBundleIdentifier":"x.y",
+        "providerConfiguration":{"theirs":[1,2.5,null],"rules":{"a":"vpn"}}}})");
+    ASSERT_EQ(chmod(places::preferencesFile, 0600), 0);
+    umask(0);
+    ASSERT_EQ(runTool("rules set b direct").exitCode, 0);
+    EXPECT_EQ(contentOf(places::preferencesFile).find("{\n  \"logLevel\": \"debug\",\n"), 0U);
     EXPECT_EQ(under(storedInPreferences(), "theirs"), parsed("[1,2.5,null]"));
-    EXPECT_EQ(under(storedInRulesFile(), "another"), parsed(R"({"deep":{"er":true}})"));
     EXPECT_EQ(under(storedInRulesFile(), "rules"), parsed(R"({"a":"vpn","b":"direct"})"));
-    // Without preferences, the rules file is all there is to go by.
+    struct stat file {};
+    ASSERT_EQ(stat(places::preferencesFile, &file), 0);
+    EXPECT_EQ(file.st_mode & 07777, 0640U);
+    // An edit by hand counts too.
+    replaceFile(places::preferencesFile,
+                R"({"protocolConfiguration":{"providerConfiguration":{"blockedApps":["c"]}}})");
+    EXPECT_TRUE(
+        eventually([] { return under(storedInRulesFile(), "blockedApps") == parsed(R"(["c"])"); }));
+    // Rules from before the service are taken over where nothing else is known.
+    stopService();
     ASSERT_EQ(unlink(places::preferencesFile), 0);
-    ASSERT_EQ(runTool("rules remove a").exitCode, 0);
-    EXPECT_EQ(under(storedInPreferences(), "rules"), parsed(R"({"b":"direct"})"));
+    writeFile(places::rulesFile, R"({"rules":{"old":"direct"},"defaultAction":"direct"})");
+    startService();
+    EXPECT_EQ(under(storedInPreferences(), "rules"), parsed(R"({"old":"direct"})"));
 }
 
 TEST_F(RuleCommands, PreferencesThatAreNotUnderstoodAreLeftAsTheyAre) {
-    platform::makeSharedFolder(places::preferencesFolder, platform::FolderAccess::trustedGroupOnly);
     for (const std::string content :
          {"", "[]", R"({"protocolConfiguration":7})",
-          R"({"protocolConfiguration":{"providerConfiguration":"x"}})",
           R"({"protocolConfiguration":{"providerConfiguration":{"rules":{"a":1}}}})",
-          R"({"protocolConfiguration":{"providerConfiguration":{"blockedApps":{}}}})"}) {
-        writeFile(places::preferencesFile, content);
+          R"({"temporaryRules":[7]})"}) {
+        startServiceWith(content);
         for (const char* command : {"rules set a direct", "rules show", "reload", "vpn down"}) {
             const auto result = runTool(command);
             EXPECT_EQ(result.exitCode, 1) << content;
@@ -128,39 +164,40 @@ TEST_F(RuleCommands, PreferencesThatAreNotUnderstoodAreLeftAsTheyAre) {
     }
 }
 
-TEST_F(RuleCommands, ARulesFileThatCannotBeUsedIsReplacedButNotLost) {
+TEST_F(RuleCommands, WhateverTakesTheRulesFilesPlaceIsMovedAside) {
     if (!hasOtherAccounts()) GTEST_SKIP() << needsAccounts;
     ASSERT_EQ(runTool("rules set a direct").exitCode, 0);
+    const auto before = contentOf("/etc/passwd");
     const std::function<void()> harms[] = {
-        [] { writeFile(places::rulesFile, "not json"); },
+        [] { unlink(places::rulesFile); },
         [] { writeFile(places::rulesFile, R"({"rules":{"a":7}})"); },
         [] { ASSERT_EQ(chown(places::rulesFile, strangerAccount, 0), 0); },
         [] {
             unlink(places::rulesFile);
             ASSERT_EQ(symlink("/etc/passwd", places::rulesFile), 0);
         },
+        [] {
+            unlink(places::rulesFile);
+            ASSERT_TRUE(std::filesystem::create_directories(std::string(places::rulesFile) + "/x"));
+        },
     };
-    const auto before = contentOf("/etc/passwd");
     for (const auto& harm : harms) {
         harm();
-        const auto result = runTool("reload");
-        EXPECT_EQ(result.exitCode, 0) << result.err;
-        EXPECT_NE(result.err.find(".broken"), std::string::npos) << result.err;
-        EXPECT_EQ(under(storedInRulesFile(), "rules"), parsed(R"({"a":"direct"})"));
-        EXPECT_TRUE(std::filesystem::exists(
-            std::filesystem::symlink_status(std::string(places::rulesFile) + ".broken")));
+        EXPECT_TRUE(eventually([] {
+            struct stat file {};
+            return lstat(places::rulesFile, &file) == 0 && S_ISREG(file.st_mode) &&
+                   file.st_uid == 0 &&
+                   contentOf(places::rulesFile).find(R"({"a":"direct"})") != std::string::npos;
+        }));
     }
     EXPECT_EQ(contentOf("/etc/passwd"), before);
-    // With nothing else to go by, nothing is guessed.
-    ASSERT_EQ(unlink(places::preferencesFile), 0);
-    writeFile(places::rulesFile, "not json");
-    EXPECT_EQ(runTool("rules set b vpn").exitCode, 1);
-    EXPECT_EQ(contentOf(places::rulesFile), "not json");
+    const std::filesystem::directory_iterator files("/tmp");
+    EXPECT_EQ(std::distance(files, {}), 4) << "three things moved aside, and the file";
 }
 
 TEST_F(RuleCommands, WritersTakeTurns) {
     constexpr int writers = 6;
-    constexpr int changes = 24;
+    constexpr int changes = 12;
     std::vector<pid_t> children;
     for (int writer = 0; writer < writers; ++writer) {
         children.push_back(fork());
@@ -179,37 +216,83 @@ TEST_F(RuleCommands, WritersTakeTurns) {
     }
     const auto rules = under(storedInPreferences(), "rules");
     EXPECT_EQ(rules.as<JSONObject>()->size(), std::size_t{writers * changes});
-    EXPECT_EQ(storedInRulesFile(), storedInPreferences());
+    EXPECT_EQ(under(storedInRulesFile(), "rules"), rules);
     const std::filesystem::directory_iterator files("/tmp");
     EXPECT_EQ(std::distance(files, {}), 1) << "nothing is left over beside the rules file";
 }
 
-TEST_F(RuleCommands, WhoMayNotChangeThingsIsToldSo) {
+TEST_F(RuleCommands, MembersChangeThingsWhoeverWroteLastAndStrangersAreToldSo) {
     if (!hasOtherAccounts()) GTEST_SKIP() << needsAccounts;
     ASSERT_EQ(runTool("rules set a direct").exitCode, 0);
-    const auto before = contentOf(places::preferencesFile);
-    const auto isRefused = [] { return runTool("rules set b vpn").exitCode == 4; };
-    EXPECT_TRUE(succeedsAs(strangerAccount, {}, isRefused));
-    // A member may, except where the rules file in /tmp is another user's.
-    EXPECT_TRUE(succeedsAs(strangerAccount, {vantryGroupId}, isRefused));
-    EXPECT_EQ(contentOf(places::preferencesFile), before);
-    ASSERT_EQ(unlink(places::rulesFile), 0);
+    EXPECT_TRUE(
+        succeedsAs(strangerAccount, {}, [] { return runTool("rules set b vpn").exitCode == 4; }));
     EXPECT_TRUE(succeedsAs(memberByAccount, {vantryGroupId},
                            [] { return runTool("rules set b vpn").exitCode == 0; }));
     EXPECT_EQ(under(storedInRulesFile(), "rules"), parsed(R"({"a":"direct","b":"vpn"})"));
     EXPECT_EQ(runTool("rules remove b").exitCode, 0);
-    EXPECT_EQ(storedInRulesFile(), storedInPreferences());
+    // A member's own file, written by hand before they left the group, is no less the truth.
+    ASSERT_EQ(chown(places::preferencesFile, strangerAccount, vantryGroupId), 0);
+    stopService();
+    startService();
+    EXPECT_EQ(under(storedInRulesFile(), "rules"), parsed(R"({"a":"direct"})"));
+    stopService();
+    const auto result = runTool("rules set c vpn");
+    EXPECT_EQ(result.exitCode, 3);
+    EXPECT_NE(result.err.find("systemctl start vantry-settings"), std::string::npos) << result.err;
 }
 
-TEST_F(RuleCommands, AFailureToWriteLeavesBothFilesAsTheyWere) {
+TEST_F(RuleCommands, AFullDiskLeavesEverythingAsItWas) {
     ASSERT_EQ(runTool("rules set a direct").exitCode, 0);
     const auto before = contentOf(places::preferencesFile);
-    ASSERT_EQ(unlink(places::rulesFile), 0);
-    ASSERT_EQ(mkdir(places::rulesFile, 0755), 0);
-    ASSERT_EQ(mkdir((std::string(places::rulesFile) + ".broken").c_str(), 0755), 0);
-    writeFile(std::string(places::rulesFile) + ".broken/keeps", "it");
-    EXPECT_EQ(runTool("rules set b vpn").exitCode, 1);
+    ASSERT_EQ(mount("tmpfs", "/var/lib", "tmpfs", MS_REMOUNT, "size=64k"), 0);
+    writeFile("/var/lib/filler", std::string(65536, 'x'));
+    const auto result = runTool("rules set b vpn");
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_NE(result.err.find("Make room"), std::string::npos) << result.err;
     EXPECT_EQ(contentOf(places::preferencesFile), before);
+    EXPECT_EQ(under(storedInRulesFile(), "rules"), parsed(R"({"a":"direct"})"));
+    ASSERT_EQ(unlink("/var/lib/filler"), 0);
+    EXPECT_EQ(runTool("rules set b vpn").exitCode, 0);
+    EXPECT_EQ(runTool("undo").exitCode, 0);
+    EXPECT_EQ(contentOf(places::preferencesFile), before);
+}
+
+TEST_F(RuleCommands, WhatIsTemporaryOrOnTrialEndsAlsoOverARestart) {
+    const auto rules = [] { return under(storedInRulesFile(), "rules"); };
+    ASSERT_EQ(runTool("rules set a vpn").exitCode, 0);
+    ASSERT_EQ(runTool("rules set a direct --for 2h").exitCode, 0);
+    EXPECT_EQ(rules(), parsed(R"({"a":"direct"})"));
+    EXPECT_NE(runTool("rules").out.find("2 h"), std::string::npos) << runTool("rules").out;
+    EXPECT_EQ(runTool("rules set a direct --for soon").exitCode, 2);
+    // The clock comes to the end of it while the service is down.
+    stopService();
+    auto stored = contentOf(places::preferencesFile);
+    stored.replace(stored.find("\"until\": "), 19, "\"until\": 100000000");
+    writeFile(places::preferencesFile, stored);
+    startService();
+    EXPECT_EQ(rules(), parsed(R"({"a":"vpn"})"));
+
+    ASSERT_EQ(runTool("try --for 1h rules set b direct").exitCode, 0);
+    EXPECT_EQ(rules(), parsed(R"({"a":"vpn","b":"direct"})"));
+    EXPECT_EQ(runTool("confirm").exitCode, 0);
+    ASSERT_EQ(runTool("try --for 1s rules block b").exitCode, 0);
+    EXPECT_EQ(under(storedInRulesFile(), "blockedApps"), parsed(R"(["b"])"));
+    EXPECT_TRUE(
+        eventually([] { return under(storedInRulesFile(), "blockedApps") == parsed("[]"); }));
+    EXPECT_EQ(rules(), parsed(R"({"a":"vpn","b":"direct"})"));
+}
+
+TEST_F(RuleCommands, SettingsTravelAsADocument) {
+    ASSERT_EQ(runTool("rules set a direct").exitCode, 0);
+    ASSERT_EQ(runTool("rules block b").exitCode, 0);
+    const auto exported = runTool("export");
+    writeFile("/run/settings.json", exported.out);
+    ASSERT_EQ(runTool("rules remove a").exitCode, 0);
+    ASSERT_EQ(runTool("rules fallback vpn block").exitCode, 0);
+    const auto shown = runTool("import --dry-run /run/settings.json");
+    EXPECT_EQ(shown.out, "+ rule a: direct\n- fallback vpn: block\n+ fallback vpn: allow\n");
+    EXPECT_EQ(runTool("import --yes /run/settings.json").exitCode, 0);
+    EXPECT_EQ(runTool("export").out, exported.out);
 }
 
 }  // namespace

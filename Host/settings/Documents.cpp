@@ -1,4 +1,4 @@
-#include "Host/vantryctl/Documents.h"
+#include "Host/settings/Documents.h"
 
 #include <fcntl.h>
 
@@ -7,7 +7,7 @@
 #include "Platform/Foundation.h"
 #include "Platform/Linux/Files/TrustedFile.h"
 
-namespace vantryctl {
+namespace vantryhost {
 
 using platform::JSONFailure;
 using platform::JSONObject;
@@ -49,7 +49,13 @@ Outcome<std::optional<JSONObject>> readObject(const std::string& path) {
     if (auto* failure = std::get_if<Failure>(&content)) return std::move(*failure);
     const auto& bytes = std::get<std::optional<std::string>>(content);
     if (!bytes) return std::nullopt;
-    auto document = platform::parseJSON(*bytes);
+    auto object = objectFrom(path, *bytes);
+    if (auto* failure = std::get_if<Failure>(&object)) return std::move(*failure);
+    return std::get<JSONObject>(std::move(object));
+}
+
+Outcome<JSONObject> objectFrom(const std::string& path, std::string_view bytes) {
+    auto document = platform::parseJSON(bytes);
     if (const auto* failure = std::get_if<JSONFailure>(&document))
         return malformed(path, failure->description);
     auto* object = std::get_if<JSONObject>(&std::get<JSONValue>(document).value);
@@ -72,11 +78,21 @@ std::string textUnder(const JSONObject& object, std::string_view key, const char
     return text == nullptr ? otherwise : *text;
 }
 
-std::string documentOf(const JSONObject& object) {
-    platform::JSONWriter writer;
+namespace {
+
+// Texts come from documents and checked arguments, so they are valid and the writer has a result.
+std::string written(platform::JSONWriter writer, const JSONObject& object) {
     writer.value(object);
-    // Texts come from documents and checked arguments, so they are valid and the writer has a result.
     return writer.finish().value_or("") + "\n";
 }
 
-}  // namespace vantryctl
+}  // namespace
+
+std::string documentOf(const JSONObject& object) { return written(platform::JSONWriter(), object); }
+
+std::string prettyDocumentOf(const JSONObject& object) {
+    constexpr unsigned indentation = 2;
+    return written(platform::JSONWriter(indentation), object);
+}
+
+}  // namespace vantryhost

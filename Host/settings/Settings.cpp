@@ -1,8 +1,8 @@
-#include "Host/vantryctl/Settings.h"
+#include "Host/settings/Settings.h"
 
 #include "Platform/Common/Text.h"
 
-namespace vantryctl {
+namespace vantryhost {
 
 using platform::JSONArray;
 using platform::JSONFailure;
@@ -120,4 +120,4 @@ std::string_view blockThatCovers(const Settings& settings, std::string_view appl
     return covering;
 }
 
-}  // namespace vantryctl
+}  // namespace vantryhost

@@ -1,15 +1,15 @@
-// Reads the JSON files that the tool shares with the daemon, with the same distrust as the daemon,
-// and says for a person what is wrong with one that cannot be used.
+// Reads the JSON files that the host application shares with the daemon, with the same distrust as the
+// daemon, and says for a person what is wrong with one that cannot be used.
 #pragma once
 
 #include <optional>
 #include <string>
 #include <string_view>
 
-#include "Host/vantryctl/Outcome.h"
+#include "Host/settings/Outcome.h"
 #include "Platform/Common/JSON.h"
 
-namespace vantryctl {
+namespace vantryhost {
 
 // The bytes of the file; no value if there is no such file.
 Outcome<std::optional<std::string>> readFile(const std::string& path);
@@ -20,11 +20,15 @@ Outcome<std::optional<platform::JSONObject>> readObject(const std::string& path)
 // Replaces the file in one step.
 Outcome<> replaceFile(const std::string& path, const std::string& bytes);
 
+// The object that `bytes`, the content of the file at `path`, hold.
+Outcome<platform::JSONObject> objectFrom(const std::string& path, std::string_view bytes);
+
 // The text under a key; `otherwise` if there is none.
 std::string textUnder(const platform::JSONObject& object, std::string_view key,
                       const char* otherwise = "");
 
-// The object as a document.
+// The object as a document: in one line for programs, indented for people.
 std::string documentOf(const platform::JSONObject& object);
+std::string prettyDocumentOf(const platform::JSONObject& object);
 
-}  // namespace vantryctl
+}  // namespace vantryhost

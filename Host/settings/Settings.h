@@ -12,7 +12,7 @@
 
 #include "Platform/Common/JSON.h"
 
-namespace vantryctl {
+namespace vantryhost {
 
 struct Settings {
     std::map<std::string, std::string, std::less<>> rules;  // application to "vpn" or "direct"
@@ -37,4 +37,4 @@ std::vector<std::string_view> differingKeys(const Settings& a, const Settings& b
 // that is blocked. Empty if none is.
 std::string_view blockThatCovers(const Settings& settings, std::string_view application);
 
-}  // namespace vantryctl
+}  // namespace vantryhost

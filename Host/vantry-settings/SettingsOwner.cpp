@@ -1,0 +1,243 @@
+#include "Host/vantry-settings/SettingsOwner.h"
+
+#include <algorithm>
+#include <charconv>
+#include <random>
+#include <utility>
+
+#include "Host/settings/DaemonNotice.h"
+#include "Host/settings/Places.h"
+#include "Host/vantry-settings/DurableFile.h"
+#include "Host/vantry-settings/PreferencesFile.h"
+
+namespace vantrysettings {
+
+using platform::JSONArray;
+using platform::JSONObject;
+using vantryhost::Choices;
+using vantryhost::ExitCode;
+using vantryhost::Failure;
+using vantryhost::failureOf;
+using vantryhost::Outcome;
+using vantryhost::SecondsSince1970;
+
+namespace {
+
+std::string textOf(const JSONObject& request, std::string_view key) {
+    const auto found = request.find(key);
+    const auto* text = found == request.end() ? nullptr : found->second.as<std::string>();
+    return text == nullptr ? "" : *text;
+}
+
+JSONObject failed(const Failure& failure) {
+    return {{"failure", JSONObject{{"what", failure.what}, {"advice", failure.advice}}}};
+}
+
+JSONArray list(const std::vector<std::string>& texts) { return {texts.begin(), texts.end()}; }
+
+// No revision of an earlier run is one of this.
+std::uint64_t firstRevision() { return std::uint64_t{std::random_device{}()} << 20; }
+
+}  // namespace
+
+SettingsOwner::SettingsOwner() : revision(firstRevision()) {}
+
+void SettingsOwner::start(SecondsSince1970 now) {
+    removeLeftovers(vantryhost::places::rulesFile);
+    preferencesTouched(now);
+    if (hasSettings || !preferencesProblem.empty()) return;
+    // Rules that were written before this service existed.
+    if (auto settings = RulesFile::settingsOfOthers()) {
+        Choices taken;
+        taken.settings = *std::move(settings);
+        remember(preferencesProblem, store(preferences.value_or(JSONObject{}), std::move(taken)));
+        putInForce();
+    }
+}
+
+Outcome<> SettingsOwner::load() {
+    auto made = PreferencesFile::prepare();
+    if (failureOf(made)) return made;
+    auto read = PreferencesFile::read();
+    if (auto* failure = std::get_if<Failure>(&read)) return std::move(*failure);
+    auto& document = std::get<std::optional<JSONObject>>(read);
+    if (!document) {
+        hasSettings = false;
+        preferences.reset();
+        return vantryhost::Nothing{};
+    }
+    auto found = Choices::read(*document);
+    if (auto* failure = std::get_if<Failure>(&found)) return std::move(*failure);
+    auto& known = std::get<std::optional<Choices>>(found);
+    const bool holdsSettings = known.has_value();
+    adopt(*std::move(document), known ? *std::move(known) : Choices{});
+    hasSettings = holdsSettings;
+    return vantryhost::Nothing{};
+}
+
+void SettingsOwner::adopt(Document document, Choices found) {
+    if (preferences != document) ++revision;
+    preferences = std::move(document);
+    choices = std::move(found);
+    hasSettings = true;
+}
+
+// What cannot be used leaves the settings in force as they are.
+void SettingsOwner::preferencesTouched(SecondsSince1970 now) {
+    remember(preferencesProblem, load());
+    timePassed(now);
+    putInForce();
+}
+
+void SettingsOwner::rulesFileTouched() {
+    if (!rulesFile.isAsWritten()) putInForce();
+}
+
+void SettingsOwner::tunnelChanged(const TunnelView& view) {
+    tunnel = view;
+    isTunnelKnown = true;
+    collectProblems();
+    putInForce();
+}
+
+std::optional<SecondsSince1970> SettingsOwner::nextEnd() const {
+    std::optional<SecondsSince1970> next;
+    if (choices.trial) next = choices.trial->until;
+    for (const auto& rule : choices.temporaryRules)
+        next = next ? std::min(*next, rule.until) : rule.until;
+    return next;
+}
+
+const std::vector<std::string>* SettingsOwner::followedInterfaces() const {
+    return choices.tunnel.isFollowed ? &choices.tunnel.interfaces : nullptr;
+}
+
+void SettingsOwner::timePassed(SecondsSince1970 now) {
+    if (!preferences) return;
+    auto changed = choices;
+    if (changed.trial && changed.trial->until <= now) {
+        auto before = Choices::read(changed.trial->before);
+        if (auto* found = std::get_if<std::optional<Choices>>(&before))
+            changed = found->value_or(Choices{});
+        changed.trial.reset();
+    }
+    changed.endTemporaryRules(now);
+    if (changed == choices) return;
+    remember(preferencesProblem, store(*preferences, std::move(changed)));
+    putInForce();
+}
+
+Outcome<> SettingsOwner::store(Document document, Choices changed) {
+    changed.writeInto(document);
+    const auto replaced = PreferencesFile::replace(preferences, document);
+    if (failureOf(replaced)) return replaced;
+    adopt(std::move(document), std::move(changed));
+    return replaced;
+}
+
+JSONObject SettingsOwner::answer(const JSONObject& request, SecondsSince1970 now) {
+    const auto what = textOf(request, "do");
+    notes.clear();
+    if (what == "put") return put(request, now);
+    if (what == "undo") return undo(now);
+    if (what == "restore") putInForce();
+    if (what == "get" || what == "restore") {
+        if (!preferencesProblem.empty()) return failed({ExitCode::failed, preferencesProblem, ""});
+        return report();
+    }
+    return failed({ExitCode::usage, "The settings service does not know the request " + what + ".",
+                   "Restart it after an upgrade: systemctl restart vantry-settings"});
+}
+
+JSONObject SettingsOwner::put(const JSONObject& request, SecondsSince1970 now) {
+    if (!preferencesProblem.empty()) return failed({ExitCode::failed, preferencesProblem, ""});
+    if (textOf(request, "revision") != std::to_string(revision)) return {{"conflict", true}};
+    const auto entry = request.find("preferences");
+    const auto* document = entry == request.end() ? nullptr : entry->second.as<JSONObject>();
+    if (document == nullptr)
+        return failed({ExitCode::usage, "The request carries no preferences.", ""});
+    auto found = Choices::read(*document);
+    if (const auto* failure = std::get_if<Failure>(&found)) return failed(*failure);
+    const auto stored =
+        store(*document, std::get<std::optional<Choices>>(std::move(found)).value_or(Choices{}));
+    if (const auto* failure = failureOf(stored)) return failed(*failure);
+    timePassed(now);
+    putInForce();
+    return report();
+}
+
+JSONObject SettingsOwner::undo(SecondsSince1970 now) {
+    auto version = PreferencesFile::newestVersion();
+    if (const auto* failure = failureOf(version)) return failed(*failure);
+    auto& document = std::get<std::optional<JSONObject>>(version);
+    if (!document)
+        return failed({ExitCode::usage, "No earlier version of the settings is kept.", ""});
+    auto found = Choices::read(*document);
+    if (const auto* failure = std::get_if<Failure>(&found)) return failed(*failure);
+    const auto replaced = PreferencesFile::put(*document);
+    if (const auto* failure = failureOf(replaced)) return failed(*failure);
+    PreferencesFile::forgetNewestVersion();
+    adopt(*std::move(document),
+          std::get<std::optional<Choices>>(std::move(found)).value_or(Choices{}));
+    preferencesProblem.clear();
+    timePassed(now);
+    putInForce();
+    return report();
+}
+
+JSONObject SettingsOwner::report() const {
+    return {{"revision", std::to_string(revision)},
+            {"preferences", preferences.value_or(JSONObject{})},
+            {"hasSettings", hasSettings},
+            {"tunnel", JSONObject{{"isFollowed", choices.tunnel.isFollowed},
+                                  {"isUp", settingsInForce().vpnConnected},
+                                  {"carrying", list(tunnel.carrying)},
+                                  {"absent", list(tunnel.absent)}}},
+            {"isDaemonListening", vantryhost::isDaemonListening()},
+            {"problems", list(present)},
+            {"notes", list(notes)}};
+}
+
+vantryhost::Settings SettingsOwner::settingsInForce() const {
+    auto settings = choices.settings;
+    if (choices.tunnel.isFollowed && isTunnelKnown) settings.vpnConnected = tunnel.isUp();
+    return settings;
+}
+
+// Nothing was ever set: nothing is written, so that a first installation changes nothing.
+void SettingsOwner::putInForce() {
+    if (!hasSettings) return;
+    auto written = rulesFile.write(settingsInForce(), notes);
+    if (const auto* failure = failureOf(written))
+        remember(rulesFileProblem, *failure);
+    else
+        remember(rulesFileProblem, vantryhost::Nothing{});
+    if (const auto* isNew = std::get_if<bool>(&written); isNew != nullptr && *isNew) post();
+}
+
+// A daemon that is not there reads the file when it starts.
+void SettingsOwner::post() {
+    const auto posted = vantryhost::postRulesChanged();
+    const auto* failure = failureOf(posted);
+    if (failure != nullptr && failure->code != ExitCode::daemonNotRunning)
+        notes.push_back(failure->what);
+}
+
+void SettingsOwner::remember(std::string& problem, const Outcome<>& outcome) {
+    const auto* failure = failureOf(outcome);
+    problem.clear();
+    if (failure != nullptr)
+        problem = failure->what + (failure->advice.empty() ? "" : " " + failure->advice);
+    collectProblems();
+}
+
+void SettingsOwner::collectProblems() {
+    present.clear();
+    for (const auto& problem : {preferencesProblem, rulesFileProblem})
+        if (!problem.empty()) present.push_back(problem);
+    for (const auto& name : tunnel.absent)
+        present.push_back("The VPN's interface " + name +
+                          " is not there; until it is, the VPN counts as down.");
+}
+
+}  // namespace vantrysettings

@@ -1,0 +1,82 @@
+// What the settings service decides: it owns the preferences, keeps the rules file saying what they say,
+// ends what is temporary, and puts in force whether the VPN is up. It answers requests as documents.
+// It has no clock, no thread and no socket of its own: whoever runs it tells it what has happened.
+//
+// A change is a whole new document against the revision that it was made from, so two tools at once
+// cannot undo each other's work: the second is told of the conflict, reads again and repeats its edit.
+//
+//   {"do": "get"}                                             the document, its revision, what stands
+//   {"do": "put", "revision": R, "preferences": {...}}        replaces it
+//   {"do": "undo"}                                            the version before
+//   {"do": "restore"}                                         the rules file is looked at again
+//
+// An answer has "revision", "preferences", "tunnel", "problems" and "notes"; or "conflict": true; or
+// "failure" with "what" and "advice".
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Host/settings/Choices.h"
+#include "Host/vantry-settings/RulesFile.h"
+#include "Host/vantry-settings/TunnelState.h"
+#include "Platform/Common/JSON.h"
+
+namespace vantrysettings {
+
+class SettingsOwner {
+public:
+    SettingsOwner();
+
+    // Reads the preferences, or takes over a rules file where there are none, and writes the rules file.
+    void start(vantryhost::SecondsSince1970 now);
+
+    platform::JSONObject answer(const platform::JSONObject& request,
+                                vantryhost::SecondsSince1970 now);
+
+    // Something happened to the preferences, to the rules file, to the tunnel.
+    void preferencesTouched(vantryhost::SecondsSince1970 now);
+    void rulesFileTouched();
+    void tunnelChanged(const TunnelView& view);
+
+    // Ends what ends by `now`.
+    void timePassed(vantryhost::SecondsSince1970 now);
+    // When something temporary ends next.
+    std::optional<vantryhost::SecondsSince1970> nextEnd() const;
+    // The interfaces that the VPN is; null if whether it is up is not for the service to say.
+    const std::vector<std::string>* followedInterfaces() const;
+
+    // What cannot be done at present, in words for a person, and whether it is worth trying again.
+    const std::vector<std::string>& problems() const { return present; }
+
+private:
+    using Document = platform::JSONObject;
+
+    vantryhost::Outcome<> load();
+    void adopt(Document document, vantryhost::Choices choices);
+    platform::JSONObject put(const platform::JSONObject& request, vantryhost::SecondsSince1970 now);
+    platform::JSONObject undo(vantryhost::SecondsSince1970 now);
+    platform::JSONObject report() const;
+    vantryhost::Outcome<> store(Document document, vantryhost::Choices choices);
+    void putInForce();
+    vantryhost::Settings settingsInForce() const;
+    void post();
+    void remember(std::string& problem, const vantryhost::Outcome<>& outcome);
+    void collectProblems();
+
+    std::optional<Document> preferences;
+    vantryhost::Choices choices;
+    bool hasSettings = false;
+    std::uint64_t revision;
+    RulesFile rulesFile;
+    TunnelView tunnel;
+    bool isTunnelKnown = false;
+    std::string preferencesProblem;
+    std::string rulesFileProblem;
+    std::vector<std::string> notes;    // of the change under way
+    std::vector<std::string> present;  // the problems, as they are said
+};
+
+}  // namespace vantrysettings

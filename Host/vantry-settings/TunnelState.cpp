@@ -1,0 +1,114 @@
+#include "Host/vantry-settings/TunnelState.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+#include "Platform/Linux/FileDescriptor.h"
+
+namespace vantrysettings {
+
+using platform::FileDescriptor;
+using platform::InterfaceAddress;
+using platform::NetworkInterface;
+
+namespace {
+
+// How long a tunnel that no general route leads to may take to get one.
+constexpr std::chrono::seconds timeForRoutes{1};
+
+// Addresses of no machine on the way, two for each family: VPNs that replace the default route by its
+// halves have both. (The ranges for benchmarks, RFC 2544 and RFC 5180, and the first of a half.)
+constexpr std::array probesIPv4{"198.18.0.1", "128.0.0.1"};
+constexpr std::array probesIPv6{"2001:2::1", "8000::1"};
+constexpr std::uint16_t anyPort = 9;
+
+bool isInUse(const NetworkInterface& interface) {
+    return interface.isUp && std::ranges::any_of(interface.addresses, [](const auto& address) {
+               return !address.isLinkLocal;
+           });
+}
+
+bool isOwnedBy(const NetworkInterface& interface, int family, const void* bytes,
+               std::size_t length) {
+    return std::ranges::any_of(interface.addresses, [&](const InterfaceAddress& address) {
+        return address.family == family && std::memcmp(address.bytes.data(), bytes, length) == 0;
+    });
+}
+
+// A connected datagram socket has the address that the kernel would send from, and sends nothing.
+template <class Address>
+std::optional<Address> sourceTowards(const Address& remote, int family) {
+    const FileDescriptor socket(::socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (connect(socket.get(), reinterpret_cast<const sockaddr*>(&remote), sizeof remote) != 0)
+        return std::nullopt;
+    Address source{};
+    socklen_t length = sizeof source;
+    if (getsockname(socket.get(), reinterpret_cast<sockaddr*>(&source), &length) != 0)
+        return std::nullopt;
+    return source;
+}
+
+bool leadsByIPv4(const NetworkInterface& interface, const char* probe) {
+    sockaddr_in remote{};
+    remote.sin_family = AF_INET;
+    remote.sin_port = htons(anyPort);
+    inet_pton(AF_INET, probe, &remote.sin_addr);
+    const auto source = sourceTowards(remote, AF_INET);
+    return source && isOwnedBy(interface, AF_INET, &source->sin_addr, sizeof source->sin_addr);
+}
+
+bool leadsByIPv6(const NetworkInterface& interface, const char* probe) {
+    sockaddr_in6 remote{};
+    remote.sin6_family = AF_INET6;
+    remote.sin6_port = htons(anyPort);
+    inet_pton(AF_INET6, probe, &remote.sin6_addr);
+    const auto source = sourceTowards(remote, AF_INET6);
+    return source && isOwnedBy(interface, AF_INET6, &source->sin6_addr, sizeof source->sin6_addr);
+}
+
+}  // namespace
+
+bool routesLeadTo(const NetworkInterface& interface) {
+    return std::ranges::any_of(probesIPv4,
+                               [&](const char* probe) { return leadsByIPv4(interface, probe); }) ||
+           std::ranges::any_of(probesIPv6,
+                               [&](const char* probe) { return leadsByIPv6(interface, probe); });
+}
+
+TunnelView TunnelState::look(const platform::NetworkState& state,
+                             const std::vector<std::string>& names, Clock::time_point now) {
+    TunnelView view;
+    nextLook.reset();
+    for (const auto& interface : state.interfaces) {
+        const bool isNamed = std::ranges::find(names, interface.name) != names.end();
+        if ((names.empty() ? interface.isTunnel : isNamed) && carries(interface, now))
+            view.carrying.push_back(interface.name);
+    }
+    for (const auto& name : names)
+        if (state.named(name) == nullptr) view.absent.push_back(name);
+    for (auto& [name, tunnel] : tunnels)
+        if (state.named(name) == nullptr) tunnel.inUseSince.reset();
+    return view;
+}
+
+bool TunnelState::carries(const NetworkInterface& interface, Clock::time_point now) {
+    auto& tunnel = tunnels[interface.name];
+    if (!isInUse(interface)) {
+        tunnel.inUseSince.reset();
+        return false;
+    }
+    if (!tunnel.inUseSince) tunnel.inUseSince = now;
+    if (leadsTo(interface)) return tunnel.hasLed = true;
+    if (tunnel.hasLed) return false;
+    const auto settled = *tunnel.inUseSince + timeForRoutes;
+    if (now >= settled) return true;
+    nextLook = nextLook ? std::min(*nextLook, settled) : settled;
+    return false;
+}
+
+}  // namespace vantrysettings

@@ -1,0 +1,64 @@
+// Whether the VPN is up, as the machine's interfaces and routes show it. An interface that has an address
+// but no routes yet carries nothing: saying "up" then would let through, beside the VPN, what the
+// fallback holds back. So what counts is where the routes lead:
+//
+//   the interface                       routes lead to it        they lead elsewhere
+//   is gone, down, or has no address    -                        down
+//   is in use, never led the routes     up                       up after a second: a tunnel for some
+//                                                                networks only
+//   is in use, has led the routes       up                       down: its routes are to come, or gone
+//
+// One thread.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Platform/Linux/Network/NetworkState.h"
+
+namespace vantrysettings {
+
+struct TunnelView {
+    std::vector<std::string> carrying;  // the interfaces that carry the VPN now; up if there is any
+    std::vector<std::string> absent;    // those that were named and are not there
+
+    bool isUp() const { return !carrying.empty(); }
+    friend bool operator==(const TunnelView&, const TunnelView&) = default;
+};
+
+class TunnelState {
+public:
+    using Clock = std::chrono::steady_clock;
+    // Whether traffic for the rest of the world leaves by this interface.
+    using LeadsTo = std::function<bool(const platform::NetworkInterface&)>;
+
+    explicit TunnelState(LeadsTo question) : leadsTo(std::move(question)) {}
+
+    // With `names`, only interfaces of these names count, and they count whatever they are; without, every
+    // tunnel does.
+    TunnelView look(const platform::NetworkState& state, const std::vector<std::string>& names,
+                    Clock::time_point now);
+    // When to look again although nothing has happened.
+    std::optional<Clock::time_point> looksAgainAt() const { return nextLook; }
+
+private:
+    struct Tunnel {
+        bool hasLed = false;
+        std::optional<Clock::time_point> inUseSince;
+    };
+
+    bool carries(const platform::NetworkInterface& interface, Clock::time_point now);
+
+    const LeadsTo leadsTo;
+    std::map<std::string, Tunnel> tunnels;
+    std::optional<Clock::time_point> nextLook;
+};
+
+// Asks the kernel's routing, as an ordinary program would be routed; sends nothing.
+bool routesLeadTo(const platform::NetworkInterface& interface);
+
+}  // namespace vantrysettings

@@ -1,0 +1,179 @@
+#include "Host/vantryctl/SettingsClient.h"
+
+#include <cstring>
+#include <ctime>
+#include <utility>
+
+#include "Host/settings/Documents.h"
+#include "Host/settings/Places.h"
+#include "Host/settings/UnixExchange.h"
+#include "Host/vantryctl/Console.h"
+
+namespace vantryctl {
+
+using platform::JSONObject;
+using vantryhost::Choices;
+using vantryhost::ExchangeFailure;
+
+namespace {
+
+// How often an edit is repeated because another tool came first.
+constexpr int mostConflicts = 100;
+
+std::optional<std::chrono::seconds> timeOfTrial;
+
+// An answer of the service: the settings, and the document and revision that they came in.
+struct Answer {
+    StoredSettings stored;
+    JSONObject preferences;
+    std::string revision;
+    std::vector<std::string> notes;
+    bool isConflict = false;
+};
+
+Failure failureFor(const ExchangeFailure& failure) {
+    if (failure.isNotRunning())
+        return {ExitCode::daemonNotRunning, "The settings service is not running.",
+                "Start it (systemctl start vantry-settings), or see why it ended (journalctl -u "
+                "vantry-settings)."};
+    if (failure.isNotPermitted())
+        return {ExitCode::notPermitted,
+                "Only root and the members of the group vantry may see and change the settings.",
+                "Use sudo, or join the group (usermod -aG vantry NAME) and log in again."};
+    return {
+        ExitCode::failed,
+        std::string("The settings service gave no answer: ") + std::strerror(failure.error) + ".",
+        ""};
+}
+
+const platform::JSONValue* member(const JSONObject& object, std::string_view key) {
+    const auto found = object.find(key);
+    return found == object.end() ? nullptr : &found->second;
+}
+
+bool flagIn(const JSONObject& object, std::string_view key) {
+    const auto* value = member(object, key);
+    const auto* flag = value == nullptr ? nullptr : value->as<bool>();
+    return flag != nullptr && *flag;
+}
+
+std::vector<std::string> textsIn(const JSONObject& object, std::string_view key) {
+    const auto* value = member(object, key);
+    return value == nullptr ? std::vector<std::string>{}
+                            : platform::stringArray(*value).value_or(std::vector<std::string>{});
+}
+
+JSONObject objectIn(const JSONObject& object, std::string_view key) {
+    const auto* value = member(object, key);
+    const auto* inner = value == nullptr ? nullptr : value->as<JSONObject>();
+    return inner == nullptr ? JSONObject{} : *inner;
+}
+
+Outcome<Answer> answerIn(const JSONObject& document) {
+    using vantryhost::textUnder;
+    const auto failure = objectIn(document, "failure");
+    if (!failure.empty())
+        return Failure{ExitCode::failed, textUnder(failure, "what"), textUnder(failure, "advice")};
+    Answer answer;
+    answer.isConflict = flagIn(document, "conflict");
+    if (answer.isConflict) return answer;
+    answer.preferences = objectIn(document, "preferences");
+    answer.revision = textUnder(document, "revision");
+    answer.notes = textsIn(document, "notes");
+    auto choices = Choices::read(answer.preferences);
+    if (auto* problem = std::get_if<Failure>(&choices)) return std::move(*problem);
+    const auto tunnel = objectIn(document, "tunnel");
+    answer.stored = {std::get<std::optional<Choices>>(std::move(choices)).value_or(Choices{}),
+                     flagIn(document, "hasSettings"),
+                     {flagIn(tunnel, "isFollowed"), flagIn(tunnel, "isUp"),
+                      textsIn(tunnel, "carrying"), textsIn(tunnel, "absent")},
+                     flagIn(document, "isDaemonListening"),
+                     textsIn(document, "problems")};
+    answer.stored.choices.settings.vpnConnected = answer.stored.tunnel.isUp;
+    return answer;
+}
+
+Outcome<Answer> ask(const JSONObject& request) {
+    const auto reply =
+        vantryhost::exchange(places::settingsSocket, vantryhost::documentOf(request));
+    if (const auto* failure = std::get_if<ExchangeFailure>(&reply)) return failureFor(*failure);
+    const auto& bytes = std::get<std::string>(reply);
+    // A peer that is not trusted is hung up on.
+    if (bytes.empty()) return failureFor({ExchangeFailure::Step::receive, EPERM});
+    auto document = vantryhost::objectFrom("The settings service's answer", bytes);
+    if (auto* failure = std::get_if<Failure>(&document)) return std::move(*failure);
+    return answerIn(std::get<JSONObject>(document));
+}
+
+// Until it is confirmed, a change on trial remembers what was there before the first one.
+void putOnTrial(const Choices& before, Choices& after) {
+    if (!timeOfTrial) return;
+    vantryhost::Trial trial{std::time(nullptr) + timeOfTrial->count(), {}};
+    auto kept = before;
+    kept.trial.reset();
+    kept.writeInto(trial.before);
+    if (before.trial) trial.before = before.trial->before;
+    after.trial = std::move(trial);
+}
+
+void noteSilentDaemon(const Answer& answer, std::vector<std::string>& notes) {
+    if (!answer.stored.isDaemonListening)
+        notes.emplace_back("The daemon is not running; it reads the settings when it starts.");
+    for (const auto& problem : answer.stored.problems) notes.push_back(problem);
+}
+
+Outcome<Change> changeBy(const char* request) {
+    auto before = ask({{"do", "get"}});
+    auto after = ask({{"do", request}});
+    if (auto* failure = std::get_if<Failure>(&after)) return std::move(*failure);
+    auto& done = std::get<Answer>(after);
+    Change change{{}, done.stored.choices, true, done.notes};
+    if (auto* known = std::get_if<Answer>(&before)) {
+        change.before = known->stored.choices;
+        change.isStored = known->stored.choices != done.stored.choices;
+    }
+    noteSilentDaemon(done, change.notes);
+    return change;
+}
+
+}  // namespace
+
+TrialOfChanges::TrialOfChanges(std::chrono::seconds time) { timeOfTrial = time; }
+TrialOfChanges::~TrialOfChanges() { timeOfTrial.reset(); }
+
+Outcome<StoredSettings> loadSettings() {
+    auto answer = ask({{"do", "get"}});
+    if (auto* failure = std::get_if<Failure>(&answer)) return std::move(*failure);
+    return std::get<Answer>(std::move(answer)).stored;
+}
+
+Outcome<Change> changeSettings(const Edit& edit) {
+    for (int attempt = 0; attempt < mostConflicts; ++attempt) {
+        auto asked = ask({{"do", "get"}});
+        if (auto* failure = std::get_if<Failure>(&asked)) return std::move(*failure);
+        auto& present = std::get<Answer>(asked);
+        Change change{present.stored.choices, present.stored.choices, false, {}};
+        if (!edit(change.after)) return change;
+        putOnTrial(change.before, change.after);
+        change.after.writeInto(present.preferences);
+        auto put = ask({{"do", "put"},
+                        {"revision", present.revision},
+                        {"preferences", std::move(present.preferences)}});
+        if (auto* failure = std::get_if<Failure>(&put)) return std::move(*failure);
+        auto& done = std::get<Answer>(put);
+        if (done.isConflict) continue;
+        change.after = done.stored.choices;
+        change.isStored = true;
+        change.notes = done.notes;
+        noteSilentDaemon(done, change.notes);
+        return change;
+    }
+    return Failure{ExitCode::failed, "Other tools are changing the settings all the time.",
+                   "Try again in a moment."};
+}
+
+Outcome<Change> undoChange() { return changeBy("undo"); }
+
+Outcome<Change> restoreRulesFile() { return changeBy("restore"); }
+
+}  // namespace vantryctl

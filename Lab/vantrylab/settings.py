@@ -1,0 +1,36 @@
+"""The settings service of the world: the host application's part on every machine of a user's."""
+
+import contextlib
+import pathlib
+import socket
+import subprocess
+
+from . import network, world
+
+PROGRAM = world.BUILD / "vantry-settings"
+SOCKET = pathlib.Path("/run/org.quillmere.Vantry/settings.sock")
+
+
+def start() -> subprocess.Popen:
+    """Starts it and returns once it answers."""
+    service = subprocess.Popen([str(PROGRAM)], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                               stderr=subprocess.DEVNULL)
+    network.wait_until(_answers, "the settings service answers")
+    return service
+
+
+def stop(service: subprocess.Popen) -> int:
+    service.terminate()
+    return service.wait(5)
+
+
+@contextlib.contextmanager
+def running():
+    service = start()
+    yield service
+    stop(service)
+
+
+def _answers() -> bool:
+    with socket.socket(socket.AF_UNIX) as channel:
+        return SOCKET.exists() and channel.connect_ex(str(SOCKET)) == 0

@@ -1,0 +1,69 @@
+#include "Host/vantry-settings/TunnelState.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <set>
+
+namespace vantrysettings {
+namespace {
+
+using platform::NetworkInterface;
+using platform::NetworkState;
+using Names = std::vector<std::string>;
+using namespace std::chrono_literals;
+
+NetworkInterface interfaceNamed(const char* name, bool isTunnel = true) {
+    NetworkInterface made;
+    made.name = made.shownName = name;
+    made.isTunnel = isTunnel;
+    made.isUp = true;
+    made.addresses.push_back({AF_INET, {10, 0, 0, 1}, 24, false});
+    return made;
+}
+
+class TunnelStateTest : public ::testing::Test {
+protected:
+    Names carrying(const Names& names = {}) { return state.look(network, names, now).carrying; }
+
+    std::set<std::string> leading;
+    TunnelState state{
+        [this](const NetworkInterface& interface) { return leading.contains(interface.name); }};
+    NetworkState network;
+    TunnelState::Clock::time_point now;
+};
+
+TEST_F(TunnelStateTest, OnlyATunnelInUseIsTheVPN) {
+    network = {{interfaceNamed("eth0", false), interfaceNamed("tun0"), interfaceNamed("down"),
+                interfaceNamed("bare"), interfaceNamed("local"), interfaceNamed("wg0")}};
+    network.interfaces[2].isUp = false;
+    network.interfaces[3].addresses.clear();
+    network.interfaces[4].addresses = {{AF_INET6, {0xfe, 0x80}, 64, true}};
+    for (const auto& interface : network.interfaces) leading.insert(interface.name);
+    EXPECT_EQ(carrying(), (Names{"tun0", "wg0"}));
+    EXPECT_EQ(carrying({"wg0", "down"}), (Names{"wg0"}));
+    EXPECT_EQ(carrying({"eth0"}), (Names{"eth0"}));
+    EXPECT_EQ(state.look(network, {"wg0", "wgg"}, now).absent, (Names{"wgg"}));
+}
+
+TEST_F(TunnelStateTest, ItIsUpWhenItsRoutesAreThere) {
+    network = {{interfaceNamed("wg0")}};
+    EXPECT_EQ(carrying(), Names{}) << "its routes may be on their way";
+    EXPECT_EQ(state.looksAgainAt(), now + 1s);
+    leading = {"wg0"};
+    EXPECT_EQ(carrying(), (Names{"wg0"}));
+    // Its routes go first, then it; it comes back in steps.
+    leading.clear();
+    EXPECT_EQ(carrying(), Names{});
+    now += 10s;
+    EXPECT_EQ(carrying(), Names{}) << "once it has led the routes, an address alone is not enough";
+    EXPECT_EQ(state.looksAgainAt(), std::nullopt);
+    // One for some networks only never leads them.
+    network = {{interfaceNamed("split")}};
+    EXPECT_EQ(carrying(), Names{});
+    now += 1s;
+    EXPECT_EQ(carrying(), (Names{"split"}));
+}
+
+}  // namespace
+}  // namespace vantrysettings
