@@ -1,5 +1,7 @@
 """What becomes of connections while the VPN is down: by the host's word alone, and for real."""
 
+import subprocess
+
 from vantrylab import network
 from vantrylab.host import Rules
 from vantrylab.verdicts import ENDED
@@ -69,8 +71,14 @@ def _watched_connections_go_on(stage) -> None:
         stage.expect_untouched("VPN down, fallback allow: what runs goes on", each)
 
 
+def _is_guarded() -> bool:
+    table = subprocess.run(["nft", "list", "table", "inet", "vantry_guard"], capture_output=True, text=True)
+    return table.stdout.count("counter") > 0 and "ip6 daddr" in table.stdout
+
+
 def _the_tunnel_goes_unannounced(stage) -> None:
     """The daemon hears of it later than the packets: none of a VPN-ruled application may leave in the clear."""
+    network.wait_until(_is_guarded, "the kernel guards the tunnel")
     network.vpn_down()
     for words, next_address in (("connect", stage.ipv4), ("connect", stage.ipv6), ("datagram", stage.ipv4)):
         address = next_address()
