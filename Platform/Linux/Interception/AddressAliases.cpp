@@ -63,7 +63,7 @@ netlink::Request addressRequest(unsigned type, unsigned flags, const Address& ad
     return request;
 }
 
-std::optional<netlink::Socket> openRouteSocket() {
+std::optional<netlink::Socket> openAddressSocket() {
     auto opened = netlink::Socket::open(NETLINK_ROUTE);
     return opened ? std::optional(std::move(*opened)) : std::nullopt;
 }
@@ -114,7 +114,7 @@ private:
 
     // Held while the kernel is asked; who counts claims doesn't need it.
     Mutex asking;
-    std::optional<netlink::Socket> socket GUARDED_BY(asking) = openRouteSocket();
+    std::optional<netlink::Socket> socket GUARDED_BY(asking) = openAddressSocket();
     std::set<Address> aliases GUARDED_BY(asking);
     Mutex lock;
     std::map<Address, std::size_t> users GUARDED_BY(lock);
