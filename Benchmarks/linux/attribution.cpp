@@ -8,6 +8,7 @@
 #include <grp.h>
 #include <netinet/in.h>
 #include <sys/prctl.h>
+#include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -16,6 +17,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <random>
 #include <vector>
@@ -117,14 +119,43 @@ bool canRun(benchmark::State& state) {
     return false;
 }
 
-// Nothing for a search.
-std::unique_ptr<platform::SocketUsers> notes(const benchmark::State& state) {
-    return state.range(2) != 0 ? platform::SocketUsers::attach() : nullptr;
+// Null for a search.
+std::unique_ptr<platform::SocketNotes> notes(const benchmark::State& state) {
+    return state.range(2) != 0 ? platform::SocketNotes::attach() : nullptr;
 }
 
 void checkOwner(benchmark::State& state, const Program& program,
                 const std::optional<platform::FlowOwner>& owner) {
     if (!owner || owner->pid != program.pid()) state.SkipWithError("wrong owner");
+}
+
+// How many system calls `work` makes, in a copy of this process that is traced.
+double systemCallsOf(const std::function<void()>& work) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+        ::raise(SIGSTOP);
+        work();
+        ::_exit(0);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    ::ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
+    // One where a call begins, one where it ends; the child's last one doesn't.
+    int stops = 0;
+    while (::ptrace(PTRACE_SYSCALL, child, nullptr, nullptr) == 0 &&
+           ::waitpid(child, &status, 0) == child && WIFSTOPPED(status)) {
+        if (WSTOPSIG(status) == (SIGTRAP | 0x80)) ++stops;
+    }
+    return (stops - 1) / 2.0;
+}
+
+// What the extension asks about a flow that it declines.
+void askAsTheExtensionDoes(pid_t pid) {
+    char path[1024];
+    platform::proc_bsdinfo about;
+    for (int count = 0; count < 2; ++count) platform::proc_pidpath(pid, path, sizeof path);
+    platform::proc_pidinfo(pid, platform::PROC_PIDTBSDINFO, 0, about);
 }
 
 void aNewSocket(benchmark::State& state) {
@@ -139,6 +170,11 @@ void aNewSocket(benchmark::State& state) {
         state.ResumeTiming();
         checkOwner(state, program, attribution.ownerOf(flow));
     }
+    const auto flow = program.newFlow();
+    state.counters["system calls"] = systemCallsOf([&] {
+        attribution.ownerOf(flow);
+        askAsTheExtensionDoes(program.pid());
+    });
 }
 
 void aNewSocketAnywhere(benchmark::State& state) {

@@ -8,11 +8,12 @@
 #include <cstdlib>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "Host/settings/Documents.h"
 #include "Platform/Common/Text.h"
-#include "Platform/Linux/Attribution/BundleIdentifiers.h"
 #include "Platform/Linux/Attribution/ProcessTable.h"
+#include "Platform/Linux/Attribution/ProgramName.h"
 
 namespace vantryctl {
 
@@ -48,6 +49,9 @@ Identity identityOf(const Process& process) {
     switch (process.kind) {
         case ProcessKind::bundle:
             return {process.signingIdentifier, "It runs from a bundle with this identifier."};
+        case ProcessKind::installedApplication:
+            return {process.signingIdentifier,
+                    "It is an installed application of this name, however it was started."};
         case ProcessKind::desktopApplication:
             return {process.signingIdentifier,
                     "It belongs to a desktop application of this name, as "
@@ -85,9 +89,20 @@ Outcome<Identity> identityOfProgram(const std::string& path) {
         return Failure{ExitCode::failed, "There is no program at " + path + ".",
                        "Give a process id or the full path of a program."};
     const std::string program = real.get();
-    if (auto bundle = platform::innermostBundleIdentifier(program))
-        return Identity{*std::move(bundle), "It lies in a bundle with this identifier."};
-    return Identity{platform::ordinaryProgramIdentifier(program, file.st_uid),
+    auto name = platform::nameOfProgramAt(program, file.st_uid);
+    switch (name.kind) {
+        case ProcessKind::bundle:
+            return Identity{std::move(name.signingIdentifier),
+                            "It lies in a bundle with this identifier."};
+        case ProcessKind::installedApplication:
+            return Identity{std::move(name.signingIdentifier),
+                            "It is an installed application of this name, however it is started."};
+        case ProcessKind::desktopApplication:
+        case ProcessKind::applicationPart:
+        case ProcessKind::ordinaryProgram:
+            break;
+    }
+    return Identity{std::move(name.signingIdentifier),
                     "As an ordinary program. Started by an application, it counts as that "
                     "application; a script counts as its interpreter."};
 }

@@ -26,7 +26,8 @@ PERSON = 1000
 
 _MS_NOSUID, _MS_NODEV, _MS_BIND = 2, 4, 4096
 _CAPABILITY_VERSION, _PR_CAP_AMBIENT, _PR_CAP_AMBIENT_RAISE = 0x20080522, 47, 2
-_PRIVATE_FOLDERS = {"/tmp": "mode=1777", "/var/lib": "mode=755", "/srv": "mode=755"}
+_PRIVATE_FOLDERS = {"/tmp": "mode=1777", "/var/lib": "mode=755", "/srv": "mode=755",
+                    "/usr/local/share": "mode=755"}
 # Variables by which the machine's service manager and session would reach into the world.
 _FOREIGN_VARIABLES = ("NOTIFY_SOCKET", "JOURNAL_STREAM", "INVOCATION_ID", "DBUS_SESSION_BUS_ADDRESS",
                       "DBUS_SYSTEM_BUS_ADDRESS", "XDG_RUNTIME_DIR", "LISTEN_FDS", "LISTEN_PID")

@@ -1,7 +1,6 @@
-#include <sys/stat.h>
-
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "Platform/Foundation.h"
 #include "Platform/Linux/Attribution/BundleIdentifiers.h"
@@ -10,20 +9,10 @@
 
 namespace platform {
 
-namespace {
-
-bool isDirectory(const std::string& path) {
-    struct stat status {};
-    return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-}
-
-}  // namespace
-
 std::optional<NSBundle> NSBundle::bundleWithPath(std::string_view path) {
     if (auto identifier = virtualBundleIdentifier(path)) return NSBundle(std::move(identifier));
-    const auto directory = pathOfText(path);
-    if (!isDirectory(directory)) return std::nullopt;
-    return NSBundle(bundleIdentifierAt(directory));
+    auto identifier = bundleIdentifierAt(pathOfText(path));
+    return identifier ? std::optional(NSBundle(std::move(identifier))) : std::nullopt;
 }
 
 }  // namespace platform

@@ -3,19 +3,23 @@
 import concurrent.futures
 import dataclasses
 import os
+import pathlib
 import subprocess
 
 from vantrylab import applications, network, world
 from vantrylab.applications import Application, Running
 from vantrylab.host import Rules
 
-STUDIO, SKETCH = "com.example.studio", "com.example.sketch"
+STUDIO, SKETCH, BROWSER = "com.example.studio", "com.example.sketch", "org.example.browser"
 
 
 def run(stage) -> None:
     network.vpn_up()
+    browser = _install_browser()
     stage.start_daemon()
     _bundles_and_what_is_inside(stage)
+    _whoever_runs_it(stage)
+    _installed_application(stage, browser)
     _child_outside_its_bundle(stage)
     _ordinary_programs(stage)
     _blocked_ordinary_program(stage)
@@ -50,6 +54,38 @@ def _bundles_and_what_is_inside(stage) -> None:
             _expect_way(stage, f"{word}: {name}", expect, program)
             _expect_way(stage, f"{word}: {name}, started by the bundle", expect, stage.studio, program)
         _expect_way(stage, f"{word}: another bundle is not concerned", stage.expect_tunnel, stage.courier)
+
+
+def _whoever_runs_it(stage) -> None:
+    """A system account's applications are applications; its tools are nobody's business."""
+    if not world.is_root_world():
+        return
+    stage.apply(Rules(rules={"com.example.courier": "direct"}, blockedApps=(STUDIO, stage.fetch.identifier)))
+    for program, expect in ((stage.studio, stage.expect_denied), (stage.courier, stage.expect_physical),
+                            (stage.fetch, stage.expect_tunnel)):
+        address = stage.ipv4()
+        expect(f"run by root: {program.identifier}", program.run("connect", address, 80, user=None), address)
+
+
+def _install_browser() -> Application:
+    program = applications.make_ordinary(world.APPLICATIONS / "opt/browser/browser", 0)
+    if not world.is_root_world():
+        return program
+    entries = pathlib.Path("/usr/local/share/applications")
+    entries.mkdir()
+    (entries / f"{BROWSER}.desktop").write_text(
+        f"[Desktop Entry]\nType=Application\nName=Browser\nExec={program.path} %u\n")
+    return Application(program.path, BROWSER)
+
+
+def _installed_application(stage, browser: Application) -> None:
+    """Known by its .desktop file, and nobody's part, whoever starts it."""
+    stage.apply(Rules(rules={browser.identifier: "direct"}, blockedApps=(STUDIO,)))
+    _expect_way(stage, "direct: an installed application", stage.expect_physical, browser)
+    if not world.is_root_world():
+        return
+    _expect_way(stage, "and started by a blocked one", stage.expect_physical, stage.studio, browser)
+    _expect_way(stage, "and what it starts", stage.expect_physical, browser, stage.sync)
 
 
 def _child_outside_its_bundle(stage) -> None:

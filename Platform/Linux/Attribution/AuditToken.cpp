@@ -1,5 +1,6 @@
 #include "Platform/Linux/Attribution/AuditToken.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "Platform/Linux/Attribution/StableHash.h"
@@ -16,8 +17,8 @@ void setWord(AuditToken& token, std::size_t index, std::uint32_t value) {
 std::uint32_t version(const AuditTokenFields& fields) {
     StableHash hash;
     hash.add(fields.startTime);
-    hash.add(fields.executableDevice);
-    hash.add(fields.executableInode);
+    hash.add(fields.executable);
+    hash.add(std::uint64_t{0});  // between two texts
     hash.add(fields.signingIdentifier);
     return static_cast<std::uint32_t>(hash.value() ^ (hash.value() >> 32));
 }
@@ -26,7 +27,8 @@ std::uint32_t version(const AuditTokenFields& fields) {
 
 AuditToken makeAuditToken(const AuditTokenFields& fields) {
     AuditToken token{};
-    setWord(token, 1, shownUserId(fields.effectiveUserId));
+    const auto shown = shownUserId(fields.effectiveUserId);
+    setWord(token, 1, fields.isApplication ? std::max(shown, shownUserIdOfApplications) : shown);
     setWord(token, 5, static_cast<std::uint32_t>(fields.pid));
     if (fields.pid != 0) setWord(token, 7, version(fields));
     return token;

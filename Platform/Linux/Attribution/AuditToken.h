@@ -18,11 +18,11 @@ using AuditToken = std::array<std::byte, 32>;
 
 struct AuditTokenFields {
     uid_t effectiveUserId = 0;
-    pid_t pid = 0;                       // 0: only the account is known
-    std::uint64_t startTime = 0;         // in clock ticks since boot
-    std::uint64_t executableDevice = 0;  // device and inode of the running executable
-    std::uint64_t executableInode = 0;
+    pid_t pid = 0;                  // 0: only the account is known
+    std::uint64_t startTime = 0;    // in clock ticks since boot
+    std::string_view executable{};  // its path
     std::string_view signingIdentifier{};
+    bool isApplication = false;  // shown as no system account's, whoever runs it
 };
 
 // Any thread.

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <pugixml.hpp>
@@ -12,6 +13,7 @@
 
 #include "Platform/Common/Mutex.h"
 #include "Platform/Common/Text.h"
+#include "Platform/Linux/Attribution/FileLook.h"
 #include "Platform/Linux/FileDescriptor.h"
 
 namespace platform {
@@ -76,35 +78,53 @@ std::optional<std::string> readPropertyList(const std::string& path) {
 class KnownPropertyLists {
 public:
     static KnownPropertyLists& shared() {
-        static KnownPropertyLists lists;
+        static auto& lists = *new KnownPropertyLists;  // a look may outlive everything else
         return lists;
     }
 
+    // Where the file system hangs, what was known last.
     std::optional<std::string> identifier(const std::string& path) {
-        struct stat status {};
-        if (::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
-        if (status.st_size > static_cast<off_t>(largestPropertyList)) return std::nullopt;
-        const auto version = versionOf(status);
-        {
-            const MutexGuard guard(lock);
-            const auto found = entries.find(path);
-            if (found != entries.end() && found->second.version == version) {
-                return found->second.identifier;
-            }
-        }
-        const auto text = readPropertyList(path);
-        Entry entry{version, text ? identifierInPropertyList(*text) : std::nullopt};
-        const MutexGuard guard(lock);
-        if (entries.size() >= limit) entries.clear();
-        return entries.insert_or_assign(path, std::move(entry)).first->second.identifier;
+        auto known = find(path);
+        if (known && Clock::now() - known->seen <= lifetime) return known->identifier;
+        lookWithPatience("property list " + path, [path] { shared().look(path); });
+        known = find(path);
+        return known ? known->identifier : std::nullopt;
     }
 
 private:
+    using Clock = std::chrono::steady_clock;
     struct Entry {
         FileVersion version;
         std::optional<std::string> identifier;
+        Clock::time_point seen;
     };
     static constexpr std::size_t limit = 1000;
+    static constexpr std::chrono::milliseconds lifetime{500};
+
+    std::optional<Entry> find(const std::string& path) {
+        const MutexGuard guard(lock);
+        const auto found = entries.find(path);
+        return found == entries.end() ? std::nullopt : std::optional(found->second);
+    }
+
+    void look(const std::string& path) {
+        struct stat status {};
+        Entry entry;
+        const bool isList = ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+                            status.st_size <= static_cast<off_t>(largestPropertyList);
+        if (isList) entry.version = versionOf(status);
+        const auto known = find(path);
+        if (isList && known && known->version == entry.version) {
+            entry.identifier = known->identifier;
+        } else if (isList) {
+            const auto text = readPropertyList(path);
+            entry.identifier = text ? identifierInPropertyList(*text) : std::nullopt;
+        }
+        entry.seen = Clock::now();
+        const MutexGuard guard(lock);
+        if (entries.size() >= limit) entries.clear();
+        entries.insert_or_assign(path, std::move(entry));
+    }
 
     Mutex lock;  // held for table work only
     std::unordered_map<std::string, Entry> entries GUARDED_BY(lock);

@@ -1,6 +1,6 @@
 // Reads the identifiers of real bundle directories, and finds the bundles that a program's path runs
-// through. Paths here are bytes, as the file system has them. Any thread; what was read once is kept
-// for as long as the property list stays as it was.
+// through. Paths here are bytes, as the file system has them. Any thread; an answer may be half a second
+// old, and does not wait for a file system that hangs.
 #pragma once
 
 #include <optional>

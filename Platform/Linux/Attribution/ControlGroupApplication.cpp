@@ -98,6 +98,15 @@ std::optional<std::string> applicationOfControlGroup(std::string_view groupPath)
     return std::nullopt;
 }
 
+std::optional<std::string> busNameOfControlGroup(std::string_view groupPath) {
+    auto unit = groupPath.substr(groupPath.rfind('/') + 1);
+    const auto instance = unit.find('@');
+    if (!dropEnding(unit, ".service") || instance == std::string_view::npos) return std::nullopt;
+    unit = unit.substr(0, instance);
+    if (!dropBeginning(unit, "dbus-")) return std::nullopt;
+    return identifierOfEscapedName(unit.substr(unit.rfind('-') + 1));
+}
+
 std::string_view controlGroupPath(std::string_view processGroups) {
     std::string_view unified;
     std::string_view named;

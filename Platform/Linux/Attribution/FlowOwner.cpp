@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "Platform/Common/Mutex.h"
+#include "Platform/Linux/Attribution/InstalledApplications.h"
 #include "Platform/Linux/Attribution/ProcessTable.h"
-#include "Platform/Linux/Attribution/ProcessWatch.h"
 #include "Platform/Linux/Attribution/RecentMemory.h"
 #include "Platform/Linux/Attribution/SocketDiagnosis.h"
 #include "Platform/Linux/Attribution/SocketHolders.h"
@@ -48,23 +48,31 @@ std::string sourceOf(const FlowTuple& flow) {
     return key;
 }
 
-FlowOwner systemAccount(const SocketFacts& socket) {
-    FlowOwner owner;
-    owner.auditToken = makeAuditToken({.effectiveUserId = socket.uid});
-    owner.uid = socket.uid;
-    owner.socketCookie = socket.cookie;
-    owner.isBoundToDevice = socket.isBoundToDevice;
-    return owner;
+// A socket as a note tells of it.
+SocketFacts factsOf(const KernelNote& note) {
+    return {.cookie = note.cookie,
+            .uid = note.programs[0].effectiveUserId,
+            .isBoundToDevice = note.boundDevice != 0};
 }
 
-FlowOwner ownerFor(const SocketFacts& socket, const Process& process) {
-    return {.signingIdentifier = process.signingIdentifier,
-            .auditToken = process.auditToken(),
-            .pid = process.pid,
-            .uid = socket.uid,
+FlowOwner unnamedOwner(const SocketFacts& socket, uid_t account) {
+    return {.signingIdentifier = {},
+            .auditToken = makeAuditToken({.effectiveUserId = account}),
+            .uid = account,
             .socketCookie = socket.cookie,
             .isBoundToDevice = socket.isBoundToDevice,
-            .path = process.shownPath};
+            .path = {}};
+}
+
+// Of a system account's programs only applications are named.
+FlowOwner ownerFor(const SocketFacts& socket, const Process& process) {
+    auto owner = unnamedOwner(socket, process.status.effectiveUserId);
+    if (isSystemAccount(owner.uid) && !isApplication(process.kind)) return owner;
+    owner.signingIdentifier = process.signingIdentifier;
+    owner.auditToken = process.auditToken();
+    owner.pid = process.pid;
+    owner.path = process.shownPath;
+    return owner;
 }
 
 // A child has an inherited socket at the same descriptor as its parent. The socket is the parent's
@@ -80,31 +88,30 @@ ProcessPointer inheritedFrom(ProcessPointer process, int descriptor, const Socke
     return process;
 }
 
-// A process id that was given to another process since is not the user's.
-bool isThatUser(const Process& process, const SocketUser& user) {
-    return process.status.startTime <= user.time;
-}
-
 }  // namespace
 
 // What one look-up needs of the others: connections to the kernel, and what they have found.
 class FlowAttribution::Search {
 public:
-    explicit Search(std::unique_ptr<SocketUsers> notes)
-        : users(std::move(notes)),
-          watch(users ? ProcessWatch::start(ProcessTable::shared()) : nullptr) {}
+    explicit Search(std::unique_ptr<SocketNotes> kernelNotes) : notes(std::move(kernelNotes)) {}
 
     std::optional<FlowOwner> ownerOf(const FlowTuple& flow) {
-        auto diagnosis = borrowDiagnosis();
-        const auto socket = diagnosis->find(flow);
-        giveBack(std::move(diagnosis));
+        if (const auto note = notes ? notes->ofOpenSocket(flow) : std::nullopt) {
+            if (auto owner = ownerByNote(*note, factsOf(*note))) return owner;
+        }
+        const auto socket = find(flow);
         if (!socket) return ownerOfClosedSocket(flow);
-
         auto owner = ownerOf(*socket);
-        if (owner && !users && flow.protocol == IPPROTO_UDP) {
+        if (owner && !notes && flow.protocol == IPPROTO_UDP) {
             sources.remember(sourceOf(flow), {*owner, Clock::now()});
         }
         return owner;
+    }
+
+    bool hasNotes() const { return notes != nullptr; }
+
+    void keepHouse() const {
+        if (notes) notes->forgetClosed();
     }
 
     bool destroySocket(const FlowTuple& flow) {
@@ -116,32 +123,31 @@ public:
     }
 
 private:
+    std::optional<SocketFacts> find(const FlowTuple& flow) {
+        auto diagnosis = borrowDiagnosis();
+        const auto socket = diagnosis->find(flow);
+        giveBack(std::move(diagnosis));
+        return socket;
+    }
+
     std::optional<FlowOwner> ownerOf(const SocketFacts& socket) {
-        const bool isHeld = socket.inode != 0;
-        if (isHeld && isSystemAccount(socket.uid)) return systemAccount(socket);
-        if (const auto user = users ? users->userOf(socket.cookie) : std::nullopt) {
-            if (auto owner = ownerByNote(socket, *user)) return owner;
+        if (const auto note = notes ? notes->ofSocket(socket.cookie) : std::nullopt) {
+            if (auto owner = ownerByNote(*note, socket)) return owner;
         }
+        const bool isHeld = socket.inode != 0;
         if (isHeld) {
             if (auto owner = ownerByHolder(socket)) return owner;
         }
-        const auto known = sockets.find(socket.cookie);
-        return known ? std::optional(known->owner) : std::nullopt;
+        if (const auto known = sockets.find(socket.cookie)) return known->owner;
+        // The account says enough.
+        const bool isSystems = isHeld && isSystemAccount(socket.uid);
+        return isSystems ? std::optional(unnamedOwner(socket, socket.uid)) : std::nullopt;
     }
 
-    // The process may have ended; its program is remembered for a while.
-    std::optional<FlowOwner> ownerByNote(const SocketFacts& socket, const SocketUser& user) {
-        auto& processes = ProcessTable::shared();
-        if (const auto running = processes.examine(user.pid)) {
-            return isThatUser(*running, user) ? std::optional(ownerFor(socket, *running))
-                                              : std::nullopt;
-        }
-        if (watch) watch->catchUp();
-        const auto remembered = processes.recall(user.pid);
-        if (!remembered || !isThatUser(*remembered, user)) return std::nullopt;
-        auto ended = *remembered;
-        ended.status.effectiveUserId = user.uid;
-        return ownerFor(socket, ended);
+    // The process may have ended.
+    std::optional<FlowOwner> ownerByNote(const KernelNote& note, const SocketFacts& socket) {
+        const auto process = ProcessTable::shared().ofNote(*notes, note);
+        return process ? std::optional(ownerFor(socket, *process)) : std::nullopt;
     }
 
     std::optional<FlowOwner> ownerByHolder(const SocketFacts& socket) {
@@ -166,11 +172,9 @@ private:
 
     std::optional<FlowOwner> ownerOfClosedSocket(const FlowTuple& flow) {
         if (flow.protocol != IPPROTO_UDP) return std::nullopt;
-        if (users) {
-            const auto user = users->latestUserFor(flow);
-            if (!user) return std::nullopt;
-            const SocketFacts socket{.cookie = user->cookie, .uid = user->uid};
-            return isSystemAccount(user->uid) ? systemAccount(socket) : ownerByNote(socket, *user);
+        if (notes) {
+            const auto note = notes->ofLostSocket(flow);
+            return note ? ownerByNote(*note, factsOf(*note)) : std::nullopt;
         }
         const auto known = sources.find(sourceOf(flow));
         const bool isFresh = known && Clock::now() - known->seen <= memoryOfSource;
@@ -198,8 +202,8 @@ private:
         idle.push_back(std::move(diagnosis));
     }
 
-    const std::unique_ptr<SocketUsers> users;
-    const std::unique_ptr<ProcessWatch> watch;
+    const std::unique_ptr<SocketNotes> notes;
+    const InstalledApplicationsWatch applicationsWatch;
     SocketHolders holders;
     RecentMemory<std::uint64_t, KnownSocket> sockets{rememberedSockets};
     RecentMemory<std::uint64_t, Clock::time_point> nobodys{rememberedSockets};
@@ -208,13 +212,17 @@ private:
     std::vector<DiagnosisPointer> idle GUARDED_BY(lock);
 };
 
-FlowAttribution::FlowAttribution(std::unique_ptr<SocketUsers> notes)
+FlowAttribution::FlowAttribution(std::unique_ptr<SocketNotes> notes)
     : search(std::make_unique<Search>(std::move(notes))) {}
 FlowAttribution::~FlowAttribution() = default;
 
 std::optional<FlowOwner> FlowAttribution::ownerOf(const FlowTuple& flow) {
     return search->ownerOf(flow);
 }
+
+bool FlowAttribution::hasNotes() const { return search->hasNotes(); }
+
+void FlowAttribution::keepHouse() { search->keepHouse(); }
 
 bool FlowAttribution::destroySocket(const FlowTuple& flow) { return search->destroySocket(flow); }
 

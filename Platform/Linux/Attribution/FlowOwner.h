@@ -1,8 +1,10 @@
 // Answers who sent a flow, and ends the socket of a flow that was dropped. The interception asks
 // once a flow, while the flow's first packet waits. Any thread may call any operation; no call waits
-// for another one's search, so one slow look-up holds up no other flow. It owns a few netlink
-// sockets (one for each thread that is inside a call at the same time) and a bounded memory of
-// sockets and owners.
+// for another one's search, so one slow look-up holds up no other flow.
+//
+// Who it was is known from the kernel's notes (SocketNotes): one or two questions for a flow of a
+// program that is known. Where there are no notes, or none of this socket, the kernel is asked for the
+// socket and /proc searched for the process that holds it.
 #pragma once
 
 #include <sys/types.h>
@@ -14,18 +16,18 @@
 
 #include "Platform/Linux/Attribution/AuditToken.h"
 #include "Platform/Linux/Attribution/FlowTuple.h"
-#include "Platform/Linux/Attribution/SocketUsers.h"
+#include "Platform/Linux/Attribution/SocketNotes.h"
 
 namespace platform {
 
-// Who sent a flow. The flow of a system account is not searched for any further: `auditToken` names
-// the account with process id 0, `pid` is 0, `signingIdentifier` and `path` are empty. No rule can
-// name such an account's programs, so both providers let it pass.
+// Who sent a flow. A program of a system account that is no application by itself stays unnamed, as no
+// rule concerns it: `auditToken` names the account with process id 0, `pid` is 0, `signingIdentifier`
+// and `path` are empty, and both providers let it pass.
 struct FlowOwner {
     std::string signingIdentifier;  // valid UTF-8
     AuditToken auditToken{};
     pid_t pid = 0;
-    uid_t uid = 0;                   // of the socket, not as shown in the token
+    uid_t uid = 0;                   // of the program or the socket, not as shown in the token
     std::uint64_t socketCookie = 0;  // the kernel's number for the socket, never used twice
     bool isBoundToDevice = false;    // the application pinned the socket to one interface
     std::string path;                // of the executable, as proc_pidpath shows it
@@ -33,9 +35,9 @@ struct FlowOwner {
 
 class FlowAttribution {
 public:
-    // Where notes of the kernel are to be had they come first. Without them every socket is
-    // searched for, and a datagram whose socket was closed behind it has no owner.
-    explicit FlowAttribution(std::unique_ptr<SocketUsers> notes = SocketUsers::attach());
+    // Without notes every socket is searched for, and a datagram whose socket was closed already has
+    // no owner.
+    explicit FlowAttribution(std::unique_ptr<SocketNotes> notes = SocketNotes::attach());
     ~FlowAttribution();
     FlowAttribution(const FlowAttribution&) = delete;
     FlowAttribution& operator=(const FlowAttribution&) = delete;
@@ -48,6 +50,12 @@ public:
     // ended. False, and nothing done, for a UDP socket without a peer (its other flows live on), for
     // a socket that is gone, and where the kernel cannot do it.
     bool destroySocket(const FlowTuple& flow);
+
+    // True if the kernel's notes are at work, false if every socket is searched for.
+    bool hasNotes() const;
+
+    // Forgets what is over. To be called every few seconds.
+    void keepHouse();
 
 private:
     class Search;

@@ -30,38 +30,38 @@ std::string_view word(std::string_view text, int index) {
     return text.substr(0, text.find(' '));
 }
 
-// The name of the link to the running executable. A process whose first thread has ended shows it
-// with its other threads only.
-std::string programLink(const FileDescriptor& process) {
-    constexpr auto ofFirstThread = "exe";
-    struct stat executable {};
-    if (::fstatat(process.get(), ofFirstThread, &executable, 0) == 0) return ofFirstThread;
+std::string targetOf(const FileDescriptor& process, const std::string& link) {
+    std::string target(PATH_MAX + removedMark.size(), '\0');
+    const auto length = ::readlinkat(process.get(), link.c_str(), target.data(), target.size());
+    target.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+    return target;
+}
+
+// Calls `visit` with the names of the links to the running executable until it returns true. A process
+// whose first thread has ended shows it with its other threads only.
+template <class Visit>
+void anyProgramLink(const FileDescriptor& process, Visit&& visit) {
+    if (visit("exe")) return;
     struct Close {
         void operator()(DIR* folder) const { ::closedir(folder); }
     };
     const int tasks = ::openat(process.get(), "task", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     const std::unique_ptr<DIR, Close> folder(tasks < 0 ? nullptr : ::fdopendir(tasks));
-    while (const auto* entry = folder ? ::readdir(folder.get()) : nullptr) {
-        auto link = "task/" + std::string(entry->d_name) + "/exe";
-        if (::fstatat(process.get(), link.c_str(), &executable, 0) == 0) return link;
-    }
-    return ofFirstThread;
+    while (const auto* entry = folder ? ::readdir(folder.get()) : nullptr)
+        if (visit("task/" + std::string(entry->d_name) + "/exe")) return;
 }
 
-bool lookAtProgram(const FileDescriptor& process, struct stat& executable) {
-    return ::fstatat(process.get(), "exe", &executable, 0) == 0 ||
-           ::fstatat(process.get(), programLink(process).c_str(), &executable, 0) == 0;
+std::string readExecutableLink(const FileDescriptor& process) {
+    std::string target;
+    anyProgramLink(process, [&](const std::string& link) {
+        target = targetOf(process, link);
+        return !target.empty();
+    });
+    return target;
 }
 
-// A link to a removed file carries a mark behind the path. A file may as well be called so.
-void dropRemovedMark(const FileDescriptor& process, const std::string& link, std::string& path) {
-    if (!path.ends_with(removedMark)) return;
-    struct stat running {};
-    struct stat named {};
-    const bool isNamedSo = ::fstatat(process.get(), link.c_str(), &running, 0) == 0 &&
-                           ::stat(path.c_str(), &named) == 0 && running.st_dev == named.st_dev &&
-                           running.st_ino == named.st_ino;
-    if (!isNamedSo) path.resize(path.size() - removedMark.size());
+bool isSameFile(const struct stat& one, const struct stat& other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
 std::array<char, 32> folderOf(pid_t pid) {
@@ -82,24 +82,16 @@ std::optional<uid_t> accountOf(pid_t pid) {
     return folder.st_uid;
 }
 
-bool isFirstProcessNamespace() {
-    constexpr ino_t inodeOfFirst = 0xEFFFFFFC;
-    struct stat status {};
-    return ::stat("/proc/self/ns/pid", &status) == 0 && status.st_ino == inodeOfFirst;
-}
-
 std::optional<ProcessStatus> readProcessStatus(const FileDescriptor& process) {
     ProcessStatus result;
     struct stat folder {};
-    struct stat executable {};
-    if (!process || ::fstat(process.get(), &folder) != 0 || !lookAtProgram(process, executable) ||
+    if (!process || ::fstat(process.get(), &folder) != 0) return std::nullopt;
+    result.effectiveUserId = folder.st_uid;
+    result.executableLink = readExecutableLink(process);
+    if (result.executableLink.empty() ||
         !parseProcessStat(readProcessFile(process, "stat"), result)) {
         return std::nullopt;
     }
-    result.effectiveUserId = folder.st_uid;
-    result.executableDevice = executable.st_dev;
-    result.executableInode = executable.st_ino;
-    result.executableOwner = executable.st_uid;
     return result;
 }
 
@@ -111,14 +103,21 @@ bool parseProcessStat(std::string_view text, ProcessStatus& status) {
            parseNumber(word(words, 19), status.startTime);
 }
 
-std::optional<std::string> readExecutablePath(const FileDescriptor& process) {
-    std::string path(PATH_MAX + removedMark.size(), '\0');
-    const auto link = programLink(process);
-    const auto length = ::readlinkat(process.get(), link.c_str(), path.data(), path.size());
-    if (length <= 0) return std::nullopt;
-    path.resize(static_cast<std::size_t>(length));
-    dropRemovedMark(process, link, path);
-    return path;
+Executable lookAtExecutable(const FileDescriptor& process, const std::string& link) {
+    Executable result{link, std::nullopt};
+    struct stat running {};
+    anyProgramLink(process, [&](const std::string& name) {
+        const bool isSeen = ::fstatat(process.get(), name.c_str(), &running, 0) == 0;
+        if (isSeen) result.owner = running.st_uid;
+        return isSeen;
+    });
+    if (!link.ends_with(removedMark)) return result;
+    // A file may as well be called so.
+    struct stat named {};
+    const bool isNamedSo =
+        result.owner && ::stat(link.c_str(), &named) == 0 && isSameFile(running, named);
+    if (!isNamedSo) result.path.resize(link.size() - removedMark.size());
+    return result;
 }
 
 std::string readProcessFile(const FileDescriptor& process, const char* name) {

@@ -1,17 +1,17 @@
 #include "Platform/Linux/Attribution/ProcessTable.h"
 
+#include <unistd.h>
+
 #include <algorithm>
-#include <cstdint>
-#include <fstream>
-#include <iterator>
+#include <array>
 #include <optional>
 #include <string_view>
 #include <utility>
 
-#include "Platform/Linux/Attribution/BundleIdentifiers.h"
 #include "Platform/Linux/Attribution/ControlGroupApplication.h"
-#include "Platform/Linux/Attribution/PathText.h"
-#include "Platform/Linux/Attribution/VirtualBundle.h"
+#include "Platform/Linux/Attribution/FileLook.h"
+#include "Platform/Linux/Attribution/InstalledApplications.h"
+#include "Platform/Linux/Attribution/StableHash.h"
 
 namespace platform {
 
@@ -22,149 +22,188 @@ using namespace std::chrono_literals;
 // How long a process that is still the same program keeps its place among the applications without
 // another look. A launcher may move it into a control group after it has started.
 constexpr auto placeLifetime = 500ms;
+// The same where the kernel says that nothing has changed: bundles may have.
+constexpr auto notedPlaceLifetime = 10s;
 // How long an answer serves those who were led to the process by it.
 constexpr auto recallLifetime = 2ms;
+// The same where a note confirmed it: the next note would tell of another program.
+constexpr auto notedRecallLifetime = 500ms;
 // How long a process that has ended is remembered.
 constexpr auto memoryOfEnded = 30s;
 constexpr std::size_t entryLimit = 4096;
 // A process further below an application than this is its own program: the walk up has to end.
 constexpr int deepestGeneration = 64;
 
-// How many forks without an exec lie between a process that was not seen and one that was.
-constexpr int deepestFork = 4;
-
-// In a user namespace without the machine's root, root's files look like nobody's.
-uid_t readRootAsSeenHere() {
-    constexpr uid_t overflow = 65534;
-    std::ifstream map("/proc/self/uid_map");
-    std::uint64_t inside = 0;
-    std::uint64_t outside = 0;
-    std::uint64_t count = 0;
-    while (map >> inside >> outside >> count) {
-        if (inside == 0 && count > 0) return 0;
-    }
-    return overflow;
+std::uint64_t ticksOf(std::uint64_t nanoseconds) {
+    static const auto perSecond = static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK));
+    return nanoseconds / (1'000'000'000 / perSecond);
 }
 
-bool isRoot(uid_t owner) {
-    static const uid_t root = readRootAsSeenHere();
-    return owner == 0 || owner == root;
+bool isBelowApplication(const Process* parent) {
+    return parent != nullptr && parent->kind != ProcessKind::ordinaryProgram && !parent->isTerminal;
 }
 
-std::string fileName(const std::string& path) { return path.substr(path.rfind('/') + 1); }
-
-// The extension searches a path from the left; where that would miss the bundle, or where the path
-// is too long to be shown, a virtual bundle of the same identifier stands in.
-std::string shownBundlePath(const std::string& path, const std::string& identifier) {
-    auto text = textOfPath(path);
-    const bool isSeen = text.size() <= longestShownPath && showsBundle(path);
-    return isSeen ? text : virtualProgramPath(identifier);
+Process processOf(pid_t pid, ProcessStatus status, ProgramFacts facts, const Process* parent) {
+    facts.effectiveUserId = status.effectiveUserId;
+    facts.isBelowApplication = isBelowApplication(parent);
+    auto name = nameOf(facts);
+    const bool isStartedByOther = (name.kind == ProcessKind::installedApplication ||
+                                   name.kind == ProcessKind::desktopApplication) &&
+                                  parent != nullptr &&
+                                  parent->signingIdentifier != name.signingIdentifier;
+    Process process{.pid = pid,
+                    .status = std::move(status),
+                    .executable = std::move(facts.path),
+                    .kind = name.kind,
+                    .isTerminal = name.isTerminal,
+                    .signingIdentifier = std::move(name.signingIdentifier),
+                    .shownPath = std::move(name.shownPath)};
+    if (facts.isBelowApplication && !isStartedByOther) process.shownParentPid = parent->pid;
+    return process;
 }
 
 }  // namespace
 
-std::string ordinaryProgramIdentifier(const std::string& path, uid_t owner) {
-    auto name = textOfPath(isRoot(owner) ? fileName(path) : path);
-    std::replace(name.begin(), name.end(), '.', '-');
-    return identifierThatFits(name);
-}
+// A note's programs from one place on, told apart from all others by a number for each place.
+struct ProcessTable::Chain {
+    const SocketNotes& notes;
+    const KernelNote& note;
+    std::array<std::uint64_t, KERNEL_NOTE_PROGRAMS + 1> numbers{};
+    std::size_t count = 0;
+
+    Chain(const SocketNotes& allNotes, const KernelNote& oneNote) : notes(allNotes), note(oneNote) {
+        count = std::min<std::size_t>(note.programCount, KERNEL_NOTE_PROGRAMS);
+        StableHash hash;
+        for (auto place = count; place-- > 0;) {
+            const auto& program = note.programs[place];
+            hash.add({reinterpret_cast<const char*>(&program), sizeof program});
+            numbers[place] = hash.value() | 1;
+        }
+    }
+};
 
 AuditToken Process::auditToken() const {
     return makeAuditToken({.effectiveUserId = status.effectiveUserId,
                            .pid = pid,
                            .startTime = status.startTime,
-                           .executableDevice = status.executableDevice,
-                           .executableInode = status.executableInode,
-                           .signingIdentifier = signingIdentifier});
+                           .executable = executable,
+                           .signingIdentifier = signingIdentifier,
+                           .isApplication = isApplication(kind)});
 }
 
 ProcessTable& ProcessTable::shared() {
-    static ProcessTable table;
+    static auto& table = *new ProcessTable;  // a look may outlive everything else
     return table;
 }
 
 std::shared_ptr<const Process> ProcessTable::examine(pid_t pid) { return examine(pid, 0); }
 
-std::shared_ptr<const Process> ProcessTable::recall(pid_t pid) { return recall(pid, 0); }
-
-std::shared_ptr<const Process> ProcessTable::recall(pid_t pid, int generation) {
+std::shared_ptr<const Process> ProcessTable::recall(pid_t pid) {
     const auto known = find(pid);
     const auto age = Clock::now() - known.confirmed;
-    if (known.process && age <= recallLifetime) return known.process;
-    if (auto process = examine(pid)) return process;
-    if (known.process && age <= memoryOfEnded) return known.process;
-    return likeItsParent(pid, generation);
-}
-
-std::shared_ptr<const Process> ProcessTable::likeItsParent(pid_t pid, int generation) {
-    const auto parentPid = parents.find(pid);
-    if (!parentPid || generation >= deepestFork) return nullptr;
-    const auto parent = recall(*parentPid, generation + 1);
-    if (!parent) return nullptr;
-    auto process = std::make_shared<Process>(*parent);
-    const bool isOfApplication = parent->kind != ProcessKind::ordinaryProgram;
-    process->pid = pid;
-    process->status.parentPid = *parentPid;
-    process->shownParentPid = isOfApplication ? *parentPid : 1;
-    return process;
-}
-
-void ProcessTable::noteFork(pid_t child, pid_t parent, Clock::time_point when) {
-    parents.remember(child, parent);
-    forgetOlder(child, when);
-}
-
-void ProcessTable::noteExec(pid_t pid, Clock::time_point when) {
-    parents.forget(pid);
-    forgetOlder(pid, when);
+    const auto lifetime = known.noted != 0 ? notedRecallLifetime : recallLifetime;
+    if (known.process && age <= lifetime) return known.process;
+    if (auto process = examine(pid, 0)) return process;
+    return known.process && age <= memoryOfEnded ? known.process : nullptr;
 }
 
 std::shared_ptr<const Process> ProcessTable::examine(pid_t pid, int generation) {
     if (pid <= 0 || generation > deepestGeneration) return nullptr;
     const auto now = Clock::now();
     const auto folder = openProcess(pid);
-    const auto status = readProcessStatus(folder);
+    auto status = readProcessStatus(folder);
     if (!status) return nullptr;
     auto known = find(pid);
-    if (known.process && known.process->status == *status &&
-        now - known.classified <= placeLifetime) {
-        return store(std::move(known.process), known.classified, now);
+    const auto applications = InstalledApplications::shared().version();
+    if (known.process && known.process->status == *status && known.applications == applications &&
+        now - known.named <= placeLifetime) {
+        known.confirmed = now;
+        return store(known);
     }
-    auto process = classify(pid, *status, folder, generation);
-    if (process.signingIdentifier.empty()) return nullptr;
-    return store(std::make_shared<const Process>(std::move(process)), now, now);
+    auto executable = executableOf(pid, *status);
+    const auto parent = examineParent(*status, generation);
+    const auto groups = readProcessFile(folder, "cgroup");
+    ProgramFacts facts{.path = std::move(executable.path),
+                       .owner = executable.owner,
+                       .controlGroup = std::string(controlGroupPath(groups))};
+    auto process = std::make_shared<const Process>(
+        processOf(pid, *std::move(status), std::move(facts), parent.get()));
+    return store({std::move(process), 0, applications, now, now});
 }
 
-Process ProcessTable::classify(pid_t pid, const ProcessStatus& status, const FileDescriptor& folder,
-                               int generation) {
-    Process process;
-    process.pid = pid;
-    process.status = status;
-    const auto path = readExecutablePath(folder);
-    if (!path) return process;
+std::shared_ptr<const Process> ProcessTable::examineParent(const ProcessStatus& status,
+                                                           int generation) {
+    return status.parentPid > 1 ? examine(status.parentPid, generation + 1) : nullptr;
+}
 
-    const auto parent = status.parentPid > 1 ? examine(status.parentPid, generation + 1) : nullptr;
-    const bool isBelowApplication = parent && parent->kind != ProcessKind::ordinaryProgram;
-    process.shownParentPid = isBelowApplication ? status.parentPid : 1;
+// Where the file system hangs, its path is all that is known.
+Executable ProcessTable::executableOf(pid_t pid, const ProcessStatus& status) {
+    const auto key =
+        std::to_string(pid) + " " + std::to_string(status.startTime) + " " + status.executableLink;
+    if (auto known = executables.find(key)) return *std::move(known);
+    lookWithPatience("executable " + key, [this, key, pid, link = status.executableLink] {
+        executables.remember(key, lookAtExecutable(openProcess(pid), link));
+    });
+    auto found = executables.find(key);
+    return found ? *std::move(found) : Executable{status.executableLink, std::nullopt};
+}
 
-    if (auto bundle = innermostBundleIdentifier(*path)) {
-        process.kind = ProcessKind::bundle;
-        process.signingIdentifier = *std::move(bundle);
-        process.shownPath = shownBundlePath(*path, process.signingIdentifier);
-    } else if (auto application =
-                   applicationOfControlGroup(controlGroupPath(readProcessFile(folder, "cgroup")))) {
-        process.kind = ProcessKind::desktopApplication;
-        process.signingIdentifier = identifierThatFits(*application);
-        process.shownPath = virtualProgramPath(process.signingIdentifier);
-    } else if (isBelowApplication) {
-        process.kind = ProcessKind::applicationPart;
-        process.signingIdentifier = textOfPath(fileName(*path));
-        process.shownPath = textOfPath(*path);
-    } else {
-        process.signingIdentifier = ordinaryProgramIdentifier(*path, status.executableOwner);
-        process.shownPath = virtualProgramPath(process.signingIdentifier);
+std::shared_ptr<const Process> ProcessTable::ofNote(const SocketNotes& notes,
+                                                    const KernelNote& note) {
+    return ofNote(Chain(notes, note), 0);
+}
+
+std::shared_ptr<const Process> ProcessTable::ofNote(const Chain& chain, std::size_t place) {
+    if (place >= chain.count) return nullptr;
+    if (auto known = findNoted(chain, place)) return known;
+    const auto& program = chain.note.programs[place];
+    const auto pid = static_cast<pid_t>(program.pid);
+    auto path = chain.notes.pathOf(program.executable);
+    // The note ends here, or does not name the program: /proc may know more.
+    const bool isLast = place + 1 == KERNEL_NOTE_PROGRAMS;
+    if (!path || isLast) {
+        auto process = examine(pid, 0);
+        const bool isSame = process && process->status.startTime == ticksOf(program.started);
+        if (isSame) return process;
+        if (!path) return nullptr;
     }
-    return process;
+    const auto now = Clock::now();
+    const auto parent = ofNote(chain, place + 1);
+    const bool hasParent = place + 1 < chain.count;
+    ProcessStatus status{
+        .parentPid = hasParent ? static_cast<pid_t>(chain.note.programs[place + 1].pid) : 1,
+        .startTime = ticksOf(program.started),
+        .effectiveUserId = program.effectiveUserId,
+        .executableLink = *path};
+    auto group = chain.notes.controlGroupPath(program.controlGroup);
+    // Without the unified hierarchy all are in its root.
+    if (group.empty()) group = controlGroupPath(readProcessFile(openProcess(pid), "cgroup"));
+    ProgramFacts facts{.path = *std::move(path),
+                       .owner = program.executableOwner,
+                       .controlGroup = std::move(group)};
+    const auto applications = InstalledApplications::shared().version();
+    auto process = std::make_shared<const Process>(
+        processOf(pid, std::move(status), std::move(facts), parent.get()));
+    return store({std::move(process), chain.numbers[place], applications, now, now});
+}
+
+// What is known of this program at this place, unless it has to be looked up again.
+std::shared_ptr<const Process> ProcessTable::findNoted(const Chain& chain, std::size_t place) {
+    const auto now = Clock::now();
+    const auto applications = InstalledApplications::shared().version();
+    const MutexGuard guard(lock);
+    ProcessPointer result;
+    for (auto each = place; each < chain.count; ++each) {
+        const auto found = entries.find(static_cast<pid_t>(chain.note.programs[each].pid));
+        if (found == entries.end() || found->second.noted != chain.numbers[each]) break;
+        auto& entry = found->second;
+        const bool isOld =
+            entry.applications != applications || now - entry.named > notedPlaceLifetime;
+        if (each == place && isOld) return nullptr;
+        if (each == place) result = entry.process;
+        entry.confirmed = now;
+    }
+    return result;
 }
 
 ProcessTable::Entry ProcessTable::find(pid_t pid) {
@@ -173,19 +212,11 @@ ProcessTable::Entry ProcessTable::find(pid_t pid) {
     return found == entries.end() ? Entry{} : found->second;
 }
 
-std::shared_ptr<const Process> ProcessTable::store(std::shared_ptr<const Process> process,
-                                                   Clock::time_point classified,
-                                                   Clock::time_point confirmed) {
+std::shared_ptr<const Process> ProcessTable::store(const Entry& entry) {
     const MutexGuard guard(lock);
-    if (entries.size() >= entryLimit) makeRoom(confirmed);
-    entries.insert_or_assign(process->pid, Entry{process, classified, confirmed});
-    return process;
-}
-
-void ProcessTable::forgetOlder(pid_t pid, Clock::time_point when) {
-    const MutexGuard guard(lock);
-    const auto known = entries.find(pid);
-    if (known != entries.end() && known->second.confirmed < when) entries.erase(known);
+    if (entries.size() >= entryLimit) makeRoom(entry.confirmed);
+    entries.insert_or_assign(entry.process->pid, entry);
+    return entry.process;
 }
 
 void ProcessTable::makeRoom(Clock::time_point now) {

@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <set>
 #include <string_view>
 
 namespace platform {
@@ -20,5 +21,17 @@ uid_t shownUserId(uid_t userId);
 
 // True if `userId` is shown as a system account.
 bool isSystemAccount(uid_t userId);
+
+// The user id under which an application is shown that a system account runs: the lowest that the
+// extension does not take for a system account's.
+inline constexpr uid_t shownUserIdOfApplications = 500;
+
+// Accounts of services that the person at the machine wants to be treated as people's: from now on
+// these and no others. They are shown as 1000 or above.
+void setPersonalAccounts(std::set<uid_t> userIds);
+
+// True for root, also where our user namespace has no place for the machine's root, whose files look
+// like the unknown user's there.
+bool isRoot(uid_t userId);
 
 }  // namespace platform

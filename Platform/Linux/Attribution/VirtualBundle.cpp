@@ -10,9 +10,9 @@ namespace platform {
 
 namespace {
 
-constexpr std::string_view folder = "//applications/";
-constexpr std::string_view suffix = ".app";
-constexpr std::string_view program = "/program";
+constexpr std::string_view virtualFolder = "//applications/";
+constexpr std::string_view virtualSuffix = ".app";
+constexpr std::string_view virtualProgram = "/program";
 constexpr std::string_view slashEscape = "%2F";
 constexpr std::string_view percentEscape = "%25";
 
@@ -61,17 +61,18 @@ std::string identifierThatFits(std::string_view identifier) {
 }
 
 std::string virtualProgramPath(std::string_view identifier) {
-    std::string path(folder);
+    std::string path(virtualFolder);
     path += directoryName(identifier);
-    path += suffix;
-    path += program;
+    path += virtualSuffix;
+    path += virtualProgram;
     return path;
 }
 
 std::optional<std::string> virtualBundleIdentifier(std::string_view bundlePath) {
-    if (!bundlePath.starts_with(folder) || !bundlePath.ends_with(suffix)) return std::nullopt;
-    bundlePath.remove_prefix(folder.size());
-    bundlePath.remove_suffix(suffix.size());
+    if (!bundlePath.starts_with(virtualFolder) || !bundlePath.ends_with(virtualSuffix))
+        return std::nullopt;
+    bundlePath.remove_prefix(virtualFolder.size());
+    bundlePath.remove_suffix(virtualSuffix.size());
     if (bundlePath.empty() || bundlePath.find('/') != std::string_view::npos) return std::nullopt;
     return identifierOfDirectoryName(bundlePath);
 }

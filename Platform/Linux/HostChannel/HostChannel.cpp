@@ -13,6 +13,7 @@
 #include <thread>
 #include <utility>
 
+#include "Platform/Linux/Attribution/SystemAccounts.h"
 #include "Platform/Linux/FileDescriptor.h"
 #include "Platform/Linux/HostChannel/FixedPlaces.h"
 #include "Platform/Linux/HostChannel/FolderWatch.h"
@@ -43,9 +44,12 @@ void makeFolders() {
     makeSharedFolder(places::preferencesFolder, FolderAccess::trustedGroupOnly);
 }
 
-// Preferences that cannot be read leave the level as it is.
-void applyLogLevel() {
-    if (const auto preferences = Preferences::load()) Logger::setLowestLevel(preferences->logLevel);
+// Preferences that cannot be read leave everything as it is.
+void applyPreferences() {
+    auto preferences = Preferences::load();
+    if (!preferences) return;
+    Logger::setLowestLevel(preferences->logLevel);
+    setPersonalAccounts(std::move(preferences->personalAccounts));
 }
 
 void tellServiceManager(const char* state) {
@@ -110,7 +114,7 @@ SleepSignal::Listener HostChannel::Running::sleepListener() {
 
 void HostChannel::Running::follow() {
     // What was stored before the watch began.
-    applyLogLevel();
+    applyPreferences();
     sd_event* made = nullptr;
     int result = sd_event_new(&made);
     const std::unique_ptr<sd_event, DropEventLoop> loop(made);
@@ -151,12 +155,12 @@ void HostChannel::Running::readPreferencesEvents() {
         return event.name == preferencesName;
     };
     if (batch.mayHaveMissedSome || std::ranges::any_of(batch.events, concernsPreferences))
-        applyLogLevel();
+        applyPreferences();
 }
 
 HostChannel::HostChannel() {
     makeFolders();
-    applyLogLevel();
+    applyPreferences();
 }
 
 HostChannel::~HostChannel() { stop(); }

@@ -1,8 +1,11 @@
 #include "Platform/Linux/HostChannel/Preferences.h"
 
+#include <pwd.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <cstdint>
 #include <utility>
 
 #include "Platform/Dispatch.h"
@@ -54,6 +57,31 @@ LogLevel logLevelIn(const JSONObject& document) {
     return LogLevel::info;
 }
 
+std::optional<uid_t> accountCalled(const std::string& name) {
+    std::array<char, 4096> buffer;
+    passwd record{};
+    passwd* result = nullptr;
+    getpwnam_r(name.c_str(), &record, buffer.data(), buffer.size(), &result);
+    if (result != nullptr) return result->pw_uid;
+    hostChannelLog.error(
+        "The preferences' personalAccounts name %{public}s, which is no account of this machine",
+        name);
+    return std::nullopt;
+}
+
+std::set<uid_t> personalAccountsIn(const JSONObject& document) {
+    std::set<uid_t> accounts;
+    for (const auto& entry :
+         typedMember<JSONArray>(document, "personalAccounts").value_or(JSONArray{})) {
+        if (const auto* name = entry.as<std::string>()) {
+            if (const auto account = accountCalled(*name)) accounts.insert(*account);
+        } else if (const auto* number = entry.as<std::int64_t>(); number && *number >= 0) {
+            accounts.insert(static_cast<uid_t>(*number));
+        }
+    }
+    return accounts;
+}
+
 }  // namespace
 
 std::optional<Preferences> Preferences::load() {
@@ -74,7 +102,7 @@ std::optional<Preferences> Preferences::load() {
         return std::nullopt;
     }
     return Preferences{protocolIn(member(*object, "protocolConfiguration")), managersIn(*object),
-                       logLevelIn(*object)};
+                       logLevelIn(*object), personalAccountsIn(*object)};
 }
 
 std::shared_ptr<const NEVPNProtocol> NETransparentProxyProvider::protocolConfiguration() const {

@@ -2,8 +2,11 @@
 // read afresh for every question, so that each answer is the one of its moment. Any thread.
 #pragma once
 
+#include <sys/types.h>
+
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -16,6 +19,8 @@ struct Preferences {
     std::shared_ptr<const NEVPNProtocol> protocolConfiguration;
     std::vector<NETunnelProviderManager> tunnelManagers;
     LogLevel logLevel = LogLevel::info;
+    // Accounts of services that are treated as people's, by name or number in "personalAccounts".
+    std::set<uid_t> personalAccounts;
 
     // What the file holds now. A file that is not there holds nothing; each key is optional, and one
     // of another type counts as absent. Nothing if the file is there but cannot be read or is no JSON

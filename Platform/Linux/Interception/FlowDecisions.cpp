@@ -233,6 +233,7 @@ void FlowDecisions::keepHouse() {
     constexpr std::chrono::seconds idleFor{30};
     claims.failOverdue();
     aliases->renew();
+    attribution.keepHouse();
     watched.removeEnded(idleFor, [this](const FlowTuple& flow) {
         const MutexGuard guard(entriesLock);
         return entries && !entries->has(flow);

@@ -23,7 +23,6 @@
 
 #include "Platform/LibProc.h"
 #include "Platform/Linux/Attribution/ProcessTable.h"
-#include "Platform/Linux/Attribution/ProcessWatch.h"
 #include "Platform/Linux/Attribution/SystemAccounts.h"
 #include "Platform/Linux/Network/SocketAddress.h"
 #include "Tests/Platform/Linux/Attribution/RealPrograms.h"
@@ -98,7 +97,7 @@ void sayReady(int descriptor, pid_t pid = ::getpid()) { ::dprintf(descriptor, "r
 class AttributedFlows : public ::testing::Test {
 protected:
     explicit AttributedFlows(bool wantsNotes) : hasNotes(wantsNotes) {
-        auto notes = wantsNotes ? SocketUsers::attach() : nullptr;
+        auto notes = wantsNotes ? SocketNotes::attach() : nullptr;
         if (wantsNotes && !notes) reasonToSkip = "the kernel takes no notes for us here";
         attribution.emplace(std::move(notes));
     }
@@ -215,7 +214,8 @@ TEST_P(FlowOwners, AShortageOfDescriptorsIsForgottenOnceItIsOver) {
     ::getrlimit(RLIMIT_NOFILE, &before);
     const rlimit none{0, before.rlim_max};
     ::setrlimit(RLIMIT_NOFILE, &none);
-    EXPECT_EQ(ownerPid(shown), -1);
+    // Notes need no descriptor.
+    EXPECT_EQ(ownerPid(shown), hasNotes ? program->pid() : -1);
     ::setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_EQ(ownerPid(shown), program->pid());
 }
@@ -287,7 +287,7 @@ TEST_P(FlowOwners, EveryThreadCounts) {
     const auto flowOfItsOwn = flow(stream, shared->port);
     const auto outliving = holder(false);
     const auto flowOfOutliving = flow(stream, shared->port);
-    attribution.emplace(hasNotes ? SocketUsers::attach() : nullptr);
+    attribution.emplace(hasNotes ? SocketNotes::attach() : nullptr);
     EXPECT_EQ(ownerPid(flowOfItsOwn), ofItsOwn->pid());
     EXPECT_EQ(ownerPid(flowOfOutliving), outliving->pid());
 }
@@ -311,33 +311,94 @@ TEST_F(FlowOwnersByNotes, ADatagramOutlivesItsSocketAndItsProcess) {
     const TemporaryFolder folder;
     folder.addBundle("Beacon.app", "com.example.Beacon");
     const auto beacon = folder.addProgram("Beacon.app/Contents/MacOS/Beacon");
-    const auto target = "/dev/udp/127.0.0.1/" + std::to_string(destination.port);
-    const auto watch = ProcessWatch::start(ProcessTable::shared());
-    if (!watch) GTEST_SKIP() << "the kernel does not tell of new processes here";
-    // The shell itself sends, then a child that was forked from it; both close their socket at once.
-    for (const auto& send : {"echo >" + target, "(echo >" + target + "); :"}) {
-        RunningProgram program(beacon, "echo ready $$; kill -STOP $$; " + send, becomePerson);
-        watch->catchUp();
+    const auto sync = folder.addProgram("sync");
+    const auto send = "echo >/dev/udp/127.0.0.1/" + std::to_string(destination.port);
+    // A program that nobody has seen before; a child that was forked from it; a program that it has
+    // started. All of them are gone when their datagram is asked about.
+    for (const auto& script : {send, "(" + send + "); :", sync + " -c '" + send + "'; :"}) {
+        RunningProgram program(beacon, "echo ready $$; kill -STOP $$; " + script, becomePerson);
+        const auto pid = program.pid();
         program.letEnd();
         const auto owner = attribution->ownerOf(flow(datagram, destination.senderOfNextDatagram()));
-        ASSERT_TRUE(owner) << send;
-        EXPECT_EQ(owner->signingIdentifier, "com.example.Beacon") << send;
-        EXPECT_EQ(owner->path, beacon) << send;
+        ASSERT_TRUE(owner) << script;
+        const bool isPart = script.starts_with(sync);
+        EXPECT_EQ(owner->signingIdentifier, isPart ? "sync" : "com.example.Beacon") << script;
+        EXPECT_EQ(owner->path, isPart ? sync : beacon) << script;
         std::uint32_t userId = 0;
         std::memcpy(&userId, owner->auditToken.data() + 4, sizeof userId);
-        EXPECT_EQ(userId, ::geteuid() == 0 ? person : ::geteuid()) << send;
+        EXPECT_EQ(userId, person) << script;
+        proc_bsdinfo about;
+        if (!isPart) continue;
+        ASSERT_GT(proc_pidinfo(owner->pid, PROC_PIDTBSDINFO, 0, about), 0);
+        std::array<char, 1024> path{};
+        proc_pidpath(pid, path.data(), path.size());
+        EXPECT_EQ(about.pbi_ppid, static_cast<std::uint32_t>(pid));
+        EXPECT_EQ(beacon, path.data());
     }
 }
 
-TEST_F(FlowOwnersByNotes, AProgramThatCannotBeLookedAtHoldsUpNoOther) {
+TEST_F(FlowOwnersByNotes, OfSeveralSocketsOnAPortTheOneThatSentIsNamed) {
+    const auto on = [&](int port) {
+        return std::make_unique<RunningProgram>([&, port](int ready) {
+            becomePerson();
+            const FileDescriptor socket(::socket(AF_INET, SOCK_DGRAM, 0));
+            const int yes = 1;
+            ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+            const auto own = SocketAddress::fromNumeric("0.0.0.0", port).value();
+            const auto to = SocketAddress::fromNumeric("127.0.0.1", destination.port).value();
+            if (::bind(socket.get(), &own.any, own.length) != 0) ::_exit(1);
+            shared->port = portOf(socket);
+            sayReady(ready);
+            while (true) {
+                shared->await(::getpid());
+                ::sendto(socket.get(), "x", 1, 0, &to.any, to.length);
+                shared->step = 0;
+            }
+        });
+    };
+    const auto first = on(0);
+    const auto second = on(shared->port);
+    for (const auto* sender : {second.get(), first.get(), second.get()}) {
+        shared->step = sender->pid();
+        shared->await(0);
+        EXPECT_EQ(ownerPid(flow(datagram, shared->port)), sender->pid());
+    }
+}
+
+TEST_F(FlowOwnersByNotes, NoAccountPushesOutTheNotesOfAnother) {
+    const auto program = holderOf({AF_INET, SOCK_DGRAM, "127.0.0.1", false});
+    const RunningProgram flood([&](int ready) {
+        testing::becomePerson(person + 1);
+        for (int count = 0; count < 20'000; ++count) opened({AF_INET, SOCK_DGRAM, "127.0.0.2"}, 9);
+        sayReady(ready);
+    });
+    program->end();
+    EXPECT_GT(ownerPid(flow(datagram, shared->port)), 0);
+}
+
+TEST_P(FlowOwners, OfASystemAccountApplicationsAreNamed) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root has a system account at hand";
+    const TemporaryFolder folder;
+    folder.addBundle("Beacon.app", "com.example.Beacon");
+    const auto beacon = folder.addProgram("Beacon.app/Contents/MacOS/Beacon");
+    const RunningProgram program(beacon, "exec 3>/dev/udp/127.0.0.1/" +
+                                             std::to_string(destination.port) +
+                                             "; echo >&3; echo ready $$; kill -STOP $$");
+    const auto owner = attribution->ownerOf(flow(datagram, destination.senderOfNextDatagram()));
+    ASSERT_TRUE(owner);
+    EXPECT_EQ(owner->signingIdentifier, "com.example.Beacon");
+    EXPECT_EQ(owner->pid, program.pid());
+    EXPECT_EQ(owner->uid, 0U);
+    EXPECT_NE(owner->auditToken, AuditToken{});
+}
+
+TEST_P(FlowOwners, AProgramThatCannotBeLookedAtHoldsUpNoOther) {
+    attribution.reset();
     ASSERT_TRUE(enterNamespaces(Namespace::mount));
-    attribution.emplace(SocketUsers::attach());
-    const auto watch = ProcessWatch::start(ProcessTable::shared());
-    if (!watch) GTEST_SKIP() << "the kernel does not tell of new processes here";
+    attribution.emplace(hasNotes ? SocketNotes::attach() : nullptr);
     const TemporaryFolder folder;
     folder.addBundle("Hung.app", "com.example.Hung");
     const auto hung = folder.addProgram("Hung.app/Contents/MacOS/Hung");
-    const auto beacon = folder.addProgram("beacon");
     // A file system whose server, this test, never answers.
     const auto file = folder.path("Hung.app/Contents/Info.plist");
     FileDescriptor server(::open("/dev/fuse", O_RDWR | O_CLOEXEC));
@@ -346,16 +407,15 @@ TEST_F(FlowOwnersByNotes, AProgramThatCannotBeLookedAtHoldsUpNoOther) {
     if (!server || ::mount("hung", file.c_str(), "fuse", 0, options.c_str()) != 0)
         GTEST_SKIP() << "this kernel has no file systems of user programs";
 
-    const auto target = "/dev/udp/127.0.0.1/" + std::to_string(destination.port);
-    RunningProgram sender(beacon, "echo ready $$; kill -STOP $$; echo >" + target, becomePerson);
-    watch->catchUp();
-    const RunningProgram notLookedAt(hung, "echo ready $$; kill -STOP $$", becomePerson);
-    sender.letEnd();
-    const auto owner = attribution->ownerOf(flow(datagram, destination.senderOfNextDatagram()));
+    const auto send = "exec 3>/dev/udp/127.0.0.1/" + std::to_string(destination.port) +
+                      "; echo >&3; echo ready $$; kill -STOP $$";
+    for (const auto& path : {hung, folder.addProgram("beacon")}) {
+        const RunningProgram sender(path, send, becomePerson);
+        const auto shown = flow(datagram, destination.senderOfNextDatagram());
+        for (int count = 0; count < 40; ++count) EXPECT_EQ(ownerPid(shown), sender.pid()) << path;
+    }
     server = FileDescriptor();
     ::umount2(file.c_str(), MNT_DETACH);
-    ASSERT_TRUE(owner);
-    EXPECT_EQ(owner->signingIdentifier, "beacon");
 }
 
 TEST(Processes, NobodyIsNobody) {

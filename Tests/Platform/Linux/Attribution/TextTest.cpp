@@ -4,8 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <utility>
 
 #include "Platform/Common/Text.h"
@@ -13,6 +16,8 @@
 #include "Platform/Linux/Attribution/AuditToken.h"
 #include "Platform/Linux/Attribution/BundleIdentifiers.h"
 #include "Platform/Linux/Attribution/ControlGroupApplication.h"
+#include "Platform/Linux/Attribution/DesktopEntry.h"
+#include "Platform/Linux/Attribution/InstalledApplications.h"
 #include "Platform/Linux/Attribution/PathText.h"
 #include "Platform/Linux/Attribution/ProcessStatus.h"
 #include "Platform/Linux/Attribution/SystemAccounts.h"
@@ -93,22 +98,22 @@ TEST(Bundle, OpensWhatIsOneAndFollowsItsChanges) {
     std::filesystem::create_symlink(folder.path("Flat.appex/pipe"),
                                     folder.path("Pipe.app/Contents/Info.plist"));
 
-    // What opens, with its identifier or none; and what doesn't.
+    // What opens, with its identifier; and what doesn't.
     const auto identifier = [&](const std::string& relative) -> std::string {
         const auto bundle = NSBundle::bundleWithPath(folder.path(relative));
         return bundle ? bundle->bundleIdentifier().value_or("none") : "no bundle";
     };
-    const std::pair<const char*, const char*> cases[] = {{"A.app", "com.example.a"},
-                                                         {"Flat.appex", "com.example.flat"},
-                                                         {"Odd\\xff.app", "com.example.odd"},
-                                                         {"Huge.app", "none"},
-                                                         {"Folder.app", "none"},
-                                                         {"Pipe.app", "none"},
-                                                         {"file.app", "no bundle"},
-                                                         {"Missing.app", "no bundle"}};
+    const std::pair<const char*, const char*> cases[] = {
+        {"A.app", "com.example.a"},          {"Flat.appex", "com.example.flat"},
+        {"Odd\\xff.app", "com.example.odd"}, {"Huge.app", "no bundle"},
+        {"Folder.app", "no bundle"},         {"Pipe.app", "no bundle"},
+        {"file.app", "no bundle"},           {"Missing.app", "no bundle"}};
     for (const auto& [path, expected] : cases) EXPECT_EQ(identifier(path), expected) << path;
 
     folder.addBundle("A.app", "com.example.renamed");
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (identifier("A.app") == "com.example.a" && std::chrono::steady_clock::now() < deadline)
+        ::usleep(10'000);
     EXPECT_EQ(identifier("A.app"), "com.example.renamed");
 }
 
@@ -139,6 +144,9 @@ TEST(ControlGroup, NamesTheDesktopApplication) {
     };
     for (const auto& [group, application] : cases)
         EXPECT_EQ(applicationOfControlGroup(group), application) << group;
+    EXPECT_EQ(busNameOfControlGroup(session + "dbus-:1.2-org.exa\\x2dmple.Editor@0.service"),
+              "org.exa-mple.Editor");
+    EXPECT_EQ(busNameOfControlGroup("/system.slice/dbus-org.example.service"), std::nullopt);
 }
 
 TEST(ControlGroup, IsFoundInBothLayouts) {
@@ -146,6 +154,56 @@ TEST(ControlGroup, IsFoundInBothLayouts) {
     EXPECT_EQ(controlGroupPath("9:name=systemd:/a\n8:pids:/p\n0::/\n"), "/a");
     EXPECT_EQ(controlGroupPath("9:name=systemd:/\n8:pids:/p\n0::/c\n"), "/c");
     EXPECT_EQ(controlGroupPath(""), "");
+}
+
+TEST(DesktopEntry, SaysWhatIsRunAndHow) {
+    const std::string head = "# a comment\n[Desktop Entry]\nType=Application\n";
+    const auto entry = parseDesktopEntry(
+        head +
+        "Exec = env A=1 B=2 \"/opt/My App/run\" --new \\%u\nCategories=X;TerminalEmulator;\n"
+        "[Desktop Action new]\nExec=other\nNoDisplay=true\n");
+    ASSERT_TRUE(entry);
+    EXPECT_THAT(entry->command, ::testing::ElementsAre("/opt/My App/run", "--new", "%u"));
+    EXPECT_TRUE(entry->isShown && entry->isTerminal && !entry->runsInTerminal);
+    for (const auto& text : {head, head + "Exec=\n", head + "Exec=a\nHidden=true\n",
+                             std::string("[Desktop Entry]\nType=Link\nExec=a\n"), std::string()})
+        EXPECT_FALSE(parseDesktopEntry(text)) << text;
+}
+
+TEST(InstalledApplications, AreKnownByTheirExecutables) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root's files count";
+    const testing::TemporaryFolder folder;
+    const auto browser = folder.addProgram("opt/browser/browser");
+    const auto player = folder.addProgram("usr/bin/player");
+    folder.addFile("opt/wrapped/start", "#!/bin/sh\n");
+    const auto entry = [&](const std::string& name, const std::string& command,
+                           const std::string& more = "") {
+        folder.addFile("applications/" + name,
+                       "[Desktop Entry]\nType=Application\nExec=" + command + "\n" + more);
+    };
+    entry("org.example.Browser.desktop", browser + " %u");
+    entry("browser-private.desktop", browser + " --private %u");
+    entry("kde/player.desktop", "env A=b " + player);
+    entry("hidden.desktop", folder.path("opt/wrapped/start"), "NoDisplay=true\n");
+    entry("wrapped.desktop", folder.path("opt/wrapped/start"));
+    entry("script.desktop", "/bin/sh /x");
+    InstalledApplications applications({folder.path("applications")});
+    const auto of = [&](const std::string& path) {
+        const auto application = applications.ofExecutable(path);
+        return application ? application->identifier : "none";
+    };
+    EXPECT_EQ(of(browser), "org.example.Browser");
+    EXPECT_EQ(of(folder.path("opt/browser/lib/helper")), "org.example.Browser");
+    EXPECT_EQ(of(player), "kde-player");
+    EXPECT_EQ(of(folder.path("usr/bin/other")), "none");
+    EXPECT_EQ(of(folder.path("opt/wrapped/program")), "wrapped");
+    EXPECT_EQ(of("/bin/sh"), "none");
+    EXPECT_TRUE(applications.named("hidden"));
+    const auto before = applications.version();
+    std::filesystem::remove(folder.path("applications/kde/player.desktop"));
+    applications.reload();
+    EXPECT_EQ(of(player), "none");
+    EXPECT_NE(applications.version(), before);
 }
 
 TEST(SystemAccounts, AreShownBelowFiveHundred) {
@@ -157,14 +215,20 @@ TEST(SystemAccounts, AreShownBelowFiveHundred) {
     EXPECT_EQ(shownUserId(65519), 499U);
     EXPECT_EQ(shownUserId(65520), 65520U);
     EXPECT_FALSE(isSystemAccount(60000));
+
+    setPersonalAccounts({115, 61184});
+    EXPECT_EQ(shownUserId(115), 1000U);
+    EXPECT_EQ(shownUserId(61184), 61184U);
+    EXPECT_TRUE(isSystemAccount(116));
+    setPersonalAccounts({});
+    EXPECT_TRUE(isSystemAccount(115));
 }
 
 TEST(AuditToken, HoldsAccountProcessAndVersion) {
     const AuditTokenFields fields{.effectiveUserId = 60000,
                                   .pid = 4711,
                                   .startTime = 99,
-                                  .executableDevice = 1,
-                                  .executableInode = 2,
+                                  .executable = "/x",
                                   .signingIdentifier = "a.b"};
     const auto token = makeAuditToken(fields);
     EXPECT_EQ(makeAuditToken(fields), token);
@@ -175,9 +239,13 @@ TEST(AuditToken, HoldsAccountProcessAndVersion) {
     EXPECT_THAT(words, ::testing::ElementsAre(0U, 60000U, 0U, 0U, 0U, 4711U, 0U, 0U));
     auto reused = fields, executed = fields, moved = fields;
     reused.startTime = 100;
-    executed.executableInode = 3;
+    executed.executable = "/y";
     moved.signingIdentifier = "a.c";
     for (const auto& other : {reused, executed, moved}) EXPECT_NE(makeAuditToken(other), token);
+    // An application is no system process, whoever runs it.
+    const auto ofRoot = makeAuditToken({.pid = 1, .isApplication = true});
+    std::memcpy(words, ofRoot.data(), sizeof words);
+    EXPECT_EQ(words[1], 500U);
 }
 
 TEST(PathText, IsValidAndLosesNothing) {
