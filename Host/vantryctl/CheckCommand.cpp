@@ -1,5 +1,7 @@
 #include "Host/vantryctl/CheckCommand.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <iterator>
 #include <string_view>
@@ -35,7 +37,7 @@ std::string_view wordFor(Verdict verdict) {
 Finding checkGroup() {
     if (platform::trustedGroup())
         return {"group vantry", Verdict::good, "its members may use this tool without sudo", ""};
-    return {"group vantry", Verdict::good, "there is none: only root may use this tool in full",
+    return {"group vantry", Verdict::warning, "there is none: only root may use this tool in full",
             "groupadd --system vantry, then usermod -aG vantry NAME"};
 }
 
@@ -69,6 +71,11 @@ void print(const Findings& all, const Console& console) {
     }
 }
 
+bool has(const Findings& all, Verdict verdict) {
+    return std::ranges::any_of(all,
+                               [&](const auto& finding) { return finding.verdict == verdict; });
+}
+
 }  // namespace
 
 ExitCode checkMachine(bool asJSON, const Console& console) {
@@ -80,9 +87,10 @@ ExitCode checkMachine(bool asJSON, const Console& console) {
     } else {
         print(all, console);
     }
-    const bool isMissing = std::ranges::any_of(
-        all, [](const auto& finding) { return finding.verdict == Verdict::missing; });
-    return isMissing ? ExitCode::failed : ExitCode::done;
+    if (has(all, Verdict::missing)) return ExitCode::failed;
+    if (geteuid() == 0 || !has(all, Verdict::unknown)) return ExitCode::done;
+    return console.report({ExitCode::notPermitted, "Not everything could be looked at.",
+                           "Run it as root: sudo vantryctl check"});
 }
 
 }  // namespace vantryctl

@@ -6,7 +6,8 @@
 
 namespace vantryctl {
 
-// Fails if something is missing without which the daemon cannot work.
+// Fails if something is missing without which the daemon cannot work, and otherwise if this user may not
+// look at everything: what was not looked at is not good.
 ExitCode checkMachine(bool asJSON, const Console& console);
 
 }  // namespace vantryctl

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <linux/magic.h>
 #include <sys/vfs.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -178,7 +179,9 @@ Findings findingsInRules(const std::string& rulesOfOthers) {
 }
 
 Findings checkOtherRules() {
-    const auto rules = platform::interception::packetRulesOfOthers();
+    // Whom the kernel refuses, the library tells so on its own standard error.
+    const auto rules =
+        geteuid() == 0 ? platform::interception::packetRulesOfOthers() : std::nullopt;
     if (!rules)
         return {{"rules of others", Verdict::unknown, "they cannot be listed", "Run it as root."}};
     auto findings = findingsInRules(*rules);
