@@ -9,6 +9,7 @@
 #include <optional>
 
 #include "Host/vantryctl/CheckCommand.h"
+#include "Host/vantryctl/CompletionCommand.h"
 #include "Host/vantryctl/Duration.h"
 #include "Host/vantryctl/IdentifyCommand.h"
 #include "Host/vantryctl/LogCommands.h"
@@ -104,6 +105,7 @@ private:
     void addViews();
     void addLog();
     void addMachine();
+    void addCompletion();
 
     CLI::App& app;
     const Console& console;
@@ -229,6 +231,17 @@ void Commands::addLog() {
 void Commands::addMachine() {
     takeJSON(add(app, "check", "Say what the machine lacks that the daemon needs",
                  [this] { return checkMachine(request.asJSON, console); }));
+    addCompletion();
+}
+
+// For shells; a group without a name is left out of the help.
+void Commands::addCompletion() {
+    CLI::App& names = add(app, "names", "Print identifiers for a shell's completion",
+                          [this] { return printNames(request.word, console); });
+    names.group("");
+    names.add_option("KIND", request.word)
+        ->check(CLI::IsMember({"seen", "ruled", "blocked"}))
+        ->required();
 }
 
 }  // namespace

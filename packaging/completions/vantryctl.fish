@@ -1,0 +1,54 @@
+# fish completion for vantryctl
+
+function __vantryctl_is
+    # Whether the words before the cursor, options left out, begin with these.
+    set -l words (commandline -opc | string match -v -- '-*')
+    set -e words[1]
+    test (count $words) -ge (count $argv); or return 1
+    test -z "$argv"; and return (test -z "$words"; echo $status)
+    test "$words[1..$(count $argv)]" = "$argv"
+end
+
+function __vantryctl_is_just
+    set -l words (commandline -opc | string match -v -- '-*')
+    set -e words[1]
+    test "$words" = "$argv"
+end
+
+complete -c vantryctl -f
+complete -c vantryctl -n '__vantryctl_is_just' -l version -d 'Print the version'
+complete -c vantryctl -l help -d 'Print help'
+
+complete -c vantryctl -n '__vantryctl_is_just' -a rules -d 'Show or change what each application may do'
+complete -c vantryctl -n '__vantryctl_is_just' -a vpn -d 'Say whether the VPN is up'
+complete -c vantryctl -n '__vantryctl_is_just' -a status -d 'Show whether the daemon runs'
+complete -c vantryctl -n '__vantryctl_is_just' -a reload -d 'Have the daemon read the rules'
+complete -c vantryctl -n '__vantryctl_is_just' -a apps -d 'List the applications that were seen'
+complete -c vantryctl -n '__vantryctl_is_just' -a identify -d 'Find the identifier of a process or a program'
+complete -c vantryctl -n '__vantryctl_is_just' -a log -d 'Show which flows went where'
+complete -c vantryctl -n '__vantryctl_is_just' -a clear -d 'Empty the log'
+complete -c vantryctl -n '__vantryctl_is_just' -a failures -d 'List direct connections that found no interface'
+complete -c vantryctl -n '__vantryctl_is_just' -a check -d 'Say what the machine lacks'
+complete -c vantryctl -n '__vantryctl_is_just' -a watch -d "Follow the VPN's tunnel"
+
+complete -c vantryctl -n '__vantryctl_is_just rules' -a 'show set remove default block unblock fallback'
+complete -c vantryctl -n '__vantryctl_is rules set' -a '(vantryctl names seen 2>/dev/null)'
+complete -c vantryctl -n '__vantryctl_is rules set; and not __vantryctl_is_just rules set' -a 'vpn direct'
+complete -c vantryctl -n '__vantryctl_is rules block' -a '(vantryctl names seen 2>/dev/null)'
+complete -c vantryctl -n '__vantryctl_is rules remove' -a '(vantryctl names ruled 2>/dev/null)'
+complete -c vantryctl -n '__vantryctl_is rules unblock' -a '(vantryctl names blocked 2>/dev/null)'
+complete -c vantryctl -n '__vantryctl_is_just rules default' -a 'vpn direct'
+complete -c vantryctl -n '__vantryctl_is_just rules fallback' -a 'vpn direct'
+complete -c vantryctl -n '__vantryctl_is rules fallback; and not __vantryctl_is_just rules fallback' -a 'allow block'
+complete -c vantryctl -n '__vantryctl_is_just vpn' -a 'up down'
+complete -c vantryctl -n '__vantryctl_is identify' -F
+
+complete -c vantryctl -n '__vantryctl_is log' -s f -l follow -d 'Go on with each new flow'
+complete -c vantryctl -n '__vantryctl_is log' -s n -l lines -x -d 'How many of the latest'
+complete -c vantryctl -n '__vantryctl_is log' -s a -l app -x -a '(vantryctl names seen 2>/dev/null)' -d 'Only this application'
+complete -c vantryctl -n '__vantryctl_is failures' -l clear -d 'Empty the list'
+complete -c vantryctl -n '__vantryctl_is watch' -s i -l interface -x -a '(ls /sys/class/net)' -d 'Only this interface is the VPN'
+complete -c vantryctl -n '__vantryctl_is watch' -l once -d 'Say it once and end'
+for command in rules status apps identify log failures check
+    complete -c vantryctl -n "__vantryctl_is $command" -l json -d 'Print JSON'
+end
