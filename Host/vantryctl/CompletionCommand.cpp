@@ -2,9 +2,9 @@
 
 #include <set>
 
+#include "Host/settings/Settings.h"
 #include "Host/vantryctl/ActivityLog.h"
-#include "Host/vantryctl/Settings.h"
-#include "Host/vantryctl/SettingsStore.h"
+#include "Host/vantryctl/SettingsClient.h"
 
 namespace vantryctl {
 
@@ -14,7 +14,7 @@ using Names = std::set<std::string, std::less<>>;
 
 Settings readableSettings() {
     const auto loaded = loadSettings();
-    return failureOf(loaded) ? Settings{} : std::get<StoredSettings>(loaded).settings;
+    return failureOf(loaded) ? Settings{} : std::get<StoredSettings>(loaded).choices.settings;
 }
 
 void addSeen(Names& names) {

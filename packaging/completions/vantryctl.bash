@@ -18,7 +18,7 @@ _vantryctl() {
     COMPREPLY=()
     local offer=""
     case "${words[*]}" in
-        "") offer="rules vpn status reload apps identify log clear failures check watch --help --version" ;;
+        "") offer="rules vpn status reload apps identify log clear failures check try confirm undo export import --help --version" ;;
         rules) offer="show set remove default block unblock fallback --json --help" ;;
         "rules set" | "rules block") _vantryctl_names seen "$current" ;;
         "rules set "*) offer="vpn direct"; _vantryctl_names seen "$current" ;;
@@ -29,14 +29,15 @@ _vantryctl() {
         "rules fallback") offer="vpn direct" ;;
         "rules fallback "*) offer="allow block" ;;
         "rules show" | status | apps | check) offer="--json --help" ;;
-        vpn) offer="up down" ;;
+        vpn) offer="follow up down" ;;
         identify*) offer="--json --help"; compopt -o default ;;
         log*" -a" | log*" --app") _vantryctl_names seen "$current" ;;
         log*) offer="--follow --lines --app --json --help" ;;
         failures) offer="--clear --json --help" ;;
-        watch*" -i" | watch*" --interface")
+        "vpn follow"*" -i" | "vpn follow"*" --interface")
             offer=$(cd /sys/class/net 2>/dev/null && echo *) ;;
-        watch*) offer="--interface --once --help" ;;
+        "vpn follow"*) offer="--interface --help" ;;
+        import*) offer="--yes --dry-run --help"; compopt -o default ;;
     esac
     local word
     for word in $offer; do

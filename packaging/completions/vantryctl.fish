@@ -29,7 +29,11 @@ complete -c vantryctl -n '__vantryctl_is_just' -a log -d 'Show which flows went 
 complete -c vantryctl -n '__vantryctl_is_just' -a clear -d 'Empty the log'
 complete -c vantryctl -n '__vantryctl_is_just' -a failures -d 'List direct connections that found no interface'
 complete -c vantryctl -n '__vantryctl_is_just' -a check -d 'Say what the machine lacks'
-complete -c vantryctl -n '__vantryctl_is_just' -a watch -d "Follow the VPN's tunnel"
+complete -c vantryctl -n '__vantryctl_is_just' -a try -d 'Make a change that is taken back unless confirmed'
+complete -c vantryctl -n '__vantryctl_is_just' -a confirm -d 'Keep the change that is on trial'
+complete -c vantryctl -n '__vantryctl_is_just' -a undo -d 'Take the newest change back'
+complete -c vantryctl -n '__vantryctl_is_just' -a export -d 'Print the settings as a document'
+complete -c vantryctl -n '__vantryctl_is_just' -a import -d 'Replace the settings by those of a document'
 
 complete -c vantryctl -n '__vantryctl_is_just rules' -a 'show set remove default block unblock fallback'
 complete -c vantryctl -n '__vantryctl_is rules set' -a '(vantryctl names seen 2>/dev/null)'
@@ -40,15 +44,14 @@ complete -c vantryctl -n '__vantryctl_is rules unblock' -a '(vantryctl names blo
 complete -c vantryctl -n '__vantryctl_is_just rules default' -a 'vpn direct'
 complete -c vantryctl -n '__vantryctl_is_just rules fallback' -a 'vpn direct'
 complete -c vantryctl -n '__vantryctl_is rules fallback; and not __vantryctl_is_just rules fallback' -a 'allow block'
-complete -c vantryctl -n '__vantryctl_is_just vpn' -a 'up down'
+complete -c vantryctl -n '__vantryctl_is_just vpn' -a 'follow up down'
 complete -c vantryctl -n '__vantryctl_is identify' -F
 
 complete -c vantryctl -n '__vantryctl_is log' -s f -l follow -d 'Go on with each new flow'
 complete -c vantryctl -n '__vantryctl_is log' -s n -l lines -x -d 'How many of the latest'
 complete -c vantryctl -n '__vantryctl_is log' -s a -l app -x -a '(vantryctl names seen 2>/dev/null)' -d 'Only this application'
 complete -c vantryctl -n '__vantryctl_is failures' -l clear -d 'Empty the list'
-complete -c vantryctl -n '__vantryctl_is watch' -s i -l interface -x -a '(ls /sys/class/net)' -d 'Only this interface is the VPN'
-complete -c vantryctl -n '__vantryctl_is watch' -l once -d 'Say it once and end'
+complete -c vantryctl -n '__vantryctl_is vpn' -s i -l interface -x -a '(ls /sys/class/net)' -d 'Only this interface is the VPN'
 for command in rules status apps identify log failures check
     complete -c vantryctl -n "__vantryctl_is $command" -l json -d 'Print JSON'
 end
