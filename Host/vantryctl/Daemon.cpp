@@ -6,10 +6,13 @@
 #include "Host/settings/DaemonNotice.h"
 #include "Host/settings/Places.h"
 #include "Host/settings/UnixExchange.h"
+#include "Platform/Linux/Health/Health.h"
 
 namespace vantryctl {
 
 using platform::JSONFailure;
+using platform::JSONObject;
+using platform::JSONValue;
 using vantry::ExtensionMessage;
 using vantry::ExtensionResponse;
 using vantry::MessageType;
@@ -27,9 +30,8 @@ Failure failureFor(const vantryhost::ExchangeFailure& failure) {
     return {ExitCode::failed, std::string(what) + ": " + std::strerror(failure.error) + ".", ""};
 }
 
-Outcome<std::string> exchange(MessageType type) {
-    const auto request = ExtensionMessage{type, {}, {}}.encode();
-    auto reply = vantryhost::exchange(places::messageSocket, request.value_or(""));
+Outcome<std::string> exchange(std::string_view request) {
+    auto reply = vantryhost::exchange(places::messageSocket, request);
     if (const auto* failure = std::get_if<vantryhost::ExchangeFailure>(&reply))
         return failureFor(*failure);
     auto& document = std::get<std::string>(reply);
@@ -40,7 +42,7 @@ Outcome<std::string> exchange(MessageType type) {
 // The reply as the record that was asked for, or as the error that came in its place.
 template <class Record>
 Outcome<Record> ask(MessageType type) {
-    const auto reply = exchange(type);
+    const auto reply = exchange(ExtensionMessage{type, {}, {}}.encode().value_or(""));
     if (const auto* failure = std::get_if<Failure>(&reply)) return *failure;
     const auto& document = std::get<std::string>(reply);
     auto record = Record::decode(document);
@@ -54,6 +56,22 @@ Outcome<Record> ask(MessageType type) {
         "The daemon's answer is not understood: " + std::get<JSONFailure>(record).description, ""};
 }
 
+std::optional<HealthItem> healthItemOf(const JSONValue& value) {
+    const auto* const object = value.as<JSONObject>();
+    if (object == nullptr) return std::nullopt;
+    const auto find = [&](std::string_view key) {
+        const auto found = object->find(key);
+        return found == object->end() ? nullptr : &found->second;
+    };
+    const auto *const key = find("key"), *const label = find("label"), *const worth = find("value"),
+                      *const problem = find("isProblem");
+    if (!key || !label || !worth || !problem) return std::nullopt;
+    const auto* const keyText = key->as<std::string>();
+    const auto* const labelText = label->as<std::string>();
+    const auto* const isProblem = problem->as<bool>();
+    if (!keyText || !labelText || !isProblem) return std::nullopt;
+    return HealthItem{*keyText, *labelText, *worth, *isProblem};
+}
 }  // namespace
 
 Outcome<vantry::ExtensionStatus> askForStatus() {
@@ -62,6 +80,23 @@ Outcome<vantry::ExtensionStatus> askForStatus() {
 
 Outcome<vantry::ActiveAppsResponse> askForActiveApps() {
     return ask<vantry::ActiveAppsResponse>(MessageType::getActiveApps);
+}
+
+Outcome<std::vector<HealthItem>> askForHealth() {
+    const Failure notUnderstood{ExitCode::failed, "The daemon does not tell how it does.",
+                                "It may be of another version: systemctl restart vantryd."};
+    const auto reply = exchange(platform::health::reportRequest);
+    if (const auto* failure = std::get_if<Failure>(&reply)) return *failure;
+    const auto document = platform::parseJSON(std::get<std::string>(reply));
+    const auto* const value = std::get_if<JSONValue>(&document);
+    const auto* const object = value ? value->as<JSONObject>() : nullptr;
+    if (!object || object->find("health") == object->end()) return notUnderstood;
+    const auto* const list = object->find("health")->second.as<platform::JSONArray>();
+    if (!list) return notUnderstood;
+    std::vector<HealthItem> items;
+    for (const JSONValue& each : *list)
+        if (auto item = healthItemOf(each)) items.push_back(std::move(*item));
+    return items;
 }
 
 Outcome<> askToClearActivityLog() {

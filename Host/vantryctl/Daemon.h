@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "Extension/ipc/ActiveAppsResponse.h"
 #include "Extension/ipc/ExtensionMessage.h"
@@ -15,5 +16,14 @@ namespace vantryctl {
 Outcome<vantry::ExtensionStatus> askForStatus();
 Outcome<vantry::ActiveAppsResponse> askForActiveApps();
 Outcome<> askToClearActivityLog();
+
+// How well the daemon's platform does its work: what it tells of itself, in its order.
+struct HealthItem {
+    std::string key;    // for programs
+    std::string label;  // for people
+    platform::JSONValue value;
+    bool isProblem = false;
+};
+Outcome<std::vector<HealthItem>> askForHealth();
 
 }  // namespace vantryctl

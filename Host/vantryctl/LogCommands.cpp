@@ -215,7 +215,32 @@ std::string settingsText(const StoredSettings& stored) {
                        printable(settings.directFallback));
 }
 
+// "no" for a problem that is not there.
+std::string healthText(const HealthItem& item) {
+    if (const auto* text = item.value.as<std::string>())
+        return item.isProblem ? "yes: " + printable(*text) : printable(*text);
+    if (const auto* number = item.value.as<std::int64_t>()) return std::to_string(*number);
+    if (const auto* number = item.value.as<std::uint64_t>()) return std::to_string(*number);
+    return "no";
+}
+
+std::string healthBlock(const std::vector<HealthItem>& items) {
+    std::size_t width = 0;
+    for (const auto& item : items) width = std::max(width, item.label.size());
+    std::string block;
+    for (const auto& item : items)
+        block += fmt::format("  {:<{}}  {}\n", item.label, width, healthText(item));
+    return block.empty() ? block : "Health\n" + block;
+}
+
+JSONObject healthDocument(const std::vector<HealthItem>& items) {
+    JSONObject document;
+    for (const auto& item : items) document[item.key] = item.value;
+    return document;
+}
+
 JSONObject statusDocument(const Outcome<vantry::ExtensionStatus>& status,
+                          const Outcome<std::vector<HealthItem>>& health,
                           const StoredSettings& stored) {
     JSONObject document;
     const auto* known = std::get_if<vantry::ExtensionStatus>(&status);
@@ -231,6 +256,8 @@ JSONObject statusDocument(const Outcome<vantry::ExtensionStatus>& status,
     document["vpnFallback"] = settings.vpnFallback;
     document["directFallback"] = settings.directFallback;
     document["problems"] = JSONArray(stored.problems.begin(), stored.problems.end());
+    if (const auto* items = std::get_if<std::vector<HealthItem>>(&health))
+        document["health"] = healthDocument(*items);
     return document;
 }
 
@@ -320,15 +347,20 @@ ExitCode showStatus(bool asJSON, const Console& console) {
     const auto stored =
         withoutSettings == nullptr ? std::get<StoredSettings>(loaded) : StoredSettings{};
     const auto status = askForStatus();
+    const auto health = askForHealth();
     const auto* failure = failureOf(status);
     if (asJSON) {
-        console.out << documentOf(statusDocument(status, stored));
+        console.out << documentOf(statusDocument(status, health, stored));
     } else {
         for (const auto& problem : stored.problems)
             console.out << wrapped("Problem: " + printable(problem), 0, console.width);
         console.out << fmt::format("Daemon    {}\n", daemonText(status));
         if (withoutSettings == nullptr) console.out << settingsText(stored);
+        if (const auto* items = std::get_if<std::vector<HealthItem>>(&health))
+            console.out << healthBlock(*items);
     }
+    if (const auto* silence = failureOf(health); failure == nullptr && silence != nullptr)
+        console.note(silence->what);
     if (withoutSettings != nullptr) console.report(*withoutSettings);
     if (failure != nullptr) return console.report(*failure);
     return withoutSettings == nullptr ? ExitCode::done : withoutSettings->code;

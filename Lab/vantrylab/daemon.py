@@ -1,6 +1,7 @@
 """The daemon under test: its start and end, and the lines that it writes."""
 
 import dataclasses
+import fcntl
 import os
 import pathlib
 import re
@@ -35,8 +36,15 @@ class Line:
 class Daemon:
     """One run of the daemon. A thread takes its lines as they come; any thread may ask for them."""
 
-    def __init__(self, descriptors: int | None = None, environment: dict[str, str] | None = None):
-        """With a number of descriptors it never gets more than those; variables come on top of ours."""
+    # What an unread log holds before a write to it blocks; the least that a pipe can be made to hold.
+    _UNREAD_BYTES = 4096
+
+    def __init__(self, descriptors: int | None = None, environment: dict[str, str] | None = None,
+                 is_read: bool = True):
+        """With a number of descriptors it never gets more than those; variables come on top of ours.
+
+        Unless it is read, the log goes to a pipe that is soon full, and has no lines to be asked for.
+        """
         limited = [] if descriptors is None else ["prlimit", f"--nofile={descriptors}"]
         self.process = subprocess.Popen([*limited, str(PROGRAM)], stdin=subprocess.DEVNULL,
                                         stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
@@ -45,7 +53,10 @@ class Daemon:
         self._other_output: list[str] = []
         self._changed = threading.Condition()
         self._reader = threading.Thread(target=self._read, daemon=True)
-        self._reader.start()
+        if is_read:
+            self._reader.start()
+        else:
+            fcntl.fcntl(self.process.stdout, fcntl.F_SETPIPE_SZ, self._UNREAD_BYTES)
 
     def _read(self) -> None:
         for raw in self.process.stdout:
@@ -95,7 +106,8 @@ class Daemon:
             self.process.wait()
             return None
         finally:
-            self._reader.join(seconds)
+            if self._reader.ident is not None:
+                self._reader.join(seconds)
 
     def is_running(self) -> bool:
         return self.process.poll() is None

@@ -2,24 +2,29 @@
 
 import contextlib
 import ctypes
+import json
 import os
 import pathlib
 import re
 import subprocess
 
-from vantrylab import network, verdicts
+from vantrylab import host, network, verdicts, world
+from vantrylab.daemon import Daemon
 from vantrylab.host import Rules
 
 RULES = Rules(rules={"com.example.courier": "direct", "com.example.ledger": "vpn"},
               blockedApps=("com.example.chatter",))
 # More than the daemon has threads for verdicts.
 MANY = 40
+# Each writes half a dozen lines.
+FLOWS_THAT_FILL_THE_LOG = 20
 _MNT_DETACH = 2
 LET_GO = "packets had waited too long for a verdict and were let go"
 
 
 def run(stage) -> None:
     network.vpn_up()
+    _nobody_reads_the_log(stage)
     # It leaves without its hanging threads, which the thread sanitizer would call a leak.
     stage.start_daemon(RULES, environment={"TSAN_OPTIONS": "report_thread_leaks=0:atexit_sleep_ms=100"})
     _standing_still(stage)
@@ -39,6 +44,29 @@ def run(stage) -> None:
         stage.stop_daemon()
         waiting.finish()
     network.vpn_down()
+
+
+def _nobody_reads_the_log(stage) -> None:
+    """Standard error is full after some lines: verdicts and messages don't wait for it."""
+    host.write_preferences(logLevel="debug")
+    host.write_rules(RULES)
+    host.MESSAGE_SOCKET.unlink(missing_ok=True)
+    daemon = Daemon(is_read=False)
+    network.wait_until(host.MESSAGE_SOCKET.exists, "the daemon takes messages")
+    for _ in range(FLOWS_THAT_FILL_THE_LOG):
+        address = stage.ipv4()
+        report = stage.ledger.run("connect", address, 80)
+        stage.expect_tunnel(f"unread log: ledger to {address}", report, address)
+        stage.checks.check("unread log: nothing waits for it",
+                           report["milliseconds"] < verdicts.AT_ONCE_MILLISECONDS, report)
+    for application, expect in ((stage.courier, stage.expect_physical), (stage.chatter, stage.expect_denied)):
+        address = stage.ipv4()
+        expect(f"unread log: {application.identifier}", application.run("connect", address, 80), address)
+    status = json.loads(subprocess.run([world.BUILD / "vantryctl", "status", "--json"], timeout=10,
+                                       capture_output=True).stdout)
+    stage.checks.equal("unread log: messages are answered, and no line is lost yet",
+                       [status["ruleCount"], status["health"]["logLinesLost"]], [2, 0])
+    stage.checks.equal("unread log: SIGTERM ends the daemon with status 0", daemon.stop(seconds=3), 0)
 
 
 def _standing_still(stage) -> None:

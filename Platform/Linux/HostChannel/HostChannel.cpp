@@ -15,6 +15,7 @@
 
 #include "Platform/Linux/Attribution/SystemAccounts.h"
 #include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/Health/Health.h"
 #include "Platform/Linux/HostChannel/FixedPlaces.h"
 #include "Platform/Linux/HostChannel/FolderWatch.h"
 #include "Platform/Linux/HostChannel/HostChannelLog.h"
@@ -103,6 +104,7 @@ HostChannel::Running::~Running() {
 
 MessageSocket::Handler HostChannel::Running::messageHandler() {
     return [this](Data request, Completion<std::optional<Data>> answer) {
+        if (request.bytes() == health::reportRequest) return answer(Data(health::report()));
         provider->handleAppMessage(std::move(request), std::move(answer));
     };
 }

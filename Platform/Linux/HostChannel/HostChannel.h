@@ -27,6 +27,7 @@ public:
     HostChannel(const HostChannel&) = delete;
     HostChannel& operator=(const HostChannel&) = delete;
 
+    // The request for the platform's health is answered here; all others are the provider's.
     // From here on the channel calls `handleAppMessage`, `sleep` and `wake` of the provider, on
     // threads of its own, and tells the service manager that the daemon is ready. Holds the provider
     // until `stop`. Called once.

@@ -12,8 +12,10 @@
 
 #include "Platform/Linux/Daemon/Arguments.h"
 #include "Platform/Linux/Dispatch/MainQueue.h"
+#include "Platform/Linux/Health/Health.h"
 #include "Platform/Linux/HostChannel/HostChannel.h"
 #include "Platform/Linux/Interception/RunningInterception.h"
+#include "Platform/Linux/Logging/LogStore.h"
 #include "Platform/Linux/Network/StoredRoutes.h"
 #include "Platform/Linux/PlatformLog.h"
 #include "Platform/NEProvider.h"
@@ -30,6 +32,7 @@ constexpr std::chrono::seconds longestStart{10};
 constexpr std::chrono::milliseconds longestStop{800};
 constexpr std::chrono::milliseconds longestFarewell{1000};
 constexpr std::chrono::milliseconds longestEnd{2500};
+constexpr std::chrono::milliseconds longestFlush{300};
 
 sigset_t endSignals() {
     sigset_t signals;
@@ -93,6 +96,7 @@ void endInAnyCase() {
     std::thread([] {
         std::this_thread::sleep_for(longestEnd);
         platformLog.error("The end took too long; leaving at once");
+        flushLog(longestFlush);
         _exit(EXIT_SUCCESS);
     }).detach();
 }
@@ -108,6 +112,8 @@ void allowAsManyDescriptorsAsPermitted() {
 
 // The life of the extension, on a thread of its own.
 void runExtension() {
+    const health::Gauge lostLines(health::Place::log, "logLinesLost", "Log lines lost",
+                                  lostLogLines);
     HostChannel channel;
     const StoredRoutes storedRoutes;
     const Providers providers{registeredProviders.makeProxyProvider(),
@@ -130,6 +136,7 @@ void runExtension() {
     stopFilter(providers);
     RunningInterception::set(nullptr);
     interception.reset();
+    flushLog(longestFlush);
     MainQueue::shared().stop(EXIT_SUCCESS);
 }
 

@@ -12,6 +12,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <memory>
+
+#include "Platform/Linux/Logging/LogWriter.h"
 
 namespace platform {
 namespace {
@@ -52,15 +55,24 @@ void appendEscaped(std::string& out, unsigned char byte) {
     out += escaped.data();
 }
 
-std::string timestamp() {
-    timespec now{};
-    ::clock_gettime(CLOCK_REALTIME, &now);
+std::string timestamp(std::chrono::system_clock::time_point when) {
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(when);
+    const auto rest = std::chrono::floor<std::chrono::milliseconds>(when - seconds).count();
+    const std::time_t time = std::chrono::system_clock::to_time_t(seconds);
     tm parts{};
-    ::gmtime_r(&now.tv_sec, &parts);
+    ::gmtime_r(&time, &parts);
     std::array<char, 48> text;
     const std::size_t length = std::strftime(text.data(), text.size(), "%FT%T", &parts);
-    std::snprintf(text.data() + length, text.size() - length, ".%03ldZ", now.tv_nsec / 1'000'000);
+    std::snprintf(text.data() + length, text.size() - length, ".%03ldZ", static_cast<long>(rest));
     return text.data();
+}
+
+// The instant, "CATEGORY LEVEL: text" and a line feed. Nothing in it is redacted: whoever sees it
+// started the process.
+std::string standardErrorLine(const LogLine& line) {
+    std::string whole = timestamp(line.when);
+    whole.append(" ").append(line.category).append(" ").append(nameOf(line.level)).append(": ");
+    return whole.append(line.text).append("\n");
 }
 
 // One call for the whole line, so that lines of several threads stay apart.
@@ -75,12 +87,11 @@ void writeToStandardError(std::string_view line) {
 
 iovec field(const std::string& text) { return {const_cast<char*>(text.data()), text.size()}; }
 
-void sendToJournal(std::string_view subsystem, std::string_view category, LogLevel level,
-                   std::string_view text) {
+void sendToJournal(const LogLine& line) {
     const std::array<std::string, 5> fields{
-        "MESSAGE=" + std::string(category) + ": " + std::string(text),
-        "PRIORITY=" + std::to_string(journalPriorityOf(level)), "SYSLOG_IDENTIFIER=vantryd",
-        "SUBSYSTEM=" + std::string(subsystem), "CATEGORY=" + std::string(category)};
+        "MESSAGE=" + std::string(line.category) + ": " + line.text,
+        "PRIORITY=" + std::to_string(journalPriorityOf(line.level)), "SYSLOG_IDENTIFIER=vantryd",
+        "SUBSYSTEM=" + std::string(line.subsystem), "CATEGORY=" + std::string(line.category)};
     std::array<iovec, fields.size()> vectors;
     for (std::size_t i = 0; i < fields.size(); ++i) vectors[i] = field(fields[i]);
     ::sd_journal_sendv(vectors.data(), static_cast<int>(vectors.size()));
@@ -91,7 +102,32 @@ bool goesToJournal() {
     return answer;
 }
 
+// Lines of a few minutes on a busy machine; they are short.
+constexpr std::size_t mostWaitingLines = 8192;
+
+LogWriter& writer() {
+    const auto start = [] {
+        // Never destroyed: other threads log until the process ends.
+        auto made = std::make_unique<LogWriter>(
+            [](const LogLine& line) {
+                if (goesToJournal())
+                    sendToJournal(line);
+                else
+                    writeToStandardError(standardErrorLine(line));
+            },
+            mostWaitingLines);
+        std::atexit([] { flushLog(); });
+        return made.release();
+    };
+    static LogWriter& shared = *start();
+    return shared;
+}
+
 }  // namespace
+
+bool flushLog(std::chrono::milliseconds longest) { return writer().flush(longest); }
+
+std::uint64_t lostLogLines() { return writer().dropped(); }
 
 std::string visibleText(std::string_view line) {
     std::string out;
@@ -115,21 +151,13 @@ bool isJournalStream(const char* journalStream, int descriptor) {
     return journalStream == std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
 }
 
-std::string standardErrorLine(std::string_view category, LogLevel level, std::string_view text) {
-    std::string line = timestamp();
-    line.append(" ").append(category).append(" ").append(nameOf(level)).append(": ");
-    return line.append(text).append("\n");
-}
-
 void Logger::write(LogLevel level, std::string_view format,
                    std::span<const LogArgument> arguments) const {
-    if (!goesToJournal()) {
-        const std::string text = visibleText(formatLogLine(format, arguments, false));
-        return writeToStandardError(standardErrorLine(category(), level, text));
-    }
-    const bool redact = !isEnabled(LogLevel::debug);
-    sendToJournal(subsystem(), category(), level,
-                  visibleText(formatLogLine(format, arguments, redact)));
+    const bool redact = goesToJournal() && !isEnabled(LogLevel::debug);
+    writer().add({.subsystem = subsystem(),
+                  .category = category(),
+                  .level = level,
+                  .text = visibleText(formatLogLine(format, arguments, redact))});
 }
 
 }  // namespace platform

@@ -1,7 +1,10 @@
 // Where log lines go: to the journal with their fields when the service manager connected standard
-// error to it, else to standard error as one line of text. Any thread.
+// error to it, else to standard error as one line of text. A call that logs never waits for either: one
+// thread writes, and what it cannot write in time is counted and lost. Any thread.
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -17,8 +20,11 @@ std::string visibleText(std::string_view line);
 // file that `descriptor` is.
 bool isJournalStream(const char* journalStream, int descriptor);
 
-// A line for standard error: the instant, "CATEGORY LEVEL: text" and a line feed. Nothing in it is
-// redacted: whoever sees it started the process.
-std::string standardErrorLine(std::string_view category, LogLevel level, std::string_view text);
+// Waits until the lines logged so far are written, or for so long. To be called before the process
+// leaves without its ordinary end, which does it too. False if some are not written.
+bool flushLog(std::chrono::milliseconds longest = std::chrono::milliseconds(500));
+
+// How many lines of this process were lost.
+std::uint64_t lostLogLines();
 
 }  // namespace platform

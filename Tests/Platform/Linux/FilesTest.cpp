@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "Platform/Foundation.h"
+#include "Platform/Linux/Logging/LogStore.h"
 #include "Tests/Platform/Linux/Namespaces.h"
 
 namespace platform {
@@ -82,6 +83,7 @@ TEST_F(Files, OverwritingReplacesAllThatWasThereAndALinkOrAStrangersFileByANewOn
         EXPECT_EQ(contents(inFolder(name)), "new") << name;
     }
     EXPECT_TRUE(files.write("new", inFolder("folder")).has_value());
+    flushLog();
     ::testing::internal::GetCapturedStderr();
     EXPECT_EQ(contents(inFolder("target")), "precious");
 }
