@@ -70,7 +70,7 @@ rtmsg routeOfFamily(int family) {
     return route;
 }
 
-std::optional<netlink::Socket> openRouteSocket(std::span<const unsigned> groups = {}) {
+std::optional<netlink::Socket> openRoutingSocket(std::span<const unsigned> groups = {}) {
     auto opened = netlink::Socket::open(NETLINK_ROUTE, groups);
     if (opened) return std::move(*opened);
     platformLog.error("The routes of direct flows cannot be kept: %{public}s",
@@ -90,7 +90,7 @@ bool isFine(const Result<>& result, int harmless) {
 class DirectRoutes::Table {
 public:
     explicit Table(MarkPlace markPlace)
-        : place(markPlace), socket(openRouteSocket()), events(openRouteSocket(eventGroups)) {
+        : place(markPlace), socket(openRoutingSocket()), events(openRoutingSocket(eventGroups)) {
         const MutexGuard guard(lock);
         clear();
     }
