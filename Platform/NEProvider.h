@@ -74,6 +74,13 @@ public:
     // and let pass is offered once more, as a new flow, at its next outbound packet. Any thread.
     void setTunnelNetworkSettings(NETransparentProxyNetworkSettings settings,
                                   ErrorCompletion completion);
+
+    // Says that the rules on which both providers' answers rest begin to change, or that the change is
+    // over. Of a flow about which they were asked meanwhile, one may have answered by the old rules and
+    // the other by the new ones: if it was declined and let pass, it is offered again, as a new flow,
+    // at its next outbound packet, until they are asked outside of a change. One change at a time. Any
+    // thread.
+    void setRulesChanging(bool areChanging);
 };
 
 class NEFilterDataProvider : public NEProvider {

@@ -141,6 +141,11 @@ public:
     // Ends the connection. Harmless at any time, any number of times.
     void cancel();
 
+    // From now on no byte of content leaves or arrives, although the connection goes on: sends and
+    // receives that are outstanding, and later ones, stay so until the connection ends. What has not
+    // left by then is dropped. Harmless at any time, any number of times; there is no way back.
+    void holdBack();
+
     // Writes `content`, all of it; the completion gets an error if that failed. One send at a time.
     // `isComplete` ends a message, which a TCP stream does not notice: it never closes the stream.
     void send(Data content, ContentContext context, bool isComplete, SendCompletion completion);

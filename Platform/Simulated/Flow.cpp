@@ -11,6 +11,9 @@
 namespace platform::simulated {
 namespace {
 
+// Of a flow that is to be offered again whatever the generation.
+constexpr std::uint64_t noGeneration = ~std::uint64_t{0};
+
 std::shared_ptr<const NEFilterFlow> makeFilterFlow(const FlowDescription& description) {
     if (!description.isSocketFlow) return std::make_shared<NEFilterFlow>(description.auditToken);
     const int socketType = description.kind == FlowDescription::Kind::udp ? 2 : 1;
@@ -141,6 +144,7 @@ Offer Flows::offer(const Flow& flow) {
 Offer Flows::offerToProxy(const Flow& flow) { return show(*flow.state, true, false); }
 
 Offer Flows::show(Flow::State& state, bool toProxy, bool toFilter) {
+    const auto changesBefore = ruleChanges.load();
     std::shared_ptr<ApplicationSocket> socket;
     {
         const MutexGuard guard(state.mutex);
@@ -159,6 +163,8 @@ Offer Flows::show(Flow::State& state, bool toProxy, bool toFilter) {
     {
         const MutexGuard guard(state.mutex);
         state.offers.push_back(offer);
+        const bool isSettled = changesBefore % 2 == 0 && changesBefore == ruleChanges.load();
+        if (!isSettled) state.generation = noGeneration;
         state.isWatched = offer.watched() && offer.verdict->filterOutbound;
         state.peekBytes = offer.watched() ? offer.verdict->peekOutboundBytes : 0;
         if (offer.dropped()) end(state);

@@ -119,6 +119,8 @@ public:
     // Flows that were declined and let pass will be offered once more.
     void startNewGeneration() { generation.fetch_add(1); }
     std::uint64_t currentGeneration() const { return generation.load(); }
+    // Those about which a provider was asked between the two calls will be, too.
+    void setRulesChanging(bool) { ruleChanges.fetch_add(1); }
 
 private:
     Offer show(Flow::State& state, bool toProxy, bool toFilter);
@@ -129,6 +131,8 @@ private:
     static void end(Flow::State& state) REQUIRES(state.mutex);
 
     std::atomic<std::uint64_t> generation = 0;
+    // How often a change of the rules has begun or ended: odd while one is under way.
+    std::atomic<std::uint64_t> ruleChanges = 0;
 };
 
 }  // namespace platform::simulated

@@ -177,6 +177,11 @@ void NWConnection::Implementation::cancel() {
     finishCancel();
 }
 
+void NWConnection::Implementation::holdBack() {
+    const MutexGuard guard(mutex);
+    isHeldBack = true;
+}
+
 // The final state comes when every completion has run.
 void NWConnection::Implementation::finishCancel() {
     if (!isCancelled || !isStarted || hasSentFinalState || completionsUnderWay > 0) return;
@@ -208,7 +213,7 @@ void NWConnection::Implementation::send(Data content, SendCompletion completion)
 void NWConnection::Implementation::serveSend() {
     if (!pendingSend) return;
     if (isOver()) return completeSend(isCancelled ? cancelled() : notConnected());
-    if (current != State::Kind::ready) return;
+    if (current != State::Kind::ready || isHeldBack) return;
     if (nextSendError) return completeSend(std::exchange(nextSendError, std::nullopt));
     if (!peerReads) return;
     const auto bytes = simulated::bytesOf(pendingSend->content);
@@ -249,7 +254,7 @@ void NWConnection::Implementation::serveReceive() {
     if (!pendingReceive) return;
     if (isOver())
         return completeReceive(std::nullopt, false, isCancelled ? cancelled() : notConnected());
-    if (current != State::Kind::ready || !hasEnoughFor(*pendingReceive)) return;
+    if (current != State::Kind::ready || isHeldBack || !hasEnoughFor(*pendingReceive)) return;
     auto piece = takePiece(*pendingReceive);
     std::optional<Data> data;
     const bool givesEmptyBlock = machine().scheduler.takesLiberty(2);
@@ -351,6 +356,11 @@ void NWConnection::start(DispatchQueue queue) {
 void NWConnection::cancel() {
     simulated::checkPlatformCall("NWConnection.cancel");
     implementation->cancel();
+}
+
+void NWConnection::holdBack() {
+    simulated::checkPlatformCall("NWConnection.holdBack");
+    implementation->holdBack();
 }
 
 void NWConnection::send(Data content, ContentContext, bool, SendCompletion completion) {

@@ -70,6 +70,7 @@ public:
     void setHandler(std::function<void(const State&)> newHandler);
     void start();
     void cancel();
+    void holdBack();
     void send(Data content, SendCompletion completion);
     void receive(std::size_t minimum, std::size_t maximum, ReceiveCompletion completion);
     void letGo();
@@ -113,6 +114,7 @@ private:
     Handler handler GUARDED_BY(mutex);
     bool isStarted GUARDED_BY(mutex) = false;
     bool isCancelled GUARDED_BY(mutex) = false;
+    bool isHeldBack GUARDED_BY(mutex) = false;
     bool hasSentFinalState GUARDED_BY(mutex) = false;
     // Completions that are on their way: the final state comes after them.
     int completionsUnderWay GUARDED_BY(mutex) = 0;

@@ -305,6 +305,11 @@ void NETransparentProxyProvider::setTunnelNetworkSettings(
                                            &settingsHaveChanged);
 }
 
+void NETransparentProxyProvider::setRulesChanging(bool areChanging) {
+    checkPlatformCall("NETransparentProxyProvider.setRulesChanging");
+    machine().flows.setRulesChanging(areChanging);
+}
+
 void NEFilterDataProvider::applySettings(NEFilterSettings settings, ErrorCompletion completion) {
     checkPlatformCall("NEFilterDataProvider.applySettings");
     machine().providers.filterSettings.call(std::move(settings), std::move(completion), nullptr);

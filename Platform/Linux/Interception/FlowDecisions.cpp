@@ -73,12 +73,17 @@ void FlowDecisions::setOffers(Offers replacement) {
 
 std::uint32_t FlowDecisions::markFor(const HeldPacket& packet) {
     const auto asked = offers();
+    const unsigned changesBefore = ruleChanges;
     const Verdict verdict = packet.purpose == PacketPurpose::watchedData
                                 ? verdictOnData(packet, *asked)
                                 : verdictOnFlow(packet, *asked);
     if (verdict.state == FlowState::unseen) return packet.mark;
     if (verdict.state != FlowState::declined)
         return place.put(packet.mark, place.value(verdict.state));
+    if (!isSettledSince(changesBefore)) {
+        recent.forget(packet.flow);
+        return place.put(packet.mark, place.value(FlowState::declined, staleGeneration));
+    }
     // The verdict may have taken long, and many flushes may have come meanwhile.
     const unsigned generation = markedGeneration(verdict.generation, offers()->generation);
     return place.put(packet.mark, place.value(FlowState::declined, generation));

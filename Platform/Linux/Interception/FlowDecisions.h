@@ -3,6 +3,7 @@
 // the packet goes on. Called on many threads at once, for one packet of a flow at a time.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -42,6 +43,10 @@ public:
     std::shared_ptr<const Offers> offers() const;
     void setOffers(Offers replacement);
 
+    // The rules begin to change, or the change is over. A flow that is declined on the word of providers
+    // that were asked in between is marked so that its next packet is offered again.
+    void setRulesChanging(bool) { ruleChanges.fetch_add(1); }
+
     // The mark under which the packet goes on.
     std::uint32_t markFor(const HeldPacket& packet);
 
@@ -52,6 +57,11 @@ public:
 
 private:
     struct Source;
+
+    // No change was under way when `ruleChanges` was read, and none has begun since.
+    bool isSettledSince(unsigned changesBefore) const {
+        return changesBefore % 2 == 0 && changesBefore == ruleChanges;
+    }
 
     Verdict verdictOnFlow(const HeldPacket& packet, const Offers& asked);
     Verdict offer(const HeldPacket& packet, const Offers& asked);
@@ -77,6 +87,8 @@ private:
     const std::unique_ptr<ConnectionEntries> entries PT_GUARDED_BY(entriesLock);
     mutable Mutex offersLock;
     std::shared_ptr<const Offers> inForce GUARDED_BY(offersLock);
+    // How often a change of the rules has begun or ended.
+    std::atomic<unsigned> ruleChanges = 0;
 };
 
 }  // namespace platform::interception

@@ -45,6 +45,9 @@ public:
     // What the filter is asked about; nothing ends its part.
     void setFilterAction(std::optional<NEFilterAction> action, ErrorCompletion completion);
 
+    // What is asked about between the two calls is asked again later.
+    void setRulesChanging(bool areChanging) { decisions.setRulesChanging(areChanging); }
+
     // Waits until the applications of all claimed flows have been told of their end, or for so long:
     // without our rules nothing more would reach them.
     void awaitEndsOfClaimed(std::chrono::milliseconds longest) {

@@ -47,6 +47,11 @@ void NETransparentProxyProvider::setTunnelNetworkSettings(
         refuse(std::move(completion));
 }
 
+void NETransparentProxyProvider::setRulesChanging(bool areChanging) {
+    if (const auto running = interception::RunningInterception::get())
+        running->setRulesChanging(areChanging);
+}
+
 void NEFilterDataProvider::applySettings(NEFilterSettings settings, ErrorCompletion completion) {
     if (const auto running = interception::RunningInterception::get())
         running->setFilterAction(settings.defaultAction, std::move(completion));

@@ -169,9 +169,16 @@ void Connection::cancel() {
         giveUpAttempts();
         failOperations(ECANCELED);
         if (const auto ended = std::exchange(socket, nullptr))
-            ended->finish(StreamSocket::Farewell::untilDelivered);
+            isHeldBack ? ended->reset() : ended->finish(StreamSocket::Farewell::untilDelivered);
         if (!wasStarted) replaceHandler(nullptr);
         enter(Kind::cancelled);
+    });
+}
+
+void Connection::holdBack() {
+    perform([this] {
+        if (std::exchange(isHeldBack, true) || !socket) return;
+        socket->holdBack();
     });
 }
 
@@ -187,7 +194,7 @@ void Connection::send(Data content, SendCompletion completion) {
         sending = std::move(content);
         sendCompletion = std::move(completion);
         if (hasEnded()) return failOperations(ECANCELED);
-        if (socket) beginSending();
+        if (socket && !isHeldBack) beginSending();
     });
 }
 
@@ -195,7 +202,7 @@ void Connection::receive(std::size_t minimum, std::size_t maximum, ReceiveComple
     perform([this, minimum, maximum, completion = std::move(completion)]() mutable {
         receiving = Receiving{minimum, maximum, std::move(completion)};
         if (hasEnded()) return failOperations(ECANCELED);
-        if (socket) beginReceiving();
+        if (socket && !isHeldBack) beginReceiving();
     });
 }
 
@@ -310,6 +317,7 @@ void Connection::connected(StreamSocket& attempt) {
             one->reset();
     }
     enter(Kind::ready);
+    if (isHeldBack) return socket->holdBack();
     if (sendCompletion) beginSending();
     if (receiving) beginReceiving();
 }
@@ -431,6 +439,8 @@ void NWConnection::setStateUpdateHandler(std::function<void(const State&)> handl
 void NWConnection::start(DispatchQueue queue) { implementation->start(queue); }
 
 void NWConnection::cancel() { implementation->cancel(); }
+
+void NWConnection::holdBack() { implementation->holdBack(); }
 
 void NWConnection::send(Data content, ContentContext, bool, SendCompletion completion) {
     implementation->send(std::move(content), std::move(completion));

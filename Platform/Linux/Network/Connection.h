@@ -32,6 +32,7 @@ public:
     void setStateHandler(StateHandler handler);
     void start(DispatchQueue queue);
     void cancel();
+    void holdBack();
     void send(Data content, SendCompletion completion);
     void receive(std::size_t minimum, std::size_t maximum, ReceiveCompletion completion);
     // The connection object is gone.
@@ -103,6 +104,7 @@ private:
 
     Kind state = Kind::setup;
     bool deliversOnMainQueue = false;
+    bool isHeldBack = false;
     std::shared_ptr<const NetworkState> triedOn;  // the network as the present attempts began
     int interfaceIndex = 0;                       // of the interface that the socket is bound to
     unsigned round = 0;  // of attempts: tells a late answer from one that is awaited

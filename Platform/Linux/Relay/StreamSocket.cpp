@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "Platform/Linux/Relay/HoldBack.h"
+
 namespace platform {
 namespace {
 
@@ -92,6 +94,10 @@ void StreamSocket::write(Data data) {
 
 void StreamSocket::stopReading() { input.giveUp(); }
 
+void StreamSocket::holdBack() {
+    if (!std::exchange(isHeldBack, true)) holdBackContent(socket.descriptor());
+}
+
 void StreamSocket::endWriting() {
     isEndingWriting = true;
     loop.askForTurn(shared_from_this());
@@ -129,7 +135,7 @@ void StreamSocket::takeTurn() {
 // and the two directions of a session, like all sessions of a loop, take turns in reading.
 void StreamSocket::turn() {
     if (phase == Phase::finishing) return continueFinishing();
-    if (phase != Phase::open) return;
+    if (phase != Phase::open || isHeldBack) return;
     if (!tryWriting()) return tryReading();
     if (phase == Phase::open) askForReading();
 }
@@ -173,7 +179,8 @@ void StreamSocket::writeHeldSoon() {
         const auto self = weak.lock();
         if (!self) return;
         self->isWritingHeldSoon = false;
-        if (self->phase != Phase::open || self->output.isWriting() || !self->output.isHolding())
+        if (self->phase != Phase::open || self->isHeldBack || self->output.isWriting() ||
+            !self->output.isHolding())
             return;
         if (self->output.write() == EAGAIN) self->writeHeldSoon();
     });

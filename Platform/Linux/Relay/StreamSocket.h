@@ -60,6 +60,10 @@ public:
     // follows.
     void endWriting();
 
+    // From here on no byte is read or written, also none that the system holds; the operations under way
+    // are not answered. To be followed by `reset`.
+    void holdBack();
+
     // Both end the use of the socket: no answer follows. `finish` still brings the bytes of a write
     // under way and those that the system holds to the peer, throws away what the peer sends, and
     // then closes; a peer that takes nothing for long is given up. `reset` throws everything away,
@@ -112,6 +116,7 @@ private:
     StreamOutput output{socket};
     Owner* owner;
     Phase phase = Phase::open;
+    bool isHeldBack = false;
     bool isEndingWriting = false;
     bool isWritingHeldSoon = false;
     Completion<> closeHandler;

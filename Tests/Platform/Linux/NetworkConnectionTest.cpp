@@ -124,6 +124,44 @@ TEST_F(NetworkConnection, CarriesBytesBothWaysAndTheStreamsEnd) {
     EXPECT_EQ(receive(server, 4), "more");
 }
 
+// Also what the system had taken already stays where it is, either way, and the end is a reset.
+TEST_F(NetworkConnection, CarriesNothingOnceItIsHeldBack) {
+    connect();
+    Awaited<Error> sent;
+    client.connection->send(std::string(20'000'000, 'x'),
+                            NWConnection::ContentContext::defaultMessage, true, sent.put());
+    Awaited<Receipt> receipt;
+    client.connection->receive(1, 10, Client::into(receipt));
+    EXPECT_FALSE(sent.isThere(0.1));
+    client.connection->holdBack();
+    EXPECT_FALSE(sent.isThere(0.1));
+    const auto drained = [&] {
+        std::string buffer(1'000'000, '\0');
+        std::size_t total = 0;
+        while (const auto count =
+                   ::recv(server.get(), buffer.data(), buffer.size(), MSG_DONTWAIT)) {
+            if (count < 0) break;
+            total += static_cast<std::size_t>(count);
+        }
+        return total;
+    };
+    drained();
+    // What was on its way has come, and the room that is now there draws nothing after it.
+    EXPECT_FALSE(sent.isThere(0.1));
+    drained();
+    sendAll(server, "late");
+    EXPECT_FALSE(sent.isThere(0.3));
+    EXPECT_FALSE(receipt.isThere(0));
+    EXPECT_EQ(drained(), 0u);
+    client.connection->cancel();
+    EXPECT_TRUE(sent.get());
+    EXPECT_TRUE(receipt.get().error);
+    EXPECT_EQ(client.next().kind, Kind::cancelled);
+    char next = 0;
+    EXPECT_EQ(::recv(server.get(), &next, 1, 0), -1);
+    EXPECT_EQ(errno, ECONNRESET);
+}
+
 TEST_F(NetworkConnection, ReceivesNoLessThanTheMinimumAndNoMoreThanTheMaximum) {
     connect();
     sendAll(server, "0123456789");
