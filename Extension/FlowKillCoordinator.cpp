@@ -19,11 +19,14 @@ std::size_t missing(const BundleIdSet& left, const BundleIdSet& right) {
 
 // How many members came and went between two sets.
 struct SetChange {
-    std::size_t added;
-    std::size_t removed;
+    std::size_t added = 0;
+    std::size_t removed = 0;
 
-    SetChange(const BundleIdSet& before, const BundleIdSet& after)
-        : added(missing(after, before)), removed(missing(before, after)) {}
+    SetChange(const SharedBundleIds& before, const SharedBundleIds& after) {
+        if (before == after) return;
+        added = missing(*after, *before);
+        removed = missing(*before, *after);
+    }
     bool isEmpty() const { return added == 0 && removed == 0; }
 };
 
@@ -63,30 +66,28 @@ void FlowKillCoordinator::registerChildProcess(std::string_view childBundleId,
                      parentBundleId);
 }
 
-void FlowKillCoordinator::updateMonitoredApps(BundleIdSet vpnRoutedBundleIds) {
-    const auto after = std::make_shared<const BundleIdSet>(std::move(vpnRoutedBundleIds));
-    SharedSet before = after;
+void FlowKillCoordinator::updateMonitoredApps(SharedBundleIds vpnRoutedBundleIds) {
+    auto before = vpnRoutedBundleIds;
     {
         const NSLockGuard hold(lock);
         monitoredBundleIds.swap(before);
     }
-    const SetChange change(*before, *after);
+    const SetChange change(before, vpnRoutedBundleIds);
     if (change.isEmpty()) return;
     logger.info("Monitoring updated: +%ld -%ld total=%ld", change.added, change.removed,
-                after->size());
+                vpnRoutedBundleIds->size());
 }
 
-void FlowKillCoordinator::updateBlockedApps(BundleIdSet newBlockedBundleIds) {
-    const auto after = std::make_shared<const BundleIdSet>(std::move(newBlockedBundleIds));
-    SharedSet before = after;
+void FlowKillCoordinator::updateBlockedApps(SharedBundleIds newBlockedBundleIds) {
+    auto before = newBlockedBundleIds;
     {
         const NSLockGuard hold(lock);
         blockedBundleIds.swap(before);
     }
-    const SetChange change(*before, *after);
+    const SetChange change(before, newBlockedBundleIds);
     if (change.isEmpty()) return;
     logger.info("Blocked apps updated: +%ld -%ld total=%ld", change.added, change.removed,
-                after->size());
+                newBlockedBundleIds->size());
 }
 
 void FlowKillCoordinator::updateVpnState(bool isConnected, std::string_view fallback) {
@@ -144,9 +145,9 @@ bool FlowKillCoordinator::hasReceivedState() const {
 }
 
 void FlowKillCoordinator::resetState() {
-    SharedSet monitored = std::make_shared<const BundleIdSet>();
-    SharedSet blocked = monitored;
-    std::vector<ActivityLogEntryIPC> dropped;
+    auto monitored = share({});
+    auto blocked = monitored;
+    std::deque<ActivityLogEntryIPC> dropped;
     {
         const NSLockGuard hold(lock);
         monitoredBundleIds.swap(monitored);
@@ -163,9 +164,10 @@ void FlowKillCoordinator::resetState() {
 void FlowKillCoordinator::recordQuicBlock(const ActivityLogEntryIPC& entry) {
     const NSLockGuard hold(lock);
     pendingQuicBlocks.push_back(entry);
+    if (pendingQuicBlocks.size() > maxActivityLogEntries) pendingQuicBlocks.pop_front();
 }
 
-std::vector<ActivityLogEntryIPC> FlowKillCoordinator::drainQuicBlocks() {
+std::deque<ActivityLogEntryIPC> FlowKillCoordinator::drainQuicBlocks() {
     const NSLockGuard hold(lock);
     return std::exchange(pendingQuicBlocks, {});
 }

@@ -8,10 +8,9 @@
 // false. It counts as initialized from the first VPN state on, until it is reset.
 #pragma once
 
-#include <memory>
+#include <deque>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "Extension/BundleIdSet.h"
 #include "Extension/ipc/ActivityLogEntryIPC.h"
@@ -28,10 +27,11 @@ public:
     // parent that is itself a child is not followed. Mappings survive `resetState`.
     void registerChildProcess(std::string_view childBundleId, std::string_view parentBundleId);
 
-    // Replaces the watched applications, those that a rule routes through the VPN.
-    void updateMonitoredApps(BundleIdSet vpnRoutedBundleIds);
-    // Replaces the blocked applications.
-    void updateBlockedApps(BundleIdSet blockedBundleIds);
+    // Replaces the watched applications, those that a rule routes through the VPN. A set that is in force
+    // already costs nothing.
+    void updateMonitoredApps(SharedBundleIds vpnRoutedBundleIds);
+    // Replaces the blocked applications. Likewise.
+    void updateBlockedApps(SharedBundleIds blockedBundleIds);
     // The VPN's state, and what becomes of watched applications while it is down: only "block" has an
     // effect. Initializes the coordinator.
     void updateVpnState(bool isConnected, std::string_view fallback);
@@ -49,16 +49,15 @@ public:
     // Back to failing open; records that nobody has collected are dropped.
     void resetState();
 
-    // Leaves the record of a dropped flow for the activity log, whatever its protocol.
+    // Leaves the record of a dropped flow for the activity log, whatever its protocol. No more are kept
+    // than the log keeps: the oldest one goes.
     void recordQuicBlock(const ActivityLogEntryIPC& entry);
     // Takes all records left, oldest first.
-    std::vector<ActivityLogEntryIPC> drainQuicBlocks();
+    std::deque<ActivityLogEntryIPC> drainQuicBlocks();
 
 private:
     // Looks at the whole state, for tests.
     friend class ProxyProbe;
-
-    using SharedSet = std::shared_ptr<const BundleIdSet>;
 
     FlowKillCoordinator();
 
@@ -70,14 +69,15 @@ private:
     static const platform::StringMap<std::string>& knownXpcMappings();
 
     const platform::Logger logger{"org.quillmere.Vantry.Extension", "FlowKillCoordinator"};
+    // Guards every field below, for one operation at a time.
     mutable platform::NSLock lock;
     platform::NSLock tunnelGuardLock{platform::NSLock::heldAcrossCalls};
-    SharedSet monitoredBundleIds GUARDED_BY(lock) = std::make_shared<const BundleIdSet>();
-    SharedSet blockedBundleIds GUARDED_BY(lock) = std::make_shared<const BundleIdSet>();
+    SharedBundleIds monitoredBundleIds GUARDED_BY(lock) = share({});
+    SharedBundleIds blockedBundleIds GUARDED_BY(lock) = share({});
     bool isVpnConnected GUARDED_BY(lock) = true;
     std::string vpnFallback GUARDED_BY(lock) = "allow";
     bool isStateInitialized GUARDED_BY(lock) = false;
-    std::vector<ActivityLogEntryIPC> pendingQuicBlocks GUARDED_BY(lock);
+    std::deque<ActivityLogEntryIPC> pendingQuicBlocks GUARDED_BY(lock);
     platform::StringMap<std::string> childToParentMap GUARDED_BY(lock);
 };
 

@@ -41,10 +41,8 @@ private:
     platform::NEFilterNewFlowVerdict verdictForVpnFallback(const platform::NEFilterFlow& flow,
                                                            const std::string& bundleId) const;
 
-    static constexpr std::size_t processCacheMaxSize = 1000;
-
     const platform::Logger logger{"org.quillmere.Vantry.Extension", "FlowKillFilter"};
-    ProcessCache processCache{processCacheMaxSize};
+    ProcessCache processCache;
 };
 
 }  // namespace vantry

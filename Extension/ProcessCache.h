@@ -18,8 +18,6 @@ namespace vantry {
 
 class ProcessCache {
 public:
-    explicit ProcessCache(std::size_t maximumEntries) : maximumSize(maximumEntries) {}
-
     std::optional<std::string> find(const platform::Data& auditToken) const {
         const platform::NSLockGuard hold(lock);
         const auto entry = entries.find(key(auditToken));
@@ -29,7 +27,7 @@ public:
 
     void store(const platform::Data& auditToken, std::string bundleId) {
         const platform::NSLockGuard hold(lock);
-        if (entries.size() >= maximumSize) entries.clear();
+        if (entries.size() >= processCacheMaxSize) entries.clear();
         entries.insert_or_assign(std::string(key(auditToken)), std::move(bundleId));
     }
 
@@ -43,9 +41,10 @@ private:
         return auditToken.bytes().value_or(std::string_view{});
     }
 
-    const std::size_t maximumSize;
-    mutable platform::NSLock lock;
+    static constexpr std::size_t processCacheMaxSize = 1000;
+
     platform::StringMap<std::string> entries GUARDED_BY(lock);
+    mutable platform::NSLock lock;
 };
 
 }  // namespace vantry

@@ -23,10 +23,13 @@ public:
         return current;
     }
 
-    void replace(T value) {
-        auto next = std::make_shared<const T>(std::move(value));
+    // Gives the snapshot of `value`.
+    Snapshot replace(T value) {
+        const auto next = std::make_shared<const T>(std::move(value));
+        auto replaced = next;
         const platform::NSLockGuard hold(lock);
-        current.swap(next);
+        current.swap(replaced);
+        return next;
     }
 
     // Replaces the value by a changed copy of it, in one step against other changes. Readers wait for the

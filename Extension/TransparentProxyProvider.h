@@ -25,6 +25,7 @@
 #include "Extension/BundleIdSet.h"
 #include "Extension/ProcessCache.h"
 #include "Extension/Published.h"
+#include "Extension/RuleState.h"
 #include "Extension/ipc/ActivityLogEntryIPC.h"
 #include "Extension/ipc/ExtensionMessage.h"
 #include "Extension/ipc/ExtensionResponse.h"
@@ -68,36 +69,37 @@ private:
     using SessionTable = std::unordered_map<FlowHash, std::shared_ptr<ProxySession>>;
     using AuditToken = std::optional<platform::Data>;
 
-    // RoutingRules: which route an identifier takes.
-    std::string getRoutingDecision(std::string_view bundleId) const;
-    bool hasKnownRule(std::string_view bundleId) const;
-
     // RuleSources: the rules from the provider configuration and from the shared file.
-    void loadRoutingRules();
-    void loadRulesFromSharedFile();
-    void applyKeysBesidesRules(const platform::JSONObject& source);
-    BundleIdSet vpnRoutedBundleIds(const BundleIdSet& excluded) const;
+    void loadRoutingRules() REQUIRES(ruleChangesLock);
+    void loadRulesFromSharedFile() REQUIRES(ruleChangesLock);
+    SharedBundleIds vpnRoutedBundleIds(const SharedRules& rules, const SharedBundleIds& excluded)
+        REQUIRES(ruleChangesLock);
 
-    // RuleChanges: the host application's signal.
+    // RuleChanges: the host application's signal, and the order of all changes.
+    class RuleChange;
     void registerForRulesChangedNotification();
     static void rulesChanged(platform::CFNotificationCenter& center, void* observer,
                              std::string_view name, const void* object, const void* userInfo);
 
     // FlowIntake: what becomes of a new flow.
-    bool handleTCPFlow(const std::shared_ptr<platform::NEAppProxyTCPFlow>& flow);
+    bool handleTCPFlow(const std::shared_ptr<platform::NEAppProxyTCPFlow>& flow,
+                       const RuleState& rules);
     bool handleUDPFlow(const platform::NEAppProxyUDPFlow& flow, std::string_view bundleId);
     void logFirstFlow(std::string_view signingIdentifier);
     std::optional<std::string> physicalInterfaceIp() const;
 
     // DirectPath: a session over the physical interface, or why there is none.
     bool proxyTCPFlowDirect(const std::shared_ptr<platform::NEAppProxyTCPFlow>& flow,
-                            const std::string& bundleId);
+                            const std::string& bundleId, const RuleState& rules);
     bool fallBackWithoutInterface(const std::shared_ptr<platform::NEAppProxyTCPFlow>& flow,
-                                  const std::string& bundleId, const std::string& hostname);
+                                  const std::string& bundleId, const std::string& hostname,
+                                  const RuleState& rules);
     void sessionEnded(FlowHash flowHash, std::int64_t sessionId, const std::string& bundleId);
 
     // SessionTermination: sessions that no longer fit the rules.
-    void killSessionsForChangedRules(const RuleTable& oldRules, const RuleTable& newRules);
+    void endIfNoLongerDirect(FlowHash flowHash, const std::shared_ptr<ProxySession>& session);
+    void killSessionsForChangedRules(const RuleTable& oldRules, const RuleTable& newRules)
+        REQUIRES(ruleChangesLock);
     void killSessions(const BundleIdSet& changedBundleIds);
     void killSessionsForBlockedApps(const BundleIdSet& newlyBlocked);
 
@@ -122,8 +124,10 @@ private:
     bool isProtectedVpnClient(std::string_view bundleId) const;
     void discoverVpnClients();
     void rememberVpnClient(std::string_view providerBundleIdentifier);
-    std::string resolveParentBundleId(const std::string& bundleId, const AuditToken& auditToken);
-    std::optional<std::string> resolveViaProcessTree(const platform::Data& auditToken);
+    std::string resolveParentBundleId(const std::string& bundleId, const AuditToken& auditToken,
+                                      const RuleState& rules);
+    std::optional<std::string> resolveViaProcessTree(const platform::Data& auditToken,
+                                                     const RuleState& rules);
     void registerChildMappingIfNeeded(std::string_view resolvedBundleId,
                                       const AuditToken& auditToken) const;
 
@@ -138,7 +142,7 @@ private:
     void recordActivity(const std::string& bundleId, const std::string& routingDecision,
                         std::optional<std::string> actualRoute, std::optional<std::string> sourceIp,
                         const std::string& destinationHost, std::uint16_t destinationPort,
-                        std::string protocolType);
+                        std::string protocolType, bool isVpnConnected);
     void scheduleActivityLogWrite();
     void writeActivityLogAfter(double seconds);
     bool beginsActivityLogWrite() REQUIRES(activityLogLock);
@@ -152,58 +156,69 @@ private:
     bool passesFailureCooldown(const std::string& bundleId, platform::Date now);
     std::optional<std::string> resolvedSharedContainer() REQUIRES(failureFileLock);
 
-    static constexpr std::string_view rulesChangedNotification =
-        "org.quillmere.Vantry.rulesChanged";
-    static const std::vector<std::string_view> systemProcessPrefixes;
-    static const BundleIdSet vpnClientBundleIds;
     // The number of the newest session of this process; numbers go on over a stop and a start.
     static std::atomic<std::int64_t> nextSessionId;
 
     const platform::Logger logger{"org.quillmere.Vantry.Extension", "TransparentProxy"};
 
-    // Puts the updates of the failure file in one order.
-    platform::NSLock failureFileLock{platform::NSLock::heldAcrossCalls};
     // Not yet asked for, or the answer: a folder or none.
     std::optional<std::optional<std::string>> sharedContainer GUARDED_BY(failureFileLock);
+    // Puts the updates of the failure file in one order.
+    platform::NSLock failureFileLock{platform::NSLock::heldAcrossCalls};
 
-    Published<RuleTable> routingRules;
-    Published<std::string> defaultDecision{"vpn"};
-    Published<std::string> vpnFallback{"allow"};
-    Published<std::string> directFallback{"block"};
-    std::atomic<bool> isVpnConnected{true};
-    Published<BundleIdSet> blockedApps;
+    // `routingRules`, `defaultDecision`, `vpnFallback`, `directFallback`, `isVpnConnected` and
+    // `blockedApps`, replaced under `ruleChangesLock` only.
+    Published<RuleState> ruleState;
+    // The last answer of `vpnRoutedBundleIds`, and to what.
+    struct VpnRouted {
+        SharedRules rules;
+        SharedBundleIds excluded;
+        SharedBundleIds bundleIds;
+    };
+    VpnRouted vpnRouted GUARDED_BY(ruleChangesLock);
+    // Puts changes of the rules in one order, each from its load to its last word to the coordinator.
+    platform::NSLock ruleChangesLock{platform::NSLock::heldAcrossCalls};
 
-    mutable platform::NSLock activityLogLock;
-    // Held for a whole write of the log file and for its removal. Taken before `activityLogLock`.
-    platform::NSLock activityLogWriterLock{platform::NSLock::heldAcrossCalls};
     std::deque<ActivityLogEntryIPC> activityLog GUARDED_BY(activityLogLock);
-    static constexpr std::size_t maxActivityLogEntries = 500;
     platform::Date activityLogLastWriteTime GUARDED_BY(activityLogLock) =
         platform::Date::distantPast();
     bool activityLogWritePending GUARDED_BY(activityLogLock) = false;
     bool activityLogWriteUnderWay GUARDED_BY(activityLogLock) = false;
     // A write that fell due during the one under way.
     bool activityLogWriteFollows GUARDED_BY(activityLogLock) = false;
-    static constexpr double activityLogWriteInterval = 1.0;
+    mutable platform::NSLock activityLogLock;
+    // Held for a whole write of the log file and for its removal. Taken before `activityLogLock`.
+    platform::NSLock activityLogWriterLock{platform::NSLock::heldAcrossCalls};
 
-    platform::NSLock pathMonitorLock;
     std::shared_ptr<platform::NWPathMonitor> pathMonitor GUARDED_BY(pathMonitorLock);
+    platform::NSLock pathMonitorLock;
     Published<std::optional<platform::NWInterface>> physicalInterface;
 
-    mutable platform::NSLock sessionsLock;
     SessionTable activeSessions GUARDED_BY(sessionsLock);
+    mutable platform::NSLock sessionsLock;
 
     Published<BundleIdSet> dynamicVpnClients;
-    static constexpr std::size_t processCacheMaxSize = 1000;
-    ProcessCache processCache{processCacheMaxSize};
+    ProcessCache processCache;
 
-    platform::NSLock failureTimesLock;
     platform::StringMap<platform::Date> lastFailureNotificationTime GUARDED_BY(failureTimesLock);
-    static constexpr double failureNotificationCooldown = 30.0;
+    platform::NSLock failureTimesLock;
 
     std::atomic<bool> hasLoggedFirstFlow{false};
     std::atomic<std::int64_t> startProxyCount{0};
     std::atomic<bool> isFlushingDeclinedFlows{false};
+};
+
+// A change of the rules, for as long as it lives: one at a time, and what the providers decide meanwhile is
+// asked again after it.
+class SCOPED_CAPABILITY TransparentProxyProvider::RuleChange {
+public:
+    explicit RuleChange(TransparentProxyProvider& changing) ACQUIRE(changing.ruleChangesLock);
+    ~RuleChange() RELEASE();
+    RuleChange(const RuleChange&) = delete;
+    RuleChange& operator=(const RuleChange&) = delete;
+
+private:
+    TransparentProxyProvider& provider;
 };
 
 }  // namespace vantry

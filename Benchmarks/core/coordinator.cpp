@@ -26,13 +26,13 @@ constexpr const char* miss = "net.stranger.tool.agent";
 
 void shouldBlockFlow(benchmark::State& state, const char* bundleId) {
     auto& coordinator = FlowKillCoordinator::shared();
-    coordinator.updateBlockedApps(members(state.range(0)));
+    coordinator.updateBlockedApps(vantry::share(members(state.range(0))));
     for (auto _ : state) benchmark::DoNotOptimize(coordinator.shouldBlockFlow(bundleId));
 }
 
 void shouldMonitorFlow(benchmark::State& state, const char* bundleId) {
     auto& coordinator = FlowKillCoordinator::shared();
-    coordinator.updateMonitoredApps(members(state.range(0)));
+    coordinator.updateMonitoredApps(vantry::share(members(state.range(0))));
     for (auto _ : state) benchmark::DoNotOptimize(coordinator.shouldMonitorFlow(bundleId));
 }
 

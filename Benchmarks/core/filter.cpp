@@ -19,7 +19,7 @@ using vantry::FlowKillCoordinator;
 struct WatchedApplication {
     WatchedApplication() {
         platform::Logger::setLowestLevel(platform::LogLevel::info);
-        FlowKillCoordinator::shared().updateMonitoredApps({"com.example.App"});
+        FlowKillCoordinator::shared().updateMonitoredApps(vantry::share({"com.example.App"}));
         FlowKillCoordinator::shared().updateVpnState(true, "allow");
         filter->handleNewFlow(flow.filterFlow());
     }

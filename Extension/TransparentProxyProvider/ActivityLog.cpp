@@ -24,6 +24,8 @@ namespace {
 
 constexpr std::string_view activityLogPath = "/tmp/org.quillmere.Vantry.activitylog.json";
 constexpr int readableByAll = 0644;
+// The least distance, in seconds, between two writes that the throttle aims for.
+constexpr double activityLogWriteInterval = 1.0;
 
 // Encodes the entries and replaces the file by them.
 std::optional<NSError> writeFile(std::vector<ActivityLogEntryIPC> entries) {
@@ -37,10 +39,13 @@ std::optional<NSError> writeFile(std::vector<ActivityLogEntryIPC> entries) {
 
 }  // namespace
 
-void TransparentProxyProvider::recordActivity(
-    const std::string& bundleId, const std::string& routingDecision,
-    std::optional<std::string> actualRoute, std::optional<std::string> sourceIp,
-    const std::string& destinationHost, std::uint16_t destinationPort, std::string protocolType) {
+void TransparentProxyProvider::recordActivity(const std::string& bundleId,
+                                              const std::string& routingDecision,
+                                              std::optional<std::string> actualRoute,
+                                              std::optional<std::string> sourceIp,
+                                              const std::string& destinationHost,
+                                              std::uint16_t destinationPort,
+                                              std::string protocolType, bool isVpnConnected) {
     ActivityLogEntryIPC entry{.id = platform::UUID::random(),
                               .timestamp = Date::now(),
                               .bundleId = bundleId,

@@ -64,20 +64,24 @@ void TransparentProxyProvider::handleAppMessage(
 }
 
 std::optional<Data> TransparentProxyProvider::statusReply() const {
+    const auto rules = ruleState.snapshot();
     return encoded(ExtensionStatus{
-        .isActive = true, .ruleCount = static_cast<std::int64_t>(routingRules.snapshot()->size())});
+        .isActive = true, .ruleCount = static_cast<std::int64_t>(rules->routingRules->size())});
 }
 
 // Replaces the rules in memory, and nothing else: no session ends, the coordinator is not told.
 std::optional<Data> TransparentProxyProvider::reload(ExtensionMessage message) {
-    const auto oldCount = routingRules.snapshot()->size();
+    const NSLockGuard oneChangeAtATime(ruleChangesLock);
+    RuleState rules = *ruleState.snapshot();
+    const auto oldCount = rules.routingRules->size();
     if (!message.rules) {
         logger.error("Reload message had no rules, keeping existing %{public}ld rules", oldCount);
     } else {
-        routingRules.replace(std::move(*message.rules));
-        defaultDecision.replace(message.defaultAction.value_or(std::string(defaultActionOfReload)));
+        rules.routingRules = std::make_shared<const RuleTable>(std::move(*message.rules));
+        rules.defaultDecision = message.defaultAction.value_or(std::string(defaultActionOfReload));
+        const auto reloaded = ruleState.replace(std::move(rules));
         logger.info("Reloaded rules via IPC: %{public}ld -> %{public}ld, default: %{public}s",
-                    oldCount, routingRules.snapshot()->size(), *defaultDecision.snapshot());
+                    oldCount, reloaded->routingRules->size(), reloaded->defaultDecision);
     }
     return encodeResponse(ExtensionResponse::success());
 }

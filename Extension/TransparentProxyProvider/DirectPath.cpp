@@ -38,7 +38,8 @@ void closeAtOnce(const std::shared_ptr<NEAppProxyTCPFlow>& flow) {
 std::atomic<std::int64_t> TransparentProxyProvider::nextSessionId{0};
 
 bool TransparentProxyProvider::proxyTCPFlowDirect(const std::shared_ptr<NEAppProxyTCPFlow>& flow,
-                                                  const std::string& bundleId) {
+                                                  const std::string& bundleId,
+                                                  const RuleState& rules) {
     const auto* endpoint = platform::hostEndpoint(flow->remoteEndpoint());
     if (!endpoint) {
         logger.error("Cannot proxy flow: invalid endpoint, falling back to OS");
@@ -46,7 +47,7 @@ bool TransparentProxyProvider::proxyTCPFlowDirect(const std::shared_ptr<NEAppPro
     }
     const auto& [hostname, port] = *endpoint;
     const auto interface = *physicalInterface.snapshot();
-    if (!interface) return fallBackWithoutInterface(flow, bundleId, hostname);
+    if (!interface) return fallBackWithoutInterface(flow, bundleId, hostname, rules);
 
     auto parameters = platform::NWParameters::tcp();
     parameters.requiredInterface = interface;
@@ -78,16 +79,16 @@ bool TransparentProxyProvider::proxyTCPFlowDirect(const std::shared_ptr<NEAppPro
     session->start([weakSelf = weak_from_this(), flowHash, sessionId, bundleId] {
         if (const auto self = weakSelf.lock()) self->sessionEnded(flowHash, sessionId, bundleId);
     });
+    endIfNoLongerDirect(flowHash, session);
     return true;
 }
 
 bool TransparentProxyProvider::fallBackWithoutInterface(
     const std::shared_ptr<NEAppProxyTCPFlow>& flow, const std::string& bundleId,
-    const std::string& hostname) {
-    const auto fallback = directFallback.snapshot();
-    logger.debug("Direct fallback triggered: behavior=%{public}s bundleId=%{public}s", *fallback,
-                 bundleId);
-    if (*fallback == "block") {
+    const std::string& hostname, const RuleState& rules) {
+    logger.debug("Direct fallback triggered: behavior=%{public}s bundleId=%{public}s",
+                 rules.directFallback, bundleId);
+    if (rules.directFallback == "block") {
         logger.error("No physical interface, BLOCKING direct flow per fallback setting: %{public}s",
                      bundleId);
         closeAtOnce(flow);

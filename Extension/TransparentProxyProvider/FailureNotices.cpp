@@ -19,6 +19,7 @@ namespace {
 constexpr std::string_view groupIdentifier = "group.org.quillmere.Vantry";
 constexpr std::string_view failureFileName = "connection_failures.json";
 constexpr std::size_t keptBesidesTheNew = 49;
+constexpr double failureNotificationCooldown = 30.0;  // seconds
 
 bool isObjectOfTexts(const platform::JSONValue& value) {
     const auto* object = value.as<platform::JSONObject>();

@@ -18,16 +18,17 @@ bool TransparentProxyProvider::handleNewFlow(
     const auto& auditToken = flow->metaData().sourceAppAuditToken;
     logFirstFlow(signingIdentifier);
 
+    const auto rules = ruleState.snapshot();
     if (isSystemProcess(signingIdentifier, auditToken)) return false;
     if (isProtectedVpnClient(signingIdentifier)) {
         logger.debug("Protected VPN client, passing through: %s", signingIdentifier);
         return false;
     }
-    const auto bundleId = resolveParentBundleId(signingIdentifier, auditToken);
+    const auto bundleId = resolveParentBundleId(signingIdentifier, auditToken, *rules);
     registerChildMappingIfNeeded(bundleId, auditToken);
 
     if (const auto tcpFlow = std::dynamic_pointer_cast<NEAppProxyTCPFlow>(flow))
-        return handleTCPFlow(tcpFlow);
+        return handleTCPFlow(tcpFlow, *rules);
     if (const auto* udpFlow = dynamic_cast<const NEAppProxyUDPFlow*>(flow.get()))
         return handleUDPFlow(*udpFlow, bundleId);
     return false;
@@ -45,11 +46,12 @@ bool TransparentProxyProvider::handleUDPFlow(const NEAppProxyUDPFlow&, std::stri
     return false;
 }
 
-bool TransparentProxyProvider::handleTCPFlow(const std::shared_ptr<NEAppProxyTCPFlow>& flow) {
+bool TransparentProxyProvider::handleTCPFlow(const std::shared_ptr<NEAppProxyTCPFlow>& flow,
+                                             const RuleState& rules) {
     const auto& metaData = flow->metaData();
-    const auto bundleId =
-        resolveParentBundleId(metaData.sourceAppSigningIdentifier, metaData.sourceAppAuditToken);
-    const auto decision = getRoutingDecision(bundleId);
+    const auto bundleId = resolveParentBundleId(metaData.sourceAppSigningIdentifier,
+                                                metaData.sourceAppAuditToken, rules);
+    const auto decision = rules.getRoutingDecision(bundleId);
     const auto* endpoint = platform::hostEndpoint(flow->remoteEndpoint());
     const std::string host = endpoint ? endpoint->hostname : "unknown";
     const std::string port = endpoint ? endpoint->port : "0";
@@ -62,11 +64,11 @@ bool TransparentProxyProvider::handleTCPFlow(const std::shared_ptr<NEAppProxyTCP
     logger.debug("  -> %{public}s:%{public}s", host, port);
 
     const auto record = [&](const char* route, std::optional<std::string> sourceIp) {
-        recordActivity(bundleId, decision, route, std::move(sourceIp), host,
-                       platform::decimalUInt16(port).value_or(0), "tcp");
+        recordActivity(bundleId, std::string(decision), route, std::move(sourceIp), host,
+                       platform::decimalUInt16(port).value_or(0), "tcp", rules.isVpnConnected);
     };
     if (decision == "direct") {
-        const bool handled = proxyTCPFlowDirect(flow, bundleId);
+        const bool handled = proxyTCPFlowDirect(flow, bundleId, rules);
         const auto interface = physicalInterface.snapshot();
         logger.debug(
             "DIRECT path: bundleId=%{public}s dest=%{public}s:%{public}s handled=%{bool}d "
@@ -75,8 +77,8 @@ bool TransparentProxyProvider::handleTCPFlow(const std::shared_ptr<NEAppProxyTCP
         record(handled ? "direct" : "vpn", handled ? physicalInterfaceIp() : getVpnTunnelIp());
         return handled;
     }
-    const bool isConnected = isVpnConnected;
-    if (!isConnected && *vpnFallback.snapshot() == "block") {
+    const bool isConnected = rules.isVpnConnected;
+    if (!isConnected && rules.vpnFallback == "block") {
         logger.error("VPN fallback BLOCK (filter-enforced): %{public}s -> %{public}s:%s", bundleId,
                      host, port);
         return false;

@@ -3,6 +3,7 @@
 // here fails a flow.
 
 #include <algorithm>
+#include <array>
 
 #include "Extension/FlowKillCoordinator.h"
 #include "Extension/ProcessUtils.h"
@@ -20,9 +21,7 @@ constexpr std::size_t effectiveUserIdWord = 1;
 constexpr std::uint32_t firstUserAccount = 500;
 constexpr std::size_t fewestComponents = 2;
 
-}  // namespace
-
-const std::vector<std::string_view> TransparentProxyProvider::systemProcessPrefixes{
+constexpr std::array<std::string_view, 15> systemProcessPrefixes{
     "com.apple.mDNSResponder",
     "com.apple.networkd",
     "com.apple.configd",
@@ -40,7 +39,7 @@ const std::vector<std::string_view> TransparentProxyProvider::systemProcessPrefi
     "com.apple.apsd",
 };
 
-const BundleIdSet TransparentProxyProvider::vpnClientBundleIds{
+const BundleIdSet vpnClientBundleIds{
     "net.tunnelblick.tunnelblick",
     "net.openvpn.connect.app",
     "org.openvpn.client.app",
@@ -63,6 +62,8 @@ const BundleIdSet TransparentProxyProvider::vpnClientBundleIds{
     "io.tailscale.ipn.macos",
     "com.cloudflare.1dot1dot1dot1.macos",
 };
+
+}  // namespace
 
 bool TransparentProxyProvider::isSystemProcess(std::string_view bundleId,
                                                const AuditToken& auditToken) {
@@ -108,17 +109,18 @@ void TransparentProxyProvider::rememberVpnClient(std::string_view providerBundle
 }
 
 std::string TransparentProxyProvider::resolveParentBundleId(const std::string& bundleId,
-                                                            const AuditToken& auditToken) {
-    if (hasKnownRule(bundleId)) return bundleId;
+                                                            const AuditToken& auditToken,
+                                                            const RuleState& rules) {
+    if (rules.hasKnownRule(bundleId)) return bundleId;
     const auto components = platform::nonEmptyComponents(bundleId);
     for (auto count = components.size(); count > fewestComponents; --count) {
         auto candidate = platform::joinComponents(components, count - 1);
-        if (!hasKnownRule(candidate)) continue;
+        if (!rules.hasKnownRule(candidate)) continue;
         logger.debug("Resolved %{public}s -> %{public}s via prefix stripping", bundleId, candidate);
         return candidate;
     }
     if (auditToken) {
-        if (auto ancestor = resolveViaProcessTree(*auditToken)) {
+        if (auto ancestor = resolveViaProcessTree(*auditToken, rules)) {
             logger.debug("Resolved %{public}s -> %{public}s via process tree", bundleId, *ancestor);
             return *ancestor;
         }
@@ -126,12 +128,13 @@ std::string TransparentProxyProvider::resolveParentBundleId(const std::string& b
     return bundleId;
 }
 
-std::optional<std::string> TransparentProxyProvider::resolveViaProcessTree(const Data& auditToken) {
+std::optional<std::string> TransparentProxyProvider::resolveViaProcessTree(const Data& auditToken,
+                                                                           const RuleState& rules) {
     if (auto cached = processCache.find(auditToken)) return cached;
     const auto pid = ProcessUtils::pidFromAuditToken(auditToken);
     if (!pid) return std::nullopt;
     auto ancestor = ProcessUtils::nearestKnownAncestor(
-        *pid, [this](const std::string& candidate) { return hasKnownRule(candidate); });
+        *pid, [&rules](const std::string& candidate) { return rules.hasKnownRule(candidate); });
     if (ancestor) processCache.store(auditToken, *ancestor);
     return ancestor;
 }

@@ -13,18 +13,22 @@ void TransparentProxyProvider::startProxy(std::optional<platform::JSONObject>,
     logger.info("startProxy() called (invocation #%ld)", ++startProxyCount);
     logger.info("Starting transparent proxy...");
     hasLoggedFirstFlow = false;
-    loadRoutingRules();
-    loadRulesFromSharedFile();
+    {
+        const RuleChange change(*this);
+        loadRoutingRules();
+        loadRulesFromSharedFile();
 
-    const auto rules = routingRules.snapshot();
-    logger.debug("Initial rules after startProxy load (%ld rules):", rules->size());
-    for (const auto& [bundleId, decision] : *rules)
-        logger.debug("Startup rule: %{public}s -> %{public}s", bundleId, decision);
+        const auto rules = ruleState.snapshot()->routingRules;
+        logger.debug("Initial rules after startProxy load (%ld rules):", rules->size());
+        if (platform::Logger::isEnabled(platform::LogLevel::debug))
+            for (const auto& [bundleId, decision] : *rules)
+                logger.debug("Startup rule: %{public}s -> %{public}s", bundleId, decision);
 
-    registerForRulesChangedNotification();
-    discoverVpnClients();
-    // Blocked applications stay in here; the first change of rules takes them out.
-    FlowKillCoordinator::shared().updateMonitoredApps(vpnRoutedBundleIds({}));
+        registerForRulesChangedNotification();
+        discoverVpnClients();
+        // Blocked applications stay in here; the first change of rules takes them out.
+        FlowKillCoordinator::shared().updateMonitoredApps(vpnRoutedBundleIds(rules, share({})));
+    }
     startPathMonitor();
     setTunnelNetworkSettings(
         createProxySettings(),
@@ -36,7 +40,7 @@ void TransparentProxyProvider::startProxy(std::optional<platform::JSONObject>,
                                        error->localizedDescription);
                 else
                     self->logger.info("Transparent proxy started with %ld rules",
-                                      self->routingRules.snapshot()->size());
+                                      self->ruleState.snapshot()->routingRules->size());
             }
             completionHandler(std::move(error));
         });
@@ -65,7 +69,10 @@ void TransparentProxyProvider::stopProxy(platform::NEProviderStopReason reason,
     }
     if (monitor) monitor->cancel();
 
-    FlowKillCoordinator::shared().resetState();
+    {
+        const NSLockGuard noChange(ruleChangesLock);
+        FlowKillCoordinator::shared().resetState();
+    }
     logger.info("[STOP] Coordinator state reset — filter now fail-open");
     completionHandler();
     logger.info("[STOP] stopProxy() completionHandler called — shutdown complete");
@@ -78,7 +85,10 @@ void TransparentProxyProvider::sleep(platform::Completion<> completionHandler) {
 
 void TransparentProxyProvider::wake() {
     logger.info("System waking...");
-    loadRoutingRules();
+    {
+        const RuleChange change(*this);
+        loadRoutingRules();
+    }
     discoverVpnClients();
     processCache.removeAll();
     startPathMonitor();

@@ -1,6 +1,6 @@
 // Which route an identifier takes. Nothing is cached: a change of rules takes effect for the next flow.
 
-#include "Extension/TransparentProxyProvider.h"
+#include "Extension/RuleState.h"
 #include "Platform/Common/Text.h"
 
 namespace vantry {
@@ -21,18 +21,17 @@ const std::string* decisionOfParent(const RuleTable& rules, std::string_view bun
 
 }  // namespace
 
-std::string TransparentProxyProvider::getRoutingDecision(std::string_view bundleId) const {
-    if (blockedApps.snapshot()->contains(bundleId)) return "block";
-    const auto rules = routingRules.snapshot();
-    if (const auto rule = rules->find(bundleId); rule != rules->end()) return rule->second;
-    if (bundleId == identifierWithoutParent) return *defaultDecision.snapshot();
-    if (const auto* decision = decisionOfParent(*rules, bundleId)) return *decision;
-    return *defaultDecision.snapshot();
+std::string_view RuleState::getRoutingDecision(std::string_view bundleId) const {
+    if (blockedApps->contains(bundleId)) return "block";
+    if (const auto rule = routingRules->find(bundleId); rule != routingRules->end())
+        return rule->second;
+    if (bundleId == identifierWithoutParent) return defaultDecision;
+    if (const auto* decision = decisionOfParent(*routingRules, bundleId)) return *decision;
+    return defaultDecision;
 }
 
-bool TransparentProxyProvider::hasKnownRule(std::string_view bundleId) const {
-    return routingRules.snapshot()->contains(bundleId) ||
-           blockedApps.snapshot()->contains(bundleId);
+bool RuleState::hasKnownRule(std::string_view bundleId) const {
+    return routingRules->contains(bundleId) || blockedApps->contains(bundleId);
 }
 
 }  // namespace vantry

@@ -5,6 +5,12 @@
 
 namespace vantry {
 
+namespace {
+
+constexpr std::string_view rulesChangedNotification = "org.quillmere.Vantry.rulesChanged";
+
+}  // namespace
+
 void TransparentProxyProvider::registerForRulesChangedNotification() {
     platform::CFNotificationCenterAddObserver(
         platform::CFNotificationCenterGetDarwinNotifyCenter(), this, rulesChanged,
@@ -20,20 +26,36 @@ void TransparentProxyProvider::rulesChanged(platform::CFNotificationCenter&, voi
     if (provider) provider->handleRulesChangedNotification();
 }
 
+TransparentProxyProvider::RuleChange::RuleChange(TransparentProxyProvider& changing)
+    : provider(changing) {
+    provider.ruleChangesLock.lock();
+    provider.setRulesChanging(true);
+}
+
+TransparentProxyProvider::RuleChange::~RuleChange() {
+    provider.setRulesChanging(false);
+    provider.ruleChangesLock.unlock();
+}
+
 void TransparentProxyProvider::handleRulesChangedNotification() {
+    const RuleChange change(*this);
     logger.debug("Received rules-changed Darwin notification");
-    const auto oldRules = routingRules.snapshot();
-    const auto oldBlocked = blockedApps.snapshot();
-    logger.debug("Current routingRules.count BEFORE reload: %ld", oldRules->size());
-    for (const auto& [bundleId, decision] : *oldRules)
-        logger.debug("Old rule: %{public}s -> %{public}s", bundleId, decision);
+    const auto before = ruleState.snapshot();
+    const auto& oldRules = *before->routingRules;
+    logger.debug("Current routingRules.count BEFORE reload: %ld", oldRules.size());
+    const bool isVerbose = platform::Logger::isEnabled(platform::LogLevel::debug);
+    if (isVerbose)
+        for (const auto& [bundleId, decision] : oldRules)
+            logger.debug("Old rule: %{public}s -> %{public}s", bundleId, decision);
 
     loadRulesFromSharedFile();
 
-    const auto newRules = routingRules.snapshot();
-    if (platform::Logger::isEnabled(platform::LogLevel::debug))
-        logger.debug("Rules identical after reload: %{bool}d", *oldRules == *newRules);
-    logger.debug("routingRules.count AFTER reload: %ld", newRules->size());
+    const auto now = ruleState.snapshot();
+    const auto& newRules = *now->routingRules;
+    if (isVerbose)
+        logger.debug("Rules identical after reload: %{bool}d",
+                     &oldRules == &newRules || oldRules == newRules);
+    logger.debug("routingRules.count AFTER reload: %ld", newRules.size());
     std::size_t sessionCount = 0;
     {
         const platform::NSLockGuard hold(sessionsLock);
@@ -41,16 +63,15 @@ void TransparentProxyProvider::handleRulesChangedNotification() {
     }
     logger.debug("Active proxy sessions at notification time: %ld", sessionCount);
 
-    killSessionsForChangedRules(*oldRules, *newRules);
-    const auto blocked = blockedApps.snapshot();
-    const auto newlyBlocked = difference(*blocked, *oldBlocked);
+    killSessionsForChangedRules(oldRules, newRules);
+    const auto newlyBlocked = difference(*now->blockedApps, *before->blockedApps);
     if (!newlyBlocked.empty()) killSessionsForBlockedApps(newlyBlocked);
 
     auto& coordinator = FlowKillCoordinator::shared();
-    coordinator.updateMonitoredApps(vpnRoutedBundleIds(*blocked));
-    coordinator.updateBlockedApps(*blocked);
+    coordinator.updateMonitoredApps(vpnRoutedBundleIds(now->routingRules, now->blockedApps));
+    coordinator.updateBlockedApps(now->blockedApps);
 
-    const auto unblocked = difference(*oldBlocked, *blocked);
+    const auto unblocked = difference(*before->blockedApps, *now->blockedApps);
     if (newlyBlocked.empty() && unblocked.empty()) return;
     logger.info("Block state changed: +%ld blocked, -%ld unblocked", newlyBlocked.size(),
                 unblocked.size());

@@ -1,6 +1,6 @@
-// Ends sessions that a rule change has taken off the direct path. They leave the table at once and end
-// one after the other, 50 ms apart, with a reset, so that their applications reconnect under the new
-// rule without doing so all in one moment.
+// Ends sessions that a rule change has taken off the direct path. They leave the table at once, carry
+// nothing more from then on, and end one after the other, 50 ms apart, with a reset, so that their
+// applications reconnect under the new rule without doing so all in one moment.
 
 #include <array>
 #include <cstdio>
@@ -27,6 +27,11 @@ std::string inMilliseconds(double seconds) {
     return text.data();
 }
 
+// Not a byte passes from here on, however long a session's turn to end may take.
+void holdBack(const KillList& killList) {
+    for (const auto& [flowHash, session] : killList) session->holdBack();
+}
+
 // The closure keeps the session and nothing else. A session that has ended by then is left alone.
 void scheduleKill(std::shared_ptr<ProxySession> session, double delay) {
     platform::DispatchQueue::global(platform::QualityOfService::userInitiated)
@@ -44,6 +49,7 @@ const std::string& decisionIn(const RuleTable& rules, const std::string& bundleI
 BundleIdSet directToOther(const RuleTable& oldRules, const RuleTable& newRules,
                           const std::string& defaultWord, const Logger& logger) {
     BundleIdSet changed;
+    if (&oldRules == &newRules && !Logger::isEnabled(LogLevel::debug)) return changed;
     for (const auto& [bundleId, oldDecision] : oldRules) {
         if (oldDecision != "direct" && !Logger::isEnabled(LogLevel::debug)) continue;
         const auto& newDecision = decisionIn(newRules, bundleId, defaultWord);
@@ -60,6 +66,7 @@ BundleIdSet directToOther(const RuleTable& oldRules, const RuleTable& newRules,
 BundleIdSet otherToDirect(const RuleTable& oldRules, const RuleTable& newRules,
                           const std::string& defaultWord, const Logger& logger) {
     BundleIdSet changed;
+    if (&oldRules == &newRules) return changed;
     for (const auto& [bundleId, newDecision] : newRules) {
         if (newDecision != "direct") continue;
         if (decisionIn(oldRules, bundleId, defaultWord) == "direct") continue;
@@ -82,13 +89,32 @@ void logAppearedAndRemoved(const RuleTable& oldRules, const RuleTable& newRules,
 
 }  // namespace
 
+// A change of rules that came between the decision and the entry in the table did not find the session there.
+// As rules are published before the table is looked through, one of the two sees the other; whoever takes
+// the session out of the table ends it.
+void TransparentProxyProvider::endIfNoLongerDirect(FlowHash flowHash,
+                                                   const std::shared_ptr<ProxySession>& session) {
+    if (ruleState.snapshot()->getRoutingDecision(session->bundleId) == "direct") return;
+    {
+        const NSLockGuard hold(sessionsLock);
+        const auto entry = activeSessions.find(flowHash);
+        if (entry == activeSessions.end() || entry->second != session) return;
+        activeSessions.erase(entry);
+    }
+    session->holdBack();
+    logger.debug("Scheduling graceful kill: sid=%ld bundleId=%{public}s delay=%sms",
+                 session->sessionId, session->bundleId, inMilliseconds(0));
+    scheduleKill(session, 0);
+}
+
 void TransparentProxyProvider::killSessionsForChangedRules(const RuleTable& oldRules,
                                                            const RuleTable& newRules) {
     logger.debug("killSessionsForChangedRules: oldRules=%ld newRules=%ld", oldRules.size(),
                  newRules.size());
-    const auto defaultWord = defaultDecision.snapshot();
-    const auto changedBundleIds = directToOther(oldRules, newRules, *defaultWord, logger);
-    const auto vpnToDirectBundleIds = otherToDirect(oldRules, newRules, *defaultWord, logger);
+    const auto rules = ruleState.snapshot();
+    const auto& defaultWord = rules->defaultDecision;
+    const auto changedBundleIds = directToOther(oldRules, newRules, defaultWord, logger);
+    const auto vpnToDirectBundleIds = otherToDirect(oldRules, newRules, defaultWord, logger);
     logAppearedAndRemoved(oldRules, newRules, logger);
     logger.debug("changedBundleIds count (direct->vpn): %ld", changedBundleIds.size());
 
@@ -113,6 +139,7 @@ void TransparentProxyProvider::killSessions(const BundleIdSet& changedBundleIds)
         }
         for (const auto& [flowHash, session] : killList) activeSessions.erase(flowHash);
     }
+    holdBack(killList);
     for (std::size_t index = 0; index < killList.size(); ++index) {
         const auto& session = killList[index].second;
         const auto delay = killDelay(index);
@@ -133,6 +160,7 @@ void TransparentProxyProvider::killSessionsForBlockedApps(const BundleIdSet& new
         if (killList.empty()) return;
         for (const auto& [flowHash, session] : killList) activeSessions.erase(flowHash);
     }
+    holdBack(killList);
     for (std::size_t index = 0; index < killList.size(); ++index) {
         const auto& session = killList[index].second;
         const auto delay = killDelay(index);

@@ -15,6 +15,9 @@
 
 namespace vantry {
 
+// How many entries the activity log keeps, the newest ones.
+inline constexpr std::size_t maxActivityLogEntries = 500;
+
 struct ActivityLogEntryIPC {
     platform::UUID id;
     platform::Date timestamp;  // when the entry was made

@@ -104,6 +104,7 @@ void ProxySession::relayFlowToConnection() {
 void ProxySession::flowRead(std::optional<Data> data, const std::optional<NSError>& error) {
     if (isCancelled()) return;
     if (error || !data || data->isEmpty()) return cancel();
+    if (isHeldBack) return;
     connection->send(std::move(*data), NWConnection::ContentContext::defaultMessage, true,
                      [weakSelf = weak_from_this()](std::optional<NSError> sendError) {
                          const auto self = weakSelf.lock();
@@ -129,6 +130,7 @@ void ProxySession::connectionReceived(std::optional<Data> data, bool isComplete,
     if (isCancelled()) return;
     if (error) return cancel();
     if (data && !data->isEmpty()) {
+        if (isHeldBack) return;
         flow->writeData(std::move(*data), [weakSelf = weak_from_this(),
                                            isComplete](std::optional<NSError> writeError) {
             if (const auto self = weakSelf.lock()) self->flowWritten(isComplete, writeError);
@@ -143,6 +145,11 @@ void ProxySession::connectionReceived(std::optional<Data> data, bool isComplete,
 void ProxySession::flowWritten(bool wasLast, const std::optional<NSError>& error) {
     if (error || wasLast) return cancel();
     relayConnectionToFlow();
+}
+
+void ProxySession::holdBack() {
+    isHeldBack = true;
+    connection->holdBack();
 }
 
 void ProxySession::cancel() { end(std::nullopt); }

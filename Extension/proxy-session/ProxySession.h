@@ -37,6 +37,9 @@ public:
     // and does not call it.
     void start(std::function<void()> onComplete);
 
+    // From now on no byte passes either way; the session goes on until it is cancelled. Any thread.
+    void holdBack();
+
     // Ends the session; the application sees an orderly end. Any thread, any number of times.
     void cancel();
     // Ends the session; the application sees a reset. Likewise.
@@ -76,6 +79,7 @@ private:
     // Written by `start` before the state leaves `created`, read only after a later state was seen.
     std::function<void()> onComplete;
     std::atomic<State> state{State::created};
+    std::atomic<bool> isHeldBack{false};
     // Whether the connection was waiting when its state was last heard of.
     std::atomic<bool> isConnectionWaiting{false};
 };

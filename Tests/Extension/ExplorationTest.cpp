@@ -58,11 +58,11 @@ private:
 
     // The filter is told what the rules in force at the last push say, and nothing after a stop.
     void checkSharedState(const ProxyProbe& proxy, const std::vector<LogLine>& lines) {
-        const auto blocked = proxy.blocked();
+        const auto rules = proxy.rules();
+        const auto& blocked = rules->blockedApps;
         const auto pushWatched = [&](bool withBlocked) {
             pushed.watched.clear();
-            const auto rules = proxy.rules();
-            for (const auto& [bundleId, word] : *rules)
+            for (const auto& [bundleId, word] : *rules->routingRules)
                 if (word != "direct" && (withBlocked || !blocked->contains(bundleId)))
                     pushed.watched.insert(bundleId);
         };
@@ -71,8 +71,8 @@ private:
             const bool isFile = format.starts_with("Loaded rules from shared file");
             const bool isDelivery = format.starts_with("Received rules-changed");
             if (isFile || format.starts_with("Loaded %ld routing rules from config")) {
-                pushed.isVpnConnected = proxy.isVpnConnected();
-                pushed.vpnFallback = proxy.vpnFallback();
+                pushed.isVpnConnected = rules->isVpnConnected;
+                pushed.vpnFallback = rules->vpnFallback;
                 pushed.isInitialized = true;
             }
             if (isFile || isDelivery) pushed.blocked = {blocked->begin(), blocked->end()};

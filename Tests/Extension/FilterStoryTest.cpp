@@ -2,6 +2,7 @@
 // plainest way: sets are scanned member by member, and nothing is kept from one answer to the next.
 // Every verdict, line and record of every kind of flow is compared.
 
+#include <deque>
 #include <iterator>
 #include <map>
 #include <set>
@@ -46,7 +47,7 @@ struct Model {
         {"com.apple.Safari.SearchHelper", "com.apple.Safari"}};
     bool isConnected = true, hasState = false;
     std::string fallback = "allow";
-    std::vector<ActivityLogEntryIPC> records = {};
+    std::deque<ActivityLogEntryIPC> records = {};
     std::vector<ExpectedLine> lines = {};
 
     void replace(Set& present, const Set& next, const std::string& what) {
@@ -181,10 +182,10 @@ private:
         switch (world.draw(10)) {
             case 0:
                 model.replace(model.monitored, next, "Monitoring updated");
-                return coordinator.updateMonitoredApps({next.begin(), next.end()});
+                return coordinator.updateMonitoredApps(share({next.begin(), next.end()}));
             case 1:
                 model.replace(model.blocked, next, "Blocked apps updated");
-                return coordinator.updateBlockedApps({next.begin(), next.end()});
+                return coordinator.updateBlockedApps(share({next.begin(), next.end()}));
             case 2:
                 model.updateVpnState(isConnected, fallback);
                 return coordinator.updateVpnState(isConnected, fallback);

@@ -27,7 +27,7 @@ protected:
 };
 
 TEST_F(FilterTest, StartAsksForEveryFlowAndReportsTheOutcomeAndStopTouchesNothingShared) {
-    coordinator.updateBlockedApps({"com.example.App"});
+    coordinator.updateBlockedApps(share({"com.example.App"}));
     const auto started = world.startFilter();
     EXPECT_FALSE(started.hasCome());
     world.runUntilIdle();
@@ -104,17 +104,17 @@ TEST_F(FilterTest, PrefersTheOwnBundleThenTheNearestKnownAncestorThenTheOwnBundl
         return info("BLOCK: " + owner + " TCP -> 203.0.113.9:443");
     };
     // Below a member, through a mapping, or as a member: the candidate itself is the answer.
-    coordinator.updateBlockedApps({"com.example"});
+    coordinator.updateBlockedApps(share({"com.example"}));
     EXPECT_EQ(offer(child(1)), drop);
     EXPECT_TRUE(filterLogIs({blocked("com.example.Child")}));
-    coordinator.updateBlockedApps({"com.example.Grand"});
+    coordinator.updateBlockedApps(share({"com.example.Grand"}));
     EXPECT_EQ(offer(child(2)), drop);
     EXPECT_EQ(offer(bare), drop);
     EXPECT_TRUE(
         filterLogIs({viaTree("com.example.Child"), blocked("com.example.Grand"),
                      viaTree("pid:" + std::to_string(bare.pid)), blocked("com.example.Grand")}));
     coordinator.registerChildProcess("com.example.Grand", "mapped");
-    coordinator.updateBlockedApps({"mapped"});
+    coordinator.updateBlockedApps(share({"mapped"}));
     EXPECT_EQ(offer(child(3)), drop);
     EXPECT_TRUE(filterLogIs({viaTree("com.example.Child"), blocked("com.example.Grand")}));
 }
@@ -125,10 +125,10 @@ TEST_F(FilterTest, ACachedAnswerStandsWhateverTheSetsSayLater) {
     const auto child = world.process({.path = "/Applications/Child.app/c", .parent = parent.pid});
     EXPECT_EQ(offer(child), allow);  // its own bundle, unknown to the rules, is cached too
     world.processes.forgetQuestions();
-    coordinator.updateBlockedApps({"com.example.Parent"});
+    coordinator.updateBlockedApps(share({"com.example.Parent"}));
     EXPECT_EQ(offer(child), allow);
     EXPECT_EQ(world.processes.questions(), 0u);
-    coordinator.updateBlockedApps({"com.example.Child"});
+    coordinator.updateBlockedApps(share({"com.example.Child"}));
     EXPECT_EQ(offer(child), drop);
 
     // What found nothing is looked up again.
@@ -139,7 +139,7 @@ TEST_F(FilterTest, ACachedAnswerStandsWhateverTheSetsSayLater) {
 }
 
 TEST_F(FilterTest, AFullCacheGoesAtOnceBeforeTheNextStore) {
-    coordinator.updateBlockedApps({"com.example.App"});
+    coordinator.updateBlockedApps(share({"com.example.App"}));
     expectAThousandRemembered(
         app, [&](const Process& process) { offer(process); }, 0);
 }

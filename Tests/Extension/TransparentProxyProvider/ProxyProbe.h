@@ -22,15 +22,18 @@ public:
         : proxy(static_cast<TransparentProxyProvider&>(provider)) {}
 
     std::string getRoutingDecision(std::string_view bundleId) const {
-        return proxy.getRoutingDecision(bundleId);
+        return std::string(rules()->getRoutingDecision(bundleId));
     }
     std::string resolveParentBundleId(const std::string& bundleId) const {
-        return proxy.resolveParentBundleId(bundleId, std::nullopt);
+        return proxy.resolveParentBundleId(bundleId, std::nullopt, *rules());
     }
     bool isProtectedVpnClient(std::string_view bundleId) const {
         return proxy.isProtectedVpnClient(bundleId);
     }
-    void loadRulesFromSharedFile() const { proxy.loadRulesFromSharedFile(); }
+    void loadRulesFromSharedFile() const {
+        const platform::NSLockGuard hold(proxy.ruleChangesLock);
+        proxy.loadRulesFromSharedFile();
+    }
 
     // The sessions in the table, by their numbers.
     std::map<std::int64_t, std::weak_ptr<ProxySession>> table() const {
@@ -55,8 +58,7 @@ public:
     }
 
     bool isFlushing() const { return proxy.isFlushingDeclinedFlows; }
-    std::shared_ptr<const RuleTable> rules() const { return proxy.routingRules.snapshot(); }
-    std::shared_ptr<const BundleIdSet> blocked() const { return proxy.blockedApps.snapshot(); }
+    std::shared_ptr<const RuleState> rules() const { return proxy.ruleState.snapshot(); }
 
     // What both providers share.
     struct Shared {
@@ -78,8 +80,6 @@ public:
                 coordinator.vpnFallback,
                 coordinator.isStateInitialized};
     }
-    bool isVpnConnected() const { return proxy.isVpnConnected; }
-    std::string vpnFallback() const { return *proxy.vpnFallback.snapshot(); }
 
 private:
     template <class Entries>
