@@ -65,15 +65,23 @@ bool CFNotificationCenter::isStillRegistered(std::uint64_t number) const {
 
 void CFNotificationCenter::add(void* observer, CFNotificationCallback callback,
                                std::string_view name) {
-    const MutexGuard guard(mutex);
-    registrations.push_back({observer, callback, std::string(name), ++lastNumber});
+    {
+        const MutexGuard guard(mutex);
+        registrations.push_back({observer, callback, std::string(name), ++lastNumber});
+    }
+    post(name);
 }
 
 void CFNotificationCenter::removeEvery(const void* observer) {
-    const MutexGuard guard(mutex);
+    MutexGuard guard(mutex);
     std::erase_if(registrations,
                   [&](const auto& registration) { return registration.observer == observer; });
-    while (isCalledElsewhere(observer)) callEnded.wait(mutex);
+    while (isCalledElsewhere(observer)) {
+        guard.unlock();
+        const bool haveOthersGoneOn = scheduler.giveWay();
+        guard.lock();
+        if (!haveOthersGoneOn && isCalledElsewhere(observer)) callEnded.wait(mutex);
+    }
 }
 
 bool CFNotificationCenter::isCalledElsewhere(const void* observer) const {

@@ -7,7 +7,7 @@ import stat
 from vantrylab import host, network, world
 from vantrylab.host import Rules
 
-COURIER, LEDGER = "com.example.courier", "com.example.ledger"
+COURIER, LEDGER, CHATTER = "com.example.courier", "com.example.ledger", "com.example.chatter"
 RULES = Rules(rules={COURIER: "direct", LEDGER: "vpn"})
 
 
@@ -26,10 +26,15 @@ def run(stage) -> None:
 
 def _preferences_alone(stage) -> None:
     """A provider configuration is in force when there is no rules file; the file wins key by key."""
-    configuration = {"rules": {COURIER: "direct"}, "defaultAction": "vpn", "vpnConnected": True}
+    configuration = {"rules": {COURIER: "direct"}, "defaultAction": "vpn", "vpnConnected": True,
+                     "blockedApps": [CHATTER]}
     stage.start_daemon(rules=None, protocolConfiguration={
         "providerBundleIdentifier": "org.quillmere.Vantry.Extension",
         "providerConfiguration": configuration})
+    address = stage.ipv4()
+    # What they block is blocked without anybody's post.
+    network.wait_until(lambda: stage.daemon.wait_for("Blocked apps updated: +1"), "the blocked list is pushed", 1)
+    stage.expect_denied("blocked by the preferences", stage.chatter.run("connect", address, 80), address)
     address = stage.ipv4()
     stage.expect_physical("rules from the preferences", stage.courier.run("connect", address, 80), address)
     stage.checks.equal("status counts them", host.send({"type": "getStatus"}),

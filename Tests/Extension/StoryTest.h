@@ -76,7 +76,7 @@ protected:
         EXPECT_TRUE(world.start());
         return happened("filter info  Filter provider started\n" + startOfProxy(1) +
                         "filter info  Filter settings applied (default: filterData)\n" +
-                        endOfStart());
+                        firstDelivery() + endOfStart());
     }
     // New rules are put into force as the host application does. What every delivery logs follows
     // from the two files; `consequences` are the lines behind that.
@@ -84,23 +84,7 @@ protected:
                                          const std::string& consequences) {
         const auto before = std::exchange(rules, next);
         changeRules(rules.document());
-        return happened(filled(R"(
-            proxy  debug Received rules-changed Darwin notification
-            proxy  debug Current routingRules.count BEFORE reload: 1
-            proxy  debug Old rule: acme.mail -> $old
-            $load
-            proxy  debug Rules identical after reload: $identical
-            proxy  debug routingRules.count AFTER reload: 1
-            proxy  debug Active proxy sessions at notification time: $sessions
-            proxy  debug killSessionsForChangedRules: oldRules=1 newRules=1
-            proxy  debug Comparing acme.mail: old=$old new=$new
-            )",
-                               {{"$load", loadOfFile(before.isBlocked, "1", "false")},
-                                {"$old", before.word},
-                                {"$new", rules.word},
-                                {"$identical", before.word == rules.word ? "true" : "false"},
-                                {"$sessions", std::to_string(sessions)}}) +
-                        consequences);
+        return happened(delivery(before, sessions) + consequences);
     }
     Flow open(const Process& app, const char* port = "443", Kind kind = Kind::tcp) {
         auto flow =
@@ -116,6 +100,31 @@ protected:
 
     // What is logged of them.
 
+    std::string delivery(const Rules& before, int sessions) const {
+        return filled(R"(
+            proxy  debug Received rules-changed Darwin notification
+            proxy  debug Current routingRules.count BEFORE reload: 1
+            proxy  debug Old rule: acme.mail -> $old
+            $load
+            proxy  debug Rules identical after reload: $identical
+            proxy  debug routingRules.count AFTER reload: 1
+            proxy  debug Active proxy sessions at notification time: $sessions
+            proxy  debug killSessionsForChangedRules: oldRules=1 newRules=1
+            proxy  debug Comparing acme.mail: old=$old new=$new
+            )",
+                      {{"$load", loadOfFile(before.isBlocked, "1", "false")},
+                       {"$old", before.word},
+                       {"$new", rules.word},
+                       {"$identical", before.word == rules.word ? "true" : "false"},
+                       {"$sessions", std::to_string(sessions)}});
+    }
+    // The delivery that comes with the registration. Only a blocked application makes a difference: it is
+    // taken from the watched ones.
+    std::string firstDelivery() const {
+        const bool isTaken = rules.isBlocked && rules.word != "direct";
+        return delivery(rules, 0) + nothingLeavesDirect() +
+               (isTaken ? "shared info  Monitoring updated: +0 -1 total=0\n" : "");
+    }
     std::string startOfProxy(int invocation) const {
         return filled(
             R"(

@@ -16,6 +16,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "Platform/Common/ThreadAnnotations.h"
@@ -73,6 +74,7 @@ private:
     void runDelivery();
     bool waitForEvents() const;
     std::vector<std::string> namesToDeliver();
+    std::vector<std::string> takeNewlyObserved();
     std::vector<std::string> observedNames();
     void deliver(const std::string& name);
     std::vector<std::uint64_t> registrationsOf(const std::string& name);
@@ -91,9 +93,12 @@ private:
     Condition callEnded;
     std::vector<Registration> registrations GUARDED_BY(lock);
     std::uint64_t lastNumber GUARDED_BY(lock) = 0;
+    // Names that somebody has begun to observe and that are to be delivered for that.
+    std::vector<std::string> newlyObserved GUARDED_BY(lock);
 
     std::once_flag deliveryStart;
     const FileDescriptor stopSignal{eventfd(0, EFD_CLOEXEC)};
+    const FileDescriptor observedSignal{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
     // Made by `startDelivery`, from then on the delivery thread's own.
     std::unique_ptr<FolderWatch> watch;
     NotificationTouches touches;
@@ -122,6 +127,11 @@ void CFNotificationCenter::addObserver(void* observer, CFNotificationCallback ca
     }
     std::call_once(deliveryStart, [this] { startDelivery(); });
     makeFile(std::string(name));
+    {
+        const MutexGuard guard(lock);
+        newlyObserved.emplace_back(name);
+    }
+    eventfd_write(observedSignal.get(), 1);
 }
 
 void CFNotificationCenter::removeEveryObserver(void* observer) {
@@ -154,14 +164,17 @@ void CFNotificationCenter::makeFile(const std::string& name) {
 }
 
 void CFNotificationCenter::runDelivery() {
-    while (waitForEvents())
+    while (waitForEvents()) {
+        for (const auto& name : takeNewlyObserved()) deliver(name);
         for (const auto& name : namesToDeliver()) deliver(name);
+    }
 }
 
 // False when the center ends.
 bool CFNotificationCenter::waitForEvents() const {
-    std::array<pollfd, 2> descriptors{
-        {{stopSignal.get(), POLLIN, 0}, {watch->descriptor(), POLLIN, 0}}};
+    std::array<pollfd, 3> descriptors{{{stopSignal.get(), POLLIN, 0},
+                                       {watch->descriptor(), POLLIN, 0},
+                                       {observedSignal.get(), POLLIN, 0}}};
     const int timeout = watch->isWatching() ? -1 : retryMilliseconds;
     poll(descriptors.data(), descriptors.size(), timeout);
     return descriptors[0].revents == 0;
@@ -175,6 +188,13 @@ std::vector<std::string> CFNotificationCenter::namesToDeliver() {
     auto names = observedNames();
     for (const auto& name : names) makeFile(name);
     return names;
+}
+
+std::vector<std::string> CFNotificationCenter::takeNewlyObserved() {
+    eventfd_t ignored = 0;
+    eventfd_read(observedSignal.get(), &ignored);
+    const MutexGuard guard(lock);
+    return std::exchange(newlyObserved, {});
 }
 
 std::vector<std::string> CFNotificationCenter::observedNames() {

@@ -111,11 +111,11 @@ TEST(Notifications, PostsDuringADeliveryGiveOneMoreAndNoneComesAfterRemoval) {
     world.post("a");
     EXPECT_EQ(observer.calls, 0);
     world.runUntilIdle();
-    EXPECT_EQ(observer.calls, 2);
+    EXPECT_EQ(observer.calls, 3);
     world.post("a");
     CFNotificationCenterRemoveEveryObserver(center, &observer);
     world.runUntilIdle();
-    EXPECT_EQ(observer.calls, 2);
+    EXPECT_EQ(observer.calls, 3);
 }
 
 TEST(Extension, HandingTheMainThreadOverPlaysTheStoryToItsEnd) {

@@ -8,6 +8,8 @@
 #include <future>
 #include <map>
 #include <mutex>
+#include <utility>
+#include <vector>
 
 #include "Platform/Linux/HostChannel/FixedPlaces.h"
 #include "Platform/Linux/HostChannel/FolderWatch.h"
@@ -30,10 +32,19 @@ bool touch(const std::string& path) {
 // still be running when a test ends; it lives longer than the center's thread.
 class Observer {
 public:
-    void observe(const char* name) {
-        CFNotificationCenterAddObserver(CFNotificationCenterGetDarwinNotifyCenter(), this,
-                                        &Observer::delivered, name, nullptr,
-                                        CFNotificationSuspensionBehavior::deliverImmediately);
+    // Returns when the delivery that comes with each registration is over, and counts from there.
+    void observe(const std::vector<const char*>& names) {
+        for (const auto* name : names)
+            CFNotificationCenterAddObserver(CFNotificationCenterGetDarwinNotifyCenter(), this,
+                                            &Observer::delivered, name, nullptr,
+                                            CFNotificationSuspensionBehavior::deliverImmediately);
+        for (const auto* name : names) ASSERT_TRUE(isDelivered(name, 1));
+        const std::lock_guard guard(lock);
+        counts.clear();
+    }
+    void onDelivery(std::function<void()> act) {
+        const std::lock_guard guard(hold);
+        whenDelivered = std::move(act);
     }
     void stopObserving() {
         CFNotificationCenterRemoveEveryObserver(CFNotificationCenterGetDarwinNotifyCenter(), this);
@@ -53,7 +64,6 @@ public:
     }
 
     std::mutex hold;
-    std::function<void()> whenDelivered = [] {};
 
 private:
     static void delivered(CFNotificationCenter&, void* observer, std::string_view name,
@@ -71,14 +81,14 @@ private:
     std::mutex lock;
     std::map<std::string, int> counts;
     int markers = 0;
+    std::function<void()> whenDelivered = [] {};
 };
 
 using DarwinNotifications = PrivateMachine;
 
 TEST_F(DarwinNotifications, EveryShapeOfATouchIsOneDelivery) {
     static Observer observer;
-    observer.observe(changed);
-    observer.observe(marker);
+    observer.observe({changed, marker});
     const std::string path = folder + "/" + changed;
     const std::string other = folder + "/other";
     const struct {
@@ -106,8 +116,7 @@ TEST_F(DarwinNotifications, EveryShapeOfATouchIsOneDelivery) {
 
 TEST_F(DarwinNotifications, PostsDuringADeliveryGiveOneMore) {
     static Observer observer;
-    observer.observe(changed);
-    observer.observe(marker);
+    observer.observe({changed, marker});
     {
         const std::lock_guard holdsTheDelivery(observer.hold);
         touch(folder + "/" + changed);
@@ -123,15 +132,15 @@ TEST_F(DarwinNotifications, NoDeliveryBeginsOnceAnObserverIsRemoved) {
     static Observer leaving;
     static Observer staying;
     // Out of its first delivery: the second registration of the same observer hears nothing more.
-    leaving.whenDelivered = [] { leaving.stopObserving(); };
-    leaving.observe(changed);
-    leaving.observe(changed);
-    staying.observe(changed);
-    staying.observe(marker);
+    leaving.observe({changed});
+    leaving.observe({changed});
+    staying.observe({changed, marker});
+    const int before = leaving.count(changed);
+    leaving.onDelivery([] { leaving.stopObserving(); });
     touch(folder + "/" + changed);
     touch(folder + "/" + changed);
     staying.settle();
-    EXPECT_EQ(leaving.count(changed), 1);
+    EXPECT_EQ(leaving.count(changed) - before, 1);
     EXPECT_GE(staying.count(changed), 1);
     staying.stopObserving();
 }
@@ -139,8 +148,8 @@ TEST_F(DarwinNotifications, NoDeliveryBeginsOnceAnObserverIsRemoved) {
 TEST_F(DarwinNotifications, RemovingAnObserverWaitsForItsDeliveryToEnd) {
     static Observer observer;
     static std::atomic<bool> hasEnded = false;
-    observer.whenDelivered = [] { hasEnded = true; };
-    observer.observe(changed);
+    observer.observe({changed});
+    observer.onDelivery([] { hasEnded = true; });
     std::future<bool> removal;
     {
         const std::lock_guard holdsTheDelivery(observer.hold);
