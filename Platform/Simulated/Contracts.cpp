@@ -73,6 +73,7 @@ std::vector<std::string> takeBreaches() {
 void checkPlatformCall(std::string_view operation) {
     if (locksHeld().fieldLocks > 0)
         breach(std::string(operation) + " is called while an NSLock is held");
+    machine().scheduler.step();
 }
 
 void checkNoLockIsHeld(std::string_view afterWhat) {
@@ -96,7 +97,14 @@ void NSLock::lock() {
     auto& held = simulated::locksHeld();
     if (std::find(held.list.begin(), held.list.end(), this) != held.list.end())
         return simulated::breach("an NSLock is taken twice by one thread");
-    mutex.lock();
+    auto& scheduler = simulated::machine().scheduler;
+    if (scheduler.order() == simulated::Order::byTurns) {
+        scheduler.step();
+        while (!mutex.try_lock())
+            if (!scheduler.giveWay()) return simulated::breach("an NSLock is never given back");
+    } else {
+        mutex.lock();
+    }
     held.list.push_back(this);
     if (use == Use::fieldsOnly) ++held.fieldLocks;
 }

@@ -54,12 +54,13 @@ constexpr std::uint64_t shareOfSeeds = 1;
 constexpr std::uint64_t fewestSeeds = 4;
 
 // Plays the story with so many seeds, under a sanitizer with a fifth of them but at least four, each in a process of its
-// own with a world of its own. A breach of contract, a failed expectation and a crash fail a seed.
+// own with a world of its own; the environment may ask for another number (SEEDS=n). A breach of contract, a failed expectation and a crash fail a seed.
 inline testing::AssertionResult holdsForSeeds(std::uint64_t seeds,
                                               const std::function<void(World&)>& story,
                                               Options options = {.order = Order::drawn}) {
     Exploration exploration;
-    exploration.seeds = std::max(seeds / shareOfSeeds, std::min(seeds, fewestSeeds));
+    exploration.seeds = seedsFromEnvironment().value_or(
+        std::max(seeds / shareOfSeeds, std::min(seeds, fewestSeeds)));
     const auto failed = explore(exploration, [&](std::uint64_t seed) {
         options.seed = seed;
         World world(options);

@@ -11,8 +11,21 @@ namespace platform::simulated {
 namespace {
 
 constexpr std::size_t traceLength = 64;
+// Of so many steps one lets others go on, in the mean.
+constexpr std::uint64_t stepsInATurn = 4;
+
+thread_local std::binary_semaphore* turnOfThisStrand = nullptr;
 
 }  // namespace
+
+struct Scheduler::Strand {
+    explicit Strand(Scheduler& scheduler)
+        : thread([this, &scheduler] { scheduler.workOnStrand(*this); }) {}
+    std::binary_semaphore mayGo{0};
+    Event event;
+    bool hasEvent = false;  // false while idle, and a turn without one is the end
+    std::thread thread;
+};
 
 Scheduler::Scheduler(const Options& chosen) : options(chosen), random(chosen.seed) {
     if (options.order != Order::threads) return;
@@ -144,6 +157,7 @@ bool Scheduler::runOne() {
         breach("the test runs the scheduler from inside an event");
         return false;
     }
+    if (options.order == Order::byTurns) return runOneTurn();
     Event event;
     {
         const MutexGuard guard(mutex);
@@ -161,6 +175,88 @@ bool Scheduler::runOne() {
     }
     if (afterEachEvent) afterEachEvent();
     return true;
+}
+
+bool Scheduler::runOneTurn() {
+    Strand* const strand = chooseStrand();
+    if (strand == nullptr) return false;
+    isRunningEvent = true;
+    strand->mayGo.release();
+    turnIsOver.acquire();
+    isRunningEvent = false;
+    if (strand->hasEvent) {
+        paused.push_back(strand);
+    } else {
+        idle.push_back(strand);
+        const MutexGuard guard(mutex);
+        finish(strand->event);
+    }
+    if (afterEachEvent) afterEachEvent();
+    return true;
+}
+
+// One that was paused, or one for an event that is ready; null if there is neither.
+Scheduler::Strand* Scheduler::chooseStrand() {
+    const MutexGuard guard(mutex);
+    promoteDueEvents();
+    const std::size_t choices = paused.size() + ready.size();
+    if (choices == 0) return nullptr;
+    const auto chosen = static_cast<std::size_t>(random() % choices);
+    if (chosen < paused.size()) {
+        std::swap(paused[chosen], paused.back());
+        auto* const strand = paused.back();
+        paused.pop_back();
+        return strand;
+    }
+    if (idle.empty()) {
+        strands.push_back(std::make_unique<Strand>(*this));
+        idle.push_back(strands.back().get());
+    }
+    auto* const strand = idle.back();
+    idle.pop_back();
+    strand->event = takeReady();
+    strand->hasEvent = true;
+    return strand;
+}
+
+void Scheduler::workOnStrand(Strand& strand) {
+    turnOfThisStrand = &strand.mayGo;
+    for (;;) {
+        strand.mayGo.acquire();
+        if (!strand.hasEvent) return;
+        strand.event.work();
+        strand.event.work = {};
+        checkNoLockIsHeld(strand.event.label);
+        strand.hasEvent = false;
+        turnIsOver.release();
+    }
+}
+
+void Scheduler::step() {
+    if (turnOfThisStrand != nullptr && !isEnding && draw(stepsInATurn) == 0) giveWay();
+}
+
+bool Scheduler::giveWay() {
+    if (turnOfThisStrand == nullptr) return false;
+    turnIsOver.release();
+    turnOfThisStrand->acquire();
+    return true;
+}
+
+// Events in the middle of something come to their end, and their threads go.
+void Scheduler::endStrands() {
+    isEnding = true;
+    while (!paused.empty()) {
+        auto* const strand = paused.front();
+        paused.erase(paused.begin());
+        strand->mayGo.release();
+        turnIsOver.acquire();
+        (strand->hasEvent ? paused : idle).push_back(strand);
+    }
+    for (auto* strand : idle) strand->mayGo.release();
+    for (const auto& strand : strands) strand->thread.join();
+    idle.clear();
+    strands.clear();
 }
 
 // Moves time to the next event that is due by `limit`, if there is one to move for.
@@ -277,6 +373,7 @@ void Scheduler::end() {
     std::map<WaitingKey, Event> droppedWaiting;
     std::deque<Event> droppedReady;
     std::unordered_map<Lane, LaneState> droppedLanes;
+    endStrands();
     {
         const MutexGuard guard(mutex);
         hasEnded = true;

@@ -1,17 +1,21 @@
 // The one scheduler that every callback, completion and timer of the simulated platform goes
 // through. Which of the events that are ready runs next is drawn from the seed, or is the one that
-// was queued first, or several run at once on real threads. Time is virtual and moves only when
+// was queued first, or several run at once on real threads, or by turns: step by step, at each lock
+// and each call of the seam the seed may let another one go on. Time is virtual and moves only when
 // nothing is ready; with threads it is the real clock, sped up. Any thread may queue events; only
 // the test's own thread runs them (`runUntilIdle` and its kin), never from inside an event.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <random>
+#include <semaphore>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -26,6 +30,7 @@ namespace platform::simulated {
 enum class Order {
     asQueued,  // the event that became ready first runs first
     drawn,     // any ready event may run next; the seed decides
+    byTurns,   // and events overlap: at each step of one another may go on; the seed decides
     threads,   // several at once, on real threads
 };
 
@@ -74,8 +79,15 @@ public:
 
     // Each later delivery takes a drawn time between 0 and `seconds`; 0 is where it starts.
     void setLatency(double seconds);
-    // Called after each event, on the test's thread. Not with threads.
+    // Called after each event, on the test's thread; after each turn of one with Order::byTurns. Not with
+    // threads.
     void setAfterEachEvent(std::function<void()> check);
+
+    // With Order::byTurns, inside an event: others may go on here before it does.
+    void step();
+    // Others go on first, as this event waits for something that one of them does. False where nothing
+    // of the kind is possible: outside of events, and in every other order.
+    bool giveWay();
 
     // A number below `bound`, from the seed.
     std::uint64_t draw(std::uint64_t bound);
@@ -106,6 +118,13 @@ private:
         double lastDue = 0;
         std::deque<Event> backlog;
     };
+
+    // An event that runs by turns with others, on a thread of its own.
+    struct Strand;
+    Strand* chooseStrand();
+    bool runOneTurn();
+    void endStrands();
+    void workOnStrand(Strand& strand);
 
     void queue(double delay, bool isTimer, const char* label, Completion<> work, Lane lane);
     double currentTime() const REQUIRES(mutex);
@@ -140,6 +159,12 @@ private:
 
     // Touched by the test's thread alone.
     bool isRunningEvent = false;
+    std::vector<std::unique_ptr<Strand>> strands;
+    std::vector<Strand*> paused;
+    std::vector<Strand*> idle;
+    // Whoever has the turn gives it back to the test's thread.
+    std::binary_semaphore turnIsOver{0};
+    std::atomic<bool> isEnding = false;
     std::function<void()> afterEachEvent;
     std::vector<std::thread> threads;
 };

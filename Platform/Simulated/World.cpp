@@ -70,10 +70,17 @@ bool World::start() {
     return filterStart.succeeded() && proxyStart.succeeded();
 }
 
-std::optional<std::uint64_t> seedFromEnvironment() {
-    const char* text = std::getenv("SEED");
+namespace {
+
+std::optional<std::uint64_t> numberFromEnvironment(const char* name) {
+    const char* text = std::getenv(name);
     if (text == nullptr || *text == '\0') return std::nullopt;
     return std::strtoull(text, nullptr, 10);
 }
+
+}  // namespace
+
+std::optional<std::uint64_t> seedFromEnvironment() { return numberFromEnvironment("SEED"); }
+std::optional<std::uint64_t> seedsFromEnvironment() { return numberFromEnvironment("SEEDS"); }
 
 }  // namespace platform::simulated

@@ -116,5 +116,7 @@ public:
 
 // The seed that the environment asks for (SEED=n), if it does.
 std::optional<std::uint64_t> seedFromEnvironment();
+// How many seeds it asks for (SEEDS=n), if it does.
+std::optional<std::uint64_t> seedsFromEnvironment();
 
 }  // namespace platform::simulated
