@@ -376,6 +376,26 @@ Report crowd(const Destination& destination, uint64_t count, std::chrono::millis
     return report;
 }
 
+Report chatter(const Destination& destination, uint64_t count, std::chrono::milliseconds duration) {
+    auto report = begin("chatter");
+    auto sockets = enterOften(count, destination, "echo", report);
+    report.print();
+    if (!report.error.empty()) return report;
+    for (GoingOn goingOn(duration); !goingOn.isOver() && !sockets.empty();) {
+        std::this_thread::sleep_for(destination.pace);
+        std::erase_if(sockets, [&](const Descriptor& socket) {
+            const auto before = report.bytesReceived;
+            const bool isOver = hasEnded(socket, report);
+            if (report.bytesReceived > before) report.lastByte = Clock::now();
+            if (isOver) report.ends.push_back(Clock::now());
+            if (!isOver) send(socket.number(), "!", 1, MSG_NOSIGNAL);
+            return isOver;
+        });
+    }
+    report.outcome = "finished";
+    return report;
+}
+
 Report hoard(const Destination& destination, uint64_t count, uint64_t bytes) {
     auto report = begin("hoard");
     const auto sockets = enterOften(count, destination, "", report);

@@ -28,7 +28,8 @@ struct Destination {
 // way. `echo` sends bytes and compares what comes back. `askOnce` sends one datagram and waits for
 // the answer; `resolve` asks for a name; `keepAsking` sends a datagram every few milliseconds on
 // one socket. `crowd` opens many connections, prints a first report, keeps them idle for the time,
-// and then has every one of them echo a byte. `hoard` opens as many, prints a first report, asks
+// and then has every one of them echo a byte. `chatter` has all of theirs echo bytes for the time, and says
+// when the last byte came and when each of them was ended. `hoard` opens as many, prints a first report, asks
 // for a download on each after a line of standard input, prints a second report, and reads none of
 // them until that input ends. `giveAway` passes a socket, connected or not, to the process that
 // waits at the path with `takeOver`, which connects it where that is still to be done, and uploads.
@@ -39,6 +40,7 @@ Report echo(const Destination& destination, uint64_t bytes);
 Report askOnce(const Destination& destination);
 Report resolve(const Destination& destination);
 Report crowd(const Destination& destination, uint64_t count, std::chrono::milliseconds duration);
+Report chatter(const Destination& destination, uint64_t count, std::chrono::milliseconds duration);
 Report hoard(const Destination& destination, uint64_t count, uint64_t bytes);
 Report giveAway(const Destination& destination, const std::string& path, bool isConnected);
 Report takeOver(const Destination& destination, const std::string& path,

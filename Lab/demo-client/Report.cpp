@@ -23,16 +23,18 @@ Report& Report::failedAt(const std::string& failedPhase, int number) {
 
 void Report::print() const {
     const auto now = std::chrono::steady_clock::now();
-    const nlohmann::json line{{"mode", mode},
-                              {"outcome", outcome},
-                              {"phase", phase},
-                              {"error", error},
-                              {"serverSaw", serverSaw},
-                              {"localAddress", localAddress},
-                              {"bytesSent", bytesSent},
-                              {"bytesReceived", bytesReceived},
-                              {"milliseconds", seconds(now - started) * 1000},
-                              {"at", seconds(now.time_since_epoch())}};
+    nlohmann::json line{{"mode", mode},
+                        {"outcome", outcome},
+                        {"phase", phase},
+                        {"error", error},
+                        {"serverSaw", serverSaw},
+                        {"localAddress", localAddress},
+                        {"bytesSent", bytesSent},
+                        {"bytesReceived", bytesReceived},
+                        {"milliseconds", seconds(now - started) * 1000},
+                        {"at", seconds(now.time_since_epoch())}};
+    if (!ends.empty()) line["lastByte"] = seconds(lastByte.time_since_epoch());
+    for (const auto& end : ends) line["ends"].push_back(seconds(end.time_since_epoch()));
     std::puts(line.dump().c_str());
     std::fflush(stdout);
 }

@@ -138,6 +138,9 @@ void parse(CLI::App& application, Arguments& arguments, std::vector<std::string>
         application, arguments, "crowd", "hold many connections at once",
         [&](const auto& place) { return lab::crowd(place, arguments.count, duration()); });
     addConversation(
+        application, arguments, "chatter", "have many connections echo bytes until they are ended",
+        [&](const auto& place) { return lab::chatter(place, arguments.count, duration()); });
+    addConversation(
         application, arguments, "hoard",
         "ask for many downloads after a line of input and read them when it ends",
         [&](const auto& place) { return lab::hoard(place, arguments.count, arguments.bytes); });

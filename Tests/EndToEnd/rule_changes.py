@@ -1,9 +1,14 @@
 """What a change of the rules does to connections that run: each meets it, and no other does."""
 
+import os
+import time
+
 from vantrylab import host, network
 from vantrylab.host import Rules
 from vantrylab.verdicts import ENDED
 
+# So many sessions take so many times 50 ms to end.
+MANY = int(os.environ.get("RULE_CHANGE_SESSIONS", "100"))
 COURIER, LEDGER, NOBODY = "com.example.courier", "com.example.ledger", "com.example.nobody"
 RULES = Rules(rules={COURIER: "direct", LEDGER: "vpn"})
 
@@ -15,6 +20,7 @@ def run(stage) -> None:
     _onto_the_direct_path(stage)
     _removed(stage)
     _sessions_end_one_after_another(stage)
+    _nothing_passes_while_many_wait_for_their_end(stage)
     _what_no_change_concerns(stage)
     _one_touch_is_one_delivery(stage)
     _a_bad_file_changes_nothing(stage)
@@ -72,6 +78,31 @@ def _sessions_end_one_after_another(stage) -> None:
     ends = sorted(upload.finish()["at"] for upload in uploads)
     gaps = [later - earlier for earlier, later in zip(ends, ends[1:])]
     stage.checks.check("four sessions end spread out in time", ends[-1] - ends[0] > 0.1, gaps)
+
+
+def _nothing_passes_while_many_wait_for_their_end(stage) -> None:
+    """What has to go ends 50 ms apart, and from the change on not a byte of it passes either way."""
+    for what, after in (("moved", RULES.but(rules={LEDGER: "vpn"})),
+                        ("blocked", RULES.but(blockedApps=(COURIER,)))):
+        stage.apply(RULES)
+        address, since = stage.ipv4(), stage.daemon.mark()
+        chatter = stage.courier.start("chatter", address, 8080, "--count", MANY, "--pace", 0.02,
+                                        "--duration", 120)
+        chatter.report()
+        host.write_rules(after)
+        host.post()
+        stage.expect_line(f"{MANY} {what}: they are to end", f"illed {MANY} proxy sessions", since)
+        time.sleep(0.1)
+        held_at, held = stage.now(), sum(each.bytesReceived for each in network.seen_at(address))
+        report = chatter.finish(wait=130)
+        stage.checks.check(f"{MANY} {what}: none has a byte afterwards", report["lastByte"] <= held_at,
+                           (report["lastByte"], held_at))
+        stage.checks.equal(f"{MANY} {what}: none sends a byte afterwards",
+                           sum(each.bytesReceived for each in network.seen_at(address)), held)
+        ends = sorted(report["ends"])
+        stage.checks.check(f"{MANY} {what}: all end, spread out in time",
+                           len(ends) == MANY and ends[-1] - ends[0] > 0.04 * MANY, ends[-1] - ends[0])
+    stage.apply(RULES)
 
 
 def _what_no_change_concerns(stage) -> None:
