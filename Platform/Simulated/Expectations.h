@@ -53,12 +53,16 @@ constexpr std::uint64_t shareOfSeeds = 1;
 #endif
 constexpr std::uint64_t fewestSeeds = 4;
 
-// Plays the story with so many seeds, under a sanitizer with a fifth of them but at least four, each in a process of its
-// own with a world of its own; the environment may ask for another number (SEEDS=n). A breach of contract, a failed expectation and a crash fail a seed.
+// Plays the story with so many seeds, under a sanitizer with a fifth of them but at least four, each with a
+// world of its own and in a process of its own or, where the story leaves the coordinator as it found it,
+// some in each. The environment may ask for another number (SEEDS=n). A breach of contract, a failed
+// expectation and a crash fail a seed.
 inline testing::AssertionResult holdsForSeeds(std::uint64_t seeds,
                                               const std::function<void(World&)>& story,
-                                              Options options = {.order = Order::drawn}) {
+                                              Options options = {.order = Order::drawn},
+                                              std::uint64_t seedsPerProcess = 1) {
     Exploration exploration;
+    exploration.seedsPerProcess = seedsPerProcess;
     exploration.seeds = seedsFromEnvironment().value_or(
         std::max(seeds / shareOfSeeds, std::min(seeds, fewestSeeds)));
     const auto failed = explore(exploration, [&](std::uint64_t seed) {

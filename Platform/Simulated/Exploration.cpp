@@ -4,8 +4,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
+#include <memory>
 #include <utility>
 
 #include "Platform/Simulated/World.h"
@@ -13,8 +15,19 @@
 namespace platform::simulated {
 namespace {
 
+// What a process is at, for its parent to see.
+using SharedSeed = std::shared_ptr<std::uint64_t>;
+
+SharedSeed makeSharedSeed() {
+    void* const page = mmap(nullptr, sizeof(std::uint64_t), PROT_READ | PROT_WRITE,
+                            MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (page == MAP_FAILED) return nullptr;
+    return {static_cast<std::uint64_t*>(page),
+            [](std::uint64_t* mapped) { munmap(mapped, sizeof *mapped); }};
+}
+
 struct Child {
-    std::uint64_t seed;
+    SharedSeed seed;
     int outputFile;
 };
 
@@ -27,14 +40,21 @@ std::string readAll(int file) {
     return all;
 }
 
-[[noreturn]] void playIn(int outputFile, std::uint64_t seed, double seconds,
+// Plays one seed after the other, up to the first that fails; what the last one printed is kept.
+[[noreturn]] void playIn(int outputFile, std::uint64_t& seed, std::uint64_t count, double seconds,
                          const std::function<bool(std::uint64_t)>& story) {
     dup2(outputFile, STDOUT_FILENO);
     dup2(outputFile, STDERR_FILENO);
-    alarm(static_cast<unsigned>(seconds) + 1);
-    const bool isWell = story(seed);
-    std::fflush(nullptr);
-    _exit(isWell ? 0 : 1);
+    for (; count > 0; --count) {
+        alarm(static_cast<unsigned>(seconds) + 1);
+        const bool isWell = story(seed);
+        std::fflush(nullptr);
+        if (!isWell) _exit(1);
+        if (count == 1 || ftruncate(outputFile, 0) != 0) break;
+        lseek(outputFile, 0, SEEK_SET);
+        ++seed;
+    }
+    _exit(0);
 }
 
 std::string describeStatus(int status) {
@@ -52,16 +72,19 @@ public:
 
     std::size_t count() const { return running.size(); }
 
-    std::optional<FailedSeed> begin(std::uint64_t seed) {
+    std::optional<FailedSeed> begin(std::uint64_t seed, std::uint64_t count) {
+        const auto current = makeSharedSeed();
+        if (!current) return FailedSeed{seed, "no memory could be had for it", {}};
+        *current = seed;
         const int file = memfd_create("story", MFD_CLOEXEC);
         std::fflush(nullptr);
         const pid_t pid = fork();
-        if (pid == 0) playIn(file, seed, exploration.secondsPerSeed, story);
+        if (pid == 0) playIn(file, *current, count, exploration.secondsPerSeed, story);
         if (pid < 0) {
             close(file);
             return FailedSeed{seed, "no process could be made for it", {}};
         }
-        running.emplace(pid, Child{seed, file});
+        running.emplace(pid, Child{current, file});
         return std::nullopt;
     }
 
@@ -76,7 +99,7 @@ public:
         running.erase(found);
         std::optional<FailedSeed> failed;
         if (status != 0)
-            failed = FailedSeed{child.seed, describeStatus(status), readAll(child.outputFile)};
+            failed = FailedSeed{*child.seed, describeStatus(status), readAll(child.outputFile)};
         close(child.outputFile);
         return failed;
     }
@@ -100,8 +123,9 @@ std::optional<FailedSeed> explore(const Exploration& exploration,
     const auto keepFirst = [&failed](std::optional<FailedSeed> other) {
         if (other && (!failed || other->seed < failed->seed)) failed = std::move(other);
     };
-    for (std::uint64_t i = 0; i < exploration.seeds && !failed; ++i) {
-        keepFirst(children.begin(exploration.firstSeed + i));
+    for (std::uint64_t i = 0; i < exploration.seeds && !failed; i += exploration.seedsPerProcess) {
+        const auto count = std::min(exploration.seedsPerProcess, exploration.seeds - i);
+        keepFirst(children.begin(exploration.firstSeed + i, count));
         while (children.count() >= exploration.processesAtOnce) keepFirst(children.finishOne());
     }
     while (children.count() > 0) keepFirst(children.finishOne());

@@ -1,5 +1,5 @@
 // Tries a story with many seeds, each in a process of its own, as the core's coordinator lives as
-// long as its process. The first seed that fails is reported with what its process printed and with
+// long as its process; or some in each, for stories that leave the coordinator as they found it. The first seed that fails is reported with what its process printed and with
 // the way to repeat it; where the environment names a seed (SEED=n), only that one is tried, in this
 // process, for a debugger to follow.
 #pragma once
@@ -14,8 +14,9 @@ namespace platform::simulated {
 struct Exploration {
     std::uint64_t firstSeed = 1;
     std::uint64_t seeds = 1000;
+    std::uint64_t seedsPerProcess = 1;
     unsigned processesAtOnce = 2;
-    double secondsPerSeed = 100;  // a process that takes longer hangs, however busy the machine is
+    double secondsPerSeed = 100;  // one that takes longer hangs, however busy the machine is
 };
 
 struct FailedSeed {

@@ -14,6 +14,9 @@
 namespace vantry {
 namespace {
 
+// The stories reset the coordinator at their end and teach it no child.
+constexpr std::uint64_t seedsPerProcess = 100;
+
 constexpr const char* app = "com.example.A";
 
 // What may become of a flow of the application once these rules are in force and it has sent a byte. It may
@@ -61,6 +64,11 @@ bool isAllowed(const Flow& flow, Fate fate) {
     return false;
 }
 
+std::string_view stateOf(const Flow& flow) {
+    if (flow.isClaimed()) return "relayed";
+    return flow.lastOffer().watched() ? "watched" : "passing";
+}
+
 void flowsAndChanges(World& world) {
     const auto process = world.application("A", app);
     world.peer("h", 1).echoes();
@@ -92,15 +100,12 @@ void flowsAndChanges(World& world) {
     std::string names;
     for (const auto* rules : story) names += "[" + std::string(rules->name) + "]";
     for (const auto& flow : flows)
-        EXPECT_TRUE(isAllowed(flow, story.back()->fate))
-            << (flow.isClaimed()             ? "relayed"
-                : flow.lastOffer().watched() ? "watched"
-                                             : "passing")
-            << " after " << names;
+        EXPECT_TRUE(isAllowed(flow, story.back()->fate)) << stateOf(flow) << " after " << names;
+    world.stopProxy();
 }
 
 TEST(RuleChangeExploration, NoFlowOutlivesAChange) {
-    EXPECT_TRUE(holdsForSeeds(1000, flowsAndChanges, {.order = Order::byTurns}));
+    EXPECT_TRUE(holdsForSeeds(1000, flowsAndChanges, {.order = Order::byTurns}, seedsPerProcess));
 }
 
 // Loads from all sources at once: the coordinator is left with what was loaded last, and the line of a
@@ -132,10 +137,11 @@ void loadsAtOnce(World& world) {
         EXPECT_EQ(line.arguments[1], "3");
         EXPECT_EQ(line.arguments[2], "odd");
     }
+    world.stopProxy();
 }
 
 TEST(RuleChangeExploration, LoadsComeInOneOrder) {
-    EXPECT_TRUE(holdsForSeeds(1000, loadsAtOnce, {.order = Order::byTurns}));
+    EXPECT_TRUE(holdsForSeeds(1000, loadsAtOnce, {.order = Order::byTurns}, seedsPerProcess));
 }
 
 }  // namespace
