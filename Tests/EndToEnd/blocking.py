@@ -59,11 +59,11 @@ def _bound_to_an_interface(stage) -> None:
 
 
 def _accounts_of_the_system(stage) -> None:
-    """What the system's own accounts run is nobody's application, also where a person started it."""
+    """An application of a bundle is itself whoever runs it."""
     if stage.applications_run_as_one_account():
         return
     address = stage.ipv4()
-    stage.expect_tunnel("not blocked: when root runs it",
+    stage.expect_denied("blocked: also when root runs it",
                         stage.chatter.run("connect", address, 80, user=None), address)
 
 

@@ -338,7 +338,7 @@ TEST_F(FlowOwnersByNotes, ADatagramOutlivesItsSocketAndItsProcess) {
 }
 
 TEST_F(FlowOwnersByNotes, OfSeveralSocketsOnAPortTheOneThatSentIsNamed) {
-    const auto on = [&](int port) {
+    const auto on = [&](std::uint16_t port) {
         return std::make_unique<RunningProgram>([&, port](int ready) {
             becomePerson();
             const FileDescriptor socket(::socket(AF_INET, SOCK_DGRAM, 0));
@@ -357,7 +357,7 @@ TEST_F(FlowOwnersByNotes, OfSeveralSocketsOnAPortTheOneThatSentIsNamed) {
         });
     };
     const auto first = on(0);
-    const auto second = on(shared->port);
+    const auto second = on(static_cast<std::uint16_t>(shared->port.load()));
     for (const auto* sender : {second.get(), first.get(), second.get()}) {
         shared->step = sender->pid();
         shared->await(0);
