@@ -47,7 +47,7 @@ private:
 // Ends the process where `holds` does not, with what was wrong and the input as the target made it.
 inline void require(bool holds, const char* what, std::string_view shown = {}) {
     if (holds) return;
-    std::fprintf(stderr, "\n%s\n%.*s\n", what, static_cast<int>(shown.size()), shown.data());
+    std::fprintf(stderr, "\n%s\n%s\n", what, std::string(shown).c_str());
     std::abort();
 }
 
