@@ -66,7 +66,7 @@ void FlowKillCoordinator::registerChildProcess(std::string_view childBundleId,
                      parentBundleId);
 }
 
-void FlowKillCoordinator::updateMonitoredApps(SharedBundleIds vpnRoutedBundleIds) {
+void FlowKillCoordinator::updateMonitoredApps(const SharedBundleIds& vpnRoutedBundleIds) {
     auto before = vpnRoutedBundleIds;
     {
         const NSLockGuard hold(lock);
@@ -78,7 +78,7 @@ void FlowKillCoordinator::updateMonitoredApps(SharedBundleIds vpnRoutedBundleIds
                 vpnRoutedBundleIds->size());
 }
 
-void FlowKillCoordinator::updateBlockedApps(SharedBundleIds newBlockedBundleIds) {
+void FlowKillCoordinator::updateBlockedApps(const SharedBundleIds& newBlockedBundleIds) {
     auto before = newBlockedBundleIds;
     {
         const NSLockGuard hold(lock);

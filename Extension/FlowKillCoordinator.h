@@ -29,9 +29,9 @@ public:
 
     // Replaces the watched applications, those that a rule routes through the VPN. A set that is in force
     // already costs nothing.
-    void updateMonitoredApps(SharedBundleIds vpnRoutedBundleIds);
+    void updateMonitoredApps(const SharedBundleIds& vpnRoutedBundleIds);
     // Replaces the blocked applications. Likewise.
-    void updateBlockedApps(SharedBundleIds blockedBundleIds);
+    void updateBlockedApps(const SharedBundleIds& blockedBundleIds);
     // The VPN's state, and what becomes of watched applications while it is down: only "block" has an
     // effect. Initializes the coordinator.
     void updateVpnState(bool isConnected, std::string_view fallback);

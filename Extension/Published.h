@@ -25,7 +25,7 @@ public:
 
     // Gives the snapshot of `value`.
     Snapshot replace(T value) {
-        const auto next = std::make_shared<const T>(std::move(value));
+        Snapshot next = std::make_shared<const T>(std::move(value));
         auto replaced = next;
         const platform::NSLockGuard hold(lock);
         current.swap(replaced);

@@ -27,13 +27,15 @@ constexpr const char* miss = "net.stranger.tool.agent";
 void shouldBlockFlow(benchmark::State& state, const char* bundleId) {
     auto& coordinator = FlowKillCoordinator::shared();
     coordinator.updateBlockedApps(vantry::share(members(state.range(0))));
-    for (auto _ : state) benchmark::DoNotOptimize(coordinator.shouldBlockFlow(bundleId));
+    for ([[maybe_unused]] auto _ : state)
+        benchmark::DoNotOptimize(coordinator.shouldBlockFlow(bundleId));
 }
 
 void shouldMonitorFlow(benchmark::State& state, const char* bundleId) {
     auto& coordinator = FlowKillCoordinator::shared();
     coordinator.updateMonitoredApps(vantry::share(members(state.range(0))));
-    for (auto _ : state) benchmark::DoNotOptimize(coordinator.shouldMonitorFlow(bundleId));
+    for ([[maybe_unused]] auto _ : state)
+        benchmark::DoNotOptimize(coordinator.shouldMonitorFlow(bundleId));
 }
 
 void sizes(benchmark::internal::Benchmark* benchmark) {

@@ -63,7 +63,7 @@ std::string rulesDocument(std::size_t size) {
 
 void encodeActivityLog(benchmark::State& state) {
     const auto log = activityLog(static_cast<std::size_t>(state.range(0)));
-    for (auto _ : state) benchmark::DoNotOptimize(log.encode());
+    for ([[maybe_unused]] auto _ : state) benchmark::DoNotOptimize(log.encode());
     state.counters["bytes"] = static_cast<double>(log.encode()->size());
 }
 BENCHMARK(encodeActivityLog)->Arg(1)->Arg(500)->Unit(benchmark::kMicrosecond);
@@ -71,7 +71,7 @@ BENCHMARK(encodeActivityLog)->Arg(1)->Arg(500)->Unit(benchmark::kMicrosecond);
 // From the file's bytes to the table that decisions are looked up in.
 void readRulesFile(benchmark::State& state) {
     const auto document = rulesDocument(static_cast<std::size_t>(state.range(0)));
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         auto file = platform::NSJSONSerialization::JSONObjectWithData(document);
         auto& object = std::get<platform::JSONObject>(file->value);
         benchmark::DoNotOptimize(platform::stringTable(std::move(object.find("rules")->second)));
@@ -83,7 +83,8 @@ BENCHMARK(readRulesFile)->Arg(10)->Arg(100'000)->Unit(benchmark::kMillisecond);
 // The same rules as a message of the host application.
 void decodeReloadMessage(benchmark::State& state) {
     const auto document = rulesDocument(static_cast<std::size_t>(state.range(0)));
-    for (auto _ : state) benchmark::DoNotOptimize(ExtensionMessage::decode(document));
+    for ([[maybe_unused]] auto _ : state)
+        benchmark::DoNotOptimize(ExtensionMessage::decode(document));
 }
 BENCHMARK(decodeReloadMessage)->Arg(10)->Arg(100'000)->Unit(benchmark::kMillisecond);
 

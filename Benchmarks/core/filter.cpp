@@ -11,7 +11,6 @@
 
 namespace {
 
-using platform::NWHostEndpoint;
 using platform::simulated::World;
 using vantry::FlowKillCoordinator;
 
@@ -32,7 +31,7 @@ struct WatchedApplication {
 void handleOutboundDataOfAWatchedFlow(benchmark::State& state) {
     WatchedApplication application;
     const platform::Data bytes(std::string(1400, 'x'));
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         benchmark::DoNotOptimize(
             application.filter->handleOutboundData(application.flow.filterFlow(), 0, bytes));
 }
@@ -40,7 +39,7 @@ BENCHMARK(handleOutboundDataOfAWatchedFlow);
 
 void handleNewFlowOfAKnownProcess(benchmark::State& state) {
     WatchedApplication application;
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         benchmark::DoNotOptimize(application.filter->handleNewFlow(application.flow.filterFlow()));
 }
 BENCHMARK(handleNewFlowOfAKnownProcess);

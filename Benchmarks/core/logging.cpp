@@ -32,7 +32,7 @@ void disabledDebugLine(benchmark::State& state) {
     const std::string decision = "direct";
     std::uint16_t port = 443;
     const auto before = allocations;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(port);
         logger.debug("%{public}s port %d: %s", bundleId, port, decision);
     }

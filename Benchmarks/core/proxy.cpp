@@ -16,9 +16,7 @@ namespace vantry {
 
 namespace {
 
-using platform::NWHostEndpoint;
 using platform::NWInterface;
-using platform::simulated::FlowDescription;
 using platform::simulated::World;
 
 constexpr const char* rulesFile = "/tmp/org.quillmere.Vantry.rules.json";
@@ -53,7 +51,8 @@ void sizes(benchmark::internal::Benchmark* benchmark) { benchmark->Arg(10)->Arg(
 void getRoutingDecision(benchmark::State& state, const char* bundleId) {
     Machine machine(state.range(0));
     const auto& proxy = machine.proxy;
-    for (auto _ : state) benchmark::DoNotOptimize(proxy.getRoutingDecision(bundleId));
+    for ([[maybe_unused]] auto _ : state)
+        benchmark::DoNotOptimize(proxy.getRoutingDecision(bundleId));
 }
 BENCHMARK_CAPTURE(getRoutingDecision, exactHit, "org.vpn.app")->Apply(sizes);
 BENCHMARK_CAPTURE(getRoutingDecision, parentHit, "org.vpn.app.helper")->Apply(sizes);
@@ -62,7 +61,8 @@ BENCHMARK_CAPTURE(getRoutingDecision, miss, "net.stranger.tool.agent")->Apply(si
 void resolveParentBundleId(benchmark::State& state, const std::string& bundleId) {
     Machine machine(state.range(0));
     const auto& proxy = machine.proxy;
-    for (auto _ : state) benchmark::DoNotOptimize(proxy.resolveParentBundleId(bundleId));
+    for ([[maybe_unused]] auto _ : state)
+        benchmark::DoNotOptimize(proxy.resolveParentBundleId(bundleId));
 }
 BENCHMARK_CAPTURE(resolveParentBundleId, hit, std::string("org.vpn.app"))->Apply(sizes);
 BENCHMARK_CAPTURE(resolveParentBundleId, stripped, std::string("org.vpn.app.helper"))->Apply(sizes);
@@ -72,7 +72,7 @@ BENCHMARK_CAPTURE(resolveParentBundleId, miss, std::string("net.stranger.tool.ag
 void isProtectedVpnClientMiss(benchmark::State& state) {
     Machine machine(10);
     const auto& proxy = machine.proxy;
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         benchmark::DoNotOptimize(proxy.isProtectedVpnClient("net.stranger.tool.agent"));
 }
 BENCHMARK(isProtectedVpnClientMiss);
@@ -120,7 +120,7 @@ BENCHMARK_CAPTURE(handleNewFlowOfBoth, claimed, std::string("org.direct.app"))->
 void loadRulesFromSharedFile(benchmark::State& state) {
     Machine machine(state.range(0));
     const auto& proxy = machine.proxy;
-    for (auto _ : state) proxy.loadRulesFromSharedFile();
+    for ([[maybe_unused]] auto _ : state) proxy.loadRulesFromSharedFile();
 }
 BENCHMARK(loadRulesFromSharedFile)->Arg(100'000)->Unit(benchmark::kMillisecond);
 
@@ -137,7 +137,7 @@ void handleRulesChangedNotification(benchmark::State& state, bool changes) {
     }
     world.runUntilIdle();
     bool isDirect = true;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         state.PauseTiming();
         isDirect = isDirect != changes;
         world.files.put(rulesFile, rules(state.range(0), isDirect ? "direct" : "vpn"));

@@ -164,7 +164,7 @@ void aNewSocket(benchmark::State& state) {
     const auto others = otherPrograms(state.range(0), 20);
     FlowAttribution attribution(notes(state));
     attribution.ownerOf(program.newFlow());
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         state.PauseTiming();
         const auto flow = program.newFlow();
         state.ResumeTiming();
@@ -183,7 +183,7 @@ void aNewSocketAnywhere(benchmark::State& state) {
     const auto others = otherPrograms(state.range(0), 20);
     FlowAttribution attribution(notes(state));
     attribution.ownerOf(program.newFlow());
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         state.PauseTiming();
         const auto flow = program.newFlow('a');
         state.ResumeTiming();
@@ -197,7 +197,7 @@ void anotherFlowOfAKnownSocket(benchmark::State& state) {
     const auto others = otherPrograms(state.range(0), 20);
     FlowAttribution attribution(notes(state));
     const auto flow = program.newFlow();
-    for (auto _ : state) checkOwner(state, program, attribution.ownerOf(flow));
+    for ([[maybe_unused]] auto _ : state) checkOwner(state, program, attribution.ownerOf(flow));
 }
 
 void theFirstFlow(benchmark::State& state) {
@@ -205,7 +205,7 @@ void theFirstFlow(benchmark::State& state) {
     Program program(state.range(1));
     const auto others = otherPrograms(state.range(0), 20);
     const auto flow = program.newFlow();
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         FlowAttribution attribution(nullptr);
         checkOwner(state, program, attribution.ownerOf(flow));
     }
@@ -216,7 +216,7 @@ void aProgramThatHasJustStarted(benchmark::State& state) {
     const auto others = otherPrograms(state.range(0), 20);
     FlowAttribution attribution(notes(state));
     for (const auto& each : others) attribution.ownerOf(each->newFlow());
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         state.PauseTiming();
         auto program = std::make_unique<Program>(state.range(1));
         const auto flow = program->newFlow();
@@ -232,12 +232,13 @@ void aProgramThatHasJustStarted(benchmark::State& state) {
 void pathOfAProcess(benchmark::State& state) {
     const auto pid = ::getpid();
     char path[1024];
-    for (auto _ : state) benchmark::DoNotOptimize(platform::proc_pidpath(pid, path, sizeof path));
+    for ([[maybe_unused]] auto _ : state)
+        benchmark::DoNotOptimize(platform::proc_pidpath(pid, path, sizeof path));
 }
 
 void examineAProcess(benchmark::State& state) {
     const auto pid = ::getpid();
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(platform::ProcessTable::shared().examine(pid));
     }
 }

@@ -204,20 +204,21 @@ void Choices::makeTemporary(const std::string& application, SecondsSince1970 unt
 }
 
 bool Choices::endTemporaryRules(SecondsSince1970 now) {
-    const auto ended = std::ranges::stable_partition(
-        temporaryRules, [&](const auto& rule) { return rule.until > now; });
-    for (const auto& rule : ended) {
-        if (rule.ruleBefore)
-            settings.rules[rule.application] = *rule.ruleBefore;
+    const auto firstEnded =
+        std::stable_partition(temporaryRules.begin(), temporaryRules.end(),
+                              [&](const TemporaryRule& rule) { return rule.until > now; });
+    const bool anyEnded = firstEnded != temporaryRules.end();
+    for (auto rule = firstEnded; rule != temporaryRules.end(); ++rule) {
+        if (rule->ruleBefore)
+            settings.rules[rule->application] = *rule->ruleBefore;
         else
-            settings.rules.erase(rule.application);
-        if (rule.wasBlocked)
-            settings.blockedApps.insert(rule.application);
+            settings.rules.erase(rule->application);
+        if (rule->wasBlocked)
+            settings.blockedApps.insert(rule->application);
         else
-            settings.blockedApps.erase(rule.application);
+            settings.blockedApps.erase(rule->application);
     }
-    const bool anyEnded = !ended.empty();
-    temporaryRules.erase(ended.begin(), ended.end());
+    temporaryRules.erase(firstEnded, temporaryRules.end());
     return anyEnded;
 }
 

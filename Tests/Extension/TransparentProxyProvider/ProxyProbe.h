@@ -85,6 +85,7 @@ private:
     template <class Entries>
     static std::vector<platform::UUID> identifiersOf(const Entries& entries) {
         std::vector<platform::UUID> identifiers;
+        identifiers.reserve(entries.size());
         for (const auto& entry : entries) identifiers.push_back(entry.id);
         return identifiers;
     }
