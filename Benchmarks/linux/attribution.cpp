@@ -94,7 +94,8 @@ private:
             peer.sin_family = AF_INET;
             peer.sin_port = htons(destinationPort);
             ::inet_pton(AF_INET, "127.0.0.1", &peer.sin_addr);
-            ::connect(socket, reinterpret_cast<sockaddr*>(&peer), sizeof peer);
+            if (::connect(socket, reinterpret_cast<sockaddr*>(&peer), sizeof peer) != 0)
+                std::abort();
             sockaddr_in own{};
             socklen_t length = sizeof own;
             ::getsockname(socket, reinterpret_cast<sockaddr*>(&own), &length);
