@@ -15,6 +15,8 @@ namespace platform {
 // all that it uses. False also where too many others have not come back.
 bool lookWithPatience(const std::string& key, std::function<void()> look);
 
-inline constexpr std::chrono::milliseconds patienceWithFiles{20};
+// Long enough for a cold disk on a busy machine, as a look that comes too late gives a flow the wrong name;
+// well below the two seconds after which packets are let go.
+inline constexpr std::chrono::milliseconds patienceWithFiles{400};
 
 }  // namespace platform
