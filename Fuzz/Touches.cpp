@@ -1,6 +1,6 @@
 // Touches against a model of inotify: programs post in every shape and read, all at once, and the kernel
 // makes one event of equal neighbours. Every post is heard after it began, at the latest when its last
-// event has been read; reading is no post; a post that meets nobody is heard once.
+// event has been read; reading is no post; a post that meets no one is heard once.
 
 #include <sys/inotify.h>
 

@@ -98,7 +98,7 @@ void TransparentProxyProvider::writeActivityLogAfter(double seconds) {
     });
 }
 
-// False where a write is under way: nobody waits for a slow disk in a row. What has joined the list
+// False where a write is under way: no one waits for a slow disk in a row. What has joined the list
 // since is written after it.
 bool TransparentProxyProvider::beginsActivityLogWrite() {
     if (activityLogWriteUnderWay) {
