@@ -139,6 +139,18 @@ bool FlowKillCoordinator::shouldBlockForVpnFallback(std::string_view bundleId) c
     return !isVpnConnected && vpnFallback == "block" && matches(*monitoredBundleIds, bundleId);
 }
 
+FlowKillCoordinator::Answers FlowKillCoordinator::answersFor(std::string_view bundleId,
+                                                             bool isMapped) const {
+    const NSLockGuard hold(lock);
+    const auto name = isMapped ? bundleId : resolveChildMapping(bundleId);
+    const bool isMonitored = covers(*monitoredBundleIds, name);
+    return {.name = std::string(name),
+            .hasReceivedState = isStateInitialized,
+            .isMonitored = isMonitored,
+            .isBlocked = covers(*blockedBundleIds, name),
+            .isBlockedForVpnFallback = !isVpnConnected && vpnFallback == "block" && isMonitored};
+}
+
 bool FlowKillCoordinator::hasReceivedState() const {
     const NSLockGuard hold(lock);
     return isStateInitialized;

@@ -43,6 +43,17 @@ public:
     // True for a watched application while the VPN is down with fallback "block".
     bool shouldBlockForVpnFallback(std::string_view bundleId) const;
 
+    // All answers about a name at once, for those who only want to know. A name that
+    // `isMapped` is that of a parent already.
+    struct Answers {
+        std::string name;  // that they are about
+        bool hasReceivedState = false;
+        bool isMonitored = false;
+        bool isBlocked = false;
+        bool isBlockedForVpnFallback = false;
+    };
+    Answers answersFor(std::string_view bundleId, bool isMapped) const;
+
     // Whether the proxy has delivered a VPN state since the start or the last reset.
     bool hasReceivedState() const;
 

@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "Extension/ProcessUtils.h"
 #include "Platform/Common/Text.h"
 
 namespace vantry {
@@ -17,8 +16,6 @@ using platform::NWHostEndpoint;
 namespace {
 
 constexpr int datagramSocket = 2;
-constexpr std::string_view dnsPort = "53";
-constexpr std::string_view quicPort = "443";
 
 // A socket flow as the verdicts see it: what it is called, and where it goes if that is a host.
 struct SocketFlowView {
@@ -109,20 +106,13 @@ std::optional<std::string> FlowKillFilterProvider::resolveAppBundleId(const NEFi
         logger.debug("auditToken parse failed, size=%ld", auditToken->length());
         return std::nullopt;
     }
-    auto own = ProcessUtils::getBundleIdForPid(*pid);
-    if (own && isKnownToCoordinator(*own)) {
-        cacheProcessResult(*auditToken, *own);
-        return own;
-    }
-    if (auto parent = resolveViaProcessTree(*pid)) {
+    const auto names = namesOf(*pid, isKnownToCoordinator);
+    if (names.parent)
         logger.debug("Resolved %{public}s -> %{public}s via process tree",
-                     own ? *own : "pid:" + std::to_string(*pid), *parent);
-        cacheProcessResult(*auditToken, *parent);
-        return parent;
-    }
-    if (own) {
-        cacheProcessResult(*auditToken, *own);
-        return own;
+                     names.own ? *names.own : "pid:" + std::to_string(*pid), *names.parent);
+    if (const auto& found = names.found()) {
+        cacheProcessResult(*auditToken, *found);
+        return found;
     }
     logger.debug("pid=%d path=%{public}s bundleId=nil", *pid,
                  ProcessUtils::getPathForPid(*pid).value_or("<no path>"));
@@ -132,10 +122,6 @@ std::optional<std::string> FlowKillFilterProvider::resolveAppBundleId(const NEFi
 void FlowKillFilterProvider::cacheProcessResult(const Data& auditToken,
                                                 const std::string& bundleId) {
     processCache.store(auditToken, bundleId);
-}
-
-std::optional<std::string> FlowKillFilterProvider::resolveViaProcessTree(std::int32_t pid) const {
-    return ProcessUtils::nearestKnownAncestor(pid, isKnownToCoordinator);
 }
 
 NEFilterNewFlowVerdict FlowKillFilterProvider::handleNewFlow(const NEFilterFlow& flow) {

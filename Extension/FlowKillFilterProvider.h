@@ -5,14 +5,17 @@
 // once; no verdict waits for another.
 #pragma once
 
+#include <concepts>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "Extension/FlowKillCoordinator.h"
 #include "Extension/ProcessCache.h"
+#include "Extension/ProcessUtils.h"
 #include "Platform/Logging.h"
 #include "Platform/NEProvider.h"
 
@@ -32,9 +35,28 @@ public:
                                                      const platform::Data& readBytes) override;
 
 private:
+    // Says what would become of a flow, and changes nothing.
+    friend class FlowExplanation;
+
+    static constexpr std::string_view dnsPort = "53";
+    static constexpr std::string_view quicPort = "443";
+
     std::optional<std::string> resolveAppBundleId(const platform::NEFilterFlow& from);
     void cacheProcessResult(const platform::Data& auditToken, const std::string& bundleId);
-    std::optional<std::string> resolveViaProcessTree(std::int32_t pid) const;
+
+    // The identifier of a process's own bundle, and of the nearest ancestor if that is known and its own
+    // is not.
+    struct Names {
+        std::optional<std::string> own, parent;
+
+        const std::optional<std::string>& found() const { return parent ? parent : own; }
+    };
+    template <std::predicate<const std::string&> IsKnown>
+    static Names namesOf(std::int32_t pid, IsKnown&& isKnown) {
+        auto own = ProcessUtils::getBundleIdForPid(pid);
+        if (own && isKnown(*own)) return {std::move(own), std::nullopt};
+        return {std::move(own), ProcessUtils::nearestKnownAncestor(pid, isKnown)};
+    }
 
     platform::NEFilterNewFlowVerdict verdictForBlockedApp(const platform::NEFilterFlow& flow,
                                                           const std::string& bundleId) const;

@@ -1,7 +1,9 @@
-// Names the extension's provider classes to the platform, which builds one object of each.
+// Names the extension's provider classes to the platform, which builds one object of each, and the way to
+// ask them about a flow.
 
 #include <memory>
 
+#include "Extension/FlowExplanation.h"
 #include "Extension/FlowKillFilterProvider.h"
 #include "Extension/TransparentProxyProvider.h"
 #include "Platform/NEProvider.h"
@@ -15,6 +17,7 @@ const ProviderClasses registeredProviders{
     []() -> std::shared_ptr<NEFilterDataProvider> {
         return std::make_shared<vantry::FlowKillFilterProvider>();
     },
+    &vantry::FlowExplanation::explain,
 };
 
 }  // namespace platform

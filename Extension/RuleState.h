@@ -46,6 +46,8 @@ struct RuleState {
 
     // The decision word for `bundleId`; a view into this value.
     std::string_view getRoutingDecision(std::string_view bundleId) const;
+    // The rule that gives it, its own or its parent's; null where the default would.
+    const RuleTable::value_type* ruleFor(std::string_view bundleId) const;
     // Whether exactly this identifier has a rule or is blocked.
     bool hasKnownRule(std::string_view bundleId) const;
 };

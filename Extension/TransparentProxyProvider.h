@@ -64,6 +64,8 @@ public:
 private:
     // Asks single questions, for the benchmarks and for tests of steps that no flow reaches alone.
     friend class ProxyProbe;
+    // Says what would become of a flow, and changes nothing.
+    friend class FlowExplanation;
 
     using FlowHash = std::intptr_t;
     using SessionTable = std::unordered_map<FlowHash, std::shared_ptr<ProxySession>>;
@@ -126,8 +128,15 @@ private:
     void rememberVpnClient(std::string_view providerBundleIdentifier);
     std::string resolveParentBundleId(const std::string& bundleId, const AuditToken& auditToken,
                                       const RuleState& rules);
-    std::optional<std::string> resolveViaProcessTree(const platform::Data& auditToken,
-                                                     const RuleState& rules);
+    // The name, and how it was found.
+    struct KnownName {
+        enum class Through { itself, prefix, ancestor, rememberedAncestor, nothing };
+        std::string name;
+        Through through = Through::nothing;
+    };
+    KnownName findKnownName(const std::string& bundleId, const AuditToken& auditToken,
+                            const RuleState& rules) const;
+    KnownName findKnownAncestor(const platform::Data& auditToken, const RuleState& rules) const;
     void registerChildMappingIfNeeded(std::string_view resolvedBundleId,
                                       const AuditToken& auditToken) const;
 

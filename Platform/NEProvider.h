@@ -101,11 +101,22 @@ public:
     void applySettings(NEFilterSettings settings, ErrorCompletion completion);
 };
 
+// A flow that somebody asks about, without there being one.
+struct FlowQuestion {
+    NEFlowMetaData metaData;  // without a token: a program of this identifier that runs on its own
+    NWHostEndpoint remote;
+    bool isDatagram = false;
+};
+
 // The provider classes of the extension. The extension defines `registeredProviders`; the platform
 // builds one object of each from it.
 struct ProviderClasses {
     std::shared_ptr<NETransparentProxyProvider> (*makeProxyProvider)();
     std::shared_ptr<NEFilterDataProvider> (*makeFilterProvider)();
+    // What both would decide about such a flow now, and why, in words and names. Changes nothing. Any
+    // thread.
+    JSONObject (*explain)(const NETransparentProxyProvider& proxy,
+                          const NEFilterDataProvider& filter, const FlowQuestion& question);
 };
 extern const ProviderClasses registeredProviders;
 

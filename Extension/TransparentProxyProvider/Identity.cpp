@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
 #include "Extension/FlowKillCoordinator.h"
 #include "Extension/ProcessUtils.h"
@@ -111,32 +112,51 @@ void TransparentProxyProvider::rememberVpnClient(std::string_view providerBundle
 std::string TransparentProxyProvider::resolveParentBundleId(const std::string& bundleId,
                                                             const AuditToken& auditToken,
                                                             const RuleState& rules) {
-    if (rules.hasKnownRule(bundleId)) return bundleId;
+    auto [name, through] = findKnownName(bundleId, auditToken, rules);
+    switch (through) {
+        case KnownName::Through::prefix:
+            logger.debug("Resolved %{public}s -> %{public}s via prefix stripping", bundleId, name);
+            break;
+        case KnownName::Through::ancestor:
+            processCache.store(*auditToken, name);
+            [[fallthrough]];
+        case KnownName::Through::rememberedAncestor:
+            logger.debug("Resolved %{public}s -> %{public}s via process tree", bundleId, name);
+            break;
+        case KnownName::Through::itself:
+        case KnownName::Through::nothing:
+            break;
+    }
+    return std::move(name);
+}
+
+TransparentProxyProvider::KnownName TransparentProxyProvider::findKnownName(
+    const std::string& bundleId, const AuditToken& auditToken, const RuleState& rules) const {
+    using Through = KnownName::Through;
+    if (rules.hasKnownRule(bundleId)) return {bundleId, Through::itself};
     const auto components = platform::nonEmptyComponents(bundleId);
     for (auto count = components.size(); count > fewestComponents; --count) {
         auto candidate = platform::joinComponents(components, count - 1);
-        if (!rules.hasKnownRule(candidate)) continue;
-        logger.debug("Resolved %{public}s -> %{public}s via prefix stripping", bundleId, candidate);
-        return candidate;
+        if (rules.hasKnownRule(candidate)) return {std::move(candidate), Through::prefix};
     }
     if (auditToken) {
-        if (auto ancestor = resolveViaProcessTree(*auditToken, rules)) {
-            logger.debug("Resolved %{public}s -> %{public}s via process tree", bundleId, *ancestor);
-            return *ancestor;
-        }
+        auto ancestor = findKnownAncestor(*auditToken, rules);
+        if (ancestor.through != Through::nothing) return ancestor;
     }
-    return bundleId;
+    return {bundleId, Through::nothing};
 }
 
-std::optional<std::string> TransparentProxyProvider::resolveViaProcessTree(const Data& auditToken,
-                                                                           const RuleState& rules) {
-    if (auto cached = processCache.find(auditToken)) return cached;
+TransparentProxyProvider::KnownName TransparentProxyProvider::findKnownAncestor(
+    const Data& auditToken, const RuleState& rules) const {
+    using Through = KnownName::Through;
+    if (auto cached = processCache.find(auditToken))
+        return {std::move(*cached), Through::rememberedAncestor};
     const auto pid = ProcessUtils::pidFromAuditToken(auditToken);
-    if (!pid) return std::nullopt;
+    if (!pid) return {};
     auto ancestor = ProcessUtils::nearestKnownAncestor(
         *pid, [&rules](const std::string& candidate) { return rules.hasKnownRule(candidate); });
-    if (ancestor) processCache.store(auditToken, *ancestor);
-    return ancestor;
+    if (!ancestor) return {};
+    return {std::move(*ancestor), Through::ancestor};
 }
 
 // Teaches the coordinator under which name the rules know the bundle that the filter will find.
