@@ -68,6 +68,10 @@ std::optional<std::optional<std::string>> secondReading(const std::string& docum
     XML_SetCharacterDataHandler(parser.get(), [](void* to, const XML_Char* text, int length) {
         static_cast<Reader*>(to)->text.append(text, static_cast<std::size_t>(length));
     });
+    // What a name stands for that only another document could declare, is not known.
+    XML_SetSkippedEntityHandler(parser.get(), [](void* to, const XML_Char*, int) {
+        static_cast<Reader*>(to)->isList = false;
+    });
     const bool isWellFormed =
         XML_Parse(parser.get(), document.data(), static_cast<int>(document.size()), XML_TRUE) != 0;
     if (!isWellFormed || !reader.isList || reader.key) return std::nullopt;
