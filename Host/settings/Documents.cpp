@@ -72,10 +72,37 @@ Outcome<> replaceFile(const std::string& path, const std::string& bytes) {
                    isForbidden ? asRoot : ""};
 }
 
-std::string textUnder(const JSONObject& object, std::string_view key, const char* otherwise) {
+namespace {
+
+template <class Value>
+const Value* valueUnder(const JSONObject& object, std::string_view key) {
     const auto found = object.find(key);
-    const auto* text = found == object.end() ? nullptr : found->second.as<std::string>();
+    return found == object.end() ? nullptr : found->second.as<Value>();
+}
+
+}  // namespace
+
+std::string textUnder(const JSONObject& object, std::string_view key, const char* otherwise) {
+    const auto* text = valueUnder<std::string>(object, key);
     return text == nullptr ? otherwise : *text;
+}
+
+const JSONObject* objectUnder(const JSONObject& object, std::string_view key) {
+    return valueUnder<JSONObject>(object, key);
+}
+
+const platform::JSONArray* listUnder(const JSONObject& object, std::string_view key) {
+    return valueUnder<platform::JSONArray>(object, key);
+}
+
+std::int64_t numberUnder(const JSONObject& object, std::string_view key) {
+    const auto* number = valueUnder<std::int64_t>(object, key);
+    return number == nullptr ? 0 : *number;
+}
+
+bool flagUnder(const JSONObject& object, std::string_view key) {
+    const auto* flag = valueUnder<bool>(object, key);
+    return flag != nullptr && *flag;
 }
 
 namespace {

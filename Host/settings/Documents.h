@@ -2,6 +2,7 @@
 // daemon, and says for a person what is wrong with one that cannot be used.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,6 +27,12 @@ Outcome<platform::JSONObject> objectFrom(const std::string& path, std::string_vi
 // The text under a key; `otherwise` if there is none.
 std::string textUnder(const platform::JSONObject& object, std::string_view key,
                       const char* otherwise = "");
+
+// The value under a key; null, 0 or false if there is none of that type.
+const platform::JSONObject* objectUnder(const platform::JSONObject& object, std::string_view key);
+const platform::JSONArray* listUnder(const platform::JSONObject& object, std::string_view key);
+std::int64_t numberUnder(const platform::JSONObject& object, std::string_view key);
+bool flagUnder(const platform::JSONObject& object, std::string_view key);
 
 // The object as a document: in one line for programs, indented for people.
 std::string documentOf(const platform::JSONObject& object);

@@ -14,6 +14,9 @@ enum class ExitCode {
     usage = 2,             // the command line asks for something that doesn't exist
     daemonNotRunning = 3,  // the command needs the daemon
     notPermitted = 4,      // only root and the members of the group may do this
+    // What `why` found; over the system's own route, the VPN while it is up, is 0.
+    goesDirectly = 10,
+    isBlocked = 11,
 };
 
 struct Failure {

@@ -15,6 +15,7 @@
 #include "Host/vantryctl/LogCommands.h"
 #include "Host/vantryctl/RuleCommands.h"
 #include "Host/vantryctl/SettingsCommands.h"
+#include "Host/vantryctl/WhyCommand.h"
 #include "Platform/Common/Version.h"
 
 namespace vantryctl {
@@ -27,7 +28,8 @@ constexpr const char* closingText =
     "one for org.example.mail covers org.example.mail.agent too.\n"
     "\n"
     "Exit codes: 0 done, 1 failed, 2 not a command or not possible, 3 the daemon is\n"
-    "not running, 4 not permitted (root, or the group vantry).\n";
+    "not running, 4 not permitted (root, or the group vantry); of why: 0 over the\n"
+    "system's own route, 10 directly, 11 blocked.\n";
 
 // Where the explanations begin, so that lines fit a terminal.
 constexpr std::size_t columnOfHelp = 18;
@@ -45,6 +47,7 @@ struct Request {
     std::vector<std::string> interfaces;
     std::vector<std::string> words;
     ImportOptions import;
+    WhyOptions why;
     Applications applications;
     std::string word;
     std::string subject;
@@ -103,6 +106,7 @@ private:
     void addVPN();
     void addSettings();
     void addViews();
+    void addWhy();
     void addLog();
     void addMachine();
     void addCompletion();
@@ -205,6 +209,7 @@ void Commands::addViews() {
         ->type_name("")
         ->required();
     takeJSON(identifyCommand);
+    addWhy();
     addLog();
     add(app, "clear", "Empty the log", [this] { return clearLog(console); });
     CLI::App& failures =
@@ -214,6 +219,20 @@ void Commands::addViews() {
         });
     takeJSON(failures);
     failures.add_flag("--clear", request.isEmptying, "Empty the list");
+}
+
+void Commands::addWhy() {
+    CLI::App& why = add(app, "why", "Say what becomes of a new flow now, and why", [this] {
+        request.why.asJSON = request.asJSON;
+        return explainWhy(request.why, console);
+    });
+    why.add_option("PID|FILE|APPLICATION", request.why.words,
+                   "Whose flow; then where to, HOST or HOST:PORT")
+        ->type_name("")
+        ->expected(0, 2);
+    why.add_flag("--last", request.why.isLast, "The newest flow of the log (of that application)");
+    why.add_flag("-u,--udp", request.why.isDatagram, "A datagram instead of a TCP connection");
+    takeJSON(why);
 }
 
 void Commands::addLog() {

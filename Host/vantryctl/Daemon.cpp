@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "Host/settings/DaemonNotice.h"
+#include "Host/settings/Documents.h"
 #include "Host/settings/Places.h"
 #include "Host/settings/UnixExchange.h"
 #include "Platform/Linux/Health/Health.h"
@@ -30,8 +31,9 @@ Failure failureFor(const vantryhost::ExchangeFailure& failure) {
     return {ExitCode::failed, std::string(what) + ": " + std::strerror(failure.error) + ".", ""};
 }
 
-Outcome<std::string> exchange(std::string_view request) {
-    auto reply = vantryhost::exchange(places::messageSocket, request);
+Outcome<std::string> exchange(std::string_view request,
+                              const char* socketPath = places::messageSocket) {
+    auto reply = vantryhost::exchange(socketPath, request);
     if (const auto* failure = std::get_if<vantryhost::ExchangeFailure>(&reply))
         return failureFor(*failure);
     auto& document = std::get<std::string>(reply);
@@ -97,6 +99,17 @@ Outcome<std::vector<HealthItem>> askForHealth() {
     for (const JSONValue& each : *list)
         if (auto item = healthItemOf(each)) items.push_back(std::move(*item));
     return items;
+}
+
+Outcome<JSONObject> askPlatform(const JSONObject& question) {
+    const auto reply = exchange(vantryhost::documentOf(question), places::questionSocket);
+    if (const auto* failure = std::get_if<Failure>(&reply)) return *failure;
+    auto answer = vantryhost::objectFrom("The daemon's answer", std::get<std::string>(reply));
+    if (const auto* failure = std::get_if<Failure>(&answer)) return *failure;
+    auto& document = std::get<JSONObject>(answer);
+    const auto error = vantryhost::textUnder(document, "error");
+    if (!error.empty()) return Failure{ExitCode::failed, error, ""};
+    return std::move(document);
 }
 
 Outcome<> askToClearActivityLog() {

@@ -17,6 +17,9 @@ Outcome<vantry::ExtensionStatus> askForStatus();
 Outcome<vantry::ActiveAppsResponse> askForActiveApps();
 Outcome<> askToClearActivityLog();
 
+// A question that the daemon's platform answers; Platform/Linux/HostChannel/Questions.h lists them.
+Outcome<platform::JSONObject> askPlatform(const platform::JSONObject& question);
+
 // How well the daemon's platform does its work: what it tells of itself, in its order.
 struct HealthItem {
     std::string key;    // for programs

@@ -23,11 +23,6 @@ using platform::ProcessTable;
 
 namespace {
 
-struct Identity {
-    std::string identifier;
-    std::string explanation;
-};
-
 // The application that a part of one belongs to: the nearest process above it that is no part itself.
 std::shared_ptr<const Process> applicationAbove(const Process& part) {
     auto process = ProcessTable::shared().examine(part.shownParentPid);
@@ -64,6 +59,8 @@ Identity identityOf(const Process& process) {
     }
     return {};
 }
+
+}  // namespace
 
 std::optional<pid_t> processId(const std::string& text) {
     pid_t number = 0;
@@ -106,8 +103,6 @@ Outcome<Identity> identityOfProgram(const std::string& path) {
                     "As an ordinary program. Started by an application, it counts as that "
                     "application; a script counts as its interpreter."};
 }
-
-}  // namespace
 
 ExitCode identify(const std::string& subject, bool asJSON, const Console& console) {
     const auto pid = processId(subject);

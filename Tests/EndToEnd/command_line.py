@@ -63,6 +63,7 @@ def _changes_take_effect(stage) -> None:
             lambda: stage.checks.equal(f"{name} succeeds", _use_tool(*words).returncode, 0))
         address = stage.ipv4()
         expect(f"{name}: takes effect", application.run("connect", address, 80), address)
+        _why_says(stage, name, application, {stage.expect_physical: 10, stage.expect_denied: 11}.get(expect, 0))
         stage.checks.equal(f"{name}: lasts, as the preferences hold what the rules file holds",
                            _stored_in_preferences(), json.loads(host.RULES_FILE.read_text()) if words[0] == "vpn"
                            else {key: value for key, value in json.loads(host.RULES_FILE.read_text()).items()
@@ -70,6 +71,15 @@ def _changes_take_effect(stage) -> None:
     stage.checks.equal("all changes together", _document("rules", "show"), {
         "rules": {LEDGER: "vpn", "com.example.absent": "vpn"}, "defaultAction": "vpn", "vpnFallback": "block",
         "directFallback": "allow", "vpnConnected": True, "blockedApps": ["com.example.idle"]})
+
+
+def _why_says(stage, name: str, application, verdict: int) -> None:
+    """What `why` says of a program's file and of a process is what happened to it."""
+    running = application.start("serve")
+    for subject in (application.path, running.process.pid):
+        shown = _use_tool("why", str(subject), stage.ipv4())
+        stage.checks.check(f"{name}: why {subject} says so", shown.returncode == verdict, shown)
+    running.stop()
 
 
 def _views(stage) -> None:

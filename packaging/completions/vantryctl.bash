@@ -18,7 +18,7 @@ _vantryctl() {
     COMPREPLY=()
     local offer=""
     case "${words[*]}" in
-        "") offer="rules vpn status reload apps identify log clear failures check try confirm undo export import --help --version" ;;
+        "") offer="rules vpn status reload apps identify why log clear failures check try confirm undo export import --help --version" ;;
         rules) offer="show set remove default block unblock fallback --json --help" ;;
         "rules set" | "rules block") _vantryctl_names seen "$current" ;;
         "rules set "*) offer="vpn direct"; _vantryctl_names seen "$current" ;;
@@ -30,6 +30,7 @@ _vantryctl() {
         "rules fallback "*) offer="allow block" ;;
         "rules show" | status | apps | check) offer="--json --help" ;;
         vpn) offer="follow up down" ;;
+        why) offer="--last --udp --json --help"; _vantryctl_names seen "$current"; compopt -o default ;;
         identify*) offer="--json --help"; compopt -o default ;;
         log*" -a" | log*" --app") _vantryctl_names seen "$current" ;;
         log*) offer="--follow --lines --app --json --help" ;;

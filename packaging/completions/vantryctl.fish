@@ -25,6 +25,7 @@ complete -c vantryctl -n '__vantryctl_is_just' -a status -d 'Show whether the da
 complete -c vantryctl -n '__vantryctl_is_just' -a reload -d 'Have the daemon read the rules'
 complete -c vantryctl -n '__vantryctl_is_just' -a apps -d 'List the applications that were seen'
 complete -c vantryctl -n '__vantryctl_is_just' -a identify -d 'Find the identifier of a process or a program'
+complete -c vantryctl -n '__vantryctl_is_just' -a why -d 'Say what becomes of a new flow now, and why'
 complete -c vantryctl -n '__vantryctl_is_just' -a log -d 'Show which flows went where'
 complete -c vantryctl -n '__vantryctl_is_just' -a clear -d 'Empty the log'
 complete -c vantryctl -n '__vantryctl_is_just' -a failures -d 'List direct connections that found no interface'
@@ -46,12 +47,15 @@ complete -c vantryctl -n '__vantryctl_is_just rules fallback' -a 'vpn direct'
 complete -c vantryctl -n '__vantryctl_is rules fallback; and not __vantryctl_is_just rules fallback' -a 'allow block'
 complete -c vantryctl -n '__vantryctl_is_just vpn' -a 'follow up down'
 complete -c vantryctl -n '__vantryctl_is identify' -F
+complete -c vantryctl -n '__vantryctl_is why' -F -a '(vantryctl names seen 2>/dev/null)'
+complete -c vantryctl -n '__vantryctl_is why' -l last -d 'The newest flow of the log'
+complete -c vantryctl -n '__vantryctl_is why' -s u -l udp -d 'A datagram'
 
 complete -c vantryctl -n '__vantryctl_is log' -s f -l follow -d 'Go on with each new flow'
 complete -c vantryctl -n '__vantryctl_is log' -s n -l lines -x -d 'How many of the latest'
 complete -c vantryctl -n '__vantryctl_is log' -s a -l app -x -a '(vantryctl names seen 2>/dev/null)' -d 'Only this application'
 complete -c vantryctl -n '__vantryctl_is failures' -l clear -d 'Empty the list'
 complete -c vantryctl -n '__vantryctl_is vpn' -s i -l interface -x -a '(ls /sys/class/net)' -d 'Only this interface is the VPN'
-for command in rules status apps identify log failures check
+for command in rules status apps identify why log failures check
     complete -c vantryctl -n "__vantryctl_is $command" -l json -d 'Print JSON'
 end

@@ -90,6 +90,14 @@ ProcessPointer inheritedFrom(ProcessPointer process, int descriptor, const Socke
 
 }  // namespace
 
+FlowOwner ownerOfProcess(const Process& process) { return ownerFor({}, process); }
+
+NEFlowMetaData metaDataOf(const FlowOwner& owner) {
+    const auto& token = owner.auditToken;
+    return {owner.signingIdentifier,
+            Data(std::string(reinterpret_cast<const char*>(token.data()), token.size()))};
+}
+
 // What one look-up needs of the others: connections to the kernel, and what they have found.
 class FlowAttribution::Search {
 public:

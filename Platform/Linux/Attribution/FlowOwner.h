@@ -16,7 +16,9 @@
 
 #include "Platform/Linux/Attribution/AuditToken.h"
 #include "Platform/Linux/Attribution/FlowTuple.h"
+#include "Platform/Linux/Attribution/ProcessTable.h"
 #include "Platform/Linux/Attribution/SocketNotes.h"
+#include "Platform/NEAppProxyFlow.h"
 
 namespace platform {
 
@@ -32,6 +34,12 @@ struct FlowOwner {
     bool isBoundToDevice = false;    // the application pinned the socket to one interface
     std::string path;                // of the executable, as proc_pidpath shows it
 };
+
+// The owner of a flow that this process would make now, by a socket of its own.
+FlowOwner ownerOfProcess(const Process& process);
+
+// As both providers are shown it.
+NEFlowMetaData metaDataOf(const FlowOwner& owner);
 
 class FlowAttribution {
 public:

@@ -7,6 +7,7 @@ namespace platform::places {
 inline constexpr const char* runtimeFolder = "/run/org.quillmere.Vantry";
 inline constexpr const char* notificationsFolder = "/run/org.quillmere.Vantry/notifications";
 inline constexpr const char* messageSocket = "/run/org.quillmere.Vantry/provider.sock";
+inline constexpr const char* questionSocket = "/run/org.quillmere.Vantry/questions.sock";
 inline constexpr const char* storedRoutesFile = "/run/org.quillmere.Vantry/routes";
 inline constexpr const char* preferencesFolder = "/var/lib/org.quillmere.Vantry";
 inline constexpr const char* preferencesFile = "/var/lib/org.quillmere.Vantry/preferences.json";

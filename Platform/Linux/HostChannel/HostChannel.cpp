@@ -65,11 +65,11 @@ struct DropEventLoop {
 
 }  // namespace
 
-// What exists between start and stop: the message socket, which has its own thread, and one thread
+// What exists between start and stop: two sockets, which have a thread each, and one thread
 // for the preferences, the sleep signal and the service manager's watchdog.
 class HostChannel::Running {
 public:
-    explicit Running(std::shared_ptr<NETransparentProxyProvider> toServe);
+    Running(std::shared_ptr<NETransparentProxyProvider> toServe, ExplainFlow explainFlow);
     ~Running();
     Running(const Running&) = delete;
     Running& operator=(const Running&) = delete;
@@ -89,12 +89,15 @@ private:
     FolderWatch preferencesWatch{places::preferencesFolder, makePreferencesFolder,
                                  IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE};
     MessageSocket messages;
+    const Questions questions;
     std::thread follower;
 };
 
-HostChannel::Running::Running(std::shared_ptr<NETransparentProxyProvider> toServe)
+HostChannel::Running::Running(std::shared_ptr<NETransparentProxyProvider> toServe,
+                              ExplainFlow explainFlow)
     : provider(std::move(toServe)),
       messages(places::messageSocket, makeRuntimeFolder, messageHandler(), {}),
+      questions(std::move(explainFlow)),
       follower([this] { follow(); }) {}
 
 HostChannel::Running::~Running() {
@@ -167,8 +170,9 @@ HostChannel::HostChannel() {
 
 HostChannel::~HostChannel() { stop(); }
 
-void HostChannel::start(std::shared_ptr<NETransparentProxyProvider> provider) {
-    running = std::make_unique<Running>(std::move(provider));
+void HostChannel::start(std::shared_ptr<NETransparentProxyProvider> provider,
+                        ExplainFlow explainFlow) {
+    running = std::make_unique<Running>(std::move(provider), std::move(explainFlow));
     tellServiceManager("READY=1");
 }
 

@@ -14,6 +14,7 @@
 
 #include <memory>
 
+#include "Platform/Linux/HostChannel/Questions.h"
 #include "Platform/NEProvider.h"
 
 namespace platform {
@@ -29,9 +30,9 @@ public:
 
     // The request for the platform's health is answered here; all others are the provider's.
     // From here on the channel calls `handleAppMessage`, `sleep` and `wake` of the provider, on
-    // threads of its own, and tells the service manager that the daemon is ready. Holds the provider
-    // until `stop`. Called once.
-    void start(std::shared_ptr<NETransparentProxyProvider> provider);
+    // threads of its own, answers questions, and tells the service manager that the daemon is ready.
+    // Holds the provider until `stop`. Called once.
+    void start(std::shared_ptr<NETransparentProxyProvider> provider, ExplainFlow explainFlow);
 
     // Tells the service manager that the daemon is stopping and closes the message socket. When it
     // returns, none of the provider's operations is running for the channel and none will. Once or

@@ -37,10 +37,6 @@ bool isLinkLocal(const FlowTuple& flow) {
     return flow.family == AF_INET6 && address[0] == 0xfe && (address[1] & 0xc0) == 0x80;
 }
 
-Data dataOf(const AuditToken& token) {
-    return std::string(reinterpret_cast<const char*>(token.data()), token.size());
-}
-
 // Bytes that went by and were not copied.
 Data unreadBytes(std::size_t length) {
     static const auto nowhere = std::make_shared<const Data::Storage>();
@@ -139,7 +135,7 @@ FlowDecisions::Source FlowDecisions::sourceOf(const HeldPacket& packet) {
     source.remote = remoteEndpointOf(packet.flow);
     source.isOnlyForFilter = isLinkLocal(packet.flow);
     if (const auto owner = attribution.ownerOf(packet.flow)) {
-        source.metaData = {owner->signingIdentifier, dataOf(owner->auditToken)};
+        source.metaData = metaDataOf(*owner);
         source.isOnlyForFilter |= owner->isBoundToDevice;
     }
     return source;

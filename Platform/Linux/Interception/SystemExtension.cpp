@@ -122,7 +122,9 @@ void runExtension() {
     RunningInterception::set(interception);
     startFilter(providers);
     startProxy(providers);
-    channel.start(providers.proxy);
+    channel.start(providers.proxy, [providers](const FlowQuestion& question) {
+        return registeredProviders.explain(*providers.proxy, *providers.filter, question);
+    });
 
     const sigset_t signals = endSignals();
     int received = 0;
