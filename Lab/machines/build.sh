@@ -17,7 +17,7 @@ jobs=$(nproc)
 cd /src
 DEB_BUILD_OPTIONS="nocheck noautodbgsym parallel=$jobs" dpkg-buildpackage --build=binary --no-sign
 cp ../*.deb /out
-cp obj-*/vantryd obj-*/vantryctl /out/build
+cp obj-*/vantryd obj-*/vantryctl obj-*/vantry-settings /out/build
 cmake -G Ninja -S Lab/machines/programs -B /lab -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build /lab --parallel "$jobs" --target lab-server demo-client login-manager
 cp /lab/Lab/lab-server /lab/Lab/demo-client /lab/Lab/login-manager /out/build/Lab

@@ -63,7 +63,9 @@ def build_root(distribution: Distribution, say: Callable[[str], None]) -> pathli
 def programs(distribution: Distribution, say: Callable[[str], None]) -> pathlib.Path:
     """The folder with the package (`*.deb`) and, below `build`, the programs, built in the distribution's root."""
     files = _sources()
-    key = _digest(distribution.suite, (FOLDER / "build.sh").read_text(), *(f"{name} {_digest_of(PROJECT / name)}" for name in files))
+    # The README goes into the package too, but has the tables that each measurement writes.
+    key = _digest(distribution.suite, (FOLDER / "build.sh").read_text(),
+                  *(f"{name} {_digest_of(PROJECT / name)}" for name in files if name != "README.md"))
 
     def make(out: pathlib.Path) -> None:
         root = build_root(distribution, say)

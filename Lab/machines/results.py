@@ -4,9 +4,13 @@ There are two kinds of entries. Those of the matrix have a VPN and a firewall, t
 have a machine, a cell (what was tried), a state (works, note or fails) and in words why.
 """
 
+import contextlib
 import datetime
+import functools
 import json
 import pathlib
+import subprocess
+from collections.abc import Callable, Iterator
 
 from distributions import PROJECT
 
@@ -20,14 +24,38 @@ def load() -> list[dict]:
     return json.loads(FILE.read_text()) if FILE.exists() else []
 
 
-def store(entries: list[dict]) -> None:
-    """They take the place of what was known of the same part on the same machine."""
-    tried = {_part(each) for each in entries}
-    today = datetime.date.today().isoformat()
-    made = [{key: value for key, value in each.items() if key != "seconds"} | {"date": today} for each in entries]
+@contextlib.contextmanager
+def storing() -> Iterator[Callable[[dict], None]]:
+    """Takes entries as they are measured, and stores a part once it is whole: an interruption costs one part."""
+    part: list[dict] = []
+
+    def take(entry: dict) -> None:
+        if part and _part(part[0]) != _part(entry):
+            _store(part)
+            part.clear()
+        part.append(entry)
+    yield take
+    _store(part)
+
+
+def parts_of(machine: str) -> list[tuple]:
+    return list(dict.fromkeys(_part(each) for each in load() if each["machine"] == machine))
+
+
+def _store(part: list[dict]) -> None:
+    """It takes the place of what was known of it."""
+    added = {"date": datetime.date.today().isoformat(), "commit": _commit()}
+    made = [{key: value for key, value in each.items() if key != "seconds"} | added for each in part]
+    tried = {_part(each) for each in part}
     kept = [each for each in load() if _part(each) not in tried]
     FILE.write_text("[\n" + ",\n".join(json.dumps(each) for each in kept + made) + "\n]\n")
     write_tables()
+
+
+@functools.cache
+def _commit() -> str:
+    """What was measured."""
+    return subprocess.run(["git", "rev-parse", "--short", "HEAD"], cwd=PROJECT, capture_output=True, text=True).stdout.strip()
 
 
 def no_longer_works(entries: list[dict]) -> list[dict]:

@@ -31,7 +31,7 @@ class Ufw(Firewall):
         run("ufw", "--force", "enable")
 
     def down(self) -> None:
-        run("ufw", "--force", "disable")
+        run("ufw", "--force", "disable", check=False)
 
 
 class Firewalld(Firewall):
@@ -41,7 +41,7 @@ class Firewalld(Firewall):
         run("systemctl", "start", "firewalld")
 
     def down(self) -> None:
-        run("systemctl", "stop", "firewalld")
+        run("systemctl", "stop", "firewalld", check=False)
 
 
 class KillSwitch(Firewall):
@@ -61,7 +61,7 @@ class KillSwitch(Firewall):
         }} }}""")
 
     def down(self) -> None:
-        run("nft", "delete", "table", "inet", "killswitch")
+        run("nft", "delete", "table", "inet", "killswitch", check=False)
 
 
 def all_firewalls() -> list[Firewall]:

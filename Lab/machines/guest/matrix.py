@@ -29,6 +29,9 @@ class Deviation(Exception):
     """Something promised did not happen."""
 
 
+_FAULTS = (Deviation, RuntimeError, subprocess.TimeoutExpired)
+
+
 class Trial:
     """One VPN beside one firewall: the applications, and the cells in their order."""
 
@@ -39,16 +42,12 @@ class Trial:
         self._notes: list[str] = []
 
     def play(self, say: Callable[..., None]) -> None:
-        uplink.manage_by(self._vpn.manager)
-        self._vpn.prepare()
-        self._firewall.up(self._vpn)
-        set_rules(self._direct, self._tunnelled, self._blocked)
         try:
+            self._firewall.up(self._vpn)
+            set_rules(self._direct, self._tunnelled, self._blocked)
             self._raise()
             for cell, attempt in self._cells():
                 say(cell=cell, **self._outcome(attempt))
-        except (Deviation, RuntimeError, subprocess.TimeoutExpired) as reason:
-            say(cell="all", state="fails", why=f"could not be tried: {reason}")
         finally:
             self._vpn.down()
             self._firewall.down()
@@ -66,7 +65,7 @@ class Trial:
                 attempt()
                 state = "works"
                 break
-            except (Deviation, RuntimeError, subprocess.TimeoutExpired) as reason:
+            except _FAULTS as reason:
                 state, first = "fails", first or str(reason)
         notes = [*([first] if state == "fails" else [f"only the second time; {first}"] if first else []), *self._notes]
         return {"state": "note" if state == "works" and notes else state, "why": "; ".join(notes),
@@ -230,15 +229,30 @@ def main() -> None:
     parser = argparse.ArgumentParser()
     parser.add_argument("--vpn", default="")
     parser.add_argument("--firewall", default="")
+    parser.add_argument("--without", type=json.loads, default=[], help="pairs of both, as a list of lists")
     options = parser.parse_args()
     uplink.up()
     package.install()
     programs = lay_out()
     for vpn in (each for each in all_vpns() if options.vpn in each.name):
-        for firewall in (each for each in all_firewalls() if options.firewall in each.name):
-            def say(**cell) -> None:
-                print(json.dumps({"vpn": vpn.name, "firewall": firewall.name, **cell}), flush=True)
+        firewalls = [each for each in all_firewalls()
+                     if options.firewall in each.name and [vpn.name, each.name] not in options.without]
+        try_vpn(vpn, firewalls, programs)
+
+
+def try_vpn(vpn: Vpn, firewalls: list[Firewall], programs: dict[str, applications.Application]) -> None:
+    prepared = False
+    for firewall in firewalls:
+        def say(**cell) -> None:
+            print(json.dumps({"vpn": vpn.name, "firewall": firewall.name, **cell}), flush=True)
+        try:
+            if not prepared:
+                uplink.manage_by(vpn.manager)
+                vpn.prepare()
+                prepared = True
             Trial(vpn, firewall, programs).play(say)
+        except _FAULTS as reason:
+            say(cell="all", state="fails", why=f"could not be tried: {reason}")
 
 
 if __name__ == "__main__":

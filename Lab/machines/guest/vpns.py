@@ -59,7 +59,7 @@ class WireGuard(Vpn):
         run("systemctl", "start", self._unit)
 
     def down(self) -> None:
-        run("systemctl", "stop", self._unit)
+        run("systemctl", "stop", self._unit, check=False)
 
 
 class NetworkManagerWireGuard(Vpn):
@@ -105,7 +105,7 @@ class OpenVpn(Vpn):
         run("systemctl", "start", "openvpn-client@lab")
 
     def down(self) -> None:
-        run("systemctl", "stop", "openvpn-client@lab")
+        run("systemctl", "stop", "openvpn-client@lab", check=False)
 
 
 class Ikev2(Vpn):
