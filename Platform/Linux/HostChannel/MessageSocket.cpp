@@ -52,6 +52,10 @@ bool bindTo(int socket, const std::string& path) {
 bool openToTrustedGroup(const std::string& path) {
     const auto group = trustedGroup();
     const bool isGroups = group && chown(path.c_str(), static_cast<uid_t>(-1), *group) == 0;
+    if (group && !isGroups)
+        hostChannelLog.error(
+            "%{public}s cannot be given to the group vantry (%{public}s): only root can use it",
+            path, std::strerror(errno));
     return chmod(path.c_str(), isGroups ? 0660 : 0600) == 0;
 }
 
