@@ -1,6 +1,7 @@
 #!/bin/sh
-# Unpacks the archives that are its arguments into a root of its own, builds the project there, and writes
-# an archive of `out` (the package, and below `build` the programs) and of the compiler's cache.
+# Unpacks the archives that are its arguments into a root of its own, builds the project there, has the
+# package judged, and writes an archive of `out` (the package, and below `build` the programs) and of the
+# compiler's cache. Status 3: the fault is the project's.
 set -eu
 root=$(mktemp -d)
 trap 'umount -R "$root" 2>/dev/null; rm -rf "$root"' EXIT
@@ -10,12 +11,13 @@ for archive in "$@"; do tar -x -C "$root" -f "$archive"; done
 mkdir -p "$root/ccache" "$root/out/build/Lab" "$root/proc"
 mount --rbind /proc "$root/proc"
 
-chroot "$root" /bin/sh -eu >&2 <<'EOF'
+chroot "$root" /bin/sh -eu >&2 <<'EOF' || exit 3
 export CCACHE_DIR=/ccache CCACHE_MAXSIZE=400M CCACHE_SLOPPINESS=time_macros
 export CMAKE_CXX_COMPILER_LAUNCHER=ccache HOME=/root
 jobs=$(nproc)
 cd /src
 DEB_BUILD_OPTIONS="nocheck noautodbgsym parallel=$jobs" dpkg-buildpackage --build=binary --no-sign
+lintian --allow-root --fail-on error ../vantry_*.changes
 cp ../*.deb /out
 cp obj-*/vantryd obj-*/vantryctl obj-*/vantry-settings /out/build
 cmake -G Ninja -S Lab/machines/programs -B /lab -DCMAKE_BUILD_TYPE=RelWithDebInfo

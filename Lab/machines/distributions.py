@@ -23,11 +23,15 @@ _MACHINE = """
 """.split()
 
 # What things are built with, beside what the package itself asks for.
-BUILD_PACKAGES = ["build-essential", "ccache", "cmake", "debhelper", "ninja-build", "pkgconf"]
+BUILD_PACKAGES = ["build-essential", "ccache", "cmake", "debhelper", "ninja-build", "pkgconf", "lintian"]
 
 
 class CannotMake(Exception):
-    """What is missing for a machine, in words for the person at it."""
+    """What this computer lacks for a machine, in words for the person at it."""
+
+
+class BuildFailed(Exception):
+    """What went wrong while the project itself was built."""
 
 
 @dataclasses.dataclass(frozen=True)

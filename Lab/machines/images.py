@@ -15,9 +15,11 @@ import tempfile
 import time
 from collections.abc import Callable, Iterator
 
-from distributions import BUILD_PACKAGES, KEYRING, PROJECT, CannotMake, Distribution
+from distributions import BUILD_PACKAGES, KEYRING, PROJECT, BuildFailed, CannotMake, Distribution
 
 FOLDER = pathlib.Path(__file__).resolve().parent
+# What build.sh ends with where the fault is the project's.
+_BUILD_FAILED = 3
 _UNUSED_SECONDS = 7 * 24 * 3600
 _PACKAGES_OF_TOOLS = {"mmdebstrap": "mmdebstrap", "qemu-system-x86_64": "qemu-system-x86", "mke2fs": "e2fsprogs"}
 
@@ -167,8 +169,11 @@ def _build(root: pathlib.Path, files: list[str], cache: pathlib.Path, out: pathl
 
 def _run(command: list[str], stdout=None) -> None:
     with tempfile.TemporaryFile("w+") as log:
-        if subprocess.run(command, stdin=subprocess.DEVNULL, stdout=stdout or log, stderr=log).returncode == 0:
+        status = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=stdout or log, stderr=log).returncode
+        if status == 0:
             return
         log.seek(0)
-        told = [line for line in log if not line.startswith("[")]
-        raise CannotMake(f"{command[0]} failed:\n{''.join(told[-60:])}")
+        told = [line for line in log if line.strip() and not line.startswith("[")][-60:]
+        kind = BuildFailed if status == _BUILD_FAILED else CannotMake
+        # The last line is the one that a summary shows.
+        raise kind(f"{''.join(told)}{command[0]} failed: {told[-1].strip() if told else f'status {status}'}")

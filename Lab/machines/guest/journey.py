@@ -12,7 +12,6 @@ import re
 import shutil
 import subprocess
 import sys
-import time
 from collections.abc import Callable
 
 import package
@@ -22,7 +21,38 @@ from uplink import run
 from vantrylab import applications, network, world
 
 PREFERENCES = pathlib.Path("/var/lib/org.quillmere.Vantry/preferences.json")
-_LEFT_BEHIND = ("/etc", "/lib/systemd", "/usr/bin", "/usr/sbin", "/usr/lib", "/usr/share", "/var/lib", "/run", "/tmp")
+BEFORE = pathlib.Path("/root/before.json")
+# Where others than the package write: apt, journal, service manager, and this journey.
+_WRITTEN_ANYWAY = ("/root", "/home", "/srv", "/var/log", "/var/cache", "/var/tmp", "/var/lib/apt", "/var/lib/dpkg",
+                   "/var/lib/systemd", "/var/lib/containers", "/var/lib/flatpak", "/run/*", "/tmp/vantry-*", "/dev",
+                   "/proc", "/sys")
+
+
+# The README's, in its order.
+_COMMANDS_OF_A_PERSON = """
+    vantryctl apps
+    vantryctl identify FILE
+    vantryctl rules set APPLICATION direct
+    vantryctl rules block APPLICATION
+    vantryctl rules unblock APPLICATION
+    vantryctl rules default vpn
+    vantryctl rules fallback vpn allow
+    vantryctl rules fallback direct allow
+    vantryctl rules
+    vantryctl status
+    vantryctl log
+    vantryctl failures
+    vantryctl rules set APPLICATION direct --for 2h
+    vantryctl rules block APPLICATION --for 30m
+    vantryctl try --for 60s rules unblock APPLICATION
+    vantryctl confirm
+    vantryctl undo
+    vantryctl export >/home/person/exported
+    vantryctl import /home/person/exported
+    vantryctl vpn follow --interface wg0
+    vantryctl vpn up
+    vantryctl vpn follow
+    """.strip().splitlines()
 
 
 class Checks:
@@ -52,6 +82,11 @@ class Journey:
         report = program.run("connect", (place := Place()).address, 80, "--patience", 4)
         self.checks.check(what, was_denied(report, place), seen_by(report, place))
 
+    def _filled(self, line: str) -> str:
+        """A command as a person would complete it."""
+        courier = self.programs["courier"]
+        return line.strip().replace("APPLICATION", courier.identifier).replace("FILE", str(courier.path))
+
     def succeeds(self, what: str, *words: str) -> None:
         result = subprocess.run(words, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                 text=True, cwd="/")
@@ -61,19 +96,21 @@ class Journey:
 
     def install(self) -> None:
         """A first installation leaves traffic as it was, and the README's commands work for a person."""
+        BEFORE.write_text(json.dumps(traces()))
         before = open_connection(self.programs["fetch"], Place().address)
-        package.install()
+        told = package.install()
         self.checks.check("the service runs", package.is_active())
         self.checks.check("a connection from before lives on", not has_ended(before))
         before.stop()
         for name in ("courier", "fetch"):
             self.goes(f"{name} goes as it did", self.programs[name], "uplink")
-        self.succeeds("check finds the machine fit", "vantryctl", "check")
+        first_steps = re.findall(r"^  sudo (vantryctl .*?)(?:  |$)", told, re.MULTILINE)
+        self.checks.equal("the installation names commands to begin with", len(first_steps), 3)
+        for line in first_steps:
+            self.succeeds(f"as the installation says: {line}", "sh", "-c", self._filled(line))
         run("usermod", "--append", "--groups", "vantry", "person")
-        for words in ("check", "apps", f"identify {self.programs['courier'].path}", "rules set com.example.courier direct",
-                      "rules block com.example.nobody", "rules default vpn", "rules fallback vpn block",
-                      "rules fallback direct allow", "rules", "status", "log", "failures"):
-            self.succeeds(f"a person of the group: vantryctl {words}", *as_person("vantryctl", *words.split()))
+        for line in _COMMANDS_OF_A_PERSON:
+            self.succeeds(f"a person of the group: {line.strip()}", *as_person("sh", "-c", self._filled(line)))
         set_rules(*(self.programs[name] for name in ("courier", "ledger", "nobody")))
         self.is_denied("what is blocked is denied", self.programs["nobody"])
         score = run("systemd-analyze", "security", "vantryd", check=False).strip().splitlines()[-1]
@@ -173,26 +210,26 @@ class Journey:
         run("apt-get", "remove", "--yes", "vantry", seconds=240)
         self.goes("removed: what was blocked passes", self.programs["nobody"], "uplink")
         self.checks.check("removed: the settings are kept", PREFERENCES.exists())
-        self.checks.equal("removed: rules of the packet filter", [
-            line for line in run("nft", "list", "tables").splitlines() if "vantry" in line.lower()], [])
         run("apt-get", "purge", "--yes", "vantry", seconds=240)
-        found = run("find", *_LEFT_BEHIND, "-xdev", "-iname", "*vantry*", "-not", "-path", "/run/lab/*",
-                    "-not", "-path", "/run/udev/*", "-not", "-path", "/tmp/vantry-*", check=False).split()
-        self.checks.equal("purged: files", found, [])
+        before, now = json.loads(BEFORE.read_text()), traces()
+        for kind, found in now.items():
+            self.checks.equal(f"purged: {kind}", sorted({*found} - {*before[kind]}), [])
 
     def sleep(self) -> None:
-        """Suspends and wakes by the clock; says what of it this machine can do."""
+        """Sleeps as deep as this machine can, and is woken by its clock."""
         states = pathlib.Path("/sys/power/state").read_text().split()
         print(f"----- states of sleep: {' '.join(states)}; {pathlib.Path('/sys/power/mem_sleep').read_text().strip()}")
         pathlib.Path("/sys/power/mem_sleep").write_text("s2idle")
         run("sh", "-c", "echo 0 > /sys/class/rtc/rtc0/wakealarm; echo +10 > /sys/class/rtc/rtc0/wakealarm")
-        began = time.monotonic()
-        run("systemctl", "suspend", seconds=60)
-        network.wait_until(lambda: "Reached target suspend.target" in run("journalctl", "--boot", "--unit=suspend.target"),
-                           "it has slept", 90)
-        print(f"----- {time.monotonic() - began:.0f} s of the running clock")
+        run("systemctl", "suspend")
+        for word in ("sleeping", "waking"):
+            network.wait_until(lambda: f"System {word}..." in run("journalctl", "--boot", "--unit=vantryd"),
+                               f"the daemon is told of {word}", 90)
+        slept = "PM: suspend exit" in run("journalctl", "--boot", "--dmesg")
+        self.checks.check("the kernel slept, and the daemon was told of sleep and wake", slept)
         self.checks.check("the service outlived it", package.is_active())
         self.is_denied("blocked as before", self.programs["nobody"])
+        self.goes("others pass as before", self.programs["fetch"], "uplink")
 
 
 def make_flatpak(name: str) -> None:
@@ -214,6 +251,17 @@ def make_flatpak(name: str) -> None:
         run("flatpak", "build-export", *options, str(folder / "repository"), str(part), "1", seconds=120)
     run("flatpak", "remote-add", "--no-gpg-verify", "lab", str(folder / "repository"))
     run("flatpak", "install", "--assumeyes", "lab", f"{name}//1", seconds=180)
+
+
+def traces() -> dict[str, list[str]]:
+    """What is there that a package could have left."""
+    pruned = [word for each in _WRITTEN_ANYWAY for word in ("-path", each, "-prune", "-o")]
+    commands = {"files": ["find", "/", *pruned, "-print"],
+                "files of this boot": ["find", "/run", "-iname", "*vantry*", "-not", "-path", "/run/lab/*",
+                                       "-not", "-path", "/run/udev/*"],
+                "groups": ["getent", "group"], "tables of the packet filter": ["nft", "list", "tables"],
+                "rules of the routing": ["ip", "rule"]}
+    return {kind: run(*command, check=False).splitlines() for kind, command in commands.items()}
 
 
 def open_connection(program: applications.Application, address: str) -> applications.Running:

@@ -16,9 +16,10 @@ def file() -> pathlib.Path:
     return next((world.STATE / "packages").glob("vantry_*.deb"))
 
 
-def install(package: pathlib.Path | None = None) -> None:
+def install(package: pathlib.Path | None = None) -> str:
+    """Gives what apt and the package said."""
     os.environ["DEBIAN_FRONTEND"] = "noninteractive"
-    run("apt-get", "install", "--yes", "--allow-downgrades", str(package or file()), seconds=240)
+    return run("apt-get", "install", "--yes", "--allow-downgrades", str(package or file()), seconds=240)
 
 
 def upgrade() -> None:
