@@ -15,6 +15,7 @@
 #include "Host/vantryctl/LogCommands.h"
 #include "Host/vantryctl/RuleCommands.h"
 #include "Host/vantryctl/SettingsCommands.h"
+#include "Host/vantryctl/Spelling.h"
 #include "Host/vantryctl/WhyCommand.h"
 #include "Platform/Common/Version.h"
 
@@ -265,6 +266,38 @@ void Commands::addCompletion() {
 
 }  // namespace
 
+namespace {
+
+Failure noCommand(const std::string& path, const std::string& word,
+                  const std::vector<const CLI::App*>& commands) {
+    std::vector<std::string> names;
+    for (const auto* command : commands)
+        if (!command->get_group().empty()) names.push_back(command->get_name());
+    const auto meant = closestTo(word, names);
+    return {ExitCode::usage, fmt::format("There is no command \"{} {}\".", path, word),
+            meant.empty() ? fmt::format("{} --help lists them.", path)
+                          : fmt::format("Did you mean: {} {}", path, meant)};
+}
+
+// The word in a command's place that is none, with what was meant; no value if all are commands. Commands
+// that take other words take any.
+std::optional<Failure> unknownCommandIn(const CLI::App& app,
+                                        const std::vector<std::string>& arguments) {
+    const CLI::App* command = &app;
+    std::string path = "vantryctl";  // the words so far
+    for (const auto& word : arguments) {
+        const auto children = command->get_subcommands([](const auto*) { return true; });
+        if (word.starts_with('-') || children.empty()) return std::nullopt;
+        const auto next = std::ranges::find(children, word, &CLI::App::get_name);
+        if (next == children.end()) return noCommand(path, word, children);
+        command = *next;
+        path += " " + word;
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
 int run(std::vector<std::string> arguments, const Console& console) {
     CLI::App app("Says for each application what goes over the VPN, beside it, or not at all.",
                  "vantryctl");
@@ -275,6 +308,8 @@ int run(std::vector<std::string> arguments, const Console& console) {
     const Commands commands(app, console);
     // Not before: each command would have it too.
     app.footer(closingText);
+    if (const auto unknown = unknownCommandIn(app, arguments))
+        return static_cast<int>(console.report(*unknown));
     try {
         // The parser wants the last argument first.
         std::ranges::reverse(arguments);

@@ -3,11 +3,14 @@
 #include <fmt/format.h>
 #include <limits.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <charconv>
 #include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <utility>
 
 #include "Host/settings/Documents.h"
@@ -78,6 +81,33 @@ Outcome<Identity> identityOfProcess(pid_t pid) {
                    "Processes of others need sudo."};
 }
 
+namespace {
+
+// What a script's first line runs it with; empty for any other file.
+std::string interpreterOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::string line;
+    if (file.get() != '#' || file.get() != '!' || !std::getline(file, line)) return "";
+    std::istringstream words(line);
+    std::string interpreter;
+    words >> interpreter;
+    if (!interpreter.ends_with("/env")) return interpreter;
+    std::string name;
+    while (words >> name && (name.starts_with('-') || name.find('=') != std::string::npos)) {
+    }
+    for (const char* folder : {"/usr/local/bin/", "/usr/bin/", "/bin/"})
+        if (access((folder + name).c_str(), X_OK) == 0) return folder + name;
+    return "";
+}
+
+Identity identityOfScript(const std::string& path, Identity interpreter) {
+    interpreter.explanation = fmt::format(
+        "{} is a script: it counts as what runs it, as do all other scripts of that.", path);
+    return interpreter;
+}
+
+}  // namespace
+
 Outcome<Identity> identityOfProgram(const std::string& path) {
     const std::unique_ptr<char, decltype(&std::free)> real(realpath(path.c_str(), nullptr),
                                                            &std::free);
@@ -87,6 +117,13 @@ Outcome<Identity> identityOfProgram(const std::string& path) {
                        "Give a process id or the full path of a program."};
     const std::string program = real.get();
     auto name = platform::nameOfProgramAt(program, file.st_uid);
+    if (name.kind == ProcessKind::ordinaryProgram) {
+        if (const auto runner = interpreterOf(program); !runner.empty() && runner != path) {
+            auto interpreter = identityOfProgram(runner);
+            if (auto* identity = std::get_if<Identity>(&interpreter))
+                return identityOfScript(path, std::move(*identity));
+        }
+    }
     switch (name.kind) {
         case ProcessKind::bundle:
             return Identity{std::move(name.signingIdentifier),
@@ -101,7 +138,7 @@ Outcome<Identity> identityOfProgram(const std::string& path) {
     }
     return Identity{std::move(name.signingIdentifier),
                     "As an ordinary program. Started by an application, it counts as that "
-                    "application; a script counts as its interpreter."};
+                    "application."};
 }
 
 ExitCode identify(const std::string& subject, bool asJSON, const Console& console) {

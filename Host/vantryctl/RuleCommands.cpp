@@ -10,6 +10,7 @@
 #include "Host/settings/Documents.h"
 #include "Host/settings/Settings.h"
 #include "Host/vantryctl/Duration.h"
+#include "Host/vantryctl/Names.h"
 #include "Host/vantryctl/SettingsClient.h"
 #include "Platform/Common/Text.h"
 
@@ -40,13 +41,19 @@ std::optional<Failure> objectionToAny(const std::vector<std::string>& applicatio
     return std::nullopt;
 }
 
-// A name that looks like a file's may be meant as one.
-void hintAtPath(const std::string& application, const Console& console) {
-    if (application.front() == '/' && application.find('.') != std::string::npos)
-        console.note(
-            "Identifiers made from a program's path have no dots; vantryctl identify FILE says "
-            "what "
-            "this one's is.");
+// The applications that the words name, once nothing stands against them. The settings tell which names
+// are known.
+Outcome<NamedApplications> named(const std::vector<std::string>& words) {
+    if (auto objection = objectionToAny(words)) return *std::move(objection);
+    const auto loaded = loadSettings();
+    if (const auto* failure = failureOf(loaded)) return *failure;
+    return applicationsNamed(words, std::get<StoredSettings>(loaded).choices.settings);
+}
+
+Outcome<NamedApplications> namedInRules(const std::vector<std::string>& words) {
+    const auto loaded = loadSettings();
+    if (const auto* failure = failureOf(loaded)) return *failure;
+    return applicationsWithRules(words, std::get<StoredSettings>(loaded).choices.settings);
 }
 
 ExitCode finish(const Outcome<Change>& outcome, const Console& console,
@@ -169,16 +176,21 @@ ExitCode showRules(bool asJSON, const Console& console) {
     return ExitCode::done;
 }
 
-ExitCode setRule(const std::vector<std::string>& applications, const std::string& route,
+ExitCode setRule(const std::vector<std::string>& words, const std::string& route,
                  std::optional<std::chrono::seconds> time, const Console& console) {
     if (route == "block")
         return console.report(
             usage("A rule chooses between vpn and direct; it cannot block.",
-                  fmt::format("To block: vantryctl rules block {}", applications.front())));
+                  fmt::format("To block: vantryctl rules block {}", fmt::join(words, " "))));
     if (route != "vpn" && route != "direct")
-        return console.report(usage("A route is vpn or direct, not " + route + "."));
-    if (const auto objection = objectionToAny(applications)) return console.report(*objection);
-    for (const auto& application : applications) hintAtPath(application, console);
+        return console.report(
+            usage(fmt::format("A route is vpn or direct, not {}.", route),
+                  fmt::format("It comes last: vantryctl rules set {} {} vpn|direct",
+                              fmt::join(words, " "), route)));
+    const auto names = named(words);
+    if (const auto* failure = failureOf(names)) return console.report(*failure);
+    const auto& applications = std::get<NamedApplications>(names).identifiers;
+    for (const auto& note : std::get<NamedApplications>(names).notes) console.note(note);
     const auto change = changeSettings([&](Choices& choices) {
         const auto before = choices;
         limitTo(time, choices, applications);
@@ -206,7 +218,10 @@ ExitCode setRule(const std::vector<std::string>& applications, const std::string
     });
 }
 
-ExitCode removeRules(const std::vector<std::string>& applications, const Console& console) {
+ExitCode removeRules(const std::vector<std::string>& words, const Console& console) {
+    const auto names = namedInRules(words);
+    if (const auto* failure = failureOf(names)) return console.report(*failure);
+    const auto& applications = std::get<NamedApplications>(names).identifiers;
     const auto change = changeSettings([&](Choices& choices) {
         std::size_t removed = 0;
         for (const auto& application : applications) {
@@ -248,10 +263,12 @@ ExitCode setDefaultRoute(const std::string& route, const Console& console) {
     });
 }
 
-ExitCode blockApplications(const std::vector<std::string>& applications,
+ExitCode blockApplications(const std::vector<std::string>& words,
                            std::optional<std::chrono::seconds> time, const Console& console) {
-    if (const auto objection = objectionToAny(applications)) return console.report(*objection);
-    for (const auto& application : applications) hintAtPath(application, console);
+    const auto names = named(words);
+    if (const auto* failure = failureOf(names)) return console.report(*failure);
+    const auto& applications = std::get<NamedApplications>(names).identifiers;
+    for (const auto& note : std::get<NamedApplications>(names).notes) console.note(note);
     const auto change = changeSettings([&](Choices& choices) {
         const auto before = choices;
         limitTo(time, choices, applications);
@@ -272,7 +289,22 @@ ExitCode blockApplications(const std::vector<std::string>& applications,
     });
 }
 
-ExitCode unblockApplications(const std::vector<std::string>& applications, const Console& console) {
+namespace {
+
+void noteBlocksLeft(const Change& done, const std::string& application, const Console& console) {
+    if (const auto block = blockThatCovers(done.after.settings, application); !block.empty())
+        console.note(fmt::format("{0} is still blocked, as {1} is: vantryctl rules unblock {1}",
+                                 application, block));
+    else if (!done.before.settings.blockedApps.contains(application))
+        console.note(fmt::format("{} was not blocked.", application));
+}
+
+}  // namespace
+
+ExitCode unblockApplications(const std::vector<std::string>& words, const Console& console) {
+    const auto names = namedInRules(words);
+    if (const auto* failure = failureOf(names)) return console.report(*failure);
+    const auto& applications = std::get<NamedApplications>(names).identifiers;
     const auto change = changeSettings([&](Choices& choices) {
         std::size_t removed = 0;
         for (const auto& application : applications) {
@@ -281,16 +313,10 @@ ExitCode unblockApplications(const std::vector<std::string>& applications, const
         }
         return removed > 0;
     });
-    return finish(change, console, [&](const Change& done) {
-        for (const auto& application : applications) {
-            if (!done.before.settings.blockedApps.contains(application))
-                console.note(fmt::format("{} was not blocked by this name.", application));
-            if (const auto block = blockThatCovers(done.after.settings, application);
-                !block.empty())
-                console.note(fmt::format("{} is still blocked, with {}.", application, block));
-        }
-        say(console, "Unblocked.");
-    });
+    const auto status = finish(change, console, [&](const Change&) { say(console, "Unblocked."); });
+    if (const auto* done = std::get_if<Change>(&change))
+        for (const auto& application : applications) noteBlocksLeft(*done, application, console);
+    return status;
 }
 
 ExitCode setFallback(Fallback fallback, const std::string& word, const Console& console) {

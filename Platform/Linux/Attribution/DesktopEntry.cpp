@@ -73,6 +73,7 @@ std::optional<DesktopEntry> parseDesktopEntry(std::string_view text) {
     entry.command = wordsOf(keys["Exec"]);
     dropEnvironment(entry.command);
     if (entry.command.empty()) return std::nullopt;
+    entry.name = keys["Name"];
     entry.isShown = keys["NoDisplay"] != "true";
     entry.runsInTerminal = keys["Terminal"] == "true";
     entry.isTerminal = keys["Categories"].find("TerminalEmulator") != std::string_view::npos;

@@ -10,6 +10,7 @@ namespace platform {
 
 struct DesktopEntry {
     std::vector<std::string> command;  // program and arguments, without `env` and its assignments
+    std::string name;                  // in menus, in English
     bool isShown = true;  // in menus; false for helpers and parts of the desktop itself
     bool runsInTerminal = false;
     bool isTerminal = false;  // a terminal emulator, whose children are programs of their own

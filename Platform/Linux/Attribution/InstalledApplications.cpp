@@ -19,6 +19,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "Platform/Common/Text.h"
 #include "Platform/Linux/Attribution/DesktopEntry.h"
 #include "Platform/Linux/Attribution/PathText.h"
 #include "Platform/Linux/Attribution/SystemAccounts.h"
@@ -173,11 +174,12 @@ struct InstalledApplications::Index {
 
     // `NAME_PROGRAM.desktop`. A snap has one name for all that runs from it; that of the program
     // that is called like it, if there is one.
-    void addSnap(const std::string& name, bool isTerminal) {
+    void addSnap(const std::string& name, const DesktopEntry& entry) {
         const auto line = name.find('_');
         if (line == std::string::npos) return;
         const auto snap = name.substr(0, line), program = name.substr(line + 1);
-        InstalledApplication application{textOfPath("snap." + snap + "." + program), isTerminal};
+        InstalledApplication application{textOfPath("snap." + snap + "." + program),
+                                         entry.isTerminal, validUTF8(entry.name)};
         byIdentifier.emplace(application.identifier, application);
         if (program == snap) bySnap.insert_or_assign(snap, application);
         bySnap.emplace(snap, std::move(application));
@@ -187,9 +189,9 @@ struct InstalledApplications::Index {
         if (!isRootsFile(path)) return;
         const auto entry = parseDesktopEntry(readText(path, largestEntry));
         if (!entry) return;
-        if (isOfSnaps) return addSnap(name, entry->isTerminal);
+        if (isOfSnaps) return addSnap(name, *entry);
         const InstalledApplication application{identifierThatFits(textOfPath(name)),
-                                               entry->isTerminal};
+                                               entry->isTerminal, validUTF8(entry->name)};
         const bool isNew = byIdentifier.emplace(application.identifier, application).second;
         // Programs for a terminal keep their own names, and what no menu shows is no application.
         if (isNew && entry->isShown && !entry->runsInTerminal) addProgram(*entry, application);
@@ -263,6 +265,14 @@ std::optional<InstalledApplication> InstalledApplications::named(
     const auto known = current();
     const auto found = known->byIdentifier.find(std::string(identifier));
     return found == known->byIdentifier.end() ? std::nullopt : std::optional(found->second);
+}
+
+std::vector<InstalledApplication> InstalledApplications::all() const {
+    const auto known = current();
+    std::vector<InstalledApplication> list;
+    list.reserve(known->byIdentifier.size());
+    for (const auto& [identifier, application] : known->byIdentifier) list.push_back(application);
+    return list;
 }
 
 InstalledApplicationsWatch::InstalledApplicationsWatch()

@@ -20,6 +20,7 @@ namespace platform {
 struct InstalledApplication {
     std::string identifier;   // of the .desktop file, or snap.NAME.PROGRAM; valid UTF-8
     bool isTerminal = false;  // a terminal emulator: what it starts is no part of it
+    std::string name{};       // in menus; valid UTF-8
 };
 
 class InstalledApplications {
@@ -36,6 +37,9 @@ public:
 
     // What is known of the application with a .desktop file of this name; null if there is none.
     std::optional<InstalledApplication> named(std::string_view identifier) const;
+
+    // All of them, in no order.
+    std::vector<InstalledApplication> all() const;
 
     // Differs after every change of the index.
     std::uint64_t version() const;

@@ -101,6 +101,9 @@ TEST_F(RuleCommands, WhatTheExtensionDoesNotDoIsRefused) {
         {"rules default block", "filter"},
         {"rules set a.b block", "vantryctl rules block a.b"},
         {"rules set a.b sideways", "vpn or direct"},
+        {"rules set a.b vpn direct", "\"vpn\" is a route"},
+        {"rules sett a.b direct", "vantryctl rules set"},
+        {"stauts", "vantryctl status"},
         {"rules fallback vpn maybe", "allow or block"},
         {"rules block", "required"},
         {"rules block a\x1b[2J", ""},
@@ -115,6 +118,27 @@ TEST_F(RuleCommands, WhatTheExtensionDoesNotDoIsRefused) {
         EXPECT_FALSE(std::filesystem::exists(places::preferencesFile)) << result.err;
         EXPECT_FALSE(std::filesystem::exists(places::rulesFile)) << result.err;
     }
+}
+
+TEST_F(RuleCommands, FilesAndProcessesAreNamedAsRulesKnowThem) {
+    writeFile("/run/a.script", "#!/usr/bin/env -S sh -e\n");
+    const auto shell = runTool("identify /bin/sh --json").out;
+    const auto identifier = *under(parsed(shell), "bundleId").as<std::string>();
+    EXPECT_EQ(runTool("rules set /bin/sh direct").exitCode, 0);
+    EXPECT_EQ(under(storedInRulesFile(), "rules"), parsed("{\"" + identifier + "\":\"direct\"}"));
+    EXPECT_EQ(runTool("rules remove /run/a.script").exitCode, 0);
+    EXPECT_EQ(under(storedInRulesFile(), "rules"), parsed("{}"));
+    EXPECT_EQ(runTool("rules set " + std::to_string(getpid()) + " direct").exitCode, 0);
+    EXPECT_NE(contentOf(places::rulesFile).find("host_tests"), std::string::npos);
+    // What is not known is said, with what may be meant; what is known has nothing to be said of.
+    const auto misspelt = runTool("rules block host_test");
+    EXPECT_NE(misspelt.err.find("Did you mean"), std::string::npos) << misspelt.err;
+    EXPECT_NE(runTool("rules block git").err.find("git-remote-http"), std::string::npos);
+    EXPECT_EQ(runTool("rules block " + identifier).err.find("No application"), std::string::npos);
+    // A helper of a blocked application.
+    EXPECT_EQ(runTool("rules block org.mail").exitCode, 0);
+    const auto helper = runTool("rules unblock org.mail.agent");
+    EXPECT_NE(helper.err.find("as org.mail is"), std::string::npos) << helper.err;
 }
 
 TEST_F(RuleCommands, ThePreferencesStayReadableAndForeignKeysInTheirPlace) {
