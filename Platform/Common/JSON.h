@@ -56,8 +56,10 @@ private:
         std::uint32_t hash = 0;
     };
 
-    std::size_t positionOf(std::string_view key) const;
-    void index(std::size_t position);
+    std::size_t positionOf(std::string_view key, std::uint32_t hash) const;
+    void index(std::uint32_t hash);
+    void growIndex();
+    void take(Slot entry);
 
     Members members;
     std::vector<Slot> slots;  // empty while a search from the front is as quick

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <functional>
+#include <utility>
 
 #include "Platform/Common/JSON.h"
 
@@ -27,18 +28,19 @@ JSONObject::JSONObject(std::initializer_list<Member> list) {
 std::size_t JSONObject::size() const { return members.size(); }
 
 JSONObject::Members::iterator JSONObject::find(std::string_view key) {
-    return members.begin() + static_cast<std::ptrdiff_t>(positionOf(key));
+    return members.begin() + static_cast<std::ptrdiff_t>(positionOf(key, hashOf(key)));
 }
 
 JSONObject::Members::const_iterator JSONObject::find(std::string_view key) const {
-    return members.begin() + static_cast<std::ptrdiff_t>(positionOf(key));
+    return members.begin() + static_cast<std::ptrdiff_t>(positionOf(key, hashOf(key)));
 }
 
 JSONValue& JSONObject::operator[](std::string key) {
-    const auto position = positionOf(key);
+    const auto hash = hashOf(key);
+    const auto position = positionOf(key, hash);
     if (position == members.size()) {
         members.emplace_back().first = std::move(key);
-        index(position);
+        index(hash);
     }
     return members[position].second;
 }
@@ -51,13 +53,12 @@ bool operator==(const JSONObject& left, const JSONObject& right) {
            });
 }
 
-std::size_t JSONObject::positionOf(std::string_view key) const {
+std::size_t JSONObject::positionOf(std::string_view key, std::uint32_t hash) const {
     if (slots.empty()) {
         const auto found = std::find_if(members.begin(), members.end(),
                                         [&](const Member& member) { return member.first == key; });
         return static_cast<std::size_t>(found - members.begin());
     }
-    const auto hash = hashOf(key);
     for (auto slot = firstSlot(hash, slots.size());; slot = slotAfter(slot, slots.size())) {
         const auto [next, slotHash] = slots[slot];
         if (next == 0) return members.size();
@@ -65,19 +66,27 @@ std::size_t JSONObject::positionOf(std::string_view key) const {
     }
 }
 
-// Enters the member at `position`, the last one. The index grows to keep half of its places free.
-void JSONObject::index(std::size_t position) {
+// Enters the last member. The index grows to keep half of its places free.
+void JSONObject::index(std::uint32_t hash) {
     if (members.size() <= mostMembersWithoutIndex) return;
-    if (members.size() * 2 > slots.size()) {
-        slots.assign(std::max(slots.size() * 2, mostMembersWithoutIndex * 4), {});
-        position = 0;
-    }
-    for (; position < members.size(); ++position) {
-        const auto hash = hashOf(members[position].first);
-        auto slot = firstSlot(hash, slots.size());
-        while (slots[slot].next != 0) slot = slotAfter(slot, slots.size());
-        slots[slot] = {static_cast<std::uint32_t>(position + 1), hash};
-    }
+    if (members.size() * 2 > slots.size()) growIndex();
+    take({static_cast<std::uint32_t>(members.size()), hash});
+}
+
+void JSONObject::growIndex() {
+    auto before = std::exchange(slots, {});
+    slots.resize(std::max(before.size() * 2, mostMembersWithoutIndex * 4));
+    for (const auto& slot : before)
+        if (slot.next != 0) take(slot);
+    if (!before.empty()) return;
+    for (std::uint32_t next = 1; next < members.size(); ++next)
+        take({next, hashOf(members[next - 1].first)});
+}
+
+void JSONObject::take(Slot entry) {
+    auto slot = firstSlot(entry.hash, slots.size());
+    while (slots[slot].next != 0) slot = slotAfter(slot, slots.size());
+    slots[slot] = entry;
 }
 
 }  // namespace platform

@@ -2,6 +2,7 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <unordered_map>
+#include <utility>
 
 #include "Platform/Common/JSON.h"
 #include "Platform/Common/Text.h"
@@ -48,12 +49,13 @@ public:
                                                   : addNumber(value);
     }
     bool number_float(double value, const std::string&) override { return addNumber(value); }
-    bool string(std::string& value) override { return add(std::move(value)); }
+    // Texts are copied: the parser reads the next one into the room of this one.
+    bool string(std::string& value) override { return add(std::as_const(value)); }
     bool binary(nlohmann::json::binary_t&) override { return false; }
 
     bool start_object(std::size_t) override { return open(JSONObject()); }
     bool key(std::string& name) override {
-        nextKey = std::move(name);
+        nextKey = name;
         return true;
     }
     bool end_object() override { return close(); }
