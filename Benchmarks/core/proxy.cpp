@@ -106,6 +106,8 @@ void handleNewFlowOfBoth(benchmark::State& state, const std::string& bundleId) {
             for (auto& flow : flows) flow.endsSending();
         world.runUntilIdle();
         world.logged.clear();
+        world.processes.forgetQuestions();
+        world.network.forgetConnections();
         flows.clear();
         objects.clear();
         state.ResumeTiming();

@@ -3,7 +3,7 @@
 // recorded. Any thread.
 #pragma once
 
-#include <deque>
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -89,7 +89,7 @@ private:
     double openingDelay GUARDED_BY(mutex) = 0;
     std::optional<NSError> openingError GUARDED_BY(mutex);
     ErrorCompletion openCompletion GUARDED_BY(mutex);
-    std::deque<Piece> toRead GUARDED_BY(mutex);
+    std::list<Piece> toRead GUARDED_BY(mutex);
     ReadCompletion pendingRead GUARDED_BY(mutex);
     bool isReadOutstanding GUARDED_BY(mutex) = false;
     std::optional<PendingWrite> pendingWrite GUARDED_BY(mutex);

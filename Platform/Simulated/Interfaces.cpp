@@ -21,17 +21,26 @@ struct Interfaces::List {
     };
 
     explicit List(const std::vector<InterfaceAddress>& from) : entries(from.size()) {
-        for (std::size_t i = 0; i < from.size(); ++i) {
-            fill(entries[i], from[i]);
-            if (i > 0) entries[i - 1].node.ifa_next = &entries[i].node;
+        for (std::size_t i = 0; i < from.size(); ++i) fill(entries[i], from[i]);
+        link();
+    }
+    List(const List& other) : entries(other.entries) { link(); }
+    List& operator=(const List&) = delete;
+
+    // Has the nodes point into this list.
+    void link() {
+        for (std::size_t i = 0; i < entries.size(); ++i) {
+            auto& [node, name, address] = entries[i];
+            node.ifa_next = i + 1 < entries.size() ? &entries[i + 1].node : nullptr;
+            node.ifa_name = name.data();
+            if (address.ss_family != AF_UNSPEC)
+                node.ifa_addr = reinterpret_cast<sockaddr*>(&address);
         }
     }
 
     static void fill(Entry& entry, const InterfaceAddress& from) {
         entry.name = from.name;
-        entry.node.ifa_name = entry.name.data();
         if (!from.address) return;
-        entry.node.ifa_addr = reinterpret_cast<sockaddr*>(&entry.address);
         if (from.address->find(':') != std::string::npos) {
             auto& v6 = reinterpret_cast<sockaddr_in6&>(entry.address);
             v6.sin6_family = AF_INET6;
@@ -51,9 +60,9 @@ struct Interfaces::List {
 Interfaces::Interfaces() = default;
 Interfaces::~Interfaces() = default;
 
-void Interfaces::set(std::vector<InterfaceAddress> list) {
+void Interfaces::set(const std::vector<InterfaceAddress>& list) {
     const MutexGuard guard(mutex);
-    addresses = std::move(list);
+    addresses = std::make_unique<const List>(list);
 }
 
 void Interfaces::failGetifaddrs(int times) {
@@ -78,8 +87,8 @@ int Interfaces::take(struct ::ifaddrs** list) {
         return -1;
     }
     *list = nullptr;
-    if (addresses.empty()) return 0;
-    auto made = std::make_unique<List>(addresses);
+    if (!addresses || addresses->entries.empty()) return 0;
+    auto made = std::make_unique<List>(*addresses);
     *list = &made->entries.front().node;
     outstanding.emplace(*list, std::move(made));
     return 0;

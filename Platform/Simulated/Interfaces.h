@@ -23,7 +23,7 @@ public:
     Interfaces();
     ~Interfaces();
 
-    void set(std::vector<InterfaceAddress> list);
+    void set(const std::vector<InterfaceAddress>& list);
     // The next `times` calls fail.
     void failGetifaddrs(int times = 1);
     void failGetnameinfo(int times = 1);
@@ -39,7 +39,7 @@ private:
     struct List;
 
     mutable Mutex mutex;
-    std::vector<InterfaceAddress> addresses GUARDED_BY(mutex);
+    std::unique_ptr<const List> addresses GUARDED_BY(mutex);
     int failingLists GUARDED_BY(mutex) = 0;
     int failingNames GUARDED_BY(mutex) = 0;
     std::map<const struct ::ifaddrs*, std::unique_ptr<List>> outstanding GUARDED_BY(mutex);

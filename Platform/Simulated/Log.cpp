@@ -113,6 +113,13 @@ void Log::append(LogLine line) {
     own.lines.push_back({number, std::move(line)});
 }
 
+std::string Log::textOf(const LogLine& line) {
+    std::vector<LogArgument> arguments;
+    for (const auto& argument : line.arguments)
+        arguments.push_back({LogArgument::Kind::text, argument});
+    return formatLogLine(line.format, arguments, false);
+}
+
 std::vector<LogLine> Log::lines(std::string_view category) const {
     std::vector<Numbered> all;
     {
@@ -127,7 +134,10 @@ std::vector<LogLine> Log::lines(std::string_view category) const {
               [](const auto& a, const auto& b) { return a.number < b.number; });
     std::vector<LogLine> result;
     result.reserve(all.size());
-    for (auto& entry : all) result.push_back(std::move(entry.line));
+    for (auto& entry : all) {
+        entry.line.text = textOf(entry.line);
+        result.push_back(std::move(entry.line));
+    }
     return result;
 }
 
@@ -160,6 +170,7 @@ void Logger::write(LogLevel level, std::string_view format,
     line.subsystem = subsystem_;
     line.category = category_;
     line.format = format;
+    line.arguments.reserve(arguments.size());
     for (const auto& argument : arguments) {
         switch (argument.kind) {
             case LogArgument::Kind::text:
@@ -173,7 +184,6 @@ void Logger::write(LogLevel level, std::string_view format,
                 break;
         }
     }
-    line.text = formatLogLine(format, arguments, false);
     simulated::machine().log.append(std::move(line));
 }
 

@@ -1,5 +1,5 @@
 // The captured log: every line with its format and arguments apart, for tests to read. All levels
-// are kept from the start of a world on. Each thread appends to a list of its own, so that logging
+// are kept from the start of a world on, and put together when someone asks. Each thread appends to a list of its own, so that logging
 // puts no order between threads that the code under test did not ask for.
 #pragma once
 
@@ -19,9 +19,9 @@ namespace platform::simulated {
 
 struct LogLine {
     LogLevel level = LogLevel::info;
-    std::string subsystem;
-    std::string category;
-    std::string format;
+    std::string_view subsystem;
+    std::string_view category;
+    std::string_view format;
     std::vector<std::string> arguments;  // each as it shows in the text
     std::string text;                    // in full, nothing redacted
 };
@@ -78,6 +78,7 @@ private:
         std::vector<Numbered> lines GUARDED_BY(mutex);
     };
     const std::shared_ptr<ThreadLines>& linesOfThisThread();
+    static std::string textOf(const LogLine& line);
 
     const std::uint64_t generation = nextGeneration();
     static std::uint64_t nextGeneration();

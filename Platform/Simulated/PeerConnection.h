@@ -2,8 +2,8 @@
 // scripted peer on the other. Everything that the core did with it is recorded. Any thread.
 #pragma once
 
-#include <deque>
 #include <functional>
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -122,7 +122,7 @@ private:
     bool isSendOutstanding GUARDED_BY(mutex) = false;
     std::optional<PendingReceive> pendingReceive GUARDED_BY(mutex);
     bool isReceiveOutstanding GUARDED_BY(mutex) = false;
-    std::deque<simulated::PeerPiece> fromPeer GUARDED_BY(mutex);
+    std::list<simulated::PeerPiece> fromPeer GUARDED_BY(mutex);
     bool peerReads GUARDED_BY(mutex) = true;
     bool peerReturnsBytes GUARDED_BY(mutex) = false;
     std::optional<NSError> nextSendError GUARDED_BY(mutex);

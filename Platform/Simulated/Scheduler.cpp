@@ -129,13 +129,17 @@ Scheduler::Event Scheduler::takeReady() {
 
 void Scheduler::finish(const Event& event) {
     --running;
-    if (event.lane == noLane || options.order == Order::asQueued) return;
-    auto& lane = lanes[event.lane];
+    const auto found = lanes.find(event.lane);
+    if (found == lanes.end()) return;
+    auto& lane = found->second;
     lane.isBusy = false;
-    if (lane.backlog.empty()) return;
-    Event next = std::move(lane.backlog.front());
-    lane.backlog.pop_front();
-    makeReady(std::move(next));
+    if (!lane.backlog.empty()) {
+        Event next = std::move(lane.backlog.front());
+        lane.backlog.pop_front();
+        makeReady(std::move(next));
+    } else if (lane.lastDue <= currentTime()) {
+        lanes.erase(found);  // as if it had never been used
+    }
 }
 
 void Scheduler::record(const Event& event) {

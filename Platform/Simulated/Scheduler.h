@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <list>
 #include <map>
 #include <memory>
 #include <random>
@@ -116,7 +117,7 @@ private:
     struct LaneState {
         bool isBusy = false;
         double lastDue = 0;
-        std::deque<Event> backlog;
+        std::list<Event> backlog;  // no memory while empty
     };
 
     // An event that runs by turns with others, on a thread of its own.

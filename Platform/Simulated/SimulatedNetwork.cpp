@@ -143,6 +143,13 @@ std::vector<std::shared_ptr<Connection>> Network::connections() const {
     return made;
 }
 
+void Network::forgetConnections() {
+    std::vector<std::shared_ptr<Connection>> forgotten;
+    const MutexGuard guard(mutex);
+    forgotten.swap(made);
+    for (auto& [name, peer] : peers) peer.connections.clear();
+}
+
 void Network::end() {
     for (const auto& connection : connections()) connection->letGo();
     std::vector<std::shared_ptr<NWPathMonitor::Implementation>> monitorsNow;

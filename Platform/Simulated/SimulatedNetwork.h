@@ -114,6 +114,8 @@ public:
     Peer peer(std::string host, std::uint16_t port);
     // Every connection that was made, in order, started or not.
     std::vector<std::shared_ptr<Connection>> connections() const;
+    // Forgets those so far, which a long run would keep for good.
+    void forgetConnections();
 
     // Lets go of what connections and monitors hold; for the end of a world.
     void end();

@@ -1,5 +1,10 @@
 #include "Platform/Simulated/WallClock.h"
 
+#include <array>
+#include <bit>
+#include <cstdint>
+#include <limits>
+
 #include "Platform/Common/UUID.h"
 #include "Platform/Simulated/Machine.h"
 
@@ -28,10 +33,10 @@ void WallClock::jump(double seconds) {
 Date Date::now() { return simulated::machine().wallClock.now(); }
 
 UUID UUID::random() {
-    UUID::Bytes bytes;
-    for (auto& byte : bytes)
-        byte = static_cast<std::uint8_t>(simulated::machine().scheduler.draw(256));
-    return UUID::randomFrom(bytes);
+    constexpr auto any = std::numeric_limits<std::uint64_t>::max();
+    auto& scheduler = simulated::machine().scheduler;
+    const std::array halves{scheduler.draw(any), scheduler.draw(any)};
+    return UUID::randomFrom(std::bit_cast<UUID::Bytes>(halves));
 }
 
 }  // namespace platform

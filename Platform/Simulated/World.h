@@ -71,9 +71,7 @@ public:
     void setPath(std::vector<NWInterface> interfaceList) {
         network.setPath(std::move(interfaceList));
     }
-    void setInterfaceAddresses(std::vector<InterfaceAddress> list) {
-        interfaces.set(std::move(list));
-    }
+    void setInterfaceAddresses(const std::vector<InterfaceAddress>& list) { interfaces.set(list); }
     Peer peer(std::string host, std::uint16_t port) { return network.peer(std::move(host), port); }
 
     // Flows.

@@ -325,8 +325,8 @@ private:
                        {"$blocked", rules.isBlocked ? "1" : "0"},
                        {"$word", rules.word}});
     }
-    static const std::set<std::string>& unordered() {
-        static const std::set<std::string> formats{
+    static const std::set<std::string_view>& unordered() {
+        static const std::set<std::string_view> formats{
             "Rule: %{public}s -> %{public}s", "Startup rule: %{public}s -> %{public}s",
             "Old rule: %{public}s -> %{public}s",
             "Comparing %{public}s: old=%{public}s new=%{public}s",
