@@ -116,6 +116,14 @@ public:
         return owner;
     }
 
+    std::optional<std::uint64_t> cookieOf(const FlowTuple& flow) {
+        auto note = notes ? notes->ofOpenSocket(flow) : std::nullopt;
+        if (note) return note->cookie;
+        if (const auto socket = find(flow)) return socket->cookie;
+        if (notes) note = notes->ofLostSocket(flow);
+        return note ? std::optional<std::uint64_t>(note->cookie) : std::nullopt;
+    }
+
     bool hasNotes() const { return notes != nullptr; }
 
     void keepHouse() const {
@@ -226,6 +234,10 @@ FlowAttribution::~FlowAttribution() = default;
 
 std::optional<FlowOwner> FlowAttribution::ownerOf(const FlowTuple& flow) {
     return search->ownerOf(flow);
+}
+
+std::optional<std::uint64_t> FlowAttribution::cookieOf(const FlowTuple& flow) {
+    return search->cookieOf(flow);
 }
 
 bool FlowAttribution::hasNotes() const { return search->hasNotes(); }

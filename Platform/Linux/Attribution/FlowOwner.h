@@ -54,6 +54,10 @@ public:
     // visible here holds it. Such a flow has no token and an empty signing identifier, and passes.
     std::optional<FlowOwner> ownerOf(const FlowTuple& flow);
 
+    // The kernel's number for the socket that the flow comes from, in a question or two. None if there
+    // is none any more.
+    std::optional<std::uint64_t> cookieOf(const FlowTuple& flow);
+
     // Ends the socket, so that its application fails at once and not after minutes. True if it was
     // ended. False, and nothing done, for a UDP socket without a peer (its other flows live on), for
     // a socket that is gone, and where the kernel cannot do it.

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <unordered_map>
 #include <utility>
@@ -11,7 +12,7 @@
 
 namespace platform {
 
-template <class Key, class Value>
+template <class Key, class Value, class Hash = std::hash<Key>, class Equal = std::equal_to<Key>>
 class RecentMemory {
 public:
     explicit RecentMemory(std::size_t size) : generationSize(size) {}
@@ -38,7 +39,7 @@ public:
     }
 
 private:
-    using Generation = std::unordered_map<Key, Value>;
+    using Generation = std::unordered_map<Key, Value, Hash, Equal>;
     const std::size_t generationSize;
     Mutex lock;  // held for table work only
     Generation young GUARDED_BY(lock);

@@ -114,9 +114,14 @@ void ConnectionEntries::remove(const FlowTuple& flow) {
     static_cast<void>(socket.request(request));
 }
 
-bool ConnectionEntries::has(const FlowTuple& flow) {
+std::optional<std::uint32_t> ConnectionEntries::markOf(const FlowTuple& flow) {
     auto request = requestAbout(flow, CTA_TUPLE_ORIG, IPCTNL_MSG_CT_GET);
-    return static_cast<bool>(socket.request(request));
+    std::uint32_t mark = 0;  // kernels leave out a mark of 0
+    const auto asked = socket.request(request, [&](const netlink::Message& entry) {
+        const auto attribute = entry.attributes<nfgenmsg>().find(CTA_MARK);
+        if (attribute) mark = attribute->networkNumber<std::uint32_t>().value_or(0);
+    });
+    return asked ? std::optional(mark) : std::nullopt;
 }
 
 std::optional<FlowTuple> ConnectionEntries::openingOf(const FlowTuple& answers) {

@@ -30,7 +30,9 @@ public:
 
     // Removes the entry of an outbound flow. Its next packet counts as the first of a new one.
     void remove(const FlowTuple& flow);
-    bool has(const FlowTuple& flow);
+    bool has(const FlowTuple& flow) { return markOf(flow).has_value(); }
+    // None if there is no entry.
+    std::optional<std::uint32_t> markOf(const FlowTuple& flow);
 
     // The flow as its first packet opened it, before any translation, found by what its answers
     // look like. Nothing if there is no such entry.

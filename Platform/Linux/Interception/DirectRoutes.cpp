@@ -177,8 +177,7 @@ private:
         REQUIRES(lock) {
         auto request =
             ruleRequest(RTM_NEWRULE, NLM_F_CREATE | NLM_F_EXCL, family, priority, lookUp);
-        request.put(FRA_FWMARK, place.value(FlowState::ownTraffic))
-            .put(FRA_FWMASK, place.stateMask());
+        request.put(FRA_FWMARK, place.ownValue()).put(FRA_FWMASK, place.mask());
         if (skipsDefaults) request.put(FRA_SUPPRESS_PREFIXLEN, std::uint32_t{0});
         return socket->request(request);
     }

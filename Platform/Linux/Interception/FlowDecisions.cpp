@@ -19,7 +19,17 @@ namespace platform::interception {
 struct FlowDecisions::Source {
     NEFlowMetaData metaData;
     RemoteEndpoint remote;
+    std::uint64_t cookie = 0;
     bool isOnlyForFilter = false;
+    bool isAttributed = false;
+
+    int socketType(const HeldPacket& packet) const {
+        return packet.flow.protocol == IPPROTO_TCP ? SOCK_STREAM : SOCK_DGRAM;
+    }
+    std::shared_ptr<const NEFilterSocketFlow> shownFor(const HeldPacket& packet) const {
+        return std::make_shared<const NEFilterSocketFlow>(metaData.sourceAppAuditToken,
+                                                          socketType(packet), remote);
+    }
 };
 
 namespace {
@@ -43,15 +53,17 @@ Data unreadBytes(std::size_t length) {
     return Data(nowhere, length);
 }
 
-bool isWatching(FlowState state) {
-    return state == FlowState::watched || state == FlowState::claimedAndWatched;
+bool isDatagram(const HeldPacket& packet) { return packet.flow.protocol == IPPROTO_UDP; }
+
+FlowState stateOf(bool isClaimed, bool isWatched) {
+    if (isClaimed) return isWatched ? FlowState::claimedAndWatched : FlowState::claimed;
+    return isWatched ? FlowState::watched : FlowState::declined;
 }
 
 }  // namespace
 
-FlowDecisions::FlowDecisions(Providers toAsk, MarkPlace markPlace)
+FlowDecisions::FlowDecisions(Providers toAsk)
     : providers(std::move(toAsk)),
-      place(markPlace),
       aliases(std::make_shared<AddressAliases>()),
       entries(ConnectionEntries::openOrNull()),
       inForce(std::make_shared<const Offers>()) {}
@@ -67,67 +79,113 @@ void FlowDecisions::setOffers(Offers replacement) {
     inForce = std::move(published);
 }
 
-std::uint32_t FlowDecisions::markFor(const HeldPacket& packet) {
+PacketVerdict FlowDecisions::verdictOn(const HeldPacket& packet) {
     const auto asked = offers();
-    const unsigned changesBefore = ruleChanges;
-    const Verdict verdict = packet.purpose == PacketPurpose::watchedData
-                                ? verdictOnData(packet, *asked)
-                                : verdictOnFlow(packet, *asked);
-    if (verdict.state == FlowState::unseen) return packet.mark;
-    if (verdict.state != FlowState::declined)
-        return place.put(packet.mark, place.value(verdict.state));
-    if (!isSettledSince(changesBefore)) {
+    const Occasion occasion{packet, *asked, ruleChanges};
+    const bool isData = packet.purpose == PacketPurpose::watchedData;
+    return packetVerdict(occasion, isData ? verdictOnData(occasion) : verdictOnFlow(occasion));
+}
+
+PacketVerdict FlowDecisions::packetVerdict(const Occasion& occasion, const Verdict& verdict) {
+    const HeldPacket& packet = occasion.packet;
+    if (verdict.state == FlowState::unseen) return PacketVerdict::pass(packet);
+    if (packet.purpose == PacketPurpose::newFlow && packet.isOfClaimed &&
+        !isClaimed(verdict.state)) {
+        // The connection that was there is redirected for good: it goes, and the opening comes again.
+        const MutexGuard guard(entriesLock);
+        if (entries) entries->remove(packet.flow);
+        return PacketVerdict::drop(packet);
+    }
+    if (verdict.state != FlowState::declined) return PacketVerdict::of(packet, verdict.state);
+    if (!isSettledSince(occasion.ruleChanges)) {
         recent.forget(packet.flow);
-        return place.put(packet.mark, place.value(FlowState::declined, staleGeneration));
+        return PacketVerdict::of(packet, FlowState::declined, staleGeneration);
     }
     // The verdict may have taken long, and many flushes may have come meanwhile.
     const unsigned generation = markedGeneration(verdict.generation, offers()->generation);
-    return place.put(packet.mark, place.value(FlowState::declined, generation));
+    return PacketVerdict::of(packet, FlowState::declined, generation);
 }
 
-Verdict FlowDecisions::verdictOnFlow(const HeldPacket& packet, const Offers& asked) {
-    Verdict verdict;
-    if (const auto known = recent.find(packet, asked.generation)) {
-        verdict = *known;
-    } else {
-        verdict = offer(packet, asked);
-        recent.remember(packet, verdict);
-    }
+Verdict FlowDecisions::verdictOnFlow(const Occasion& occasion) {
+    const auto& [packet, asked, changes] = occasion;
+    if (isStillDenied(occasion)) return {FlowState::denied, asked.generation};
+    auto known = recent.find(packet, asked.generation);
+    // Of datagrams, the port alone does not tell whose they are.
+    if (known && isDatagram(packet) && isOfAnotherSocket(packet.flow, known->cookie)) known.reset();
+    const Verdict verdict = known ? *known : offer(occasion);
+    if (!known) remember(packet, verdict);
     // The first datagram, and data on a SYN, are the first bytes of a watched flow.
-    if (!isWatching(verdict.state) || packet.payloadLength == 0) return verdict;
-    const Verdict onBytes = verdictOnData(packet, asked);
+    if (!isWatched(verdict.state) || packet.payloadLength == 0) return verdict;
+    const auto flow = watched.find(packet.flow);
+    if (!flow) return verdict;
+    const Verdict onBytes = show(occasion, *flow, isClaimed(verdict.state));
     if (onBytes.state == FlowState::unseen) return verdict;
-    recent.remember(packet, onBytes);
+    remember(packet, onBytes);
     return onBytes;
 }
 
-Verdict FlowDecisions::offer(const HeldPacket& packet, const Offers& asked) {
+void FlowDecisions::remember(const HeldPacket& packet, const Verdict& verdict) {
+    // Of denied datagrams `denied` knows more.
+    if (!isDatagram(packet) || verdict.state != FlowState::denied) recent.remember(packet, verdict);
+}
+
+bool FlowDecisions::isStillDenied(const Occasion& occasion) {
+    const HeldPacket& packet = occasion.packet;
+    const auto known = denied.find(packet.flow);
+    if (!known) return false;
+    const bool isSameConnection = !isDatagram(packet) && packet.purpose != PacketPurpose::newFlow;
+    const bool isSameSocket = isDatagram(packet) && known->ruleChanges == occasion.ruleChanges &&
+                              !isOfAnotherSocket(packet.flow, known->cookie);
+    if (isSameConnection || isSameSocket) {
+        // What is in use is not forgotten.
+        denied.remember(packet.flow, *known);
+        return true;
+    }
+    denied.forget(packet.flow);
+    return false;
+}
+
+bool FlowDecisions::isOfAnotherSocket(const FlowTuple& flow, std::uint64_t cookie) {
+    const auto present = cookie == 0 ? std::nullopt : attribution.cookieOf(flow);
+    return present && *present != cookie;
+}
+
+Verdict FlowDecisions::offer(const Occasion& occasion) {
+    const auto& [packet, asked, changes] = occasion;
     const Source source = sourceOf(packet);
     ClaimedFlows::Flow claimed = offerToProxy(packet, source, asked);
     const bool isClaimed = claimed != nullptr;
-
-    const int socketType = packet.flow.protocol == IPPROTO_TCP ? SOCK_STREAM : SOCK_DGRAM;
-    const auto shown = std::make_shared<const NEFilterSocketFlow>(
-        source.metaData.sourceAppAuditToken, socketType, source.remote);
+    auto shown = source.shownFor(packet);
     const NEFilterNewFlowVerdict verdict = offerToFilter(*shown, asked);
 
     const bool isDropped = verdict.kind == NEFilterNewFlowVerdict::Kind::drop;
-    // A connection that runs already cannot be taken over, only made to begin anew.
+    // A connection that runs already cannot be taken over, only made to begin again.
     const bool comesTooLate = isClaimed && packet.purpose == PacketPurpose::offeredAgain;
     if (isDropped || comesTooLate) {
         if (isClaimed) claimed->failOpening(systemError(ECONNABORTED));
-        return deny(packet, asked);
+        return deny(occasion, source.cookie);
     }
     const bool isWatched =
         verdict.kind == NEFilterNewFlowVerdict::Kind::filterData && verdict.filterOutbound;
     if (isWatched)
-        watched.add(packet.flow,
-                    std::make_shared<WatchedFlow>(
-                        shown, packet.tcpSequence + (packet.opensTcp ? 1u : 0u), isClaimed));
-    if (isClaimed)
-        return claim(packet, std::move(claimed),
-                     isWatched ? FlowState::claimedAndWatched : FlowState::claimed);
-    return {isWatched ? FlowState::watched : FlowState::declined, asked.generation};
+        watch(packet, source, std::move(shown));
+    else
+        watched.remove(packet.flow);
+    // The connection may come as soon as the verdict is given.
+    if (isClaimed) claims.expect(packet.flow, std::move(claimed));
+    FlowState state = stateOf(isClaimed, isWatched);
+    // Its next packet may tell more.
+    if (!source.isAttributed && packet.purpose == PacketPurpose::newFlow &&
+        state == FlowState::declined)
+        state = FlowState::passedUnseen;
+    return {state, asked.generation, source.cookie};
+}
+
+void FlowDecisions::watch(const HeldPacket& packet, const Source& source,
+                          std::shared_ptr<const NEFilterSocketFlow> shown) {
+    const std::uint32_t firstByte = packet.tcpSequence + (packet.opensTcp ? 1u : 0u);
+    watched.add(packet.flow,
+                std::make_shared<WatchedFlow>(std::move(shown), firstByte, source.cookie));
 }
 
 FlowDecisions::Source FlowDecisions::sourceOf(const HeldPacket& packet) {
@@ -137,6 +195,10 @@ FlowDecisions::Source FlowDecisions::sourceOf(const HeldPacket& packet) {
     if (const auto owner = attribution.ownerOf(packet.flow)) {
         source.metaData = metaDataOf(*owner);
         source.isOnlyForFilter |= owner->isBoundToDevice;
+        source.cookie = owner->socketCookie;
+        source.isAttributed = true;
+    } else if (packet.purpose == PacketPurpose::newFlow) {
+        unattributed.add();
     }
     return source;
 }
@@ -150,7 +212,6 @@ ClaimedFlows::Flow FlowDecisions::offerToProxy(const HeldPacket& packet, const S
             std::make_shared<NEAppProxyUDPFlow>(source.metaData, source.remote));
         return nullptr;
     }
-    if (!claims.canClaim(packet.flow.family)) return nullptr;
     auto implementation = std::make_shared<ProxyFlow>();
     // Filled when the flow turns out to be claimed; goes with the application's side.
     auto aliasHolder = std::make_shared<std::shared_ptr<void>>();
@@ -158,6 +219,10 @@ ClaimedFlows::Flow FlowDecisions::offerToProxy(const HeldPacket& packet, const S
     const bool isClaimed = providers.proxy->handleNewFlow(
         std::make_shared<NEAppProxyTCPFlow>(source.metaData, source.remote, implementation));
     if (!isClaimed) return nullptr;
+    if (!claims.canClaim(packet.flow.family)) {
+        implementation->failOpening(systemError(ENOBUFS));
+        return nullptr;
+    }
     *aliasHolder = aliases->keepSourceOf(packet.flow);
     return implementation;
 }
@@ -177,57 +242,59 @@ NEFilterNewFlowVerdict FlowDecisions::offerToFilter(const NEFilterSocketFlow& fl
     return NEFilterNewFlowVerdict::allowVerdict();
 }
 
-Verdict FlowDecisions::claim(const HeldPacket& packet, ClaimedFlows::Flow flow, FlowState state) {
-    // The connection may come as soon as the verdict is given.
-    claims.expect(packet.flow, std::move(flow));
-    return {state, 0};
+Verdict FlowDecisions::verdictOnData(const Occasion& occasion) {
+    const HeldPacket& packet = occasion.packet;
+    if (isStillDenied(occasion)) return {FlowState::denied, occasion.asked.generation};
+    const auto flow = watched.find(packet.flow);
+    if (flow && isDatagram(packet) && isOfAnotherSocket(packet.flow, flow->cookie())) {
+        watched.remove(packet.flow);
+        return verdictOnFlow(occasion);
+    }
+    return flow ? show(occasion, *flow, packet.isOfClaimed) : verdictOnForgotten(occasion);
 }
 
-Verdict FlowDecisions::verdictOnData(const HeldPacket& packet, const Offers& asked) {
-    const auto flow = watchedFlow(packet);
-    const FlowState unwatched = flow->isClaimed() ? FlowState::claimed : FlowState::declined;
+// It had to make room for others.
+Verdict FlowDecisions::verdictOnForgotten(const Occasion& occasion) {
+    const auto& [packet, asked, changes] = occasion;
+    const Source source = sourceOf(packet);
+    auto shown = source.shownFor(packet);
+    const NEFilterNewFlowVerdict verdict = offerToFilter(*shown, asked);
+    if (verdict.kind == NEFilterNewFlowVerdict::Kind::drop) return deny(occasion, source.cookie);
+    if (verdict.kind != NEFilterNewFlowVerdict::Kind::filterData || !verdict.filterOutbound)
+        return {stateOf(packet.isOfClaimed, false), asked.generation, source.cookie};
+    watch(packet, source, std::move(shown));
+    const auto flow = watched.find(packet.flow);
+    return flow ? show(occasion, *flow, packet.isOfClaimed) : Verdict();
+}
+
+Verdict FlowDecisions::show(const Occasion& occasion, WatchedFlow& flow, bool isClaimed) {
+    const auto& [packet, asked, changes] = occasion;
+    const Verdict unwatched{stateOf(isClaimed, false), asked.generation, flow.cookie()};
     if (asked.filterAction != NEFilterAction::filterData) {
         watched.remove(packet.flow);
-        return {unwatched, asked.generation};
+        return unwatched;
     }
     const NEFilterDataVerdict verdict = providers.filter->handleOutboundData(
-        flow->shownAs(), flow->offsetOf(packet), unreadBytes(packet.payloadLength));
+        flow.shownAs(), flow.offsetOf(packet), unreadBytes(packet.payloadLength));
     switch (verdict.kind) {
         case NEFilterDataVerdict::Kind::drop:
-            return deny(packet, asked);
+            return deny(occasion, flow.cookie());
         case NEFilterDataVerdict::Kind::allow:
             watched.remove(packet.flow);
-            return {unwatched, asked.generation};
+            return unwatched;
         case NEFilterDataVerdict::Kind::data:
             break;
     }
     return {};
 }
 
-std::shared_ptr<WatchedFlow> FlowDecisions::watchedFlow(const HeldPacket& packet) {
-    if (auto known = watched.find(packet.flow)) return known;
-    // It had to make room for others: who it is can be found out anew.
-    const Source source = sourceOf(packet);
-    const int socketType = packet.flow.protocol == IPPROTO_TCP ? SOCK_STREAM : SOCK_DGRAM;
-    auto flow = std::make_shared<WatchedFlow>(
-        std::make_shared<const NEFilterSocketFlow>(source.metaData.sourceAppAuditToken, socketType,
-                                                   source.remote),
-        packet.tcpSequence, false);
-    watched.add(packet.flow, flow);
-    return flow;
-}
-
-Verdict FlowDecisions::deny(const HeldPacket& packet, const Offers& asked) {
-    // Ending the socket tells the application at once; the mark stops what it leaves behind.
-    attribution.destroySocket(packet.flow);
-    watched.remove(packet.flow);
-    if (packet.flow.protocol == IPPROTO_UDP && packet.purpose != PacketPurpose::newFlow) {
-        // A datagram socket may live on. Its next flow to the same place is offered anew.
-        recent.forget(packet.flow);
-        const MutexGuard guard(entriesLock);
-        if (entries) entries->remove(packet.flow);
-    }
-    return {FlowState::denied, asked.generation};
+Verdict FlowDecisions::deny(const Occasion& occasion, std::uint64_t cookie) {
+    const FlowTuple& flow = occasion.packet.flow;
+    // Ending the socket tells the application at once; state and memory stop what it leaves behind.
+    attribution.destroySocket(flow);
+    watched.remove(flow);
+    denied.remember(flow, {cookie, occasion.ruleChanges});
+    return {FlowState::denied, occasion.asked.generation, cookie};
 }
 
 void FlowDecisions::keepHouse() {

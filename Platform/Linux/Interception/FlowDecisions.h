@@ -1,6 +1,6 @@
 // What becomes of each packet that is held: asks who sent it, offers the flow to the proxy and then
-// to the filter, shows the bytes of watched flows, and turns the answers into the mark under which
-// the packet goes on. Called on many threads at once, for one packet of a flow at a time.
+// to the filter, shows the bytes of watched flows, and turns the answers into states of the table in
+// FlowTable.h. Called on many threads at once, for one packet of a flow at a time.
 #pragma once
 
 #include <atomic>
@@ -11,11 +11,14 @@
 
 #include "Platform/Common/Mutex.h"
 #include "Platform/Linux/Attribution/FlowOwner.h"
+#include "Platform/Linux/Health/Health.h"
 #include "Platform/Linux/Interception/AddressAliases.h"
 #include "Platform/Linux/Interception/ClaimedFlows.h"
 #include "Platform/Linux/Interception/ConnectionEntries.h"
+#include "Platform/Linux/Interception/DeniedFlows.h"
 #include "Platform/Linux/Interception/FlowMark.h"
 #include "Platform/Linux/Interception/HeldPacket.h"
+#include "Platform/Linux/Interception/PacketQueue.h"
 #include "Platform/Linux/Interception/RecentVerdicts.h"
 #include "Platform/Linux/Interception/WatchedFlows.h"
 #include "Platform/NEProvider.h"
@@ -36,7 +39,7 @@ struct Offers {
 
 class FlowDecisions {
 public:
-    FlowDecisions(Providers toAsk, MarkPlace markPlace);
+    explicit FlowDecisions(Providers toAsk);
 
     ListenerPorts listenerPorts() const { return claims.ports(); }
 
@@ -47,8 +50,7 @@ public:
     // that were asked in between is marked so that its next packet is offered again.
     void setRulesChanging(bool) { ruleChanges.fetch_add(1); }
 
-    // The mark under which the packet goes on.
-    std::uint32_t markFor(const HeldPacket& packet);
+    PacketVerdict verdictOn(const HeldPacket& packet);
 
     // Forgets what is over. To be called every few seconds.
     void keepHouse();
@@ -63,25 +65,40 @@ private:
         return changesBefore % 2 == 0 && changesBefore == ruleChanges;
     }
 
-    Verdict verdictOnFlow(const HeldPacket& packet, const Offers& asked);
-    Verdict offer(const HeldPacket& packet, const Offers& asked);
+    // What one packet is judged by, looked at once.
+    struct Occasion {
+        const HeldPacket& packet;
+        const Offers& asked;
+        unsigned ruleChanges;
+    };
+
+    Verdict verdictOnFlow(const Occasion& occasion);
+    void remember(const HeldPacket& packet, const Verdict& verdict);
+    bool isStillDenied(const Occasion& occasion);
+    bool isOfAnotherSocket(const FlowTuple& flow, std::uint64_t cookie);
+    Verdict offer(const Occasion& occasion);
     // The application's side of the flow if the proxy claims it, else null.
     ClaimedFlows::Flow offerToProxy(const HeldPacket& packet, const Source& source,
                                     const Offers& asked);
     NEFilterNewFlowVerdict offerToFilter(const NEFilterSocketFlow& flow, const Offers& asked);
-    Verdict claim(const HeldPacket& packet, ClaimedFlows::Flow flow, FlowState state);
-    Verdict verdictOnData(const HeldPacket& packet, const Offers& asked);
-    std::shared_ptr<WatchedFlow> watchedFlow(const HeldPacket& packet);
+    void watch(const HeldPacket& packet, const Source& source,
+               std::shared_ptr<const NEFilterSocketFlow> shown);
+    Verdict verdictOnData(const Occasion& occasion);
+    Verdict verdictOnForgotten(const Occasion& occasion);
+    Verdict show(const Occasion& occasion, WatchedFlow& flow, bool isClaimed);
     Source sourceOf(const HeldPacket& packet);
-    Verdict deny(const HeldPacket& packet, const Offers& asked);
+    Verdict deny(const Occasion& occasion, std::uint64_t cookie);
+    PacketVerdict packetVerdict(const Occasion& occasion, const Verdict& verdict);
 
     const Providers providers;
-    const MarkPlace place;
     FlowAttribution attribution;
     const std::shared_ptr<AddressAliases> aliases;
     ClaimedFlows claims;
     RecentVerdicts recent;
     WatchedFlows watched;
+    DeniedFlows denied;
+    health::Counter unattributed{health::Place::attribution, "unattributedFlows",
+                                 "Flows that no program could be named for"};
 
     Mutex entriesLock;
     const std::unique_ptr<ConnectionEntries> entries PT_GUARDED_BY(entriesLock);

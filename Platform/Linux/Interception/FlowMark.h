@@ -1,22 +1,14 @@
 // What the kernel remembers of a flow for us: one byte of its connection mark, three bits of state
-// and five of generation. The verdict on a packet puts the same byte into the packet's mark, from
-// where a rule copies it to the connection. All other bits of both marks belong to others, and no
-// operation here touches them. Pure values; any thread.
+// (FlowTable.h) and five of generation. The same byte of the packet's mark tells our own sockets' packets
+// and nothing else. All other bits of both marks belong to others, and no operation here touches them.
+// Pure values; any thread.
 #pragma once
 
 #include <cstdint>
 
-namespace platform::interception {
+#include "Platform/Linux/Interception/FlowTable.h"
 
-enum class FlowState : std::uint8_t {
-    unseen = 0,             // never offered: not ours, or older than the rules
-    declined = 1,           // on the system's own route, not looked at again in this generation
-    claimed = 2,            // redirected to the local listener
-    watched = 3,            // on the system's own route, its outbound bytes are shown
-    claimedAndWatched = 4,  // both
-    denied = 5,             // rejected, with every packet to come
-    ownTraffic = 6,         // of a socket of this process; the socket bears it too
-};
+namespace platform::interception {
 
 // Generations count flushes; a mark has room for few of them, which come round again and again. The
 // last value stands for every generation that is no longer told apart from others, so that a flow that
@@ -30,6 +22,10 @@ constexpr unsigned markedGeneration(unsigned generation, unsigned latest) {
     return isToldApart ? generation % staleGeneration : staleGeneration;
 }
 
+constexpr std::uint8_t markByte(FlowState state, unsigned generation = 0) {
+    return static_cast<std::uint8_t>(static_cast<unsigned>(state) | (generation & 31u) << 3);
+}
+
 // Where in a mark the byte lies.
 class MarkPlace {
 public:
@@ -41,16 +37,15 @@ public:
 
     // The byte, in place, of a state and a generation.
     constexpr std::uint32_t value(FlowState state, unsigned generation = 0) const {
-        return (static_cast<std::uint32_t>(state) | (generation & 31u) << 3) << shift_;
+        return std::uint32_t{markByte(state, generation)} << shift_;
     }
+    // The byte on our own sockets and their connections. The other bits tell it from marks of others that
+    // happen to have these three.
+    constexpr std::uint32_t ownValue() const { return value(FlowState::ownTraffic, 0b10101); }
     constexpr FlowState stateOf(std::uint32_t mark) const {
         return static_cast<FlowState>(mark >> shift_ & 7u);
     }
     constexpr unsigned generationOf(std::uint32_t mark) const { return mark >> shift_ >> 3 & 31u; }
-    // `mark` with our byte replaced.
-    constexpr std::uint32_t put(std::uint32_t mark, std::uint32_t value) const {
-        return (mark & ~mask()) | value;
-    }
 
     friend constexpr bool operator==(MarkPlace, MarkPlace) = default;
 

@@ -20,15 +20,16 @@ enum class PacketPurpose : std::uint8_t { newFlow, watchedData, offeredAgain };
 struct HeldPacket {
     PacketPurpose purpose = PacketPurpose::newFlow;
     std::uint16_t queueNumber = 0;
-    std::uint32_t id = 0;    // the kernel's number for it within its queue
-    std::uint32_t mark = 0;  // the packet's whole mark
+    std::uint32_t id = 0;        // the kernel's number for it within its queue
+    std::uint32_t priority = 0;  // the packet's own
     FlowTuple flow;
+    bool isOfClaimed = false;       // its connection is claimed
     bool opensTcp = false;          // a SYN
     std::uint32_t tcpSequence = 0;  // of the first byte; of the SYN itself on a SYN
     std::size_t payloadLength = 0;  // true length, however little of the packet was copied to us
 };
 
-// Fills what the headers of an IP packet tell. `packet` may be cut short behind the transport
+// Fills what the headers of an IP packet tell. `packet` may be cut short after the transport
 // header, `trueLength` is what it was. False if it is not TCP or UDP, not the first of its fragments, or
 // cannot be read.
 bool readHeaders(std::span<const std::uint8_t> packet, std::size_t trueLength, HeldPacket& into);

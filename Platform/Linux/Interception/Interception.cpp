@@ -15,6 +15,7 @@
 
 #include "Platform/Linux/Interception/MarkPlaces.h"
 #include "Platform/Linux/Interception/NetworkRules.h"
+#include "Platform/Linux/Interception/VerdictProbe.h"
 #include "Platform/Linux/OwnTraffic.h"
 #include "Platform/Linux/PlatformLog.h"
 #include "Platform/Linux/SystemError.h"
@@ -48,11 +49,11 @@ Interception::Interception(Providers providers, Choices choices)
     : place(freeMarkPlace(markBitsInUse())),
       directRoutes(place),
       tunnelGuard(place),
-      decisions(std::move(providers), place),
+      decisions(std::move(providers)),
       chosen(choices),
       wakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       nextHousekeeping(Clock::now() + betweenHousekeepings) {
-    OwnTraffic::setMark(place.value(FlowState::ownTraffic));
+    OwnTraffic::setMark(place.ownValue());
     settingsThread = std::thread([this] { serveSettings(); });
 }
 
@@ -158,11 +159,12 @@ Result<> Interception::putInForce(const Offers& before, const Offers& wanted) {
 
 Result<> Interception::begin() {
     if (const auto opened = openKernelParts(); !opened) return opened;
+    if (const auto carried = chooseCarrier(); !carried) return carried;
     if (!workers) {
         workers = std::make_unique<PacketWorkers>(
-            *queue, [this](const HeldPacket& packet) { return decisions.markFor(packet); },
+            *queue, [this](const HeldPacket& packet) { return decisions.verdictOn(packet); },
             [](std::size_t count) {
-                platformLog.error("%ld packets had waited too long for a verdict and were let go",
+                platformLog.error("%ld packets had waited too long for a verdict and were passed",
                                   count);
             },
             chosen.limits);
@@ -193,6 +195,22 @@ Result<> Interception::openKernelParts() {
     if (done && !table) done = open(table, PacketTable::open(chosen.ownership));
     if (done && !queue) done = open(queue, PacketQueue::open());
     return done;
+}
+
+Result<> Interception::chooseCarrier() {
+    if (workers) return {};
+    const auto carrier = probeVerdicts(*table, *queue, *entries, place);
+    if (!carrier) return carrier.error();
+    content.carrier = *carrier;
+    const bool isDirect = *carrier == VerdictCarrier::connection;
+    verdictPlace.set(isDirect ? "on the connection"
+                              : "on the packet's priority, then the connection");
+    if (!isDirect)
+        platformLog.info(
+            "This kernel takes no verdict to a connection by itself (NETFILTER_NETLINK_GLUE_CT is "
+            "not "
+            "built in): the packet's priority carries it to a rule that does");
+    return {};
 }
 
 Result<> Interception::flushDeclined(Offers& wanted) {

@@ -13,6 +13,7 @@
 
 #include "Platform/Common/Mutex.h"
 #include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/Health/Health.h"
 #include "Platform/Linux/Interception/ConnectionEntries.h"
 #include "Platform/Linux/Interception/DirectRoutes.h"
 #include "Platform/Linux/Interception/FlowDecisions.h"
@@ -68,6 +69,7 @@ private:
     Result<> carryOut(const Change& change);
     Result<> begin();
     Result<> openKernelParts();
+    Result<> chooseCarrier();
     Result<> putInForce(const Offers& before, const Offers& wanted);
     Result<> flushDeclined(Offers& wanted);
     void watchRules();
@@ -84,6 +86,8 @@ private:
     const Choices chosen;
     PacketTableContent content;
     bool isInstalled = false;
+    health::State verdictPlace{health::Place::verdicts, "verdictPlace", "Verdicts are given",
+                               "not yet"};
 
     Mutex lock;
     std::vector<Setting> waiting GUARDED_BY(lock);

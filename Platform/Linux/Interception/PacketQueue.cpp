@@ -1,3 +1,6 @@
+// The kernel's own description comes first: the library brings an older copy.
+#include <linux/netfilter/nfnetlink_queue.h>
+
 #include "Platform/Linux/Interception/PacketQueue.h"
 
 #include <arpa/inet.h>
@@ -6,7 +9,7 @@
 #include <libnetfilter_queue/libnetfilter_queue.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nfnetlink.h>
-#include <linux/netfilter/nfnetlink_queue.h>
+#include <linux/netfilter/nfnetlink_conntrack.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -34,8 +37,25 @@ void putCommand(nlmsghdr* header, nfqnl_msg_config_cmds command) {
     nfq_nlmsg_cfg_put_cmd(header, AF_UNSPEC, static_cast<std::uint8_t>(command));
 }
 
-std::uint32_t number32(const nlattr* attribute) {
-    return attribute ? ntohl(mnl_attr_get_u32(attribute)) : 0;
+std::uint32_t number32(const netlink::Attributes& attributes, std::uint16_t type) {
+    const auto attribute = attributes.find(type);
+    return attribute ? attribute->networkNumber<std::uint32_t>().value_or(0) : 0;
+}
+
+void putVerdict(nlmsghdr* header, const PacketVerdict& verdict, VerdictCarrier by,
+                MarkPlace place) {
+    const std::uint32_t byte = verdict.connectionByte.value_or(0);
+    if (by == VerdictCarrier::connection) {
+        nlattr* const connection = mnl_attr_nest_start(header, NFQA_CT);
+        mnl_attr_put_u32(header, CTA_MARK, htonl(byte << place.shift()));
+        mnl_attr_put_u32(header, CTA_MARK_MASK, htonl(place.mask()));
+        mnl_attr_nest_end(header, connection);
+        return;
+    }
+    const std::uint32_t carried = byte << VerdictPriority::shift;
+    mnl_attr_put_u32(
+        header, NFQA_PRIORITY,
+        htonl(VerdictPriority::sign | carried | (verdict.priority & VerdictPriority::packetsOwn)));
 }
 
 }  // namespace
@@ -71,7 +91,8 @@ Result<std::unique_ptr<PacketQueue>> PacketQueue::open() {
 }
 
 Result<> PacketQueue::bindQueues() {
-    const std::array<std::uint16_t*, 3> wanted{&queues.newFlows, &queues.watchedData,
+    const std::array<std::uint16_t*, 5> wanted{&queues.newFlows, &queues.newOverClaimed,
+                                               &queues.watchedData, &queues.watchedDataOfClaimed,
                                                &queues.offeredAgain};
     std::uint16_t number = firstNumber;
     for (std::uint16_t* const queue : wanted) {
@@ -105,6 +126,23 @@ Result<> PacketQueue::bindQueue(std::uint16_t number) {
     return socket.transact(bytesOf(buffer));
 }
 
+bool PacketQueue::prepareConnectionMarks() {
+    // The flag itself is of no use here; setting it loads the module, after which it has to be set again.
+    Result<> set = setConnectionFlag(true);
+    if (!set && set.error().code() == EAGAIN) set = setConnectionFlag(true);
+    return set && setConnectionFlag(false);
+}
+
+Result<> PacketQueue::setConnectionFlag(bool isOn) {
+    alignas(nlmsghdr) std::array<char, 256> buffer{};
+    nlmsghdr* const configure = nfq_nlmsg_put(buffer.data(), NFQNL_MSG_CONFIG, queues.newFlows);
+    configure->nlmsg_flags |= NLM_F_ACK;
+    const std::uint32_t flag = NFQA_CFG_F_CONNTRACK;
+    mnl_attr_put_u32(configure, NFQA_CFG_FLAGS, htonl(isOn ? flag : 0));
+    mnl_attr_put_u32(configure, NFQA_CFG_MASK, htonl(flag));
+    return socket.transact(bytesOf(buffer));
+}
+
 bool PacketQueue::receive(std::vector<HeldPacket>& packets) {
     const int received = recvmmsg(socket.descriptor(), buffers->headers.data(), packetsAtOnce,
                                   MSG_DONTWAIT, nullptr);
@@ -118,52 +156,59 @@ bool PacketQueue::receive(std::vector<HeldPacket>& packets) {
 }
 
 void PacketQueue::append(std::span<char> datagram, std::vector<HeldPacket>& packets) {
-    int length = static_cast<int>(datagram.size());
-    for (const auto* message = reinterpret_cast<const nlmsghdr*>(datagram.data());
-         mnl_nlmsg_ok(message, length); message = mnl_nlmsg_next(message, &length)) {
+    netlink::forEachMessage(std::as_bytes(datagram), [&](const netlink::Message& message) {
         // The refusal of a verdict that came after its packet had gone.
-        if (message->nlmsg_type == NLMSG_ERROR) continue;
-        std::array<nlattr*, NFQA_MAX + 1> attributes{};
-        if (nfq_nlmsg_parse(message, attributes.data()) < 0 || !attributes[NFQA_PACKET_HDR])
-            continue;
-        const auto* const about = static_cast<const nfgenmsg*>(mnl_nlmsg_get_payload(message));
-        const auto* const header = static_cast<const nfqnl_msg_packet_hdr*>(
-            mnl_attr_get_payload(attributes[NFQA_PACKET_HDR]));
-        HeldPacket packet;
-        packet.queueNumber = ntohs(about->res_id);
-        packet.purpose = packet.queueNumber == queues.newFlows      ? PacketPurpose::newFlow
-                         : packet.queueNumber == queues.watchedData ? PacketPurpose::watchedData
-                                                                    : PacketPurpose::offeredAgain;
-        packet.id = ntohl(header->packet_id);
-        packet.mark = number32(attributes[NFQA_MARK]);
-        packet.flow.outputInterface = number32(attributes[NFQA_IFINDEX_OUTDEV]);
-        bool isReadable = false;
-        if (const nlattr* const payload = attributes[NFQA_PAYLOAD]) {
-            const std::span bytes(static_cast<const std::uint8_t*>(mnl_attr_get_payload(payload)),
-                                  mnl_attr_get_payload_len(payload));
-            const std::uint32_t cutFrom = number32(attributes[NFQA_CAP_LEN]);
-            isReadable = readHeaders(bytes, cutFrom != 0 ? cutFrom : bytes.size(), packet);
-        }
-        if (isReadable) {
-            packets.push_back(packet);
-        } else {
-            const PacketVerdict letGo{packet.queueNumber, packet.id, packet.mark};
-            release({&letGo, 1});
-        }
+        if (message.type() == NLMSG_ERROR) return;
+        const auto about = message.fixedHeader<nfgenmsg>();
+        if (about) append(ntohs(about->res_id), message.attributes<nfgenmsg>(), packets);
+    });
+}
+
+void PacketQueue::append(std::uint16_t number, const netlink::Attributes& attributes,
+                         std::vector<HeldPacket>& packets) {
+    const auto header = attributes.find(NFQA_PACKET_HDR);
+    const auto description = header ? header->record<nfqnl_msg_packet_hdr>() : std::nullopt;
+    if (!description) return;
+    HeldPacket packet;
+    packet.queueNumber = number;
+    packet.id = ntohl(description->packet_id);
+    const auto isFrom = [number](std::uint16_t queue) { return number == queue; };
+    packet.isOfClaimed = isFrom(queues.newOverClaimed) || isFrom(queues.watchedDataOfClaimed);
+    packet.purpose = isFrom(queues.newFlows) || isFrom(queues.newOverClaimed)
+                         ? PacketPurpose::newFlow
+                     : isFrom(queues.offeredAgain) ? PacketPurpose::offeredAgain
+                                                   : PacketPurpose::watchedData;
+    packet.priority = number32(attributes, NFQA_PRIORITY);
+    packet.flow.outputInterface = number32(attributes, NFQA_IFINDEX_OUTDEV);
+    bool isReadable = false;
+    if (const auto payload = attributes.find(NFQA_PAYLOAD)) {
+        const auto bytes = payload->bytes();
+        const std::span read(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+        const std::uint32_t cutFrom = number32(attributes, NFQA_CAP_LEN);
+        isReadable = readHeaders(read, cutFrom != 0 ? cutFrom : bytes.size(), packet);
+    }
+    if (isReadable) {
+        packets.push_back(packet);
+    } else {
+        const PacketVerdict unread = PacketVerdict::pass(packet);
+        release({&unread, 1});
     }
 }
 
 void PacketQueue::release(std::span<const PacketVerdict> verdicts) {
     constexpr std::size_t atOnce = 32;
-    constexpr std::size_t room = 64;  // a verdict with a mark takes 44 bytes
+    constexpr std::size_t room = 64;  // a verdict with a mark takes 56 bytes
+    const VerdictCarrier by = carrier;
+    const MarkPlace inPlace = place;
     while (!verdicts.empty()) {
         alignas(nlmsghdr) std::array<char, atOnce * room> buffer{};
         std::size_t used = 0;
         for (const PacketVerdict& verdict : verdicts.first(std::min(atOnce, verdicts.size()))) {
             nlmsghdr* const header =
                 nfq_nlmsg_put(buffer.data() + used, NFQNL_MSG_VERDICT, verdict.queueNumber);
-            nfq_nlmsg_verdict_put(header, static_cast<int>(verdict.id), NF_ACCEPT);
-            nfq_nlmsg_verdict_put_mark(header, verdict.mark);
+            nfq_nlmsg_verdict_put(header, static_cast<int>(verdict.id),
+                                  verdict.isDropped ? NF_DROP : NF_ACCEPT);
+            if (verdict.connectionByte) putVerdict(header, verdict, by, inPlace);
             used += header->nlmsg_len;
         }
         // The kernel refuses none but those of packets that have gone meanwhile.

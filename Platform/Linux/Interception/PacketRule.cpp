@@ -116,10 +116,10 @@ PacketRule& PacketRule::withPacketMark(std::uint32_t mask, std::uint32_t value) 
     return *this;
 }
 
-PacketRule& PacketRule::withoutPacketMark(std::uint32_t mask, std::uint32_t value) {
-    load("meta", NFTNL_EXPR_META_KEY, NFTNL_EXPR_META_DREG, NFT_META_MARK);
+PacketRule& PacketRule::withPriority(std::uint32_t mask, std::uint32_t value) {
+    load("meta", NFTNL_EXPR_META_KEY, NFTNL_EXPR_META_DREG, NFT_META_PRIORITY);
     mask32(mask, 0);
-    compare(NFT_CMP_NEQ, &value, sizeof value);
+    compare(NFT_CMP_EQ, &value, sizeof value);
     return *this;
 }
 
@@ -146,11 +146,11 @@ PacketRule& PacketRule::inDirectionOfOpening() {
     return *this;
 }
 
-PacketRule& PacketRule::putPacketMark(std::uint32_t mask, std::uint32_t value) {
-    load("meta", NFTNL_EXPR_META_KEY, NFTNL_EXPR_META_DREG, NFT_META_MARK);
+PacketRule& PacketRule::putPriority(std::uint32_t mask, std::uint32_t value) {
+    load("meta", NFTNL_EXPR_META_KEY, NFTNL_EXPR_META_DREG, NFT_META_PRIORITY);
     mask32(~mask, value);
     nftnl_expr* const store = add("meta");
-    nftnl_expr_set_u32(store, NFTNL_EXPR_META_KEY, NFT_META_MARK);
+    nftnl_expr_set_u32(store, NFTNL_EXPR_META_KEY, NFT_META_PRIORITY);
     nftnl_expr_set_u32(store, NFTNL_EXPR_META_SREG, workRegister);
     return *this;
 }
@@ -171,6 +171,11 @@ void PacketRule::verdict(std::uint32_t verdict, const char* chain) {
     if (chain) nftnl_expr_set_str(expression, NFTNL_EXPR_IMM_CHAIN, chain);
 }
 
+PacketRule& PacketRule::count() {
+    add("counter");
+    return *this;
+}
+
 PacketRule& PacketRule::accept() {
     verdict(NF_ACCEPT, nullptr);
     return *this;
@@ -178,6 +183,16 @@ PacketRule& PacketRule::accept() {
 
 PacketRule& PacketRule::jumpTo(const char* chain) {
     verdict(static_cast<std::uint32_t>(NFT_JUMP), chain);
+    return *this;
+}
+
+PacketRule& PacketRule::goTo(const char* chain) {
+    verdict(static_cast<std::uint32_t>(NFT_GOTO), chain);
+    return *this;
+}
+
+PacketRule& PacketRule::leave() {
+    verdict(static_cast<std::uint32_t>(NFT_RETURN), nullptr);
     return *this;
 }
 

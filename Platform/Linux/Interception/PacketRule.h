@@ -33,19 +33,26 @@ public:
     // Sent through a socket that a process holds; packets of the kernel's own are not.
     PacketRule& sentByProcess();
     PacketRule& withPacketMark(std::uint32_t mask, std::uint32_t value);
-    PacketRule& withoutPacketMark(std::uint32_t mask, std::uint32_t value);
+    PacketRule& withPriority(std::uint32_t mask, std::uint32_t value);
     PacketRule& withConnectionMark(std::uint32_t mask, std::uint32_t value);
     PacketRule& ofNewConnection();
     PacketRule& inDirectionOfOpening();
 
     // Replaces the bits in `mask`, and only those.
-    PacketRule& putPacketMark(std::uint32_t mask, std::uint32_t value);
+    PacketRule& putPriority(std::uint32_t mask, std::uint32_t value);
     PacketRule& putConnectionMark(std::uint32_t mask, std::uint32_t value);
+    // Counts the packets that get here.
+    PacketRule& count();
 
     // Last words.
     PacketRule& accept();
+    // The rest of the chain comes after the other one.
     PacketRule& jumpTo(const char* chain);
-    // Hands the packet to a queue; it passes when nobody reads there.
+    // The other chain takes the place of the rest.
+    PacketRule& goTo(const char* chain);
+    // Leaves the chain.
+    PacketRule& leave();
+    // Hands the packet to a queue; it passes when no one reads there.
     PacketRule& queueTo(std::uint16_t queueNumber, QueueForm form);
     PacketRule& redirectTo(std::uint16_t localPort);
     PacketRule& rejectWithReset();

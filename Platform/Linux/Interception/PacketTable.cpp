@@ -5,6 +5,7 @@
 
 #include <libnftnl/chain.h>
 #include <libnftnl/common.h>
+#include <libnftnl/expr.h>
 #include <libnftnl/rule.h>
 #include <libnftnl/table.h>
 #include <linux/netfilter.h>
@@ -15,20 +16,26 @@
 #include <cerrno>
 #include <climits>
 #include <new>
+#include <string_view>
+#include <utility>
 
 namespace platform::interception {
 
 namespace {
 
-// The chains. `offer` comes before every redirect of others (priority -100) and behind connection
-// tracking (-200); `keep` behind both.
+// The chains. `offer` comes after connection tracking (-200) and before every redirect of others (-100);
+// `answer` right after it, so that few rules of others can come between a verdict and its effect.
 constexpr const char* offerChain = "offer";
 constexpr const char* ownTrafficChain = "own_traffic";
 constexpr const char* generationChain = "generation";
-constexpr const char* newFlowsChain = "new_flows";
+constexpr const char* openingsChain = "openings";
+constexpr const char* datagramsChain = "datagrams";
+constexpr const char* segmentsChain = "segments";
+constexpr const char* answerChain = "answer";
+constexpr const char* takeVerdictChain = "take_verdict";
 constexpr const char* redirectChain = "redirect";
-constexpr const char* keepChain = "keep";
-constexpr const char* keepMarkChain = "keep_mark";
+constexpr std::int32_t offerPriority = -150;
+constexpr std::int32_t redirectPriority = -100;
 
 // A sequence of changes that the kernel carries out together or not at all.
 class Transaction {
@@ -38,7 +45,12 @@ public:
         advance();
     }
 
-    void addTable(std::uint32_t flags) { table(NFT_MSG_NEWTABLE, NLM_F_CREATE, flags); }
+    void replaceTable(std::uint32_t flags) {
+        // Adding a table that exists is no error, deleting one that does not is.
+        addTable(flags);
+        deleteTable();
+        addTable(flags);
+    }
     void deleteTable() { table(NFT_MSG_DELTABLE, 0, 0); }
 
     void addChain(const char* name) { chain(name, nullptr, 0); }
@@ -68,6 +80,8 @@ public:
 
 private:
     static constexpr std::uint32_t sequence = 1;
+
+    void addTable(std::uint32_t flags) { table(NFT_MSG_NEWTABLE, NLM_F_CREATE, flags); }
 
     char* room() { return buffer.data() + used; }
     void advance() { used += reinterpret_cast<const nlmsghdr*>(room())->nlmsg_len; }
@@ -118,48 +132,88 @@ PacketRule currentGeneration(MarkPlace place, unsigned generation) {
 }
 
 void addChains(Transaction& transaction) {
-    transaction.addChain(ownTrafficChain);
-    transaction.addChain(generationChain);
-    transaction.addChain(newFlowsChain);
-    transaction.addChain(keepMarkChain);
-    transaction.addOutputChain(offerChain, "filter", -150);
-    transaction.addOutputChain(redirectChain, "nat", -100);
-    // The kernel routes a packet anew when its verdict brings a mark. Marks decide on routes, and a
-    // VPN may want exactly its own; so once ours is off the mark again, so must be that detour.
-    transaction.addOutputChain(keepChain, "route", 0);
+    for (const char* const chain : {ownTrafficChain, generationChain, openingsChain, datagramsChain,
+                                    segmentsChain, takeVerdictChain})
+        transaction.addChain(chain);
+    transaction.addOutputChain(offerChain, "filter", offerPriority);
+    transaction.addOutputChain(answerChain, "filter", offerPriority + 1);
+    transaction.addOutputChain(redirectChain, "nat", redirectPriority);
+}
+
+PacketRule ruleOnState(const char* chain, MarkPlace place, FlowState state) {
+    return std::move(PacketRule(chain).withConnectionMark(place.stateMask(), place.value(state)));
+}
+
+// Adds the rule that has one effect of the table on packets of one kind, in the chain for that kind. That
+// denied connections are refused is the answer chain's.
+void addEffect(Transaction& transaction, const PacketTableContent& content, QueueForm form,
+               const char* chain, FlowState state, PacketKind kind) {
+    const MarkPlace place = content.place;
+    const Effect effect = effectOn(state, kind);
+    PacketRule rule = ruleOnState(chain, place, state);
+    switch (effect) {
+        case Effect::pass:
+            return;
+        case Effect::refuse:
+            if (kind != PacketKind::tcpOpening) return;
+            rule.inDirectionOfOpening().rejectWithReset();
+            break;
+        case Effect::offerIfFirst:
+            rule.ofNewConnection();
+            [[fallthrough]];
+        case Effect::offer:
+            rule.sentByProcess()
+                .putConnectionMark(place.mask(), place.value(FlowState::passedUnseen))
+                .queueTo(isClaimed(state) ? content.queues.newOverClaimed : content.queues.newFlows,
+                         form);
+            break;
+        case Effect::offerAgain:
+            rule.sentByProcess().queueTo(content.queues.offeredAgain, form);
+            break;
+        case Effect::show:
+            rule.withPayload().queueTo(
+                isClaimed(state) ? content.queues.watchedDataOfClaimed : content.queues.watchedData,
+                form);
+            break;
+    }
+    transaction.addRule(rule);
 }
 
 // The chain that every outbound packet meets. The commonest packet, one of a declined flow, leaves
-// it after three tests.
-void addOfferRules(Transaction& transaction, const PacketTableContent& content, QueueForm form) {
-    const MarkPlace place = content.place;
-    const auto state = [&](FlowState value) { return place.value(value); };
+// it after a few tests.
+void addOfferRules(Transaction& transaction, const PacketTableContent& content) {
     const auto rule = [] { return PacketRule(offerChain); };
-
+    const MarkPlace place = content.place;
     transaction.addRule(rule().leavingByLoopback().accept());
-    transaction.addRule(rule()
-                            .withPacketMark(place.stateMask(), state(FlowState::ownTraffic))
-                            .jumpTo(ownTrafficChain));
-    transaction.addRule(rule().jumpTo(generationChain));
-    // What applications put there themselves is no verdict of ours.
-    transaction.addRule(rule().withoutPacketMark(place.mask(), 0).putPacketMark(place.mask(), 0));
-    transaction.addRule(rule().ofProtocol(IPPROTO_TCP).withTcpFlags(TH_RST, TH_RST).accept());
-    transaction.addRule(rule().withConnectionMark(place.mask(), 0).jumpTo(newFlowsChain));
-    transaction.addRule(rule()
-                            .withConnectionMark(place.stateMask(), state(FlowState::declined))
-                            .sentByProcess()
-                            .queueTo(content.queues.offeredAgain, form));
-    for (const FlowState watched : {FlowState::watched, FlowState::claimedAndWatched})
+    transaction.addRule(
+        rule().withPacketMark(place.mask(), place.ownValue()).goTo(ownTrafficChain));
+    const bool offersTcp = content.offeredProtocols.contains(IPPROTO_TCP);
+    if (offersTcp)
         transaction.addRule(rule()
-                                .withConnectionMark(place.stateMask(), state(watched))
-                                .withPayload()
-                                .queueTo(content.queues.watchedData, form));
-    // The socket of another program that has the addresses and ports of a connection of ours.
-    transaction.addRule(rule()
-                            .withConnectionMark(place.stateMask(), state(FlowState::ownTraffic))
-                            .inDirectionOfOpening()
-                            .ofProtocol(IPPROTO_TCP)
-                            .rejectWithReset());
+                                .ofProtocol(IPPROTO_TCP)
+                                .withTcpFlags(TH_FIN | TH_SYN | TH_RST | TH_ACK, TH_SYN)
+                                .goTo(openingsChain));
+    transaction.addRule(rule().jumpTo(generationChain));
+    if (content.offeredProtocols.contains(IPPROTO_UDP))
+        transaction.addRule(rule().ofProtocol(IPPROTO_UDP).goTo(datagramsChain));
+    if (!offersTcp) return;
+    transaction.addRule(rule().ofProtocol(IPPROTO_TCP).withTcpFlags(TH_RST, TH_RST).accept());
+    transaction.addRule(rule().ofProtocol(IPPROTO_TCP).goTo(segmentsChain));
+}
+
+void addEffects(Transaction& transaction, const PacketTableContent& content, QueueForm form) {
+    for (const FlowState state : allFlowStates) {
+        const auto add = [&](const char* chain, PacketKind kind) {
+            addEffect(transaction, content, form, chain, state, kind);
+        };
+        add(openingsChain, PacketKind::tcpOpening);
+        add(datagramsChain, PacketKind::datagram);
+        add(segmentsChain, PacketKind::tcpPayload);
+        const Effect onOthers = effectOn(state, PacketKind::otherTcp);
+        // Where the effect is the same, one rule does for both.
+        if (onOthers != effectOn(state, PacketKind::tcpPayload))
+            add(segmentsChain, PacketKind::otherTcp);
+    }
 }
 
 // Our own packets pass; their connections are known by it from the first one on.
@@ -167,25 +221,14 @@ void addOwnTrafficRules(Transaction& transaction, MarkPlace place) {
     transaction.addRule(PacketRule(ownTrafficChain)
                             .ofProtocol(IPPROTO_TCP)
                             .withTcpFlags(TH_SYN | TH_ACK, TH_SYN)
-                            .putConnectionMark(place.mask(), place.value(FlowState::ownTraffic)));
+                            .putConnectionMark(place.mask(), place.ownValue()));
     transaction.addRule(PacketRule(ownTrafficChain).accept());
 }
 
-void addNewFlowRules(Transaction& transaction, const PacketTableContent& content, QueueForm form) {
-    for (const std::uint8_t protocol : content.offeredProtocols) {
-        PacketRule rule(newFlowsChain);
-        rule.ofProtocol(protocol).ofNewConnection();
-        if (protocol == IPPROTO_TCP) rule.withTcpFlags(TH_FIN | TH_SYN | TH_RST | TH_ACK, TH_SYN);
-        transaction.addRule(rule.sentByProcess().queueTo(content.queues.newFlows, form));
-    }
-}
-
 void addRedirectRules(Transaction& transaction, const PacketTableContent& content) {
-    const MarkPlace place = content.place;
     const auto redirect = [&](std::uint8_t family, std::uint16_t port, FlowState state) {
         if (port == 0) return;
-        transaction.addRule(PacketRule(redirectChain)
-                                .withPacketMark(place.stateMask(), place.value(state))
+        transaction.addRule(ruleOnState(redirectChain, content.place, state)
                                 .ofNetworkProtocol(family)
                                 .ofProtocol(IPPROTO_TCP)
                                 .redirectTo(port));
@@ -196,31 +239,49 @@ void addRedirectRules(Transaction& transaction, const PacketTableContent& conten
     }
 }
 
-// Copies the packet's byte to the connection. The rule language of most kernels has no way to
-// combine two marks, so it goes bit by bit; only packets that carry a verdict get here.
-void addKeepRules(Transaction& transaction, const PacketTableContent& content) {
-    const MarkPlace place = content.place;
-    transaction.addRule(PacketRule(keepChain)
-                            .withPacketMark(place.stateMask(), place.value(FlowState::ownTraffic))
-                            .accept());
-    transaction.addRule(
-        PacketRule(keepChain).withoutPacketMark(place.mask(), 0).jumpTo(keepMarkChain));
+// Takes a verdict from the packet's priority to the connection's mark. The rule language of most kernels
+// has no way to combine the two, so it goes bit by bit; only packets that carry a verdict get here.
+void addTakeVerdictRules(Transaction& transaction, MarkPlace place) {
+    const auto rule = [] { return PacketRule(takeVerdictChain); };
+    transaction.addRule(rule().putConnectionMark(place.mask(), 0));
+    for (unsigned bit = 0; bit < 8; ++bit) {
+        const std::uint32_t carried = 1u << (VerdictPriority::shift + bit);
+        const std::uint32_t value = 1u << (place.shift() + bit);
+        transaction.addRule(rule().withPriority(carried, carried).putConnectionMark(value, value));
+    }
+    transaction.addRule(rule().putPriority(~VerdictPriority::packetsOwn, 0));
+}
 
+// What has come through `offer`, with a verdict or without.
+void addAnswerRules(Transaction& transaction, MarkPlace place, VerdictCarrier carrier) {
+    if (carrier == VerdictCarrier::priority) {
+        addTakeVerdictRules(transaction, place);
+        transaction.addRule(PacketRule(answerChain)
+                                .withPriority(VerdictPriority::signMask, VerdictPriority::sign)
+                                .jumpTo(takeVerdictChain));
+    }
+    transaction.addRule(ruleOnState(answerChain, place, FlowState::passedUnseen).count());
     const auto denied = [&] {
-        return std::move(PacketRule(keepChain)
-                             .withConnectionMark(place.stateMask(), place.value(FlowState::denied))
-                             .inDirectionOfOpening());
+        return std::move(ruleOnState(answerChain, place, FlowState::denied).inDirectionOfOpening());
     };
     transaction.addRule(denied().ofProtocol(IPPROTO_TCP).withTcpFlags(TH_RST, 0).rejectWithReset());
     transaction.addRule(denied().ofProtocol(IPPROTO_UDP).rejectAsPortUnreachable());
+}
 
-    transaction.addRule(PacketRule(keepMarkChain).putConnectionMark(place.mask(), 0));
-    for (unsigned bit = 0; bit < 8; ++bit) {
-        const std::uint32_t value = 1u << (place.shift() + bit);
-        transaction.addRule(
-            PacketRule(keepMarkChain).withPacketMark(value, value).putConnectionMark(value, value));
-    }
-    transaction.addRule(PacketRule(keepMarkChain).putPacketMark(place.mask(), 0));
+void freeRule(const nftnl_rule* rule) { nftnl_rule_free(rule); }
+
+std::optional<std::uint64_t> countIn(nftnl_rule* rule) {
+    std::optional<std::uint64_t> packets;
+    nftnl_expr_foreach(
+        rule,
+        [](nftnl_expr* expression, void* into) {
+            if (std::string_view(nftnl_expr_get_str(expression, NFTNL_EXPR_NAME)) == "counter")
+                *static_cast<std::optional<std::uint64_t>*>(into) =
+                    nftnl_expr_get_u64(expression, NFTNL_EXPR_CTR_PACKETS);
+            return 0;
+        },
+        &packets);
+    return packets;
 }
 
 }  // namespace
@@ -249,34 +310,60 @@ Result<> PacketTable::stopOffering() {
     return transaction.commit(socket);
 }
 
+std::uint32_t PacketTable::tableFlags() const {
+    return ownership == TableOwnership::exclusive ? std::uint32_t{NFT_TABLE_F_OWNER} : 0;
+}
+
+template <class Install>
+Result<> PacketTable::inWorkingForm(Install install) {
+    if (workingForm) return install(*workingForm);
+    const auto installed = install(QueueForm::native);
+    const bool isUnknown = !installed && installed.error().code() == ENOENT;
+    return isUnknown ? install(QueueForm::target) : installed;
+}
+
 Result<> PacketTable::install(const PacketTableContent& wanted) {
     content = wanted;
-    if (workingForm) return installIn(*workingForm);
-    const auto installed = installIn(QueueForm::native);
-    const bool isUnknown = !installed && installed.error().code() == ENOENT;
-    return isUnknown ? installIn(QueueForm::target) : installed;
+    return inWorkingForm([this](QueueForm form) { return installIn(form); });
 }
 
 Result<> PacketTable::installIn(QueueForm form) {
-    const std::uint32_t flags =
-        ownership == TableOwnership::exclusive ? std::uint32_t{NFT_TABLE_F_OWNER} : 0;
     Transaction transaction;
-    // Adding a table that exists is no error, deleting one that does not is.
-    transaction.addTable(flags);
-    transaction.deleteTable();
-    transaction.addTable(flags);
+    transaction.replaceTable(tableFlags());
     addChains(transaction);
     transaction.addRule(currentGeneration(content.place, content.generation));
-    addOfferRules(transaction, content, form);
+    addOfferRules(transaction, content);
+    addEffects(transaction, content, form);
     addOwnTrafficRules(transaction, content.place);
-    addNewFlowRules(transaction, content, form);
     addRedirectRules(transaction, content);
-    addKeepRules(transaction, content);
+    addAnswerRules(transaction, content.place, content.carrier);
     const auto committed = transaction.commit(socket);
     if (committed) {
         workingForm = form;
         ruleCount = transaction.ruleCount();
     }
+    return committed;
+}
+
+Result<> PacketTable::installProbe(MarkPlace place, std::uint16_t queueNumber,
+                                   VerdictCarrier carrier) {
+    return inWorkingForm(
+        [&](QueueForm form) { return installProbeIn(form, place, queueNumber, carrier); });
+}
+
+Result<> PacketTable::installProbeIn(QueueForm form, MarkPlace place, std::uint16_t queueNumber,
+                                     VerdictCarrier carrier) {
+    Transaction transaction;
+    transaction.replaceTable(tableFlags());
+    addChains(transaction);
+    transaction.addRule(PacketRule(offerChain)
+                            .leavingByLoopback()
+                            .withPacketMark(place.mask(), place.ownValue())
+                            .ofProtocol(IPPROTO_UDP)
+                            .queueTo(queueNumber, form));
+    addAnswerRules(transaction, place, carrier);
+    const auto committed = transaction.commit(socket);
+    if (committed) workingForm = form;
     return committed;
 }
 
@@ -288,27 +375,36 @@ Result<> PacketTable::setGeneration(unsigned generation) {
     return transaction.commit(socket);
 }
 
+template <class Visit>
+Result<> PacketTable::visitRules(Visit visit) {
+    alignas(nlmsghdr) std::array<char, 256> buffer;
+    PacketRule every(offerChain);
+    nftnl_rule_unset(every.get(), NFTNL_RULE_CHAIN);
+    nlmsghdr* const header =
+        nftnl_nlmsg_build_hdr(buffer.data(), NFT_MSG_GETRULE, NFPROTO_INET, NLM_F_DUMP, 2);
+    nftnl_rule_nlmsg_build_payload(header, every.get());
+    return socket.request(*header, visit);
+}
+
 bool PacketTable::isComplete() {
     // A count that another change of the rules spoils is taken again.
     for (;;) {
-        const auto found = countRules();
-        if (found) return *found == ruleCount;
-        if (found.error().code() != EINTR) return false;
+        std::size_t found = 0;
+        const auto counted = visitRules([&](const netlink::Message&) { ++found; });
+        if (counted) return found == ruleCount;
+        if (counted.error().code() != EINTR) return false;
     }
 }
 
-Result<std::size_t> PacketTable::countRules() {
-    alignas(nlmsghdr) std::array<char, 256> buffer;
-    const PacketRule every(offerChain);
-    nlmsghdr* const header =
-        nftnl_nlmsg_build_hdr(buffer.data(), NFT_MSG_GETRULE, NFPROTO_INET, NLM_F_DUMP, 2);
-    nftnl_rule* const table = const_cast<nftnl_rule*>(every.get());
-    nftnl_rule_unset(table, NFTNL_RULE_CHAIN);
-    nftnl_rule_nlmsg_build_payload(header, table);
-    std::size_t found = 0;
-    const auto counted = socket.request(*header, [&](const netlink::Message&) { ++found; });
-    if (!counted) return counted.error();
-    return found;
+std::optional<std::uint64_t> PacketTable::passedUnseen() {
+    std::optional<std::uint64_t> packets;
+    const auto read = visitRules([&packets](const netlink::Message& message) {
+        const std::unique_ptr<nftnl_rule, decltype(&freeRule)> rule(nftnl_rule_alloc(), &freeRule);
+        if (!rule || nftnl_rule_nlmsg_parse(&message.header(), rule.get()) < 0) return;
+        // The table has one counter.
+        if (const auto counted = countIn(rule.get())) packets = counted;
+    });
+    return read ? packets : std::nullopt;
 }
 
 }  // namespace platform::interception

@@ -123,8 +123,7 @@ void PacketWorkers::workOn(Flows::value_type& flow) {
         verdicts.clear();
         if (!isOverdue) {
             lock.unlock();
-            for (const HeldPacket& packet : taken)
-                verdicts.push_back({packet.queueNumber, packet.id, decide(packet)});
+            for (const HeldPacket& packet : taken) verdicts.push_back(decide(packet));
             lock.lock();
             for (std::size_t index = count; index-- > 0;)
                 if (waiting[index].isReleased)
@@ -168,8 +167,7 @@ std::size_t PacketWorkers::releaseOlderThan(Clock::time_point limit) {
         for (Waiting& waiting : flow.packets) {
             if (waiting.isReleased || waiting.arrival > limit) continue;
             waiting.isReleased = true;
-            const HeldPacket& packet = waiting.packet;
-            verdicts.push_back({packet.queueNumber, packet.id, packet.mark});
+            verdicts.push_back(PacketVerdict::pass(waiting.packet));
         }
     }
     queue.release(verdicts);

@@ -26,8 +26,7 @@ namespace platform::interception {
 
 class PacketWorkers {
 public:
-    // Gives the mark under which the packet goes on.
-    using Decide = std::function<std::uint32_t(const HeldPacket&)>;
+    using Decide = std::function<PacketVerdict(const HeldPacket&)>;
     // Told how many packets the watchdog let go at once.
     using ReportOverdue = std::function<void(std::size_t)>;
 

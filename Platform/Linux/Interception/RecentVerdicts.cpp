@@ -42,7 +42,7 @@ void RecentVerdicts::forget(const FlowTuple& flow) {
 void RecentVerdicts::forgetExpired(Clock::time_point now) {
     while (!byExpiry.empty() && (byExpiry.front().expiry <= now || byExpiry.size() >= capacity)) {
         const auto found = entries.find(byExpiry.front().flow);
-        // A flow that was remembered anew since has a later expiry and stays.
+        // A flow that was remembered again since has a later expiry and stays.
         if (found != entries.end() && found->second.expiry == byExpiry.front().expiry)
             entries.erase(found);
         byExpiry.pop_front();

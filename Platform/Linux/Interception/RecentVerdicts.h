@@ -1,7 +1,6 @@
-// The verdicts of the last moment. Packets of one opening can reach us more than once: a SYN that
-// is retransmitted, a burst of datagrams that were queued before the first one's verdict, every
-// datagram of a denied flow, which the kernel does not remember. They get the verdict of the first
-// one, so that a flow is offered once. Any thread; bounded in time and number.
+// The verdicts of the last moments. Packets of one opening can reach us more than once: a SYN that is
+// retransmitted, a burst of datagrams that were queued before the first one's verdict. They get the
+// verdict of the first one, so that a flow is offered once. Any thread; bounded in time and number.
 #pragma once
 
 #include <chrono>
@@ -18,7 +17,8 @@ namespace platform::interception {
 
 struct Verdict {
     FlowState state = FlowState::unseen;
-    unsigned generation = 0;  // in which it was asked for
+    unsigned generation = 0;   // in which it was asked for
+    std::uint64_t cookie = 0;  // of the socket that it is about, 0 if that is not known
 };
 
 class RecentVerdicts {
@@ -33,7 +33,8 @@ public:
     void forget(const FlowTuple& flow);
 
 private:
-    static constexpr std::chrono::seconds lifetime{1};
+    // A SYN is sent again after one second and then after two more.
+    static constexpr std::chrono::seconds lifetime{4};
     static constexpr std::size_t capacity = 16384;
 
     struct Entry {

@@ -1,7 +1,7 @@
 // The flows whose outbound bytes are shown to the filter, and how far in its stream each of them
 // is. Any thread may look up; a flow's own fields are for the thread that decides its packets,
 // which is one at a time. Bounded: beyond the capacity the flow that sent nothing for longest is
-// forgotten, and is made up anew from its next packet.
+// forgotten, and is offered to the filter again with its next packet.
 #pragma once
 
 #include <chrono>
@@ -20,14 +20,14 @@ namespace platform::interception {
 
 class WatchedFlow {
 public:
-    // `firstSequence`: of the first byte of a TCP stream.
+    // `firstSequence`: of the first byte of a TCP stream. `ofSocket`: 0 if it is not known.
     WatchedFlow(std::shared_ptr<const NEFilterSocketFlow> shown, std::uint32_t firstSequence,
-                bool claimed)
-        : flow(std::move(shown)), firstByte(firstSequence), isClaimed_(claimed) {}
+                std::uint64_t ofSocket)
+        : flow(std::move(shown)), firstByte(firstSequence), cookie_(ofSocket) {}
 
     const NEFilterSocketFlow& shownAs() const { return *flow; }
-    // Whether the proxy relays it.
-    bool isClaimed() const { return isClaimed_; }
+    // The kernel's number for the socket.
+    std::uint64_t cookie() const { return cookie_; }
 
     // Where the packet's payload begins in the flow's stream, counted from its first byte. A
     // retransmission repeats its place; datagrams follow each other.
@@ -36,7 +36,7 @@ public:
 private:
     std::shared_ptr<const NEFilterSocketFlow> flow;
     std::uint32_t firstByte;
-    bool isClaimed_;
+    std::uint64_t cookie_;
     std::int64_t furthestEnd = 0;
 };
 

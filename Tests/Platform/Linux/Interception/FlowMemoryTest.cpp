@@ -38,7 +38,7 @@ HeldPacket packetOf(const FlowTuple& flow, PacketPurpose purpose, std::uint32_t 
 
 TEST(WatchedFlow, OffsetsFollowTheStreamThroughWrapsRetransmissionsAndDatagrams) {
     const FlowTuple tcp = flowTo("192.0.2.1", 443);
-    WatchedFlow stream(nullptr, 0xfffffff0u, false);
+    WatchedFlow stream(nullptr, 0xfffffff0u, 0);
     const auto offset = [&](std::uint32_t sequence, std::size_t length) {
         return stream.offsetOf(packetOf(tcp, PacketPurpose::watchedData, sequence, length));
     };
@@ -53,13 +53,13 @@ TEST(WatchedFlow, OffsetsFollowTheStreamThroughWrapsRetransmissionsAndDatagrams)
         ASSERT_EQ(offset(sequence, std::size_t{1} << 30), expected);
 
     const FlowTuple udp = flowTo("192.0.2.1", 443, IPPROTO_UDP);
-    WatchedFlow datagrams(nullptr, 0, false);
+    WatchedFlow datagrams(nullptr, 0, 0);
     for (const std::int64_t sum : {0, 700, 1400})
         EXPECT_EQ(datagrams.offsetOf(packetOf(udp, PacketPurpose::watchedData, 0, 700)), sum);
 }
 
 TEST(WatchedFlow, DataOnASynBeginsAtTheStart) {
-    WatchedFlow stream(nullptr, 1001, false);
+    WatchedFlow stream(nullptr, 1001, 0);
     HeldPacket opening = packetOf(flowTo("192.0.2.1", 443), PacketPurpose::newFlow, 1000, 20);
     opening.opensTcp = true;
     EXPECT_EQ(stream.offsetOf(opening), 0);
@@ -70,9 +70,9 @@ TEST(WatchedFlows, ForgetTheLongestUnusedBeyondTheirCapacity) {
     WatchedFlows flows(3);
     const auto flow = [](std::uint16_t port) { return flowTo("192.0.2.1", port); };
     for (std::uint16_t port = 1; port <= 3; ++port)
-        flows.add(flow(port), std::make_shared<WatchedFlow>(nullptr, 0, false));
+        flows.add(flow(port), std::make_shared<WatchedFlow>(nullptr, 0, 0));
     EXPECT_NE(flows.find(flow(1)), nullptr);
-    flows.add(flow(4), std::make_shared<WatchedFlow>(nullptr, 0, false));
+    flows.add(flow(4), std::make_shared<WatchedFlow>(nullptr, 0, 0));
     EXPECT_EQ(flows.find(flow(2)), nullptr);
     EXPECT_NE(flows.find(flow(1)), nullptr);
     flows.removeEnded(std::chrono::seconds(0),

@@ -167,17 +167,6 @@ TEST_P(InterceptionOfEveryKind, FlushOffersDeclinedFlowsOnceMoreAlsoAfterALongSl
     EXPECT_EQ(isTcp() ? error : another.exchange(), ECONNABORTED);
 }
 
-// What a socket that cannot be ended comes to: the mark alone.
-TEST_P(InterceptionOfEveryKind, DeniedConnectionIsRejectedAtItsNextByte) {
-    ClientSocket client = connected();
-    ASSERT_EQ(client.exchange(), 0);
-    const MarkPlace place(24);
-    ASSERT_TRUE(ConnectionEntries::openOrNull()->changeMarks(
-        place.mask(), [&](std::uint32_t) { return place.value(FlowState::denied); }));
-    EXPECT_EQ(client.exchange(), isTcp() ? ECONNRESET : EPERM);
-    EXPECT_EQ(lab.bytesAtServer(), 5u);
-}
-
 TEST_P(InterceptionOfEveryKind, OwnAndLoopbackTrafficIsNeverOffered) {
     ClientSocket own = makeSocket();
     const std::uint32_t mark = OwnTraffic::mark();
@@ -195,6 +184,17 @@ TEST_P(InterceptionOfEveryKind, OwnAndLoopbackTrafficIsNeverOffered) {
 
 using ClaimedTcp = InterceptionOfEveryKind;
 INSTANTIATE_TEST_SUITE_P(Families, ClaimedTcp, testing::Values(tcpOverIPv4, tcpOverIPv6), nameOf);
+
+// What a socket that cannot be ended comes to: the mark alone.
+TEST_P(ClaimedTcp, DeniedConnectionIsRejectedAtItsNextByte) {
+    ClientSocket client = connected();
+    ASSERT_EQ(client.exchange(), 0);
+    const MarkPlace place(24);
+    ASSERT_TRUE(ConnectionEntries::openOrNull()->changeMarks(
+        place.mask(), [&](std::uint32_t) { return place.value(FlowState::denied); }));
+    EXPECT_EQ(client.exchange(), ECONNRESET);
+    EXPECT_EQ(lab.bytesAtServer(), 5u);
+}
 
 TEST_P(ClaimedTcp, UnderWatchItsBytesAreShownAndItCanBeKilled) {
     proxy->isClaiming = true;
@@ -266,6 +266,24 @@ TEST_F(InterceptionTest, BurstOfPacketsThatAreOfferedAgainGivesOneOffer) {
     EXPECT_EQ(timesOffered(), 2u);
 }
 
+TEST_F(InterceptionTest, WhatWaitsAfterADeniedSegmentIsDeniedUnasked) {
+    filter->onNewFlow = NewFlow::filterData;
+    ClientSocket client = connected();
+    const int yes = 1;
+    ASSERT_EQ(setsockopt(client.descriptor(), IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes), 0);
+    ASSERT_EQ(client.exchange(), 0);
+    filter->onData = OnData::drop;
+    filter->isWaiting = true;
+    for (int segment = 0; segment < 8; ++segment) ASSERT_EQ(client.send(1), 0);
+    ASSERT_TRUE(eventually([&] { return calls.count(Kind::data) == 2; }));
+    filter->mayGoOn.set_value();
+    EXPECT_EQ(client.receive(1), ECONNABORTED);
+    interception.reset();
+    EXPECT_EQ(calls.count(Kind::data), 2u);
+    EXPECT_EQ(timesOffered(), 1u);
+    EXPECT_EQ(lab.bytesAtServer(), 5u);
+}
+
 TEST_F(InterceptionTest, LargeSegmentsOfAWatchedUploadAreShownWholeAndInOrder) {
     filter->onNewFlow = NewFlow::filterData;
     ClientSocket client = connected();
@@ -290,7 +308,7 @@ TEST_F(InterceptionTest, DeniedDatagramFlowSparesTheOtherFlowsOfItsSocket) {
     EXPECT_EQ(lab.bytesAtServer(), 0u);
 }
 
-TEST_F(InterceptionTest, KilledDatagramFlowIsOfferedAnewWhenItsSocketGoesOn) {
+TEST_F(InterceptionTest, KilledDatagramFlowStaysSoUntilTheRulesChangeOrItsPortIsAnothers) {
     filter->onNewFlow = NewFlow::filterData;
     ClientSocket client(AF_INET, SOCK_DGRAM);
     ASSERT_EQ(client.sendTo(server(), port), 0);
@@ -299,10 +317,29 @@ TEST_F(InterceptionTest, KilledDatagramFlowIsOfferedAnewWhenItsSocketGoesOn) {
     ASSERT_EQ(client.sendTo(server(), port), 0);
     ASSERT_TRUE(eventually([&] { return calls.count(Kind::data) == 2; }));
     filter->onData = OnData::data;
-    // The first datagram after the kill may come before the kernel's entry has gone.
-    EXPECT_TRUE(
-        eventually([&] { return client.sendTo(server(), port) == 0 && timesOffered() == 2; }));
+    for (int datagram = 0; datagram < 3; ++datagram) client.sendTo(server(), port);
+    const timeval moment{0, 200'000};
+    setsockopt(client.descriptor(), SOL_SOCKET, SO_RCVTIMEO, &moment, sizeof moment);
+    EXPECT_EQ(client.receive(1), EAGAIN);
+    EXPECT_EQ(timesOffered(), 1u);
+    EXPECT_EQ(calls.count(Kind::data), 2u);
+
+    interception->setRulesChanging(true);
+    interception->setRulesChanging(false);
+    ASSERT_EQ(client.sendTo(server(), port), 0);
     EXPECT_EQ(client.receive(1), 0);
+    EXPECT_EQ(timesOffered(), 2u);
+
+    filter->onData = OnData::drop;
+    client.sendTo(server(), port);
+    ASSERT_TRUE(eventually([&] { return calls.count(Kind::data) == 4; }));
+    filter->onData = OnData::data;
+    const std::uint16_t takenPort = client.localPort();
+    client = ClientSocket(AF_INET, SOCK_DGRAM);
+    ASSERT_EQ(client.bindTo(takenPort), 0);
+    ASSERT_EQ(client.sendTo(server(), port), 0);
+    EXPECT_EQ(client.receive(1), 0);
+    EXPECT_EQ(timesOffered(), 3u);
 }
 
 TEST_F(InterceptionTest, VerdictsComeBeforeWhateverElseWantsToRun) {
@@ -442,6 +479,9 @@ TEST(InterceptionQueue, PacketsBeyondItsRoomPassAndItGoesOnAfterwards) {
     }));
     EXPECT_TRUE(eventually([&] { return std::cmp_greater(offered(false), stuck); }))
         << "what waited is offered, too";
+    // What passed is offered with its next packet.
+    for (ClientSocket& client : clients) ASSERT_EQ(client.send(1), 0);
+    EXPECT_TRUE(eventually([&] { return std::cmp_greater_equal(offered(false), clients.size()); }));
 }
 
 }  // namespace platform::interception

@@ -116,7 +116,7 @@ public:
 
     std::atomic<NewFlow> onNewFlow{NewFlow::allow};
     std::atomic<OnData> onData{OnData::data};
-    // Whether new flows get their verdict only once `mayGoOn` is set.
+    // Whether flows and bytes get their verdict only once `mayGoOn` is set.
     std::atomic<bool> isWaiting{false};
     std::promise<void> mayGoOn;
     // Of the thread on which the last flow was shown.
@@ -139,6 +139,7 @@ public:
         call.offset = offset;
         call.length = bytes.length();
         calls.add(std::move(call));
+        if (isWaiting) gate.wait();
         if (onData == OnData::allow) return NEFilterDataVerdict::allowVerdict();
         if (onData == OnData::drop) return NEFilterDataVerdict::dropVerdict();
         return NEFilterDataVerdict::dataVerdict(bytes.length(), 1);
