@@ -1,6 +1,5 @@
-// Loads the daemon's programs into the kernel and attaches them at the root of the control groups,
-// where they see what every process of the machine does with its sockets. All *.bpf.c of this folder
-// are one object: what one program notes, any other can read. The programs and their tables go with
+// Loads the programs that note who uses which socket (SocketNotes.bpf.c) into the kernel and attaches them at the root of the control groups,
+// where they see what every process of the machine does with its sockets. The programs and their tables go with
 // this object, and with the process at the latest. Needs CAP_BPF, CAP_PERFMON and CAP_NET_ADMIN, the
 // machine's first process namespace, a kernel with a description of its types and Linux 5.14. Any
 // thread.
@@ -13,7 +12,7 @@
 #include "Platform/Linux/Kernel/KernelTable.h"
 #include "Platform/Linux/Kernel/SocketNotes.h"
 
-struct kernel_programs;
+struct socket_notes;
 
 namespace platform {
 
@@ -34,9 +33,9 @@ public:
     KernelTable<std::uint64_t, KernelGroup> groups() const;  // by the control group's id
 
 private:
-    explicit KernelPrograms(kernel_programs* toOwn) : programs(toOwn) {}
+    explicit KernelPrograms(socket_notes* toOwn) : programs(toOwn) {}
 
-    kernel_programs* const programs;
+    socket_notes* const programs;
 };
 
 }  // namespace platform

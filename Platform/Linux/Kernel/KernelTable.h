@@ -1,4 +1,4 @@
-// A table that the programs in the kernel fill and the daemon reads: one system call a question. It
+// A table that the programs in the kernel fill and the daemon reads, or the other way round: one system call a question. It
 // refers to a table of KernelPrograms and lives no longer than those. Any thread.
 #pragma once
 
@@ -22,6 +22,11 @@ public:
         Value value;
         if (call(BPF_MAP_LOOKUP_ELEM, &key, &value) != 0) return std::nullopt;
         return value;
+    }
+
+    // False if there is no room.
+    bool put(const Key& key, Value value) const {
+        return call(BPF_MAP_UPDATE_ELEM, &key, &value) == 0;
     }
 
     void remove(const Key& key) const { call(BPF_MAP_DELETE_ELEM, &key, nullptr); }

@@ -95,6 +95,7 @@ struct sock_common {
 
 struct sock {
     struct sock_common __sk_common;
+    int sk_err;
 };
 
 struct ipv6_pinfo {
@@ -102,6 +103,7 @@ struct ipv6_pinfo {
 };
 
 struct inet_sock {
+    struct sock sk;
     struct ipv6_pinfo* pinet6;
     void* inet_opt;
 };
