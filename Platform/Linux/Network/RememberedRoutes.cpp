@@ -5,7 +5,6 @@
 #include <algorithm>
 
 namespace platform {
-namespace {
 
 bool isOnLinkOf(const InterfaceAddress& address, const std::array<std::uint8_t, 16>& gateway) {
     const auto wholeBytes = static_cast<std::size_t>(address.prefixLength / 8);
@@ -17,6 +16,8 @@ bool isOnLinkOf(const InterfaceAddress& address, const std::array<std::uint8_t, 
     const int shift = 8 - bits;
     return gateway[wholeBytes] >> shift == address.bytes[wholeBytes] >> shift;
 }
+
+namespace {
 
 bool reaches(const NetworkInterface& interface, int family,
              const std::array<std::uint8_t, 16>& gateway) {

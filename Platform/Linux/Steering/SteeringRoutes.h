@@ -1,0 +1,99 @@
+// The routing of steered connections: for each uplink a table of its own, which a rule for its mark leads to.
+//
+//     table of the uplink     its near routes and its default, both as in the main table, or the default
+//                             remembered where a VPN has deleted it; last of all "unreachable", so that
+//                             a lost route never falls through into the tunnel
+//     table towards tunnel    the tunnel, with the uplink's address as the source: what a firewall that
+//                             lets only the tunnel out may see of a socket with our mark. Where there is
+//                             no tunnel that rule leads to the uplink's table
+//
+// All of it has protocol "kernel", which network managers leave alone, stays when the process dies, and
+// is brought to what it should be by `update`: after changes of the network, and when
+// somebody else touched it. One thread, but for `reaches`.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <set>
+#include <vector>
+
+#include "Platform/Common/Mutex.h"
+#include "Platform/Linux/Netlink/Socket.h"
+#include "Platform/Linux/Network/NetworkState.h"
+#include "Platform/Linux/Result.h"
+#include "Platform/Linux/Steering/SteeringMarks.h"
+#include "Platform/Linux/Steering/Uplinks.h"
+
+namespace platform::steering {
+
+// The numbers of our tables; no others of the machine's should be among them.
+inline constexpr std::uint32_t firstTable = 7680;
+inline constexpr std::uint32_t tableCount = 32;
+
+class SteeringRoutes {
+public:
+    // Takes nothing over of what an earlier process left: `update` replaces it.
+    static Result<std::unique_ptr<SteeringRoutes>> open(SteeringMarks marks);
+    // Takes rules and tables away.
+    ~SteeringRoutes();
+    SteeringRoutes(const SteeringRoutes&) = delete;
+    SteeringRoutes& operator=(const SteeringRoutes&) = delete;
+
+    // Becomes readable when somebody changes rules, routes or addresses.
+    int eventDescriptor() const { return events.descriptor(); }
+    void discardEvents() { events.discard(); }
+
+    // Puts in force what these uplinks need. Fails with the first thing that the kernel refuses.
+    Result<> update(const std::vector<Uplink>& uplinks, const NetworkState& network);
+
+    // False where a rule of somebody else stands so far to the front that none fits before it.
+    bool hasRoomForRules() const { return hasRoom; }
+
+    // Whether a packet with the uplink's mark would now leave by it. Any thread.
+    bool reaches(const Uplink& uplink, int family, const std::array<std::uint8_t, 16>& destination);
+
+    // The marks, value and mask, for which rules lead to our tables: those of an earlier process, before
+    // the first update.
+    struct MarkTest {
+        std::uint32_t value;
+        std::uint32_t mask;
+        auto operator<=>(const MarkTest&) const = default;
+    };
+    std::set<MarkTest> marksInRules();
+
+private:
+    struct Route;
+    struct Rule;
+
+    SteeringRoutes(SteeringMarks steeringMarks, netlink::Socket asking,
+                   netlink::Socket forQuestions, netlink::Socket reports);
+
+    Result<> updateFamily(int family, const std::vector<Uplink>& uplinks,
+                          const NetworkState& network);
+    std::optional<std::uint32_t> preference(const std::vector<Rule>& present) const;
+    int tunnelOfDefault(int family, const NetworkState& network);
+    Result<std::vector<Route>> routesIn(int family, std::uint32_t table);
+    void appendNearRoutes(int family, const Uplink& uplink, std::vector<Route>& wanted,
+                          const std::vector<Route>& main);
+    void appendRoutesTowards(int tunnel, int family, const Uplink& uplink,
+                             std::vector<Route>& wanted);
+    void appendDefault(int family, const Uplink& uplink, std::uint32_t table,
+                       std::vector<Route>& wanted);
+    Result<> putRoutes(int family, const std::set<std::uint32_t>& tables,
+                       const std::vector<Route>& wanted);
+    Result<> putRules(const std::vector<Rule>& wanted, const std::vector<Rule>& present);
+    Result<std::vector<Rule>> rules(int family);
+    Result<> change(unsigned type, unsigned flags, const Route& route);
+    Result<> change(unsigned type, unsigned flags, const Rule& rule);
+
+    const SteeringMarks marks;
+    netlink::Socket socket;
+    netlink::Socket events;
+    bool hasRoom = true;
+    Mutex questionsLock;
+    netlink::Socket questions GUARDED_BY(questionsLock);
+};
+
+}  // namespace platform::steering

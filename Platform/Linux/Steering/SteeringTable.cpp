@@ -1,0 +1,147 @@
+#include "Platform/Linux/Steering/SteeringTable.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <nftables/libnftables.h>
+
+#include <array>
+
+namespace platform::steering {
+
+namespace {
+
+const std::string table = std::string("table inet ") + steeringTableName;
+
+std::string textOf(const InterfaceAddress& address) {
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    ::inet_ntop(address.family, address.bytes.data(), text.data(), text.size());
+    return text.data();
+}
+
+std::string listOf(const std::vector<InterfaceAddress>& addresses) {
+    std::string list;
+    for (const auto& address : addresses) list += textOf(address) + ", ";
+    return "{ " + list + "}";
+}
+
+// Texts of the conditions and statements that the rules are made of.
+class Words {
+public:
+    explicit Words(SteeringMarks steeringMarks) : marks(steeringMarks) {}
+
+    std::string isSteeredBy(unsigned number) const {
+        return masked("ct mark", marks.numberMask()) + "{ " +
+               std::to_string(marks.ofConnection(FlowState::claimed, number)) + ", " +
+               std::to_string(marks.ofConnection(FlowState::claimedAndWatched, number)) + " } ";
+    }
+    std::string hasPacketMark(std::uint32_t mark) const {
+        return masked("meta mark", marks.mask()) + std::to_string(mark) + " ";
+    }
+    std::string setPacketMark(unsigned number) const {
+        return "meta mark set meta mark & " + std::to_string(~marks.mask()) + " | " +
+               std::to_string(marks.ofPacket(number)) + "\n";
+    }
+    // Content of a connection that is held back, whichever its interface is.
+    std::string isHeldContent() const {
+        const std::uint32_t state = marks.place().stateMask();
+        return masked("ct mark", state | marks.flag()) + "{ " +
+               std::to_string(marks.ofConnection(FlowState::claimed, 0) | marks.flag()) + ", " +
+               std::to_string(marks.ofConnection(FlowState::claimedAndWatched, 0) | marks.flag()) +
+               " } meta l4proto tcp @ih,0,8 >= 0 ";
+    }
+
+private:
+    static std::string masked(const std::string& what, std::uint32_t mask) {
+        return what + " & " + std::to_string(mask) + " == ";
+    }
+
+    SteeringMarks marks;
+};
+
+std::string chain(const std::string& name, const std::string& hook, const std::string& content) {
+    return " chain " + name + " {\n type " + hook + "; policy accept;\n" + content + " }\n";
+}
+
+struct Family {
+    int number;
+    const char* source;
+    const char* translation;
+    const char* protocol;
+};
+constexpr std::array<Family, 2> families{
+    {{AF_INET, "ip saddr ", "snat ip to ", "meta nfproto ipv4 "},
+     {AF_INET6, "ip6 saddr ", "snat ip6 to ", "meta nfproto ipv6 "}}};
+
+std::string tableText(SteeringMarks marks, const std::vector<Uplink>& uplinks) {
+    const Words words(marks);
+    std::string leaving;
+    std::string arriving = words.isHeldContent() + "drop\n";
+    std::string naming;
+    std::string guarding;
+    for (const Uplink& uplink : uplinks) {
+        const unsigned number = uplink.number;
+        const std::string hasMark = words.hasPacketMark(marks.ofPacket(number));
+        leaving += words.isSteeredBy(number) + words.setPacketMark(number);
+        leaving += words.hasPacketMark(marks.ofSocket(number)) + words.setPacketMark(number);
+        arriving += "ct direction reply " + words.isSteeredBy(number) + words.setPacketMark(number);
+        for (const Family& family : families) {
+            const Reach& reach = uplink.reach(family.number);
+            if (reach.source) {
+                const std::string isOther =
+                    hasMark + family.source + "!= " + listOf(reach.addresses) + " ";
+                naming += isOther + family.translation + textOf(*reach.source) + "\n";
+                guarding += isOther + "drop\n";
+            } else {
+                guarding += hasMark + family.protocol + "drop\n";
+            }
+        }
+    }
+    const std::string checking = words.isHeldContent() + "drop\n" +
+                                 words.isSteeredBy(unreachableNumber) +
+                                 // The error message itself counts as the connection's, too.
+                                 "meta l4proto tcp reject with icmpx type host-unreachable\n";
+    return table + " {\n" + chain("leaving", "route hook output priority 200", leaving) +
+           chain("checking", "filter hook output priority 201", checking) +
+           chain("arriving", "filter hook prerouting priority -149", arriving) +
+           chain("naming", "nat hook postrouting priority 100", naming) +
+           chain("guarding", "filter hook postrouting priority 150", guarding) + "}\n";
+}
+
+}  // namespace
+
+SteeringTable::SteeringTable(SteeringMarks steeringMarks)
+    : marks(steeringMarks), rules(nft_ctx_new(NFT_CTX_DEFAULT), &nft_ctx_free) {
+    nft_ctx_buffer_output(rules.get());
+    nft_ctx_buffer_error(rules.get());
+}
+
+SteeringTable::~SteeringTable() = default;
+
+bool SteeringTable::run(const std::string& commands) {
+    if (nft_run_cmd_from_buffer(rules.get(), commands.c_str()) == 0) return true;
+    failureText = nft_ctx_get_error_buffer(rules.get());
+    return false;
+}
+
+std::string SteeringTable::listed() {
+    return run("list " + table) ? nft_ctx_get_output_buffer(rules.get()) : "";
+}
+
+bool SteeringTable::install(const std::vector<Uplink>& uplinks) {
+    // Adding a table that exists is no error, deleting one that does not is. The new nat chain is there
+    // before the old one goes, so that connections keep their translation.
+    const bool isDone =
+        run("add " + table + "\ndelete " + table + "\n" + tableText(marks, uplinks));
+    inForce = isDone ? listed() : "";
+    return isDone;
+}
+
+bool SteeringTable::isComplete() { return !inForce.empty() && listed() == inForce; }
+
+void SteeringTable::remove() {
+    run("add " + table + "\ndelete " + table + "\n");
+    inForce.clear();
+}
+
+}  // namespace platform::steering

@@ -1,0 +1,57 @@
+// The packet rules of steered connections, in a table of its own that belongs to no process: a
+// connection goes on when the daemon dies, as its translation needs the rules and their nat chain.
+//
+//     leaving    route, output 200        a steered connection's packets get the uplink's mark and are routed
+//                                         again: after the firewalls, which see them leave as the
+//                                         application's route says
+//     checking   filter, output 201       no content of what is held back; an error for what has no way
+//     arriving   filter, prerouting -149  the mark for replies, so that a strict reverse-path filter finds
+//                                         them right; no content of what is held back
+//     naming     nat, postrouting 100     the uplink's address, where the source is another one
+//     guarding   filter, postrouting 150  nothing with our mark leaves under a tunnel's address
+//
+// One thread.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Platform/Linux/Steering/SteeringMarks.h"
+#include "Platform/Linux/Steering/Uplinks.h"
+
+struct nft_ctx;
+
+namespace platform::steering {
+
+inline constexpr const char* steeringTableName = "vantry_steering";
+
+class SteeringTable {
+public:
+    explicit SteeringTable(SteeringMarks steeringMarks);
+    // Leaves the table as it is.
+    ~SteeringTable();
+    SteeringTable(const SteeringTable&) = delete;
+    SteeringTable& operator=(const SteeringTable&) = delete;
+
+    // Puts in force what these uplinks need, in one step. False if the kernel refuses; `failure` then
+    // has its words.
+    bool install(const std::vector<Uplink>& uplinks);
+    // True if the kernel has what was installed last.
+    bool isComplete();
+    bool wasInstalled() const { return !inForce.empty(); }
+    void remove();
+
+    const std::string& failure() const { return failureText; }
+
+private:
+    bool run(const std::string& commands);
+    std::string listed();
+
+    const SteeringMarks marks;
+    const std::unique_ptr<nft_ctx, void (*)(nft_ctx*)> rules;
+    std::string inForce;  // as the kernel shows it
+    std::string failureText;
+};
+
+}  // namespace platform::steering

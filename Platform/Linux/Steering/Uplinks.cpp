@@ -1,0 +1,67 @@
+#include "Platform/Linux/Steering/Uplinks.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+
+#include "Platform/Linux/Network/RememberedRoutes.h"
+#include "Platform/Linux/Steering/SteeringMarks.h"
+
+namespace platform::steering {
+
+namespace {
+
+// As the kernel chooses: the first address on the gateway's own link, else the first of all.
+std::optional<InterfaceAddress> sourceOf(const Reach& reach) {
+    if (reach.addresses.empty()) return std::nullopt;
+    if (reach.route && reach.route->gateway)
+        for (const auto& address : reach.addresses)
+            if (isOnLinkOf(address, *reach.route->gateway)) return address;
+    return reach.addresses.front();
+}
+
+Reach reachOf(const NetworkInterface& interface, int family) {
+    Reach reach;
+    // A link that is down has no way out, whatever is remembered of it.
+    if (interface.isUp) reach.route = family == AF_INET ? interface.ipv4 : interface.ipv6;
+    for (const auto& address : interface.addresses)
+        if (address.family == family && !address.isLinkLocal) reach.addresses.push_back(address);
+    reach.source = sourceOf(reach);
+    return reach;
+}
+
+}  // namespace
+
+const Reach& Uplink::reach(int family) const { return family == AF_INET ? ipv4 : ipv6; }
+
+bool Uplinks::follow(const NetworkState& network) {
+    std::erase_if(uplinks, [&](const Uplink& uplink) {
+        const auto* const present = network.named(uplink.name);
+        return present == nullptr || present->index != uplink.interfaceIndex;
+    });
+    bool hasRoom = true;
+    for (const auto& interface : network.interfaces) {
+        auto known = std::ranges::find(uplinks, interface.index, &Uplink::interfaceIndex);
+        if (known == uplinks.end()) {
+            if (interface.isTunnel || !interface.isAvailable()) continue;
+            const unsigned number = freeNumber();
+            if (number == 0) {
+                hasRoom = false;
+                continue;
+            }
+            uplinks.push_back({number, interface.index, interface.name, {}, {}});
+            known = uplinks.end() - 1;
+        }
+        known->ipv4 = reachOf(interface, AF_INET);
+        known->ipv6 = reachOf(interface, AF_INET6);
+    }
+    return hasRoom;
+}
+
+unsigned Uplinks::freeNumber() const {
+    for (unsigned number = 1; number <= mostUplinks; ++number)
+        if (std::ranges::find(uplinks, number, &Uplink::number) == uplinks.end()) return number;
+    return 0;
+}
+
+}  // namespace platform::steering
