@@ -77,8 +77,8 @@ std::string localTime(Date instant, Date now) {
     if (!(std::abs(instant.secondsSince1970()) < 2.5e11)) return "?";
     const tm parts = calendarTime(instant);
     const tm today = calendarTime(now);
-    const bool isToday = parts.tm_year == today.tm_year && parts.tm_yday == today.tm_yday;
-    return formatted(parts, isToday ? "%H:%M:%S" : "%Y-%m-%d %H:%M:%S");
+    if (parts.tm_year != today.tm_year) return formatted(parts, "%Y-%m-%d");
+    return formatted(parts, parts.tm_yday == today.tm_yday ? "%H:%M:%S" : "%b %d %H:%M:%S");
 }
 
 }  // namespace vantryctl

@@ -36,7 +36,8 @@ struct ApplicationActivity {
 std::map<std::string, ApplicationActivity> activityByApplication(
     const std::vector<vantry::ActivityLogEntryIPC>& log);
 
-// An instant in the user's time zone: "18:04:59", or with its day if that is another than `now`'s.
+// An instant in the user's time zone, in at most 15 letters: "18:04:59", of another day than `now`'s
+// "Nov 24 18:04:59", of another year "2025-11-24".
 std::string localTime(platform::Date instant, platform::Date now);
 
 }  // namespace vantryctl

@@ -16,6 +16,7 @@
 #include "Host/vantryctl/RuleCommands.h"
 #include "Host/vantryctl/SettingsCommands.h"
 #include "Host/vantryctl/Spelling.h"
+#include "Host/vantryctl/StatusCommand.h"
 #include "Host/vantryctl/WhyCommand.h"
 #include "Platform/Common/Version.h"
 
@@ -132,7 +133,7 @@ void Commands::addRules() {
     set.add_option("APPLICATION", request.applications,
                    "Identifiers, and last the route: vpn or direct (TCP)")
         ->type_name("")
-        ->expected(-2)  // two or more
+        ->expected(-1)
         ->required();
     takeTime(set, "Only for this long: 90s, 30m, 2h, 7d");
     takeApplications(add(rules, "remove", "Take rules away: the default holds again",

@@ -14,7 +14,9 @@ namespace vantryctl {
 struct Console {
     std::ostream& out;
     std::ostream& err;
-    std::size_t width = Table::standardWidth;
+    std::size_t width = Table::standardWidth;  // `Table::unlimited` where no terminal is
+
+    bool isTerminal() const { return width != Table::unlimited; }
 
     // Says what went wrong and what to do about it. Returns the failure's exit code.
     ExitCode report(const Failure& failure) const;

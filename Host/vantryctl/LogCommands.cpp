@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <memory>
 #include <set>
 #include <utility>
 #include <vector>
@@ -30,15 +31,23 @@ using vantry::ActivityLogEntryIPC;
 namespace {
 
 constexpr std::string_view logFolder = "/tmp";
+// Columns that go on growing need no more.
+constexpr std::size_t widestTerminal = 200;
 
 bool concerns(const std::string& application, const ActivityLogEntryIPC& entry) {
     if (application.empty() || entry.bundleId == application) return true;
     return entry.bundleId.starts_with(application + ".");
 }
 
+// Late records of what was blocked join the log after newer ones.
+void putInOrder(std::vector<ActivityLogEntryIPC>& log) {
+    std::ranges::stable_sort(log, {}, &ActivityLogEntryIPC::timestamp);
+}
+
 std::vector<ActivityLogEntryIPC> selected(std::vector<ActivityLogEntryIPC> log,
                                           const LogOptions& options) {
     std::erase_if(log, [&](const auto& entry) { return !concerns(options.application, entry); });
+    putInOrder(log);
     return log;
 }
 
@@ -54,25 +63,66 @@ std::string destinationOf(const ActivityLogEntryIPC& entry) {
     return fmt::format("{}:{}", host, *entry.destinationPort);
 }
 
-std::vector<std::string> logRow(const ActivityLogEntryIPC& entry, Date now) {
-    return {localTime(entry.timestamp, now), entry.bundleId, entry.actualRoute.value_or("?"),
-            entry.protocolType.value_or("?"), destinationOf(entry)};
+// Null where this user may not see the settings.
+std::shared_ptr<const Settings> settingsIfReadable() {
+    const auto loaded = loadSettings();
+    const auto* stored = std::get_if<StoredSettings>(&loaded);
+    return stored ? std::make_shared<const Settings>(stored->choices.settings) : nullptr;
 }
 
+// What has a rule for this name: itself, or the name above it; empty if neither.
+std::string_view ruleOwner(const Settings& settings, std::string_view name) {
+    if (settings.rules.contains(name)) return "rule";
+    const auto dot = name.rfind('.');
+    const bool hasParent =
+        dot != std::string_view::npos && settings.rules.contains(name.substr(0, dot));
+    return hasParent ? "parent" : "default";
+}
+
+// Which step decided. Of rules and the default only today's are known: an entry that they would not have
+// led to was decided by earlier ones.
+std::string decidedBy(const ActivityLogEntryIPC& entry, const Settings* settings) {
+    const auto route = entry.actualRoute.value_or("");
+    const auto& word = entry.routingDecision;
+    if (route == "blocked") return word == "block" ? "block" : "fallback";
+    if ((route == "direct") != (word == "direct")) return "fallback";
+    if (settings == nullptr) return "?";
+    const auto by = ruleOwner(*settings, entry.bundleId);
+    auto today = settings->defaultAction;
+    if (by == "rule") today = settings->rules.find(entry.bundleId)->second;
+    if (by == "parent")
+        today = settings->rules.find(entry.bundleId.substr(0, entry.bundleId.rfind('.')))->second;
+    return today == word ? std::string(by) : "earlier";
+}
+
+// The columns, in which every row of a log fits, or as wide as the console is.
 Table logTable() {
-    return Table({{"TIME"}, {"APPLICATION", true}, {"WENT"}, {"OVER"}, {"TO", true}});
+    return Table({{"TIME"}, {"APPLICATION", true}, {"WENT"}, {"BY"}, {"OVER"}, {"TO", true}});
+}
+
+std::vector<std::string> logRow(const ActivityLogEntryIPC& entry, Date now,
+                                const Settings* settings) {
+    return {localTime(entry.timestamp, now),  entry.bundleId,
+            entry.actualRoute.value_or("?"),  decidedBy(entry, settings),
+            entry.protocolType.value_or("?"), destinationOf(entry)};
 }
 
 // The columns of a table that grows line by line, whose texts are not known yet.
 std::vector<std::size_t> growingWidths(std::size_t width) {
-    constexpr std::size_t fixed = 8 + 7 + 4 + 4 * 2;
-    const std::size_t rest = std::max<std::size_t>(width, fixed + 40) - fixed;
-    return {8, rest / 2, 7, 4, rest - rest / 2};
+    const std::vector<std::size_t> fixed{15, 0, 7, 8, 4, 0};
+    const std::size_t taken = 15 + 7 + 8 + 4 + 5 * 2;
+    const std::size_t rest =
+        std::max<std::size_t>(std::min(width, widestTerminal), taken + 36) - taken;
+    auto widths = fixed;
+    widths[1] = rest / 2;
+    widths[5] = rest - rest / 2;
+    return widths;
 }
 
 void printEntries(const std::vector<ActivityLogEntryIPC>& log, const LogOptions& options,
                   const Console& console) {
-    const auto table = logTable();
+    auto table = logTable();
+    const auto settings = settingsIfReadable();
     const auto widths = growingWidths(console.width);
     const auto now = Date::now();
     for (const auto& entry : log) {
@@ -80,9 +130,10 @@ void printEntries(const std::vector<ActivityLogEntryIPC>& log, const LogOptions&
             console.out << entry.encode().value_or("") << '\n';
             continue;
         }
-        auto row = logRow(entry, now);
+        auto row = logRow(entry, now, settings.get());
         std::ranges::transform(row, row.begin(), [](const auto& cell) { return printable(cell); });
-        console.out << table.rowText(row, widths);
+        console.out << table.rowText(row,
+                                     console.isTerminal() ? widths : table.wideEnough(row, widths));
     }
     console.out.flush();
 }
@@ -98,8 +149,9 @@ ExitCode printLog(const std::vector<ActivityLogEntryIPC>& log, const LogOptions&
         return ExitCode::done;
     }
     auto table = logTable();
+    const auto settings = settingsIfReadable();
     const auto now = Date::now();
-    for (const auto& entry : log) table.add(logRow(entry, now));
+    for (const auto& entry : log) table.add(logRow(entry, now, settings.get()));
     console.out << table.text(console.width);
     return ExitCode::done;
 }
@@ -186,81 +238,6 @@ Outcome<std::vector<JSONObject>> readFailures() {
     return failures;
 }
 
-std::string counted(std::int64_t count, const char* what) {
-    return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
-}
-
-std::string daemonText(const Outcome<vantry::ExtensionStatus>& status) {
-    if (const auto* known = std::get_if<vantry::ExtensionStatus>(&status))
-        return fmt::format("running, {} in force", counted(known->ruleCount, "rule"));
-    return std::get<Failure>(status).code == ExitCode::daemonNotRunning ? "not running"
-                                                                        : "cannot be asked";
-}
-
-std::string settingsText(const StoredSettings& stored) {
-    const auto& settings = stored.choices.settings;
-    const auto& tunnel = stored.tunnel;
-    std::string vpn = tunnel.isUp ? "up" : "down";
-    if (!tunnel.isFollowed) vpn = "said to be " + vpn;
-    if (!tunnel.carrying.empty()) vpn += fmt::format(" ({})", fmt::join(tunnel.carrying, ", "));
-    return fmt::format("Settings  {}\n",
-                       stored.hasSettings ? fmt::format("{}, {} blocked, all others {}",
-                                                        counted(std::ssize(settings.rules), "rule"),
-                                                        settings.blockedApps.size(),
-                                                        printable(settings.defaultAction))
-                                          : "nothing was set yet, the defaults hold") +
-           fmt::format("VPN       {}; when down: {}\n", printable(vpn),
-                       printable(settings.vpnFallback)) +
-           fmt::format("Direct    without a physical interface: {}\n",
-                       printable(settings.directFallback));
-}
-
-// "no" for a problem that is not there.
-std::string healthText(const HealthItem& item) {
-    if (const auto* text = item.value.as<std::string>())
-        return item.isProblem ? "yes: " + printable(*text) : printable(*text);
-    if (const auto* number = item.value.as<std::int64_t>()) return std::to_string(*number);
-    if (const auto* number = item.value.as<std::uint64_t>()) return std::to_string(*number);
-    return "no";
-}
-
-std::string healthBlock(const std::vector<HealthItem>& items) {
-    std::size_t width = 0;
-    for (const auto& item : items) width = std::max(width, item.label.size());
-    std::string block;
-    for (const auto& item : items)
-        block += fmt::format("  {:<{}}  {}\n", item.label, width, healthText(item));
-    return block.empty() ? block : "Health\n" + block;
-}
-
-JSONObject healthDocument(const std::vector<HealthItem>& items) {
-    JSONObject document;
-    for (const auto& item : items) document[item.key] = item.value;
-    return document;
-}
-
-JSONObject statusDocument(const Outcome<vantry::ExtensionStatus>& status,
-                          const Outcome<std::vector<HealthItem>>& health,
-                          const StoredSettings& stored) {
-    JSONObject document;
-    const auto* known = std::get_if<vantry::ExtensionStatus>(&status);
-    document["isRunning"] = known != nullptr;
-    if (known != nullptr) document["ruleCount"] = known->ruleCount;
-    const auto& settings = stored.choices.settings;
-    document["storedRuleCount"] = static_cast<std::int64_t>(settings.rules.size());
-    document["blockedCount"] = static_cast<std::int64_t>(settings.blockedApps.size());
-    document["vpnConnected"] = settings.vpnConnected;
-    document["vpnInterfaces"] =
-        JSONArray(stored.tunnel.carrying.begin(), stored.tunnel.carrying.end());
-    document["defaultAction"] = settings.defaultAction;
-    document["vpnFallback"] = settings.vpnFallback;
-    document["directFallback"] = settings.directFallback;
-    document["problems"] = JSONArray(stored.problems.begin(), stored.problems.end());
-    if (const auto* items = std::get_if<std::vector<HealthItem>>(&health))
-        document["health"] = healthDocument(*items);
-    return document;
-}
-
 }  // namespace
 
 ExitCode showLog(const LogOptions& options, const Console& console) {
@@ -338,32 +315,6 @@ ExitCode clearFailures(const Console& console) {
     if (const auto* failure = failureOf(replaced)) return console.report(*failure);
     console.out << "The list of failures is empty.\n";
     return ExitCode::done;
-}
-
-// Problems come first: they are what somebody who looks needs to know.
-ExitCode showStatus(bool asJSON, const Console& console) {
-    const auto loaded = loadSettings();
-    const auto* withoutSettings = failureOf(loaded);
-    const auto stored =
-        withoutSettings == nullptr ? std::get<StoredSettings>(loaded) : StoredSettings{};
-    const auto status = askForStatus();
-    const auto health = askForHealth();
-    const auto* failure = failureOf(status);
-    if (asJSON) {
-        console.out << documentOf(statusDocument(status, health, stored));
-    } else {
-        for (const auto& problem : stored.problems)
-            console.out << wrapped("Problem: " + printable(problem), 0, console.width);
-        console.out << fmt::format("Daemon    {}\n", daemonText(status));
-        if (withoutSettings == nullptr) console.out << settingsText(stored);
-        if (const auto* items = std::get_if<std::vector<HealthItem>>(&health))
-            console.out << healthBlock(*items);
-    }
-    if (const auto* silence = failureOf(health); failure == nullptr && silence != nullptr)
-        console.note(silence->what);
-    if (withoutSettings != nullptr) console.report(*withoutSettings);
-    if (failure != nullptr) return console.report(*failure);
-    return withoutSettings == nullptr ? ExitCode::done : withoutSettings->code;
 }
 
 }  // namespace vantryctl

@@ -1,4 +1,4 @@
-// The commands that show what happened: flows, applications, failures, and the daemon's state.
+// The commands that show what happened: flows, applications, failures.
 #pragma once
 
 #include <cstddef>
@@ -16,12 +16,11 @@ struct LogOptions {
     std::string application;  // only this one and what is named below it; all if empty
 };
 
-// With `isFollowing`, goes on until it is interrupted or nobody reads any more.
+// With `isFollowing`, goes on until it is interrupted or no one reads any more.
 ExitCode showLog(const LogOptions& options, const Console& console);
 ExitCode clearLog(const Console& console);
 ExitCode showApplications(bool asJSON, const Console& console);
 ExitCode showFailures(bool asJSON, const Console& console);
 ExitCode clearFailures(const Console& console);
-ExitCode showStatus(bool asJSON, const Console& console);
 
 }  // namespace vantryctl

@@ -182,11 +182,14 @@ ExitCode setRule(const std::vector<std::string>& words, const std::string& route
         return console.report(
             usage("A rule chooses between vpn and direct; it cannot block.",
                   fmt::format("To block: vantryctl rules block {}", fmt::join(words, " "))));
-    if (route != "vpn" && route != "direct")
+    const bool isRoute = route == "vpn" || route == "direct";
+    if (words.empty() && isRoute)
+        return console.report(usage("Whose rule?", "vantryctl rules set APPLICATION... " + route));
+    if (!isRoute)
         return console.report(
-            usage(fmt::format("A route is vpn or direct, not {}.", route),
-                  fmt::format("It comes last: vantryctl rules set {} {} vpn|direct",
-                              fmt::join(words, " "), route)));
+            usage(words.empty() ? "Which route?"
+                                : fmt::format("A route is vpn or direct, not {}.", route),
+                  "It comes last: vantryctl rules set APPLICATION... vpn|direct"));
     const auto names = named(words);
     if (const auto* failure = failureOf(names)) return console.report(*failure);
     const auto& applications = std::get<NamedApplications>(names).identifiers;

@@ -1,6 +1,10 @@
 #include "Host/vantryctl/Table.h"
 
+#include <clocale>
+#include <cwchar>
+
 #include <algorithm>
+#include <cstdlib>
 #include <utility>
 
 #include "Platform/Common/Text.h"
@@ -15,25 +19,58 @@ constexpr std::string_view ellipsis = "…";
 
 bool continuesCharacter(char byte) { return (static_cast<unsigned char>(byte) & 0xC0) == 0x80; }
 
-std::size_t lengthOf(std::string_view text) {
-    return static_cast<std::size_t>(
-        std::ranges::count_if(text, [](char byte) { return !continuesCharacter(byte); }));
+std::string_view firstCharacter(std::string_view text) {
+    std::size_t length = 1;
+    while (length < text.size() && continuesCharacter(text[length])) ++length;
+    return text.substr(0, length);
 }
 
-// The first `count` characters.
-std::string_view firstCharacters(std::string_view text, std::size_t count) {
+// In a locale of its own: what the user's is decides nothing here.
+locale_t wideCharacters() {
+    static const locale_t locale = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    return locale;
+}
+
+// The cells that one character of UTF-8 takes: 2 for wide ones, 0 for those that join the one before.
+std::size_t cellsOf(std::string_view character) {
+    if (character.size() == 1 || wideCharacters() == nullptr) return 1;
+    const locale_t before = uselocale(wideCharacters());
+    wchar_t wide = 0;
+    const bool isWhole = mbtowc(&wide, character.data(), character.size()) > 0;
+    const int cells = isWhole ? wcwidth(wide) : 1;
+    uselocale(before);
+    return cells < 0 ? 1 : static_cast<std::size_t>(cells);
+}
+
+std::size_t lengthOf(std::string_view text) {
+    std::size_t cells = 0;
+    while (!text.empty()) {
+        const auto character = firstCharacter(text);
+        cells += cellsOf(character);
+        text.remove_prefix(character.size());
+    }
+    return cells;
+}
+
+// As many characters from the beginning as fit `count` cells.
+std::string_view firstCells(std::string_view text, std::size_t count) {
     std::size_t at = 0;
-    for (; at < text.size(); ++at) {
-        if (continuesCharacter(text[at])) continue;
-        if (count == 0) break;
-        --count;
+    while (at < text.size()) {
+        const auto character = firstCharacter(text.substr(at));
+        const auto cells = cellsOf(character);
+        if (cells > count) break;
+        count -= cells;
+        at += character.size();
     }
     return text.substr(0, at);
 }
 
 std::string fitted(std::string_view text, std::size_t width, bool alignsRight) {
-    if (lengthOf(text) > width)
-        return std::string(firstCharacters(text, width - 1)) + std::string(ellipsis);
+    if (lengthOf(text) > width) {
+        auto cut = std::string(firstCells(text, width - 1)) + std::string(ellipsis);
+        // A wide character may not have fitted the last cell.
+        return cut + std::string(width - lengthOf(cut), ' ');
+    }
     const std::string blanks(width - lengthOf(text), ' ');
     return alignsRight ? blanks + std::string(text) : std::string(text) + blanks;
 }
@@ -60,7 +97,7 @@ std::string printable(std::string_view text) {
     const std::string valid = platform::validUTF8(text);
     std::string shown;
     for (std::size_t at = 0; at < valid.size();) {
-        const auto character = firstCharacters(std::string_view(valid).substr(at), 1);
+        const auto character = firstCharacter(std::string_view(valid).substr(at));
         shown += isHidden(character) ? std::string_view("?") : character;
         at += character.size();
     }
@@ -91,6 +128,13 @@ std::vector<std::size_t> Table::widths(std::size_t width) const {
         if (widest == nullptr) break;
         --*widest;
     }
+    return widths;
+}
+
+std::vector<std::size_t> Table::wideEnough(const std::vector<std::string>& row,
+                                           std::vector<std::size_t> widths) {
+    for (std::size_t column = 0; column < row.size(); ++column)
+        widths[column] = std::max(widths[column], lengthOf(row[column]));
     return widths;
 }
 

@@ -1,4 +1,4 @@
-// Lays out rows of text for a terminal. Texts come from files and from programs' names, so nothing in
+// Lays out rows of text for a terminal, by the cells that each character takes there. Texts come from files and from programs' names, so nothing in
 // them reaches the terminal as a control character.
 #pragma once
 
@@ -15,6 +15,7 @@ std::string printable(std::string_view text);
 class Table {
 public:
     static constexpr std::size_t standardWidth = 80;
+    static constexpr std::size_t unlimited = static_cast<std::size_t>(-1);
 
     // A column that `shrinks` gives way, down to a few characters, where the rows are too wide.
     struct Column {
@@ -33,6 +34,9 @@ public:
     std::string rowText(const std::vector<std::string>& row,
                         const std::vector<std::size_t>& widths) const;
     std::vector<std::size_t> widths(std::size_t width) const;
+    // Those widths, wider where this row needs it.
+    static std::vector<std::size_t> wideEnough(const std::vector<std::string>& row,
+                                               std::vector<std::size_t> widths);
     std::string titleText(const std::vector<std::size_t>& widths) const;
 
 private:

@@ -1,6 +1,7 @@
 """The command-line tool against the running daemon: what it changes takes effect, what it shows is so."""
 
 import json
+import os
 import subprocess
 import threading
 import time
@@ -33,6 +34,7 @@ def run(stage) -> None:
 
 
 def _use_tool(*words: str, **options) -> subprocess.CompletedProcess:
+    options.setdefault("env", {**os.environ, "COLUMNS": "80"})
     return subprocess.run([str(TOOL), *words], capture_output=True, text=True, timeout=20, **options)
 
 
@@ -260,7 +262,8 @@ def _logs_as_found(stage) -> None:
                        "org.?[2Jevil??" in shown.stdout and "[2001:db8::1]:443" in shown.stdout, shown)
     stage.checks.equal("log: the document has all of it", _document("log")["entries"][2]["bundleId"], "x" * 300)
     host.write_whole(host.ACTIVITY_LOG, json.dumps({"entries": [
-        _entry("org.a", 1), _entry("org.a.helper", 2), _entry("org.ab", 3), _entry("org.a", 4)]}))
+        _entry("org.a.helper", 2), _entry("org.ab", 3), _entry("org.a", 4), _entry("org.a", 1)]}))
+    stage.checks.check("log: in a pipe nothing is cut", "x" * 300 in _use_tool("log", env=os.environ).stdout)
     for words, times in ((("-n", "1"), [4]), (("--app", "org.a", "-n", "2"), [2, 4]), (("--app", "org.a"), [1, 2, 4])):
         stage.checks.equal(f"log {' '.join(words)}",
                            [each["timestamp"] for each in _document("log", *words)["entries"]], times)
