@@ -236,12 +236,12 @@ def make_flatpak(name: str) -> None:
     """A runtime that has no more than the demo client needs, and the demo client as an application."""
     folder = world.STATE / "flatpak"
     runtime, application = folder / "runtime", folder / "application"
-    for each in (runtime / "files/lib64", application / "files/bin", application / "export"):
+    for each in (runtime / "usr/lib64", application / "files/bin", application / "export"):
         each.mkdir(parents=True)
     libraries = re.findall(r"(/\S+) \(0x", run("ldd", str(applications.DEMO_CLIENT)))
     for library in libraries:
-        shutil.copy(library, runtime / "files/lib64")
-    shutil.copytree(runtime / "files/lib64", runtime / "files/lib")
+        shutil.copy(library, runtime / "usr/lib64")
+    shutil.copytree(runtime / "usr/lib64", runtime / "usr/lib")
     platform = "org.example.Platform/x86_64/1"
     (runtime / "metadata").write_text(f"[Runtime]\nname=org.example.Platform\nruntime={platform}\nsdk={platform}\n")
     shutil.copy(applications.DEMO_CLIENT, application / "files/bin/postbox")
