@@ -219,7 +219,6 @@ class Journey:
         """Sleeps as deep as this machine can, and is woken by its clock."""
         states = pathlib.Path("/sys/power/state").read_text().split()
         print(f"----- states of sleep: {' '.join(states)}; {pathlib.Path('/sys/power/mem_sleep').read_text().strip()}")
-        pathlib.Path("/sys/power/mem_sleep").write_text("s2idle")
         run("sh", "-c", "echo 0 > /sys/class/rtc/rtc0/wakealarm; echo +10 > /sys/class/rtc/rtc0/wakealarm")
         run("systemctl", "suspend")
         for word in ("sleeping", "waking"):
