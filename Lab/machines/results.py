@@ -78,7 +78,9 @@ def _matrix() -> str:
     cells = [each for each in load() if "vpn" in each]
     notes: dict[str, int] = {}
     columns, machines = _distinct(cells, "cell", without="all"), sorted(_distinct(cells, "machine"))
-    lines = [f"Measured on {' and '.join(sorted(_distinct(cells, 'date')))}, on {' and '.join(machines)}:", "",
+    commits = " and ".join(sorted(_distinct(cells, "commit")))
+    lines = [f"Measured on {' and '.join(sorted(_distinct(cells, 'date')))} with the programs of commit {commits}, on "
+             f"{' and '.join(machines)}:", "",
              f"| VPN | Firewall | {' | '.join(columns)} |", "|---" * (len(columns) + 2) + "|"]
     for vpn in _distinct(cells, "vpn"):
         for firewall in _distinct(cells, "firewall"):

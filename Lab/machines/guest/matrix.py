@@ -103,15 +103,16 @@ class Trial:
         self._goes(self._direct, "uplink")
 
     def _killed(self) -> None:
-        with Upload(self._tunnelled) as through, Upload(self._direct) as direct:
-            run("systemctl", "kill", "--signal=KILL", "vantryd")
-            network.wait_until(package.is_active, "the daemon is back", 40)
-            self._holds_again(through, direct)
+        self._replaced(lambda: run("systemctl", "kill", "--signal=KILL", "vantryd"))
 
     def _upgraded(self) -> None:
+        self._replaced(package.upgrade)
+
+    def _replaced(self, replace: Callable[[], object]) -> None:
+        before = package.process()
         with Upload(self._tunnelled) as through, Upload(self._direct) as direct:
-            package.upgrade()
-            network.wait_until(package.is_active, "the daemon is back", 40)
+            replace()
+            network.wait_until(lambda: package.is_back(before), "the daemon is back", 40)
             self._holds_again(through, direct)
 
     def _holds_again(self, through: "Upload", direct: "Upload") -> None:

@@ -48,3 +48,13 @@ def later_version(number: int) -> pathlib.Path:
 
 def is_active() -> bool:
     return subprocess.run(["systemctl", "is-active", "--quiet", UNIT]).returncode == 0
+
+
+def process() -> str:
+    """The daemon's, as the service manager has it."""
+    return run("systemctl", "show", "--value", "--property=MainPID", UNIT).strip()
+
+
+def is_back(since: str) -> bool:
+    """Whether another process than that one is ready."""
+    return is_active() and process() not in ("0", since)
