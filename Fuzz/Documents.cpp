@@ -1,7 +1,6 @@
 // JSON as rules files, preferences and messages hold it: whatever is read is written and read again
-// without a change, a record too; and a second reader reads the same, or refuses the same.
+// without a change, a record too; and a document without harm is read.
 
-#include <nlohmann/json.hpp>
 #include <string>
 #include <variant>
 
@@ -89,29 +88,20 @@ void tryRecord(const std::string& document) {
                   "a record changes by being written", document);
 }
 
-void compareWithSecondReader(const JSONValue* read, const std::string& document) try {
-    const auto second = nlohmann::json::parse(document);
-    fuzz::require(read && second == nlohmann::json::parse(written(*read)),
-                  "a document is refused or read otherwise", document);
-} catch (const nlohmann::json::parse_error&) {
-    fuzz::require(!read, "a document is taken", document);
-} catch (const nlohmann::json::out_of_range&) {
-    // A number beyond every type, the one thing that only this reader takes.
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     fuzz::Input input({data, size});
     auto document = value(input, 0);
     auto harms = input.oneIn(2) ? input.below(4) : 0;
+    const bool isWhole = harms == 0;
     for (; harms > 0; --harms) damage(input, document);
 
     tryRecord<vantry::ExtensionMessage>(document);
     tryRecord<vantry::ExtensionResponse>(document);
     const auto parsed = platform::parseJSON(document);
     const auto* read = std::get_if<JSONValue>(&parsed);
-    compareWithSecondReader(read, document);
+    fuzz::require(read || !isWhole, "a document is refused", document);
     if (!read) return 0;
     const auto text = written(*read);
     const auto again = platform::parseJSON(text);

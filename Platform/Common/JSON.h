@@ -112,7 +112,8 @@ inline constexpr std::size_t maximumJSONDepth = 512;
 std::variant<JSONValue, JSONFailure> parseJSON(std::string_view text);
 
 // Reads a document that is an array and gives its elements to `take` one after the other, so that a long
-// one costs the memory of its longest element. Those before a failure have been given.
+// one costs the memory of its longest element. Those before a failure have been given. A number beyond
+// every type is a failure here.
 std::optional<JSONFailure> readJSONArray(std::string_view text,
                                          const std::function<void(JSONValue)>& take);
 

@@ -1,7 +1,7 @@
 #include <algorithm>
-#include <charconv>
-#include <cstdint>
-#include <string>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <unordered_map>
 #include <utility>
 
 #include "Platform/Common/JSON.h"
@@ -10,282 +10,201 @@
 namespace platform {
 namespace {
 
-constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
+// A document may be of any size; what is said about it stays short.
+constexpr std::size_t longestReason = 200;
 
-template <class Number>
-std::optional<Number> fitting(std::string_view digits) {
-    Number number{};
-    const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-    return result.ec == std::errc() ? std::optional(number) : std::nullopt;
+JSONFailure failureAt(std::string_view text, std::size_t offset, std::string_view reason) {
+    const auto before = text.substr(0, std::min(offset, text.size()));
+    const auto line = 1 + std::count(before.begin(), before.end(), '\n');
+    const auto lineStart = before.rfind('\n') + 1;  // without a line break before: 0
+    const auto column = before.size() - lineStart + 1;
+    return {"Not valid JSON at line " + std::to_string(line) + ", column " +
+            std::to_string(column) + ": " + excerpt(reason, longestReason)};
 }
 
-// Of a number that no double comes near: whether it is too large, and not too close to 0. The place of its
-// first digit that counts decides, as its power of ten has moved it.
-bool isTooLarge(std::string_view number) {
-    const auto mantissa = number.substr(0, number.find_first_of("eE"));
-    auto power = number.substr(std::min(mantissa.size() + 1, number.size()));
-    if (power.starts_with('+')) power.remove_prefix(1);
-    const auto exponent =
-        power.empty() ? std::optional<std::int64_t>(0) : fitting<std::int64_t>(power);
-    if (!exponent) return !power.starts_with('-');
-    const auto point = std::min(mantissa.find('.'), mantissa.size());
-    const auto first = mantissa.find_first_of("123456789");
-    return static_cast<std::int64_t>(point) - static_cast<std::int64_t>(first) + *exponent > 0;
+// The parser's message without its classification and its own account of the place.
+std::string_view reasonOf(std::string_view message) {
+    const auto syntax = message.find("syntax error");
+    if (syntax != std::string_view::npos) return message.substr(syntax);
+    const auto classification = message.find("] ");
+    return classification == std::string_view::npos ? message : message.substr(classification + 2);
 }
 
-JSONValue numberOf(std::string_view text, bool isWhole) {
-    if (isWhole) {
-        if (const auto number = fitting<std::int64_t>(text)) return *number;
-        if (const auto number = fitting<std::uint64_t>(text)) return *number;
-    }
-    if (const auto number = fitting<double>(text)) return *number;
-    if (isTooLarge(text)) return JSONLargeNumber{std::string(text)};
-    return text.starts_with('-') ? -0.0 : 0.0;
-}
+// The numbers of a document that are too large for every type, by how many numbers stand before each.
+using LargeNumbers = std::unordered_map<std::size_t, std::string_view>;
 
-void appendUTF8(std::string& out, std::uint32_t code) {
-    const auto add = [&](std::uint32_t byte) { out += static_cast<char>(byte); };
-    const auto addRest = [&](int shift) { add(0x80 | ((code >> shift) & 0x3F)); };
-    if (code < 0x80) return add(code);
-    if (code < 0x800) {
-        add(0xC0 | (code >> 6));
-        return addRest(0);
-    }
-    if (code < 0x10000) {
-        add(0xE0 | (code >> 12));
-    } else {
-        add(0xF0 | (code >> 18));
-        addRest(12);
-    }
-    addRest(6);
-    addRest(0);
-}
-
-bool isHighSurrogate(std::uint32_t code) { return code >= 0xD800 && code < 0xDC00; }
-bool isLowSurrogate(std::uint32_t code) { return code >= 0xDC00 && code < 0xE000; }
-
-// Neither the end of a text, nor an escape, nor a control character, nor a part of a longer one.
-bool isPlain(char character) { return character >= 0x20 && character != '"' && character != '\\'; }
-
-// Reads from the front to the back, a function a kind of value. One that returns false has said why.
-class Reader {
+// Takes the parser's events and puts the value together. A call that returns false ends the
+// parsing; `failure` then holds why.
+class ValueBuilder final : public nlohmann::json_sax<nlohmann::json> {
 public:
-    explicit Reader(std::string_view document)
-        : text(document), at(document.starts_with(byteOrderMark) ? byteOrderMark.size() : 0) {}
+    explicit ValueBuilder(std::string_view documentText, const LargeNumbers& largeNumbers = {},
+                          const std::function<void(JSONValue)>* takesElements = nullptr)
+        : text(documentText), large(largeNumbers), takeElement(takesElements) {}
 
-    bool readDocument(JSONValue& document) { return readValue(document) && isOver(); }
+    bool null() override { return add(nullptr); }
+    bool boolean(bool value) override { return add(value); }
+    bool number_integer(std::int64_t value) override { return addNumber(value); }
+    bool number_unsigned(std::uint64_t value) override {
+        return std::in_range<std::int64_t>(value) ? addNumber(static_cast<std::int64_t>(value))
+                                                  : addNumber(value);
+    }
+    bool number_float(double value, const std::string&) override { return addNumber(value); }
+    // Texts are copied: the parser reads the next one into the room of this one.
+    bool string(std::string& value) override { return add(std::as_const(value)); }
+    bool binary(nlohmann::json::binary_t&) override { return false; }
 
-    bool readElements(const std::function<void(JSONValue)>& take) {
-        skipBlanks();
-        if (next() != '[') return fail("expected an array");
-        return readList(']',
-                        [&] {
-                            JSONValue element;
-                            if (!readValue(element)) return false;
-                            take(std::move(element));
-                            return true;
-                        }) &&
-               isOver();
+    bool start_object(std::size_t) override { return open(JSONObject()); }
+    bool key(std::string& name) override {
+        nextKey = name;
+        return true;
+    }
+    bool end_object() override { return close(); }
+    bool start_array(std::size_t) override { return open(JSONArray()); }
+    bool end_array() override { return close(); }
+
+    bool parse_error(std::size_t position, const std::string& token,
+                     const nlohmann::json::exception& error) override {
+        constexpr int numberOverflow = 406;
+        if (error.id == numberOverflow) tooLarge = token;
+        // The position counts the bytes that were read, the one that didn't fit included.
+        failure = failureAt(text, std::max<std::size_t>(position, 1) - 1, reasonOf(error.what()));
+        return false;
     }
 
+    JSONValue result;
     JSONFailure failure;
+    std::string tooLarge;  // the number that the parser gave up at, if it was one
 
 private:
-    bool readValue(JSONValue& value) {
-        skipBlanks();
-        switch (next()) {
-            case '{':
-                return readObject(value.value.emplace<JSONObject>());
-            case '[':
-                return readArray(value.value.emplace<JSONArray>());
-            case '"':
-                return readText(value.value.emplace<std::string>());
-            case 't':
-                value = true;
-                return readWord("true");
-            case 'f':
-                value = false;
-                return readWord("false");
-            case 'n':
-                value = nullptr;
-                return readWord("null");
-            default:
-                return readNumber(value);
-        }
-    }
-
-    // A member whose key was there before takes its place.
-    bool readObject(JSONObject& object) {
-        return readList('}', [&] {
-            std::string key;
-            skipBlanks();
-            if (next() != '"') return fail("expected a key in quotes");
-            if (!readText(key)) return false;
-            skipBlanks();
-            if (!accept(':')) return fail("expected ':'");
-            return readValue(object[std::move(key)]);
-        });
-    }
-
-    bool readArray(JSONArray& array) {
-        return readList(']', [&] { return readValue(array.emplace_back()); });
-    }
-
-    // What stands between brackets, with commas in between.
-    template <class ReadItem>
-    bool readList(char closingBracket, ReadItem&& readItem) {
-        if (depth == maximumJSONDepth) {
+    template <class Container>
+    bool open(Container empty) {
+        if (openContainers.size() == maximumJSONDepth) {
             failure.description = "Not read: arrays and objects are nested deeper than " +
                                   std::to_string(maximumJSONDepth) + " levels";
             return false;
         }
-        ++depth;
-        ++at;
-        skipBlanks();
-        if (next() != closingBracket) {
-            do {
-                if (!readItem()) return false;
-                skipBlanks();
-            } while (accept(','));
-        }
-        --depth;
-        return accept(closingBracket) ||
-               fail(std::string("expected ',' or '") + closingBracket + "'");
-    }
-
-    bool readText(std::string& out) {
-        out.clear();
-        for (++at;;) {
-            const auto start = at;
-            while (at < text.size() && isPlain(text[at])) ++at;
-            out.append(text, start, at - start);
-            if (accept('"')) return true;
-            if (next() == '\\') {
-                if (!readEscape(out)) return false;
-                continue;
-            }
-            const auto length = characterLength(text.substr(at));
-            if (length < 2)
-                return fail("expected a character in UTF-8 that is no control character");
-            out.append(text, at, length);
-            at += length;
-        }
-    }
-
-    bool readEscape(std::string& out) {
-        constexpr std::string_view letters = "\"\\/bfnrt", meanings = "\"\\/\b\f\n\r\t";
-        ++at;
-        const auto which = at < text.size() ? letters.find(text[at]) : std::string_view::npos;
-        if (which != std::string_view::npos) {
-            out += meanings[which];
-            ++at;
-            return true;
-        }
-        std::uint32_t code = 0;
-        if (!readCode(code)) return false;
-        if (isHighSurrogate(code)) {
-            std::uint32_t low = 0;
-            if (!accept('\\') || !readCode(low) || !isLowSurrogate(low))
-                return fail("expected the second half of a surrogate pair");
-            code = 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
-        } else if (isLowSurrogate(code)) {
-            return fail("the second half of a surrogate pair without its first");
-        }
-        appendUTF8(out, code);
+        auto& place = nextPlace();
+        place.value = std::move(empty);
+        openContainers.push_back(&place);
         return true;
     }
 
-    // "u" and four hexadecimal digits.
-    bool readCode(std::uint32_t& code) {
-        if (!accept('u')) return fail("an unknown escape");
-        const auto digits = text.substr(at, 4);
-        const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), code, 16);
-        if (digits.size() != 4 || result.ptr != digits.data() + digits.size())
-            return fail("expected four hexadecimal digits");
-        at += digits.size();
-        return true;
+    bool close() {
+        openContainers.pop_back();
+        return giveElement();
     }
 
-    bool readWord(std::string_view word) {
-        for (const char letter : word)
-            if (!accept(letter)) return fail("expected \"" + std::string(word) + '"');
-        return true;
+    template <class Value>
+    bool add(Value&& value) {
+        nextPlace().value = std::forward<Value>(value);
+        return giveElement();
     }
 
-    bool readNumber(JSONValue& value) {
-        const auto start = at;
-        const bool isNegative = accept('-');
-        if (!accept('0') && !skipDigits())
-            return fail(isNegative ? "expected a digit" : "expected a value");
-        bool isWhole = true;
-        if (accept('.')) {
-            isWhole = false;
-            if (!skipDigits()) return fail("expected a digit");
+    template <class Number>
+    bool addNumber(Number value) {
+        const auto found = large.find(numbers++);
+        return found == large.end() ? add(value) : add(JSONLargeNumber{std::string(found->second)});
+    }
+
+    // Gives a whole element of the outermost array away, where somebody takes them.
+    bool giveElement() {
+        if (!takeElement) return true;
+        auto* array = std::get_if<JSONArray>(&result.value);
+        if (!array) {
+            failure.description = "expected an array, found " + std::string(result.typeName());
+            return false;
         }
-        if (accept('e') || accept('E')) {
-            isWhole = false;
-            if (!accept('+')) accept('-');
-            if (!skipDigits()) return fail("expected a digit");
-        }
-        value = numberOf(text.substr(start, at - start), isWhole);
+        if (openContainers.size() != 1) return true;
+        (*takeElement)(std::move(array->back()));
+        array->pop_back();
         return true;
     }
 
-    bool skipDigits() {
-        const auto start = at;
-        while (next() >= '0' && next() <= '9') ++at;
-        return at != start;
+    // Where the next value belongs. The place of a key that was there before is used again.
+    JSONValue& nextPlace() {
+        if (openContainers.empty()) return result;
+        auto& container = openContainers.back()->value;
+        if (auto* array = std::get_if<JSONArray>(&container)) return array->emplace_back();
+        return std::get<JSONObject>(container)[std::move(nextKey)];
     }
 
-    void skipBlanks() {
-        while (next() == ' ' || next() == '\n' || next() == '\r' || next() == '\t') ++at;
-    }
-
-    bool isOver() {
-        skipBlanks();
-        return at == text.size() || fail("expected the end of the document");
-    }
-
-    // The character that comes next; NUL, which no document holds, at the end.
-    char next() const { return at < text.size() ? text[at] : '\0'; }
-
-    bool accept(char expected) {
-        if (at == text.size() || text[at] != expected) return false;
-        ++at;
-        return true;
-    }
-
-    // The first reason counts.
-    bool fail(std::string reason) {
-        if (!failure.description.empty()) return false;
-        if (at == text.size()) reason = "unexpected end of input";
-        const auto before = text.substr(0, at);
-        const auto line = 1 + std::count(before.begin(), before.end(), '\n');
-        const auto lineStart = before.rfind('\n') + 1;  // without a line break before: 0
-        failure.description = "Not valid JSON at line " + std::to_string(line) + ", column " +
-                              std::to_string(at - lineStart + 1) + ": " + reason;
-        return false;
-    }
-
-    const std::string_view text;
-    std::size_t at;
-    std::size_t depth = 0;
+    std::string_view text;
+    const LargeNumbers large;
+    const std::function<void(JSONValue)>* takeElement;
+    std::size_t numbers = 0;
+    std::string nextKey;
+    // The containers that have begun and not ended, outermost first. Each stays where it is, as
+    // what is around it grows only after its end.
+    std::vector<JSONValue*> openContainers;
 };
+
+bool parse(std::string_view text, ValueBuilder& builder) {
+    // The parser takes this byte for the end of its input and would not look at what follows.
+    const auto nul = text.find('\0');
+    if (nul == std::string_view::npos)
+        return nlohmann::json::sax_parse(text.begin(), text.end(), &builder);
+    builder.failure = failureAt(text, nul, "a NUL byte");
+    return false;
+}
+
+bool isTooLarge(std::string_view number) {
+    constexpr std::size_t mostDigits = std::numeric_limits<double>::max_exponent10;
+    if (number.size() <= mostDigits && number.find_first_of("eE") == std::string_view::npos)
+        return false;
+    ValueBuilder builder(number);
+    return !parse(number, builder) && builder.tooLarge == number;
+}
+
+// The length of the string, its quotes included, that `text` begins with.
+std::size_t stringLength(std::string_view text) {
+    for (std::size_t at = 1; at < text.size(); ++at) {
+        if (text[at] == '"') return at + 1;
+        if (text[at] == '\\') ++at;
+    }
+    return text.size();
+}
+
+// Takes the numbers that are too large for the parser out of the document: it reads 0 in their places.
+LargeNumbers takeLargeNumbers(std::string_view text, std::string& document) {
+    constexpr std::string_view begins = "-0123456789", goesOn = "+-.0123456789eE";
+    LargeNumbers found;
+    std::size_t numbers = 0;
+    for (std::size_t at = 0; at < text.size();) {
+        const auto rest = text.substr(at);
+        std::size_t length = rest[0] == '"' ? stringLength(rest) : 1;
+        if (begins.find(rest[0]) != std::string_view::npos) {
+            const auto number = rest.substr(0, rest.find_first_not_of(goesOn));
+            length = number.size();
+            if (isTooLarge(number)) {
+                found.emplace(numbers, number);
+                document.replace(at, length, length, ' ')[at] = '0';
+            }
+            ++numbers;
+        }
+        at += length;
+    }
+    return found;
+}
 
 }  // namespace
 
 std::variant<JSONValue, JSONFailure> parseJSON(std::string_view text) {
-    Reader reader(text);
-    JSONValue document;
-    if (!reader.readDocument(document)) return std::move(reader.failure);
-    return document;
+    ValueBuilder builder(text);
+    if (parse(text, builder)) return std::move(builder.result);
+    if (builder.tooLarge.empty()) return std::move(builder.failure);
+
+    std::string document(text);
+    const auto large = takeLargeNumbers(text, document);
+    ValueBuilder again(document, large);
+    if (parse(document, again)) return std::move(again.result);
+    return std::move(again.failure);
 }
 
 std::optional<JSONFailure> readJSONArray(std::string_view text,
                                          const std::function<void(JSONValue)>& take) {
-    Reader reader(text);
-    if (!reader.readElements(take)) return std::move(reader.failure);
-    return std::nullopt;
+    ValueBuilder builder(text, {}, &take);
+    if (parse(text, builder)) return std::nullopt;
+    return std::move(builder.failure);
 }
 
 std::optional<JSONValue> NSJSONSerialization::JSONObjectWithData(std::string_view data) {
