@@ -51,14 +51,16 @@ class KillSwitch(Firewall):
 
     def up(self, vpn: Vpn) -> None:
         tunnel = f'oifname "{vpn.device}"' if vpn.device else "rt ipsec exists"
-        run("nft", f"""table inet killswitch {{ chain output {{
-            type filter hook output priority filter; policy drop;
-            oifname "lo" accept
-            {tunnel} accept
-            ip daddr {network.VPN_ENDPOINT} accept
-            udp dport {{ 67, 547 }} accept
-            icmpv6 type {{ nd-neighbor-solicit, nd-neighbor-advert, nd-router-solicit }} accept
-        }} }}""")
+        run("nft", f"""table inet killswitch {{
+            chain output {{
+                type filter hook output priority filter; policy drop;
+                oifname "lo" accept
+                {tunnel} accept
+                ip daddr {network.VPN_ENDPOINT} accept
+                udp dport {{ 67, 547 }} accept
+                icmpv6 type {{ nd-neighbor-solicit, nd-neighbor-advert, nd-router-solicit }} accept
+            }}
+        }}""")
 
     def down(self) -> None:
         run("nft", "delete", "table", "inet", "killswitch", check=False)

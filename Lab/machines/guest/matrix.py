@@ -9,6 +9,7 @@ application got; nobody asks the daemon.
 
 import argparse
 import json
+import pathlib
 import shutil
 import subprocess
 import time
@@ -22,7 +23,7 @@ from vantrylab import applications, network, world
 from vpns import Vpn, all_vpns, way_of
 
 # A connection that is denied is told so at once; emulation makes an instant long.
-_PATIENCE = 6
+_PATIENCE = 4
 
 
 class Deviation(Exception):
@@ -58,18 +59,13 @@ class Trial:
                 ("daemon killed", self._killed), ("daemon upgraded", self._upgraded)]
 
     def _outcome(self, attempt: Callable[[], None]) -> dict:
-        """What does not work is tried once more, as emulation may be slower than any patience."""
-        started, first = time.monotonic(), ""
-        for self._notes in ([], []):
-            try:
-                attempt()
-                state = "works"
-                break
-            except _FAULTS as reason:
-                state, first = "fails", first or str(reason)
-        notes = [*([first] if state == "fails" else [f"only the second time; {first}"] if first else []), *self._notes]
-        return {"state": "note" if state == "works" and notes else state, "why": "; ".join(notes),
-                "seconds": round(time.monotonic() - started, 1)}
+        started, self._notes = time.monotonic(), []
+        try:
+            attempt()
+            state = "note" if self._notes else "works"
+        except _FAULTS as reason:
+            state, self._notes = "fails", [str(reason), *self._notes]
+        return {"state": state, "why": "; ".join(self._notes), "seconds": round(time.monotonic() - started, 1)}
 
     # The cells
 
@@ -83,9 +79,11 @@ class Trial:
 
     def _blocked_cell(self) -> None:
         self._is_denied(self._blocked)
+        self._promised("UDP to be denied", self._deviation_of_datagrams)
+
+    def _deviation_of_datagrams(self) -> str:
         report = self._try(self._blocked, "datagram", 443, place := Place())
-        if report["error"] in ("", "ETIMEDOUT") or place.seen():
-            raise Deviation(f"UDP: {seen_by(report, place)}")
+        return seen_by(report, place) if report["error"] in ("", "ETIMEDOUT") or place.seen() else ""
 
     def _falls(self) -> None:
         with Upload(self._tunnelled) as upload:
@@ -135,16 +133,25 @@ class Trial:
                 raise Deviation(f"the VPN does not carry: {seen}")
 
     def _goes(self, application: applications.Application, wanted: str) -> None:
-        if (seen := self._way(application)) != wanted:
-            raise Deviation(f"{application.identifier.rsplit('.')[-1]} ({wanted} wanted): {seen}")
+        name = application.identifier.rsplit(".")[-1]
+        self._promised(f"{name} ({wanted} wanted)", lambda: "" if (seen := self._way(application)) == wanted else seen)
+
+    def _promised(self, what: str, deviation: Callable[[], str]) -> None:
+        """What does not work is tried once more, as emulation may be slower than any patience."""
+        first = deviation()
+        if first and deviation():
+            raise Deviation(f"{what}: {first}")
+        if first:
+            self._notes.append(f"only the second time: {what}: {first}")
 
     def _way(self, application: applications.Application, ipv6: bool = False) -> str:
         return seen_by(self._try(application, "connect", 80, place := Place(ipv6)), place)
 
     def _is_denied(self, application: applications.Application) -> None:
-        report = self._try(application, "connect", 80, place := Place())
-        if not was_denied(report, place):
-            raise Deviation(f"a connection to be denied: {seen_by(report, place)}")
+        def deviation() -> str:
+            report = self._try(application, "connect", 80, place := Place())
+            return "" if was_denied(report, place) else seen_by(report, place)
+        self._promised("a connection to be denied", deviation)
 
     @staticmethod
     def _try(application: applications.Application, mode: str, port: int, place: "Place") -> dict:
@@ -233,6 +240,8 @@ def main() -> None:
     parser.add_argument("--without", type=json.loads, default=[], help="pairs of both, as a list of lists")
     options = parser.parse_args()
     uplink.up()
+    # Each upgrade would index the manual again.
+    pathlib.Path("/var/lib/man-db/auto-update").unlink(missing_ok=True)
     package.install()
     programs = lay_out()
     for vpn in (each for each in all_vpns() if options.vpn in each.name):

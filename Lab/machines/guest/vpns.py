@@ -47,13 +47,12 @@ class Vpn:
 class WireGuard(Vpn):
     """wg-quick; split, only the upper half of the server's addresses goes through it."""
 
-    def __init__(self, name: str, allowed: str):
-        self.name, self._allowed = name, allowed
-        self.device = "wg0"
-        self._unit = "wg-quick@wg0"
+    def __init__(self, name: str, device: str, allowed: str):
+        self.name, self.device, self._allowed = name, device, allowed
+        self._unit = f"wg-quick@{device}"
 
     def prepare(self) -> None:
-        write_wireguard("wg0", self._allowed)
+        write_wireguard(self.device, self._allowed)
 
     def up(self) -> None:
         run("systemctl", "start", self._unit)
@@ -159,8 +158,8 @@ class Ikev2(Vpn):
 
 
 def all_vpns() -> list[Vpn]:
-    return [WireGuard("wg-quick, full tunnel", "0.0.0.0/0, ::/0"),
-            WireGuard("wg-quick, split tunnel", "198.51.100.128/25, 10.8.0.0/24"),
+    return [WireGuard("wg-quick, full tunnel", "wg0", "0.0.0.0/0, ::/0"),
+            WireGuard("wg-quick, split tunnel", "wg1", "198.51.100.128/25, 10.8.0.0/24"),
             OpenVpn(), NetworkManagerWireGuard(), Ikev2()]
 
 
