@@ -111,7 +111,7 @@ Verdict FlowDecisions::verdictOnFlow(const Occasion& occasion) {
     if (isStillDenied(occasion)) return {FlowState::denied, asked.generation};
     auto known = recent.find(packet, asked.generation);
     // Of datagrams, the port alone does not tell whose they are.
-    if (known && isDatagram(packet) && isOfAnotherSocket(packet.flow, known->cookie)) known.reset();
+    if (known && isDatagram(packet) && isOfAnotherSocket(packet, known->cookie)) known.reset();
     const Verdict verdict = known ? *known : offer(occasion);
     if (!known) remember(packet, verdict);
     // The first datagram, and data on a SYN, are the first bytes of a watched flow.
@@ -135,7 +135,7 @@ bool FlowDecisions::isStillDenied(const Occasion& occasion) {
     if (!known) return false;
     const bool isSameConnection = !isDatagram(packet) && packet.purpose != PacketPurpose::newFlow;
     const bool isSameSocket = isDatagram(packet) && known->ruleChanges == occasion.ruleChanges &&
-                              !isOfAnotherSocket(packet.flow, known->cookie);
+                              !isOfAnotherSocket(packet, known->cookie);
     if (isSameConnection || isSameSocket) {
         // What is in use is not forgotten.
         denied.remember(packet.flow, *known);
@@ -145,8 +145,8 @@ bool FlowDecisions::isStillDenied(const Occasion& occasion) {
     return false;
 }
 
-bool FlowDecisions::isOfAnotherSocket(const FlowTuple& flow, std::uint64_t cookie) {
-    const auto present = cookie == 0 ? std::nullopt : attribution.cookieOf(flow);
+bool FlowDecisions::isOfAnotherSocket(const HeldPacket& packet, std::uint64_t cookie) {
+    const auto present = cookie == 0 ? std::nullopt : attribution.cookieOf(packet.asSent());
     return present && *present != cookie;
 }
 
@@ -190,9 +190,9 @@ void FlowDecisions::watch(const HeldPacket& packet, const Source& source,
 
 FlowDecisions::Source FlowDecisions::sourceOf(const HeldPacket& packet) {
     Source source;
-    source.remote = remoteEndpointOf(packet.flow);
-    source.isOnlyForFilter = isLinkLocal(packet.flow);
-    if (const auto owner = attribution.ownerOf(packet.flow)) {
+    source.remote = remoteEndpointOf(packet.asSent());
+    source.isOnlyForFilter = isLinkLocal(packet.asSent());
+    if (const auto owner = attribution.ownerOf(packet.asSent())) {
         source.metaData = metaDataOf(*owner);
         source.isOnlyForFilter |= owner->isBoundToDevice;
         source.cookie = owner->socketCookie;
@@ -205,7 +205,7 @@ FlowDecisions::Source FlowDecisions::sourceOf(const HeldPacket& packet) {
 
 ClaimedFlows::Flow FlowDecisions::offerToProxy(const HeldPacket& packet, const Source& source,
                                                const Offers& asked) {
-    if (source.isOnlyForFilter || !asksFor(asked.proxyRules, packet.flow)) return nullptr;
+    if (source.isOnlyForFilter || !asksFor(asked.proxyRules, packet.asSent())) return nullptr;
     if (packet.flow.protocol == IPPROTO_UDP) {
         // There is nothing that could relay it, so a claim changes nothing.
         providers.proxy->handleNewFlow(
@@ -246,7 +246,7 @@ Verdict FlowDecisions::verdictOnData(const Occasion& occasion) {
     const HeldPacket& packet = occasion.packet;
     if (isStillDenied(occasion)) return {FlowState::denied, occasion.asked.generation};
     const auto flow = watched.find(packet.flow);
-    if (flow && isDatagram(packet) && isOfAnotherSocket(packet.flow, flow->cookie())) {
+    if (flow && isDatagram(packet) && isOfAnotherSocket(packet, flow->cookie())) {
         watched.remove(packet.flow);
         return verdictOnFlow(occasion);
     }
@@ -291,7 +291,7 @@ Verdict FlowDecisions::show(const Occasion& occasion, WatchedFlow& flow, bool is
 Verdict FlowDecisions::deny(const Occasion& occasion, std::uint64_t cookie) {
     const FlowTuple& flow = occasion.packet.flow;
     // Ending the socket tells the application at once; state and memory stop what it leaves behind.
-    attribution.destroySocket(flow);
+    attribution.destroySocket(occasion.packet.asSent());
     watched.remove(flow);
     denied.remember(flow, {cookie, occasion.ruleChanges});
     return {FlowState::denied, occasion.asked.generation, cookie};

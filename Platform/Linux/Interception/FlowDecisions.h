@@ -75,7 +75,7 @@ private:
     Verdict verdictOnFlow(const Occasion& occasion);
     void remember(const HeldPacket& packet, const Verdict& verdict);
     bool isStillDenied(const Occasion& occasion);
-    bool isOfAnotherSocket(const FlowTuple& flow, std::uint64_t cookie);
+    bool isOfAnotherSocket(const HeldPacket& packet, std::uint64_t cookie);
     Verdict offer(const Occasion& occasion);
     // The application's side of the flow if the proxy claims it, else null.
     ClaimedFlows::Flow offerToProxy(const HeldPacket& packet, const Source& source,

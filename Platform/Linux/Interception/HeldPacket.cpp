@@ -28,8 +28,43 @@ bool isExtensionHeader(int protocol) {
            protocol == IPPROTO_DSTOPTS;
 }
 
-// Each reads one header, fills what it tells, and gives the offset behind it; 0 if it can't.
-std::size_t readIPv4(Bytes packet, FlowTuple& flow) {
+// The last stop of an IPv4 source route that is not at its end.
+void readSourceRoute(Bytes options, HeldPacket& into) {
+    constexpr std::uint8_t endOfList = 0, noOperation = 1, looseRoute = 131, strictRoute = 137;
+    while (!options.empty() && options[0] != endOfList) {
+        if (options[0] == noOperation) {
+            options = options.subspan(1);
+            continue;
+        }
+        if (options.size() < 2 || options[1] < 2 || options[1] > options.size()) return;
+        const Bytes option = options.first(options[1]);
+        const bool isRoute = option[0] == looseRoute || option[0] == strictRoute;
+        // The pointer counts from one; beyond the option's length no stop is left.
+        if (isRoute && option.size() >= 7 && option[2] < option.size()) {
+            into.finalDestination.emplace();
+            std::ranges::copy(option.last(4), into.finalDestination->begin());
+            return;
+        }
+        options = options.subspan(option.size());
+    }
+}
+
+// The last stop of an IPv6 routing header that has some left: segment routing lists it first.
+void readRoutingHeader(Bytes header, HeldPacket& into) {
+    constexpr std::uint8_t segmentRouting = 4;
+    constexpr std::size_t beforeList = 8, addressLength = 16;
+    const std::uint8_t stopsLeft = header[3];
+    if (stopsLeft == 0 || header.size() < beforeList + addressLength) return;
+    const std::size_t stops = (header.size() - beforeList) / addressLength;
+    const std::size_t last = header[2] == segmentRouting ? 0 : stops - 1;
+    into.finalDestination.emplace();
+    std::ranges::copy(header.subspan(beforeList + last * addressLength, addressLength),
+                      into.finalDestination->begin());
+}
+
+// Each reads one header, fills what it tells, and gives the offset after it; 0 if it can't.
+std::size_t readIPv4(Bytes packet, HeldPacket& into) {
+    FlowTuple& flow = into.flow;
     constexpr std::size_t shortest = 20;
     constexpr std::uint16_t fragmentOffset = 0x1fff;
     if (packet.size() < shortest) return 0;
@@ -40,10 +75,13 @@ std::size_t readIPv4(Bytes packet, FlowTuple& flow) {
     flow.protocol = packet[9];
     std::copy_n(packet.begin() + 12, 4, flow.sourceAddress.begin());
     std::copy_n(packet.begin() + 16, 4, flow.destinationAddress.begin());
+    if (length > packet.size()) return 0;
+    readSourceRoute(packet.subspan(shortest, length - shortest), into);
     return length;
 }
 
-std::size_t readIPv6(Bytes packet, FlowTuple& flow) {
+std::size_t readIPv6(Bytes packet, HeldPacket& into) {
+    FlowTuple& flow = into.flow;
     constexpr std::size_t fixedLength = 40;
     if (packet.size() < fixedLength) return 0;
     flow.family = AF_INET6;
@@ -53,19 +91,22 @@ std::size_t readIPv6(Bytes packet, FlowTuple& flow) {
     std::size_t offset = fixedLength;
     while (isExtensionHeader(protocol)) {
         if (packet.size() < offset + 8) return 0;
+        const std::size_t length = (std::size_t{packet[offset + 1]} + 1) * 8;
+        if (packet.size() < offset + length) return 0;
+        if (protocol == IPPROTO_ROUTING) readRoutingHeader(packet.subspan(offset, length), into);
         protocol = packet[offset];
-        offset += (std::size_t{packet[offset + 1]} + 1) * 8;
+        offset += length;
     }
     flow.protocol = protocol;
     return offset;
 }
 
-std::size_t readNetwork(Bytes packet, FlowTuple& flow) {
+std::size_t readNetwork(Bytes packet, HeldPacket& into) {
     switch (packet.empty() ? 0 : packet[0] >> 4) {
         case 4:
-            return readIPv4(packet, flow);
+            return readIPv4(packet, into);
         case 6:
-            return readIPv6(packet, flow);
+            return readIPv6(packet, into);
         default:
             return 0;
     }
@@ -87,13 +128,19 @@ std::size_t readTransport(Bytes packet, std::size_t offset, HeldPacket& into) {
 }  // namespace
 
 bool readHeaders(Bytes packet, std::size_t trueLength, HeldPacket& into) {
-    const std::size_t transport = readNetwork(packet, into.flow);
+    const std::size_t transport = readNetwork(packet, into);
     if (transport == 0) return false;
     if (into.flow.protocol != IPPROTO_TCP && into.flow.protocol != IPPROTO_UDP) return false;
     const std::size_t payload = readTransport(packet, transport, into);
     if (payload == 0) return false;
     into.payloadLength = trueLength > payload ? trueLength - payload : 0;
     return true;
+}
+
+FlowTuple HeldPacket::asSent() const {
+    FlowTuple sent = flow;
+    if (finalDestination) sent.destinationAddress = *finalDestination;
+    return sent;
 }
 
 bool SameFlow::operator()(const FlowTuple& left, const FlowTuple& right) const {

@@ -20,7 +20,9 @@ namespace platform::interception {
 
 namespace {
 
-constexpr std::uint32_t copiedBytes = 128;  // all headers, and no payload to speak of
+// All headers, a prescribed way over two dozen stops among them.
+constexpr std::uint32_t copiedBytes = 512;
+constexpr std::size_t roomForPacket = copiedBytes + 512;
 constexpr std::uint32_t longestQueue = 8192;
 constexpr int receiveBufferSize = 16 * 1024 * 1024;
 constexpr std::size_t packetsAtOnce = 32;
@@ -37,9 +39,9 @@ void putCommand(nlmsghdr* header, nfqnl_msg_config_cmds command) {
     nfq_nlmsg_cfg_put_cmd(header, AF_UNSPEC, static_cast<std::uint8_t>(command));
 }
 
-std::uint32_t number32(const netlink::Attributes& attributes, std::uint16_t type) {
+std::optional<std::uint32_t> number32(const netlink::Attributes& attributes, std::uint16_t type) {
     const auto attribute = attributes.find(type);
-    return attribute ? attribute->networkNumber<std::uint32_t>().value_or(0) : 0;
+    return attribute ? attribute->networkNumber<std::uint32_t>() : std::nullopt;
 }
 
 void putVerdict(nlmsghdr* header, const PacketVerdict& verdict, VerdictCarrier by,
@@ -69,7 +71,7 @@ struct PacketQueue::Buffers {
         }
     }
 
-    alignas(nlmsghdr) std::array<std::array<char, 640>, packetsAtOnce> datagrams{};
+    alignas(nlmsghdr) std::array<std::array<char, roomForPacket>, packetsAtOnce> datagrams{};
     std::array<iovec, packetsAtOnce> vectors{};
     std::array<mmsghdr, packetsAtOnce> headers{};
 };
@@ -178,14 +180,15 @@ void PacketQueue::append(std::uint16_t number, const netlink::Attributes& attrib
                          ? PacketPurpose::newFlow
                      : isFrom(queues.offeredAgain) ? PacketPurpose::offeredAgain
                                                    : PacketPurpose::watchedData;
-    packet.priority = number32(attributes, NFQA_PRIORITY);
-    packet.flow.outputInterface = number32(attributes, NFQA_IFINDEX_OUTDEV);
+    packet.priority = number32(attributes, NFQA_PRIORITY).value_or(0);
+    packet.account = number32(attributes, NFQA_UID).value_or(HeldPacket::noAccount);
+    packet.flow.outputInterface = number32(attributes, NFQA_IFINDEX_OUTDEV).value_or(0);
     bool isReadable = false;
     if (const auto payload = attributes.find(NFQA_PAYLOAD)) {
         const auto bytes = payload->bytes();
         const std::span read(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
-        const std::uint32_t cutFrom = number32(attributes, NFQA_CAP_LEN);
-        isReadable = readHeaders(read, cutFrom != 0 ? cutFrom : bytes.size(), packet);
+        const auto cutFrom = number32(attributes, NFQA_CAP_LEN);
+        isReadable = readHeaders(read, cutFrom ? *cutFrom : bytes.size(), packet);
     }
     if (isReadable) {
         packets.push_back(packet);

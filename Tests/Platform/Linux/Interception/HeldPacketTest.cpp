@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <netinet/tcp.h>
 
+#include <algorithm>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace platform::interception {
@@ -87,6 +89,30 @@ TEST(HeldPacket, ReadsHeadersOfEveryShape) {
         EXPECT_EQ(packet.opensTcp, opens);
         EXPECT_EQ(packet.tcpSequence, isTcp ? 0xff000001u : 0u);
     }
+}
+
+TEST(HeldPacket, OnAPrescribedWayIsAttributedByWhereItGoesInTheEnd) {
+    Bytes route = ipv4(IPPROTO_TCP, 8);
+    const Bytes options{1, 131, 11, 4, 30, 0, 0, 0, 40, 0, 0, 0};
+    std::copy(options.begin(), options.end(), route.begin() + 20);
+    Bytes listed = extension(IPPROTO_UDP, 4);
+    listed[3] = 1;
+    listed[8] = 0x51;
+    listed[24] = 0x52;
+    Bytes segments = listed;
+    segments[2] = 4;
+    for (const auto& [packet, last] : {std::pair(route + tcp(TH_SYN), 40),
+                                       std::pair(ipv6(IPPROTO_ROUTING) + listed + udp(), 0x52),
+                                       std::pair(ipv6(IPPROTO_ROUTING) + segments + udp(), 0x51)}) {
+        HeldPacket read;
+        ASSERT_TRUE(readHeaders(packet, packet.size(), read));
+        EXPECT_NE(read.flow.destinationAddress[0], last);
+        EXPECT_EQ(read.asSent().destinationAddress[0], last);
+    }
+    route[23] = 12;  // at its end
+    HeldPacket read;
+    ASSERT_TRUE(readHeaders(route + tcp(TH_SYN), 52, read));
+    EXPECT_EQ(read.asSent().destinationAddress, read.flow.destinationAddress);
 }
 
 TEST(HeldPacket, EveryCutShortOfThePortsIsRefused) {
