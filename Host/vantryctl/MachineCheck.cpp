@@ -149,13 +149,15 @@ Finding checkUplink(const platform::NetworkState& state) {
 
 Finding checkMarks(std::uint32_t bitsInUse) {
     const auto place = platform::interception::freeMarkPlace(bitsInUse);
-    const auto clash = place.mask() & bitsInUse;
-    if (clash == 0)
-        return {"packet marks", Verdict::good, fmt::format("the byte {:#x} is free", place.mask()),
+    if (place)
+        return {"packet marks", Verdict::good, fmt::format("the byte {:#x} is free", place->mask()),
                 ""};
-    return {"packet marks", Verdict::warning,
-            fmt::format("no byte is free; {:#x} is shared with rules of others", clash),
-            "Look for marks in nft list ruleset and ip rule, and free one byte."};
+    return {
+        "packet marks", Verdict::missing,
+        fmt::format("no byte is free, so the daemon does not start: {:#x} is in use by rules of "
+                    "others",
+                    bitsInUse),
+        "Look for marks in nft list ruleset and ip rule, and free one byte."};
 }
 
 Findings findingsInRules(const std::string& rulesOfOthers) {

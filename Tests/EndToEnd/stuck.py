@@ -19,7 +19,6 @@ MANY = 40
 # Each writes half a dozen lines.
 FLOWS_THAT_FILL_THE_LOG = 20
 _MNT_DETACH = 2
-LET_GO = "packets had waited too long for a verdict and were let go"
 
 
 def run(stage) -> None:

@@ -69,7 +69,8 @@ struct DropEventLoop {
 // for the preferences, the sleep signal and the service manager's watchdog.
 class HostChannel::Running {
 public:
-    Running(std::shared_ptr<NETransparentProxyProvider> toServe, ExplainFlow explainFlow);
+    Running(std::shared_ptr<NETransparentProxyProvider> toServe, ExplainFlow explainFlow,
+            IsAlive isAlive);
     ~Running();
     Running(const Running&) = delete;
     Running& operator=(const Running&) = delete;
@@ -81,10 +82,14 @@ private:
     int runLoop(sd_event& loop);
     void readPreferencesEvents();
 
+    int giveSignsOfLife(sd_event& loop);
+    static int signOfLifeIsDue(sd_event_source* source, std::uint64_t due, void* self);
     static int stopIsAsked(sd_event_source* source, int descriptor, std::uint32_t events, void*);
     static int preferencesChanged(sd_event_source*, int, std::uint32_t, void* self);
 
     const std::shared_ptr<NETransparentProxyProvider> provider;
+    const IsAlive isAlive;
+    std::uint64_t betweenSigns = 0;  // in microseconds
     const FileDescriptor stopSignal{eventfd(0, EFD_CLOEXEC)};
     FolderWatch preferencesWatch{places::preferencesFolder, makePreferencesFolder,
                                  IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE};
@@ -94,8 +99,9 @@ private:
 };
 
 HostChannel::Running::Running(std::shared_ptr<NETransparentProxyProvider> toServe,
-                              ExplainFlow explainFlow)
+                              ExplainFlow explainFlow, IsAlive alive)
     : provider(std::move(toServe)),
+      isAlive(std::move(alive)),
       messages(places::messageSocket, makeRuntimeFolder, messageHandler(), {}),
       questions(std::move(explainFlow)),
       follower([this] { follow(); }) {}
@@ -139,10 +145,24 @@ int HostChannel::Running::runLoop(sd_event& loop) {
                                            &Running::preferencesChanged, this);
         if (result < 0) return result;
     }
-    // Pings only if the service manager asked for it.
-    if (const int result = sd_event_set_watchdog(&loop, 1); result < 0) return result;
+    if (const int result = giveSignsOfLife(loop); result < 0) return result;
     const SleepSignal sleepSignal(loop, sleepListener());
     return sd_event_loop(&loop);
+}
+
+int HostChannel::Running::giveSignsOfLife(sd_event& loop) {
+    std::uint64_t longestSilence = 0;
+    if (const int result = sd_watchdog_enabled(0, &longestSilence); result <= 0) return result;
+    betweenSigns = longestSilence / 2;
+    return sd_event_add_time_relative(&loop, nullptr, CLOCK_MONOTONIC, 0, 0,
+                                      &Running::signOfLifeIsDue, this);
+}
+
+int HostChannel::Running::signOfLifeIsDue(sd_event_source* source, std::uint64_t, void* self) {
+    const auto& running = *static_cast<const Running*>(self);
+    if (running.isAlive()) tellServiceManager("WATCHDOG=1");
+    const int result = sd_event_source_set_time_relative(source, running.betweenSigns);
+    return result < 0 ? result : sd_event_source_set_enabled(source, SD_EVENT_ONESHOT);
 }
 
 int HostChannel::Running::stopIsAsked(sd_event_source* source, int, std::uint32_t, void*) {
@@ -171,10 +191,12 @@ HostChannel::HostChannel() {
 HostChannel::~HostChannel() { stop(); }
 
 void HostChannel::start(std::shared_ptr<NETransparentProxyProvider> provider,
-                        ExplainFlow explainFlow) {
-    running = std::make_unique<Running>(std::move(provider), std::move(explainFlow));
-    tellServiceManager("READY=1");
+                        ExplainFlow explainFlow, IsAlive isAlive) {
+    running =
+        std::make_unique<Running>(std::move(provider), std::move(explainFlow), std::move(isAlive));
 }
+
+void HostChannel::sayReady() { tellServiceManager("READY=1"); }
 
 void HostChannel::stop() {
     if (!running) return;

@@ -6,12 +6,14 @@
 //
 //   HostChannel channel;            before the first provider is called
 //   startFilter ..., startProxy ... and its completion, whatever its outcome
-//   channel.start(provider);
+//   channel.start(provider, ...);
+//   channel.sayReady();             once flows are decided
 //   ... until SIGTERM ...
 //   channel.stop();                 before stopProxy
 //   stopProxy ..., stopFilter ...
 #pragma once
 
+#include <functional>
 #include <memory>
 
 #include "Platform/Linux/HostChannel/Questions.h"
@@ -30,9 +32,14 @@ public:
 
     // The request for the platform's health is answered here; all others are the provider's.
     // From here on the channel calls `handleAppMessage`, `sleep` and `wake` of the provider, on
-    // threads of its own, answers questions, and tells the service manager that the daemon is ready.
-    // Holds the provider until `stop`. Called once.
-    void start(std::shared_ptr<NETransparentProxyProvider> provider, ExplainFlow explainFlow);
+    // threads of its own, answers questions, and gives the service manager the signs of life that it asks
+    // for, as long as `isAlive` says so. Holds the provider until `stop`. Called once.
+    using IsAlive = std::function<bool()>;
+    void start(std::shared_ptr<NETransparentProxyProvider> provider, ExplainFlow explainFlow,
+               IsAlive isAlive);
+
+    // Tells the service manager that the daemon is ready.
+    void sayReady();
 
     // Tells the service manager that the daemon is stopping and closes the message socket. When it
     // returns, none of the provider's operations is running for the channel and none will. Once or

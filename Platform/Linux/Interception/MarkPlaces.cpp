@@ -6,32 +6,16 @@
 #include <linux/rtnetlink.h>
 #include <nftables/libnftables.h>
 
-#include <bit>
-#include <charconv>
 #include <memory>
 #include <sstream>
 
+#include "Platform/Linux/Interception/MarksInRules.h"
 #include "Platform/Linux/Interception/PacketRule.h"
 #include "Platform/Linux/Netlink/Socket.h"
 
 namespace platform::interception {
 
 namespace {
-
-// A number with most bits set is a mask that keeps those and speaks of the others.
-std::uint32_t bitsMeantBy(std::uint32_t number) {
-    return std::popcount(number) > 16 ? ~number : number;
-}
-
-std::uint32_t bitsInLine(std::string_view line) {
-    std::uint32_t bits = 0;
-    for (auto at = line.find("0x"); at != std::string_view::npos; at = line.find("0x", at + 2)) {
-        std::uint32_t number = 0;
-        std::from_chars(line.data() + at + 2, line.data() + line.size(), number, 16);
-        bits |= bitsMeantBy(number);
-    }
-    return bits;
-}
 
 std::uint32_t bitsInRoutingRules() {
     auto socket = netlink::Socket::open(NETLINK_ROUTE);
@@ -47,7 +31,7 @@ std::uint32_t bitsInRoutingRules() {
         };
         const std::uint32_t mark = number(FRA_FWMARK);
         const std::uint32_t mask = number(FRA_FWMASK);
-        // Whoever compares the whole mark uses the bits of the value.
+        // A comparison with the whole mark uses the bits of the value.
         bits |= mask == ~0u ? mark : mask;
     }));
     return bits;
@@ -67,6 +51,8 @@ std::optional<std::string> packetRulesOfOthers() {
     if (!context) return std::nullopt;
     nft_ctx_buffer_output(context.get());
     nft_ctx_buffer_error(context.get());
+    // Marks may have names.
+    nft_ctx_output_set_flags(context.get(), NFT_CTX_OUTPUT_NUMERIC_SYMBOL);
     const auto tables = outputOf(context.get(), "list tables");
     if (!tables) return std::nullopt;
     std::string rules;
@@ -78,29 +64,15 @@ std::optional<std::string> packetRulesOfOthers() {
     return rules;
 }
 
-std::uint32_t markBitsInRules(std::string_view rules) {
-    std::uint32_t bits = 0;
-    while (!rules.empty()) {
-        const auto end = rules.find('\n');
-        const std::string_view line = rules.substr(0, end);
-        rules.remove_prefix(end == std::string_view::npos ? rules.size() : end + 1);
-        if (line.find("mark") != std::string_view::npos) bits |= bitsInLine(line);
-    }
-    return bits;
-}
-
 std::uint32_t markBitsInUse() {
     return bitsInRoutingRules() | markBitsInRules(packetRulesOfOthers().value_or(""));
 }
 
-MarkPlace freeMarkPlace(std::uint32_t used) {
+std::optional<MarkPlace> freeMarkPlace(std::uint32_t used) {
     constexpr unsigned highest = 24;
-    MarkPlace best(highest);
-    for (unsigned shift = highest + 1; shift-- > 0;) {
-        const MarkPlace place(shift);
-        if (std::popcount(used & place.mask()) < std::popcount(used & best.mask())) best = place;
-    }
-    return best;
+    for (unsigned shift = highest + 1; shift-- > 0;)
+        if ((used & MarkPlace(shift).mask()) == 0) return MarkPlace(shift);
+    return std::nullopt;
 }
 
 }  // namespace platform::interception

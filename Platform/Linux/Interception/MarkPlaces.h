@@ -1,18 +1,17 @@
 // Finds a byte of the packet mark that nothing else on the machine uses: marks are shared by VPNs,
-// container networks and firewalls, each with its own bits. Called once at start, and by whoever
-// checks a machine.
+// container networks and firewalls, each with its own bits. Asked at start, when rules of others change,
+// and where a machine is checked.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "Platform/Linux/Interception/FlowMark.h"
 
 namespace platform::interception {
 
-// The packet rules of others that are in force, in their text form; nothing if they cannot be
+// The packet rules of others that are in force, in their text form; none if they cannot be
 // listed. (The form for machines is of no use: libnftables 1.0.6 breaks off at a table with an owner.)
 std::optional<std::string> packetRulesOfOthers();
 
@@ -20,11 +19,7 @@ std::optional<std::string> packetRulesOfOthers();
 // they can be read.
 std::uint32_t markBitsInUse();
 
-// The bits that packet rules in their text form name.
-std::uint32_t markBitsInRules(std::string_view rules);
-
-// The first place whose byte has no bit in `used`, highest bits first; else the one that shares
-// fewest.
-MarkPlace freeMarkPlace(std::uint32_t used);
+// The first place whose byte has no bit in `used`, highest bits first. None if there is none.
+std::optional<MarkPlace> freeMarkPlace(std::uint32_t used);
 
 }  // namespace platform::interception

@@ -268,6 +268,24 @@ void addAnswerRules(Transaction& transaction, MarkPlace place, VerdictCarrier ca
     transaction.addRule(denied().ofProtocol(IPPROTO_UDP).rejectAsPortUnreachable());
 }
 
+// True if there is a table of ours. Whoever may not change rules is not told.
+bool hasTable(netlink::Socket& socket) {
+    alignas(nlmsghdr) std::array<char, 256> buffer;
+    nlmsghdr* const header =
+        nftnl_nlmsg_build_hdr(buffer.data(), NFT_MSG_GETTABLE, NFPROTO_INET, NLM_F_ACK, 2);
+    mnl_attr_put_strz(header, NFTA_TABLE_NAME, packetTableName);
+    return static_cast<bool>(socket.request(*header, [](const netlink::Message&) {}));
+}
+
+// A table with an owner refuses every change of others.
+Result<> commitTable(Transaction& transaction, netlink::Socket& socket) {
+    const auto committed = transaction.commit(socket);
+    const bool isRefused = !committed && committed.error().code() == EPERM;
+    if (isRefused && hasTable(socket))
+        return Error(EBUSY, "take the packet table 'vantry', which another program owns");
+    return committed;
+}
+
 void freeRule(const nftnl_rule* rule) { nftnl_rule_free(rule); }
 
 std::optional<std::uint64_t> countIn(nftnl_rule* rule) {
@@ -337,7 +355,7 @@ Result<> PacketTable::installIn(QueueForm form) {
     addOwnTrafficRules(transaction, content.place);
     addRedirectRules(transaction, content);
     addAnswerRules(transaction, content.place, content.carrier);
-    const auto committed = transaction.commit(socket);
+    const auto committed = commitTable(transaction, socket);
     if (committed) {
         workingForm = form;
         ruleCount = transaction.ruleCount();
@@ -362,7 +380,7 @@ Result<> PacketTable::installProbeIn(QueueForm form, MarkPlace place, std::uint1
                             .ofProtocol(IPPROTO_UDP)
                             .queueTo(queueNumber, form));
     addAnswerRules(transaction, place, carrier);
-    const auto committed = transaction.commit(socket);
+    const auto committed = commitTable(transaction, socket);
     if (committed) workingForm = form;
     return committed;
 }

@@ -68,7 +68,8 @@ public:
     // Takes the rules away.
     ~PacketTable();
 
-    // Puts the whole content in force in one step, in place of what was there.
+    // Puts the whole content in force in one step, in place of what was there. Fails with EBUSY while the
+    // table is another program's.
     Result<> install(const PacketTableContent& content);
     // Puts in force what it takes to try a verdict on a datagram of our own, in place of the content:
     // UDP over the loopback interface that bears our mark goes to the queue, and the verdict to its

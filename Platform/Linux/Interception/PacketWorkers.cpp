@@ -14,16 +14,20 @@ namespace {
 constexpr std::size_t workersAtStart = 2;
 // How many packets of one flow are decided before their verdicts go out together.
 constexpr std::size_t packetsInOneGo = 16;
+// More than the kernel's queues hold.
+constexpr int readsUntilEmpty = 2048;
 }  // namespace
 
-PacketWorkers::PacketWorkers(PacketQueue& packetQueue, Decide decision, ReportOverdue report,
+PacketWorkers::PacketWorkers(PacketQueue& packetQueue, Decide decision, Report reportExcess,
                              Limits workLimits)
     : queue(packetQueue),
       events(epoll_create1(EPOLL_CLOEXEC)),
       help(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       decide(std::move(decision)),
-      reportOverdue(std::move(report)),
-      limits(workLimits) {
+      report(std::move(reportExcess)),
+      limits(workLimits),
+      flows(workLimits.ofAccount),
+      lastMovement(Clock::now()) {
     for (const int descriptor : {queue.descriptor(), help.get()}) {
         epoll_event event{};
         event.events = EPOLLIN | EPOLLET;
@@ -45,10 +49,9 @@ PacketWorkers::~PacketWorkers() {
     hold.unlock();
     for (std::thread& worker : ending) worker.join();
     watchdog.join();
-    // Nobody reads any more: what came in meanwhile is ours to let go.
+    // No one reads any more: what came in meanwhile is ours to pass.
     hold.lock();
-    do read();
-    while (hasUnread);
+    readAll();
     releaseOlderThan(Clock::time_point::max());
 }
 
@@ -61,14 +64,15 @@ void PacketWorkers::work() {
     runBeforeOrdinaryPrograms();
     MutexGuard hold(lock);
     while (!isStopping) {
-        if (!ready.empty()) {
-            Flows::value_type& flow = *ready.front();
-            ready.pop_front();
-            // A decision may take long: somebody has to be there for what comes meanwhile.
-            if (idleWorkers == 0 || hasUnread || !ready.empty()) callForHelp();
-            workOn(flow);
-        } else if (hasUnread) {
+        // What came is read before more is decided: until then no one knows whose it is.
+        if (hasUnread) {
             read();
+            if (hasUnread && flows.isAnyReady()) callForHelp();
+        } else if (flows.isAnyReady()) {
+            WaitingFlows::Flow& flow = flows.take();
+            // A decision may take long: some thread has to be there for what comes meanwhile.
+            if (idleWorkers == 0 || flows.isAnyReady()) callForHelp();
+            workOn(flow);
         } else {
             waitForPackets();
         }
@@ -89,8 +93,21 @@ void PacketWorkers::waitForPackets() {
 
 void PacketWorkers::read() {
     std::vector<HeldPacket> packets;
+    std::vector<PacketVerdict> dropped;
     hasUnread = queue.receive(packets);
-    file(packets);
+    const auto now = Clock::now();
+    for (const HeldPacket& packet : packets)
+        if (!flows.add(packet, now)) dropped.push_back(PacketVerdict::drop(packet));
+    if (dropped.empty()) return;
+    queue.release(dropped);
+    report({0, dropped.size()});
+}
+
+void PacketWorkers::readAll() {
+    for (int count = 0; count < readsUntilEmpty; ++count) {
+        read();
+        if (!hasUnread) return;
+    }
 }
 
 void PacketWorkers::callForHelp() {
@@ -100,58 +117,56 @@ void PacketWorkers::callForHelp() {
         startWorker();
 }
 
-void PacketWorkers::file(const std::vector<HeldPacket>& packets) {
-    const auto now = Clock::now();
-    for (const HeldPacket& packet : packets) {
-        const auto [flow, isNew] = flows.try_emplace(packet.flow);
-        flow->second.packets.push_back({packet, now});
-        if (isNew) ready.push_back(&*flow);
-    }
+void PacketWorkers::workOn(WaitingFlows::Flow& flow) {
+    while (!flow.packets.empty()) decideOn(flow, std::min(flow.packets.size(), packetsInOneGo));
+    flows.finish(flow);
 }
 
-void PacketWorkers::workOn(Flows::value_type& flow) {
-    std::vector<Waiting>& waiting = flow.second.packets;
+void PacketWorkers::decideOn(WaitingFlows::Flow& flow, std::size_t count) {
+    std::vector<Waiting>& waiting = flow.packets;
+    // The packets stay filed until they are decided, within the watchdog's sight.
     std::vector<HeldPacket> taken;
+    for (std::size_t index = 0; index < count; ++index) taken.push_back(waiting[index].packet);
+    // A packet that the watchdog has passed before its turn is not decided any more.
+    const bool isOverdue = waiting[count - 1].isReleased;
     std::vector<PacketVerdict> verdicts;
-    while (!waiting.empty()) {
-        // The packets stay filed until they are decided, within the watchdog's sight.
-        const std::size_t count = std::min(waiting.size(), packetsInOneGo);
-        taken.clear();
-        for (std::size_t index = 0; index < count; ++index) taken.push_back(waiting[index].packet);
-        // A packet that the watchdog has let go before its turn is not decided any more.
-        const bool isOverdue = waiting[count - 1].isReleased;
-        verdicts.clear();
-        if (!isOverdue) {
-            lock.unlock();
-            for (const HeldPacket& packet : taken) verdicts.push_back(decide(packet));
-            lock.lock();
-            for (std::size_t index = count; index-- > 0;)
-                if (waiting[index].isReleased)
-                    verdicts.erase(verdicts.begin() + static_cast<std::ptrdiff_t>(index));
-        }
-        waiting.erase(waiting.begin(), waiting.begin() + static_cast<std::ptrdiff_t>(count));
-        if (!verdicts.empty()) {
-            lock.unlock();
-            queue.release(verdicts);
-            lock.lock();
-        }
+    if (!isOverdue) {
+        lock.unlock();
+        for (const HeldPacket& packet : taken) verdicts.push_back(decide(packet));
+        lock.lock();
+        for (std::size_t index = count; index-- > 0;)
+            if (waiting[index].isReleased)
+                verdicts.erase(verdicts.begin() + static_cast<std::ptrdiff_t>(index));
     }
-    flows.erase(flows.find(flow.first));
+    flows.removeFirst(flow, count);
+    verdictsGiven += verdicts.size();
+    if (verdicts.empty()) return;
+    lock.unlock();
+    queue.release(verdicts);
+    lock.lock();
 }
 
 void PacketWorkers::watch() {
     runBeforeOrdinaryPrograms();
     const auto interval = std::max(limits.longestWait / 4, std::chrono::milliseconds(1));
     MutexGuard hold(lock);
+    std::size_t givenBefore = 0;
     while (!waitForStop(interval)) {
-        // With every worker busy, what nobody has read could not be found overdue.
-        if (idleWorkers == 0) read();
-        const std::size_t count = releaseOlderThan(Clock::now() - limits.longestWait);
-        if (count == 0) continue;
+        // With every worker busy, what no one has read could not be found overdue.
+        if (idleWorkers == 0) readAll();
+        const std::size_t overdue = releaseOlderThan(Clock::now() - limits.longestWait);
+        if (overdue == 0 || verdictsGiven != givenBefore) lastMovement = Clock::now();
+        givenBefore = verdictsGiven;
+        if (overdue == 0) continue;
         hold.unlock();
-        reportOverdue(count);
+        report({overdue, 0});
         hold.lock();
     }
+}
+
+bool PacketWorkers::areVerdictsMoving() const {
+    constexpr std::chrono::seconds patience{5};
+    return Clock::now() - lastMovement.load() < limits.longestWait * 2 + patience;
 }
 
 bool PacketWorkers::waitForStop(std::chrono::milliseconds longest) {
@@ -163,13 +178,11 @@ bool PacketWorkers::waitForStop(std::chrono::milliseconds longest) {
 
 std::size_t PacketWorkers::releaseOlderThan(Clock::time_point limit) {
     std::vector<PacketVerdict> verdicts;
-    for (auto& [tuple, flow] : flows) {
-        for (Waiting& waiting : flow.packets) {
-            if (waiting.isReleased || waiting.arrival > limit) continue;
-            waiting.isReleased = true;
-            verdicts.push_back(PacketVerdict::pass(waiting.packet));
-        }
-    }
+    flows.visitPackets([&](Waiting& waiting) {
+        if (waiting.isReleased || waiting.arrival > limit) return;
+        waiting.isReleased = true;
+        verdicts.push_back(PacketVerdict::pass(waiting.packet));
+    });
     queue.release(verdicts);
     return verdicts.size();
 }

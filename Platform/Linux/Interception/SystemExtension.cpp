@@ -71,9 +71,8 @@ void startProxy(const Providers& providers) {
 // would otherwise meet connections which go on without us.
 void endOffers(Interception& interception) {
     await<bool>(longestStop, [&](auto done) {
-        interception.setProxyRules({}, {});
-        interception.setFilterAction(
-            std::nullopt, [done](const std::optional<NSError>& error) { done->set_value(!error); });
+        interception.endOffers(
+            [done](const std::optional<NSError>& error) { done->set_value(!error); });
     });
 }
 
@@ -92,12 +91,12 @@ void stopFilter(const Providers& providers) {
 }
 
 // Whatever a provider or a verdict hangs in, the process ends in time.
-void endInAnyCase() {
-    std::thread([] {
+void endInAnyCase(int status) {
+    std::thread([status] {
         std::this_thread::sleep_for(longestEnd);
         platformLog.error("The end took too long; leaving at once");
         flushLog(longestFlush);
-        _exit(EXIT_SUCCESS);
+        _exit(status);
     }).detach();
 }
 
@@ -108,6 +107,24 @@ void allowAsManyDescriptorsAsPermitted() {
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+// Waits until flows are decided, and says so; then for the signal to end. The status to end with: a start
+// that cannot succeed ends at once.
+int serve(const Interception& interception, HostChannel& channel) {
+    const sigset_t signals = endSignals();
+    constexpr timespec betweenLooks{0, 50'000'000};
+    while (!interception.isInForce()) {
+        if (const auto failure = interception.failure()) {
+            platformLog.error("Flows cannot be decided: %{public}s", failure->text());
+            return EXIT_FAILURE;
+        }
+        if (sigtimedwait(&signals, nullptr, &betweenLooks) > 0) return EXIT_SUCCESS;
+    }
+    channel.sayReady();
+    int received = 0;
+    sigwait(&signals, &received);
+    return EXIT_SUCCESS;
 }
 
 // The life of the extension, on a thread of its own.
@@ -122,15 +139,15 @@ void runExtension() {
     RunningInterception::set(interception);
     startFilter(providers);
     startProxy(providers);
-    channel.start(providers.proxy, [providers](const FlowQuestion& question) {
-        return registeredProviders.explain(*providers.proxy, *providers.filter, question);
-    });
+    channel.start(
+        providers.proxy,
+        [providers](const FlowQuestion& question) {
+            return registeredProviders.explain(*providers.proxy, *providers.filter, question);
+        },
+        [interception] { return interception->areVerdictsMoving(); });
+    const int status = serve(*interception, channel);
 
-    const sigset_t signals = endSignals();
-    int received = 0;
-    sigwait(&signals, &received);
-
-    endInAnyCase();
+    endInAnyCase(status);
     channel.stop();
     endOffers(*interception);
     stopProxy(providers);
@@ -139,7 +156,7 @@ void runExtension() {
     RunningInterception::set(nullptr);
     interception.reset();
     flushLog(longestFlush);
-    MainQueue::shared().stop(EXIT_SUCCESS);
+    MainQueue::shared().stop(status);
 }
 
 }  // namespace

@@ -30,8 +30,8 @@ TEST(MachineCheckTest, RulesOfOthersAreFoundWhereTheyMatter) {
 
 TEST(MachineCheckTest, MarksClashOnlyWhereNoByteIsFree) {
     EXPECT_EQ(checkMarks(0xff00ffff).verdict, Verdict::good);
-    EXPECT_EQ(checkMarks(0xffffffff).verdict, Verdict::warning);
-    EXPECT_EQ(checkMarks(0x01010101 << 3 | 0x80808080).verdict, Verdict::warning);
+    EXPECT_EQ(checkMarks(0xffffffff).verdict, Verdict::missing);
+    EXPECT_EQ(checkMarks(0x01010101 << 3 | 0x80808080).verdict, Verdict::missing);
 }
 
 }  // namespace

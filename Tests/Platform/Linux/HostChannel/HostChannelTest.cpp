@@ -85,7 +85,7 @@ TEST_F(HostChannelTest, OnlyTrustedAccountsMayWriteInItsFolders) {
 TEST_F(HostChannelTest, MessagesReachTheProviderUntilTheStop) {
     HostChannel channel;
     EXPECT_EQ(ask("early"), std::nullopt);
-    channel.start(provider, {});
+    channel.start(provider, {}, [] { return true; });
     EXPECT_EQ(ask("hello"), "re: hello");
 
     // A message that is under way at the stop is carried out before the stop returns.
@@ -187,7 +187,7 @@ TEST_F(HostChannelTest, SleepWaitsForTheProviderAndSurvivesTheBus) {
     };
     startBus();
     HostChannel channel;
-    channel.start(provider, {});
+    channel.start(provider, {}, [] { return true; });
     startManager();
     const auto goToSleep = [&](int time) {
         manager->tell("sleep");

@@ -4,9 +4,16 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 
+#include <array>
+#include <cstdio>
+#include <random>
+#include <string>
+
 #include "Platform/Linux/Interception/MarkPlaces.h"
+#include "Platform/Linux/Interception/MarksInRules.h"
 #include "Platform/Linux/Interception/NetworkRules.h"
 #include "Platform/Linux/Interception/RecentVerdicts.h"
+#include "Platform/Linux/Interception/WaitingFlows.h"
 #include "Platform/Linux/Interception/WatchedFlows.h"
 
 namespace platform::interception {
@@ -81,6 +88,28 @@ TEST(WatchedFlows, ForgetTheLongestUnusedBeyondTheirCapacity) {
     EXPECT_NE(flows.find(flow(4)), nullptr);
 }
 
+TEST(WaitingFlows, AccountsTakeTurnsAndHaveTheirShareOfPacketsAndWorkers) {
+    constexpr std::uint32_t flooding = 1000, quiet = 1001;
+    WaitingFlows flows({5, 2});
+    const auto add = [&](std::uint32_t account, std::uint16_t port) {
+        HeldPacket packet = packetOf(flowTo("192.0.2.1", port), PacketPurpose::newFlow);
+        packet.account = account;
+        return flows.add(packet, {});
+    };
+    for (std::uint16_t port = 1; port <= 5; ++port) EXPECT_TRUE(add(flooding, port));
+    EXPECT_FALSE(add(flooding, 6));
+    EXPECT_TRUE(add(quiet, 7));
+    EXPECT_EQ(flows.take().tuple.destinationPort, 1);
+    EXPECT_EQ(flows.take().tuple.destinationPort, 7);
+    WaitingFlows::Flow& second = flows.take();
+    EXPECT_EQ(second.tuple.destinationPort, 2);
+    EXPECT_FALSE(flows.isAnyReady()) << "two workers for one account";
+    flows.removeFirst(second, 1);
+    flows.finish(second);
+    EXPECT_TRUE(flows.isAnyReady());
+    EXPECT_TRUE(add(flooding, 6));
+}
+
 TEST(RecentVerdicts, TellRetransmissionsFromNewOpenings) {
     RecentVerdicts recent;
     const FlowTuple tcp = flowTo("192.0.2.1", 443);
@@ -128,13 +157,76 @@ TEST(MarkPlaces, AvoidTheBitsThatOthersName) {
     EXPECT_EQ(freeMarkPlace(0), MarkPlace(24));
     EXPECT_EQ(freeMarkPlace(0x80000000), MarkPlace(23));
     EXPECT_EQ(freeMarkPlace(0xffff00ff), MarkPlace(8));
-    // Every byte is touched: the place with fewest clashes.
-    EXPECT_EQ(freeMarkPlace(0xff7effff), MarkPlace(16));
+    EXPECT_EQ(freeMarkPlace(0x6d6f6c65), std::nullopt);
+}
 
-    EXPECT_EQ(markBitsInRules("table inet a {\n\tmeta mark & 0x000f0000 == 0x00040000 accept\n"
-                              "\tct mark set ct mark & 0xfffffff0 | 0x00000003\n"
-                              "\ttcp dport 0x50 accept\n}\n"),
-              0x000f000fu);
+namespace {
+
+std::string hexadecimal(std::uint32_t number) {
+    std::array<char, 16> text{};
+    std::snprintf(text.data(), text.size(), "0x%08x", number);
+    return text.data();
+}
+
+// A rule or an element as nft or the translation of an iptables rule prints it, and what it uses.
+struct MarkText {
+    std::string text;
+    std::uint32_t bits;
+};
+
+MarkText markText(unsigned form, std::uint32_t value, std::uint32_t mask) {
+    const std::string v = hexadecimal(value);
+    const std::string m = hexadecimal(mask);
+    switch (form) {
+        case 0:
+            return {"\tmeta mark & " + m + " == " + v + " accept", value | mask};
+        case 1:
+            return {"\tct mark set meta mark & " + m, mask};
+        case 2:
+            return {"\tct mark set ct mark & " + m + " | " + v, ~mask | value};
+        case 3:
+            return {"\tcounter packets 0 bytes 0 meta mark set mark and " + m + " xor " + v,
+                    ~mask | value};
+        case 4:
+            return {"\tmark and " + m + " == " + v + " ct mark set mark and " + m, mask | value};
+        case 5:
+            return {"\tmeta mark set ct mark and " + m + " comment \"mark 0xffffffff\"", mask};
+        case 6:
+            return {"\tset s {\n\t\ttype ipv4_addr . mark\n\t\telements = { 10.0.0.1 . " + v +
+                        ",\n\t\t\t     10.0.0.2 . " + m + " }\n\t}",
+                    value | mask};
+        case 7:
+            return {"\tset p {\n\t\ttype inet_service\n\t\telements = { " + v + " }\n\t}\n" +
+                        "\ttcp dport " + v + " accept",
+                    0};
+        default:
+            return {"\tmeta mark set tcp dport map { 80 : " + v + ", 443 : " + m + " }",
+                    value | mask};
+    }
+}
+
+}  // namespace
+
+TEST(MarkPlaces, ReadEveryFormThatMarksStandInInRulesOfOthers) {
+    std::mt19937 random(7);
+    for (int round = 0; round < 2000; ++round) {
+        std::string rules = "table inet a {\n";
+        std::uint32_t used = 0;
+        for (auto count = random() % 4; count-- > 0;) {
+            const std::uint32_t value = 1u << random() % 32;
+            // Masks of few bits, or of all but few.
+            const auto mask = static_cast<std::uint32_t>(random() % 2 ? 1u << random() % 32
+                                                                      : ~(0xffu << random() % 25));
+            const auto [text, bits] = markText(static_cast<unsigned>(random() % 9), value, mask);
+            rules += text + "\n";
+            used |= bits;
+        }
+        ASSERT_EQ(markBitsInRules(rules + "}\n"), used) << rules;
+    }
+    EXPECT_EQ(markBitsInRules("\tmeta mark set numgen inc mod 16 offset 256\n"), 0x10fu);
+    EXPECT_EQ(markBitsInRules("\tmeta mark 0x00000011-0x00000013 accept\n"), 0x13u);
+    EXPECT_EQ(markBitsInRules("\tset s {\n\t\ttype mark\n\t\telements = { 0x00ff0000/24 }\n"),
+              0x00ff00ffu);
 }
 
 }  // namespace platform::interception

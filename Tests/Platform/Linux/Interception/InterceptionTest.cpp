@@ -422,10 +422,10 @@ TEST(InterceptionRules, ThatSomebodyFlushesComeBack) {
     EXPECT_EQ(scene.timesOffered(), 1u);
 }
 
-// A filter that answers to nobody until it is let go.
+// A filter that answers no one until it may go on, and an account without a limit.
 struct StuckScene : Scene {
     explicit StuckScene(std::chrono::milliseconds longestWait)
-        : Scene({TableOwnership::exclusive, {longestWait, 32}}) {
+        : Scene({TableOwnership::exclusive, {longestWait, 32, {100'000, 32}}}) {
         filter->isWaiting = true;
     }
 };
