@@ -100,7 +100,7 @@ private:
         makeNonBlocking(listener);
         acceptor = std::make_unique<ConnectionAcceptor>(
             std::move(listener), [this](FileDescriptor accepted, const sockaddr_storage&) {
-                auto side = std::make_shared<NEAppProxyTCPFlow::Implementation>();
+                auto side = std::make_shared<SocketFlow>();
                 const RemoteEndpoint remote = NWHostEndpoint{TestNetwork::serverIPv4, "7007"};
                 side->supplySocket(std::move(accepted));
                 proxy->claim(std::make_shared<NEAppProxyTCPFlow>(NEFlowMetaData(), remote, side));

@@ -69,7 +69,7 @@ public:
         const auto destination = originalDestination(socket);
         const auto port = NWEndpoint::Port::fromString(destination.port);
         if (!port) return;
-        const auto side = std::make_shared<NEAppProxyTCPFlow::Implementation>();
+        const auto side = std::make_shared<SocketFlow>();
         const auto flow = std::make_shared<NEAppProxyTCPFlow>(NEFlowMetaData{}, destination, side);
         NWParameters parameters = NWParameters::tcp();
         parameters.requiredInterface = interface;

@@ -13,13 +13,18 @@
 #include "Platform/Linux/Attribution/FlowOwner.h"
 #include "Platform/Linux/Interception/PacketTable.h"
 #include "Platform/Linux/Relay/ConnectionAcceptor.h"
-#include "Platform/NEAppProxyFlow.h"
+
+namespace platform {
+
+class SocketFlow;
+
+}  // namespace platform
 
 namespace platform::interception {
 
 class ClaimedFlows {
 public:
-    using Flow = std::shared_ptr<NEAppProxyTCPFlow::Implementation>;
+    using Flow = std::shared_ptr<SocketFlow>;
 
     // Opens the listeners. A family that has none cannot be claimed.
     ClaimedFlows();

@@ -34,7 +34,7 @@ struct FlowDecisions::Source {
 
 namespace {
 
-using ProxyFlow = NEAppProxyTCPFlow::Implementation;
+using ProxyFlow = SocketFlow;
 
 RemoteEndpoint remoteEndpointOf(const FlowTuple& flow) {
     std::array<char, INET6_ADDRSTRLEN> text{};

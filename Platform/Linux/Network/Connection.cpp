@@ -17,8 +17,6 @@
 
 namespace platform {
 
-using Connection = NWConnection::Implementation;
-
 namespace {
 
 // How long one address may keep the next one waiting.
@@ -60,19 +58,19 @@ NSError resolverError(int code) { return {"dns", code, ::gai_strerror(code)}; }
 }  // namespace
 
 // The connections that a loop serves, to be told of changes of the network; each thread has its own.
-class Connection::OfOneLoop {
+class SocketConnection::OfOneLoop {
 public:
     static OfOneLoop& current() {
         thread_local OfOneLoop connections;
         return connections;
     }
 
-    void add(Implementation& connection) {
+    void add(SocketConnection& connection) {
         connection.nextOfLoop = first;
         if (first != nullptr) first->previousOfLoop = &connection;
         first = &connection;
     }
-    void remove(Implementation& connection) {
+    void remove(SocketConnection& connection) {
         if (connection.previousOfLoop != nullptr)
             connection.previousOfLoop->nextOfLoop = connection.nextOfLoop;
         else if (first == &connection)
@@ -93,25 +91,25 @@ public:
 private:
     void networkChanged(const NetworkState& network) {
         // A connection that ends by it leaves the list.
-        for (Implementation* next = first; next != nullptr;)
+        for (SocketConnection* next = first; next != nullptr;)
             std::exchange(next, next->nextOfLoop)->networkChanged(network);
     }
 
-    Implementation* first = nullptr;
+    SocketConnection* first = nullptr;
 };
 
-Connection::Implementation(const NWEndpoint::Host& remoteHost, NWEndpoint::Port remotePort,
-                           const NWParameters& parameters)
+SocketConnection::SocketConnection(const NWEndpoint::Host& remoteHost, NWEndpoint::Port remotePort,
+                                   const NWParameters& parameters)
     : host(remoteHost.text()),
       port(remotePort.rawValue()),
       interfaceName(parameters.requiredInterface
                         ? std::optional(parameters.requiredInterface->name())
                         : std::nullopt) {}
 
-Connection::~Implementation() = default;
+SocketConnection::~SocketConnection() = default;
 
 template <class Work>
-void Connection::perform(Work work) {
+void SocketConnection::perform(Work work) {
     EventLoop* home = nullptr;
     EventLoop& candidate = EventLoopPool::shared().currentOrNext();
     if (loop.compare_exchange_strong(home, &candidate)) home = &candidate;
@@ -120,7 +118,7 @@ void Connection::perform(Work work) {
 }
 
 template <class Completion, class... Results>
-void Connection::later(Completion completion, Results... results) {
+void SocketConnection::later(Completion completion, Results... results) {
     auto work = [completion = std::move(completion), ... results = std::move(results)]() mutable {
         completion(std::move(results)...);
     };
@@ -131,27 +129,27 @@ void Connection::later(Completion completion, Results... results) {
 }
 
 template <class Completion, class... Results>
-void Connection::now(Completion completion, Results... results) {
+void SocketConnection::now(Completion completion, Results... results) {
     if (deliversOnMainQueue) return later(std::move(completion), std::move(results)...);
     completion(std::move(results)...);
 }
 
-void Connection::setStateHandler(StateHandler handler) {
+void SocketConnection::setStateHandler(StateHandler handler) {
     replaceHandler(std::make_shared<const StateHandler>(std::move(handler)));
 }
 
-std::shared_ptr<const Connection::StateHandler> Connection::currentHandler() {
+std::shared_ptr<const SocketConnection::StateHandler> SocketConnection::currentHandler() {
     const MutexGuard hold(handlerLock);
     return stateHandler;
 }
 
 // What the handler before held is let go outside the lock.
-void Connection::replaceHandler(std::shared_ptr<const StateHandler> handler) {
+void SocketConnection::replaceHandler(std::shared_ptr<const StateHandler> handler) {
     const MutexGuard hold(handlerLock);
     stateHandler.swap(handler);
 }
 
-void Connection::start(DispatchQueue queue) {
+void SocketConnection::start(DispatchQueue queue) {
     perform([this, queue] {
         if (state != Kind::setup) return;
         deliversOnMainQueue = queue.isMain();
@@ -161,7 +159,7 @@ void Connection::start(DispatchQueue queue) {
     });
 }
 
-void Connection::cancel() {
+void SocketConnection::cancel() {
     perform([this] {
         if (state == Kind::cancelled) return;
         const bool wasStarted = state != Kind::setup;
@@ -175,21 +173,21 @@ void Connection::cancel() {
     });
 }
 
-void Connection::holdBack() {
+void SocketConnection::holdBack() {
     perform([this] {
         if (std::exchange(isHeldBack, true) || !socket) return;
         socket->holdBack();
     });
 }
 
-void Connection::letGo() {
+void SocketConnection::letGo() {
     perform([this] {
         replaceHandler(nullptr);
         cancel();
     });
 }
 
-void Connection::send(Data content, SendCompletion completion) {
+void SocketConnection::send(Data content, SendCompletion completion) {
     perform([this, content = std::move(content), completion = std::move(completion)]() mutable {
         sending = std::move(content);
         sendCompletion = std::move(completion);
@@ -198,7 +196,8 @@ void Connection::send(Data content, SendCompletion completion) {
     });
 }
 
-void Connection::receive(std::size_t minimum, std::size_t maximum, ReceiveCompletion completion) {
+void SocketConnection::receive(std::size_t minimum, std::size_t maximum,
+                               ReceiveCompletion completion) {
     perform([this, minimum, maximum, completion = std::move(completion)]() mutable {
         receiving = Receiving{minimum, maximum, std::move(completion)};
         if (hasEnded()) return failOperations(ECANCELED);
@@ -206,7 +205,7 @@ void Connection::receive(std::size_t minimum, std::size_t maximum, ReceiveComple
     });
 }
 
-void Connection::connect() {
+void SocketConnection::connect() {
     ++round;
     triedOn = NetworkMonitor::shared().state();
     enter(Kind::preparing);
@@ -222,13 +221,13 @@ void Connection::connect() {
     });
 }
 
-void Connection::tryAddresses(std::vector<SocketAddress> addresses) {
+void SocketConnection::tryAddresses(std::vector<SocketAddress> addresses) {
     attempts = std::make_unique<Attempts>();
     attempts->addresses = std::move(addresses);
     tryNextAddress();
 }
 
-void Connection::tryNextAddress() {
+void SocketConnection::tryNextAddress() {
     while (attempts->next < attempts->addresses.size()) {
         const int error = beginAttempt(attempts->addresses[attempts->next++]);
         if (error == 0) return tryAnotherSoon();
@@ -237,7 +236,7 @@ void Connection::tryNextAddress() {
     if (attempts->underWay.empty()) allAttemptsFailed();
 }
 
-int Connection::beginAttempt(const SocketAddress& address) {
+int SocketConnection::beginAttempt(const SocketAddress& address) {
     if (!interfaceName) return beginAttempt(address, 0);
     for (int tried = 0; tried < localPortsToTry; ++tried) {
         const int error = beginAttempt(address, LocalPorts::ofThisThread().next());
@@ -248,7 +247,7 @@ int Connection::beginAttempt(const SocketAddress& address) {
 }
 
 // From `localPort`; 0 is the kernel's choice.
-int Connection::beginAttempt(SocketAddress address, std::uint16_t localPort) {
+int SocketConnection::beginAttempt(SocketAddress address, std::uint16_t localPort) {
     FileDescriptor descriptor(
         ::socket(address.family(), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
     if (!descriptor) return errno;
@@ -271,7 +270,7 @@ int Connection::beginAttempt(SocketAddress address, std::uint16_t localPort) {
 }
 
 // By index, so that a later interface of the same name is told from this one.
-int Connection::bindToInterface(const FileDescriptor& descriptor) {
+int SocketConnection::bindToInterface(const FileDescriptor& descriptor) {
     if (!interfaceName) return 0;
     const auto network = NetworkMonitor::shared().state();
     if (const auto* known = network->named(*interfaceName))
@@ -282,7 +281,7 @@ int Connection::bindToInterface(const FileDescriptor& descriptor) {
     return setOption(descriptor, SOL_SOCKET, SO_BINDTOIFINDEX, interfaceIndex);
 }
 
-void Connection::tryAnotherSoon() {
+void SocketConnection::tryAnotherSoon() {
     if (attempts->next == attempts->addresses.size()) return;
     loop.load()->after(
         secondsBetweenAddresses, [weak = weak_from_this(), asked = round, next = attempts->next] {
@@ -292,7 +291,7 @@ void Connection::tryAnotherSoon() {
         });
 }
 
-void Connection::connectDone(StreamSocket& attempt, int error) {
+void SocketConnection::connectDone(StreamSocket& attempt, int error) {
     const auto self = shared_from_this();
     if (!attempts) return;
     if (error == 0) return connected(attempt);
@@ -302,12 +301,12 @@ void Connection::connectDone(StreamSocket& attempt, int error) {
     tryNextAddress();
 }
 
-void Connection::attemptFailed(int error) {
+void SocketConnection::attemptFailed(int error) {
     // The peer's word tells more than that it could not be reached another way.
     if (attempts->error == 0 || dependsOnNetwork(attempts->error)) attempts->error = error;
 }
 
-void Connection::connected(StreamSocket& attempt) {
+void SocketConnection::connected(StreamSocket& attempt) {
     triedOn.reset();
     const auto ended = std::move(attempts);
     for (auto& one : ended->underWay) {
@@ -322,12 +321,12 @@ void Connection::connected(StreamSocket& attempt) {
     if (receiving) beginReceiving();
 }
 
-void Connection::giveUpAttempts() {
+void SocketConnection::giveUpAttempts() {
     if (const auto ended = std::move(attempts))
         for (const auto& one : ended->underWay) one->reset();
 }
 
-void Connection::allAttemptsFailed() {
+void SocketConnection::allAttemptsFailed() {
     const int error = std::exchange(attempts, nullptr)->error;
     if (dependsOnNetwork(error))
         waitForNetwork(systemError(error));
@@ -335,7 +334,7 @@ void Connection::allAttemptsFailed() {
         fail(systemError(error));
 }
 
-void Connection::waitForNetwork(NSError error) {
+void SocketConnection::waitForNetwork(NSError error) {
     enter(Kind::waiting, std::move(error));
     // What changed while the attempts were under way may have come too late for them.
     if (hasChangedFor(*NetworkMonitor::shared().state())) connect();
@@ -343,20 +342,20 @@ void Connection::waitForNetwork(NSError error) {
 
 // Another try may fare better only where the way that it takes has changed; that an address or a
 // tunnel elsewhere comes and goes is none of its business.
-bool Connection::hasChangedFor(const NetworkState& network) const {
+bool SocketConnection::hasChangedFor(const NetworkState& network) const {
     if (!interfaceName) return network != *triedOn;
     const auto* const before = triedOn->named(*interfaceName);
     const auto* const now = network.named(*interfaceName);
     return before != nullptr && now != nullptr ? *before != *now : before != now;
 }
 
-void Connection::fail(NSError error) {
+void SocketConnection::fail(NSError error) {
     OfOneLoop::current().remove(*this);
     failOperations(static_cast<int>(error.code));
     enter(Kind::failed, std::move(error));
 }
 
-void Connection::networkChanged(const NetworkState& network) {
+void SocketConnection::networkChanged(const NetworkState& network) {
     if (state == Kind::waiting && hasChangedFor(network)) return connect();
     if (state != Kind::ready || !interfaceName) return;
     const auto* const present = network.named(*interfaceName);
@@ -368,17 +367,17 @@ void Connection::networkChanged(const NetworkState& network) {
     fail(systemError(ENETDOWN));
 }
 
-bool Connection::isAddressIn(const NetworkState& network) const {
+bool SocketConnection::isAddressIn(const NetworkState& network) const {
     const auto local = socket->localAddress();
     const auto address = SocketAddress::from(reinterpret_cast<const sockaddr&>(local));
     return !address || network.hasAddress(*address);
 }
 
-void Connection::beginSending() { socket->write(std::move(sending)); }
+void SocketConnection::beginSending() { socket->write(std::move(sending)); }
 
-void Connection::beginReceiving() { socket->read(receiving->minimum, receiving->maximum); }
+void SocketConnection::beginReceiving() { socket->read(receiving->minimum, receiving->maximum); }
 
-void Connection::readDone(Data data, bool isEnd, int error) {
+void SocketConnection::readDone(Data data, bool isEnd, int error) {
     const auto self = shared_from_this();
     auto completion = std::move(receiving->completion);
     receiving.reset();
@@ -386,18 +385,18 @@ void Connection::readDone(Data data, bool isEnd, int error) {
     if (!data.isEmpty()) bytes = std::move(data);
     std::optional<NSError> failure;
     if (error != 0) failure = systemError(error);
-    now(std::move(completion), std::move(bytes), ContentContext::defaultMessage, isEnd,
-        std::move(failure));
+    now(std::move(completion), std::move(bytes), NWConnection::ContentContext::defaultMessage,
+        isEnd, std::move(failure));
 }
 
-void Connection::writeDone(int error) {
+void SocketConnection::writeDone(int error) {
     const auto self = shared_from_this();
     std::optional<NSError> failure;
     if (error != 0) failure = systemError(error);
     now(std::exchange(sendCompletion, {}), std::move(failure));
 }
 
-void Connection::failOperations(int error) {
+void SocketConnection::failOperations(int error) {
     sending = Data();
     if (!sendCompletion && !receiving) return;
     const std::optional<NSError> failure = systemError(error);
@@ -405,15 +404,15 @@ void Connection::failOperations(int error) {
     if (!receiving) return;
     auto completion = std::move(receiving->completion);
     receiving.reset();
-    later(std::move(completion), std::optional<Data>(), ContentContext::defaultMessage, false,
-          failure);
+    later(std::move(completion), std::optional<Data>(),
+          NWConnection::ContentContext::defaultMessage, false, failure);
 }
 
-void Connection::enter(Kind kind, std::optional<NSError> error) {
+void SocketConnection::enter(Kind kind, std::optional<NSError> error) {
     state = kind;
     auto current = currentHandler();
     if (!current) return;
-    State news{kind, std::move(error)};
+    NWConnection::State news{kind, std::move(error)};
     if (deliversOnMainQueue)
         return DispatchQueue::main().async(
             [handler = std::move(current), news = std::move(news)] { (*handler)(news); });
@@ -425,10 +424,22 @@ void Connection::enter(Kind kind, std::optional<NSError> error) {
     });
 }
 
+namespace {
+
+std::shared_ptr<NWConnection::Implementation> implementationOf(const NWEndpoint::Host& host,
+                                                               NWEndpoint::Port port,
+                                                               const NWParameters& parameters) {
+    if (auto carried = OfferInProgress::connectionTo(host.text(), port.rawValue(), parameters))
+        return carried;
+    return std::make_shared<SocketConnection>(host, port, parameters);
+}
+
+}  // namespace
+
 // The seam hands over values; only their parts are kept here.
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 NWConnection::NWConnection(NWEndpoint::Host host, NWEndpoint::Port port, NWParameters parameters)
-    : implementation(std::make_shared<Implementation>(host, port, parameters)) {}
+    : implementation(implementationOf(host, port, parameters)) {}
 
 NWConnection::~NWConnection() { implementation->letGo(); }
 

@@ -11,35 +11,36 @@
 #include <vector>
 
 #include "Platform/Common/Mutex.h"
+#include "Platform/Linux/CarriedEnds.h"
 #include "Platform/Linux/Dispatch/EventLoop.h"
 #include "Platform/Linux/Network/NetworkState.h"
 #include "Platform/Linux/Network/SocketAddress.h"
 #include "Platform/Linux/Relay/StreamSocket.h"
-#include "Platform/Network.h"
 
 namespace platform {
 
-class NWConnection::Implementation final : public std::enable_shared_from_this<Implementation>,
-                                           public StreamSocket::Owner {
+class SocketConnection final : public NWConnection::Implementation,
+                               public std::enable_shared_from_this<SocketConnection>,
+                               public StreamSocket::Owner {
 public:
-    using StateHandler = std::function<void(const State&)>;
+    using SendCompletion = NWConnection::SendCompletion;
+    using ReceiveCompletion = NWConnection::ReceiveCompletion;
 
-    Implementation(const NWEndpoint::Host& remoteHost, NWEndpoint::Port remotePort,
-                   const NWParameters& parameters);
-    ~Implementation() override;
+    SocketConnection(const NWEndpoint::Host& remoteHost, NWEndpoint::Port remotePort,
+                     const NWParameters& parameters);
+    ~SocketConnection() override;
 
     // The connection's operations. Any thread.
-    void setStateHandler(StateHandler handler);
-    void start(DispatchQueue queue);
-    void cancel();
-    void holdBack();
-    void send(Data content, SendCompletion completion);
-    void receive(std::size_t minimum, std::size_t maximum, ReceiveCompletion completion);
-    // The connection object is gone.
-    void letGo();
+    void setStateHandler(StateHandler handler) override;
+    void start(DispatchQueue queue) override;
+    void cancel() override;
+    void holdBack() override;
+    void send(Data content, SendCompletion completion) override;
+    void receive(std::size_t minimum, std::size_t maximum, ReceiveCompletion completion) override;
+    void letGo() override;
 
 private:
-    using Kind = State::Kind;
+    using Kind = NWConnection::State::Kind;
 
     // The addresses being tried, and how it goes.
     struct Attempts {
@@ -115,8 +116,8 @@ private:
     std::optional<Receiving> receiving;
 
     // The neighbours in the list of the loop's connections.
-    Implementation* previousOfLoop = nullptr;
-    Implementation* nextOfLoop = nullptr;
+    SocketConnection* previousOfLoop = nullptr;
+    SocketConnection* nextOfLoop = nullptr;
 };
 
 }  // namespace platform

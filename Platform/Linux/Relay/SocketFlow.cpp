@@ -8,8 +8,6 @@
 
 namespace platform {
 
-using Flow = NEAppProxyTCPFlow::Implementation;
-
 namespace {
 
 std::optional<NSError> errorOrNone(int error) {
@@ -20,16 +18,16 @@ std::optional<NSError> errorOrNone(int error) {
 
 }  // namespace
 
-Flow::Implementation() = default;
-Flow::~Implementation() = default;
+SocketFlow::SocketFlow() = default;
+SocketFlow::~SocketFlow() = default;
 
-void Flow::supplySocket(FileDescriptor newSocket) { arrive(std::move(newSocket)); }
+void SocketFlow::supplySocket(FileDescriptor newSocket) { arrive(std::move(newSocket)); }
 
-void Flow::failOpening(NSError error) { arrive(std::move(error)); }
+void SocketFlow::failOpening(NSError error) { arrive(std::move(error)); }
 
-void Flow::setEndHandler(Completion<> handler) { endHandler = std::move(handler); }
+void SocketFlow::setEndHandler(Completion<> handler) { endHandler = std::move(handler); }
 
-void Flow::arrive(Arrival arrival) {
+void SocketFlow::arrive(Arrival arrival) {
     EventLoop& chosen = EventLoopPool::shared().currentOrNext();
     if (chosen.isCurrent()) {
         if (choose(chosen, nullptr)) settle(std::move(arrival));
@@ -40,7 +38,7 @@ void Flow::arrive(Arrival arrival) {
     });
 }
 
-bool Flow::choose(EventLoop& chosen, Completion<> firstWork) {
+bool SocketFlow::choose(EventLoop& chosen, Completion<> firstWork) {
     const MutexGuard guard(arriving);
     if (loop.load(std::memory_order_relaxed) != nullptr) return false;
     // Under the lock, so that no other thread's operation overtakes it.
@@ -49,7 +47,7 @@ bool Flow::choose(EventLoop& chosen, Completion<> firstWork) {
     return true;
 }
 
-void Flow::settle(Arrival arrival) {
+void SocketFlow::settle(Arrival arrival) {
     std::vector<Completion<>> waiting;
     {
         const MutexGuard guard(arriving);
@@ -67,7 +65,7 @@ void Flow::settle(Arrival arrival) {
 }
 
 template <class Work>
-void Flow::perform(Work work) {
+void SocketFlow::perform(Work work) {
     EventLoop* present = loop.load(std::memory_order_acquire);
     if (present == nullptr) {
         const MutexGuard guard(arriving);
@@ -81,20 +79,20 @@ void Flow::perform(Work work) {
 }
 
 template <class Completion, class... Results>
-void Flow::later(Completion completion, Results... results) {
+void SocketFlow::later(Completion completion, Results... results) {
     loop.load(std::memory_order_relaxed)
         ->post([completion = std::move(completion), ... results = std::move(results)]() mutable {
             completion(std::move(results)...);
         });
 }
 
-void Flow::open(ErrorCompletion completion) {
+void SocketFlow::open(ErrorCompletion completion) {
     perform([this, completion = std::move(completion)]() mutable {
         later(std::move(completion), openingError);
     });
 }
 
-void Flow::read(ReadCompletion completion) {
+void SocketFlow::read(ReadCompletion completion) {
     perform([this, completion = std::move(completion)]() mutable {
         reading = std::move(completion);
         if (isReadClosed || !socket) return cancelReading();
@@ -102,7 +100,7 @@ void Flow::read(ReadCompletion completion) {
     });
 }
 
-void Flow::write(Data data, ErrorCompletion completion) {
+void SocketFlow::write(Data data, ErrorCompletion completion) {
     perform([this, data = std::move(data), completion = std::move(completion)]() mutable {
         writing = std::move(completion);
         if (isWriteClosed || !socket) return cancelWriting();
@@ -110,22 +108,22 @@ void Flow::write(Data data, ErrorCompletion completion) {
     });
 }
 
-void Flow::closeRead(std::optional<NSError> error) {
+void SocketFlow::closeRead(std::optional<NSError> error) {
     perform([this, error = std::move(error)] { endReading(error); });
 }
 
-void Flow::closeWrite(std::optional<NSError> error) {
+void SocketFlow::closeWrite(std::optional<NSError> error) {
     perform([this, error = std::move(error)] { endWriting(error); });
 }
 
-void Flow::letGo() {
+void SocketFlow::letGo() {
     perform([this] {
         endReading(std::nullopt);
         endWriting(std::nullopt);
     });
 }
 
-void Flow::endReading(const std::optional<NSError>& error) {
+void SocketFlow::endReading(const std::optional<NSError>& error) {
     if (std::exchange(isReadClosed, true)) return;
     cancelReading();
     if (error) return resetSocket();
@@ -133,7 +131,7 @@ void Flow::endReading(const std::optional<NSError>& error) {
     if (socket) socket->stopReading();
 }
 
-void Flow::endWriting(const std::optional<NSError>& error) {
+void SocketFlow::endWriting(const std::optional<NSError>& error) {
     if (std::exchange(isWriteClosed, true)) return;
     cancelWriting();
     if (error) return resetSocket();
@@ -141,28 +139,28 @@ void Flow::endWriting(const std::optional<NSError>& error) {
     if (socket) socket->endWriting();
 }
 
-void Flow::cancelReading() {
+void SocketFlow::cancelReading() {
     if (reading)
         later(std::exchange(reading, {}), std::optional<Data>(),
               std::optional<NSError>(systemError(ECANCELED)));
 }
 
-void Flow::cancelWriting() {
+void SocketFlow::cancelWriting() {
     if (writing) later(std::exchange(writing, {}), std::optional<NSError>(systemError(ECANCELED)));
 }
 
-void Flow::resetSocket() {
+void SocketFlow::resetSocket() {
     cancelReading();
     cancelWriting();
     if (const auto ended = std::exchange(socket, nullptr)) ended->reset();
 }
 
-void Flow::finishSocket() {
+void SocketFlow::finishSocket() {
     if (const auto ended = std::exchange(socket, nullptr))
         ended->finish(StreamSocket::Farewell::untilPeerEnds);
 }
 
-void Flow::readDone(Data data, bool, int error) {
+void SocketFlow::readDone(Data data, bool, int error) {
     const auto self = shared_from_this();
     auto completion = std::exchange(reading, {});
     // An end that came along with bytes is what the next read finds.
@@ -171,7 +169,7 @@ void Flow::readDone(Data data, bool, int error) {
     completion(std::move(bytes), errorOrNone(error));
 }
 
-void Flow::writeDone(int error) {
+void SocketFlow::writeDone(int error) {
     const auto self = shared_from_this();
     auto completion = std::exchange(writing, {});
     completion(errorOrNone(error));

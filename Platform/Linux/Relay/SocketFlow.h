@@ -15,19 +15,22 @@
 #include "Platform/Common/Mutex.h"
 #include "Platform/Common/ThreadAnnotations.h"
 #include "Platform/Foundation.h"
+#include "Platform/Linux/CarriedEnds.h"
 #include "Platform/Linux/Dispatch/EventLoop.h"
 #include "Platform/Linux/FileDescriptor.h"
 #include "Platform/Linux/Relay/StreamSocket.h"
-#include "Platform/NEAppProxyFlow.h"
 
 namespace platform {
 
-class NEAppProxyTCPFlow::Implementation final
-    : public std::enable_shared_from_this<NEAppProxyTCPFlow::Implementation>,
-      public StreamSocket::Owner {
+class SocketFlow final : public NEAppProxyTCPFlow::Implementation,
+                         public std::enable_shared_from_this<SocketFlow>,
+                         public StreamSocket::Owner {
 public:
-    Implementation();
-    ~Implementation() override;
+    using ErrorCompletion = NEAppProxyTCPFlow::ErrorCompletion;
+    using ReadCompletion = NEAppProxyTCPFlow::ReadCompletion;
+
+    SocketFlow();
+    ~SocketFlow() override;
 
     // For the interception. The first of the two calls counts. Waiting no longer than is reasonable
     // before `failOpening` is the interception's task.
@@ -44,13 +47,12 @@ public:
     void setEndHandler(Completion<> handler);
 
     // The extension's operations; their contracts are those of the flow.
-    void open(ErrorCompletion completion);
-    void read(ReadCompletion completion);
-    void write(Data data, ErrorCompletion completion);
-    void closeRead(std::optional<NSError> error);
-    void closeWrite(std::optional<NSError> error);
-    // The flow object is gone.
-    void letGo();
+    void open(ErrorCompletion completion) override;
+    void read(ReadCompletion completion) override;
+    void write(Data data, ErrorCompletion completion) override;
+    void closeRead(std::optional<NSError> error) override;
+    void closeWrite(std::optional<NSError> error) override;
+    void letGo() override;
 
 private:
     void readDone(Data data, bool isEnd, int error) override;

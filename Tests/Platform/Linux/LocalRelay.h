@@ -68,7 +68,7 @@ public:
 
 private:
     void relay(FileDescriptor socket) {
-        const auto side = std::make_shared<NEAppProxyTCPFlow::Implementation>();
+        const auto side = std::make_shared<SocketFlow>();
         const auto flow = std::make_shared<NEAppProxyTCPFlow>(NEFlowMetaData{},
                                                               NWHostEndpoint{server, port}, side);
         NWParameters parameters = NWParameters::tcp();

@@ -60,8 +60,7 @@ protected:
     }
 
     FileDescriptor application;
-    std::shared_ptr<NEAppProxyTCPFlow::Implementation> side =
-        std::make_shared<NEAppProxyTCPFlow::Implementation>();
+    std::shared_ptr<SocketFlow> side = std::make_shared<SocketFlow>();
     std::shared_ptr<NEAppProxyTCPFlow> flow =
         std::make_shared<NEAppProxyTCPFlow>(NEFlowMetaData{}, NWHostEndpoint{}, side);
 };
@@ -178,7 +177,7 @@ TEST_F(RelayFlow, TheEndIsReportedWhenTheSocketIsClosedForGood) {
 
 TEST_F(RelayFlow, OperationsOfSeveralThreadsAgreeWithTheArrivalOfTheSocket) {
     for (int round = 0; round < 300; ++round) {
-        side = std::make_shared<NEAppProxyTCPFlow::Implementation>();
+        side = std::make_shared<SocketFlow>();
         flow = std::make_shared<NEAppProxyTCPFlow>(NEFlowMetaData{}, NWHostEndpoint{}, side);
         auto pair = connectedPair();
         Awaited<Error> opened;
