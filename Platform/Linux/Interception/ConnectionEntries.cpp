@@ -66,6 +66,8 @@ void takePorts(const netlink::Attributes& transport, FlowTuple& flow) {
         const auto attribute = transport.find(type);
         return attribute ? attribute->networkNumber<std::uint16_t>().value_or(0) : std::uint16_t{0};
     };
+    const auto protocol = transport.find(CTA_PROTO_NUM);
+    flow.protocol = protocol ? protocol->number<std::uint8_t>().value_or(0) : 0;
     flow.sourcePort = port(CTA_PROTO_SRC_PORT);
     flow.destinationPort = port(CTA_PROTO_DST_PORT);
 }
@@ -108,6 +110,27 @@ Result<> ConnectionEntries::changeMarks(std::uint32_t mask, const Change& change
     return {};
 }
 
+void ConnectionEntries::setMark(const FlowTuple& flow, std::uint32_t mask, std::uint32_t value) {
+    auto request = requestAbout(flow, CTA_TUPLE_ORIG, IPCTNL_MSG_CT_NEW);
+    request.put(CTA_MARK, htonl(value)).put(CTA_MARK_MASK, htonl(mask));
+    // It may have ended by itself.
+    static_cast<void>(socket.request(request));
+}
+
+Result<std::vector<FlowTuple>> ConnectionEntries::flowsWith(
+    const std::function<bool(std::uint32_t mark)>& isMeant) {
+    std::vector<FlowTuple> flows;
+    auto dump = entryRequest(IPCTNL_MSG_CT_GET, NLM_F_DUMP, AF_UNSPEC);
+    const auto dumped = socket.request(dump, [&](const netlink::Message& entry) {
+        const auto mark = entry.attributes<nfgenmsg>().find(CTA_MARK);
+        const auto number = mark ? mark->networkNumber<std::uint32_t>() : std::nullopt;
+        auto flow = number && isMeant(*number) ? openingIn(entry) : std::nullopt;
+        if (flow) flows.push_back(*flow);
+    });
+    if (!dumped) return dumped.error();
+    return flows;
+}
+
 void ConnectionEntries::remove(const FlowTuple& flow) {
     auto request = requestAbout(flow, CTA_TUPLE_ORIG, IPCTNL_MSG_CT_DELETE);
     // It may have ended by itself.
@@ -136,9 +159,11 @@ std::optional<FlowTuple> ConnectionEntries::openingOf(const FlowTuple& answers) 
 }
 
 std::optional<FlowTuple> openingIn(const netlink::Message& entry) {
+    const auto about = entry.fixedHeader<nfgenmsg>();
     const auto tuple = entry.attributes<nfgenmsg>().find(CTA_TUPLE_ORIG);
-    if (!tuple) return std::nullopt;
+    if (!about || !tuple) return std::nullopt;
     FlowTuple flow;
+    flow.family = about->nfgen_family;
     if (const auto addresses = tuple->nested().find(CTA_TUPLE_IP))
         takeAddresses(addresses->nested(), flow);
     if (const auto transport = tuple->nested().find(CTA_TUPLE_PROTO))

@@ -28,6 +28,12 @@ public:
     using Change = std::function<std::optional<std::uint32_t>(std::uint32_t mark)>;
     Result<> changeMarks(std::uint32_t mask, const Change& change);
 
+    // Sets the bits in `mask` of the mark of an outbound flow's entry to `value`.
+    void setMark(const FlowTuple& flow, std::uint32_t mask, std::uint32_t value);
+    // The flows of those entries whose mark is meant, as their first packets opened them.
+    Result<std::vector<FlowTuple>> flowsWith(
+        const std::function<bool(std::uint32_t mark)>& isMeant);
+
     // Removes the entry of an outbound flow. Its next packet counts as the first of a new one.
     void remove(const FlowTuple& flow);
     bool has(const FlowTuple& flow) { return markOf(flow).has_value(); }

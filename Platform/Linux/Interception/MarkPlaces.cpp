@@ -12,6 +12,7 @@
 #include "Platform/Linux/Interception/MarksInRules.h"
 #include "Platform/Linux/Interception/PacketRule.h"
 #include "Platform/Linux/Netlink/Socket.h"
+#include "Platform/Linux/Steering/SteeringMarks.h"
 
 namespace platform::interception {
 
@@ -29,6 +30,7 @@ std::uint32_t bitsInRoutingRules() {
             const auto attribute = attributes.find(type);
             return attribute ? attribute->number<std::uint32_t>().value_or(0) : 0;
         };
+        if (steering::isTableOfSteering(number(FRA_TABLE))) return;
         const std::uint32_t mark = number(FRA_FWMARK);
         const std::uint32_t mask = number(FRA_FWMASK);
         // A comparison with the whole mark uses the bits of the value.
@@ -59,7 +61,8 @@ std::optional<std::string> packetRulesOfOthers() {
     std::istringstream lines(*tables);
     const std::string prefix = "table inet ";
     for (std::string table; std::getline(lines, table);)
-        if (table != prefix + packetTableName && table != prefix + guardTableName)
+        if (table != prefix + packetTableName && table != prefix + guardTableName &&
+            table != prefix + steeringTableName)
             rules += outputOf(context.get(), "list " + table).value_or("");
     return rules;
 }

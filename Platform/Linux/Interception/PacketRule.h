@@ -15,6 +15,8 @@ namespace platform::interception {
 inline constexpr const char* packetTableName = "vantry";
 // The table that keeps watched flows in the tunnel.
 inline constexpr const char* guardTableName = "vantry_guard";
+// The one that steers direct connections.
+inline constexpr const char* steeringTableName = "vantry_steering";
 
 // The two forms in which kernels know the packet queue: an expression of the rule language, or the
 // older target that the rule language can embed.

@@ -23,6 +23,13 @@ inline constexpr unsigned mostUplinks = 14;
 // Stands for "no way in this address family": the packet is answered by an error.
 inline constexpr unsigned unreachableNumber = 15;
 
+// The numbers of our routing tables; no others of the machine's should be among them.
+inline constexpr std::uint32_t firstTable = 7680;
+inline constexpr std::uint32_t tableCount = 32;
+constexpr bool isTableOfSteering(std::uint32_t table) {
+    return table >= firstTable && table - firstTable < tableCount;
+}
+
 class SteeringMarks {
 public:
     explicit constexpr SteeringMarks(MarkPlace markPlace) : place_(markPlace) {}

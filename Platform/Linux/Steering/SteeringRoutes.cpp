@@ -32,7 +32,6 @@ constexpr std::array<std::uint8_t, 16> farIPv6{0x20, 0x01, 0x0d, 0xb8, 0x01};
 std::size_t addressLength(int family) { return family == AF_INET ? 4 : 16; }
 std::uint32_t tableOf(unsigned number) { return firstTable + number; }
 std::uint32_t tableTowardsTunnel(unsigned number) { return firstTable + 16 + number; }
-bool isOurs(std::uint32_t table) { return table >= firstTable && table - firstTable < tableCount; }
 
 netlink::Bytes bytesOf(int family, const std::array<std::uint8_t, 16>& address) {
     return std::as_bytes(std::span(address).first(addressLength(family)));
@@ -140,7 +139,7 @@ Result<> SteeringRoutes::updateFamily(int family, const std::vector<Uplink>& upl
     // Routes come first and rules go first, so that no rule leads to an empty table.
     std::set<std::uint32_t> tables;
     for (const Rule& rule : *present)
-        if (isOurs(rule.table)) tables.insert(rule.table);
+        if (isTableOfSteering(rule.table)) tables.insert(rule.table);
     for (const Rule& rule : wantedRules) tables.insert(rule.table);
     if (auto put = putRoutes(family, tables, wantedRoutes); !put) return put;
     return putRules(wantedRules, *present);
@@ -189,7 +188,7 @@ std::optional<std::uint32_t> SteeringRoutes::preference(const std::vector<Rule>&
     for (const Rule& rule : present) {
         const bool isOwnTraffic = std::ranges::find(preferencesOfOwnTraffic, rule.preference) !=
                                   preferencesOfOwnTraffic.end();
-        if (!isOurs(rule.table) && !isOwnTraffic && rule.preference > 0)
+        if (!isTableOfSteering(rule.table) && !isOwnTraffic && rule.preference > 0)
             first = std::min(first, rule.preference);
     }
     return first > 1 ? std::optional(first - 1) : std::nullopt;
@@ -309,7 +308,8 @@ Result<> SteeringRoutes::putRules(const std::vector<Rule>& wanted,
         if (!added && done) done = std::move(added);
     }
     for (const Rule& rule : present) {
-        if (!isOurs(rule.table) || std::ranges::find(wanted, rule) != wanted.end()) continue;
+        if (!isTableOfSteering(rule.table) || std::ranges::find(wanted, rule) != wanted.end())
+            continue;
         static_cast<void>(change(RTM_DELRULE, 0, rule));
     }
     return done;
@@ -351,7 +351,7 @@ std::set<SteeringRoutes::MarkTest> SteeringRoutes::marksInRules() {
         const auto present = rules(family);
         if (!present) continue;
         for (const Rule& rule : *present)
-            if (isOurs(rule.table)) tests.insert({rule.mark, rule.mask});
+            if (isTableOfSteering(rule.table)) tests.insert({rule.mark, rule.mask});
     }
     return tests;
 }

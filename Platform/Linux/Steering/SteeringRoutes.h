@@ -28,10 +28,6 @@
 
 namespace platform::steering {
 
-// The numbers of our tables; no others of the machine's should be among them.
-inline constexpr std::uint32_t firstTable = 7680;
-inline constexpr std::uint32_t tableCount = 32;
-
 class SteeringRoutes {
 public:
     // Takes nothing over of what an earlier process left: `update` replaces it.

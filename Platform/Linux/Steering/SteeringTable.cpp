@@ -7,11 +7,13 @@
 
 #include <array>
 
+#include "Platform/Linux/Interception/PacketRule.h"
+
 namespace platform::steering {
 
 namespace {
 
-const std::string table = std::string("table inet ") + steeringTableName;
+const std::string table = std::string("table inet ") + interception::steeringTableName;
 
 std::string textOf(const InterfaceAddress& address) {
     std::array<char, INET6_ADDRSTRLEN> text{};

@@ -24,8 +24,6 @@ struct nft_ctx;
 
 namespace platform::steering {
 
-inline constexpr const char* steeringTableName = "vantry_steering";
-
 class SteeringTable {
 public:
     explicit SteeringTable(SteeringMarks steeringMarks);

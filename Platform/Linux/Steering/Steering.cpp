@@ -1,0 +1,475 @@
+#include "Platform/Linux/Steering/Steering.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <linux/netfilter/nfnetlink.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "Platform/Linux/Attribution/SocketDiagnosis.h"
+#include "Platform/Linux/Health/Health.h"
+#include "Platform/Linux/Interception/ConnectionEntries.h"
+#include "Platform/Linux/Kernel/SteeringPrograms.h"
+#include "Platform/Linux/Network/NetworkMonitor.h"
+#include "Platform/Linux/PlatformLog.h"
+#include "Platform/Linux/Steering/EarlierConnections.h"
+#include "Platform/Linux/Steering/Farewells.h"
+#include "Platform/Linux/Steering/SteeringRoutes.h"
+#include "Platform/Linux/Steering/SteeringTable.h"
+#include "Platform/Linux/Steering/StrictFilter.h"
+#include "Platform/Linux/Steering/Uplinks.h"
+
+namespace platform::steering {
+
+namespace {
+
+using interception::ConnectionEntries;
+using interception::HeldPacket;
+using Clock = std::chrono::steady_clock;
+
+// However many reports come, routes and rules are looked at no closer together than this.
+constexpr std::chrono::milliseconds betweenLooks{20};
+
+int otherFamily(int family) { return family == AF_INET ? AF_INET6 : AF_INET; }
+
+// What is so of a socket of which no event comes any more.
+SteeredSocket letGo() {
+    SteeredSocket seen{};
+    seen.isReleased = 1;
+    return seen;
+}
+
+Result<netlink::Socket> openRuleEvents() {
+    constexpr std::array<unsigned, 1> groups{NFNLGRP_NFTABLES};
+    return netlink::Socket::open(NETLINK_NETFILTER, groups);
+}
+
+}  // namespace
+
+// The socket of one session.
+class Steering::Socket final : public SessionSocket {
+public:
+    Socket(std::shared_ptr<Work> steeringWork, const FlowTuple& flowTuple, std::uint64_t number)
+        : cookie(number), flow(flowTuple), work(std::move(steeringWork)) {}
+
+    Way findWay(const std::string& interfaceName) override;
+    void destroy() override;
+    void finish() override;
+    void holdBack() override;
+
+    void keep(std::shared_ptr<void> forIt) { kept = std::move(forIt); }
+    bool isEndedInOrder() const { return hasFarewell; }
+    // Whether the interface and the address that it took are still there.
+    bool hasNetwork(const std::vector<Uplink>& uplinks);
+
+    const std::uint64_t cookie;
+    const FlowTuple flow;
+
+private:
+    bool isFollowed(unsigned number);
+
+    const std::shared_ptr<Work> work;
+    std::shared_ptr<void> kept;  // set before anyone else has the socket
+    std::atomic_flag followed;
+    std::atomic<bool> hasFarewell{false};
+    Mutex lock;
+    // Once there was a way.
+    int interfaceIndex GUARDED_BY(lock) = 0;
+    InterfaceAddress source GUARDED_BY(lock);
+};
+
+// What the thread, the sessions' sockets and the offers share.
+class Steering::Work {
+public:
+    using UplinksPointer = std::shared_ptr<const std::vector<Uplink>>;
+
+    static Result<std::shared_ptr<Work>> begin(MarkPlace place);
+
+    void serve();
+    void stop();
+    void takeAway();
+
+    void enter(std::uint32_t sequence, const std::shared_ptr<SteeredSession>& session,
+               const std::shared_ptr<Socket>& socket);
+    std::shared_ptr<SteeredSession> leave(std::uint64_t cookie);
+    std::shared_ptr<SteeredSession> sessionOf(std::uint64_t cookie, std::uint32_t sequence);
+
+    UplinksPointer uplinks() {
+        const MutexGuard guard(lock);
+        return published;
+    }
+    bool isThere(const FlowTuple& flow, std::uint64_t cookie) {
+        const MutexGuard guard(askingLock);
+        const auto found = diagnosis.find(flow);
+        return found && found->cookie == cookie;
+    }
+    void destroy(const FlowTuple& flow, std::uint64_t cookie) {
+        const MutexGuard guard(askingLock);
+        diagnosis.destroy(flow, cookie);
+    }
+    void holdBack(const FlowTuple& flow) {
+        const MutexGuard guard(askingLock);
+        entries->setMark(flow, marks.flag(), marks.flag());
+    }
+
+    const SteeringMarks marks;
+    const std::unique_ptr<SteeringPrograms> programs;
+    const std::unique_ptr<SteeringRoutes> routes;
+    Farewells farewells;
+
+private:
+    struct Claim {
+        std::uint32_t sequence = 0;
+        std::shared_ptr<SteeredSession> session;
+        std::shared_ptr<Socket> socket;
+    };
+    struct Parts {
+        std::unique_ptr<SteeringPrograms> programs;
+        std::unique_ptr<SteeringRoutes> routes;
+        std::unique_ptr<ConnectionEntries> entries;
+        netlink::Socket ruleEvents;
+    };
+
+    Work(SteeringMarks steeringMarks, Parts parts);
+
+    void takeEvents();
+    void look(std::uint64_t cookie);
+    void followNetwork();
+    void putTableInForce(bool hasChanged);
+    void endThoseWithoutNetwork();
+    std::vector<Claim> allClaims();
+
+    // For the thread alone, and before and after it.
+    SteeringTable table{marks};
+    Uplinks known;
+    StrictFilter strictFilter;
+    netlink::Socket ruleEvents;
+    bool isLookDue = false;
+    Clock::time_point nextLook;
+    // The monitor's thread may just be waking us when we go.
+    const std::shared_ptr<const FileDescriptor> wakeUp =
+        std::make_shared<const FileDescriptor>(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    NetworkMonitor::Token following;
+
+    Mutex askingLock;
+    SocketDiagnosis diagnosis GUARDED_BY(askingLock);
+    const std::unique_ptr<ConnectionEntries> entries PT_GUARDED_BY(askingLock);
+
+    Mutex lock;
+    std::unordered_map<std::uint64_t, Claim> claims GUARDED_BY(lock);
+    UplinksPointer published GUARDED_BY(lock) = std::make_shared<const std::vector<Uplink>>();
+    bool isStopping GUARDED_BY(lock) = false;
+
+    health::Problem rulesProblem{health::Place::steering, "steeringRules",
+                                 "Direct connections lack rules"};
+    health::Gauge connections{health::Place::steering, "steeredConnections",
+                              "Direct connections carried by the kernel", [this] {
+                                  const MutexGuard guard(lock);
+                                  return std::uint64_t{claims.size()};
+                              }};
+};
+
+Way Steering::Socket::findWay(const std::string& interfaceName) {
+    const auto uplinks = work->uplinks();
+    const auto uplink = std::ranges::find(*uplinks, interfaceName, &Uplink::name);
+    if (uplink == uplinks->end()) {
+        isFollowed(0);
+        return {};
+    }
+    // Without room to hear of it there would be no end of it.
+    if (!isFollowed(uplink->number)) return {Way::Kind::otherFamilyOnly, 0};
+    if (work->routes->reaches(*uplink, flow.family, flow.destinationAddress)) {
+        const MutexGuard guard(lock);
+        interfaceIndex = uplink->interfaceIndex;
+        source = *uplink->reach(flow.family).source;
+        return {Way::Kind::open, uplink->number};
+    }
+    const bool hasOther = uplink->reach(otherFamily(flow.family)).isUsable();
+    return {hasOther ? Way::Kind::otherFamilyOnly : Way::Kind::none, 0};
+}
+
+bool Steering::Socket::isFollowed(unsigned number) {
+    if (followed.test_and_set()) return true;
+    const SteeringMarks& marks = work->marks;
+    return number == 0 ? work->programs->follow(cookie, 0, 0)
+                       : work->programs->follow(cookie, marks.ofSocket(number), marks.mask());
+}
+
+void Steering::Socket::destroy() { work->destroy(flow, cookie); }
+
+void Steering::Socket::finish() {
+    hasFarewell = true;
+    work->farewells.say(flow, cookie);
+}
+
+void Steering::Socket::holdBack() { work->holdBack(flow); }
+
+bool Steering::Socket::hasNetwork(const std::vector<Uplink>& uplinks) {
+    const MutexGuard guard(lock);
+    if (interfaceIndex == 0) return true;
+    const auto uplink = std::ranges::find(uplinks, interfaceIndex, &Uplink::interfaceIndex);
+    if (uplink == uplinks.end()) return false;
+    const auto& addresses = uplink->reach(flow.family).addresses;
+    return std::ranges::any_of(
+        addresses, [&](const InterfaceAddress& address) { return address.bytes == source.bytes; });
+}
+
+Result<std::shared_ptr<Steering::Work>> Steering::Work::begin(MarkPlace place) {
+    const SteeringMarks marks(place);
+    auto programs = SteeringPrograms::attach();
+    if (!programs) return programs.error();
+    auto routes = SteeringRoutes::open(marks);
+    if (!routes) return routes.error();
+    auto entries = ConnectionEntries::open();
+    if (!entries) return entries.error();
+    auto events = openRuleEvents();
+    if (!events) return events.error();
+    // Before the marks and rules are ours.
+    endEarlierConnections((*routes)->marksInRules(), **entries);
+    const std::shared_ptr<Work> work(new Work(marks, {std::move(*programs), std::move(*routes),
+                                                      std::move(*entries), std::move(*events)}));
+    work->followNetwork();
+    if (!work->rulesProblem.isProblem()) return work;
+    work->takeAway();
+    return Error(ENOTSUP, "put the packet rules of direct connections in force");
+}
+
+Steering::Work::Work(SteeringMarks steeringMarks, Parts parts)
+    : marks(steeringMarks),
+      programs(std::move(parts.programs)),
+      routes(std::move(parts.routes)),
+      ruleEvents(std::move(parts.ruleEvents)),
+      following(NetworkMonitor::shared().observe(
+          [wake = wakeUp](const auto&) { eventfd_write(wake->get(), 1); })),
+      entries(std::move(parts.entries)) {}
+
+void Steering::Work::serve() {
+    for (;;) {
+        std::array<pollfd, 4> polled{{{programs->eventDescriptor(), POLLIN, 0},
+                                      {wakeUp->get(), POLLIN, 0},
+                                      {routes->eventDescriptor(), POLLIN, 0},
+                                      {ruleEvents.descriptor(), POLLIN, 0}}};
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(nextLook - Clock::now());
+        poll(polled.data(), polled.size(),
+             isLookDue ? std::max(0, static_cast<int>(left.count())) : -1);
+        {
+            const MutexGuard guard(lock);
+            if (isStopping) return;
+        }
+        if (polled[0].revents != 0) takeEvents();
+        const bool isChanged = std::any_of(polled.begin() + 1, polled.end(),
+                                           [](const pollfd& one) { return one.revents != 0; });
+        if (isChanged) {
+            eventfd_t ignored = 0;
+            eventfd_read(wakeUp->get(), &ignored);
+            ruleEvents.discard();
+            routes->discardEvents();
+            isLookDue = true;
+        }
+        if (isLookDue && Clock::now() >= nextLook) followNetwork();
+    }
+}
+
+void Steering::Work::stop() {
+    following.reset();
+    const MutexGuard guard(lock);
+    isStopping = true;
+    eventfd_write(wakeUp->get(), 1);
+}
+
+// Ends what is left while the rules that its last packets need are there.
+void Steering::Work::takeAway() {
+    for (const Claim& claim : allClaims()) {
+        if (!claim.socket->isEndedInOrder()) claim.socket->destroy();
+        leave(claim.socket->cookie);
+    }
+    table.remove();
+}
+
+void Steering::Work::takeEvents() {
+    const bool isComplete = programs->takeEvents([this](std::uint64_t cookie) { look(cookie); });
+    if (isComplete) return;
+    for (const Claim& claim : allClaims()) look(claim.socket->cookie);
+}
+
+void Steering::Work::look(std::uint64_t cookie) {
+    const auto seen = programs->look(cookie);
+    if (!seen) return;
+    const bool isOver = seen->isReleased != 0 || seen->isClosed != 0;
+    Claim claim;
+    {
+        const MutexGuard guard(lock);
+        const auto found = claims.find(cookie);
+        if (found == claims.end()) return;
+        claim = found->second;
+        if (isOver) claims.erase(found);
+    }
+    claim.session->socketChanged(*seen);
+    if (!isOver) return;
+    programs->forget(cookie);
+    // Whoever has the port next is not to find what was decided of this one.
+    if (seen->isEstablished == 0) {
+        const MutexGuard guard(askingLock);
+        entries->remove(claim.socket->flow);
+    }
+}
+
+void Steering::Work::followNetwork() {
+    isLookDue = false;
+    nextLook = Clock::now() + betweenLooks;
+    const auto network = NetworkMonitor::shared().state();
+    const auto before = known.all();
+    const bool hasNumbers = known.follow(*network);
+    {
+        const MutexGuard guard(lock);
+        published = std::make_shared<const std::vector<Uplink>>(known.all());
+    }
+    // What is refused is something that has just changed, of which there will be another report.
+    if (const auto updated = routes->update(known.all(), *network); !updated)
+        platformLog.debug("The routes of direct connections wait for the network: %{public}s",
+                          updated.error().text());
+    bool areAnswersTaken = true;
+    for (const Uplink& uplink : known.all())
+        areAnswersTaken &= strictFilter.letMarksCount(uplink.name);
+    putTableInForce(before != known.all());
+    if (!areAnswersTaken &&
+        rulesProblem.begin("the strict reverse-path filter drops their answers: set "
+                           "net.ipv4.conf.all.src_valid_mark to 1"))
+        platformLog.error(
+            "The strict reverse-path filter drops the answers to direct connections while a VPN is "
+            "up: set net.ipv4.conf.all.src_valid_mark to 1");
+    if (!hasNumbers) platformLog.error("There are more physical interfaces than can be used");
+    endThoseWithoutNetwork();
+}
+
+void Steering::Work::putTableInForce(bool hasChanged) {
+    const bool wasThere = table.isComplete();
+    if (wasThere && !hasChanged) return;
+    const bool isFirst = !table.wasInstalled();
+    if (!table.install(known.all())) {
+        if (rulesProblem.begin(table.failure()))
+            platformLog.error("The packet rules of direct connections are refused: %{public}s",
+                              table.failure());
+        return;
+    }
+    if (!wasThere && !isFirst)
+        platformLog.error(
+            "The packet rules of direct connections had been removed and were put back");
+    if (!routes->hasRoomForRules()) {
+        if (rulesProblem.begin("a routing rule of preference 1 stands before ours"))
+            platformLog.error(
+                "A routing rule of preference 1 leaves no room for those of direct connections");
+    } else if (rulesProblem.end()) {
+        platformLog.info("The packet rules of direct connections are in force again");
+    }
+}
+
+void Steering::Work::endThoseWithoutNetwork() {
+    for (const Claim& claim : allClaims())
+        if (!claim.socket->hasNetwork(known.all())) claim.session->networkLost();
+}
+
+std::vector<Steering::Work::Claim> Steering::Work::allClaims() {
+    std::vector<Claim> all;
+    const MutexGuard guard(lock);
+    all.reserve(claims.size());
+    for (const auto& [cookie, claim] : claims) all.push_back(claim);
+    return all;
+}
+
+void Steering::Work::enter(std::uint32_t sequence, const std::shared_ptr<SteeredSession>& session,
+                           const std::shared_ptr<Socket>& socket) {
+    const MutexGuard guard(lock);
+    claims.insert_or_assign(socket->cookie, Claim{sequence, session, socket});
+}
+
+// The session that the socket had; null if it had none.
+std::shared_ptr<SteeredSession> Steering::Work::leave(std::uint64_t cookie) {
+    programs->forget(cookie);
+    const MutexGuard guard(lock);
+    const auto found = claims.find(cookie);
+    if (found == claims.end()) return nullptr;
+    const auto session = found->second.session;
+    claims.erase(found);
+    return session;
+}
+
+// Another number tells another connection of the same socket, whose earlier one is over.
+std::shared_ptr<SteeredSession> Steering::Work::sessionOf(std::uint64_t cookie,
+                                                          std::uint32_t sequence) {
+    {
+        const MutexGuard guard(lock);
+        const auto found = claims.find(cookie);
+        if (found == claims.end()) return nullptr;
+        if (found->second.sequence == sequence) return found->second.session;
+    }
+    if (const auto overtaken = leave(cookie)) overtaken->socketChanged(letGo());
+    return nullptr;
+}
+
+Result<std::unique_ptr<Steering>> Steering::start(MarkPlace place) {
+    auto work = Work::begin(place);
+    if (!work) return work.error();
+    return std::unique_ptr<Steering>(new Steering(std::move(*work)));
+}
+
+Steering::Steering(std::shared_ptr<Work> begun)
+    : work(std::move(begun)), thread([held = work] { held->serve(); }) {}
+
+Steering::~Steering() {
+    work->stop();
+    thread.join();
+    work->takeAway();
+}
+
+std::optional<Steering::Verdict> Steering::verdictOnKnown(const HeldPacket& packet,
+                                                          std::uint64_t cookie) {
+    const auto session = work->sessionOf(cookie, packet.tcpSequence);
+    return session ? std::optional(session->decideAgain()) : std::nullopt;
+}
+
+std::unique_ptr<Steering::Offer> Steering::offer(const HeldPacket& packet, std::uint64_t cookie) {
+    return std::make_unique<Offer>(work, packet,
+                                   std::make_shared<Socket>(work, packet.flow, cookie));
+}
+
+void Steering::awaitEnds(std::chrono::milliseconds longest) { work->farewells.await(longest); }
+
+Steering::Offer::Offer(std::shared_ptr<Work> steeringWork, const HeldPacket& packet,
+                       std::shared_ptr<Socket> offeredSocket)
+    : work(std::move(steeringWork)),
+      socket(std::move(offeredSocket)),
+      session(std::make_shared<SteeredSession>(socket)),
+      flowTuple(packet.flow),
+      sequence(packet.tcpSequence) {}
+
+std::shared_ptr<NWConnection::Implementation> Steering::Offer::Pairing::pairWith(
+    const std::string& host, std::uint16_t port, const NWParameters& parameters) {
+    if (!parameters.requiredInterface || port != offer.flowTuple.destinationPort ||
+        host != destinationText(offer.flowTuple))
+        return nullptr;
+    offer.session->setInterface(parameters.requiredInterface->name());
+    return connectionOf(offer.session);
+}
+
+Steering::Verdict Steering::Offer::claim(std::shared_ptr<void> kept) {
+    socket->keep(std::move(kept));
+    work->enter(sequence, session, socket);
+    const Verdict verdict = session->decide();
+    // A socket that was closed before it was followed has no events any more.
+    const bool isAlive = verdict.decision != SteeredSession::Decision::deny &&
+                         work->isThere(flowTuple, socket->cookie);
+    if (isAlive) return verdict;
+    if (work->leave(socket->cookie)) session->socketChanged(letGo());
+    return {};
+}
+
+}  // namespace platform::steering

@@ -1,0 +1,90 @@
+// Direct connections, carried by the kernel: the application's own connection leaves by the physical
+// interface, as `docs/architecture.md` says. This holds what that takes in the kernel (routes, packet
+// rules, programs), knows the session of each steered socket, and tells it what happens to the socket. One
+// thread of its own reads the kernel's events and keeps routes and rules as they should be; any thread
+// may offer.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <thread>
+
+#include "Platform/Linux/CarriedEnds.h"
+#include "Platform/Linux/Interception/HeldPacket.h"
+#include "Platform/Linux/Result.h"
+#include "Platform/Linux/Steering/SteeredSession.h"
+#include "Platform/Linux/Steering/SteeringMarks.h"
+
+namespace platform::steering {
+
+class Steering {
+public:
+    using Verdict = SteeredSession::Verdict;
+    class Offer;
+
+    // Puts all that is needed in force. What an earlier process steered is ended, as the rules may have
+    // changed since. Fails where the kernel cannot steer, and leaves nothing then.
+    static Result<std::unique_ptr<Steering>> start(MarkPlace place);
+    // Ends the connections that are left, and takes everything away.
+    ~Steering();
+    Steering(const Steering&) = delete;
+    Steering& operator=(const Steering&) = delete;
+
+    // The verdict on the SYN of a connection that was decided before and sends it again; none for any
+    // other. `cookie` is the socket's.
+    std::optional<Verdict> verdictOnKnown(const interception::HeldPacket& packet,
+                                          std::uint64_t cookie);
+
+    // A flow that is about to be offered to the proxy.
+    std::unique_ptr<Offer> offer(const interception::HeldPacket& packet, std::uint64_t cookie);
+
+    // Waits until connections that were ended in order have told their ends, or for so long.
+    void awaitEnds(std::chrono::milliseconds longest);
+
+private:
+    class Socket;
+    class Work;
+
+    explicit Steering(std::shared_ptr<Work> begun);
+
+    const std::shared_ptr<Work> work;
+    std::thread thread;
+};
+
+// For one worker, while it decides on the flow's first packet.
+class Steering::Offer {
+public:
+    Offer(std::shared_ptr<Work> steeringWork, const interception::HeldPacket& packet,
+          std::shared_ptr<Socket> offeredSocket);
+
+    // Made before the proxy is asked, and gone when it has answered: what the proxy makes meanwhile to
+    // carry the flow is this session's.
+    class Pairing final : public OfferInProgress {
+    public:
+        explicit Pairing(Offer& inProgress) : offer(inProgress) {}
+
+    private:
+        std::shared_ptr<NWConnection::Implementation> pairWith(
+            const std::string& host, std::uint16_t port, const NWParameters& parameters) override;
+
+        Offer& offer;
+    };
+
+    std::shared_ptr<NEAppProxyTCPFlow::Implementation> flow() const { return flowOf(session); }
+
+    // The proxy has claimed the flow and no one forbids it. `kept` goes when its connection is over.
+    Verdict claim(std::shared_ptr<void> kept);
+    // The proxy has claimed it in vain.
+    void refuse(const NSError& error) { session->failOpening(error); }
+
+private:
+    const std::shared_ptr<Work> work;
+    const std::shared_ptr<Socket> socket;
+    const std::shared_ptr<SteeredSession> session;
+    const FlowTuple flowTuple;
+    const std::uint32_t sequence;
+};
+
+}  // namespace platform::steering
