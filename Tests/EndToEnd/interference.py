@@ -1,6 +1,7 @@
 """Somebody else takes what is the daemon's, and gets it not or only for a moment: rules, routes, ports."""
 
 import subprocess
+import threading
 
 from vantrylab import network
 from vantrylab.host import Rules
@@ -13,12 +14,58 @@ RULES = Rules(rules={"com.example.courier": "direct", "com.example.ledger": "vpn
 
 def run(stage) -> None:
     network.vpn_up()
-    stage.start_daemon(RULES)
+    _table_of_another(stage)
     _packet_rules(stage)
+    _marks_of_others(stage)
     network.vpn_down()
     _routes(stage)
     _ports(stage)
     stage.stop_daemon()
+
+
+def _table_of_another(stage) -> None:
+    """The daemon's table is another program's at first: it says so, and is ready once it has it."""
+    another = subprocess.Popen(["nft", "--interactive"], stdin=subprocess.PIPE, stdout=subprocess.DEVNULL, text=True)
+    another.stdin.write(f"add table {TABLE[0]} {TABLE[1]} {{ flags owner; }}\n")
+    another.stdin.flush()
+    network.wait_until(_table, "the table is another program's")
+    release = threading.Timer(1, another.terminate)
+    release.start()
+    stage.start_daemon(RULES)
+    release.join()
+    another.wait()
+    stage.expect_line("a table that another program owns is named", "'vantry', which another program owns")
+    stage.expect_line("and taken when it is free", "Settings are in force after all")
+    _verdicts(stage, "after another program's table")
+
+
+def _marks_of_others(stage) -> None:
+    """Their marks are no verdicts, ours are nowhere on packets, and the place of the byte follows theirs."""
+    watched = stage.ledger.start("upload", stage.ipv4(), 8080, "--duration", 30)
+    watched.report()
+    since = stage.daemon.mark()
+    chain = "inet other {name} {{ type filter hook output priority {priority}; }}"
+    _nft("add table inet other",
+         *(f"add chain {chain.format(name=name, priority=priority)}"
+           for name, priority in (("before", -180), ("between", -120), ("after", 10))),
+         "add rule inet other before meta mark set mark or 0x05000000",
+         "add rule inet other between meta mark set 0x0d000000",
+         "add rule inet other after meta mark != 0x0d000000 counter drop")
+    _verdicts(stage, "marks of others, at first")
+    stage.expect_line("the byte moves to where no one else's is", "eight others are, from 16 on", since)
+    _verdicts(stage, "marks of others, after the move")
+    _nft("add rule inet other after meta mark 0x6d6f6c65 accept")
+    stage.expect_line("no byte is free: it is said", "that are in use here: cannot find a free byte", since)
+    _verdicts(stage, "no byte is free")
+    _nft("delete table inet other")
+    changed_at = stage.now()
+    stage.apply(RULES.but(blockedApps=("com.example.chatter", "com.example.ledger")))
+    stage.expect_ended("a connection is under watch after all that", watched.finish(), changed_at, ENDED)
+    stage.apply(RULES)
+
+
+def _nft(*commands: str) -> None:
+    subprocess.run(["nft", "; ".join(commands)], check=True)
 
 
 def _verdicts(stage, name: str) -> None:
