@@ -97,6 +97,9 @@ private:
     RecentVerdicts recent;
     WatchedFlows watched;
     DeniedFlows denied;
+    health::State namedBy{health::Place::attribution, "attribution", "Programs are named",
+                          attribution.hasNotes() ? "by what the kernel notes"
+                                                 : "by searching /proc, slower and with gaps"};
     health::Counter unattributed{health::Place::attribution, "unattributedFlows",
                                  "Flows that no program could be named for"};
 
