@@ -13,7 +13,7 @@ namespace platform::steering {
 
 namespace {
 
-constexpr std::chrono::milliseconds betweenLooks{5};
+constexpr std::chrono::milliseconds betweenDeliveryLooks{5};
 // As long as a copy is kept, the application's own closing does not reach the kernel.
 constexpr std::chrono::seconds longestDelivery{1};
 
@@ -62,7 +62,7 @@ void Farewells::await(std::chrono::milliseconds longest) {
             if (waiting.empty() && !isBusy && undelivered.empty()) return;
         }
         if (Condition::Clock::now() >= deadline) return;
-        std::this_thread::sleep_for(betweenLooks);
+        std::this_thread::sleep_for(betweenDeliveryLooks);
     }
 }
 
