@@ -222,7 +222,7 @@ def _places_that_are_removed(stage) -> None:
                            {"isActive": True, "ruleCount": 2})
         stage.checks.eventually(f"{name} is removed: all is there with its owners and modes",
                                 lambda: (host.NOTIFICATIONS.exists() and access() == before, before))
-        lines = [line for line in stage.daemon.lines(since) if "was missing" in line.text]
+        lines = [line for line in stage.daemon.lines(since) if f"{host.MESSAGE_SOCKET} was missing" in line.text]
         stage.checks.equal(f"{name} is removed: one line", len(lines), 1)
     stage.expect_line("the folder is removed: a post that may be lost with it is made up for",
                       "Received rules-changed Darwin notification", since)
