@@ -280,7 +280,7 @@ TEST_F(RuleCommands, WhatIsTemporaryOrOnTrialEndsAlsoOverARestart) {
     ASSERT_EQ(runTool("rules set a vpn").exitCode, 0);
     ASSERT_EQ(runTool("rules set a direct --for 2h").exitCode, 0);
     EXPECT_EQ(rules(), parsed(R"({"a":"direct"})"));
-    EXPECT_NE(runTool("rules").out.find("2 h"), std::string::npos) << runTool("rules").out;
+    EXPECT_NE(runTool("rules").out.find("FOR THE TIME BEING"), std::string::npos);
     EXPECT_EQ(runTool("rules set a direct --for soon").exitCode, 2);
     // The clock comes to the end of it while the service is down.
     stopService();
