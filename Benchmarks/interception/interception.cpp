@@ -4,10 +4,12 @@
 
 #include <benchmark/benchmark.h>
 #include <netinet/in.h>
+#include <sys/fsuid.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <memory>
@@ -152,6 +154,75 @@ void openConnection(benchmark::State& state) {
     state.SetLabel(nameOf(treatment));
 }
 BENCHMARK(openConnection)->DenseRange(0, 3)->Iterations(10000)->UseRealTime();
+
+enum class Flood : int { none, datagrams, connections };
+
+// Another account that opens more flows than can be decided, until the end.
+class FloodingAccount {
+public:
+    explicit FloodingAccount(Flood kind) {
+        if (kind == Flood::none) return;
+        for (int count = 0; count < 2; ++count)
+            threads.emplace_back([this, kind] {
+                constexpr uid_t account = 4711;
+                setfsuid(account);
+                while (!isOver) kind == Flood::datagrams ? sendDatagrams() : openConnections();
+            });
+    }
+    ~FloodingAccount() {
+        isOver = true;
+        for (std::thread& thread : threads) thread.join();
+    }
+    FloodingAccount(const FloodingAccount&) = delete;
+    FloodingAccount& operator=(const FloodingAccount&) = delete;
+
+    std::size_t flows() const { return opened; }
+
+private:
+    // Four thousand at once, each a flow of its own.
+    void sendDatagrams() {
+        ClientSocket client(AF_INET, SOCK_DGRAM);
+        for (std::uint16_t port = 20000; port < 24000; ++port, ++opened)
+            client.sendTo(TestNetwork::serverIPv4, port);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    // Attempts that are given up at once.
+    void openConnections() {
+        const FileDescriptor client(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+        const auto remote =
+            SocketAddress::fromNumeric(TestNetwork::serverIPv4, discardPort).value();
+        connect(client.get(), &remote.any, remote.length);
+        makeClosingAbortive(client);
+        ++opened;
+    }
+
+    std::atomic<bool> isOver = false;
+    std::atomic<std::size_t> opened = 0;
+    std::vector<std::thread> threads;
+};
+
+void openBesideAFlood(benchmark::State& state) {
+    const Network network(Treatment::declined);
+    const FloodingAccount flooding(static_cast<Flood>(state.range(0)));
+    const auto start = std::chrono::steady_clock::now();
+    std::vector<double> microseconds;
+    for ([[maybe_unused]] const auto& round : state) {
+        const auto begin = std::chrono::steady_clock::now();
+        exchangeOneByte();
+        const std::chrono::duration<double, std::micro> took =
+            std::chrono::steady_clock::now() - begin;
+        microseconds.push_back(took.count());
+    }
+    const std::chrono::duration<double> lasted = std::chrono::steady_clock::now() - start;
+    std::sort(microseconds.begin(), microseconds.end());
+    state.counters["median_us"] = microseconds[microseconds.size() / 2];
+    state.counters["p99_us"] = microseconds[microseconds.size() * 99 / 100];
+    state.counters["longest_us"] = microseconds.back();
+    state.counters["flood_per_s"] = static_cast<double>(flooding.flows()) / lasted.count();
+    constexpr const char* names[] = {"no flood", "datagrams", "connections"};
+    state.SetLabel(names[state.range(0)]);
+}
+BENCHMARK(openBesideAFlood)->DenseRange(0, 2)->Iterations(3000)->UseRealTime();
 
 double processorMicroseconds() {
     rusage usage{};
