@@ -82,6 +82,15 @@ std::set<uid_t> personalAccountsIn(const JSONObject& document) {
     return accounts;
 }
 
+bool isRelayWantedIn(const JSONObject& document) {
+    const auto word = typedMember<std::string>(document, "directCarriage").value_or("relay");
+    if (word != "kernel" && word != "relay")
+        hostChannelLog.error(
+            "The preferences' directCarriage is %{public}s, not kernel or relay: relay it is",
+            word);
+    return word != "kernel";
+}
+
 }  // namespace
 
 std::optional<Preferences> Preferences::load() {
@@ -102,7 +111,7 @@ std::optional<Preferences> Preferences::load() {
         return std::nullopt;
     }
     return Preferences{protocolIn(member(*object, "protocolConfiguration")), managersIn(*object),
-                       logLevelIn(*object), personalAccountsIn(*object)};
+                       logLevelIn(*object), personalAccountsIn(*object), isRelayWantedIn(*object)};
 }
 
 std::shared_ptr<const NEVPNProtocol> NETransparentProxyProvider::protocolConfiguration() const {

@@ -1,10 +1,8 @@
 #include "Platform/Linux/Interception/FlowDecisions.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <array>
 #include <cerrno>
 #include <string>
 #include <utility>
@@ -32,14 +30,69 @@ struct FlowDecisions::Source {
     }
 };
 
+// A flow that the proxy has claimed, and how it is carried.
+class FlowDecisions::Claim {
+public:
+    virtual ~Claim() = default;
+    // It is not to be.
+    virtual void refuse(const NSError& error) = 0;
+    // Nothing stands against it: what becomes of its first packet.
+    virtual Verdict carry(FlowState state) = 0;
+};
+
+class FlowDecisions::RelayClaim final : public Claim {
+public:
+    RelayClaim(ClaimedFlows& claimedFlows, const FlowTuple& flowTuple,
+               std::shared_ptr<SocketFlow> flow)
+        : claims(claimedFlows), tuple(flowTuple), side(std::move(flow)) {}
+
+    void refuse(const NSError& error) override { side->failOpening(error); }
+    Verdict carry(FlowState state) override {
+        // The connection may come as soon as the verdict is given.
+        claims.expect(tuple, std::move(side));
+        return {.state = state};
+    }
+
+private:
+    ClaimedFlows& claims;
+    const FlowTuple tuple;
+    std::shared_ptr<SocketFlow> side;
+};
+
+class FlowDecisions::SteeredClaim final : public Claim {
+public:
+    SteeredClaim(std::unique_ptr<steering::Steering::Offer> claimed, std::shared_ptr<void> toKeep)
+        : offer(std::move(claimed)), kept(std::move(toKeep)) {}
+
+    void refuse(const NSError& error) override { offer->refuse(error); }
+    Verdict carry(FlowState state) override {
+        return steered(offer->claim(std::move(kept)), state);
+    }
+
+    static Verdict steered(const steering::Steering::Verdict& verdict, FlowState state) {
+        using Decision = steering::SteeredSession::Decision;
+        switch (verdict.decision) {
+            case Decision::steer:
+                return {.state = state, .uplink = verdict.number};
+            case Decision::drop:
+                return {.state = state, .isDropped = true};
+            case Decision::unreachable:
+                return {.state = FlowState::claimed, .uplink = steering::unreachableNumber};
+            case Decision::deny:
+                break;
+        }
+        return {.state = FlowState::denied};
+    }
+
+private:
+    const std::unique_ptr<steering::Steering::Offer> offer;
+    std::shared_ptr<void> kept;
+};
+
 namespace {
 
-using ProxyFlow = SocketFlow;
-
 RemoteEndpoint remoteEndpointOf(const FlowTuple& flow) {
-    std::array<char, INET6_ADDRSTRLEN> text{};
-    inet_ntop(flow.family, flow.destinationAddress.data(), text.data(), text.size());
-    return NWHostEndpoint{text.data(), std::to_string(flow.destinationPort)};
+    return NWHostEndpoint{steering::destinationText(flow), std::to_string(flow.destinationPort)};
 }
 
 bool isLinkLocal(const FlowTuple& flow) {
@@ -79,6 +132,16 @@ void FlowDecisions::setOffers(Offers replacement) {
     inForce = std::move(published);
 }
 
+void FlowDecisions::steerBy(std::shared_ptr<steering::Steering> carrier) {
+    const MutexGuard guard(offersLock);
+    presentSteering.swap(carrier);
+}
+
+std::shared_ptr<steering::Steering> FlowDecisions::steering() const {
+    const MutexGuard guard(offersLock);
+    return presentSteering;
+}
+
 PacketVerdict FlowDecisions::verdictOn(const HeldPacket& packet) {
     const auto asked = offers();
     const Occasion occasion{packet, *asked, ruleChanges};
@@ -88,6 +151,7 @@ PacketVerdict FlowDecisions::verdictOn(const HeldPacket& packet) {
 
 PacketVerdict FlowDecisions::packetVerdict(const Occasion& occasion, const Verdict& verdict) {
     const HeldPacket& packet = occasion.packet;
+    if (verdict.isDropped) return PacketVerdict::drop(packet);
     if (verdict.state == FlowState::unseen) return PacketVerdict::pass(packet);
     if (packet.purpose == PacketPurpose::newFlow && packet.isOfClaimed &&
         !isClaimed(verdict.state)) {
@@ -96,6 +160,7 @@ PacketVerdict FlowDecisions::packetVerdict(const Occasion& occasion, const Verdi
         if (entries) entries->remove(packet.flow);
         return PacketVerdict::drop(packet);
     }
+    if (isClaimed(verdict.state)) return PacketVerdict::of(packet, verdict.state, verdict.uplink);
     if (verdict.state != FlowState::declined) return PacketVerdict::of(packet, verdict.state);
     if (!isSettledSince(occasion.ruleChanges)) {
         recent.forget(packet.flow);
@@ -115,16 +180,19 @@ Verdict FlowDecisions::verdictOnFlow(const Occasion& occasion) {
     const Verdict verdict = known ? *known : offer(occasion);
     if (!known) remember(packet, verdict);
     // The first datagram, and data on a SYN, are the first bytes of a watched flow.
-    if (!isWatched(verdict.state) || packet.payloadLength == 0) return verdict;
+    if (verdict.isDropped || !isWatched(verdict.state) || packet.payloadLength == 0) return verdict;
     const auto flow = watched.find(packet.flow);
     if (!flow) return verdict;
-    const Verdict onBytes = show(occasion, *flow, isClaimed(verdict.state));
+    Verdict onBytes = show(occasion, *flow, isClaimed(verdict.state));
     if (onBytes.state == FlowState::unseen) return verdict;
+    onBytes.uplink = verdict.uplink;
     remember(packet, onBytes);
     return onBytes;
 }
 
 void FlowDecisions::remember(const HeldPacket& packet, const Verdict& verdict) {
+    // Of steered connections, their sessions know more.
+    if (isClaimed(verdict.state) && steering()) return;
     // Of denied datagrams `denied` knows more.
     if (!isDatagram(packet) || verdict.state != FlowState::denied) recent.remember(packet, verdict);
 }
@@ -153,7 +221,8 @@ bool FlowDecisions::isOfAnotherSocket(const HeldPacket& packet, std::uint64_t co
 Verdict FlowDecisions::offer(const Occasion& occasion) {
     const auto& [packet, asked, changes] = occasion;
     const Source source = sourceOf(packet);
-    ClaimedFlows::Flow claimed = offerToProxy(packet, source, asked);
+    if (const auto known = verdictOnSteered(packet, source)) return *known;
+    const auto claimed = offerToProxy(packet, source, asked);
     const bool isClaimed = claimed != nullptr;
     auto shown = source.shownFor(packet);
     const NEFilterNewFlowVerdict verdict = offerToFilter(*shown, asked);
@@ -162,7 +231,7 @@ Verdict FlowDecisions::offer(const Occasion& occasion) {
     // A connection that runs already cannot be taken over, only made to begin again.
     const bool comesTooLate = isClaimed && packet.purpose == PacketPurpose::offeredAgain;
     if (isDropped || comesTooLate) {
-        if (isClaimed) claimed->failOpening(systemError(ECONNABORTED));
+        if (isClaimed) claimed->refuse(systemError(ECONNABORTED));
         return deny(occasion, source.cookie);
     }
     const bool isWatched =
@@ -171,9 +240,14 @@ Verdict FlowDecisions::offer(const Occasion& occasion) {
         watch(packet, source, std::move(shown));
     else
         watched.remove(packet.flow);
-    // The connection may come as soon as the verdict is given.
-    if (isClaimed) claims.expect(packet.flow, std::move(claimed));
     FlowState state = stateOf(isClaimed, isWatched);
+    if (isClaimed) {
+        Verdict carried = claimed->carry(state);
+        if (carried.state == FlowState::denied) return deny(occasion, source.cookie);
+        carried.generation = asked.generation;
+        carried.cookie = source.cookie;
+        return carried;
+    }
     // Its next packet may tell more.
     if (!source.isAttributed && packet.purpose == PacketPurpose::newFlow &&
         state == FlowState::declined)
@@ -203,8 +277,22 @@ FlowDecisions::Source FlowDecisions::sourceOf(const HeldPacket& packet) {
     return source;
 }
 
-ClaimedFlows::Flow FlowDecisions::offerToProxy(const HeldPacket& packet, const Source& source,
-                                               const Offers& asked) {
+// A connection that the kernel carries already, and that sends its opening again.
+std::optional<Verdict> FlowDecisions::verdictOnSteered(const HeldPacket& packet,
+                                                       const Source& source) {
+    const auto carrier = steering();
+    if (!carrier || !packet.opensTcp || source.cookie == 0) return std::nullopt;
+    const auto known = carrier->verdictOnKnown(packet, source.cookie);
+    if (!known) return std::nullopt;
+    const bool isWatchedStill = watched.find(packet.flow) != nullptr;
+    Verdict verdict = SteeredClaim::steered(*known, stateOf(true, isWatchedStill));
+    verdict.cookie = source.cookie;
+    return verdict;
+}
+
+std::unique_ptr<FlowDecisions::Claim> FlowDecisions::offerToProxy(const HeldPacket& packet,
+                                                                  const Source& source,
+                                                                  const Offers& asked) {
     if (source.isOnlyForFilter || !asksFor(asked.proxyRules, packet.asSent())) return nullptr;
     if (packet.flow.protocol == IPPROTO_UDP) {
         // There is nothing that could relay it, so a claim changes nothing.
@@ -212,7 +300,26 @@ ClaimedFlows::Flow FlowDecisions::offerToProxy(const HeldPacket& packet, const S
             std::make_shared<NEAppProxyUDPFlow>(source.metaData, source.remote));
         return nullptr;
     }
-    auto implementation = std::make_shared<ProxyFlow>();
+    const auto carrier = steering();
+    return carrier ? offerToSteer(*carrier, packet, source) : offerToRelay(packet, source);
+}
+
+std::unique_ptr<FlowDecisions::Claim> FlowDecisions::offerToSteer(steering::Steering& carrier,
+                                                                  const HeldPacket& packet,
+                                                                  const Source& source) {
+    auto offered = carrier.offer(packet, source.cookie);
+    const auto flow =
+        std::make_shared<NEAppProxyTCPFlow>(source.metaData, source.remote, offered->flow());
+    {
+        const steering::Steering::Offer::Pairing pairing(*offered);
+        if (!providers.proxy->handleNewFlow(flow)) return nullptr;
+    }
+    return std::make_unique<SteeredClaim>(std::move(offered), aliases->keepSourceOf(packet.flow));
+}
+
+std::unique_ptr<FlowDecisions::Claim> FlowDecisions::offerToRelay(const HeldPacket& packet,
+                                                                  const Source& source) {
+    auto implementation = std::make_shared<SocketFlow>();
     // Filled when the flow turns out to be claimed; goes with the application's side.
     auto aliasHolder = std::make_shared<std::shared_ptr<void>>();
     implementation->setEndHandler([aliasHolder, open = claims.countAsOpen()] {});
@@ -224,7 +331,7 @@ ClaimedFlows::Flow FlowDecisions::offerToProxy(const HeldPacket& packet, const S
         return nullptr;
     }
     *aliasHolder = aliases->keepSourceOf(packet.flow);
-    return implementation;
+    return std::make_unique<RelayClaim>(claims, packet.flow, std::move(implementation));
 }
 
 NEFilterNewFlowVerdict FlowDecisions::offerToFilter(const NEFilterSocketFlow& flow,
@@ -261,7 +368,7 @@ Verdict FlowDecisions::verdictOnForgotten(const Occasion& occasion) {
     const NEFilterNewFlowVerdict verdict = offerToFilter(*shown, asked);
     if (verdict.kind == NEFilterNewFlowVerdict::Kind::drop) return deny(occasion, source.cookie);
     if (verdict.kind != NEFilterNewFlowVerdict::Kind::filterData || !verdict.filterOutbound)
-        return {stateOf(packet.isOfClaimed, false), asked.generation, source.cookie};
+        return unwatched(occasion, packet.isOfClaimed, source.cookie);
     watch(packet, source, std::move(shown));
     const auto flow = watched.find(packet.flow);
     return flow ? show(occasion, *flow, packet.isOfClaimed) : Verdict();
@@ -269,10 +376,9 @@ Verdict FlowDecisions::verdictOnForgotten(const Occasion& occasion) {
 
 Verdict FlowDecisions::show(const Occasion& occasion, WatchedFlow& flow, bool isClaimed) {
     const auto& [packet, asked, changes] = occasion;
-    const Verdict unwatched{stateOf(isClaimed, false), asked.generation, flow.cookie()};
     if (asked.filterAction != NEFilterAction::filterData) {
         watched.remove(packet.flow);
-        return unwatched;
+        return unwatched(occasion, isClaimed, flow.cookie());
     }
     const NEFilterDataVerdict verdict = providers.filter->handleOutboundData(
         flow.shownAs(), flow.offsetOf(packet), unreadBytes(packet.payloadLength));
@@ -281,11 +387,28 @@ Verdict FlowDecisions::show(const Occasion& occasion, WatchedFlow& flow, bool is
             return deny(occasion, flow.cookie());
         case NEFilterDataVerdict::Kind::allow:
             watched.remove(packet.flow);
-            return unwatched;
+            return unwatched(occasion, isClaimed, flow.cookie());
         case NEFilterDataVerdict::Kind::data:
             break;
     }
     return {};
+}
+
+// A flow that goes on and is looked at no more.
+Verdict FlowDecisions::unwatched(const Occasion& occasion, bool isClaimed, std::uint64_t cookie) {
+    Verdict verdict{stateOf(isClaimed, false), occasion.asked.generation, cookie};
+    // The packet that opens a connection has no entry yet; its verdict brings the number.
+    if (isClaimed && !occasion.packet.opensTcp) verdict.uplink = uplinkOf(occasion.packet.flow);
+    return verdict;
+}
+
+// The number in the connection's mark.
+unsigned FlowDecisions::uplinkOf(const FlowTuple& flow) {
+    const auto carrier = steering();
+    if (!carrier) return 0;
+    const MutexGuard guard(entriesLock);
+    const auto mark = entries ? entries->markOf(flow) : std::nullopt;
+    return mark ? carrier->place().generationOf(*mark) : 0;
 }
 
 Verdict FlowDecisions::deny(const Occasion& occasion, std::uint64_t cookie) {
@@ -295,6 +418,11 @@ Verdict FlowDecisions::deny(const Occasion& occasion, std::uint64_t cookie) {
     watched.remove(flow);
     denied.remember(flow, {cookie, occasion.ruleChanges});
     return {FlowState::denied, occasion.asked.generation, cookie};
+}
+
+void FlowDecisions::awaitEndsOfClaimed(std::chrono::milliseconds longest) {
+    if (const auto carrier = steering()) carrier->awaitEnds(longest);
+    claims.awaitEnds(longest);
 }
 
 void FlowDecisions::keepHouse() {

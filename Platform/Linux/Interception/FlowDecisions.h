@@ -21,6 +21,7 @@
 #include "Platform/Linux/Interception/PacketQueue.h"
 #include "Platform/Linux/Interception/RecentVerdicts.h"
 #include "Platform/Linux/Interception/WatchedFlows.h"
+#include "Platform/Linux/Steering/Steering.h"
 #include "Platform/NEProvider.h"
 
 namespace platform::interception {
@@ -50,15 +51,23 @@ public:
     // that were asked in between is marked so that its next packet is offered again.
     void setRulesChanging(bool) { ruleChanges.fetch_add(1); }
 
+    // From now on the kernel carries what the proxy claims; null ends that.
+    void steerBy(std::shared_ptr<steering::Steering> carrier);
+
     PacketVerdict verdictOn(const HeldPacket& packet);
 
     // Forgets what is over. To be called every few seconds.
     void keepHouse();
 
-    void awaitEndsOfClaimed(std::chrono::milliseconds longest) { claims.awaitEnds(longest); }
+    void awaitEndsOfClaimed(std::chrono::milliseconds longest);
 
 private:
     struct Source;
+    // Null where direct connections are relayed.
+    std::shared_ptr<steering::Steering> steering() const;
+    class Claim;
+    class RelayClaim;
+    class SteeredClaim;
 
     // No change was under way when `ruleChanges` was read, and none has begun since.
     bool isSettledSince(unsigned changesBefore) const {
@@ -78,8 +87,14 @@ private:
     bool isOfAnotherSocket(const HeldPacket& packet, std::uint64_t cookie);
     Verdict offer(const Occasion& occasion);
     // The application's side of the flow if the proxy claims it, else null.
-    ClaimedFlows::Flow offerToProxy(const HeldPacket& packet, const Source& source,
-                                    const Offers& asked);
+    std::unique_ptr<Claim> offerToProxy(const HeldPacket& packet, const Source& source,
+                                        const Offers& asked);
+    std::unique_ptr<Claim> offerToSteer(steering::Steering& steering, const HeldPacket& packet,
+                                        const Source& source);
+    std::unique_ptr<Claim> offerToRelay(const HeldPacket& packet, const Source& source);
+    std::optional<Verdict> verdictOnSteered(const HeldPacket& packet, const Source& source);
+    Verdict unwatched(const Occasion& occasion, bool isClaimed, std::uint64_t cookie);
+    unsigned uplinkOf(const FlowTuple& flow);
     NEFilterNewFlowVerdict offerToFilter(const NEFilterSocketFlow& flow, const Offers& asked);
     void watch(const HeldPacket& packet, const Source& source,
                std::shared_ptr<const NEFilterSocketFlow> shown);
@@ -107,6 +122,7 @@ private:
     const std::unique_ptr<ConnectionEntries> entries PT_GUARDED_BY(entriesLock);
     mutable Mutex offersLock;
     std::shared_ptr<const Offers> inForce GUARDED_BY(offersLock);
+    std::shared_ptr<steering::Steering> presentSteering GUARDED_BY(offersLock);
     // How often a change of the rules has begun or ended.
     std::atomic<unsigned> ruleChanges = 0;
 };

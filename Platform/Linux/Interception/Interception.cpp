@@ -43,7 +43,7 @@ int millisecondsUntil(std::chrono::steady_clock::time_point instant) {
 
 Interception::Interception(Providers providers, Choices choices)
     : decisions(std::move(providers)),
-      path(decisions, choices.ownership, choices.limits),
+      path(decisions, choices.carriage, choices.ownership, choices.limits),
       wakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       nextTry(Clock::now()),
       nextHousekeeping(Clock::now() + betweenHousekeepings) {

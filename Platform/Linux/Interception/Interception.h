@@ -31,7 +31,8 @@ public:
 
     struct Choices {
         TableOwnership ownership = TableOwnership::exclusive;
-        PacketWorkers::Limits limits;
+        PacketWorkers::Limits limits{};
+        Carriage carriage = Carriage::relay;
     };
 
     explicit Interception(Providers providers) : Interception(std::move(providers), Choices()) {}

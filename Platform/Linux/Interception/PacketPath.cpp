@@ -25,15 +25,21 @@ Result<> openPart(Part& part, auto opened) {
 
 }  // namespace
 
-PacketPath::PacketPath(FlowDecisions& toAsk, TableOwnership tableOwnership,
+PacketPath::PacketPath(FlowDecisions& toAsk, Carriage wantedCarriage, TableOwnership tableOwnership,
                        PacketWorkers::Limits workLimits)
-    : decisions(toAsk), ownership(tableOwnership), limits(std::move(workLimits)) {}
+    : decisions(toAsk),
+      wanted(wantedCarriage),
+      ownership(tableOwnership),
+      limits(std::move(workLimits)) {}
 
 PacketPath::~PacketPath() {
     // First nothing new comes, then what is held goes, then the rules that it needs on its way.
     if (isInForce) static_cast<void>(table->stopOffering());
     startedWorkers = nullptr;
     workers.reset();
+    // Ends what is left of direct connections, while marks and rules still carry their last packets.
+    decisions.steerBy(nullptr);
+    steering.reset();
     if (table) static_cast<void>(table->remove());
     if (isInForce) static_cast<void>(wipeMarks());
 }
@@ -44,14 +50,14 @@ Result<> PacketPath::offer(const std::set<std::uint8_t>& protocols, unsigned gen
     if (!isInForce) {
         if (const auto begun = begin(); !begun) return begun;
     }
-    PacketTableContent wanted = content;
-    wanted.offeredProtocols = protocols;
-    wanted.generation = markedGeneration(generation, generation);
+    PacketTableContent next = content;
+    next.offeredProtocols = protocols;
+    next.generation = markedGeneration(generation, generation);
     countPassed();
-    const auto changed = protocols.empty() ? table->stopOffering() : table->install(wanted);
+    const auto changed = protocols.empty() ? table->stopOffering() : table->install(next);
     if (!changed) return changed;
     passedBefore = 0;
-    content = wanted;
+    content = next;
     isInForce = true;
     return {};
 }
@@ -60,6 +66,8 @@ Result<> PacketPath::begin() {
     Result<> done = choosePlace();
     if (done) done = openParts();
     if (done) done = chooseCarrier();
+    // Some marks that an earlier process left are of connections that are to end.
+    if (done && !steering) startSteering();
     // An earlier process may have left its verdicts behind.
     if (done) done = wipeMarks();
     if (!done) return done;
@@ -83,6 +91,9 @@ Result<> PacketPath::choosePlace() {
 
 void PacketPath::putInPlace(MarkPlace newPlace) {
     place = newPlace;
+    // What it steers bears marks in the place before, and ends with it.
+    decisions.steerBy(nullptr);
+    steering.reset();
     OwnTraffic::setMark(newPlace.ownValue());
     directRoutes.emplace(newPlace);
     tunnelGuard.emplace(newPlace);
@@ -119,6 +130,25 @@ Result<> PacketPath::wipeMarks() {
     return entries->changeMarks(mask, [mask](std::uint32_t mark) {
         return (mark & mask) != 0 ? std::optional(0u) : std::nullopt;
     });
+}
+
+void PacketPath::startSteering() {
+    if (wanted == Carriage::relay) {
+        carriage.set("by the relay, as the preferences say");
+        return;
+    }
+    auto started = steering::Steering::start(*place);
+    if (started) {
+        steering = std::move(*started);
+        decisions.steerBy(steering);
+        if (carriage.set("by the kernel"))
+            platformLog.info("Direct connections are carried by the kernel");
+    } else if (carriage.set("by the relay: " + started.error().text())) {
+        platformLog.error(
+            "Direct connections are relayed, and VPNs and firewalls may be in their way: "
+            "%{public}s",
+            started.error().text());
+    }
 }
 
 void PacketPath::startWorkers() {
@@ -207,16 +237,17 @@ Result<> PacketPath::moveTo(MarkPlace newPlace) {
     if (!overlap) {
         if (const auto copied = copy(true); !copied) return copied;
     }
-    PacketTableContent wanted = content;
-    wanted.place = newPlace;
+    PacketTableContent next = content;
+    next.place = newPlace;
     countPassed();
     if (isInForce && !content.offeredProtocols.empty()) {
-        if (const auto installed = table->install(wanted); !installed) return installed;
+        if (const auto installed = table->install(next); !installed) return installed;
         passedBefore = 0;
     }
-    content = wanted;
+    content = next;
     queue->carryVerdictsBy(content.carrier, newPlace);
     putInPlace(newPlace);
+    startSteering();
     return copy(false);
 }
 

@@ -19,12 +19,19 @@
 #include "Platform/Linux/Interception/PacketWorkers.h"
 #include "Platform/Linux/Interception/TunnelGuard.h"
 #include "Platform/Linux/Result.h"
+#include "Platform/Linux/Steering/Steering.h"
 
 namespace platform::interception {
 
+// How direct connections are carried.
+enum class Carriage {
+    kernel,  // by the kernel where it can, else by the relay
+    relay,
+};
+
 class PacketPath {
 public:
-    PacketPath(FlowDecisions& toAsk, TableOwnership tableOwnership,
+    PacketPath(FlowDecisions& toAsk, Carriage wantedCarriage, TableOwnership tableOwnership,
                PacketWorkers::Limits workLimits);
     // Passes all held packets.
     ~PacketPath();
@@ -57,6 +64,7 @@ private:
     Result<> openParts();
     Result<> chooseCarrier();
     Result<> wipeMarks();
+    void startSteering();
     void startWorkers();
     void putInPlace(MarkPlace newPlace);
     void followMarksOfOthers();
@@ -66,6 +74,7 @@ private:
     void countPassed();
 
     FlowDecisions& decisions;
+    const Carriage wanted;
     const TableOwnership ownership;
     const PacketWorkers::Limits limits;
     std::optional<MarkPlace> place;
@@ -73,6 +82,7 @@ private:
     std::optional<TunnelGuard> tunnelGuard;
     std::optional<netlink::Socket> events;
     std::unique_ptr<ConnectionEntries> entries;
+    std::shared_ptr<steering::Steering> steering;
     std::unique_ptr<PacketTable> table;
     std::unique_ptr<PacketQueue> queue;
     std::unique_ptr<PacketWorkers> workers;
@@ -83,6 +93,8 @@ private:
     std::uint64_t passedBefore = 0;  // what the table's counter said last
 
     health::State carrier{health::Place::verdicts, "verdictPlace", "Verdicts are given", "not yet"};
+    health::State carriage{health::Place::steering, "directCarriage",
+                           "Direct connections are carried", "not yet"};
     health::Problem clash{health::Place::verdicts, "markClash",
                           "Others use the same bits of marks"};
     health::Problem heldUp{health::Place::packets, "heldUp", "Verdicts are held up"};

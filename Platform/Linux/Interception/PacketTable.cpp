@@ -228,10 +228,13 @@ void addOwnTrafficRules(Transaction& transaction, MarkPlace place) {
 void addRedirectRules(Transaction& transaction, const PacketTableContent& content) {
     const auto redirect = [&](std::uint8_t family, std::uint16_t port, FlowState state) {
         if (port == 0) return;
-        transaction.addRule(ruleOnState(redirectChain, content.place, state)
-                                .ofNetworkProtocol(family)
-                                .ofProtocol(IPPROTO_TCP)
-                                .redirectTo(port));
+        // Those that the kernel carries have the number of an interface in their mark.
+        transaction.addRule(
+            PacketRule(redirectChain)
+                .withConnectionMark(content.place.mask(), content.place.value(state))
+                .ofNetworkProtocol(family)
+                .ofProtocol(IPPROTO_TCP)
+                .redirectTo(port));
     };
     for (const FlowState state : {FlowState::claimed, FlowState::claimedAndWatched}) {
         redirect(NFPROTO_IPV4, content.listeners.ipv4, state);

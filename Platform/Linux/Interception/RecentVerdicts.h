@@ -19,6 +19,8 @@ struct Verdict {
     FlowState state = FlowState::unseen;
     unsigned generation = 0;   // in which it was asked for
     std::uint64_t cookie = 0;  // of the socket that it is about, 0 if that is not known
+    unsigned uplink = 0;       // of a claimed one: the number in its mark; 0 if it is relayed
+    bool isDropped = false;    // the packet goes nowhere, and leaves its connection as it is
 };
 
 class RecentVerdicts {

@@ -14,6 +14,7 @@
 #include "Platform/Linux/Dispatch/MainQueue.h"
 #include "Platform/Linux/Health/Health.h"
 #include "Platform/Linux/HostChannel/HostChannel.h"
+#include "Platform/Linux/HostChannel/Preferences.h"
 #include "Platform/Linux/Interception/RunningInterception.h"
 #include "Platform/Linux/Logging/LogStore.h"
 #include "Platform/Linux/Network/StoredRoutes.h"
@@ -127,6 +128,14 @@ int serve(const Interception& interception, HostChannel& channel) {
     return EXIT_SUCCESS;
 }
 
+Interception::Choices choicesInPreferences() {
+    const auto preferences = Preferences::load();
+    const bool isRelayWanted = preferences && preferences->isRelayWanted;
+    Interception::Choices choices;
+    if (!isRelayWanted) choices.carriage = interception::Carriage::kernel;
+    return choices;
+}
+
 // The life of the extension, on a thread of its own.
 void runExtension() {
     const health::Gauge lostLines(health::Place::log, "logLinesLost", "Log lines lost",
@@ -135,7 +144,7 @@ void runExtension() {
     const StoredRoutes storedRoutes;
     const Providers providers{registeredProviders.makeProxyProvider(),
                               registeredProviders.makeFilterProvider()};
-    auto interception = std::make_shared<Interception>(providers);
+    auto interception = std::make_shared<Interception>(providers, choicesInPreferences());
     RunningInterception::set(interception);
     startFilter(providers);
     startProxy(providers);

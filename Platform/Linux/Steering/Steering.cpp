@@ -430,6 +430,8 @@ Steering::~Steering() {
     work->takeAway();
 }
 
+MarkPlace Steering::place() const { return work->marks.place(); }
+
 std::optional<Steering::Verdict> Steering::verdictOnKnown(const HeldPacket& packet,
                                                           std::uint64_t cookie) {
     const auto session = work->sessionOf(cookie, packet.tcpSequence);

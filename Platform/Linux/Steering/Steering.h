@@ -32,6 +32,8 @@ public:
     Steering(const Steering&) = delete;
     Steering& operator=(const Steering&) = delete;
 
+    MarkPlace place() const;
+
     // The verdict on the SYN of a connection that was decided before and sends it again; none for any
     // other. `cookie` is the socket's.
     std::optional<Verdict> verdictOnKnown(const interception::HeldPacket& packet,
