@@ -442,6 +442,19 @@ Report takeOver(const Destination& destination, const std::string& path,
     return report;
 }
 
+Report tally(const Destination& destination, uint64_t bytes) {
+    auto report = begin("tally");
+    const std::string service = "tally";
+    const auto socket = enter(destination, service, report);
+    if (!socket) return report;
+    const auto deadline = Clock::now() + destination.patience;
+    if (!sendAll(socket, std::string(bytes, 't'), deadline, report)) return report;
+    shutdown(socket.number(), SHUT_WR);
+    const auto answer = receive(socket, deadline, report);
+    if (answer == std::to_string(service.size() + 1 + bytes) + "\n") report.outcome = "finished";
+    return report;
+}
+
 Report askOnce(const Destination& destination) {
     auto report = begin("datagram");
     const auto answer = exchange(destination, "who am I?", report);

@@ -25,7 +25,8 @@ struct Destination {
 // each returning what became of it. What goes on for a time ends before it when standard input, a
 // pipe, has ended. `connectOnce` takes the server's greeting and leaves. `keepUploading` sends a
 // small chunk every few milliseconds for the given time, printing a first report when it is under
-// way. `echo` sends bytes and compares what comes back. `askOnce` sends one datagram and waits for
+// way. `echo` sends bytes and compares what comes back. `tally` sends them, ends its
+// sending, and takes the server's answer, which is their number. `askOnce` sends one datagram and waits for
 // the answer; `resolve` asks for a name; `keepAsking` sends a datagram every few milliseconds on
 // one socket. `crowd` opens many connections, prints a first report, keeps them idle for the time,
 // and then has every one of them echo a byte. `chatter` has all of theirs echo bytes for the time, and says
@@ -37,6 +38,7 @@ Report connectOnce(const Destination& destination);
 Report keepUploading(const Destination& destination, std::chrono::milliseconds duration);
 Report keepReading(const Destination& destination, std::chrono::milliseconds duration);
 Report echo(const Destination& destination, uint64_t bytes);
+Report tally(const Destination& destination, uint64_t bytes);
 Report askOnce(const Destination& destination);
 Report resolve(const Destination& destination);
 Report crowd(const Destination& destination, uint64_t count, std::chrono::milliseconds duration);

@@ -134,6 +134,9 @@ void parse(CLI::App& application, Arguments& arguments, std::vector<std::string>
                     [=](const auto& place) { return lab::keepReading(place, duration()); });
     addConversation(application, arguments, "echo", "send bytes and compare what comes back",
                     [&](const auto& place) { return lab::echo(place, arguments.bytes); });
+    addConversation(application, arguments, "tally",
+                    "send bytes, end the sending, and take the server's answer",
+                    [&](const auto& place) { return lab::tally(place, arguments.bytes); });
     addConversation(
         application, arguments, "crowd", "hold many connections at once",
         [&](const auto& place) { return lab::crowd(place, arguments.count, duration()); });

@@ -18,7 +18,7 @@ bool StreamChannel::readable() {
     std::array<char, 65536> buffer;
     const auto count = recv(socket_.number(), buffer.data(), buffer.size(), 0);
     if (count < 0) return errno == EAGAIN || endedByClient(errno);
-    if (count == 0) return endedByClient(0);
+    if (count == 0) return service_ == Service::tally ? tellTally() : endedByClient(0);
     observation_.bytesReceived += static_cast<uint64_t>(count);
     return consume({buffer.data(), static_cast<size_t>(count)});
 }
@@ -39,6 +39,7 @@ bool StreamChannel::choose(const std::string& line) {
     if (line == "echo") service_ = Service::echo;
     if (line == "upload") service_ = Service::upload;
     if (line == "slow") service_ = Service::slow;
+    if (line == "tally") service_ = Service::tally;
     if (line.starts_with("download ")) {
         service_ = Service::download;
         std::from_chars(line.data() + 9, line.data() + line.size(), downloadRemaining_);
@@ -67,6 +68,13 @@ bool StreamChannel::flush() {
     const auto isDone = service_ == Service::download && !wantsToWrite();
     if (isDone) observation_.state = "closed";
     return !isDone;
+}
+
+bool StreamChannel::tellTally() {
+    // All that is left to do is what a download ends with.
+    service_ = Service::download;
+    outgoing_ = std::to_string(observation_.bytesReceived) + "\n";
+    return flush();
 }
 
 bool StreamChannel::endedByClient(int error) {

@@ -14,7 +14,8 @@ namespace lab {
 // the socket and writes what happens into the observation that it was given.
 //
 // Services: `echo` sends back what comes, `upload` only counts it, `slow` sends a line ten times a
-// second, `download N` sends N bytes and then ends, `reset` ends the connection with a reset.
+// second, `download N` sends N bytes and then ends, `tally` counts and tells the number after the client's
+// end, `reset` ends the connection with a reset.
 class StreamChannel {
 public:
     StreamChannel(Descriptor socket, Observation& observation);
@@ -30,13 +31,14 @@ public:
     int descriptor() const { return socket_.number(); }
 
 private:
-    enum class Service { unnamed, echo, upload, slow, download };
+    enum class Service { unnamed, echo, upload, slow, download, tally };
     static constexpr size_t outgoingLimit = 256 * 1024;
 
     bool consume(std::string_view bytes);
     bool choose(const std::string& line);
     bool flush();
     bool endedByClient(int error);
+    bool tellTally();
     bool endWithReset();
 
     Descriptor socket_;

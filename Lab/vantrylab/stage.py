@@ -76,6 +76,10 @@ class Stage:
         network.wait_until(host.MESSAGE_SOCKET.exists, "the daemon takes messages")
         return self.daemon
 
+    def is_carried_by_kernel(self) -> bool:
+        """Whether direct connections are the applications' own; else the daemon relays them."""
+        return self.daemon.count("Direct connections are carried by the kernel") > 0
+
     def stop_daemon(self) -> None:
         self.check_records()
         daemon, self.daemon = self.daemon, None

@@ -1,4 +1,4 @@
-"""The daemon's descriptors run out: no new claims, and everything else goes on as ever."""
+"""The descriptors of a daemon that relays run out: no new claims, and everything else goes on as ever."""
 
 import concurrent.futures
 import os
@@ -20,7 +20,7 @@ COMPLAINT = "Descriptors are running out; new direct flows are left to the syste
 
 def run(stage) -> None:
     network.vpn_up()
-    stage.start_daemon(RULES, descriptors=DESCRIPTORS)
+    stage.start_daemon(RULES, descriptors=DESCRIPTORS, directCarriage="relay")
     relayed = stage.courier.start("upload", stage.ipv4(), 8080, "--duration", 60)
     relayed.report()
     hoard, hoard_address = _before_the_shortage(stage)

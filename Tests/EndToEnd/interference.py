@@ -18,6 +18,9 @@ def run(stage) -> None:
     _packet_rules(stage)
     _marks_of_others(stage)
     network.vpn_down()
+    stage.stop_daemon()
+    # What follows is about the relay's own connections.
+    stage.start_daemon(RULES, directCarriage="relay")
     _routes(stage)
     _ports(stage)
     stage.stop_daemon()

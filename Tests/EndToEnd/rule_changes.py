@@ -47,7 +47,7 @@ def _changes(stage, name: str, application, before: Rules, after: Rules, errors,
 
 def _off_the_direct_path(stage) -> None:
     after = RULES.but(rules={COURIER: "vpn", LEDGER: "vpn"})
-    _changes(stage, "direct to vpn", stage.courier, RULES, after, ("ECONNRESET",), stage.expect_tunnel)
+    _changes(stage, "direct to vpn", stage.courier, RULES, after, ENDED, stage.expect_tunnel)
 
 
 def _onto_the_direct_path(stage) -> None:
@@ -61,7 +61,7 @@ def _onto_the_direct_path(stage) -> None:
 
 def _removed(stage) -> None:
     after = RULES.but(rules={LEDGER: "vpn"})
-    _changes(stage, "direct rule removed", stage.courier, RULES, after, ("ECONNRESET",), stage.expect_tunnel)
+    _changes(stage, "direct rule removed", stage.courier, RULES, after, ENDED, stage.expect_tunnel)
     since = stage.daemon.mark()
     after = RULES.but(rules={COURIER: "direct"})
     _changes(stage, "vpn rule removed", stage.ledger, RULES, after, ENDED, stage.expect_tunnel)

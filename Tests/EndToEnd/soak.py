@@ -132,7 +132,7 @@ class Crowd:
             return
         report = running.conclude()
         self._stage.checks.check("the daemon's end has ended the relayed connections",
-                                 report["error"] in ("ECONNRESET", "EPIPE", "EOF"), report)
+                                 report["error"] in ("ECONNRESET", "EPIPE", "EOF", "ECONNABORTED"), report)
 
 
 def _flap(draw: random.Random) -> None:
