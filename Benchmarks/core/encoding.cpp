@@ -68,19 +68,8 @@ void encodeActivityLog(benchmark::State& state) {
 }
 BENCHMARK(encodeActivityLog)->Arg(1)->Arg(500)->Unit(benchmark::kMicrosecond);
 
-// From the file's bytes to the table that decisions are looked up in.
-void readRulesFile(benchmark::State& state) {
-    const auto document = rulesDocument(static_cast<std::size_t>(state.range(0)));
-    for ([[maybe_unused]] auto _ : state) {
-        auto file = platform::NSJSONSerialization::JSONObjectWithData(document);
-        auto& object = std::get<platform::JSONObject>(file->value);
-        benchmark::DoNotOptimize(platform::stringTable(std::move(object.find("rules")->second)));
-    }
-    state.counters["bytes"] = static_cast<double>(document.size());
-}
-BENCHMARK(readRulesFile)->Arg(10)->Arg(100'000)->Unit(benchmark::kMillisecond);
-
-// The same rules as a message of the host application.
+// Many rules as a message of the host application: from its bytes to the table that decisions are looked
+// up in.
 void decodeReloadMessage(benchmark::State& state) {
     const auto document = rulesDocument(static_cast<std::size_t>(state.range(0)));
     for ([[maybe_unused]] auto _ : state)

@@ -3,6 +3,10 @@
 // A source that cannot be read leaves everything as it was. Readers see a load as a whole.
 
 #include <algorithm>
+#include <functional>
+#include <optional>
+#include <utility>
+#include <vector>
 
 #include "Extension/FlowKillCoordinator.h"
 #include "Extension/TransparentProxyProvider.h"
@@ -18,6 +22,7 @@ namespace {
 
 constexpr std::string_view rulesFilePath = "/tmp/org.quillmere.Vantry.rules.json";
 constexpr std::size_t previewLength = 500;
+constexpr std::string_view rulesKey = "rules";
 
 // The value under `key` if it is there and of the type asked for.
 template <class T>
@@ -26,23 +31,75 @@ const T* valueOf(const JSONObject& source, std::string_view key) {
     return entry == source.end() ? nullptr : entry->second.template as<T>();
 }
 
-bool saysTheSame(const JSONObject& source, const RuleTable& rules) {
-    return source.size() == rules.size() && std::ranges::all_of(source, [&](const auto& member) {
-               const auto* word = member.second.template as<std::string>();
-               const auto rule = rules.find(member.first);
-               return word && rule != rules.end() && rule->second == *word;
-           });
+bool holdsText(const JSONObject::Member& member) {
+    return member.second.as<std::string>() != nullptr;
 }
 
+// Rules as a source says them, one after the other, of which two may have one name. They are looked up when
+// all are there: in a row that takes less time than one by one while reading.
+class RulesReader {
+public:
+    void begin() { rules.clear(); }
+    void add(std::string_view bundleId, std::string_view word) {
+        rules.emplace_back(bundleId, word);
+    }
+
+    // The table of them. Rules that say the same as those in force stay the same table: a comparison
+    // of the two then costs no time.
+    SharedRules finish(const SharedRules& inForce) {
+        if (sayTheSame(*inForce)) return inForce;
+        RuleTable table;
+        table.reserve(rules.size());
+        for (auto& [bundleId, word] : rules)
+            table.insert_or_assign(std::move(bundleId), std::move(word));
+        return std::make_shared<const RuleTable>(std::move(table));
+    }
+
+private:
+    bool sayTheSame(const RuleTable& table) const {
+        if (rules.size() != table.size()) return false;
+        std::vector<const RuleTable::value_type*> found;
+        found.reserve(rules.size());
+        for (const auto& [bundleId, word] : rules) {
+            const auto rule = table.find(bundleId);
+            if (rule == table.end() || rule->second != word) return false;
+            found.push_back(&*rule);
+        }
+        // Each has to come once.
+        std::ranges::sort(found, std::less<>());
+        return std::ranges::adjacent_find(found) == found.end();
+    }
+
+    std::vector<std::pair<std::string, std::string>> rules;
+};
+
 // The rules of a source in place of those in force; null if they are absent or not an object of texts.
-// Rules that say the same stay the same table, so that whoever compares has nothing to compare.
 SharedRules rulesOf(const JSONObject& source, const SharedRules& inForce) {
-    const auto entry = source.find("rules");
-    const auto* rules = entry == source.end() ? nullptr : entry->second.template as<JSONObject>();
-    if (!rules) return nullptr;
-    if (saysTheSame(*rules, *inForce)) return inForce;
-    auto table = platform::stringTable(entry->second);
-    return table ? std::make_shared<const RuleTable>(std::move(*table)) : nullptr;
+    const auto* rules = valueOf<JSONObject>(source, rulesKey);
+    if (!rules || !std::ranges::all_of(*rules, holdsText)) return nullptr;
+    RulesReader reader;
+    for (const auto& [bundleId, word] : *rules) reader.add(bundleId, *word.as<std::string>());
+    return reader.finish(inForce);
+}
+
+// What a rules file says: its rules, and an object with all its keys. Null rules if there are none.
+struct FileContents {
+    SharedRules rules;
+    std::optional<JSONValue> document;
+
+    const JSONObject& source() const { return *document->as<JSONObject>(); }
+};
+
+FileContents readRulesFile(std::string_view bytes, const SharedRules& inForce) {
+    RulesReader reader;
+    const platform::JSONMemberTexts texts{
+        rulesKey, [&] { reader.begin(); },
+        [&](std::string_view bundleId, std::string_view word) { reader.add(bundleId, word); }};
+    FileContents file{nullptr, platform::NSJSONSerialization::JSONObjectWithData(bytes, &texts)};
+    const auto* source = file.document ? file.document->as<JSONObject>() : nullptr;
+    const auto* others = source ? valueOf<JSONObject>(*source, rulesKey) : nullptr;
+    if (others && std::ranges::all_of(*others, holdsText)) file.rules = reader.finish(inForce);
+    return file;
 }
 
 // The blocked applications of a source, or those in force if they are absent or not an array of texts.
@@ -97,25 +154,23 @@ void TransparentProxyProvider::loadRoutingRules() {
 
 void TransparentProxyProvider::loadRulesFromSharedFile() {
     logger.debug("Reading rules from: %{public}s", rulesFilePath);
-    const auto file = platform::NSFileManager::defaultManager().contentsAtPath(rulesFilePath);
-    if (!file) {
+    const auto contents = platform::NSFileManager::defaultManager().contentsAtPath(rulesFilePath);
+    if (!contents) {
         logger.debug("No rules file found at %{public}s", rulesFilePath);
         return;
     }
-    const auto bytes = file->bytes().value_or(std::string_view{});
+    const auto bytes = contents->bytes().value_or(std::string_view{});
     logger.debug("Raw file contents (%ld bytes): %{public}s", bytes.size(), previewOf(bytes));
 
-    const auto document = platform::NSJSONSerialization::JSONObjectWithData(bytes);
-    const auto* source = document ? document->as<JSONObject>() : nullptr;
     RuleState rules = *ruleState.snapshot();
-    auto table = source ? rulesOf(*source, rules.routingRules) : nullptr;
-    if (!table) {
+    auto file = readRulesFile(bytes, rules.routingRules);
+    if (!file.rules) {
         logger.debug("Failed to parse rules file (invalid JSON format)");
         return;
     }
     const auto oldCount = rules.routingRules->size();
-    rules.routingRules = std::move(table);
-    applyKeysBesidesRules(*source, rules);
+    rules.routingRules = std::move(file.rules);
+    applyKeysBesidesRules(file.source(), rules);
     const auto loaded = ruleState.replace(std::move(rules));
 
     auto& coordinator = FlowKillCoordinator::shared();

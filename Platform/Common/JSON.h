@@ -108,8 +108,17 @@ struct JSONFailure {
 // How deep arrays and objects may nest in a document that is read.
 inline constexpr std::size_t maximumJSONDepth = 512;
 
+// Takes the texts of one member of the document, an object, as they are read: they take no room in the
+// value. The object keeps what else it holds, and the texts that came after that under the same keys.
+struct JSONMemberTexts {
+    std::string_view member;
+    std::function<void()> begin;  // an object of that name; the last one counts
+    std::function<void(std::string_view key, std::string_view text)> take;
+};
+
 // Reads one document. A failure says in a few words what is wrong and at which line and column.
-std::variant<JSONValue, JSONFailure> parseJSON(std::string_view text);
+std::variant<JSONValue, JSONFailure> parseJSON(std::string_view text,
+                                               const JSONMemberTexts* texts = nullptr);
 
 // Reads a document that is an array and gives its elements to `take` one after the other, so that a long
 // one costs the memory of its longest element. Those before a failure have been given. A number beyond
@@ -120,13 +129,12 @@ std::optional<JSONFailure> readJSONArray(std::string_view text,
 // Reads with the options of a plain `JSONObjectWithData:options:error:` call: the top level has to
 // be an array or an object. The error is not kept.
 struct NSJSONSerialization {
-    static std::optional<JSONValue> JSONObjectWithData(std::string_view data);
+    static std::optional<JSONValue> JSONObjectWithData(std::string_view data,
+                                                       const JSONMemberTexts* texts = nullptr);
 };
 
 // The entries of an object whose every value is a string; nothing for any other value.
 std::optional<StringMap<std::string>> stringTable(const JSONValue& value);
-// The same, taking the texts out of `value` instead of copying them.
-std::optional<StringMap<std::string>> stringTable(JSONValue&& value);
 // Every element of an array of strings; nothing for any other value.
 std::optional<std::vector<std::string>> stringArray(const JSONValue& value);
 

@@ -38,8 +38,12 @@ using LargeNumbers = std::unordered_map<std::size_t, std::string_view>;
 class ValueBuilder final : public nlohmann::json_sax<nlohmann::json> {
 public:
     explicit ValueBuilder(std::string_view documentText, const LargeNumbers& largeNumbers = {},
-                          const std::function<void(JSONValue)>* takesElements = nullptr)
-        : text(documentText), large(largeNumbers), takeElement(takesElements) {}
+                          const std::function<void(JSONValue)>* takesElements = nullptr,
+                          const JSONMemberTexts* takesTexts = nullptr)
+        : text(documentText),
+          large(largeNumbers),
+          takeElement(takesElements),
+          memberTexts(takesTexts) {}
 
     bool null() override { return add(nullptr); }
     bool boolean(bool value) override { return add(value); }
@@ -50,10 +54,23 @@ public:
     }
     bool number_float(double value, const std::string&) override { return addNumber(value); }
     // Texts are copied: the parser reads the next one into the room of this one.
-    bool string(std::string& value) override { return add(std::as_const(value)); }
+    bool string(std::string& value) override {
+        if (!areTextsTaken || openContainers.size() != 2) return add(std::as_const(value));
+        memberTexts->take(nextKey, value);
+        auto& object = std::get<JSONObject>(openContainers.back()->value);
+        if (const auto before = object.find(nextKey); before != object.end())
+            before->second = std::as_const(value);
+        return true;
+    }
     bool binary(nlohmann::json::binary_t&) override { return false; }
 
-    bool start_object(std::size_t) override { return open(JSONObject()); }
+    bool start_object(std::size_t) override {
+        if (memberTexts && openContainers.size() == 1 && nextKey == memberTexts->member) {
+            areTextsTaken = result.as<JSONObject>() != nullptr;
+            if (areTextsTaken) memberTexts->begin();
+        }
+        return open(JSONObject());
+    }
     bool key(std::string& name) override {
         nextKey = name;
         return true;
@@ -91,6 +108,7 @@ private:
 
     bool close() {
         openContainers.pop_back();
+        if (openContainers.size() < 2) areTextsTaken = false;
         return giveElement();
     }
 
@@ -131,6 +149,8 @@ private:
     std::string_view text;
     const LargeNumbers large;
     const std::function<void(JSONValue)>* takeElement;
+    const JSONMemberTexts* memberTexts;
+    bool areTextsTaken = false;
     std::size_t numbers = 0;
     std::string nextKey;
     // The containers that have begun and not ended, outermost first. Each stays where it is, as
@@ -188,14 +208,15 @@ LargeNumbers takeLargeNumbers(std::string_view text, std::string& document) {
 
 }  // namespace
 
-std::variant<JSONValue, JSONFailure> parseJSON(std::string_view text) {
-    ValueBuilder builder(text);
+std::variant<JSONValue, JSONFailure> parseJSON(std::string_view text,
+                                               const JSONMemberTexts* texts) {
+    ValueBuilder builder(text, {}, nullptr, texts);
     if (parse(text, builder)) return std::move(builder.result);
     if (builder.tooLarge.empty()) return std::move(builder.failure);
 
     std::string document(text);
     const auto large = takeLargeNumbers(text, document);
-    ValueBuilder again(document, large);
+    ValueBuilder again(document, large, nullptr, texts);
     if (parse(document, again)) return std::move(again.result);
     return std::move(again.failure);
 }
@@ -207,8 +228,9 @@ std::optional<JSONFailure> readJSONArray(std::string_view text,
     return std::move(builder.failure);
 }
 
-std::optional<JSONValue> NSJSONSerialization::JSONObjectWithData(std::string_view data) {
-    auto parsed = parseJSON(data);
+std::optional<JSONValue> NSJSONSerialization::JSONObjectWithData(std::string_view data,
+                                                                 const JSONMemberTexts* texts) {
+    auto parsed = parseJSON(data, texts);
     auto* value = std::get_if<JSONValue>(&parsed);
     if (!value || (!value->as<JSONArray>() && !value->as<JSONObject>())) return std::nullopt;
     return std::move(*value);

@@ -3,23 +3,6 @@
 #include "Platform/Common/JSON.h"
 
 namespace platform {
-namespace {
-
-// Takes the texts out of an object that may be changed, and copies those of a constant one.
-template <class Object>
-std::optional<StringMap<std::string>> tableOf(Object* object) {
-    if (!object) return std::nullopt;
-    StringMap<std::string> table;
-    table.reserve(object->size());
-    for (auto& [key, entry] : *object) {
-        auto* text = std::get_if<std::string>(&entry.value);
-        if (!text) return std::nullopt;
-        table.emplace(std::move(key), std::move(*text));
-    }
-    return table;
-}
-
-}  // namespace
 
 std::string_view JSONValue::typeName() const {
     struct {
@@ -37,11 +20,15 @@ std::string_view JSONValue::typeName() const {
 }
 
 std::optional<StringMap<std::string>> stringTable(const JSONValue& value) {
-    return tableOf(value.as<JSONObject>());
-}
-
-std::optional<StringMap<std::string>> stringTable(JSONValue&& value) {
-    return tableOf(std::get_if<JSONObject>(&value.value));
+    const auto* object = value.as<JSONObject>();
+    if (!object) return std::nullopt;
+    StringMap<std::string> table;
+    for (const auto& [key, entry] : *object) {
+        const auto* text = entry.as<std::string>();
+        if (!text) return std::nullopt;
+        table.emplace(key, *text);
+    }
+    return table;
 }
 
 std::optional<std::vector<std::string>> stringArray(const JSONValue& value) {

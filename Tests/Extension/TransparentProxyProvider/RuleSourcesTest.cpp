@@ -33,8 +33,11 @@ TEST_F(RuleSourcesTest, AFileAppliesKeyByKeyAndIsTakenOnlyWithItsRules) {
          "0 -> 1, default: x, blocked: 2", kept},
         {R"({"rules":{"a":"vpn","b":"vpn"},"vpnConnected":true,"blockedApps":[]})",
          "1 -> 2, default: x, blocked: 0", "vpn=block, direct=allow, vpnConnected=true"},
-        {R"({"rules":{"a":"vpn","a":"direct"}})", "2 -> 1, default: x, blocked: 0",
+        // Of what comes twice the last counts, also where the rules in force come twice.
+        {R"({"rules":{"a":"vpn","a":"vpn"}})", "2 -> 1, default: x, blocked: 0",
          "vpn=block, direct=allow, vpnConnected=true"},
+        {R"({"rules":{"c":"vpn"},"rules":{"a":1,"d":"x","a":"direct"}})",
+         "1 -> 2, default: x, blocked: 0", "vpn=block, direct=allow, vpnConnected=true"},
     };
     for (const auto& test : cases) {
         world.takeLog();
@@ -46,6 +49,7 @@ TEST_F(RuleSourcesTest, AFileAppliesKeyByKeyAndIsTakenOnlyWithItsRules) {
     for (const auto* document :
          {R"({"rules":{"a":1},"defaultAction":"never"})",
           R"({"rules":["a"],"vpnFallback":"never"})", R"({"defaultAction":"never"})", "{}", "[]",
+          R"({"rules":{"a":"vpn","a":{}}})", R"({"rules":{},"rules":"a"})", R"([{"rules":{}}])",
           "7", R"({"rules":{}} x)", "", "{\"rules\":{\"\xff\":\"vpn\"}}"})
         EXPECT_TRUE(linesAre(linesOfLoad(document),
                              {debug(reading), debug("Raw file contents (<any>"),
