@@ -1,5 +1,7 @@
 #include "Platform/Simulated/Scheduler.h"
 
+#include <sched.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <limits>
@@ -16,6 +18,15 @@ constexpr std::uint64_t stepsInATurn = 4;
 
 thread_local std::binary_semaphore* turnOfThisStrand = nullptr;
 
+// This thread, and those that it makes from now on. Where one runs at a time, the turn passes a hundred
+// times as fast if no other processor has to wake up for it. Without the right to it, it is only slow.
+void stayOnOneProcessor() {
+    cpu_set_t processors;
+    CPU_ZERO(&processors);
+    CPU_SET(static_cast<unsigned>(std::max(sched_getcpu(), 0)), &processors);
+    sched_setaffinity(0, sizeof processors, &processors);
+}
+
 }  // namespace
 
 struct Scheduler::Strand {
@@ -28,6 +39,7 @@ struct Scheduler::Strand {
 };
 
 Scheduler::Scheduler(const Options& chosen) : options(chosen), random(chosen.seed) {
+    if (options.order == Order::byTurns) stayOnOneProcessor();
     if (options.order != Order::threads) return;
     for (unsigned i = 0; i < options.threads; ++i) threads.emplace_back([this] { workOnThread(); });
 }

@@ -108,6 +108,35 @@ TEST(RuleChangeExploration, NoFlowOutlivesAChange) {
     EXPECT_TRUE(holdsForSeeds(1000, flowsAndChanges, {.order = Order::byTurns}, seedsPerProcess));
 }
 
+// A helper's flow, under whose names' rules change: "A" goes direct, while the helper's nearest name leaves for
+// the VPN. A flow that is named by the old rules and decided by the new ones would go direct, and no change
+// would ever end it.
+void helpersFlowsAndAChange(World& world) {
+    world.setPath({{"en0", NWInterface::InterfaceType::wifi}});
+    world.files.put(rulesFile, R"({"rules":{"com.example.A":"vpn"}})");
+    ASSERT_TRUE(world.start());
+    std::vector<Flow> flows;
+    for (auto count = 2 + world.draw(3); count > 0; --count) {
+        flows.push_back(
+            world.flow({.remoteEndpoint = NWHostEndpoint::endpointWithHostname("h", "1"),
+                        .signingIdentifier = "com.example.A.tools.helper"}));
+        world.later([&world, flow = flows.back()] { world.offer(flow); });
+    }
+    world.later([&world] {
+        world.files.put(rulesFile,
+                        R"({"rules":{"com.example.A":"direct","com.example.A.tools":"vpn"}})");
+        world.post(rulesChanged);
+    });
+    world.runUntilIdle();
+    for (const auto& flow : flows) EXPECT_FALSE(flow.isClaimed());
+    world.stopProxy();
+}
+
+TEST(RuleChangeExploration, AFlowIsNamedAndDecidedByTheSameRules) {
+    EXPECT_TRUE(
+        holdsForSeeds(1000, helpersFlowsAndAChange, {.order = Order::byTurns}, seedsPerProcess));
+}
+
 // Loads from all sources at once: the coordinator is left with what was loaded last, and the line of a
 // message names what that message has set.
 void loadsAtOnce(World& world) {
