@@ -81,7 +81,7 @@ class Machine:
         self.process.wait()
         self._folder.cleanup()
 
-    def wait_until_up(self, seconds: float = 180) -> str:
+    def wait_until_up(self, seconds: float = 400) -> str:
         """Gives systemd's word for the state: `running`, or `degraded` where a unit has failed."""
         return self._receive("ready", time.monotonic() + seconds)
 
