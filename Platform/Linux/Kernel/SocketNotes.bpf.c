@@ -109,11 +109,14 @@ __noinline int writePath(struct KernelPath* path, __u64 ofDentry, __u64 ofMount)
             continue;
         }
         if (!parent || parent == dentry) break;
+        // Both masks are for the kernel's check of the program (6.1), which keeps no bound from the loop's
+        // condition, and takes rounds for equal only where the bits are. The compiler must not leave them out.
+        barrier_var(at);
         long length =
             bpf_probe_read_kernel_str(&path->names[at & (KERNEL_PATH_SIZE - 1)], KERNEL_NAME_SIZE,
                                       BPF_CORE_READ(dentry, d_name.name));
         if (length <= 0) break;
-        at += length;
+        at = (at + length) & (2 * KERNEL_PATH_SIZE - 1);
         dentry = parent;
     }
     path->length = at;
