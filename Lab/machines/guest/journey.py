@@ -24,8 +24,8 @@ PREFERENCES = pathlib.Path("/var/lib/org.quillmere.Vantry/preferences.json")
 BEFORE = pathlib.Path("/root/before.json")
 # Where others than the package write: apt, journal, service manager, and this journey.
 _WRITTEN_ANYWAY = ("/root", "/home", "/srv", "/var/log", "/var/cache", "/var/tmp", "/var/lib/apt", "/var/lib/dpkg",
-                   "/var/lib/systemd", "/var/lib/containers", "/var/lib/flatpak", "/run/*", "/tmp/vantry-*", "/dev",
-                   "/proc", "/sys")
+                   "/var/lib/systemd", "/var/lib/containers", "/var/lib/flatpak", "/etc/systemd/journald.conf.d", "/run/*",
+                   "/tmp/vantry-*", "/tmp/systemd-private-*", "/tmp/.mount_*", "/dev", "/proc", "/sys")
 
 
 # The README's, in its order.
@@ -156,6 +156,9 @@ class Journey:
             seen = "passes" if place.seen() else "denied" if '"error"' in told else told.strip()[-300:]
             self.checks.equal(f"podman, network {kind}: a blocked program", seen, wanted)
         run("vantryctl", "rules", "unblock", self.programs["fetch"].identifier)
+        # Podman leaves its own behind.
+        for table in ("filter", "nat"):
+            run("nft", "delete", "table", "ip", table, check=False)
 
     def appimage(self) -> None:
         """A program that lies on the person's own FUSE mount, where not even root may look."""
@@ -235,7 +238,7 @@ def make_flatpak(name: str) -> None:
     """A runtime that has no more than the demo client needs, and the demo client as an application."""
     folder = world.STATE / "flatpak"
     runtime, application = folder / "runtime", folder / "application"
-    for each in (runtime / "usr/lib64", application / "files/bin", application / "export"):
+    for each in (runtime / "usr/lib64", runtime / "files", application / "files/bin", application / "export"):
         each.mkdir(parents=True)
     libraries = re.findall(r"(/\S+) \(0x", run("ldd", str(applications.DEMO_CLIENT)))
     for library in libraries:
