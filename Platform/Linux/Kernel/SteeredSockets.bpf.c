@@ -62,7 +62,9 @@ static __always_inline void established(struct bpf_sock_ops* hook, __u64 cookie,
 static __always_inline void closed(struct bpf_sock_ops* hook, __u64 cookie,
                                    struct SteeredSocket* socket) {
     struct tcp_sock* connection = hook->sk ? bpf_skc_to_tcp_sock(hook->sk) : 0;
-    if (connection) socket->error = connection->inet_conn.icsk_inet.sk.sk_err;
+    // What the network says to an orphan concerns no one.
+    if (connection && !socket->isReleased)
+        socket->error = connection->inet_conn.icsk_inet.sk.sk_err;
     socket->isClosed = 1;
     tell(cookie);
 }

@@ -12,5 +12,5 @@ struct SteeredSocket {
     __u32 isEstablished;
     __u32 isReleased;  // the application has closed its last descriptor
     __u32 isClosed;    // the connection is over, or was never there
-    __s32 error;       // why, as the application is told; 0 for an orderly end
+    __s32 error;       // why, as the application is told; 0 for an orderly end, or if no one is
 };

@@ -117,14 +117,12 @@ void SteeredSession::socketChanged(const SteeredSocket& seen) {
         tell(Kind::ready);
     }
     if (seen.isReleased == 0 && seen.isClosed == 0) return;
-    // Whoever lets go first makes the end: what the network says to an orphan concerns no one.
-    const int error = seen.isReleased != 0 ? 0 : seen.error;
     switch (state) {
         case State::waiting:
         case State::connecting:
-            return fail(error != 0 ? error : ECONNABORTED);
+            return fail(seen.error != 0 ? seen.error : ECONNABORTED);
         case State::established:
-            return end(error, false);
+            return end(seen.error, false);
         case State::offered:
         case State::over:
             return;
