@@ -38,6 +38,14 @@ JSONArray list(const std::vector<std::string>& texts) { return {texts.begin(), t
 // No revision of an earlier run is one of this.
 std::uint64_t firstRevision() { return std::uint64_t{std::random_device{}()} << 20; }
 
+// Puts back what was there before the trial.
+void takeTrialBack(Choices& choices) {
+    auto before = Choices::read(choices.trial->before);
+    if (auto* found = std::get_if<std::optional<Choices>>(&before))
+        choices = found->value_or(Choices{});
+    choices.trial.reset();
+}
+
 }  // namespace
 
 SettingsOwner::SettingsOwner() : revision(firstRevision()) {}
@@ -115,12 +123,7 @@ const std::vector<std::string>* SettingsOwner::followedInterfaces() const {
 void SettingsOwner::timePassed(SecondsSince1970 now) {
     if (!preferences) return;
     auto changed = choices;
-    if (changed.trial && changed.trial->until <= now) {
-        auto before = Choices::read(changed.trial->before);
-        if (auto* found = std::get_if<std::optional<Choices>>(&before))
-            changed = found->value_or(Choices{});
-        changed.trial.reset();
-    }
+    if (changed.trial && changed.trial->until <= now) takeTrialBack(changed);
     changed.endTemporaryRules(now);
     if (changed == choices) return;
     remember(preferencesProblem, store(*preferences, std::move(changed)));
@@ -174,11 +177,16 @@ JSONObject SettingsOwner::undo(SecondsSince1970 now) {
         return failed({ExitCode::usage, "No earlier version of the settings is kept.", ""});
     auto found = Choices::read(*document);
     if (const auto* failure = std::get_if<Failure>(&found)) return failed(*failure);
+    auto restored = std::get<std::optional<Choices>>(std::move(found)).value_or(Choices{});
+    // A trial that was decided since does not begin again: it is what is taken back.
+    if (restored.trial && !choices.trial) {
+        takeTrialBack(restored);
+        restored.writeInto(*document);
+    }
     const auto replaced = PreferencesFile::put(*document);
     if (const auto* failure = failureOf(replaced)) return failed(*failure);
     PreferencesFile::forgetNewestVersion();
-    adopt(*std::move(document),
-          std::get<std::optional<Choices>>(std::move(found)).value_or(Choices{}));
+    adopt(*std::move(document), std::move(restored));
     preferencesProblem.clear();
     timePassed(now);
     putInForce();

@@ -293,6 +293,11 @@ TEST_F(RuleCommands, WhatIsTemporaryOrOnTrialEndsAlsoOverARestart) {
     ASSERT_EQ(runTool("try --for 1h rules set b direct").exitCode, 0);
     EXPECT_EQ(rules(), parsed(R"({"a":"vpn","b":"direct"})"));
     EXPECT_EQ(runTool("confirm").exitCode, 0);
+    // What is taken back is the whole of it: the trial does not begin again.
+    EXPECT_EQ(runTool("undo").exitCode, 0);
+    EXPECT_EQ(rules(), parsed(R"({"a":"vpn"})"));
+    EXPECT_EQ(contentOf(places::preferencesFile).find("trial"), std::string::npos);
+    ASSERT_EQ(runTool("rules set b direct").exitCode, 0);
     ASSERT_EQ(runTool("try --for 1s rules block b").exitCode, 0);
     EXPECT_EQ(under(storedInRulesFile(), "blockedApps"), parsed(R"(["b"])"));
     EXPECT_TRUE(
