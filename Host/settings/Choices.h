@@ -6,6 +6,7 @@
 //   "tunnel": {"isFollowed": true, "interfaces": ["wg0"]}
 //   "temporaryRules": [{"application": "curl", "until": 1790000000, "ruleBefore": "vpn", "wasBlocked": false}]
 //   "trial": {"until": 1790000000, "before": {... the document's keys before the trial ...}}
+//   "off": true
 #pragma once
 
 #include <cstdint>
@@ -53,6 +54,8 @@ struct Choices {
     TunnelChoice tunnel;
     std::vector<TemporaryRule> temporaryRules;
     std::optional<Trial> trial;
+    // Everything is as if no rule had ever been set, and stays so until it is switched on again.
+    bool isOff = false;
 
     // What the preferences document holds; no value if it holds no settings. A key of another type is a
     // failure that names it: it is not ours to replace.

@@ -35,6 +35,13 @@ JSONObject failed(const Failure& failure) {
 
 JSONArray list(const std::vector<std::string>& texts) { return {texts.begin(), texts.end()}; }
 
+// Every flow takes the system's own route.
+vantryhost::Settings settingsWithoutRules() {
+    vantryhost::Settings settings;
+    settings.directFallback = "allow";
+    return settings;
+}
+
 // No revision of an earlier run is one of this.
 std::uint64_t firstRevision() { return std::uint64_t{std::random_device{}()} << 20; }
 
@@ -207,7 +214,7 @@ JSONObject SettingsOwner::report() const {
 }
 
 vantryhost::Settings SettingsOwner::settingsInForce() const {
-    auto settings = choices.settings;
+    auto settings = choices.isOff ? settingsWithoutRules() : choices.settings;
     if (choices.tunnel.isFollowed && isTunnelKnown) settings.vpnConnected = tunnel.isUp();
     return settings;
 }

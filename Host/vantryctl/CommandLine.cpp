@@ -13,10 +13,16 @@
 #include "Host/vantryctl/Duration.h"
 #include "Host/vantryctl/IdentifyCommand.h"
 #include "Host/vantryctl/LogCommands.h"
+#include "Host/vantryctl/ReportCommand.h"
 #include "Host/vantryctl/RuleCommands.h"
+#include "Host/vantryctl/RunCommand.h"
+#include "Host/vantryctl/SessionsCommand.h"
 #include "Host/vantryctl/SettingsCommands.h"
+#include "Host/vantryctl/SetupCommand.h"
 #include "Host/vantryctl/Spelling.h"
 #include "Host/vantryctl/StatusCommand.h"
+#include "Host/vantryctl/TopCommand.h"
+#include "Host/vantryctl/VerifyCommand.h"
 #include "Host/vantryctl/WhyCommand.h"
 #include "Platform/Common/Version.h"
 
@@ -50,6 +56,12 @@ struct Request {
     std::vector<std::string> words;
     ImportOptions import;
     WhyOptions why;
+    RunOptions run;
+    VerifyOptions verify;
+    SetupOptions setup;
+    bool isPlain = false;
+    SessionsOptions sessions;
+    TopOptions top;
     Applications applications;
     std::string word;
     std::string subject;
@@ -61,6 +73,7 @@ public:
     Commands(CLI::App& toFill, const Console& toUse) : app(toFill), console(toUse) {
         addRules();
         addVPN();
+        addRun();
         addSettings();
         addViews();
         addMachine();
@@ -106,11 +119,14 @@ private:
     void addRules();
     void addFallbacks(CLI::App& rules);
     void addVPN();
+    void addRun();
     void addSettings();
     void addViews();
     void addWhy();
+    void addTraffic();
     void addLog();
     void addMachine();
+    void addSetup();
     void addCompletion();
 
     CLI::App& app;
@@ -176,6 +192,19 @@ void Commands::addVPN() {
         [this] { return setVPNState(false, console); });
 }
 
+void Commands::addRun() {
+    CLI::App& run = add(app, "run", "Run a command under a rule of its own", [this] {
+        request.run.time = request.time;
+        return runUnderRule(request.run, console);
+    });
+    run.add_flag("--direct", request.run.isDirect, "Directly over the physical interface (TCP)");
+    run.add_flag("--vpn", request.run.isOverVPN, "Over the VPN");
+    run.add_flag("--block", request.run.isBlocked, "Not at all");
+    takeTime(run, "The rule ends after this long: 90s, 30m, 2h");
+    run.add_option("COMMAND", request.run.words, "The command, after --")->type_name("");
+    run.positionals_at_end();
+}
+
 void Commands::addSettings() {
     CLI::App& attempt = add(
         app, "try", "Make a change that is taken back unless confirmed",
@@ -185,6 +214,9 @@ void Commands::addSettings() {
     attempt.parse_complete_callback([this, &attempt] { request.words = attempt.remaining(); });
     add(app, "confirm", "Keep the change that is on trial",
         [this] { return confirmTrial(console); });
+    add(app, "off", "Have traffic go as if there were no rules, also after a boot",
+        [this] { return switchRules(false, console); });
+    add(app, "on", "Have the rules hold again", [this] { return switchRules(true, console); });
     add(app, "undo", "Take the newest change back", [this] { return undo(console); });
     add(app, "export", "Print the settings as a document to keep",
         [this] { return exportSettings(console); });
@@ -212,6 +244,7 @@ void Commands::addViews() {
         ->required();
     takeJSON(identifyCommand);
     addWhy();
+    addTraffic();
     addLog();
     add(app, "clear", "Empty the log", [this] { return clearLog(console); });
     CLI::App& failures =
@@ -237,6 +270,23 @@ void Commands::addWhy() {
     takeJSON(why);
 }
 
+void Commands::addTraffic() {
+    CLI::App& top =
+        add(app, "top", "Watch which application sends how much, and which way", [this] {
+            request.top.asJSON = request.asJSON;
+            return showTop(request.top, console);
+        });
+    top.add_flag("-1,--once", request.top.isOnce, "A table of one second, without keys");
+    takeJSON(top);
+    CLI::App& sessions =
+        add(app, "sessions", "List the direct connections, with bytes and age", [this] {
+            request.sessions.asJSON = request.asJSON;
+            return showSessions(request.sessions, console);
+        });
+    sessions.add_flag("-a,--all", request.sessions.showsAll, "Also the latest ones that are over");
+    takeJSON(sessions);
+}
+
 void Commands::addLog() {
     CLI::App& log = add(app, "log", "Show which flows went where", [this] {
         request.log.asJSON = request.asJSON;
@@ -250,9 +300,35 @@ void Commands::addLog() {
 }
 
 void Commands::addMachine() {
+    CLI::App& verifying =
+        add(app, "verify", "See whether each flow leaves the way that its rule says", [this] {
+            request.verify.time = request.time.value_or(request.verify.time);
+            request.verify.asJSON = request.asJSON;
+            return verify(request.verify, console);
+        });
+    takeTime(verifying, "How long to look: 30s, 5m (30s)");
+    takeJSON(verifying);
     takeJSON(add(app, "check", "Say what the machine lacks that the daemon needs",
                  [this] { return checkMachine(request.asJSON, console); }));
+    add(app, "report", "Print all that somebody who helps needs to know, without names", [this] {
+        return printReport(request.isPlain, console);
+    }).add_flag("--plain", request.isPlain, "With the names of applications and addresses");
+    addSetup();
     addCompletion();
+}
+
+void Commands::addSetup() {
+    CLI::App& setup = add(app, "setup", "Be led through the first settings",
+                          [this] { return setUp(request.setup, console); });
+    setup
+        .add_option("--default", request.setup.defaultRoute, "Where applications go: vpn or direct")
+        ->check(CLI::IsMember({"vpn", "direct"}))
+        ->type_name("");
+    setup.add_option("--except", request.setup.exceptions, "Applications that go the other way")
+        ->type_name("");
+    setup.add_option("--fallback", request.setup.fallback, "While the VPN is down: allow or block")
+        ->check(CLI::IsMember({"allow", "block"}))
+        ->type_name("");
 }
 
 // For shells; a group without a name is left out of the help.

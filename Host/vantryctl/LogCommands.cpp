@@ -17,6 +17,7 @@
 #include "Host/settings/Settings.h"
 #include "Host/vantryctl/ActivityLog.h"
 #include "Host/vantryctl/Daemon.h"
+#include "Host/vantryctl/SessionsCommand.h"
 #include "Host/vantryctl/SettingsClient.h"
 #include "Platform/Linux/HostChannel/FolderWatch.h"
 
@@ -100,11 +101,21 @@ Table logTable() {
     return Table({{"TIME"}, {"APPLICATION", true}, {"WENT"}, {"BY"}, {"OVER"}, {"TO", true}});
 }
 
-std::vector<std::string> logRow(const ActivityLogEntryIPC& entry, Date now,
-                                const Settings* settings) {
-    return {localTime(entry.timestamp, now),  entry.bundleId,
-            entry.actualRoute.value_or("?"),  decidedBy(entry, settings),
-            entry.protocolType.value_or("?"), destinationOf(entry)};
+// What the rows of a log are read with, looked at once.
+struct Context {
+    Date now = Date::now();
+    std::shared_ptr<const Settings> settings = settingsIfReadable();
+    FailedSessions failed;
+};
+
+std::vector<std::string> logRow(const ActivityLogEntryIPC& entry, const Context& context) {
+    const auto route = entry.actualRoute.value_or("?");
+    return {localTime(entry.timestamp, context.now),
+            entry.bundleId,
+            context.failed.includes(entry) ? "failed" : route,
+            decidedBy(entry, context.settings.get()),
+            entry.protocolType.value_or("?"),
+            destinationOf(entry)};
 }
 
 // The columns of a table that grows line by line, whose texts are not known yet.
@@ -122,15 +133,14 @@ std::vector<std::size_t> growingWidths(std::size_t width) {
 void printEntries(const std::vector<ActivityLogEntryIPC>& log, const LogOptions& options,
                   const Console& console) {
     auto table = logTable();
-    const auto settings = settingsIfReadable();
+    const Context context;
     const auto widths = growingWidths(console.width);
-    const auto now = Date::now();
     for (const auto& entry : log) {
         if (options.asJSON) {
             console.out << entry.encode().value_or("") << '\n';
             continue;
         }
-        auto row = logRow(entry, now, settings.get());
+        auto row = logRow(entry, context);
         std::ranges::transform(row, row.begin(), [](const auto& cell) { return printable(cell); });
         console.out << table.rowText(row,
                                      console.isTerminal() ? widths : table.wideEnough(row, widths));
@@ -149,9 +159,8 @@ ExitCode printLog(const std::vector<ActivityLogEntryIPC>& log, const LogOptions&
         return ExitCode::done;
     }
     auto table = logTable();
-    const auto settings = settingsIfReadable();
-    const auto now = Date::now();
-    for (const auto& entry : log) table.add(logRow(entry, now, settings.get()));
+    const Context context;
+    for (const auto& entry : log) table.add(logRow(entry, context));
     console.out << table.text(console.width);
     return ExitCode::done;
 }

@@ -56,6 +56,8 @@ struct OtherChains {
     std::set<std::string> atOutput;
     std::set<std::string> redirecting;
     std::set<std::string> untracking;
+    std::set<std::string> denying;
+    std::set<std::string> guardingTunnel;  // against answers that come in elsewhere
 };
 
 bool holdsAnyOf(const std::vector<std::string>& words, std::initializer_list<const char*> wanted) {
@@ -72,11 +74,15 @@ OtherChains otherChainsIn(const std::string& rules) {
         std::istringstream text(line);
         const std::vector<std::string> words{std::istream_iterator<std::string>(text), {}};
         if (words.size() > 2 && words[0] == "table") table = words[1] + " " + words[2];
-        if (words.size() > 1 && words[0] == "chain")
-            chain = table + " " + words[1];
-        else if (line.find(" hook output ") != std::string::npos)
-            chains.atOutput.insert(chain);
-        else if (holdsAnyOf(words, {"redirect", "dnat", "\"REDIRECT\"", "\"DNAT\""}))
+        if (words.size() > 1 && words[0] == "chain") chain = table + " " + words[1];
+        if (line.find(" hook output ") != std::string::npos) chains.atOutput.insert(chain);
+        if (line.find("policy drop") != std::string::npos ||
+            holdsAnyOf(words, {"drop", "reject", "\"DROP\"", "\"REJECT\""}))
+            chains.denying.insert(chain);
+        if (line.find("fib saddr type") != std::string::npos && holdsAnyOf(words, {"drop"}))
+            chains.guardingTunnel.insert(chain);
+        if (line.find(" hook ") != std::string::npos) continue;
+        if (holdsAnyOf(words, {"redirect", "dnat", "\"REDIRECT\"", "\"DNAT\""}))
             chains.redirecting.insert(chain);
         else if (holdsAnyOf(words, {"notrack", "\"NOTRACK\""}))
             chains.untracking.insert(chain);
@@ -177,6 +183,22 @@ Findings findingsInRules(const std::string& rulesOfOthers) {
         findings.push_back(
             {"tracking", Verdict::warning, "flows go untracked by " + untracking,
              "Untracked flows are not seen by the daemon: take the notrack rules away."});
+    const auto denying = atOutput(chains, chains.denying);
+    if (denying.empty())
+        findings.push_back({"firewall", Verdict::good, "nothing denies what is sent", ""});
+    else
+        findings.push_back(
+            {"firewall", Verdict::warning,
+             "what is sent may be denied by " + denying +
+                 ": a firewall that denies, or a VPN's kill switch",
+             "What direct applications send by the physical interface has to be allowed there."});
+    if (!chains.guardingTunnel.empty())
+        findings.push_back(
+            {"rules of a VPN", Verdict::warning,
+             fmt::format("{} drops what comes to the tunnel's address by another interface",
+                         fmt::join(chains.guardingTunnel, ", ")),
+             "If direct connections stay \"connecting\" in vantryctl sessions, their answers end "
+             "here."});
     return findings;
 }
 

@@ -198,6 +198,11 @@ private:
 
 }  // namespace
 
+std::string fileOfProgram(const std::string& word) {
+    auto file = programCalled(word);
+    return file.empty() ? word : file;
+}
+
 std::vector<std::string> partsUnderOtherNames(const std::string& identifier) {
     std::vector<std::string> names;
     for (const auto& program : programsWithParts)

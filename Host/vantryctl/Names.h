@@ -25,6 +25,9 @@ Outcome<NamedApplications> applicationsNamed(const std::vector<std::string>& wor
 Outcome<NamedApplications> applicationsWithRules(const std::vector<std::string>& words,
                                                  const Settings& settings);
 
+// The file that a shell would run for this word; the word itself where it is a path, or none is found.
+std::string fileOfProgram(const std::string& word);
+
 // What else makes an application's connections, under names of its own; empty for most.
 std::vector<std::string> partsUnderOtherNames(const std::string& identifier);
 

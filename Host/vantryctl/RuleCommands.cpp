@@ -167,6 +167,8 @@ ExitCode showRules(bool asJSON, const Console& console) {
         console.out << documentOfSettings(settings);
         return ExitCode::done;
     }
+    if (stored.choices.isOff)
+        say(console, "All of this is switched off, and holds again after: vantryctl on");
     console.out << ruleTable(settings).text(console.width) << temporaryText(stored.choices) << '\n'
                 << wrapped(printable(tunnelText(stored)), 0, console.width)
                 << wrapped("When it is down, " + vpnDownText(settings) + ".", 0, console.width)

@@ -119,6 +119,8 @@ void putOnTrial(const Choices& before, Choices& after) {
 void noteSilentDaemon(const Answer& answer, std::vector<std::string>& notes) {
     if (!answer.stored.isDaemonListening)
         notes.emplace_back("The daemon is not running; it reads the settings when it starts.");
+    if (answer.stored.choices.isOff)
+        notes.emplace_back("All rules are switched off; they hold again after vantryctl on.");
     for (const auto& problem : answer.stored.problems) notes.push_back(problem);
 }
 

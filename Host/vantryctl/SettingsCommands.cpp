@@ -129,6 +129,15 @@ ExitCode confirmTrial(const Console& console) {
     return finish(change, console, "It is kept.", "Nothing is on trial.");
 }
 
+ExitCode switchRules(bool areOn, const Console& console) {
+    const auto change = changeSettings(
+        [&](Choices& choices) { return std::exchange(choices.isOff, !areOn) == areOn; });
+    return finish(change, console,
+                  areOn ? "The rules hold again."
+                        : "Traffic goes as if there were no rules, also after the next boot.",
+                  "Nothing to change.");
+}
+
 ExitCode undo(const Console& console) {
     const auto outcome = undoChange();
     const auto status = finish(outcome, console, "The newest change is taken back:",

@@ -18,6 +18,8 @@ ExitCode tryCommand(const std::vector<std::string>& arguments, std::chrono::seco
 // Keeps what is on trial.
 ExitCode confirmTrial(const Console& console);
 // Takes the newest change back.
+// Has traffic go as if there were no rules, or by the rules again; kept until it is said otherwise.
+ExitCode switchRules(bool areOn, const Console& console);
 ExitCode undo(const Console& console);
 
 // Prints the settings as a document that `importSettings` takes, and that stays the same while they do.

@@ -68,6 +68,10 @@ std::string healthBlock(const std::vector<HealthItem>& items) {
 std::vector<std::string> problemsOf(const StoredSettings& stored,
                                     const Outcome<std::vector<HealthItem>>& health) {
     auto problems = stored.problems;
+    if (stored.choices.isOff)
+        problems.insert(
+            problems.begin(),
+            "All rules are switched off (vantryctl off). They hold again after: vantryctl on");
     if (const auto* items = std::get_if<std::vector<HealthItem>>(&health))
         for (const auto& item : *items)
             if (const auto* text = item.value.as<std::string>(); item.isProblem && text)

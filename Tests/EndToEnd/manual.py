@@ -73,7 +73,7 @@ def _completion(stage) -> None:
     script = world.PROJECT / "packaging" / "completions" / "vantryctl.bash"
     for line, offered in ((("rules", "remove", ""), ["/opt/some\\ thing/run", "org.example.mail"]),
                           (("rules", "unblock", "org"), ["org.example.tracker"]),
-                          (("rules", "set", "org.example.m"), ["org.example.mail"]), (("ru",), ["rules"])):
+                          (("rules", "set", "org.example.m"), ["org.example.mail"]), (("rul",), ["rules"])):
         result = subprocess.run(["bash", "-c", BASH, "bash", str(script), "vantryctl", *line], text=True,
                                 capture_output=True, env={"PATH": f"{world.BUILD}:/usr/bin:/bin"})
         stage.checks.equal(f"bash completes {line}", result.stdout.splitlines(), offered)

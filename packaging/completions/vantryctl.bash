@@ -18,7 +18,7 @@ _vantryctl() {
     COMPREPLY=()
     local offer=""
     case "${words[*]}" in
-        "") offer="rules vpn status reload apps identify why log clear failures check try confirm undo export import --help --version" ;;
+        "") offer="rules vpn run status reload apps identify why top sessions log clear failures check verify setup report try confirm off on undo export import --help --version" ;;
         rules) offer="show set remove default block unblock fallback --json --help" ;;
         "rules set" | "rules block") _vantryctl_names seen "$current" ;;
         "rules set "*) offer="vpn direct"; _vantryctl_names seen "$current" ;;
@@ -29,9 +29,15 @@ _vantryctl() {
         "rules fallback") offer="vpn direct" ;;
         "rules fallback "*) offer="allow block" ;;
         "rules show" | status | apps | check) offer="--json --help" ;;
+        run) offer="--direct --vpn --block --for --help"; compopt -o default ;;
+        verify) offer="--for --json --help" ;;
+        setup) offer="--default --except --fallback --help" ;;
+        report) offer="--plain --help" ;;
         vpn) offer="follow up down" ;;
         why) offer="--last --udp --json --help"; _vantryctl_names seen "$current"; compopt -o default ;;
         identify*) offer="--json --help"; compopt -o default ;;
+        top) offer="--once --json --help" ;;
+        sessions) offer="--all --json --help" ;;
         log*" -a" | log*" --app") _vantryctl_names seen "$current" ;;
         log*) offer="--follow --lines --app --json --help" ;;
         failures) offer="--clear --json --help" ;;

@@ -69,7 +69,7 @@ struct DropEventLoop {
 // for the preferences, the sleep signal and the service manager's watchdog.
 class HostChannel::Running {
 public:
-    Running(std::shared_ptr<NETransparentProxyProvider> toServe, ExplainFlow explainFlow,
+    Running(std::shared_ptr<NETransparentProxyProvider> toServe, Questions::Sources sources,
             IsAlive isAlive);
     ~Running();
     Running(const Running&) = delete;
@@ -99,11 +99,11 @@ private:
 };
 
 HostChannel::Running::Running(std::shared_ptr<NETransparentProxyProvider> toServe,
-                              ExplainFlow explainFlow, IsAlive alive)
+                              Questions::Sources sources, IsAlive alive)
     : provider(std::move(toServe)),
       isAlive(std::move(alive)),
       messages(places::messageSocket, makeRuntimeFolder, messageHandler(), {}),
-      questions(std::move(explainFlow)),
+      questions(std::move(sources)),
       follower([this] { follow(); }) {}
 
 HostChannel::Running::~Running() {
@@ -191,9 +191,9 @@ HostChannel::HostChannel() {
 HostChannel::~HostChannel() { stop(); }
 
 void HostChannel::start(std::shared_ptr<NETransparentProxyProvider> provider,
-                        ExplainFlow explainFlow, IsAlive isAlive) {
+                        Questions::Sources sources, IsAlive isAlive) {
     running =
-        std::make_unique<Running>(std::move(provider), std::move(explainFlow), std::move(isAlive));
+        std::make_unique<Running>(std::move(provider), std::move(sources), std::move(isAlive));
 }
 
 void HostChannel::sayReady() { tellServiceManager("READY=1"); }

@@ -35,7 +35,7 @@ public:
     // threads of its own, answers questions, and gives the service manager the signs of life that it asks
     // for, as long as `isAlive` says so. Holds the provider until `stop`. Called once.
     using IsAlive = std::function<bool()>;
-    void start(std::shared_ptr<NETransparentProxyProvider> provider, ExplainFlow explainFlow,
+    void start(std::shared_ptr<NETransparentProxyProvider> provider, Questions::Sources sources,
                IsAlive isAlive);
 
     // Tells the service manager that the daemon is ready.

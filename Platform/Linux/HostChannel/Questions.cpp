@@ -1,11 +1,20 @@
 #include "Platform/Linux/HostChannel/Questions.h"
 
+#include <arpa/inet.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <filesystem>
+#include <map>
+#include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
-#include "Platform/Linux/Attribution/FlowOwner.h"
 #include "Platform/Linux/Attribution/PathText.h"
 #include "Platform/Linux/Attribution/ProcessTable.h"
+#include "Platform/Linux/Attribution/SocketAccounts.h"
+#include "Platform/Linux/DirectSessions.h"
 #include "Platform/Linux/HostChannel/FixedPlaces.h"
 #include "Platform/Linux/HostChannel/SharedFolder.h"
 
@@ -66,10 +75,104 @@ JSONArray ancestorsOf(const Process& process) {
     return ancestors;
 }
 
+std::string hostOf(const FlowTuple& flow) {
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    inet_ntop(flow.family, flow.destinationAddress.data(), text.data(), text.size());
+    return text.data();
+}
+
+const char* wordFor(DirectSession::Phase phase) {
+    switch (phase) {
+        case DirectSession::Phase::begun:
+            return "begun";
+        case DirectSession::Phase::open:
+            return "open";
+        case DirectSession::Phase::ended:
+            return "ended";
+        case DirectSession::Phase::failed:
+            break;
+    }
+    return "failed";
+}
+
+bool isLiving(const DirectSession& session) {
+    return session.phase == DirectSession::Phase::begun ||
+           session.phase == DirectSession::Phase::open;
+}
+
+// The two ends of a connection, which no other one has at the same time.
+std::string keyOf(const FlowTuple& flow) {
+    std::string key(flow.sourceAddress.begin(), flow.sourceAddress.end());
+    key.append(flow.destinationAddress.begin(), flow.destinationAddress.end());
+    for (const int number : {int{flow.sourcePort}, int{flow.destinationPort}, flow.family})
+        key += ":" + std::to_string(number);
+    return key;
+}
+
+JSONObject documentOf(const DirectSession& session) {
+    return {{"identifier", session.identifier},
+            {"host", hostOf(session.flow)},
+            {"port", std::int64_t{session.flow.destinationPort}},
+            {"begun", session.begun.secondsSince1970()},
+            {"phase", wordFor(session.phase)},
+            {"error", session.error}};
+}
+
+// A flow by its two ends; no value where they are no addresses.
+std::optional<FlowTuple> flowIn(const JSONObject& question) {
+    FlowTuple flow{.protocol = textUnder(question, "protocol") == "udp" ? IPPROTO_UDP : IPPROTO_TCP,
+                   .sourcePort = static_cast<std::uint16_t>(numberUnder(question, "sourcePort")),
+                   .destinationPort = static_cast<std::uint16_t>(numberUnder(question, "port")),
+                   .outputInterface = static_cast<unsigned>(numberUnder(question, "interface"))};
+    const auto source = textUnder(question, "source"), host = textUnder(question, "host");
+    flow.family = host.find(':') == std::string::npos ? AF_INET : AF_INET6;
+    const bool isWhole = inet_pton(flow.family, source.c_str(), flow.sourceAddress.data()) == 1 &&
+                         inet_pton(flow.family, host.c_str(), flow.destinationAddress.data()) == 1;
+    return isWhole ? std::optional(flow) : std::nullopt;
+}
+
+bool goToTheSamePlace(const FlowTuple& one, const FlowTuple& other) {
+    return one.family == other.family && one.destinationAddress == other.destinationAddress &&
+           one.destinationPort == other.destinationPort;
+}
+
+// The direct connection that a TCP flow on the wire is: it has the application's port, or is the second
+// half of a relayed one, which is this process's own.
+std::optional<DirectSession> sessionOf(const FlowTuple& flow, bool isOwn) {
+    if (flow.protocol != IPPROTO_TCP) return std::nullopt;
+    std::optional<DirectSession> latest;
+    for (auto& session : DirectSessions::shared().list())
+        if (goToTheSamePlace(session.flow, flow) &&
+            (isOwn || session.flow.sourcePort == flow.sourcePort) &&
+            (!latest || session.begun > latest->begun))
+            latest = std::move(session);
+    return latest;
+}
+
+// The inodes of the sockets that this process holds: a relayed connection has two of them.
+std::set<std::uint32_t> ownSockets() {
+    std::set<std::uint32_t> inodes;
+    std::error_code none;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", none)) {
+        struct stat status {};
+        if (::stat(entry.path().c_str(), &status) == 0 && S_ISSOCK(status.st_mode))
+            inodes.insert(static_cast<std::uint32_t>(status.st_ino));
+    }
+    return inodes;
+}
+
+// What other processes than this one have open.
+std::vector<SocketAccount> socketsOfOthers() {
+    auto accounts = connectedSockets().value_or(std::vector<SocketAccount>{});
+    const auto own = ownSockets();
+    std::erase_if(accounts, [&](const auto& account) { return own.contains(account.inode); });
+    return accounts;
+}
+
 }  // namespace
 
-Questions::Questions(ExplainFlow explainFlow)
-    : explain(std::move(explainFlow)),
+Questions::Questions(Sources answersFrom)
+    : sources(std::move(answersFrom)),
       socket(
           places::questionSocket,
           [] { return prepareSharedFolder(places::runtimeFolder, FolderAccess::everyoneMayRead); },
@@ -91,6 +194,9 @@ std::optional<Data> Questions::reply(const Data& request) const {
 JSONObject Questions::answer(const JSONObject& question) const {
     const auto kind = textUnder(question, "question");
     if (kind == "why") return why(question);
+    if (kind == "sessions") return sessions();
+    if (kind == "applications") return applications();
+    if (kind == "owner") return owner(question);
     return errorWith("This daemon does not know the question \"" + kind +
                      "\". Restart it after an upgrade: systemctl restart vantryd");
 }
@@ -108,8 +214,80 @@ JSONObject Questions::why(const JSONObject& question) const {
         answer["ancestors"] = ancestorsOf(*process);
         asked.metaData = metaDataOf(ownerOfProcess(*process));
     }
-    answer["explanation"] = explain(asked);
+    answer["explanation"] = sources.explain(asked);
     return answer;
+}
+
+JSONObject Questions::sessions() const {
+    std::map<std::string, SocketAccount> accounts;
+    for (const auto& account : socketsOfOthers()) accounts.emplace(keyOf(account.flow), account);
+    JSONArray list;
+    for (const auto& session : DirectSessions::shared().list()) {
+        auto document = documentOf(session);
+        const auto found = accounts.find(keyOf(session.flow));
+        if (isLiving(session) && found != accounts.end()) {
+            document["sent"] = static_cast<std::int64_t>(found->second.bytesSent);
+            document["received"] = static_cast<std::int64_t>(found->second.bytesReceived);
+            if (const auto owner = sources.ownerOf(session.flow))
+                document["pid"] = std::int64_t{owner->pid};
+        }
+        list.emplace_back(std::move(document));
+    }
+    return {{"sessions", std::move(list)}};
+}
+
+JSONObject Questions::owner(const JSONObject& question) const {
+    const auto flow = flowIn(question);
+    if (!flow) return errorWith("A flow has two addresses.");
+    const auto owner = sources.ownerOf(*flow);
+    const bool isUnnamed = !owner || owner->signingIdentifier.empty();
+    if (const auto session = sessionOf(*flow, isUnnamed))
+        return {{"identifier", session->identifier}, {"route", "direct"}};
+    if (isUnnamed) return {};
+    const auto explanation =
+        sources.explain({.metaData = metaDataOf(*owner),
+                         .remote = {hostOf(*flow), std::to_string(flow->destinationPort)},
+                         .isDatagram = flow->protocol == IPPROTO_UDP});
+    return {{"identifier", owner->signingIdentifier}, {"route", textUnder(explanation, "route")}};
+}
+
+// By the name that the rules know each by, so that helpers count as their application.
+JSONObject Questions::applications() const {
+    std::set<std::string> direct;
+    for (const auto& session : DirectSessions::shared().list())
+        if (isLiving(session)) direct.insert(keyOf(session.flow));
+    std::map<std::string, JSONObject> explanations;  // by signing identifier
+    std::map<std::string, JSONObject> applications;
+    std::map<std::string, JSONArray> connections;
+    for (const auto& account : socketsOfOthers()) {
+        const auto owner = sources.ownerOf(account.flow).value_or(FlowOwner{});
+        auto [known, isNew] = explanations.try_emplace(owner.signingIdentifier);
+        if (isNew && !owner.signingIdentifier.empty())
+            known->second = sources.explain(
+                {.metaData = metaDataOf(owner),
+                 .remote = {hostOf(account.flow), std::to_string(account.flow.destinationPort)}});
+        const auto& explanation = known->second;
+        auto name = textUnder(explanation, "knownAs");
+        if (name.empty()) name = owner.signingIdentifier;
+        applications.try_emplace(name,
+                                 JSONObject{{"identifier", name},
+                                            {"route", textUnder(explanation, "route")},
+                                            {"decidedBy", textUnder(explanation, "decidedBy")}});
+        connections[name].emplace_back(
+            JSONObject{{"id", std::to_string(account.cookie)},
+                       {"pid", std::int64_t{owner.pid}},
+                       {"host", hostOf(account.flow)},
+                       {"port", std::int64_t{account.flow.destinationPort}},
+                       {"sent", static_cast<std::int64_t>(account.bytesSent)},
+                       {"received", static_cast<std::int64_t>(account.bytesReceived)},
+                       {"isDirect", direct.contains(keyOf(account.flow))}});
+    }
+    JSONArray list;
+    for (auto& [name, application] : applications) {
+        application["connections"] = std::move(connections[name]);
+        list.emplace_back(std::move(application));
+    }
+    return {{"applications", std::move(list)}};
 }
 
 }  // namespace platform

@@ -6,33 +6,54 @@
 //   {"question": "why", "identifier": "org.example.mail", ...}     a program of it that runs on its own
 //   -> {"process": {...}, "ancestors": [{...}, ...], "explanation": {... see Extension/FlowExplanation.h ...}}
 //
+//   {"question": "sessions"}
+//   -> {"sessions": [{"identifier", "pid", "host", "port", "begun", "phase", "error", "sent", "received"}, ...]}
+//   {"question": "applications"}
+//   -> {"applications": [{"identifier", "route", "decidedBy", "connections": [...]}, ...]}
+//
+//   {"question": "owner", "protocol", "source", "sourcePort", "host", "port", "interface"}
+//   -> {"identifier", "route"}: of a flow that was just seen to leave; empty where no one can be named
+//
+// A session is a direct connection, its phase "begun", "open", "ended" or "failed"; only living ones have
+// bytes. A connection is one of TCP that is open or opening, as "id", "pid", "host", "port", "sent", "received"
+// and "isDirect". Programs of the system are one application without an identifier.
+//
 // A process is told as "pid", "account", "executable", "identifier", "kind" ("bundle", "installed",
 // "desktop", "part" or "program") and "isTerminal"; ancestors are the real ones, the nearest first.
 #pragma once
 
 #include <functional>
+#include <optional>
 
+#include "Platform/Linux/Attribution/FlowOwner.h"
 #include "Platform/Linux/HostChannel/MessageSocket.h"
 #include "Platform/NEProvider.h"
 
 namespace platform {
 
-// What the providers would decide about such a flow. Any thread.
-using ExplainFlow = std::function<JSONObject(const FlowQuestion&)>;
-
 class Questions {
 public:
+    // What the answers come from. Called on any thread.
+    struct Sources {
+        // What the providers would decide about such a flow.
+        std::function<JSONObject(const FlowQuestion&)> explain;
+        std::function<std::optional<FlowOwner>(const FlowTuple&)> ownerOf;
+    };
+
     // Answers from here to the destructor, on a thread of its own.
-    explicit Questions(ExplainFlow explainFlow);
+    explicit Questions(Sources answersFrom);
 
     // The answer to one question. Any thread.
     JSONObject answer(const JSONObject& question) const;
 
 private:
     JSONObject why(const JSONObject& question) const;
+    JSONObject sessions() const;
+    JSONObject applications() const;
+    JSONObject owner(const JSONObject& question) const;
     std::optional<Data> reply(const Data& request) const;
 
-    const ExplainFlow explain;
+    const Sources sources;
     MessageSocket socket;
 };
 

@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include "Platform/Linux/DirectSessions.h"
 #include "Platform/Linux/Interception/NetworkRules.h"
 #include "Platform/Linux/Relay/SocketFlow.h"
 #include "Platform/Linux/SystemError.h"
@@ -300,6 +301,7 @@ std::unique_ptr<FlowDecisions::Claim> FlowDecisions::offerToProxy(const HeldPack
             std::make_shared<NEAppProxyUDPFlow>(source.metaData, source.remote));
         return nullptr;
     }
+    const DirectSessions::Offer underWay(source.metaData.sourceAppSigningIdentifier, packet.flow);
     const auto carrier = steering();
     return carrier ? offerToSteer(*carrier, packet, source) : offerToRelay(packet, source);
 }

@@ -56,6 +56,9 @@ public:
 
     PacketVerdict verdictOn(const HeldPacket& packet);
 
+    // Whose socket it is. For questions, not on a packet's way.
+    std::optional<FlowOwner> ownerOf(const FlowTuple& flow) { return attribution.ownerOf(flow); }
+
     // Forgets what is over. To be called every few seconds.
     void keepHouse();
 

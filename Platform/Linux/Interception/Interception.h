@@ -61,6 +61,9 @@ public:
     // What is asked about between the two calls is asked again later.
     void setRulesChanging(bool areChanging) { decisions.setRulesChanging(areChanging); }
 
+    // Whose socket it is. For questions, not on a packet's way.
+    std::optional<FlowOwner> ownerOf(const FlowTuple& flow) { return decisions.ownerOf(flow); }
+
     // Waits until the applications of all claimed flows have been told of their end, or for so long:
     // without our rules nothing more would reach them.
     void awaitEndsOfClaimed(std::chrono::milliseconds longest) {

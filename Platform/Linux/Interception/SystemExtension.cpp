@@ -110,6 +110,19 @@ void allowAsManyDescriptorsAsPermitted() {
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+// What the host application's questions need of others.
+Questions::Sources answersFrom(const Providers& providers) {
+    return {.explain =
+                [providers](const FlowQuestion& question) {
+                    return registeredProviders.explain(*providers.proxy, *providers.filter,
+                                                       question);
+                },
+            .ownerOf = [](const FlowTuple& flow) -> std::optional<FlowOwner> {
+                const auto interception = RunningInterception::get();
+                return interception ? interception->ownerOf(flow) : std::nullopt;
+            }};
+}
+
 // Waits until flows are decided, and says so; then for the signal to end. The status to end with: a start
 // that cannot succeed ends at once.
 int serve(const Interception& interception, HostChannel& channel) {
@@ -148,12 +161,8 @@ void runExtension() {
     RunningInterception::set(interception);
     startFilter(providers);
     startProxy(providers);
-    channel.start(
-        providers.proxy,
-        [providers](const FlowQuestion& question) {
-            return registeredProviders.explain(*providers.proxy, *providers.filter, question);
-        },
-        [interception] { return interception->areVerdictsMoving(); });
+    channel.start(providers.proxy, answersFrom(providers),
+                  [interception] { return interception->areVerdictsMoving(); });
     const int status = serve(*interception, channel);
 
     endInAnyCase(status);

@@ -1,4 +1,5 @@
 #include "Platform/Linux/Network/Connection.h"
+#include "Platform/Linux/DirectSessions.h"
 
 #include <net/if.h>
 #include <netdb.h>
@@ -444,6 +445,7 @@ NWConnection::NWConnection(NWEndpoint::Host host, NWEndpoint::Port port, NWParam
 NWConnection::~NWConnection() { implementation->letGo(); }
 
 void NWConnection::setStateUpdateHandler(std::function<void(const State&)> handler) {
+    handler = DirectSessions::following(std::move(handler));
     implementation->setStateHandler(std::move(handler));
 }
 

@@ -10,13 +10,17 @@ TEST(MachineCheckTest, RulesOfOthersAreFoundWhereTheyMatter) {
         std::string hook, rule;
         const char* verdicts;
     } cases[] = {
-        {"output", "tcp dport 80 redirect to :3128", "-+"},
-        {"output", "ip daddr 192.0.2.9 dnat to 192.0.2.1", "-+"},
-        {"output", "meta l4proto tcp counter xt target \"REDIRECT\"", "-+"},
-        {"output", "udp dport 53 notrack", "+-"},
-        {"output", "tcp dport 80 accept", "++"},
-        {"prerouting", "tcp dport 80 redirect to :3128", "++"},
-        {"prerouting", "notrack", "++"},
+        {"output", "tcp dport 80 redirect to :3128", "-++"},
+        {"output", "ip daddr 192.0.2.9 dnat to 192.0.2.1", "-++"},
+        {"output", "meta l4proto tcp counter xt target \"REDIRECT\"", "-++"},
+        {"output", "udp dport 53 notrack", "+-+"},
+        {"output", "tcp dport 80 accept", "+++"},
+        {"prerouting", "tcp dport 80 redirect to :3128", "+++"},
+        {"prerouting", "notrack", "+++"},
+        {"output", "oifname != \"wg0\" reject with icmpx admin-prohibited", "++-"},
+        {"output", "counter xt target \"DROP\"", "++-"},
+        {"input", "drop", "+++"},
+        {"prerouting", "iifname != \"wg0\" ip daddr 10.0.0.2 fib saddr type != local drop", "+++-"},
     };
     for (const auto& [hook, rule, verdicts] : cases) {
         std::string found;

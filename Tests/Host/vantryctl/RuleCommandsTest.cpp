@@ -8,6 +8,7 @@
 #include "Host/settings/Places.h"
 #include "Host/vantry-settings/SettingsService.h"
 #include "Host/vantryctl/CommandLine.h"
+#include "Host/vantryctl/ReportCommand.h"
 #include "Platform/Common/JSON.h"
 #include "Tests/Platform/Linux/HostChannel/PrivateMachine.h"
 
@@ -303,6 +304,38 @@ TEST_F(RuleCommands, WhatIsTemporaryOrOnTrialEndsAlsoOverARestart) {
     EXPECT_TRUE(
         eventually([] { return under(storedInRulesFile(), "blockedApps") == parsed("[]"); }));
     EXPECT_EQ(rules(), parsed(R"({"a":"vpn","b":"direct"})"));
+}
+
+TEST_F(RuleCommands, SwitchedOffTheRulesAreKeptButDoNotHold) {
+    ASSERT_EQ(runTool("rules set a direct").exitCode, 0);
+    ASSERT_EQ(runTool("rules fallback vpn block").exitCode, 0);
+    const auto before = storedInRulesFile();
+    ASSERT_EQ(runTool("off").exitCode, 0);
+    stopService();
+    startService();
+    EXPECT_EQ(under(storedInRulesFile(), "rules"), parsed("{}"));
+    EXPECT_EQ(under(storedInRulesFile(), "vpnFallback"), parsed(R"("allow")"));
+    EXPECT_NE(runTool("rules").out.find("switched off"), std::string::npos);
+    ASSERT_EQ(runTool("on").exitCode, 0);
+    EXPECT_EQ(storedInRulesFile(), before);
+}
+
+TEST_F(RuleCommands, SetupAsksNothingWhereAllIsSaidAndAReportNamesNoOne) {
+    const auto asked = runTool("setup --default vpn");
+    EXPECT_EQ(asked.exitCode, 2);
+    EXPECT_NE(asked.err.find("--fallback"), std::string::npos) << asked.err;
+    EXPECT_EQ(runTool("setup --default direct --except org.secret.mail --fallback block").exitCode,
+              0);
+    EXPECT_EQ(under(storedInRulesFile(), "rules"), parsed(R"({"org.secret.mail":"vpn"})"));
+    EXPECT_EQ(under(storedInRulesFile(), "vpnFallback"), parsed(R"("block")"));
+    const auto report = runTool("report");
+    EXPECT_EQ(report.out.find("secret"), std::string::npos) << report.out;
+    EXPECT_NE(report.out.find("(application 1)"), std::string::npos) << report.out;
+    EXPECT_NE(runTool("report --plain").out.find("secret"), std::string::npos);
+    Redaction redaction({"curl"});
+    EXPECT_EQ(
+        redaction.of("curl to [2001:db8::1]:443, 203.0.113.7:80, 203.0.113.7; curly 12:30:45"),
+        "(application 1) to [(address 1)]:443, (address 2):80, (address 2); curly 12:30:45");
 }
 
 TEST_F(RuleCommands, SettingsTravelAsADocument) {

@@ -1,0 +1,21 @@
+// Leads through the first settings: looks at the machine, names the tunnel that it found, asks what is to go which
+// way, puts that in force, and says the way back. With all answers given as options it asks nothing.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "Host/vantryctl/Console.h"
+#include "Host/vantryctl/Outcome.h"
+
+namespace vantryctl {
+
+struct SetupOptions {
+    std::string defaultRoute;             // "vpn" or "direct"; empty: to be asked
+    std::vector<std::string> exceptions;  // the applications that go the other way
+    std::string fallback;                 // "allow" or "block"; empty: to be asked
+};
+
+ExitCode setUp(const SetupOptions& options, const Console& console);
+
+}  // namespace vantryctl
