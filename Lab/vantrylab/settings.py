@@ -1,6 +1,7 @@
 """The settings service of the world: the host application's part on every machine of a user's."""
 
 import contextlib
+import os
 import pathlib
 import socket
 import subprocess
@@ -8,13 +9,15 @@ import subprocess
 from . import network, world
 
 PROGRAM = world.BUILD / "vantry-settings"
+FAULTY_FILES = world.BUILD / "Lab" / "libfaulty-files.so"
 SOCKET = pathlib.Path("/run/org.quillmere.Vantry/settings.sock")
 
 
-def start() -> subprocess.Popen:
-    """Starts it and returns once it answers."""
+def start(fault: pathlib.Path | None = None) -> subprocess.Popen:
+    """Starts it and returns once it answers; with a file in which faults of its file calls are ordered."""
+    faults = {"LD_PRELOAD": str(FAULTY_FILES), "FAULT_FILE": str(fault)} if fault else {}
     service = subprocess.Popen([str(PROGRAM)], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                               stderr=subprocess.DEVNULL)
+                               stderr=subprocess.DEVNULL, env={**os.environ, **faults})
     network.wait_until(_answers, "the settings service answers")
     return service
 

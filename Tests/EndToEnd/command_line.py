@@ -8,7 +8,6 @@ import re
 import signal
 import subprocess
 import threading
-import time
 import uuid
 
 from vantrylab import host, network, settings, world
@@ -33,7 +32,7 @@ def run(stage) -> None:
         _the_tunnel_is_followed(stage)
         stage.stop_daemon()
         _without_a_daemon(stage)
-    _a_crash_leaves_old_or_new(stage)
+    _a_fault_leaves_old_or_new(stage)
     _rules_as_found(stage)
     _logs_as_found(stage)
     _failures_as_found(stage)
@@ -274,23 +273,32 @@ def _the_tunnel_is_followed(stage) -> None:
     _use_tool("vpn", "follow")
 
 
-def _a_crash_leaves_old_or_new(stage) -> None:
-    """A service killed in the middle of changes: both files whole, one of the states that were asked for."""
-    service = settings.start()
-    known = {json.dumps(_stored_in_preferences()["rules"], sort_keys=True)}
-    for number in range(12):
-        words = ("rules", "set", f"com.example.crash{number}", "direct")
-        known.add(json.dumps(_stored_in_preferences()["rules"] | {words[2]: "direct"}, sort_keys=True))
-        change = subprocess.Popen([str(TOOL), *words], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        time.sleep(number * 0.0015)
-        service.kill()
-        service.wait()
-        change.wait(20)
-        found = json.dumps(_stored_in_preferences()["rules"], sort_keys=True)
-        stage.checks.check(f"crash {number}: the preferences are the old or the new ones", found in known, found)
-        service = settings.start()
-        stage.checks.eventually("the rules file follows", lambda: (
-            json.loads(host.RULES_FILE.read_text())["rules"] == json.loads(found), host.RULES_FILE.read_text()))
+def _a_fault_leaves_old_or_new(stage) -> None:
+    """Each call that changes a file fails in its turn, or the service ends in it, in the middle of a change."""
+    fault = world.STATE / "fault"
+    service = settings.start(fault)
+    for how in ("fail", "end"):
+        for number in range(1, 100):
+            before = _stored_in_preferences()["rules"]
+            after = before | {f"com.example.{how}{number}": "direct"}
+            fault.write_text(f"{number} {how}")
+            _use_tool("rules", "set", f"com.example.{how}{number}", "direct")
+            if not (happened := not fault.exists()):
+                fault.unlink()
+            elif how == "end":
+                service.wait(5)
+                service = settings.start(fault)
+            for name, rules in (("preferences", _stored_in_preferences()["rules"]),
+                                ("rules file", json.loads(host.RULES_FILE.read_text())["rules"])):
+                stage.checks.check(f"{how} at call {number}: the {name} are the old or the new ones",
+                                   rules in (before, after), rules)
+            if not happened:
+                break
+        stage.checks.check(f"every call was to {how}, {number - 1} of them", number > 10)
+        settings.stop(service)
+        service = settings.start(fault)
+        stage.checks.equal("then the rules file says what the preferences say",
+                           json.loads(host.RULES_FILE.read_text())["rules"], _stored_in_preferences()["rules"])
     leftovers = [each for each in [*host.RULES_FILE.parent.iterdir(), *host.PREFERENCES.parent.iterdir()]
                  if ".new-" in each.name]
     stage.checks.equal("nothing is left over", leftovers, [])
