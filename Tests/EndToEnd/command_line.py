@@ -186,18 +186,29 @@ def _one_command(stage) -> None:
 
 
 def _what_leaves_is_looked_at(stage) -> None:
-    """`verify` finds nothing wrong with flows that go by their rules."""
+    """`verify` finds nothing wrong with flows that go by their rules, and a leak that is made on purpose."""
     _use_tool("rules", "set", COURIER, "direct")
     _use_tool("rules", "set", LEDGER, "vpn")
-    looking = subprocess.Popen([str(TOOL), "verify", "--for", "1m"], text=True, stdout=subprocess.PIPE)
-    looking.stdout.readline()
-    for application in (stage.courier, stage.ledger):
-        application.run("connect", stage.ipv4(), 80)
-    looking.send_signal(signal.SIGINT)
-    found = looking.communicate(timeout=20)[0]
-    stage.checks.check("verify sees each flow leave the way that its rule says", looking.returncode == 0 and all(
-        line in found for line in (f"{COURIER}: 1 flow, all eth0", f"{LEDGER}: 1 flow, all {network.tunnel_device()}",
-                                   "leaks: none")), found)
+    # Under the other fallback the kernel keeps the leak from leaving.
+    _use_tool("rules", "fallback", "vpn", "allow")
+    for leaks in (0, 1):
+        looking = subprocess.Popen([str(TOOL), "verify", "--for", "1m"], text=True, stdout=subprocess.PIPE)
+        looking.stdout.readline()
+        address = stage.ipv4()
+        if leaks:
+            leak = stage.ledger.start("upload", address, 8080, "--bind-device", "eth0", "--duration", 10)
+            leak.report()
+            lines = [f"LEAKED: {LEDGER} to {address}:8080 by eth0", "leaks: 1"]
+        else:
+            for application in (stage.courier, stage.ledger):
+                application.run("connect", stage.ipv4(), 80)
+            lines = [f"{COURIER}: 1 flow, all eth0", f"{LEDGER}: 1 flow, all {network.tunnel_device()}", "leaks: none"]
+        looking.send_signal(signal.SIGINT)
+        found = looking.communicate(timeout=20)[0]
+        stage.checks.check(f"verify, with {leaks} flow that leaks",
+                           looking.returncode == leaks and all(line in found for line in lines), found)
+    leak.stop()
+    _use_tool("rules", "fallback", "vpn", "block")
     _use_tool("rules", "remove", COURIER)
 
 
