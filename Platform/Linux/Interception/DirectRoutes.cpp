@@ -23,8 +23,6 @@ namespace {
 
 // Fixed, so that a later start finds what a killed process left.
 constexpr std::uint32_t tableNumber = 7660;
-constexpr std::uint32_t nearRoutesPriority = 7660;
-constexpr std::uint32_t ownTablePriority = 7661;
 
 constexpr std::array<unsigned, 4> eventGroups{RTNLGRP_IPV4_RULE, RTNLGRP_IPV6_RULE,
                                               RTNLGRP_IPV4_ROUTE, RTNLGRP_IPV6_ROUTE};

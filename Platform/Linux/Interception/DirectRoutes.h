@@ -6,12 +6,17 @@
 // behind is taken away first.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "Platform/Linux/Interception/FlowMark.h"
 #include "Platform/Linux/Network/NetworkMonitor.h"
 
 namespace platform::interception {
+
+// The preferences of the two rules.
+inline constexpr std::uint32_t nearRoutesPriority = 7660;
+inline constexpr std::uint32_t ownTablePriority = 7661;
 
 class DirectRoutes {
 public:

@@ -9,6 +9,7 @@
 #include <memory>
 #include <sstream>
 
+#include "Platform/Linux/Interception/DirectRoutes.h"
 #include "Platform/Linux/Interception/MarksInRules.h"
 #include "Platform/Linux/Interception/PacketRule.h"
 #include "Platform/Linux/Netlink/Socket.h"
@@ -30,7 +31,10 @@ std::uint32_t bitsInRoutingRules() {
             const auto attribute = attributes.find(type);
             return attribute ? attribute->number<std::uint32_t>().value_or(0) : 0;
         };
-        if (steering::isTableOfSteering(number(FRA_TABLE))) return;
+        const std::uint32_t priority = number(FRA_PRIORITY);
+        const bool isOfDirectRoutes =
+            priority == nearRoutesPriority || priority == ownTablePriority;
+        if (isOfDirectRoutes || steering::isTableOfSteering(number(FRA_TABLE))) return;
         const std::uint32_t mark = number(FRA_FWMARK);
         const std::uint32_t mask = number(FRA_FWMASK);
         // A comparison with the whole mark uses the bits of the value.
