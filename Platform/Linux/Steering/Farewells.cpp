@@ -7,6 +7,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
 #include <utility>
 
 namespace platform::steering {
@@ -30,6 +36,28 @@ void reset(const FileDescriptor& socket) {
     sockaddr nothing{};
     nothing.sa_family = AF_UNSPEC;
     ::connect(socket.get(), &nothing, sizeof nothing);
+}
+
+// Of a link below /proc that leads to a socket.
+std::optional<std::uint32_t> socketInode(const std::filesystem::path& descriptor) {
+    constexpr std::string_view prefix = "socket:[";
+    std::error_code error;
+    const std::string target = std::filesystem::read_symlink(descriptor, error);
+    std::uint32_t inode = 0;
+    if (error || !target.starts_with(prefix)) return std::nullopt;
+    std::from_chars(target.data() + prefix.size(), target.data() + target.size(), inode);
+    return inode;
+}
+
+// A copy of the application's descriptor; empty if it has put another file there meanwhile.
+FileDescriptor copyOf(const FileDescriptor& process, int descriptor, const SocketFacts& socket) {
+    FileDescriptor copy(static_cast<int>(::syscall(SYS_pidfd_getfd, process.get(), descriptor, 0)));
+    std::uint64_t cookie = 0;
+    socklen_t length = sizeof cookie;
+    const bool isIt = copy &&
+                      ::getsockopt(copy.get(), SOL_SOCKET, SO_COOKIE, &cookie, &length) == 0 &&
+                      cookie == socket.cookie;
+    return isIt ? std::move(copy) : FileDescriptor();
 }
 
 }  // namespace
@@ -77,7 +105,7 @@ void Farewells::serve() {
             present.swap(waiting);
             isBusy = true;
         }
-        for (const Farewell& farewell : present) end(farewell);
+        endAll(present);
     }
 }
 
@@ -90,30 +118,46 @@ void Farewells::awaitWork() {
     }
 }
 
-void Farewells::end(const Farewell& farewell) {
-    const auto socket = diagnosis.find(farewell.flow);
-    if (!socket || socket->cookie != farewell.cookie) return;
-    auto copy = copyOf(*socket);
-    if (copy && ::shutdown(copy.get(), SHUT_RDWR) == 0)
-        keepUndelivered(std::move(copy));
-    else
-        diagnosis.destroy(farewell.flow, farewell.cookie);
+// To find the holder of one socket may take a search through all processes; the others that the same process
+// holds are found with it.
+void Farewells::endAll(const std::vector<Farewell>& present) {
+    std::unordered_map<std::uint32_t, Ending> byInode;
+    for (const Farewell& farewell : present) {
+        const auto socket = diagnosis.find(farewell.flow);
+        if (socket && socket->cookie == farewell.cookie)
+            byInode.insert_or_assign(socket->inode, Ending{farewell, *socket});
+    }
+    while (!byInode.empty()) {
+        const auto [inode, first] = *byInode.begin();
+        const auto holder = hasToHurry() ? std::nullopt : holders.find(inode, first.socket.uid);
+        if (holder) endThoseOf(holder->pid, byInode);
+        // One that could not be had with its holder.
+        if (byInode.erase(inode) != 0)
+            diagnosis.destroy(first.farewell.flow, first.farewell.cookie);
+    }
 }
 
-FileDescriptor Farewells::copyOf(const SocketFacts& socket) {
-    const auto holder = holders.find(socket.inode, socket.uid);
-    if (!holder) return {};
-    const FileDescriptor process(static_cast<int>(::syscall(SYS_pidfd_open, holder->pid, 0)));
-    if (!process) return {};
-    FileDescriptor copy(
-        static_cast<int>(::syscall(SYS_pidfd_getfd, process.get(), holder->descriptor, 0)));
-    std::uint64_t cookie = 0;
-    socklen_t length = sizeof cookie;
-    // The process may have put another file there meanwhile.
-    const bool isIt = copy &&
-                      ::getsockopt(copy.get(), SOL_SOCKET, SO_COOKIE, &cookie, &length) == 0 &&
-                      cookie == socket.cookie;
-    return isIt ? std::move(copy) : FileDescriptor();
+bool Farewells::hasToHurry() {
+    const MutexGuard guard(lock);
+    return isEnding;
+}
+
+void Farewells::endThoseOf(pid_t pid, std::unordered_map<std::uint32_t, Ending>& byInode) {
+    const FileDescriptor process(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
+    if (!process) return;
+    std::error_code error;
+    const std::filesystem::directory_iterator descriptors("/proc/" + std::to_string(pid) + "/fd",
+                                                          error);
+    for (auto entry = begin(descriptors); !error && entry != end(descriptors);
+         entry.increment(error)) {
+        const auto inode = socketInode(entry->path());
+        const auto found = inode ? byInode.find(*inode) : byInode.end();
+        if (found == byInode.end()) continue;
+        auto copy = copyOf(process, std::stoi(entry->path().filename()), found->second.socket);
+        if (!copy || ::shutdown(copy.get(), SHUT_RDWR) != 0) continue;
+        keepUndelivered(std::move(copy));
+        byInode.erase(found);
+    }
 }
 
 void Farewells::keepUndelivered(FileDescriptor socket) {

@@ -4,9 +4,12 @@
 // a thread of its own, and at the end of the process for all that wait. Any thread may call.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstdint>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "Platform/Common/Mutex.h"
@@ -35,11 +38,16 @@ private:
         std::uint64_t cookie;
     };
 
+    struct Ending {
+        Farewell farewell;
+        SocketFacts socket;
+    };
+
     void serve();
     void awaitWork() REQUIRES(lock);
-    void end(const Farewell& farewell);
-    // A copy of the application's descriptor; empty if it cannot be had.
-    FileDescriptor copyOf(const SocketFacts& socket);
+    void endAll(const std::vector<Farewell>& present);
+    void endThoseOf(pid_t pid, std::unordered_map<std::uint32_t, Ending>& byInode);
+    bool hasToHurry();
     void keepUndelivered(FileDescriptor socket);
 
     // For the thread alone.
