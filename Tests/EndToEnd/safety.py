@@ -46,7 +46,7 @@ def _traces(longest_lifetime: int = 0, with_steering: bool = False) -> set[str]:
         output = subprocess.run(place, capture_output=True, text=True, check=True).stdout
         if with_steering:
             output = re.sub(r"table inet vantry_steering \{.*?\n\}\n", "", output, flags=re.DOTALL)
-            output = re.sub(r"^.*(lookup|table) 7(6[89]|7[01])\d .*\n", "", output, flags=re.MULTILINE)
+            output = re.sub(r"^.*(lookup|table) 7(6[89]|7[01])\d\b.*\n", "", output, flags=re.MULTILINE)
         found |= {f"{' '.join(place)}: {line}" for line in output.splitlines()}
     addresses = _addresses_of_loopback()
     found |= {f"address: {address}" for address in addresses}
