@@ -94,10 +94,10 @@ public:
         const auto remote = SocketAddress::fromNumeric(address, port).value();
         return connect(socket.get(), &remote.any, remote.length) < 0 ? errno : 0;
     }
-    // The local port of an IPv4 socket, and another socket in its place.
     std::uint16_t localPort() const { return portOf(socket); }
-    int bindTo(std::uint16_t localPort) {
-        const auto local = SocketAddress::fromNumeric("0.0.0.0", localPort).value();
+    int bindTo(std::uint16_t localPort, int family = AF_INET) {
+        const char* const anyAddress = family == AF_INET ? "0.0.0.0" : "::";
+        const auto local = SocketAddress::fromNumeric(anyAddress, localPort).value();
         return bind(socket.get(), &local.any, local.length) < 0 ? errno : 0;
     }
     int send(std::size_t bytes) {

@@ -210,6 +210,30 @@ TEST_P(ClaimedTcp, UnderWatchItsBytesAreShownAndItCanBeKilled) {
     EXPECT_EQ(lab.bytesAtServer(), 0u);
 }
 
+// Neither what it was denied for nor its redirect is handed on with its port.
+TEST_P(ClaimedTcp, AfterItsEndItsPortIsAnyOnes) {
+    proxy->isClaiming = true;
+    filter->onNewFlow = NewFlow::filterData;
+    for (const bool isDenied : {false, true}) {
+        ClientSocket client = connected();
+        ASSERT_EQ(client.exchange(), 0);
+        const std::uint16_t itsPort = client.localPort();
+        filter->onData = OnData::drop;
+        if (!isDenied) proxy->resetLast();
+        EXPECT_EQ(isDenied ? client.exchange() : client.receive(1),
+                  isDenied ? ECONNABORTED : ECONNRESET);
+        client = makeSocket();
+        proxy->isClaiming = false;
+        filter->onNewFlow = NewFlow::allow;
+        ASSERT_EQ(client.bindTo(itsPort, GetParam().family), 0);
+        ASSERT_EQ(client.connectTo(address(), port), 0);
+        EXPECT_EQ(client.exchange(), 0);
+        proxy->isClaiming = true;
+        filter->onNewFlow = NewFlow::filterData;
+        filter->onData = OnData::data;
+    }
+}
+
 TEST_P(ClaimedTcp, ItsOpeningFailsWhenItComesTooLateOrTheFilterDropsIt) {
     ClientSocket client = connected();
     ASSERT_EQ(client.exchange(), 0);

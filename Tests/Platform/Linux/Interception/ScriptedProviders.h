@@ -97,7 +97,20 @@ public:
         claim(tcp);
         return true;
     }
+    // Ends the last claimed flow with an error.
+    void resetLast() {
+        const NSError reset{"posix", ECONNRESET, "reset"};
+        const std::lock_guard guard(lock);
+        const auto flow = last.lock();
+        if (!flow) return;
+        flow->closeReadWithError(reset);
+        flow->closeWriteWithError(reset);
+    }
     void claim(const std::shared_ptr<NEAppProxyTCPFlow>& flow) {
+        {
+            const std::lock_guard guard(lock);
+            last = flow;
+        }
         flow->openWithLocalEndpoint(nullptr, [this, flow](const std::optional<NSError>& error) {
             error ? void(++openingErrors) : echo(flow);
         });
@@ -105,6 +118,8 @@ public:
 
 private:
     CallList& calls;
+    std::mutex lock;
+    std::weak_ptr<NEAppProxyTCPFlow> last;
 };
 
 class ScriptedFilter final : public NEFilterDataProvider {
