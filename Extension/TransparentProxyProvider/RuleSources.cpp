@@ -39,7 +39,11 @@ bool holdsText(const JSONObject::Member& member) {
 // all are there: in a row that takes less time than one by one while reading.
 class RulesReader {
 public:
-    void begin() { rules.clear(); }
+    // Room for as many as there were before saves moving them as they become more.
+    void begin(std::size_t expected) {
+        rules.clear();
+        rules.reserve(expected);
+    }
     void add(std::string_view bundleId, std::string_view word) {
         rules.emplace_back(bundleId, word);
     }
@@ -65,8 +69,8 @@ private:
             if (rule == table.end() || rule->second != word) return false;
             found.push_back(&*rule);
         }
-        // Each has to come once.
-        std::ranges::sort(found, std::less<>());
+        // Each has to come once. They mostly lie in the order in which they were made.
+        if (!std::ranges::is_sorted(found, std::less<>())) std::ranges::sort(found, std::less<>());
         return std::ranges::adjacent_find(found) == found.end();
     }
 
@@ -93,7 +97,7 @@ struct FileContents {
 FileContents readRulesFile(std::string_view bytes, const SharedRules& inForce) {
     RulesReader reader;
     const platform::JSONMemberTexts texts{
-        rulesKey, [&] { reader.begin(); },
+        rulesKey, [&] { reader.begin(inForce->size()); },
         [&](std::string_view bundleId, std::string_view word) { reader.add(bundleId, word); }};
     FileContents file{nullptr, platform::NSJSONSerialization::JSONObjectWithData(bytes, &texts)};
     const auto* source = file.document ? file.document->as<JSONObject>() : nullptr;
