@@ -57,7 +57,7 @@ public:
     // Whether the proxy has delivered a VPN state since the start or the last reset.
     bool hasReceivedState() const;
 
-    // Back to failing open; records that nobody has collected are dropped.
+    // Back to failing open; records that no one has collected are dropped.
     void resetState();
 
     // Leaves the record of a dropped flow for the activity log, whatever its protocol. No more are kept

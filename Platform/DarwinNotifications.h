@@ -21,7 +21,7 @@ enum class CFNotificationSuspensionBehavior { deliverImmediately = 4 };
 CFNotificationCenter& CFNotificationCenterGetDarwinNotifyCenter();
 
 // Calls `callback` with `observer` for each later post of `name`, and once soon after this call, as
-// nobody knows what was posted before it. Any thread.
+// no one knows what was posted before it. Any thread.
 void CFNotificationCenterAddObserver(CFNotificationCenter& center, void* observer,
                                      CFNotificationCallback callback, std::string_view name,
                                      const void* object,

@@ -97,7 +97,7 @@ public:
     // Removes a file. False if that failed or there was none.
     bool removeItemAtPath(std::string_view path);
 
-    // The folder that the group's applications share, as an absolute path; nothing if there is
+    // The folder that the group's applications share, as an absolute path; null if there is
     // none.
     std::optional<std::string> containerURLForSecurityApplicationGroupIdentifier(
         std::string_view groupIdentifier);
@@ -109,10 +109,10 @@ private:
 // A directory that holds an application or a part of one.
 class NSBundle {
 public:
-    // Opens the bundle at a path; nothing if there is no bundle.
+    // Opens the bundle at a path; null if there is no bundle.
     static std::optional<NSBundle> bundleWithPath(std::string_view path);
 
-    // The identifier that the bundle's property list gives; nothing if it gives none. Valid UTF-8.
+    // The identifier that the bundle's property list gives; null if it gives none. Valid UTF-8.
     const std::optional<std::string>& bundleIdentifier() const { return identifier; }
 
 private:

@@ -19,7 +19,7 @@ constexpr std::size_t rawPrefixLength = 200;
 constexpr std::size_t recentEntries = 100;
 constexpr std::string_view defaultActionOfReload = "vpn";
 
-// The document as a reply; nothing if it could not be encoded.
+// The document as a reply; null if it could not be encoded.
 template <class Record>
 std::optional<Data> encoded(const Record& record) {
     auto document = record.encode();

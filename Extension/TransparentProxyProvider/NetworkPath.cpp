@@ -24,7 +24,7 @@ bool isPhysical(const NWInterface& interface) {
            physicalInterfaceTypes.end();
 }
 
-// The numeric text of an address; nothing if it cannot be turned into text.
+// The numeric text of an address; null if it cannot be turned into text.
 std::optional<std::string> numericHost(const sockaddr& address) {
     std::array<char, NI_MAXHOST> host{};
     if (platform::getnameinfo(&address, platform::socketAddressLength(address), host.data(),

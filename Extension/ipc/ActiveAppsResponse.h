@@ -14,7 +14,7 @@ namespace vantry {
 struct ActiveAppsResponse {
     std::vector<std::string> bundleIds;  // each at most once, in no order
 
-    // The JSON document; nothing if a text in it is not valid UTF-8.
+    // The JSON document; null if a text in it is not valid UTF-8.
     std::optional<std::string> encode() const;
     static std::variant<ActiveAppsResponse, platform::JSONFailure> decode(
         std::string_view document);

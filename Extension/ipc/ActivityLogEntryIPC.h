@@ -31,7 +31,7 @@ struct ActivityLogEntryIPC {
     std::optional<std::string> protocolType;  // "tcp" or "udp"
     bool isVpnConnected = false;
 
-    // The JSON document; nothing if a text in it is not valid UTF-8 or the date is not finite.
+    // The JSON document; null if a text in it is not valid UTF-8 or the date is not finite.
     std::optional<std::string> encode() const;
     static std::variant<ActivityLogEntryIPC, platform::JSONFailure> decode(
         std::string_view document);

@@ -16,7 +16,7 @@ namespace vantry {
 struct ActivityLogResponseIPC {
     std::vector<ActivityLogEntryIPC> entries;
 
-    // The JSON document; nothing if an entry cannot be encoded.
+    // The JSON document; null if an entry cannot be encoded.
     std::optional<std::string> encode() const;
     static std::variant<ActivityLogResponseIPC, platform::JSONFailure> decode(
         std::string_view document);

@@ -26,7 +26,7 @@ struct ExtensionMessage {
     // The decision word of applications without a rule, for a reload.
     std::optional<std::string> defaultAction;
 
-    // The JSON document; nothing if a text in it is not valid UTF-8.
+    // The JSON document; null if a text in it is not valid UTF-8.
     std::optional<std::string> encode() const;
     // All fields are checked, whatever the type.
     static std::variant<ExtensionMessage, platform::JSONFailure> decode(std::string_view document);

@@ -42,7 +42,7 @@ struct ExtensionResponse {
     static ExtensionResponse success() { return {Success{}}; }
     static ExtensionResponse error(std::string message) { return {Error{std::move(message)}}; }
 
-    // The JSON document; nothing if the message is not valid UTF-8.
+    // The JSON document; null if the message is not valid UTF-8.
     std::optional<std::string> encode() const;
     static std::variant<ExtensionResponse, platform::JSONFailure> decode(std::string_view document);
 

@@ -5,7 +5,7 @@
 //
 // It lives in shared ownership: the table of sessions owns it while it runs, whoever kills it owns it
 // until then. Callbacks that it gives away hold it weakly and do nothing once it is gone. Its callbacks,
-// its timers and both cancels may overlap; the end is one atomic step and there is no lock. Nobody may
+// its timers and both cancels may overlap; the end is one atomic step and there is no lock. No one may
 // cancel a session while holding `sessionsLock`: the completion takes that lock.
 //
 //   created ──start──► opening ──opened──► connecting ──ready──► relaying

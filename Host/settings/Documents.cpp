@@ -22,7 +22,7 @@ Failure unreadable(const std::string& path, const platform::FileRefusal& refusal
     if (refusal.error == EACCES)
         return {ExitCode::notPermitted, path + " may not be read.", asRoot};
     return {ExitCode::failed, path + " cannot be read: " + refusal.reason + ".",
-            "Look at it with ls -l, and move it away if nobody needs it."};
+            "Look at it with ls -l, and move it away if no one needs it."};
 }
 
 Failure malformed(const std::string& path, const std::string& why) {

@@ -232,7 +232,7 @@ void Commands::addSettings() {
 void Commands::addViews() {
     takeJSON(add(app, "status", "Show whether the daemon runs and what it goes by",
                  [this] { return showStatus(request.asJSON, console); }));
-    add(app, "reload", "Have the daemon read the rules, made anew if need be",
+    add(app, "reload", "Have the daemon read the rules, made again if need be",
         [this] { return reloadRules(console); });
     takeJSON(add(app, "apps", "List the applications that were seen, by identifier",
                  [this] { return showApplications(request.asJSON, console); }));

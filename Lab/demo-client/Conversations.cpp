@@ -187,7 +187,7 @@ bool hasEnded(const Descriptor& socket, Report& report) {
     return true;
 }
 
-// True once nobody can tell us anything more through standard input.
+// True once no one can tell us anything more through standard input.
 bool hasInputEnded() {
     pollfd entry{.fd = STDIN_FILENO, .events = 0, .revents = 0};
     return poll(&entry, 1, 0) == 1 && (entry.revents & POLLHUP) != 0;

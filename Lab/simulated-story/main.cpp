@@ -135,7 +135,7 @@ void Story::changesWhileConnectionsRun() {
     world.runUntilIdle();
     check(ledger, "now blocked: ends", watched.isEnded() ? "dropped at its next byte" : "goes on",
           watched.isEnded());
-    connects(courier, "then anew through the VPN", Way::systemsRoute);
+    connects(courier, "then again through the VPN", Way::systemsRoute);
 }
 
 void Story::withoutTheVPN() {

@@ -10,7 +10,7 @@ namespace lab {
 // Each call is one side of it and waits for the other, from the calling thread.
 
 // Gives the socket to the peer that waits at `path`, and keeps none; false, with errno set, when there
-// is nobody.
+// is no one.
 bool passSocket(const std::string& path, Descriptor socket);
 
 // Waits at `path`, where nothing may be yet, until somebody passes a socket and has let go of it

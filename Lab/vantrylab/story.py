@@ -142,7 +142,7 @@ class Story:
         bystander = self._upload_begins(stage.nobody)
         self._ends_upload(stage.courier, direct, "direct to VPN: ends",
                           lambda: self._rule("rules", "set", COURIER, "vpn"))
-        self._connects(stage.courier, "then anew through the VPN", verdicts.went_through_tunnel)
+        self._connects(stage.courier, "then again through the VPN", verdicts.went_through_tunnel)
         watched = self._upload_begins(stage.ledger)
         self._ends_upload(stage.ledger, watched, "now blocked: ends",
                           lambda: self._rule("rules", "block", LEDGER))

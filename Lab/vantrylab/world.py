@@ -1,6 +1,6 @@
 """A private world for one run of the lab.
 
-`enter` starts this program anew inside namespaces of its own: processes, network, mounts, control
+`enter` starts this program again inside namespaces of its own: processes, network, mounts, control
 groups, and a user namespace where the caller is not root. The folders that the daemon and the
 applications write to are empty there and live in memory. When the world's first process ends, for
 whatever reason, the kernel ends everything in it: a run leaves nothing behind and touches no file of

@@ -163,7 +163,7 @@ public:
     void value(const JSONValue& value);
 
     void reserve(std::size_t bytes) { out.reserve(bytes); }
-    // The document, and the writer is empty again; nothing if a piece could not be expressed.
+    // The document, and the writer is empty again; null if a piece could not be expressed.
     std::optional<std::string> finish();
 
 private:

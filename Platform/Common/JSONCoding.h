@@ -33,7 +33,7 @@ struct JSONMismatch {
     JSONFailure failure() &&;
 };
 
-// What keeps a value from being what its field wants; nothing if it fits.
+// What keeps a value from being what its field wants; null if it fits.
 using JSONDecoding = std::optional<JSONMismatch>;
 
 // The words for a value of another kind: "expected a string, found the number 5".
@@ -188,7 +188,7 @@ std::variant<Record, JSONFailure> decodeDocument(std::string_view document) {
     return record;
 }
 
-// Nothing if a text of the record is not valid UTF-8 or a date of it not finite. A guess of the
+// Null if a text of the record is not valid UTF-8 or a date of it not finite. A guess of the
 // document's size in bytes saves copies of a large one.
 template <class Record>
 std::optional<std::string> encodeDocument(const Record& record, std::size_t expectedSize = 0) {

@@ -1,6 +1,6 @@
 // The lock of both platforms: a mutex, a guard and a condition that clang's thread-safety analysis
 // understands. A field that a mutex guards is marked GUARDED_BY, a function that needs it REQUIRES;
-// the clang build then proves that nobody forgets. It stands apart from NSLock, which is the core's
+// the clang build then proves that no one forgets. It stands apart from NSLock, which is the core's
 // and which the simulated platform watches for what is called under it.
 #pragma once
 

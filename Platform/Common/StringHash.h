@@ -12,7 +12,7 @@ namespace platform {
 struct StringHash {
     using is_transparent = void;
     // Deliberately not noexcept: the library's tables then keep each hash beside its text instead of
-    // computing those of the neighbours anew at every look.
+    // computing those of the neighbours again at every look.
     std::size_t operator()(std::string_view text) const {
         return std::hash<std::string_view>{}(text);
     }

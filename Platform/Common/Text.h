@@ -32,7 +32,7 @@ bool holdsControlCharacter(std::string_view text);
 std::string excerpt(std::string_view text, std::size_t maximumLength);
 
 // Reads an unsigned decimal number of 16 bits: digits only, leading zeros allowed, no sign, no
-// blanks. Nothing if it does not parse or does not fit.
+// blanks. Null if it does not parse or does not fit.
 std::optional<std::uint16_t> decimalUInt16(std::string_view text);
 
 // True if `text` is one or more decimal digits. Its size does not matter.

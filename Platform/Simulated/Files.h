@@ -32,7 +32,7 @@ public:
     void remove(std::string_view path);
     bool exists(std::string_view path) const { return contents(path).has_value(); }
     std::optional<std::string> contents(std::string_view path) const;
-    // Nothing if there is no such file. A file that the core makes has 0600 until it says otherwise.
+    // Null if there is no such file. A file that the core makes has 0600 until it says otherwise.
     std::optional<int> permissions(std::string_view path) const;
     std::size_t count(FileOperation operation, std::string_view path) const;
 
@@ -75,7 +75,7 @@ private:
         int times;
         std::size_t partLeft;
     };
-    // The part that a failing operation leaves, or nothing if it succeeds.
+    // The part that a failing operation leaves, or null if it succeeds.
     std::optional<std::size_t> takeFault(FileOperation operation, std::string_view path,
                                          std::size_t length) REQUIRES(mutex);
     void note(FileOperation operation, std::string_view path) REQUIRES(mutex);

@@ -196,7 +196,7 @@ std::optional<NEFilterDataVerdict> Flows::outbound(const Flow& flow, std::string
 }
 
 // A flow that was declined and let pass is shown once more after a rule has left the settings, as a
-// new flow object. If it is now claimed or dropped it is ended, and its application connects anew.
+// new flow object. If it is now claimed or dropped it is ended, and its application connects again.
 void Flows::reofferIfDue(Flow::State& state) {
     {
         const MutexGuard guard(state.mutex);

@@ -113,7 +113,7 @@ public:
     // Shows it to one provider, whatever the settings.
     Offer offerToProxy(const Flow& flow);
     // Has the application send bytes now, on the caller's thread. Gives what the filter said, or
-    // nothing if it was not asked. A declined flow that is due to be offered again is.
+    // null if it was not asked. A declined flow that is due to be offered again is.
     std::optional<NEFilterDataVerdict> outbound(const Flow& flow, std::string bytes);
 
     // Flows that were declined and let pass will be offered once more.

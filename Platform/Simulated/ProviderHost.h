@@ -40,7 +40,7 @@ private:
 class Reply {
 public:
     bool hasCome() const;
-    // The reply's bytes; nothing if none came or the answer was none.
+    // The reply's bytes; null if none came or the answer was none.
     std::optional<std::string> text() const;
 
     // The platform's side.

@@ -117,7 +117,7 @@ def _activity_log_file(stage) -> None:
     host.ACTIVITY_LOG.symlink_to(victim)
     address = stage.ipv4()
     stage.courier.run("connect", address, 80)
-    stage.expect_record("the activity log is written anew", address, bundleId=COURIER)
+    stage.expect_record("the activity log is written again", address, bundleId=COURIER)
     stage.check_records()
     stage.checks.equal("a link in the log's place is not followed", victim.read_text(), untouched)
     stage.stop_daemon()

@@ -57,7 +57,7 @@ def _bundles_and_what_is_inside(stage) -> None:
 
 
 def _whoever_runs_it(stage) -> None:
-    """A system account's applications are applications; its tools are nobody's business."""
+    """A system account's applications are applications; its tools are no one's business."""
     if not world.is_root_world():
         return
     stage.apply(Rules(rules={"com.example.courier": "direct"}, blockedApps=(STUDIO, stage.fetch.identifier)))
@@ -79,7 +79,7 @@ def _install_browser() -> Application:
 
 
 def _installed_application(stage, browser: Application) -> None:
-    """Known by its .desktop file, and nobody's part, whoever starts it."""
+    """Known by its .desktop file, and no one's part, whoever starts it."""
     stage.apply(Rules(rules={browser.identifier: "direct"}, blockedApps=(STUDIO,)))
     _expect_way(stage, "direct: an installed application", stage.expect_physical, browser)
     if not world.is_root_world():
@@ -117,7 +117,7 @@ def _ordinary_programs(stage) -> None:
 
 
 def _blocked_ordinary_program(stage) -> None:
-    """The block is not escaped by being started elsewhere, and reaches nobody else."""
+    """The block is not escaped by being started elsewhere, and reaches no one else."""
     stage.apply(Rules(blockedApps=(stage.fetch.identifier,)))
     _expect_way(stage, "blocked: on its own", stage.expect_denied, stage.fetch)
     _expect_way(stage, "blocked: from a script", stage.expect_denied, stage.report)

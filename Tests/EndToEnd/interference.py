@@ -81,7 +81,7 @@ def _verdicts(stage, name: str) -> None:
 
 
 def _packet_rules(stage) -> None:
-    """Where the kernel lets a table have an owner it refuses; else the daemon makes it anew."""
+    """Where the kernel lets a table have an owner it refuses; else the daemon makes it again."""
     watched = stage.ledger.start("upload", stage.ipv4(), 8080, "--duration", 20)
     watched.report()
     for command in (("flush", "ruleset"), ("delete", "table", *TABLE), ("flush", "table", *TABLE),

@@ -40,7 +40,7 @@ def _changes(stage, name: str, application, before: Rules, after: Rules, errors,
         stage.apply(after)
         stage.expect_ended(f"{name}: the upload to {address} ends", process.report(), changed_at, errors)
         address = next_address()
-        expect(f"{name}: the same process connects anew to {address}",
+        expect(f"{name}: the same process connects again to {address}",
                process.ask("connect", address, 80), address)
         process.stop()
 

@@ -68,7 +68,7 @@ def _empty(manager: socket.socket) -> list[str]:
 
 
 def _sleep_and_wake(stage) -> None:
-    """The machine may sleep once the daemon is ready; on waking it reads its configuration anew."""
+    """The machine may sleep once the daemon is ready; on waking it reads its configuration again."""
     with _bus(), _login_manager() as manager:
         stage.start_daemon(rules=None, environment={"DBUS_SYSTEM_BUS_ADDRESS": BUS_ADDRESS},
                            protocolConfiguration=_configuration({COURIER: "direct"}))
@@ -84,8 +84,8 @@ def _sleep_and_wake(stage) -> None:
         _announce(manager, "wake")
         stage.expect_line("wake is logged", "System waking...", since)
         stage.checks.equal("and the daemon asks for the next time", _heard(manager), "taken\n")
-        stage.expect_line("the configuration is read anew", "Loaded 1 routing rules from config", since)
-        stage.expect_line("the network is looked at anew", "Physical interface detected", since)
+        stage.expect_line("the configuration is read again", "Loaded 1 routing rules from config", since)
+        stage.expect_line("the network is looked at again", "Physical interface detected", since)
         for application, expect in ((stage.ledger, stage.expect_physical), (stage.courier, stage.expect_tunnel)):
             for next_address in (stage.ipv4, stage.ipv6):
                 address = next_address()
@@ -123,7 +123,7 @@ def _login_manager():
 
 
 def _heard(manager: subprocess.Popen) -> str:
-    """The next thing that happened to an inhibitor; nothing if none does for long."""
+    """The next thing that happened to an inhibitor; none if none does for long."""
     overdue = threading.Timer(10, manager.kill)
     overdue.start()
     line = manager.stdout.readline()

@@ -4,7 +4,7 @@ usage: matrix.py [--vpn TEXT] [--firewall TEXT]    only those whose names hold t
 
 Prints a line of JSON for each cell: what was tried, `works`, `note` or `fails`, and in words what was seen
 where it is not simply what was promised. What is promised is judged by what the server saw and what the
-application got; nobody asks the daemon.
+application got; no one asks the daemon.
 """
 
 import argparse

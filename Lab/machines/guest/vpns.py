@@ -164,7 +164,7 @@ def all_vpns() -> list[Vpn]:
 
 
 def write_wireguard(name: str, allowed: str) -> pathlib.Path:
-    """Makes new keys and a file for wg-quick or an import, and the far end anew with them."""
+    """Makes new keys and a file for wg-quick or an import, and the far end again with them."""
     key_file, public = network.wireguard_keys("client")
     run(*network.in_server(["ip", "link", "delete", "wg-server"]), check=False)
     server_public = network.wireguard_server_up(public)

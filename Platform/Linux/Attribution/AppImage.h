@@ -11,7 +11,7 @@
 namespace platform {
 
 // The path of the image around the program at `path`, in bytes: the executable of the process of that
-// account which serves the mount. None if the path lies in no mounted image or nobody serves it.
+// account which serves the mount. None if the path lies in no mounted image or no one serves it.
 std::optional<std::string> appImageAround(const std::string& path, uid_t account);
 
 }  // namespace platform

@@ -16,7 +16,7 @@ struct DesktopEntry {
     bool isTerminal = false;  // a terminal emulator, whose children are programs of their own
 };
 
-// Nothing if the text describes no application, or one without a command.
+// Null if the text describes no application, or one without a command.
 std::optional<DesktopEntry> parseDesktopEntry(std::string_view text);
 
 }  // namespace platform

@@ -24,7 +24,7 @@ using namespace std::chrono_literals;
 constexpr std::size_t rememberedSockets = 2048;
 // A datagram may leave after its socket was closed; a port is not used again so soon.
 constexpr auto memoryOfSource = 2s;
-// A socket that nobody was found to hold is not searched for again at once.
+// A socket that no one was found to hold is not searched for again at once.
 constexpr auto memoryOfNobody = 1s;
 constexpr int deepestInheritance = 16;
 

@@ -50,7 +50,7 @@ public:
     FlowAttribution(const FlowAttribution&) = delete;
     FlowAttribution& operator=(const FlowAttribution&) = delete;
 
-    // None if nobody can be named: the socket is gone and was never seen, or no process that is
+    // None if no one can be named: the socket is gone and was never seen, or no process that is
     // visible here holds it. Such a flow has no token and an empty signing identifier, and passes.
     std::optional<FlowOwner> ownerOf(const FlowTuple& flow);
 

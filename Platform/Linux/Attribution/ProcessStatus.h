@@ -16,7 +16,7 @@ namespace platform {
 // The process's folder, open. It belongs to this process only: reads fail once it has ended.
 FileDescriptor openProcess(pid_t pid);
 
-// The account that a process runs under; nothing if there is no such process.
+// The account that a process runs under; null if there is no such process.
 std::optional<uid_t> accountOf(pid_t pid);
 
 // The fields that tell one program in one process from another.
@@ -31,7 +31,7 @@ struct ProcessStatus {
     bool operator==(const ProcessStatus&) const = default;
 };
 
-// Nothing if the process has ended, runs no program (the kernel's own, a zombie), or may not be
+// Null if the process has ended, runs no program (the kernel's own, a zombie), or may not be
 // looked at. It never waits for a file system.
 std::optional<ProcessStatus> readProcessStatus(const FileDescriptor& process);
 

@@ -35,7 +35,7 @@ struct Process {
     std::string signingIdentifier;  // valid UTF-8, never empty
     std::string shownPath;          // valid UTF-8
     // The real one if the parent is an application or a part of one; not for an application that
-    // another one has started, which is nobody's part.
+    // another one has started, which is no one's part.
     pid_t shownParentPid = 1;
 
     AuditToken auditToken() const;

@@ -27,7 +27,7 @@ public:
     // False where no descriptor was to be had: it answers nothing.
     bool isOpen() const { return socket.has_value(); }
 
-    // Nothing if there is no such socket.
+    // Null if there is no such socket.
     std::optional<SocketFacts> find(const FlowTuple& flow);
 
     // Ends the flow's socket if it still is the one with this cookie. False if that failed.

@@ -41,7 +41,7 @@ struct SocketOpener {
 
 class SocketHolders {
 public:
-    // `uid` is the account that made the socket. Nothing if no process holds it.
+    // `uid` is the account that made the socket. Null if no process holds it.
     std::optional<SocketHolder> find(std::uint32_t inode, uid_t uid);
 
 private:

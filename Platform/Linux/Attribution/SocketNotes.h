@@ -27,7 +27,7 @@ public:
 
     std::optional<KernelNote> ofSocket(std::uint64_t cookie) const;
 
-    // Of a datagram's socket that nobody finds by the flow: it was closed a moment ago, or its packets
+    // Of a datagram's socket that no one finds by the flow: it was closed a moment ago, or its packets
     // take a route of their own.
     std::optional<KernelNote> ofLostSocket(const FlowTuple& flow) const;
 

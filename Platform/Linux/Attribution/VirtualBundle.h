@@ -21,7 +21,7 @@ std::string identifierThatFits(std::string_view identifier);
 // The path of a program inside the virtual bundle of `identifier`, which fits.
 std::string virtualProgramPath(std::string_view identifier);
 
-// The identifier of the virtual bundle at `bundlePath`; nothing if that is the path of none.
+// The identifier of the virtual bundle at `bundlePath`; null if that is the path of none.
 std::optional<std::string> virtualBundleIdentifier(std::string_view bundlePath);
 
 }  // namespace platform

@@ -14,7 +14,7 @@ namespace {
 
 thread_local EventLoop* loopOfThread = nullptr;
 
-// Without its own descriptors the process cannot begin; there is nobody to report to yet.
+// Without its own descriptors the process cannot begin; there is no one to report to yet.
 FileDescriptor orAbort(int descriptor) {
     if (descriptor < 0) std::abort();
     return FileDescriptor(descriptor);
@@ -39,7 +39,7 @@ EventLoop::EventLoop(SharedWork& work)
     : sharedWork(work),
       epoll(orAbort(::epoll_create1(EPOLL_CLOEXEC))),
       wakeUp(orAbort(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))) {
-    // Reported once for each write, so that nobody needs to read the counter.
+    // Reported once for each write, so that no one needs to read the counter.
     epoll_event event{EPOLLIN | EPOLLET, {.ptr = nullptr}};
     if (::epoll_ctl(epoll.get(), EPOLL_CTL_ADD, wakeUp.get(), &event) != 0) std::abort();
     event = {EPOLLIN | EPOLLEXCLUSIVE, {.ptr = &sharedWork}};

@@ -63,7 +63,7 @@ bool isTooLarge(int descriptor) {
            static_cast<std::size_t>(status.st_size) > largestFile;
 }
 
-// A name beside `path` that nobody can foresee.
+// A name beside `path` that no one can foresee.
 std::string temporaryNameBeside(std::string_view path) {
     std::array<std::uint8_t, 12> bytes;
     fillWithRandomBytes(bytes);

@@ -1,5 +1,5 @@
 // Follows what happens to the files of one folder, also across a removal or replacement of the
-// folder itself: it is then made anew and watched again. One thread uses it; it owns an inotify
+// folder itself: it is then made again and watched again. One thread uses it; it owns an inotify
 // instance, whose descriptor says when `read` has something to tell.
 #pragma once
 

@@ -1,7 +1,7 @@
 // The socket through which the host application's messages arrive: a connection carries one request,
 // ended by the end of writing, and at most one reply. One thread of its own serves all clients,
 // several at once. Only trusted accounts are heard; what a client may take of memory and time is
-// bounded, so that a slow or silent one costs nobody else anything. A socket that is removed, with or
+// bounded, so that a slow or silent one costs no one else anything. A socket that is removed, with or
 // without its folder, is made again.
 #pragma once
 

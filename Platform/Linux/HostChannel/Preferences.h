@@ -25,7 +25,7 @@ struct Preferences {
     bool isRelayWanted = true;
 
     // What the file holds now. A file that is not there holds nothing; each key is optional, and one
-    // of another type counts as absent. Nothing if the file is there but cannot be read or is no JSON
+    // of another type counts as absent. Null if the file is there but cannot be read or is no JSON
     // object, with one line that says so.
     static std::optional<Preferences> load();
 };

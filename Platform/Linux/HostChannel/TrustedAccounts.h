@@ -11,7 +11,7 @@ namespace platform {
 
 inline constexpr const char* trustedGroupName = "vantry";
 
-// The id of the group; nothing if the machine has no such group.
+// The id of the group; null if the machine has no such group.
 std::optional<gid_t> trustedGroup();
 
 // Whether an account is one of them: for files by their owner.

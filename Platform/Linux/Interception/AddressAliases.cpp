@@ -85,7 +85,7 @@ public:
         if (--found->second == 0) users.erase(found);
     }
 
-    // Puts aliases for what has vanished, renews them, and takes those that nobody needs any more.
+    // Puts aliases for what has vanished, renews them, and takes those that no one needs any more.
     void follow(const NetworkState& network) {
         const MutexGuard guard(asking);
         if (!socket) return;
@@ -122,7 +122,7 @@ private:
 
 Result<> AddressAliases::Table::put(const Address& address, std::uint32_t seconds) {
     auto request = addressRequest(RTM_NEWADDR, NLM_F_CREATE | NLM_F_REPLACE, address);
-    // Never preferred: nobody shall choose it as the source of a new flow.
+    // Never preferred: no one shall choose it as the source of a new flow.
     const ifa_cacheinfo lifetime{0, seconds, 0, 0};
     request.put(IFA_FLAGS, std::uint32_t{IFA_F_NODAD}).put(IFA_CACHEINFO, lifetime);
     return socket->request(request);

@@ -49,7 +49,7 @@ void fillFrom(const sockaddr_storage& address, std::array<std::uint8_t, 16>& byt
     }
 }
 
-// The flow as its application sees it; nothing if the connection was not redirected.
+// The flow as its application sees it; null if the connection was not redirected.
 std::optional<FlowTuple> originalFlow(int socket, const sockaddr_storage& peer) {
     const bool isIPv4 = peer.ss_family == AF_INET;
     sockaddr_storage wanted{};

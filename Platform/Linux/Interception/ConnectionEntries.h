@@ -41,7 +41,7 @@ public:
     std::optional<std::uint32_t> markOf(const FlowTuple& flow);
 
     // The flow as its first packet opened it, before any translation, found by what its answers
-    // look like. Nothing if there is no such entry.
+    // look like. Null if there is no such entry.
     std::optional<FlowTuple> openingOf(const FlowTuple& answers);
 
 private:

@@ -56,7 +56,7 @@ struct PacketTableContent {
 };
 
 // Whether the table belongs to our socket alone. Kernels before 5.12 know only shared tables, which
-// others can flush and which stay behind when the process dies; with nobody reading the queues
+// others can flush and which stay behind when the process dies; with no one reading the queues
 // their packets pass.
 enum class TableOwnership { exclusive, shared };
 

@@ -44,7 +44,7 @@ sigset_t endSignals() {
 }
 
 // Calls `operation` with a completion and waits for that, so long as is reasonable. What the
-// completion was given; nothing if it did not come.
+// completion was given; null if it did not come.
 template <class Result, class Operation>
 std::optional<Result> await(std::chrono::milliseconds longest, Operation operation) {
     const auto done = std::make_shared<std::promise<Result>>();

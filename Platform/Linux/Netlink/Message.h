@@ -29,7 +29,7 @@ public:
                 mnl_nlmsg_get_payload_len(message)};
     }
 
-    // The structure that the message begins with, after netlink's own header; nothing if the message
+    // The structure that the message begins with, after netlink's own header; null if the message
     // is shorter.
     template <class Header>
     std::optional<Header> fixedHeader() const {

@@ -88,7 +88,7 @@ private:
     template <class Visit>
     Result<> converse(nlmsghdr& message, Visit& visit, bool firstAnswerIsAll);
     Result<> sendNumbered(nlmsghdr& message);
-    // How the conversation ended; nothing if the message is a part of the answer.
+    // How the conversation ended; null if the message is a part of the answer.
     static std::optional<Result<>> endOf(const Message& answer, bool isDumpSpoilt);
 
     std::unique_ptr<mnl_socket, Close> socket;

@@ -49,7 +49,7 @@ bool hasModem(const NetworkInterface& interface) {
     return isModem && isSameIndex;
 }
 
-// Nothing if it has no name.
+// Null if it has no name.
 std::optional<NetworkInterface> readLink(const netlink::Message& message) {
     const auto header = message.fixedHeader<ifinfomsg>();
     if (!header) return std::nullopt;

@@ -84,7 +84,7 @@ private:
     enum class Phase : std::uint8_t { connecting, open, finishing, closed };
     // What a finishing socket remembers.
     struct Finishing {
-        std::shared_ptr<StreamSocket> self;  // nobody else holds it any more
+        std::shared_ptr<StreamSocket> self;  // no one else holds it any more
         Farewell farewell;
         bool isLookedAfter = false;
         std::optional<std::size_t> undelivered;  // as of the last check

@@ -58,7 +58,7 @@ public:
         return changed.wait_for(guard, std::chrono::seconds(20),
                                 [&] { return nextSession >= count; });
     }
-    // As the provider does: one that has not been started tells nobody of its end.
+    // As the provider does: one that has not been started tells no one of its end.
     void cancelAll() {
         std::unique_lock guard(mutex);
         const auto ending = std::exchange(sessions, {});

@@ -104,7 +104,7 @@ struct KeepingReader final : StreamSocket::Owner {
     Awaited<std::size_t> isOver;
 };
 
-// While nobody takes the bytes on, each further read takes little.
+// While no one takes the bytes on, each further read takes little.
 TEST(StreamSocket, BytesThatNobodyTakesDoNotFillTheMemory) {
     constexpr std::size_t length = RelayMemory::budget + 1'000'000;
     KeepingReader reader(2 * RelayMemory::smallBlock);

@@ -82,7 +82,7 @@ FileDescriptor opened(const Opening& how, std::uint16_t port) {
     FileDescriptor socket(::socket(how.family, how.type, 0));
     if (how.isBoundToDevice) ::setsockopt(socket.get(), SOL_SOCKET, SO_BINDTODEVICE, "lo", 2);
     const auto to = SocketAddress::fromNumeric(how.to, port).value();
-    // Nobody may listen there: that the socket names its peer is what counts.
+    // No one may listen there: that the socket names its peer is what counts.
     if (how.hasPeer) std::ignore = ::connect(socket.get(), &to.any, to.length);
     if (!how.hasPeer) ::sendto(socket.get(), "x", 1, 0, &to.any, to.length);
     return socket;
@@ -108,7 +108,7 @@ protected:
         if (!reasonToSkip.empty()) GTEST_SKIP() << reasonToSkip;
     }
 
-    // The process id of the flow's owner, 0 for a system account, -1 for nobody.
+    // The process id of the flow's owner, 0 for a system account, -1 for no one.
     pid_t ownerPid(const FlowTuple& flow) {
         const auto owner = attribution->ownerOf(flow);
         return owner ? owner->pid : -1;
@@ -313,7 +313,7 @@ TEST_F(FlowOwnersByNotes, ADatagramOutlivesItsSocketAndItsProcess) {
     const auto beacon = folder.addProgram("Beacon.app/Contents/MacOS/Beacon");
     const auto sync = folder.addProgram("sync");
     const auto send = "echo >/dev/udp/127.0.0.1/" + std::to_string(destination.port);
-    // A program that nobody has seen before; a child that was forked from it; a program that it has
+    // A program that no one has seen before; a child that was forked from it; a program that it has
     // started. All of them are gone when their datagram is asked about.
     for (const auto& script : {send, "(" + send + "); :", sync + " -c '" + send + "'; :"}) {
         RunningProgram program(beacon, "echo ready $$; kill -STOP $$; " + script, becomePerson);

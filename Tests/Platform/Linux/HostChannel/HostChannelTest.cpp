@@ -151,7 +151,7 @@ public:
           }) {}
 
     void tell(const std::string& line) const { sendAll(channel.near, line + "\n"); }
-    // What it says next; nothing if it says nothing for so long.
+    // What it says next; null if it says nothing for so long.
     std::string said(int milliseconds = 20'000) const {
         pollfd state{channel.near.get(), POLLIN, 0};
         std::string line;
@@ -202,7 +202,7 @@ TEST_F(HostChannelTest, SleepWaitsForTheProviderAndSurvivesTheBus) {
     EXPECT_EQ(manager->said(), "taken\n");
     EXPECT_TRUE(eventually([&] { return provider->wakes == 1; }));
 
-    // A login manager that starts anew is asked again.
+    // A login manager that starts again is asked again.
     manager.reset();
     startManager();
     // So is a bus; a waking that was missed meanwhile is made up for.
