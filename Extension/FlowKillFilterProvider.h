@@ -55,7 +55,11 @@ private:
     static Names namesOf(std::int32_t pid, IsKnown&& isKnown) {
         auto own = ProcessUtils::getBundleIdForPid(pid);
         if (own && isKnown(*own)) return {std::move(own), std::nullopt};
-        return {std::move(own), ProcessUtils::nearestKnownAncestor(pid, isKnown)};
+        return {std::move(own), resolveViaProcessTree(pid, isKnown)};
+    }
+    template <std::predicate<const std::string&> IsKnown>
+    static std::optional<std::string> resolveViaProcessTree(std::int32_t pid, IsKnown&& isKnown) {
+        return ProcessUtils::nearestKnownAncestor(pid, isKnown);
     }
 
     platform::NEFilterNewFlowVerdict verdictForBlockedApp(const platform::NEFilterFlow& flow,

@@ -136,7 +136,7 @@ private:
     };
     KnownName findKnownName(const std::string& bundleId, const AuditToken& auditToken,
                             const RuleState& rules) const;
-    KnownName findKnownAncestor(const platform::Data& auditToken, const RuleState& rules) const;
+    KnownName resolveViaProcessTree(const platform::Data& auditToken, const RuleState& rules) const;
     void registerChildMappingIfNeeded(std::string_view resolvedBundleId,
                                       const AuditToken& auditToken) const;
 

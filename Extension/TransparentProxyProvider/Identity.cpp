@@ -140,13 +140,13 @@ TransparentProxyProvider::KnownName TransparentProxyProvider::findKnownName(
         if (rules.hasKnownRule(candidate)) return {std::move(candidate), Through::prefix};
     }
     if (auditToken) {
-        auto ancestor = findKnownAncestor(*auditToken, rules);
+        auto ancestor = resolveViaProcessTree(*auditToken, rules);
         if (ancestor.through != Through::nothing) return ancestor;
     }
     return {bundleId, Through::nothing};
 }
 
-TransparentProxyProvider::KnownName TransparentProxyProvider::findKnownAncestor(
+TransparentProxyProvider::KnownName TransparentProxyProvider::resolveViaProcessTree(
     const Data& auditToken, const RuleState& rules) const {
     using Through = KnownName::Through;
     if (auto cached = processCache.find(auditToken))

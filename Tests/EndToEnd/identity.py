@@ -79,7 +79,7 @@ def _install_browser() -> Application:
 
 
 def _installed_application(stage, browser: Application) -> None:
-    """Known by its .desktop file, and no one's part, whoever starts it."""
+    """Known by its .desktop file, and no one's part, no matter who starts it."""
     stage.apply(Rules(rules={browser.identifier: "direct"}, blockedApps=(STUDIO,)))
     _expect_way(stage, "direct: an installed application", stage.expect_physical, browser)
     if not world.is_root_world():
