@@ -13,8 +13,6 @@ using simulated::machine;
 
 namespace {
 
-constexpr double secondsUntilAnAbsentApplicationIsGivenUp = 10;
-
 NSError notConnected() { return {NEAppProxyErrorDomain, 1, "The flow is not connected"}; }
 NSError aborted() { return {NEAppProxyErrorDomain, 5, "The flow was ended by the filter"}; }
 
@@ -62,11 +60,6 @@ void NEAppProxyTCPFlow::Implementation::failOpening(NSError error) {
 void NEAppProxyTCPFlow::Implementation::delayOpening(double seconds) {
     const MutexGuard guard(mutex);
     openingDelay = seconds;
-}
-
-void NEAppProxyTCPFlow::Implementation::neverCome() {
-    const MutexGuard guard(mutex);
-    applicationNeverComes = true;
 }
 
 std::string NEAppProxyTCPFlow::Implementation::receivedByApplication() const {
@@ -132,15 +125,13 @@ void NEAppProxyTCPFlow::Implementation::open(ErrorCompletion completion) {
 void NEAppProxyTCPFlow::Implementation::proceedWithOpening() {
     if (isHeld || opening != Opening::held) return;
     opening = Opening::underWay;
-    const double delay =
-        applicationNeverComes ? secondsUntilAnAbsentApplicationIsGivenUp : openingDelay;
     // The event owns the completion, so that a world that ends before it lets go of both.
     auto finish = [self = shared_from_this(), completion = std::move(openCompletion)]() mutable {
         self->finishOpening(std::move(completion));
     };
     // An application that takes its time is waited for as a timer is: only by letting time pass.
-    if (delay > 0)
-        machine().scheduler.startTimer(delay, "flow open", std::move(finish));
+    if (openingDelay > 0)
+        machine().scheduler.startTimer(openingDelay, "flow open", std::move(finish));
     else
         machine().scheduler.deliver("flow open", std::move(finish));
 }
@@ -158,7 +149,6 @@ void NEAppProxyTCPFlow::Implementation::finishOpening(ErrorCompletion completion
 std::optional<NSError> NEAppProxyTCPFlow::Implementation::outcomeOfOpening() {
     if (openingError) return openingError;
     if (isDropped) return aborted();
-    if (applicationNeverComes) return notConnected();
     // Closed before it was open: either answer is within the contract.
     const bool wasClosed = isReadClosed() || isWriteClosed();
     if (wasClosed && machine().scheduler.takesLiberty(2)) return notConnected();
@@ -268,7 +258,6 @@ void NEAppProxyTCPFlow::Implementation::closeWrite(Close error) {
 void NEAppProxyTCPFlow::Implementation::letGo() {
     const MutexGuard guard(mutex);
     if (isDeclined) return;
-    done.wasLetGoOpen = !isReadClosed() || !isWriteClosed();
     isLetGo = true;
     serveRead();
     serveWrite();

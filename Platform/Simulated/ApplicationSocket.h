@@ -25,7 +25,6 @@ public:
         int writes = 0;                  // writeData calls
         std::vector<Close> readCloses;   // every call, also those behind the first
         std::vector<Close> writeCloses;  // likewise
-        bool wasLetGoOpen = false;       // the flow object went with a direction not closed
     };
 
     // The test's and the platform's side.
@@ -37,7 +36,6 @@ public:
     void failNextWrite(NSError error);
     void failOpening(NSError error);
     void delayOpening(double seconds);
-    void neverCome();
     std::string receivedByApplication() const;
     Record record() const;
     bool isClosed() const;
@@ -85,7 +83,6 @@ private:
     bool isDropped GUARDED_BY(mutex) = false;
     bool isDeclined GUARDED_BY(mutex) = false;
     bool isLetGo GUARDED_BY(mutex) = false;
-    bool applicationNeverComes GUARDED_BY(mutex) = false;
     double openingDelay GUARDED_BY(mutex) = 0;
     std::optional<NSError> openingError GUARDED_BY(mutex);
     ErrorCompletion openCompletion GUARDED_BY(mutex);

@@ -87,7 +87,6 @@ void Flow::stopsReading() { socket()->applicationStopsReading(); }
 void Flow::readsOn() { socket()->applicationReadsOn(); }
 void Flow::failsOpening(NSError error) { socket()->failOpening(std::move(error)); }
 void Flow::opensAfter(double seconds) { socket()->delayOpening(seconds); }
-void Flow::neverOpens() { socket()->neverCome(); }
 void Flow::failsNextWrite(NSError error) { socket()->failNextWrite(std::move(error)); }
 
 // What became of it.

@@ -58,7 +58,6 @@ public:
     // How the opening of a claimed flow goes; said before it is offered.
     void failsOpening(NSError error);
     void opensAfter(double seconds);
-    void neverOpens();
     void failsNextWrite(NSError error);
 
     // What became of it.

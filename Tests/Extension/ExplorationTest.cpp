@@ -245,24 +245,7 @@ private:
 
     std::string anyFile() { return world.draw(10) == 0 ? "not json" : anyRules(); }
     std::string anyRules() {
-        static constexpr std::array words{"direct", "vpn", "block", "odd"};
-        const auto anyWord = [&] { return std::string(words[world.draw(words.size())]); };
-        const auto flag = [&](const char* name, std::string value) {
-            return world.draw(2) ? std::string(",\"") + name + "\":" + value : std::string();
-        };
-        std::string rules, blocked;
-        for (const auto* name : {"A", "B", "C"}) {
-            if (world.draw(3) != 0)
-                rules += std::string(rules.empty() ? "" : ",") + "\"com.example." + name + "\":\"" +
-                         anyWord() + "\"";
-            if (world.draw(5) == 0)
-                blocked += std::string(blocked.empty() ? "" : ",") + "\"com.example." + name + "\"";
-        }
-        return "{\"rules\":{" + rules + "}" + flag("defaultAction", "\"" + anyWord() + "\"") +
-               flag("vpnConnected", world.draw(2) ? "true" : "false") +
-               flag("vpnFallback", world.draw(2) ? "\"block\"" : "\"allow\"") +
-               flag("directFallback", world.draw(2) ? "\"block\"" : "\"vpn\"") +
-               ",\"blockedApps\":[" + blocked + "]}";
+        return randomRules(world, {"com.example.A", "com.example.B", "com.example.C"});
     }
     const char* anyMessage() {
         return std::array{R"({"type":"getStatus"})", R"({"type":"getActiveApps"})",

@@ -3,43 +3,22 @@
 
 #include "Extension/FlowExplanation.h"
 
-#include <array>
 #include <string>
-#include <string_view>
+#include <vector>
 
 #include "Tests/Extension/TransparentProxyProvider/ProxyTest.h"
 
 namespace vantry {
 namespace {
 
-constexpr std::array<std::string_view, 6> names{
-    "a.b", "a.b.c", "a.b.c.d", "p.q.r", "com.wireguard.macos", "z"};
-
-std::string quoted(std::string_view text) { return '"' + std::string(text) + '"'; }
-
-std::string randomRules(World& world) {
-    std::string rules;
-    std::string blocked;
-    for (const auto name : names) {
-        if (world.draw(3) == 0)
-            rules += (rules.empty() ? "" : ",") + quoted(name) + ":" +
-                     quoted(std::array{"direct", "vpn", "block"}[world.draw(3)]);
-        if (world.draw(6) == 0) blocked += (blocked.empty() ? "" : ",") + quoted(name);
-    }
-    const auto either = [&](auto yes, auto no) {
-        return std::string(world.draw(2) == 0 ? yes : no);
-    };
-    return R"({"rules":{)" + rules + R"(},"blockedApps":[)" + blocked + R"(],"defaultAction":)" +
-           either(R"("vpn")", R"("direct")") + R"(,"vpnConnected":)" + either("true", "false") +
-           R"(,"vpnFallback":)" + either(R"("block")", R"("allow")") + R"(,"directFallback":)" +
-           either(R"("block")", R"("allow")") + "}";
-}
+const std::vector<std::string> names{"a.b", "a.b.c", "a.b.c.d", "p.q.r", "com.wireguard.macos",
+                                     "z"};
 
 Process randomProcess(World& world, std::vector<Process>& before) {
     Process process{.path = "/bin/" + std::to_string(before.size()),
                     .parent = before.empty() ? 1 : before[world.draw(before.size())].pid,
                     .effectiveUserId = world.draw(5) == 0 ? 0u : 501u,
-                    .signingIdentifier = std::string(names[world.draw(names.size())])};
+                    .signingIdentifier = names[world.draw(names.size())]};
     if (world.draw(3) > 0) {
         const auto bundle = "/A" + std::to_string(before.size()) + ".app";
         world.bundle(bundle, world.draw(2) == 0 ? process.signingIdentifier
@@ -78,12 +57,12 @@ void explanations(World& world) {
     world.peer("h", 443).echoes();
     world.peer("h", 53).echoes();
     if (world.draw(4) > 0) world.setPath({{"en0", NWInterface::InterfaceType::wifi}});
-    world.files.put(rulesFile, randomRules(world));
+    world.files.put(rulesFile, randomRules(world, names));
     ASSERT_TRUE(world.start());
     std::vector<Process> processes;
     for (int step = 0; step < 12; ++step) {
         if (world.draw(3) == 0) {
-            world.files.put(rulesFile, randomRules(world));
+            world.files.put(rulesFile, randomRules(world, names));
             world.post(rulesChanged);
             world.runUntilIdle();
         }

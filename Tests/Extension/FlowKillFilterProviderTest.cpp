@@ -138,10 +138,20 @@ TEST_F(FilterTest, ACachedAnswerStandsWhateverTheSetsSayLater) {
     EXPECT_EQ(offer(tool), drop);
 }
 
+// The proxy's cache is of the same kind.
 TEST_F(FilterTest, AFullCacheGoesAtOnceBeforeTheNextStore) {
     coordinator.updateBlockedApps(share({"com.example.App"}));
-    expectAThousandRemembered(
-        app, [&](const Process& process) { offer(process); }, 0);
+    auto isAskedFor = [&, process = app](std::uint32_t version) mutable {
+        process.version = version;
+        world.processes.forgetQuestions();
+        offer(process);
+        return world.processes.questions() > 0;
+    };
+    for (std::uint32_t version = 1; version <= 1000; ++version) ASSERT_TRUE(isAskedFor(version));
+    EXPECT_FALSE(isAskedFor(1) || isAskedFor(1000));
+    EXPECT_TRUE(isAskedFor(1001));
+    EXPECT_FALSE(isAskedFor(1001));
+    EXPECT_TRUE(isAskedFor(1000) && isAskedFor(1));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -29,6 +30,34 @@ inline constexpr const char* proxyCategory = "TransparentProxy";
 inline NSError peerReset() {
     return {NEAppProxyErrorDomain, NEAppProxyFlowErrorPeerReset,
             "The application's peer reset the flow"};
+}
+
+// A rules file drawn from the seed: a rule for most of these applications, some blocked, and any of the
+// other keys.
+inline std::string randomRules(World& world, const std::vector<std::string>& applications) {
+    const auto either = [&](const char* one, const char* other) {
+        return world.draw(2) == 0 ? one : other;
+    };
+    const auto anyWord = [&] {
+        return std::array{R"("direct")", R"("vpn")", R"("block")", R"("odd")"}[world.draw(4)];
+    };
+    std::string rules, blocked, keys;
+    const auto add = [](std::string& list, const std::string& item) {
+        list += (list.empty() ? "" : ",") + item;
+    };
+    for (const auto& application : applications) {
+        const auto name = '"' + application + '"';
+        if (world.draw(3) != 0) add(rules, name + ":" + anyWord());
+        if (world.draw(5) == 0) add(blocked, name);
+    }
+    const std::pair<std::string, const char*> others[] = {
+        {"defaultAction", anyWord()},
+        {"vpnConnected", either("true", "false")},
+        {"vpnFallback", either(R"("block")", R"("allow")")},
+        {"directFallback", either(R"("block")", R"("vpn")")}};
+    for (const auto& [key, value] : others)
+        if (world.draw(2) == 0) keys += ",\"" + key + "\":" + value;
+    return R"({"rules":{)" + rules + R"(},"blockedApps":[)" + blocked + "]" + keys + "}";
 }
 
 class ProxyTest : public testing::Test {
@@ -81,22 +110,6 @@ protected:
         return routed(signingIdentifier).decision;
     }
 
-    // Whoever asks for a flow's owner remembers a thousand of them, and then none of those. One that is
-    // remembered costs this many questions.
-    template <class Ask>
-    void expectAThousandRemembered(Process process, Ask ask, std::size_t questions) {
-        const auto isNew = [&](std::uint32_t version) {
-            process.version = version;
-            world.processes.forgetQuestions();
-            ask(process);
-            return world.processes.questions() > questions;
-        };
-        for (std::uint32_t version = 1; version <= 1000; ++version) ASSERT_TRUE(isNew(version));
-        EXPECT_FALSE(isNew(1) || isNew(1000));
-        EXPECT_TRUE(isNew(1001));
-        EXPECT_FALSE(isNew(1001));
-        EXPECT_TRUE(isNew(1000) && isNew(1));
-    }
     // The entries of the log file as it stands.
     std::vector<ActivityLogEntryIPC> logFileEntries() const {
         const auto decoded =

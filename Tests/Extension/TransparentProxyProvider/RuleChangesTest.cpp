@@ -48,6 +48,7 @@ TEST_F(RuleChangesTest, ChangesAreFoundByEachSidesTableAndTheNewDefault) {
         {direct, vpn, "vpn", {became}, true, false},
         {direct, R"("a":"block")", "vpn", {became}, true, false},
         {vpn, direct, "vpn", {left}, false, true},
+        {vpn, R"("a":"block")", "vpn", {}, false, false},
         {direct, direct, "vpn", {}, false, false},
         {direct, "", "vpn", {became, "REMOVED rule: a was direct"}, true, false},
         {direct, "", "direct", {"REMOVED rule: a was direct"}, false, false},

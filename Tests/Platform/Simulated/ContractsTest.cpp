@@ -1,9 +1,96 @@
+// What a flow and a connection keep to, and the breaches on the core's side that they name.
+
 #include "Platform/Simulated/Contracts.h"
 #include "Platform/Simulated/Expectations.h"
 #include "Platform/Simulated/FlowBytes.h"
 
 namespace platform::simulated {
 namespace {
+
+using Kind = NWConnection::State::Kind;
+const NSError broken{"posix", 54, "Connection reset by peer"};
+const auto pool = DispatchQueue::global(QualityOfService::userInitiated);
+
+// A connection whose states and completions are written down in order.
+struct Relay {
+    Relay()
+        : connection(std::make_unique<NWConnection>(
+              NWEndpoint::Host("peer"), *NWEndpoint::Port::fromString("443"), NWParameters{})) {
+        connection->setStateUpdateHandler([this](const NWConnection::State& state) {
+            events += state.kind == Kind::cancelled ? "cancelled " : "";
+        });
+    }
+
+    void send(const std::string& bytes) {
+        connection->send(
+            bytes, NWConnection::ContentContext::defaultMessage, true,
+            [this](std::optional<NSError> error) { events += error ? "unsent " : "sent "; });
+    }
+    void receive() {
+        connection->receive(1, 65536,
+                            [this](std::optional<Data> data, NWConnection::ContentContext,
+                                   bool isComplete, std::optional<NSError> error) {
+                                if (data && !data->isEmpty()) events += bytesOf(*data);
+                                if (isComplete) events += "|";
+                                if (error) events += "!";
+                                events += " ";
+                            });
+    }
+    std::string take() { return std::exchange(events, {}); }
+
+    std::unique_ptr<NWConnection> connection;
+    std::string events;
+};
+
+TEST(Connection, ACancelCompletesWhatIsOutstandingThenGivesTheFinalStateThenNothing) {
+    for (std::uint64_t seed = 1; seed <= 50; ++seed) {
+        World world({.order = Order::drawn, .seed = seed});
+        auto slow = world.peer("peer", 443);
+        slow.stopsReading();
+        Relay dropped;
+        dropped.connection->start(pool);
+        world.runUntilIdle();
+        dropped.receive();
+        dropped.connection.reset();
+        world.runUntilIdle();
+        EXPECT_EQ(dropped.take(), "! ") << "what is outstanding completes, and no state comes";
+        Relay relay;
+        relay.connection->start(pool);
+        world.runUntilIdle();
+        relay.send("x");
+        relay.receive();
+        relay.connection->cancel();
+        relay.connection->cancel();
+        EXPECT_EQ(relay.events, "") << "nothing runs inside the call";
+        world.runUntilIdle();
+        EXPECT_THAT(relay.take(), testing::AnyOf("unsent ! cancelled ", "! unsent cancelled "));
+        slow.sends("late");
+        slow.makesWaiting(broken);
+        world.advance(100);
+        EXPECT_EQ(relay.take(), "");
+    }
+}
+
+TEST(Connection, BreachesOnTheCoresSideAreNamed) {
+    World world;
+    auto peer = world.peer("peer", 443);
+    Relay relay;
+    relay.connection->start(pool);
+    peer.stopsReading();
+    collectBreaches(true);
+    relay.connection->start(pool);
+    relay.connection->setStateUpdateHandler([](const NWConnection::State&) {});
+    relay.send("x");
+    relay.send("y");
+    relay.receive();
+    relay.receive();
+    EXPECT_EQ(takeBreaches(),
+              (std::vector<std::string>{"a connection is started a second time",
+                                        "a state handler is set on a connection that was started",
+                                        "a send is called while one is outstanding",
+                                        "a receive is called while one is outstanding"}));
+    collectBreaches(false);
+}
 
 const NSError reset{NEAppProxyErrorDomain, NEAppProxyFlowErrorPeerReset, ""};
 
@@ -65,28 +152,14 @@ TEST_F(FlowTest, CompletionsRunLaterAndOnce) {
     EXPECT_EQ(flow.record().readCloses, (std::vector<std::optional<NSError>>{reset}));
     EXPECT_EQ(flow.record().writeCloses, (std::vector<std::optional<NSError>>{reset, {}}));
     EXPECT_FALSE(flow.isClosedOnceWith(reset));
-}
-
-TEST_F(FlowTest, WhatIsOutstandingCompletesWhenNobodyComesOrTheFlowIsLetGo) {
-    flow.neverOpens();
-    open();
-    world.advance(20);
-    EXPECT_EQ(take(), "unopened ");
-
-    flow = world.tcpFlow(app, "example.com", "1");
-    object = flow.object();
-    open();
-    object->closeReadWithError(std::nullopt);
-    EXPECT_EQ(takeWhenIdle(), "opened ");
-
-    flow = world.tcpFlow(app, "example.com", "2");
+    // A flow that is dropped open completes what is outstanding too.
+    flow = world.tcpFlow(app, "example.com", "80");
     object = flow.object();
     open();
     EXPECT_EQ(takeWhenIdle(), "opened ");
     read();
     object.reset();
     EXPECT_EQ(takeWhenIdle(), "unread ");
-    EXPECT_TRUE(flow.record().wasLetGoOpen);
 }
 
 TEST_F(FlowTest, BreachesOnTheCoresSideAreNamed) {
