@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -108,22 +109,30 @@ private:
     }
 
     void look(const std::string& path) {
-        struct stat status {};
-        Entry entry;
-        const bool isList = ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
-                            status.st_size <= static_cast<off_t>(largestPropertyList);
-        if (isList) entry.version = versionOf(status);
-        const auto known = find(path);
-        if (isList && known && known->version == entry.version) {
-            entry.identifier = known->identifier;
-        } else if (isList) {
-            const auto text = readPropertyList(path);
-            entry.identifier = text ? identifierInPropertyList(*text) : std::nullopt;
-        }
-        entry.seen = Clock::now();
+        auto entry = entryFor(path);
+        if (!entry) return;
+        entry->seen = Clock::now();
         const MutexGuard guard(lock);
         if (entries.size() >= limit) entries.clear();
-        entries.insert_or_assign(path, std::move(entry));
+        entries.insert_or_assign(path, std::move(*entry));
+    }
+
+    // None where the file system doesn't tell, as one that has just stopped to hang: what is known holds.
+    std::optional<Entry> entryFor(const std::string& path) {
+        struct stat status {};
+        if (::stat(path.c_str(), &status) != 0) {
+            if (errno == ENOENT || errno == ENOTDIR) return Entry{};
+            return std::nullopt;
+        }
+        Entry entry;
+        if (!S_ISREG(status.st_mode) || status.st_size > static_cast<off_t>(largestPropertyList))
+            return entry;
+        entry.version = versionOf(status);
+        if (const auto known = find(path); known && known->version == entry.version) return known;
+        const auto text = readPropertyList(path);
+        if (!text) return std::nullopt;
+        entry.identifier = identifierInPropertyList(*text);
+        return entry;
     }
 
     Mutex lock;  // held for table work only
