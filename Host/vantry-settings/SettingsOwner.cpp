@@ -139,7 +139,7 @@ void SettingsOwner::timePassed(SecondsSince1970 now) {
 
 Outcome<> SettingsOwner::store(Document document, Choices changed) {
     changed.writeInto(document);
-    const auto replaced = PreferencesFile::replace(preferences, document);
+    auto replaced = PreferencesFile::replace(preferences, document);
     if (failureOf(replaced)) return replaced;
     adopt(std::move(document), std::move(changed));
     return replaced;

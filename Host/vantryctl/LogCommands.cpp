@@ -142,8 +142,8 @@ void printEntries(const std::vector<ActivityLogEntryIPC>& log, const LogOptions&
         }
         auto row = logRow(entry, context);
         std::ranges::transform(row, row.begin(), [](const auto& cell) { return printable(cell); });
-        console.out << table.rowText(row,
-                                     console.isTerminal() ? widths : table.wideEnough(row, widths));
+        console.out << table.rowText(
+            row, console.isTerminal() ? widths : Table::wideEnough(row, widths));
     }
     console.out.flush();
 }

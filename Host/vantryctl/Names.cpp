@@ -60,7 +60,7 @@ std::string programCalled(const std::string& name) {
     if (name.find('/') != std::string::npos) return "";
     struct stat file {};
     for (const auto& folder : foldersOfPrograms()) {
-        auto path = folder + "/" + name;
+        auto path = fmt::format("{}/{}", folder, name);
         if (stat(path.c_str(), &file) == 0 && S_ISREG(file.st_mode)) return path;
     }
     return "";

@@ -23,7 +23,6 @@
 
 namespace vantryctl {
 
-using platform::ProcessKind;
 using vantryhost::Choices;
 
 namespace {
@@ -75,6 +74,7 @@ std::string madeGroup(const Group& group) {
 
 std::vector<char*> argumentsOf(const std::vector<std::string>& words) {
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (const auto& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
     arguments.push_back(nullptr);
     return arguments;

@@ -44,7 +44,7 @@ public:
 protected:
     Item(Place place, std::string_view key, std::string_view label);
     // Each kind of item leaves the list first of all, before its own fields go.
-    virtual ~Item() = default;
+    ~Item() = default;
     void enlist();
     void leave();
 

@@ -35,7 +35,8 @@ bool isDelivered(const FileDescriptor& socket) {
 void reset(const FileDescriptor& socket) {
     sockaddr nothing{};
     nothing.sa_family = AF_UNSPEC;
-    ::connect(socket.get(), &nothing, sizeof nothing);
+    // One that has ended by itself needs no reset.
+    static_cast<void>(::connect(socket.get(), &nothing, sizeof nothing));
 }
 
 // Of a link below /proc that leads to a socket.

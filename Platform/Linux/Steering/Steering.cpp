@@ -218,8 +218,7 @@ bool Steering::Socket::hasNetwork(const std::vector<Uplink>& uplinks) {
     const auto uplink = std::ranges::find(uplinks, interfaceIndex, &Uplink::interfaceIndex);
     if (uplink == uplinks.end()) return false;
     const auto& addresses = uplink->reach(flow.family).addresses;
-    return std::ranges::any_of(
-        addresses, [&](const InterfaceAddress& address) { return address.bytes == source.bytes; });
+    return std::ranges::find(addresses, source.bytes, &InterfaceAddress::bytes) != addresses.end();
 }
 
 Result<std::shared_ptr<Steering::Work>> Steering::Work::begin(MarkPlace place) {
