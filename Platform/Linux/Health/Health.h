@@ -58,7 +58,7 @@ private:
 class Counter final : public Item {
 public:
     Counter(Place place, std::string_view key, std::string_view label);
-    ~Counter() override { leave(); }
+    ~Counter() { leave(); }
 
     void add(std::uint64_t count = 1) { number.fetch_add(count, std::memory_order_relaxed); }
     std::uint64_t count() const { return number.load(std::memory_order_relaxed); }
@@ -74,7 +74,7 @@ class Gauge final : public Item {
 public:
     Gauge(Place place, std::string_view key, std::string_view label,
           std::function<std::uint64_t()> read);
-    ~Gauge() override { leave(); }
+    ~Gauge() { leave(); }
 
     JSONValue value() const override { return read(); }
 
@@ -86,7 +86,7 @@ private:
 class State final : public Item {
 public:
     State(Place place, std::string_view key, std::string_view label, std::string initial);
-    ~State() override { leave(); }
+    ~State() { leave(); }
 
     // False if it was so already.
     bool set(std::string words);
@@ -102,7 +102,7 @@ private:
 class Problem final : public Item {
 public:
     Problem(Place place, std::string_view key, std::string_view label);
-    ~Problem() override { leave(); }
+    ~Problem() { leave(); }
 
     // `detail`: what it is about this time. It replaces the one before if the problem is there already.
     bool begin(std::string detail);
