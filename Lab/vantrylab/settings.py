@@ -15,7 +15,9 @@ SOCKET = pathlib.Path("/run/org.quillmere.Vantry/settings.sock")
 
 def start(fault: pathlib.Path | None = None) -> subprocess.Popen:
     """Starts it and returns once it answers; with a file in which faults of its file calls are ordered."""
-    faults = {"LD_PRELOAD": str(FAULTY_FILES), "FAULT_FILE": str(fault)} if fault else {}
+    # The address sanitizer would insist on being loaded first.
+    faults = {"LD_PRELOAD": str(FAULTY_FILES), "FAULT_FILE": str(fault),
+              "ASAN_OPTIONS": "verify_asan_link_order=0"} if fault else {}
     service = subprocess.Popen([str(PROGRAM)], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                stderr=subprocess.DEVNULL, env={**os.environ, **faults})
     network.wait_until(_answers, "the settings service answers")
