@@ -128,7 +128,7 @@ private:
         if (!S_ISREG(status.st_mode) || status.st_size > static_cast<off_t>(largestPropertyList))
             return entry;
         entry.version = versionOf(status);
-        if (const auto known = find(path); known && known->version == entry.version) return known;
+        if (auto known = find(path); known && known->version == entry.version) return known;
         const auto text = readPropertyList(path);
         if (!text) return std::nullopt;
         entry.identifier = identifierInPropertyList(*text);

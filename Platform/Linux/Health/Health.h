@@ -33,6 +33,8 @@ class Item {
 public:
     Item(const Item&) = delete;
     Item& operator=(const Item&) = delete;
+    // Each kind of item leaves the list first of all, before its own fields go.
+    virtual ~Item() = default;
 
     Place place() const { return place_; }
     std::string_view key() const { return key_; }
@@ -43,8 +45,6 @@ public:
 
 protected:
     Item(Place place, std::string_view key, std::string_view label);
-    // Each kind of item leaves the list first of all, before its own fields go.
-    ~Item() = default;
     void enlist();
     void leave();
 
@@ -58,7 +58,7 @@ private:
 class Counter final : public Item {
 public:
     Counter(Place place, std::string_view key, std::string_view label);
-    ~Counter() { leave(); }
+    ~Counter() override { leave(); }
 
     void add(std::uint64_t count = 1) { number.fetch_add(count, std::memory_order_relaxed); }
     std::uint64_t count() const { return number.load(std::memory_order_relaxed); }
@@ -74,7 +74,7 @@ class Gauge final : public Item {
 public:
     Gauge(Place place, std::string_view key, std::string_view label,
           std::function<std::uint64_t()> read);
-    ~Gauge() { leave(); }
+    ~Gauge() override { leave(); }
 
     JSONValue value() const override { return read(); }
 
@@ -86,7 +86,7 @@ private:
 class State final : public Item {
 public:
     State(Place place, std::string_view key, std::string_view label, std::string initial);
-    ~State() { leave(); }
+    ~State() override { leave(); }
 
     // False if it was so already.
     bool set(std::string words);
@@ -102,7 +102,7 @@ private:
 class Problem final : public Item {
 public:
     Problem(Place place, std::string_view key, std::string_view label);
-    ~Problem() { leave(); }
+    ~Problem() override { leave(); }
 
     // `detail`: what it is about this time. It replaces the one before if the problem is there already.
     bool begin(std::string detail);

@@ -396,7 +396,7 @@ std::shared_ptr<SteeredSession> Steering::Work::leave(std::uint64_t cookie) {
     const MutexGuard guard(lock);
     const auto found = claims.find(cookie);
     if (found == claims.end()) return nullptr;
-    const auto session = found->second.session;
+    auto session = std::move(found->second.session);
     claims.erase(found);
     return session;
 }
