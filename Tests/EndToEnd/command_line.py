@@ -8,6 +8,7 @@ import re
 import signal
 import subprocess
 import threading
+import time
 import uuid
 
 from vantrylab import host, network, settings, world
@@ -121,19 +122,26 @@ def _views(stage) -> None:
         stage.checks.equal("a stranger may not clear the log", _use_tool("clear", **stranger).returncode, 4)
 
 
-def _screens_of_top(keys: list[str]) -> str:
-    """All that `top` draws on a terminal while the keys are typed, one after a screen has come."""
+def _screens_of_top(dialogue: list[tuple[str, str]]) -> str:
+    """All that `top` draws on a terminal; keys are typed once a text is there that was not before."""
     shown = b""
     child, terminal = pty.fork()
     if child == 0:
         os.execv(TOOL, [str(TOOL), "top"])
-    for key in keys:
-        shown += os.read(terminal, 65536)
-        os.write(terminal, key.encode())
+    for awaited, keys in dialogue:
+        piece, deadline = b"", time.monotonic() + 20
+        while awaited not in _without_controls(piece) and time.monotonic() < deadline:
+            piece += os.read(terminal, 65536)
+        shown += piece
+        os.write(terminal, keys.encode())
     with contextlib.suppress(OSError):  # the end of a terminal
         while piece := os.read(terminal, 65536):
             shown += piece
     os.waitpid(child, 0)
+    return _without_controls(shown)
+
+
+def _without_controls(shown: bytes) -> str:
     return re.sub(r"\x1b\[[?0-9;]*[a-zA-Z]", "", shown.decode(errors="replace")).replace("\r\n", " ")
 
 
@@ -152,7 +160,7 @@ def _sessions(stage) -> None:
     seen = {each["identifier"]: each for each in _document("top")["applications"]}
     stage.checks.check("top counts it, and its rate", seen[COURIER]["directConnections"] == 1 and
                        seen[COURIER]["sentPerSecond"] > 0 and seen[COURIER]["decidedBy"] == "rule", seen)
-    shown = _screens_of_top(["/cour\r", "e", " ", "q"])
+    shown = _screens_of_top([("q quit", "/cour\r"), ("q quit", "e"), ("the rule for", " "), ("q quit", "q")])
     for text in ("vantryctl top", COURIER, "the rule for com.example.courier is direct", "d direct"):
         stage.checks.check(f"top's screens have {text!r}", text in shown, shown)
     running.stop()
