@@ -4,7 +4,8 @@ Every round draws rules and the VPN's state, puts them in force, and lets many a
 network at once; each must fare as a small model of the rules says. Over many of the rounds a crowd
 of relayed connections stays open, through all that does not concern it. At the end nothing has
 grown. SOAK_SECONDS and SOAK_SEED change how long and what; the seed is printed, and the same one
-draws the same rounds.
+draws the same rounds. With SOAK_STEADY=1 one daemon lives through all of them, many short flows go beside
+them, and each minute a line says what there have been and what the daemon and the kernel hold.
 """
 
 import concurrent.futures
@@ -17,13 +18,15 @@ import random
 import resource
 import signal
 import subprocess
+import threading
 import time
 
-from vantrylab import network, verdicts
+from vantrylab import network, verdicts, world
 from vantrylab.applications import Application
 from vantrylab.host import Rules
 
 SECONDS = float(os.environ.get("SOAK_SECONDS", "20"))
+IS_STEADY = os.environ.get("SOAK_STEADY") == "1"
 NAMES = ("courier", "ledger", "chatter", "nobody", "studio", "fetch", "grab")
 ATTEMPTS_A_ROUND = 24
 # As many as the daemon has descriptors for: two for each, and some for its other work.
@@ -57,7 +60,8 @@ def run(stage) -> None:
     crowd.open()
     crowd.expect_untouched()
     before = _held_at_rest(stage.daemon)
-    _rounds(stage, draw)
+    with ShortFlows(stage, seed) if IS_STEADY else contextlib.nullcontext():
+        _rounds(stage, draw)
     if network.vpn_layout() is None:
         network.vpn_up()
     crowd.open()
@@ -82,7 +86,7 @@ def _rounds(stage, draw: random.Random) -> None:
         number += 1
         if draw.random() < 0.3:
             _flap(draw)
-        if draw.random() < 0.1:
+        if not IS_STEADY and draw.random() < 0.1:
             _restart(stage, draw)
             crowd.expect_broken()
         if crowd.is_open() and draw.random() < 0.2:
@@ -133,6 +137,68 @@ class Crowd:
         report = running.conclude()
         self._stage.checks.check("the daemon's end has ended the relayed connections",
                                  report["error"] in ("ECONNRESET", "EPIPE", "EOF", "ECONNABORTED"), report)
+
+
+class ShortFlows:
+    """Connections and datagrams of all applications, one after the other in each, while it is open.
+
+    Their server keeps a list of what it has seen, so it begins again each minute, when the figures are printed.
+    """
+
+    PORT, UNUSED_PORT = 9090, 9
+    SECONDS_BETWEEN = 0.02
+
+    def __init__(self, stage, seed: int):
+        self._stage = stage
+        self._is_over = threading.Event()
+        self._made = dict.fromkeys(NAMES, 0)
+        self._threads = [threading.Thread(target=self._make, args=(name, random.Random(f"{seed} {name}")))
+                         for name in NAMES] + [threading.Thread(target=self._print_figures)]
+
+    def __enter__(self):
+        for each in self._threads:
+            each.start()
+
+    def __exit__(self, *_):
+        self._is_over.set()
+        for each in self._threads:
+            each.join()
+
+    def _make(self, name: str, draw: random.Random) -> None:
+        process = self._stage.applications[name].start("serve")
+        while not self._is_over.wait(self.SECONDS_BETWEEN):
+            number = draw.randrange(250)
+            address = network.server_ipv4(number) if draw.random() < 0.5 else network.server_ipv6(number)
+            process.ask(draw.choice(("connect", "connect", "datagram")), address,
+                        draw.choice((self.PORT, self.PORT, self.UNUSED_PORT)), "--patience", 0.2)
+            self._made[name] += 1
+        process.stop()
+
+    def _print_figures(self) -> None:
+        minute, begun = 0, time.monotonic()
+        while not self._is_over.is_set():
+            server = self._serve()
+            self._is_over.wait(begun + 60 * (minute + 1) - time.monotonic())
+            minute += 1
+            held = _held_by(self._stage.daemon)
+            entries = int(pathlib.Path("/proc/sys/net/netfilter/nf_conntrack_count").read_text())
+            print(f"      minute {minute}: {sum(self._made.values())} short flows; the daemon: {held.kilobytes} KiB,"
+                  f" {held.descriptors.total()} descriptors, {held.threads} threads; the kernel: {entries}"
+                  f" connections, {_slab()} KiB of slab", flush=True)
+            server.kill()
+            server.wait()
+
+    def _serve(self) -> subprocess.Popen:
+        places = [f"{protocol}:{self.PORT}" for protocol in ("tcp", "udp")]
+        control = world.STATE / "short.sock"
+        control.unlink(missing_ok=True)
+        return subprocess.Popen(network.in_server([str(world.BUILD / "Lab" / "lab-server"), str(control), *places]))
+
+
+def _slab() -> int:
+    """Of the whole machine, which other programs use too."""
+    lines = dict(line.split(":", 1) for line in pathlib.Path("/proc/meminfo").read_text().splitlines())
+    return int(lines["SUnreclaim"].split()[0])
 
 
 def _flap(draw: random.Random) -> None:
