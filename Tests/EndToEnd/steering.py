@@ -17,7 +17,7 @@ TABLE = ("inet", "vantry_steering")
 
 def run(stage) -> None:
     network.vpn_up("policy")
-    stage.start_daemon(RULES, directCarriage="kernel")
+    stage.start_daemon(RULES)
     if not stage.is_carried_by_kernel():
         print("      this kernel, or this account, carries no connections: only the relay is there")
         stage.stop_daemon()
@@ -176,7 +176,7 @@ def _ends_of_the_daemon(stage) -> None:
     time.sleep(0.3)
     stage.checks.check("a killed daemon leaves the upload running", upload.process.poll() is None)
     started_at = stage.now()
-    stage.start_daemon(RULES, directCarriage="kernel")
+    stage.start_daemon(RULES)
     stage.expect_ended("the next start ends it", upload.finish(), started_at, ENDED)
     address = stage.ipv4()
     stage.expect_physical("a new one is direct", stage.courier.run("connect", address, 80), address)

@@ -83,12 +83,12 @@ std::set<uid_t> personalAccountsIn(const JSONObject& document) {
 }
 
 bool isRelayWantedIn(const JSONObject& document) {
-    const auto word = typedMember<std::string>(document, "directCarriage").value_or("relay");
+    const auto word = typedMember<std::string>(document, "directCarriage").value_or("kernel");
     if (word != "kernel" && word != "relay")
         hostChannelLog.error(
-            "The preferences' directCarriage is %{public}s, not kernel or relay: relay it is",
+            "The preferences' directCarriage is %{public}s, not kernel or relay: kernel it is",
             word);
-    return word != "kernel";
+    return word == "relay";
 }
 
 }  // namespace

@@ -21,8 +21,9 @@ struct Preferences {
     LogLevel logLevel = LogLevel::info;
     // Accounts of services that are treated as people's, by name or number in "personalAccounts".
     std::set<uid_t> personalAccounts;
-    // Unless "directCarriage" is "kernel": then the kernel carries direct connections, where it can.
-    bool isRelayWanted = true;
+    // True if "directCarriage" is "relay": then the daemon relays direct connections also where the
+    // kernel could carry them.
+    bool isRelayWanted = false;
 
     // What the file holds now. A file that is not there holds nothing; each key is optional, and one
     // of another type counts as absent. Null if the file is there but cannot be read or is no JSON
