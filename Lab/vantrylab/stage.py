@@ -5,6 +5,7 @@ by the files, by the log.
 """
 
 import dataclasses
+import subprocess
 import time
 from collections.abc import Callable
 
@@ -85,6 +86,11 @@ class Stage:
         daemon, self.daemon = self.daemon, None
         self.checks.equal("SIGTERM ends the daemon with status 0", daemon.stop(seconds=3), 0)
         self.checks.equal("nothing but log lines on standard error", daemon.other_output(), "")
+
+    @staticmethod
+    def clean_up() -> int:
+        """Has what a killed daemon has left taken away; the status of the program that does it."""
+        return subprocess.run((world.BUILD / "vantryd", "--clean-up"), capture_output=True, timeout=20).returncode
 
     def apply(self, rules: Rules) -> None:
         """Puts rules in force, as the host application does."""

@@ -178,8 +178,17 @@ def _ends_of_the_daemon(stage) -> None:
     started_at = stage.now()
     stage.start_daemon(RULES)
     stage.expect_ended("the next start ends it", upload.finish(), started_at, ENDED)
+    stage.checks.check("no one cleans up beside a daemon", stage.clean_up() == 1)
     address = stage.ipv4()
     stage.expect_physical("a new one is direct", stage.courier.run("connect", address, 80), address)
+    upload = stage.courier.start("upload", stage.ipv4(), 8080, "--duration", 20)
+    upload.report()
+    stage.daemon.stop(signal.SIGKILL)
+    cleaned_at = stage.now()
+    stage.checks.check("what a killed daemon leaves can be taken away", stage.clean_up() == 0)
+    stage.expect_ended("and its connections are ended", upload.finish(), cleaned_at, ENDED)
+    _nothing_left(stage, "cleaning up leaves nothing")
+    stage.start_daemon(RULES)
 
     address = stage.ipv4()
     reading = stage.courier.start("read", address, 8080, "--duration", 20)
@@ -187,5 +196,9 @@ def _ends_of_the_daemon(stage) -> None:
     stopped_at = stage.now()
     stage.stop_daemon()
     stage.expect_ended("a stop ends a connection in order", reading.finish(), stopped_at, ("EOF",))
+    _nothing_left(stage, "a stop leaves nothing")
+
+
+def _nothing_left(stage, what: str) -> None:
     left = subprocess.run("nft list tables; ip rule; ip -6 rule", shell=True, capture_output=True, text=True).stdout
-    stage.checks.check("a stop leaves nothing", "vantry" not in left and "768" not in left, left)
+    stage.checks.check(what, "vantry" not in left and "768" not in left, left)

@@ -1,12 +1,22 @@
 #include "Platform/Linux/Daemon/Arguments.h"
 
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cerrno>
+#include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <string>
 #include <vector>
 
 #include "Platform/Common/Version.h"
+#include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/HostChannel/FixedPlaces.h"
+#include "Platform/Linux/Logging/LogStore.h"
+#include "Platform/Linux/Steering/Leftovers.h"
 
 namespace platform {
 
@@ -14,12 +24,15 @@ namespace {
 
 constexpr int usageStatus = 2;
 constexpr const char* help =
-    "usage: vantryd [--help | --version]\n"
+    "usage: vantryd [--clean-up | --help | --version]\n"
     "\n"
     "Enforces for each application whether its traffic goes over the VPN, directly over\n"
     "the physical interface, or nowhere. Runs as root until SIGTERM; normally the service\n"
     "manager starts it: systemctl start vantryd. It takes no settings here: vantryctl\n"
-    "changes the rules, and vantryd(8) says which files it reads.\n";
+    "changes the rules, and vantryd(8) says which files it reads.\n"
+    "\n"
+    "--clean-up takes away what a daemon that was killed has left: routing rules, packet\n"
+    "rules and the direct connections that they carry. The service manager runs it.\n";
 
 // The core's entry knows no arguments, so the kernel is asked for them.
 std::vector<std::string> ownArguments() {
@@ -35,14 +48,39 @@ std::vector<std::string> ownArguments() {
     std::exit(usageStatus);
 }
 
+bool isDaemonRunning() {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, places::messageSocket, sizeof address.sun_path - 1);
+    const FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    return socket && ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address),
+                               sizeof address) == 0;
+}
+
+// The status to end with.
+int cleanUp() {
+    if (isDaemonRunning()) {
+        std::cerr << "vantryd: the daemon is running; stop it first: systemctl stop vantryd\n";
+        return EXIT_FAILURE;
+    }
+    const auto removed = steering::removeLeftovers();
+    flushLog(std::chrono::seconds{1});
+    if (removed) return EXIT_SUCCESS;
+    std::cerr << "vantryd: what is left cannot be taken away: " << removed.error().text() << '\n';
+    return EXIT_FAILURE;
+}
+
 }  // namespace
 
 void answerArguments() {
     const auto arguments = ownArguments();
     if (arguments.empty()) return;
     const std::string& first = arguments.front();
-    if (first != "--help" && first != "-h" && first != "--version") refuse(first);
+    const bool isKnown =
+        first == "--help" || first == "-h" || first == "--version" || first == "--clean-up";
+    if (!isKnown) refuse(first);
     if (arguments.size() > 1) refuse(arguments[1]);
+    if (first == "--clean-up") std::exit(cleanUp());
     if (first == "--version")
         std::cout << "vantryd " << version() << '\n';
     else

@@ -1,0 +1,22 @@
+#include "Platform/Linux/Steering/Leftovers.h"
+
+#include "Platform/Linux/Interception/ConnectionEntries.h"
+#include "Platform/Linux/Steering/EarlierConnections.h"
+#include "Platform/Linux/Steering/SteeringRoutes.h"
+#include "Platform/Linux/Steering/SteeringTable.h"
+
+namespace platform::steering {
+
+Result<> removeLeftovers() {
+    // Nothing new is put in force, so it doesn't matter which byte of the marks was ours.
+    const SteeringMarks marks{MarkPlace(0)};
+    const auto routes = SteeringRoutes::open(marks);
+    if (!routes) return routes.error();
+    const auto entries = interception::ConnectionEntries::open();
+    if (!entries) return entries.error();
+    endEarlierConnections((*routes)->marksInRules(), **entries);
+    SteeringTable(marks).remove();
+    return (*routes)->update({}, {});
+}
+
+}  // namespace platform::steering
