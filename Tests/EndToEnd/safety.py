@@ -1,9 +1,16 @@
-"""The daemon's end, wanted or not, leaves the machine as it was, with its traffic flowing."""
+"""The daemon's end, wanted or not, leaves the machine as it was, with its traffic flowing.
+
+SAFETY_KILLS says how often it is killed at random moments under load, for each way of carrying direct
+connections; SAFETY_SEED draws the same moments again.
+"""
 
 import json
+import os
+import random
 import re
 import signal
 import subprocess
+import threading
 import time
 
 from vantrylab import network
@@ -15,6 +22,7 @@ RULES = Rules(rules={"com.example.courier": "direct", "com.example.ledger": "vpn
 LONGEST_LIFETIME = {signal.SIGKILL: 30, signal.SIGTERM: 3, signal.SIGINT: 3}
 # So often that there is always a byte on its way.
 BUSY = ("--pace", 0.001)
+KILLS = int(os.environ.get("SAFETY_KILLS", "3"))
 ENDINGS = (signal.SIGKILL, signal.SIGTERM, signal.SIGINT)
 
 
@@ -29,6 +37,8 @@ def run(stage) -> None:
     for ending in (signal.SIGKILL, signal.SIGTERM):
         _end_after_the_vpn(stage, ending)
     _ends_while_packets_wait(stage)
+    for carriage in ("kernel", "relay"):
+        _killed_at_random_moments(stage, carriage, before)
     network.vpn_down()
 
 
@@ -179,3 +189,36 @@ def _ends_while_packets_wait(stage) -> None:
     stage.daemon = None
     for address, each in zip(addresses, waiting):
         stage.expect_tunnel(f"waiting for a verdict when the daemon died: {address}", each.finish(), address)
+
+
+def _killed_at_random_moments(stage, carriage: str, before: set[str]) -> None:
+    """Connections of all kinds come all the time, some are just being made: each ends or goes on, none hangs."""
+    seed = os.environ.get("SAFETY_SEED", str(time.time_ns() % 1_000_000))
+    draw, hanging = random.Random(f"{seed} {carriage}"), []
+    for _ in range(KILLS):
+        stage.start_daemon(RULES, directCarriage=carriage)
+        is_over, reports = threading.Event(), []
+        makers = [threading.Thread(target=_keep_connecting, args=(application, is_over, reports, draw.random()))
+                  for application in (stage.courier, stage.courier, stage.courier, stage.ledger, stage.nobody)]
+        for each in makers:
+            each.start()
+        time.sleep(draw.uniform(0.1, 0.5))
+        stage.daemon.stop(signal.SIGKILL)
+        stage.daemon = None
+        is_over.set()
+        for each in makers:
+            each.join()
+        hanging += [report for report in reports if report["error"] == "ETIMEDOUT"]
+    name = f"{KILLS} kills, direct connections carried by the {carriage}, seed {seed}"
+    stage.checks.equal(f"{name}: none hangs", hanging, [])
+    stage.checks.eventually(f"{name}: nothing is left behind", lambda: (
+        not (difference := _traces(LONGEST_LIFETIME[signal.SIGKILL], carriage == "kernel") ^ before), difference))
+
+
+def _keep_connecting(application, is_over: threading.Event, reports: list, seed: float) -> None:
+    draw, process = random.Random(seed), application.start("serve")
+    while not is_over.is_set():
+        number = draw.randrange(250)
+        address = network.server_ipv4(number) if draw.random() < 0.5 else network.server_ipv6(number)
+        reports.append(process.ask(draw.choice(("connect", "connect", "echo")), address, 8080))
+    process.stop()

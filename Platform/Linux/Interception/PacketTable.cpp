@@ -19,6 +19,8 @@
 #include <string_view>
 #include <utility>
 
+#include "Platform/Linux/ClosedLast.h"
+
 namespace platform::interception {
 
 namespace {
@@ -310,6 +312,7 @@ std::optional<std::uint64_t> countIn(nftnl_rule* rule) {
 Result<std::unique_ptr<PacketTable>> PacketTable::open(TableOwnership ownership) {
     auto socket = netlink::Socket::open(NETLINK_NETFILTER);
     if (!socket) return socket.error();
+    if (const int last = closedLast::takeNumber(); last >= 0) socket->moveTo(last);
     return std::unique_ptr<PacketTable>(new PacketTable(std::move(*socket), ownership));
 }
 

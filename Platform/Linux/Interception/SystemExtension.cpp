@@ -10,6 +10,7 @@
 #include <thread>
 #include <utility>
 
+#include "Platform/Linux/ClosedLast.h"
 #include "Platform/Linux/Daemon/Arguments.h"
 #include "Platform/Linux/Dispatch/MainQueue.h"
 #include "Platform/Linux/Health/Health.h"
@@ -181,6 +182,7 @@ void runExtension() {
 
 void NEProvider::startSystemExtensionMode() {
     answerArguments();
+    closedLast::keepFree();
     // Every thread inherits this: only the one that waits for them sees these signals.
     const sigset_t signals = endSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);

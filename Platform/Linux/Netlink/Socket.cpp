@@ -1,8 +1,10 @@
 #include "Platform/Linux/Netlink/Socket.h"
 
+#include <fcntl.h>
 #include <linux/netlink.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -44,6 +46,13 @@ Result<Socket> Socket::open(int protocol, std::span<const unsigned> groups) {
             return Error::last(doing);
     }
     return socket;
+}
+
+bool Socket::moveTo(int descriptor) {
+    if (::dup3(this->descriptor(), descriptor, O_CLOEXEC) < 0) return false;
+    mnl_socket* const moved = mnl_socket_fdopen(descriptor);
+    if (moved) socket.reset(moved);
+    return moved != nullptr;
 }
 
 void Socket::enable(int option) {

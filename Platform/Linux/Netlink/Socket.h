@@ -28,6 +28,9 @@ public:
     // Also hears what the kernel tells the multicast groups of these numbers.
     static Result<Socket> open(int protocol, std::span<const unsigned> groups);
 
+    // Puts the socket in the place of an open descriptor. False, and it stays where it is, if that fails.
+    bool moveTo(int descriptor);
+
     int descriptor() const { return mnl_socket_get_fd(socket.get()); }
     unsigned portId() const { return mnl_socket_get_portid(socket.get()); }
 
