@@ -15,6 +15,7 @@ def run(stage) -> None:
     _new_flows(stage)
     _bound_to_an_interface(stage)
     _accounts_of_the_system(stage)
+    _one_after_the_other_on_a_port(stage)
     _others_are_not_blocked(stage)
     _running_connections(stage)
     _unblocked(stage)
@@ -65,6 +66,20 @@ def _accounts_of_the_system(stage) -> None:
     address = stage.ipv4()
     stage.expect_denied("blocked: also when root runs it",
                         stage.chatter.run("connect", address, 80, user=None), address)
+
+
+def _one_after_the_other_on_a_port(stage) -> None:
+    """Datagrams of a program that has the port and the peer of the one before are its own."""
+    for next_address in (stage.ipv4, stage.ipv6):
+        address = next_address()
+        words = ("datagram", address, 8080, "--source-port", 40123, "--patience", 0.5)
+        stage.expect_tunnel(f"a port to {address} is used", stage.studio.run(*words), address)
+        bytes_before = network.seen_at(address)[0].bytesReceived
+        report = stage.chatter.run(*words)
+        stage.checks.check(f"blocked: also on that port to {address}",
+                           (report["outcome"], network.seen_at(address)[0].bytesReceived) ==
+                           ("failed", bytes_before), (report, network.seen_at(address)))
+        stage.expect_tunnel(f"and the next on it, to {address}, is not", stage.studio.run(*words), address)
 
 
 def _others_are_not_blocked(stage) -> None:

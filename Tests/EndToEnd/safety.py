@@ -199,7 +199,7 @@ def _killed_at_random_moments(stage, carriage: str, before: set[str]) -> None:
         stage.start_daemon(RULES, directCarriage=carriage)
         is_over, reports = threading.Event(), []
         makers = [threading.Thread(target=_keep_connecting, args=(application, is_over, reports, draw.random()))
-                  for application in (stage.courier, stage.courier, stage.courier, stage.ledger, stage.nobody)]
+                  for application in (stage.courier, stage.courier, stage.courier, stage.ledger, stage.studio)]
         for each in makers:
             each.start()
         time.sleep(draw.uniform(0.1, 0.5))

@@ -137,6 +137,16 @@ void ConnectionEntries::remove(const FlowTuple& flow) {
     static_cast<void>(socket.request(request));
 }
 
+std::vector<FlowTuple> ConnectionEntries::removeDatagramsFrom(std::uint16_t port) {
+    auto all = flowsWith([](std::uint32_t) { return true; });
+    if (!all) return {};
+    std::erase_if(*all, [port](const FlowTuple& flow) {
+        return flow.protocol != IPPROTO_UDP || flow.sourcePort != port;
+    });
+    for (const FlowTuple& flow : *all) remove(flow);
+    return std::move(*all);
+}
+
 std::optional<std::uint32_t> ConnectionEntries::markOf(const FlowTuple& flow) {
     auto request = requestAbout(flow, CTA_TUPLE_ORIG, IPCTNL_MSG_CT_GET);
     std::uint32_t mark = 0;  // kernels leave out a mark of 0

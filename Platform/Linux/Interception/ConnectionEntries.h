@@ -36,6 +36,8 @@ public:
 
     // Removes the entry of an outbound flow. Its next packet counts as the first of a new one.
     void remove(const FlowTuple& flow);
+    // Removes those of all datagrams from a port of this machine, and gives their flows.
+    std::vector<FlowTuple> removeDatagramsFrom(std::uint16_t port);
     bool has(const FlowTuple& flow) { return markOf(flow).has_value(); }
     // None if there is no entry.
     std::optional<std::uint32_t> markOf(const FlowTuple& flow);

@@ -9,6 +9,7 @@
 
 #include "Platform/Linux/DirectSessions.h"
 #include "Platform/Linux/Interception/NetworkRules.h"
+#include "Platform/Linux/PlatformLog.h"
 #include "Platform/Linux/Relay/SocketFlow.h"
 #include "Platform/Linux/SystemError.h"
 
@@ -117,10 +118,22 @@ FlowState stateOf(bool isClaimed, bool isWatched) {
 }  // namespace
 
 FlowDecisions::FlowDecisions(Providers toAsk)
+    : FlowDecisions(std::move(toAsk), ClosedSockets::attach()) {}
+
+FlowDecisions::FlowDecisions(Providers toAsk, Result<std::unique_ptr<ClosedSockets>> closes)
     : providers(std::move(toAsk)),
       aliases(std::make_shared<AddressAliases>()),
+      closedSockets(closes ? std::move(*closes) : nullptr),
       entries(ConnectionEntries::openOrNull()),
-      inForce(std::make_shared<const Offers>()) {}
+      inForce(std::make_shared<const Offers>()) {
+    if (closes) return;
+    unheardCloses.begin(closes.error().text());
+    platformLog.error(
+        "The kernel does not tell when datagram sockets are closed: %{public}s. For half a minute "
+        "the "
+        "next program on a port is treated as the one before",
+        closes.error().text());
+}
 
 std::shared_ptr<const Offers> FlowDecisions::offers() const {
     const MutexGuard guard(offersLock);
@@ -154,6 +167,8 @@ PacketVerdict FlowDecisions::packetVerdict(const Occasion& occasion, const Verdi
     const HeldPacket& packet = occasion.packet;
     if (verdict.isDropped) return PacketVerdict::drop(packet);
     if (verdict.state == FlowState::unseen) return PacketVerdict::pass(packet);
+    if (isDatagram(packet) && !countsForItsFlow(packet, verdict))
+        return PacketVerdict::of(packet, FlowState::passedUnseen);
     if (packet.purpose == PacketPurpose::newFlow && packet.isOfClaimed &&
         !isClaimed(verdict.state)) {
         // The connection that was there is redirected for good: it goes, and the opening comes again.
@@ -170,6 +185,13 @@ PacketVerdict FlowDecisions::packetVerdict(const Occasion& occasion, const Verdi
     // The verdict may have taken long, and many flushes may have come meanwhile.
     const unsigned generation = markedGeneration(verdict.generation, offers()->generation);
     return PacketVerdict::of(packet, FlowState::declined, generation);
+}
+
+// Of datagrams: the next ones from the port may be another socket's.
+bool FlowDecisions::countsForItsFlow(const HeldPacket& packet, const Verdict& verdict) {
+    const bool isEntered =
+        verdict.cookie == 0 || !closedSockets || datagrams.enter(verdict.cookie, packet.flow);
+    return isEntered || verdict.state != FlowState::declined;
 }
 
 Verdict FlowDecisions::verdictOnFlow(const Occasion& occasion) {
@@ -427,8 +449,37 @@ void FlowDecisions::awaitEndsOfClaimed(std::chrono::milliseconds longest) {
     claims.awaitEnds(longest);
 }
 
+void FlowDecisions::socketsWereClosed() {
+    const bool isComplete = closedSockets->take([this](std::uint64_t cookie) {
+        if (const auto ended = datagrams.end(cookie)) endFlows(*ended);
+    });
+    if (isComplete) return;
+    for (const auto& ended : datagrams.endAll()) endFlows(ended);
+}
+
+void FlowDecisions::endFlows(const DatagramFlows::Ended& ended) {
+    for (const FlowTuple& flow : ended.flows) endFlow(flow);
+    if (!ended.hasMore) return;
+    std::vector<FlowTuple> others;
+    {
+        const MutexGuard guard(entriesLock);
+        if (entries) others = entries->removeDatagramsFrom(ended.flows.front().sourcePort);
+    }
+    for (const FlowTuple& flow : others) endFlow(flow);
+}
+
+// What comes next from its port is another one.
+void FlowDecisions::endFlow(const FlowTuple& flow) {
+    recent.forget(flow);
+    watched.remove(flow);
+    denied.forget(flow);
+    const MutexGuard guard(entriesLock);
+    if (entries) entries->remove(flow);
+}
+
 void FlowDecisions::keepHouse() {
     constexpr std::chrono::seconds idleFor{30};
+    for (const auto& ended : datagrams.endedLately()) endFlows(ended);
     claims.failOverdue();
     aliases->renew();
     attribution.keepHouse();

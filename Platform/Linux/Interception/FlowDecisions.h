@@ -15,12 +15,14 @@
 #include "Platform/Linux/Interception/AddressAliases.h"
 #include "Platform/Linux/Interception/ClaimedFlows.h"
 #include "Platform/Linux/Interception/ConnectionEntries.h"
+#include "Platform/Linux/Interception/DatagramFlows.h"
 #include "Platform/Linux/Interception/DeniedFlows.h"
 #include "Platform/Linux/Interception/FlowMark.h"
 #include "Platform/Linux/Interception/HeldPacket.h"
 #include "Platform/Linux/Interception/PacketQueue.h"
 #include "Platform/Linux/Interception/RecentVerdicts.h"
 #include "Platform/Linux/Interception/WatchedFlows.h"
+#include "Platform/Linux/Kernel/ClosedSockets.h"
 #include "Platform/Linux/Steering/Steering.h"
 #include "Platform/NEProvider.h"
 
@@ -59,12 +61,18 @@ public:
     // Whose socket it is. For questions, not on a packet's way.
     std::optional<FlowOwner> ownerOf(const FlowTuple& flow) { return attribution.ownerOf(flow); }
 
+    // Readable when datagram sockets have been closed, and wants the other one then; -1 where no one tells.
+    int closeEvents() const { return closedSockets ? closedSockets->eventDescriptor() : -1; }
+    void socketsWereClosed();
+
     // Forgets what is over. To be called every few seconds.
     void keepHouse();
 
     void awaitEndsOfClaimed(std::chrono::milliseconds longest);
 
 private:
+    FlowDecisions(Providers toAsk, Result<std::unique_ptr<ClosedSockets>> closes);
+
     struct Source;
     // Null where direct connections are relayed.
     std::shared_ptr<steering::Steering> steering() const;
@@ -106,6 +114,9 @@ private:
     Verdict show(const Occasion& occasion, WatchedFlow& flow, bool isClaimed);
     Source sourceOf(const HeldPacket& packet);
     Verdict deny(const Occasion& occasion, std::uint64_t cookie);
+    bool countsForItsFlow(const HeldPacket& packet, const Verdict& verdict);
+    void endFlows(const DatagramFlows::Ended& ended);
+    void endFlow(const FlowTuple& flow);
     PacketVerdict packetVerdict(const Occasion& occasion, const Verdict& verdict);
 
     const Providers providers;
@@ -115,6 +126,10 @@ private:
     RecentVerdicts recent;
     WatchedFlows watched;
     DeniedFlows denied;
+    DatagramFlows datagrams;
+    const std::unique_ptr<ClosedSockets> closedSockets;
+    health::Problem unheardCloses{health::Place::verdicts, "unheardCloses",
+                                  "Ends of datagram sockets are not heard of"};
     health::State namedBy{health::Place::attribution, "attribution", "Programs are named",
                           attribution.hasNotes() ? "by what the kernel notes"
                                                  : "by searching /proc, slower and with gaps"};

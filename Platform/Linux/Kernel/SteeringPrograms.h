@@ -9,11 +9,11 @@
 #include <memory>
 #include <optional>
 
+#include "Platform/Linux/Kernel/CookieEvents.h"
 #include "Platform/Linux/Kernel/KernelTable.h"
 #include "Platform/Linux/Kernel/SteeredSockets.h"
 #include "Platform/Linux/Result.h"
 
-struct ring_buffer;
 struct steered_sockets;
 
 namespace platform {
@@ -32,21 +32,20 @@ public:
     void forget(std::uint64_t cookie) const;
 
     // Readable when there are events.
-    int eventDescriptor() const;
+    int eventDescriptor() const { return events->descriptor(); }
     // Shows the cookies of the sockets to look at. False if there were more events than there was room
     // for: then any socket may have changed.
-    bool takeEvents(const std::function<void(std::uint64_t cookie)>& show);
+    bool takeEvents(const std::function<void(std::uint64_t cookie)>& show) {
+        return events->take(show);
+    }
 
 private:
     explicit SteeringPrograms(steered_sockets* toOwn) : programs(toOwn) {}
 
     KernelTable<std::uint64_t, SteeredSocket> sockets() const;
-    static int showEvent(void* context, void* data, std::size_t size);
 
     steered_sockets* const programs;
-    ring_buffer* ring = nullptr;
-    const std::function<void(std::uint64_t)>* shown = nullptr;
-    std::uint64_t lostBefore = 0;
+    std::unique_ptr<CookieEvents> events;
 };
 
 }  // namespace platform

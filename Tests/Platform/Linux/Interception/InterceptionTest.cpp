@@ -70,6 +70,14 @@ struct Scene {
     }
     std::size_t timesOffered() const { return calls.count(Kind::filter); }
 
+    static bool hasEntryFrom(std::uint16_t localPort) {
+        const auto flows =
+            ConnectionEntries::openOrNull()->flowsWith([](std::uint32_t) { return true; });
+        return flows && std::ranges::any_of(*flows, [&](const FlowTuple& flow) {
+                   return flow.sourcePort == localPort;
+               });
+    }
+
     static const char* server(int family = AF_INET) {
         return InterceptionLab::serverAddress(family);
     }
@@ -364,6 +372,25 @@ TEST_F(InterceptionTest, KilledDatagramFlowStaysSoUntilTheRulesChangeOrItsPortIs
     ASSERT_EQ(client.sendTo(server(), port), 0);
     EXPECT_EQ(client.receive(1), 0);
     EXPECT_EQ(timesOffered(), 3u);
+}
+
+TEST_F(InterceptionTest, NextSocketOnAPortIsNotTakenForTheOneBefore) {
+    constexpr std::uint16_t takenPort = 40123;
+    // More destinations than are kept for a socket.
+    for (const int destinations : {1, 40}) {
+        const auto offeredBefore = timesOffered();
+        for (int socket = 0; socket < 2; ++socket) {
+            ClientSocket client(AF_INET, SOCK_DGRAM);
+            ASSERT_EQ(client.bindTo(takenPort), 0);
+            for (int each = 0; each < destinations; ++each)
+                ASSERT_EQ(client.sendTo(server(), static_cast<std::uint16_t>(port + each)), 0);
+            const auto expected =
+                offeredBefore + static_cast<std::size_t>((socket + 1) * destinations);
+            EXPECT_TRUE(eventually([&] { return timesOffered() == expected; })) << destinations;
+            client = ClientSocket(AF_INET, SOCK_DGRAM);
+            ASSERT_TRUE(eventually([&] { return !hasEntryFrom(takenPort); }));
+        }
+    }
 }
 
 TEST_F(InterceptionTest, VerdictsComeBeforeWhateverElseWantsToRun) {

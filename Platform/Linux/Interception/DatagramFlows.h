@@ -1,0 +1,57 @@
+// The flows of each datagram socket that have been decided, as the kernel's table of connections outlives the
+// socket: for half a minute and more the next socket on the port would be taken for it. So a flow
+// is entered here before its verdict counts, and what is entered is forgotten everywhere when its socket is closed.
+//
+// socket is       | a verdict on its flow        | its close is heard of
+// ----------------+------------------------------+----------------------------------------------
+// open            | entered, and counts          | its flows are ended; ended once more a little later
+// closed, heard   | not entered: counts for this | -
+//                 | packet alone                 |
+//
+// The second end is for a verdict that was on its way to the kernel when the close came. Any thread; bounded.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <unordered_map>
+#include <vector>
+
+#include "Platform/Common/Mutex.h"
+#include "Platform/Linux/Attribution/FlowTuple.h"
+#include "Platform/Linux/Attribution/RecentMemory.h"
+
+namespace platform::interception {
+
+class DatagramFlows {
+public:
+    // What there is to end of a closed socket.
+    struct Ended {
+        std::vector<FlowTuple> flows;
+        // It had more flows than are kept: all that have its port are meant.
+        bool hasMore = false;
+    };
+
+    // False if the verdict counts for this packet alone: the socket is closed, or there is no room.
+    bool enter(std::uint64_t cookie, const FlowTuple& flow);
+
+    // The socket is closed. None if it has no flows here.
+    std::optional<Ended> end(std::uint64_t cookie);
+    // Any socket may be closed: all are to be ended.
+    std::vector<Ended> endAll();
+    // What has been ended since the last call, to be ended once more.
+    std::vector<Ended> endedLately();
+
+private:
+    static constexpr std::size_t mostSockets = 65536;
+    static constexpr std::size_t mostFlowsOfSocket = 16;
+    static constexpr std::size_t mostLately = 4096;
+
+    // Packets of a closed socket wait for a few seconds at most.
+    RecentMemory<std::uint64_t, bool> closed{8192};
+    Mutex lock;
+    std::unordered_map<std::uint64_t, Ended> sockets GUARDED_BY(lock);
+    std::vector<Ended> lately GUARDED_BY(lock);
+};
+
+}  // namespace platform::interception
