@@ -1,7 +1,14 @@
 #include "Platform/Linux/Steering/StrictFilter.h"
 
+#include <linux/ip.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+
 #include <algorithm>
+#include <cstdint>
 #include <fstream>
+
+#include "Platform/Linux/Netlink/Socket.h"
 
 namespace platform::steering {
 
@@ -19,10 +26,19 @@ int read(const std::string& interface, const std::string& setting) {
     return value;
 }
 
-bool write(const std::string& interface, const std::string& setting, int value) {
-    std::ofstream file(place(interface, setting));
-    file << value << std::flush;
-    return file.good();
+// By netlink: the service may not write to /proc/sys.
+bool haveMarksCount(const std::string& interface, std::uint32_t value) {
+    auto socket = netlink::Socket::open(NETLINK_ROUTE);
+    if (!socket) return false;
+    ifinfomsg link{};
+    link.ifi_index = static_cast<int>(if_nametoindex(interface.c_str()));
+    netlink::Request request(RTM_SETLINK, NLM_F_ACK, link);
+    request.nest(IFLA_AF_SPEC, [&] {
+        request.nest(AF_INET, [&] {
+            request.nest(IFLA_INET_CONF, [&] { request.put(IPV4_DEVCONF_SRC_VMARK, value); });
+        });
+    });
+    return link.ifi_index != 0 && static_cast<bool>(socket->request(request));
 }
 
 // Of the two settings the stricter counts.
@@ -37,12 +53,12 @@ bool doMarksCount(const std::string& interface) {
 }  // namespace
 
 StrictFilter::~StrictFilter() {
-    for (const auto& interface : changed) write(interface, "src_valid_mark", 0);
+    for (const auto& interface : changed) static_cast<void>(haveMarksCount(interface, 0));
 }
 
 bool StrictFilter::letMarksCount(const std::string& interface) {
     if (!isStrict(interface) || doMarksCount(interface)) return true;
-    if (!write(interface, "src_valid_mark", 1)) return false;
+    if (!haveMarksCount(interface, 1)) return false;
     changed.insert(interface);
     return true;
 }
