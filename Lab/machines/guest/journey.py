@@ -28,31 +28,14 @@ _WRITTEN_ANYWAY = ("/root", "/home", "/srv", "/var/log", "/var/cache", "/var/tmp
                    "/tmp/vantry-*", "/tmp/systemd-private-*", "/tmp/.mount_*", "/dev", "/proc", "/sys")
 
 
-# The README's, in its order.
-_COMMANDS_OF_A_PERSON = """
-    vantryctl apps
-    vantryctl identify FILE
-    vantryctl rules set APPLICATION direct
-    vantryctl rules block APPLICATION
-    vantryctl rules unblock APPLICATION
-    vantryctl rules default vpn
-    vantryctl rules fallback vpn allow
-    vantryctl rules fallback direct allow
-    vantryctl rules
-    vantryctl status
-    vantryctl log
-    vantryctl failures
-    vantryctl rules set APPLICATION direct --for 2h
-    vantryctl rules block APPLICATION --for 30m
-    vantryctl try --for 60s rules unblock APPLICATION
-    vantryctl confirm
-    vantryctl undo
-    vantryctl export >/home/person/exported
-    vantryctl import /home/person/exported
-    vantryctl vpn follow --interface wg0
-    vantryctl vpn up
-    vantryctl vpn follow
-    """.strip().splitlines()
+# What a person sees and types on a screen; what goes on until it is stopped, and what else than 0 says no fault.
+_TYPED = {"vantryctl top": "q", "vantryctl setup": "\n\n\n"}
+_ENDLESS = "log --follow"
+_VERDICTS = (0, 10, 11)
+# What the manual's examples of vantryctl say, by how they begin.
+_SAID = {"identify": "env", "rules set env": "physical interface", "rules set org": "system's own route",
+         "rules block": "Blocked", "rules fallback": "While the VPN is down", "rules remove": "default route",
+         "rules unblock": "Unblocked", "rules": "org.example.tracker"}
 
 
 class Checks:
@@ -85,7 +68,26 @@ class Journey:
     def _filled(self, line: str) -> str:
         """A command as a person would complete it."""
         courier = self.programs["courier"]
-        return line.strip().replace("APPLICATION", courier.identifier).replace("FILE", str(courier.path))
+        if re.search("export|import", line):
+            line = line.replace("FILE", "/home/person/exported")
+        if line.endswith("unblock"):
+            line += " APPLICATION"
+        for word, meant in (("APPLICATION", courier.identifier), ("FILE", str(courier.path)), ("PID", "$$"),
+                            ("COMMAND", "true"), ("rules ...", f"rules unblock {courier.identifier}")):
+            line = line.replace(word, meant)
+        return line
+
+    def works_as_printed(self, line: str) -> None:
+        command, verdicts = self._filled(line), _VERDICTS if " why " in line else (0,)
+        shell = ["sh", "-c", command.removeprefix("sudo ")]
+        if line in _TYPED:
+            shell = ["script", "--quiet", "--return", "--command", command, "/dev/null"]
+        if _ENDLESS in line:
+            shell, verdicts = ["timeout", "3", *shell], (124,)
+        result = subprocess.run(shell if command.startswith("sudo ") else as_person(*shell), input=_TYPED.get(line, ""),
+                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, cwd="/", timeout=90)
+        self.checks.check(f"a person: {line}", result.returncode in verdicts,
+                          f"status {result.returncode}: {result.stdout.strip()}")
 
     def succeeds(self, what: str, *words: str) -> None:
         result = subprocess.run(words, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
@@ -109,12 +111,28 @@ class Journey:
         for line in first_steps:
             self.succeeds(f"as the installation says: {line}", "sh", "-c", self._filled(line))
         run("usermod", "--append", "--groups", "vantry", "person")
-        for line in _COMMANDS_OF_A_PERSON:
-            self.succeeds(f"a person of the group: {line.strip()}", *as_person("sh", "-c", self._filled(line)))
+        for line in printed_commands():
+            self.works_as_printed(line)
+        run("vantryctl", "vpn", "follow")
+        run("vantryctl", "rules", "unblock", self.programs["courier"].identifier)
         set_rules(*(self.programs[name] for name in ("courier", "ledger", "nobody")))
         self.is_denied("what is blocked is denied", self.programs["nobody"])
         score = run("systemd-analyze", "security", "vantryd", check=False).strip().splitlines()[-1]
         self.checks.check("the unit is locked down", float(score.split(":")[1].split()[0]) < 4.0, score)
+
+    def manual(self) -> None:
+        """The examples of the installed manual, typed one after the other as they stand there."""
+        before = run("vantryctl", "export")
+        page = run("env", "MANWIDTH=200", "LC_ALL=C.UTF-8", "man", "--pager=cat", "vantryctl")
+        commands = re.findall(r"^ *\$ (vantryctl .*)$", page, re.MULTILINE)
+        self.checks.check("vantryctl(1) has its examples", len(commands) > 8, commands)
+        for command in commands:
+            result = subprocess.run(as_person("sh", "-c", command), capture_output=True, text=True, cwd="/")
+            said = next((_SAID[start] for start in _SAID if command.startswith(f"vantryctl {start}")), "")
+            self.checks.check(command, result.returncode == 0 and said in " ".join(result.stdout.split()),
+                              f"status {result.returncode}: {result.stdout}{result.stderr}")
+        pathlib.Path("/root/exported").write_text(before)
+        run("vantryctl", "import", "-y", "/root/exported")
 
     def boot(self) -> None:
         """After a restart: the rules are in force before anybody's program runs."""
@@ -264,6 +282,15 @@ def traces() -> dict[str, list[str]]:
                 "groups": ["getent", "group"], "tables of the packet filter": ["nft", "list", "tables"],
                 "rules of the routing": ["ip", "rule"]}
     return {kind: run(*command, check=False).splitlines() for kind, command in commands.items()}
+
+
+def printed_commands() -> list[str]:
+    """Those of the README's tables for a person; `rules unblock` alone means `vantryctl rules unblock`."""
+    text = (world.PROJECT / "README.md").read_text()
+    rows = text[text.index("## Living with it"):text.index("What to expect of a rule")]
+    spans = re.findall(r"`([^`]*)`", "\n".join(line for line in rows.splitlines() if line.startswith("| ")))
+    begin = ("vantryctl ", "sudo vantryctl ", "rules ", "why ", "log ", "status", "failures", "on")
+    return [span if "vantryctl" in span else f"vantryctl {span}" for span in spans if span.startswith(begin)]
 
 
 def open_connection(program: applications.Application, address: str) -> applications.Running:
