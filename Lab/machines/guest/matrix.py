@@ -30,6 +30,8 @@ class Deviation(Exception):
     """Something promised did not happen."""
 
 
+# Of a VPN that has no device the daemon can't know; a person says it.
+_SAID_BY_HAND = "whether the VPN is up is said by hand (vantryctl vpn up, down)"
 _FAULTS = (Deviation, RuntimeError, subprocess.TimeoutExpired)
 
 
@@ -52,6 +54,7 @@ class Trial:
         finally:
             self._vpn.down()
             self._firewall.down()
+            run("vantryctl", "vpn", "follow")
 
     def _cells(self):
         return [("vpn", self._vpn_cell), ("direct", self._direct_cell), ("blocked", self._blocked_cell),
@@ -59,7 +62,7 @@ class Trial:
                 ("daemon killed", self._killed), ("daemon upgraded", self._upgraded)]
 
     def _outcome(self, attempt: Callable[[], None]) -> dict:
-        started, self._notes = time.monotonic(), []
+        started, self._notes = time.monotonic(), [] if self._vpn.device else [_SAID_BY_HAND]
         try:
             attempt()
             state = "note" if self._notes else "works"
@@ -88,6 +91,7 @@ class Trial:
     def _falls(self) -> None:
         with Upload(self._tunnelled) as upload:
             self._vpn.down()
+            self._say("down")
             await_state("down")
             self._is_denied(self._tunnelled)
             if "killswitch" not in run("nft", "list", "tables") and (seen := self._way(self._unruled)) != "uplink":
@@ -126,11 +130,16 @@ class Trial:
     def _raise(self) -> None:
         self._vpn.up()
         self._vpn.wait_until_up()
+        self._say("up")
         await_state("up")
         deadline = time.monotonic() + 30
         while (seen := self._way(self._unruled)) != "tunnel":
             if time.monotonic() > deadline:
                 raise Deviation(f"the VPN does not carry: {seen}")
+
+    def _say(self, state: str) -> None:
+        if not self._vpn.device:
+            run("vantryctl", "vpn", state)
 
     def _goes(self, application: applications.Application, wanted: str) -> None:
         name = application.identifier.rsplit(".")[-1]
