@@ -9,6 +9,7 @@ import fcntl
 import hashlib
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 import tempfile
@@ -20,6 +21,8 @@ from distributions import BUILD_PACKAGES, KEYRING, PROJECT, BuildFailed, CannotM
 FOLDER = pathlib.Path(__file__).resolve().parent
 # What build.sh ends with where the fault is the project's.
 _BUILD_FAILED = 3
+# What a disk, a root and a build take at the most, a build in memory.
+_ROOM, _MEMORY = 5 << 30, 3 << 30
 _UNUSED_SECONDS = 7 * 24 * 3600
 _PACKAGES_OF_TOOLS = {"mmdebstrap": "mmdebstrap", "qemu-system-x86_64": "qemu-system-x86", "mke2fs": "e2fsprogs"}
 
@@ -100,6 +103,7 @@ def _kept(name: str, make: Callable[[pathlib.Path], None]) -> pathlib.Path:
     kept = _folder() / name
     with _alone(name):
         if not kept.exists():
+            _check_room(kept.parent)
             made = pathlib.Path(tempfile.mkdtemp(prefix="vantry-machines-"))
             try:
                 made.chmod(0o755)
@@ -113,6 +117,16 @@ def _kept(name: str, make: Callable[[pathlib.Path], None]) -> pathlib.Path:
     os.utime(kept)
     _remove_unused()
     return kept
+
+
+def _check_room(folder: pathlib.Path) -> None:
+    """Raises CannotMake where the making would fill up what others need too."""
+    for place in (folder, pathlib.Path(tempfile.gettempdir())):
+        if (free := shutil.disk_usage(place).free) < _ROOM:
+            raise CannotMake(f"{place} has {free >> 20} MB left; {_ROOM >> 20} are needed")
+    available = int(re.search(r"MemAvailable: *(\d+)", pathlib.Path("/proc/meminfo").read_text())[1]) << 10
+    if available < _MEMORY:
+        raise CannotMake(f"{available >> 20} MB of memory are left; {_MEMORY >> 20} are needed")
 
 
 def _remove_unused() -> None:
