@@ -37,8 +37,8 @@ def run(stage) -> None:
     for ending in (signal.SIGKILL, signal.SIGTERM):
         _end_after_the_vpn(stage, ending)
     _ends_while_packets_wait(stage)
-    for carriage in ("kernel", "relay"):
-        _killed_at_random_moments(stage, carriage, before)
+    for carriage in ("relay", "kernel"):
+        _killed_at_random_moments(stage, carriage)
     network.vpn_down()
 
 
@@ -106,12 +106,12 @@ def _end_under_load(stage, ending: signal.Signals, before: set[str]) -> None:
         lambda: (not (difference := _traces(LONGEST_LIFETIME[ending], outlives) ^ before), difference))
 
 
-def _settled_traces() -> set[str]:
+def _settled_traces(longest_lifetime: int = 0) -> set[str]:
     """The same once the VPN has put everything in place: two looks half a second apart agree."""
-    seen = _traces()
+    seen = _traces(longest_lifetime)
     while True:
         time.sleep(0.5)
-        now = _traces()
+        now = _traces(longest_lifetime)
         if now == seen:
             return now
         seen = now
@@ -191,8 +191,12 @@ def _ends_while_packets_wait(stage) -> None:
         stage.expect_tunnel(f"waiting for a verdict when the daemon died: {address}", each.finish(), address)
 
 
-def _killed_at_random_moments(stage, carriage: str, before: set[str]) -> None:
+def _killed_at_random_moments(stage, carriage: str) -> None:
     """Connections of all kinds come all the time, some are just being made: each ends or goes on, none hangs."""
+    # An orderly end takes along what earlier kills have left.
+    stage.start_daemon(RULES)
+    stage.stop_daemon()
+    before = _settled_traces(LONGEST_LIFETIME[signal.SIGKILL])
     seed = os.environ.get("SAFETY_SEED", str(time.time_ns() % 1_000_000))
     draw, hanging = random.Random(f"{seed} {carriage}"), []
     for _ in range(KILLS):
