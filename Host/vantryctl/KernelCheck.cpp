@@ -21,6 +21,8 @@
 #include "Platform/Linux/FileDescriptor.h"
 #include "Platform/Linux/Interception/PacketQueue.h"
 #include "Platform/Linux/Interception/PacketTable.h"
+#include "Platform/Linux/Interception/VerdictProbe.h"
+#include "Platform/Linux/Kernel/KernelPrograms.h"
 
 namespace vantryctl {
 
@@ -36,7 +38,11 @@ struct Probes {
     bool hasNativeQueue = false;
     bool hasOwnerFlag = false;
     bool endsSockets = false;
+    int verdictTrial = ENOSYS;
+    bool isVerdictDirect = false;
 };
+
+using platform::interception::VerdictCarrier;
 
 bool accepts(const char* rules) {
     const std::unique_ptr<nft_ctx, decltype(&nft_ctx_free)> context(nft_ctx_new(NFT_CTX_DEFAULT),
@@ -95,6 +101,18 @@ bool canEndASocket() {
                tupleOf(localName(client.get()), server));
 }
 
+// Gives one verdict for real.
+void tryAVerdict(Probes& found) {
+    auto table = platform::interception::PacketTable::open();
+    auto queue = platform::interception::PacketQueue::open();
+    auto entries = platform::interception::ConnectionEntries::open();
+    if (!table || !queue || !entries || !bringLoopbackUp()) return;
+    const auto tried = platform::interception::probeVerdicts(**table, **queue, **entries,
+                                                             platform::interception::MarkPlace(24));
+    found.verdictTrial = tried ? 0 : tried.error().code();
+    found.isVerdictDirect = tried && *tried == VerdictCarrier::connection;
+}
+
 int installWholeTable(int& queueError) {
     const auto queue = platform::interception::PacketQueue::open();
     queueError = queue ? 0 : queue.error().code();
@@ -118,6 +136,7 @@ Probes probe() {
         "to 0; }; }");
     found.wholeTable = installWholeTable(found.queueSocket);
     found.endsSockets = canEndASocket();
+    tryAVerdict(found);
     return found;
 }
 
@@ -167,6 +186,32 @@ Finding ownerFinding(const Probes& found) {
             "a kernel of 5.12 or later has it"};
 }
 
+Finding verdictFinding(const Probes& found) {
+    if (found.verdictTrial != 0)
+        return {"verdicts", Verdict::missing,
+                "none gets to its connection: " + reasonOf(found.verdictTrial),
+                "modprobe nf_conntrack_netlink"};
+    if (found.isVerdictDirect)
+        return {"verdicts", Verdict::good, "they get to their connections by themselves", ""};
+    return {"verdicts", Verdict::good,
+            "the packet's priority carries them to their connections, as this kernel lacks "
+            "CONFIG_NETFILTER_NETLINK_GLUE_CT",
+            ""};
+}
+
+// The programs see nothing before they are taken away again.
+Finding notesFinding() {
+    const char* step = nullptr;
+    if (platform::KernelPrograms::attach(step))
+        return {"naming programs", Verdict::good, "the kernel notes who uses which socket", ""};
+    return {"naming programs", Verdict::warning,
+            std::string("/proc is searched for them, which is slower and misses what ends at once: "
+                        "cannot ") +
+                step + ": " + reasonOf(errno),
+            "a kernel with CONFIG_DEBUG_INFO_BTF (see /sys/kernel/btf/vmlinux) is needed, and that "
+            "the daemon runs outside of containers"};
+}
+
 Finding socketFinding(const Probes& found) {
     if (found.endsSockets)
         return {"ending sockets", Verdict::good, "a blocked application fails at once", ""};
@@ -184,8 +229,8 @@ Findings checkKernel() {
                  found ? "no namespace to try things in: " + reasonOf(found->ownNamespace)
                        : "what it can do could not be tried",
                  "Run it as root."}};
-    return {queueFinding(*found), tableFinding(*found), ownerFinding(*found),
-            socketFinding(*found)};
+    return {queueFinding(*found),  tableFinding(*found),   ownerFinding(*found),
+            socketFinding(*found), verdictFinding(*found), notesFinding()};
 }
 
 }  // namespace vantryctl
