@@ -37,6 +37,12 @@ public:
                std::to_string(marks.ofConnection(FlowState::claimed, number)) + ", " +
                std::to_string(marks.ofConnection(FlowState::claimedAndWatched, number)) + " } ";
     }
+    std::string isSteered() const {
+        const std::uint32_t state = marks.place().stateMask();
+        return masked("ct mark", state) + "{ " +
+               std::to_string(marks.ofConnection(FlowState::claimed, 0)) + ", " +
+               std::to_string(marks.ofConnection(FlowState::claimedAndWatched, 0)) + " } ";
+    }
     std::string hasPacketMark(std::uint32_t mark) const {
         return masked("meta mark", marks.mask()) + std::to_string(mark) + " ";
     }
@@ -75,7 +81,16 @@ constexpr std::array<Family, 2> families{
     {{AF_INET, "ip saddr ", "snat ip to ", "meta nfproto ipv4 "},
      {AF_INET6, "ip6 saddr ", "snat ip6 to ", "meta nfproto ipv6 "}}};
 
-std::string tableText(SteeringMarks marks, const std::vector<Uplink>& uplinks) {
+// In active mode the client tells the server its own address, which is the tunnel's: the kernel writes
+// the uplink's in its place, and lets the connection that the server makes in, as a part of the client's.
+constexpr const char* ftpHelpers =
+    " ct helper ftp { type \"ftp\" protocol tcp; l3proto ip; }\n"
+    " ct helper ftp6 { type \"ftp\" protocol tcp; l3proto ip6; }\n";
+constexpr const char* useOfFtpHelpers =
+    "meta nfproto ipv4 tcp dport 21 ct helper set \"ftp\"\n"
+    "meta nfproto ipv6 tcp dport 21 ct helper set \"ftp6\"\n";
+
+std::string tableText(SteeringMarks marks, const std::vector<Uplink>& uplinks, bool hasFtpHelpers) {
     const Words words(marks);
     std::string leaving;
     std::string arriving = words.isHeldContent() + "drop\n";
@@ -86,7 +101,7 @@ std::string tableText(SteeringMarks marks, const std::vector<Uplink>& uplinks) {
         const std::string hasMark = words.hasPacketMark(marks.ofPacket(number));
         leaving += words.isSteeredBy(number) + words.setPacketMark(number);
         leaving += words.hasPacketMark(marks.ofSocket(number)) + words.setPacketMark(number);
-        arriving += "ct direction reply " + words.isSteeredBy(number) + words.setPacketMark(number);
+        arriving += words.isSteeredBy(number) + words.setPacketMark(number);
         for (const Family& family : families) {
             const Reach& reach = uplink.reach(family.number);
             if (reach.source) {
@@ -103,7 +118,11 @@ std::string tableText(SteeringMarks marks, const std::vector<Uplink>& uplinks) {
                                  words.isSteeredBy(unreachableNumber) +
                                  // The error message itself counts as the connection's, too.
                                  "meta l4proto tcp reject with icmpx type host-unreachable\n";
-    return table + " {\n" + chain("leaving", "route hook output priority 200", leaving) +
+    if (hasFtpHelpers) leaving += words.isSteered() + "jump helping\n";
+    const std::string helpers =
+        hasFtpHelpers ? ftpHelpers + (std::string(" chain helping {\n") + useOfFtpHelpers + " }\n")
+                      : "";
+    return table + " {\n" + helpers + chain("leaving", "route hook output priority 200", leaving) +
            chain("checking", "filter hook output priority 201", checking) +
            chain("arriving", "filter hook prerouting priority -149", arriving) +
            chain("naming", "nat hook postrouting priority 100", naming) +
@@ -133,8 +152,9 @@ std::string SteeringTable::listed() {
 bool SteeringTable::install(const std::vector<Uplink>& uplinks) {
     // Adding a table that exists is no error, deleting one that does not is. The new nat chain is there
     // before the old one goes, so that connections keep their translation.
-    const bool isDone =
-        run("add " + table + "\ndelete " + table + "\n" + tableText(marks, uplinks));
+    const std::string begin = "add " + table + "\ndelete " + table + "\n";
+    const bool isDone = run(begin + tableText(marks, uplinks, true)) ||
+                        run(begin + tableText(marks, uplinks, false));
     inForce = isDone ? listed() : "";
     return isDone;
 }

@@ -3,10 +3,11 @@
 //
 //     leaving    route, output 200        a steered connection's packets get the uplink's mark and are routed
 //                                         again: after the firewalls, which see them leave as the
-//                                         application's route says
+//                                         application's route says; those to port 21 get the kernel's
+//                                         help for active FTP, where it has it
 //     checking   filter, output 201       no content of what is held back; an error for what has no way
-//     arriving   filter, prerouting -149  the mark for replies, so that a strict reverse-path filter finds
-//                                         them right; no content of what is held back
+//     arriving   filter, prerouting -149  the mark for what comes back, so that a strict reverse-path filter
+//                                         finds it right; no content of what is held back
 //     naming     nat, postrouting 100     the uplink's address, where the source is another one
 //     guarding   filter, postrouting 150  nothing with our mark leaves under a tunnel's address
 //
