@@ -5,9 +5,12 @@ usage: journey.py CHAPTER...    the machine may be restarted between them
 Prints a line of JSON for each thing tried: `works` or `fails`, and what was seen.
 """
 
+import contextlib
 import dataclasses
 import json
+import os
 import pathlib
+import pty
 import re
 import shutil
 import subprocess
@@ -29,7 +32,7 @@ _WRITTEN_ANYWAY = ("/root", "/home", "/srv", "/var/log", "/var/cache", "/var/tmp
 
 
 # What a person sees and types on a screen; what goes on until it is stopped, and what else than 0 says no fault.
-_TYPED = {"vantryctl top": "q", "vantryctl setup": "\n\n\n"}
+_TYPED = {"vantryctl top": b"q", "vantryctl setup": b"\n"}
 _ENDLESS = "log --follow"
 _VERDICTS = (0, 10, 11)
 # What the manual's examples of vantryctl say, by how they begin.
@@ -80,14 +83,10 @@ class Journey:
     def works_as_printed(self, line: str) -> None:
         command, verdicts = self._filled(line), _VERDICTS if " why " in line else (0,)
         shell = ["sh", "-c", command.removeprefix("sudo ")]
-        if line in _TYPED:
-            shell = ["script", "--quiet", "--return", "--command", command, "/dev/null"]
         if _ENDLESS in line:
             shell, verdicts = ["timeout", "3", *shell], (124,)
-        result = subprocess.run(shell if command.startswith("sudo ") else as_person(*shell), input=_TYPED.get(line, ""),
-                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, cwd="/", timeout=90)
-        self.checks.check(f"a person: {line}", result.returncode in verdicts,
-                          f"status {result.returncode}: {result.stdout.strip()}")
+        status, said = on_a_screen(shell if command.startswith("sudo ") else as_person(*shell), _TYPED.get(line))
+        self.checks.check(f"a person: {line}", status in verdicts, f"status {status}: {said}")
 
     def succeeds(self, what: str, *words: str) -> None:
         result = subprocess.run(words, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
@@ -282,6 +281,26 @@ def traces() -> dict[str, list[str]]:
                 "groups": ["getent", "group"], "tables of the packet filter": ["nft", "list", "tables"],
                 "rules of the routing": ["ip", "rule"]}
     return {kind: run(*command, check=False).splitlines() for kind, command in commands.items()}
+
+
+def on_a_screen(words: list[str], keys: bytes | None) -> tuple[int, str]:
+    """Runs a command as in a person's window, the keys typed at whatever it shows; gives its status and output."""
+    if keys is None:
+        result = subprocess.run(words, stdin=subprocess.DEVNULL, capture_output=True, text=True, cwd="/", timeout=90)
+        return result.returncode, (result.stdout + result.stderr).strip()
+    screen, window = pty.openpty()
+    process = subprocess.Popen(["timeout", "60", *words], stdin=window, stdout=window, stderr=window, cwd="/",
+                               start_new_session=True, env={**os.environ, "TERM": "linux"})
+    os.close(window)
+    said = b""
+    # The end of the last one that has the window open shows as an error.
+    with contextlib.suppress(OSError):
+        while shown := os.read(screen, 1 << 14):
+            said += shown
+            if shown.strip():  # what is typed shows too
+                os.write(screen, keys)
+    os.close(screen)
+    return process.wait(), said.decode(errors="replace")
 
 
 def printed_commands() -> list[str]:
