@@ -32,7 +32,7 @@ _WRITTEN_ANYWAY = ("/root", "/home", "/srv", "/var/log", "/var/cache", "/var/tmp
 
 
 # What a person sees and types on a screen; what goes on until it is stopped, and what else than 0 says no fault.
-_TYPED = {"vantryctl top": b"q", "vantryctl setup": b"\n"}
+_TYPED = {"vantryctl top": b"q", "vantryctl setup": b"\n", "vantryctl import FILE": b"y\n"}
 _ENDLESS = "log --follow"
 _VERDICTS = (0, 10, 11)
 # What the manual's examples of vantryctl say, by how they begin.
@@ -110,6 +110,7 @@ class Journey:
         for line in first_steps:
             self.succeeds(f"as the installation says: {line}", "sh", "-c", self._filled(line))
         run("usermod", "--append", "--groups", "vantry", "person")
+        run("loginctl", "enable-linger", "person")
         for line in printed_commands():
             self.works_as_printed(line)
         run("vantryctl", "vpn", "follow")
@@ -192,7 +193,6 @@ class Journey:
     def flatpak(self) -> None:
         """An application in a sandbox of its own, built and installed from a folder, without a network."""
         make_flatpak("org.example.Postbox")
-        run("loginctl", "enable-linger", "person")
 
         def start(*words: object) -> applications.Running:
             return applications.Running(["systemd-run", "--machine=person@", "--user", "--pipe", "--quiet", "--collect",
@@ -239,7 +239,7 @@ class Journey:
         """Sleeps as deep as this machine can, and is woken by its clock."""
         states = pathlib.Path("/sys/power/state").read_text().split()
         print(f"----- states of sleep: {' '.join(states)}; {pathlib.Path('/sys/power/mem_sleep').read_text().strip()}")
-        run("sh", "-c", "echo 0 > /sys/class/rtc/rtc0/wakealarm; echo +10 > /sys/class/rtc/rtc0/wakealarm")
+        run("sh", "-c", "echo 0 > /sys/class/rtc/rtc0/wakealarm; echo +20 > /sys/class/rtc/rtc0/wakealarm")
         run("systemctl", "suspend")
         for word in ("sleeping", "waking"):
             network.wait_until(lambda: f"System {word}..." in run("journalctl", "--boot", "--unit=vantryd"),
@@ -328,7 +328,7 @@ def has_ended(running: applications.Running) -> bool:
 
 def as_person(*words: str) -> list[str]:
     """A command of the person at the machine, with the groups and folders that a login gives."""
-    return ["runuser", "--user", "person", "--", *words]
+    return ["runuser", "--user", "person", "--", "env", "XDG_RUNTIME_DIR=/run/user/1000", *words]
 
 
 def monotonic_start(unit: str) -> int:
