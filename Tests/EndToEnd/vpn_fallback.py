@@ -26,6 +26,7 @@ def run(stage) -> None:
     stage.apply(UP)
     address = stage.ipv4()
     stage.expect_tunnel("the VPN is back", stage.ledger.run("connect", address, 80), address)
+    _comes_by_policy(stage)
     stage.stop_daemon()
     network.vpn_down()
 
@@ -73,7 +74,16 @@ def _watched_connections_go_on(stage) -> None:
 
 def _is_guarded() -> bool:
     table = subprocess.run(["nft", "list", "table", "inet", "vantry_guard"], capture_output=True, text=True)
-    return table.stdout.count("counter") > 0 and "ip6 daddr" in table.stdout
+    return table.stdout.count("counter") > 0 and "meta nfproto" not in table.stdout
+
+
+def _comes_by_policy(stage) -> None:
+    """What takes the default then are rules and a table of the VPN's own, which come after its interface."""
+    stage.apply(UP.but(vpnFallback="allow"))
+    network.vpn_down()
+    stage.apply(UP)
+    network.vpn_up("policy")
+    network.wait_until(_is_guarded, "the kernel guards both families of a tunnel that comes by policy")
 
 
 def _the_tunnel_goes_unannounced(stage) -> None:

@@ -1,6 +1,8 @@
 #include "Platform/Linux/Interception/TunnelGuard.h"
 
 #include <arpa/inet.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <linux/rtnetlink.h>
@@ -20,6 +22,7 @@
 #include <vector>
 
 #include "Platform/Common/Mutex.h"
+#include "Platform/Linux/FileDescriptor.h"
 #include "Platform/Linux/Interception/PacketRule.h"
 #include "Platform/Linux/Netlink/Socket.h"
 #include "Platform/Linux/PlatformLog.h"
@@ -48,6 +51,11 @@ constexpr std::array<Family, 2> families{{
     {AF_INET6, farIPv6, "ip6", "ipv6", "::1/128, fe80::/10, ff00::/8"},
 }};
 constexpr std::size_t addressLength(int family) { return family == AF_INET ? 4 : 16; }
+
+// A VPN that routes by policy changes the default with a rule and a table of its own, in one family after
+// the other; the state of the network does not show that.
+constexpr std::array<unsigned, 4> eventGroups{RTNLGRP_IPV4_RULE, RTNLGRP_IPV6_RULE,
+                                              RTNLGRP_IPV4_ROUTE, RTNLGRP_IPV6_ROUTE};
 
 // What the rules say.
 struct Guarded {
@@ -158,19 +166,17 @@ public:
     void want(bool isWantedNow) {
         const MutexGuard guard(lock);
         isWanted = isWantedNow;
-        hasNews = true;
-        changed.notifyOne();
+        tell();
     }
     void networkChanged() {
         const MutexGuard guard(lock);
-        hasNews = true;
-        changed.notifyOne();
+        tell();
     }
     void end() {
         {
             const MutexGuard guard(lock);
             hasEnded = true;
-            changed.notifyOne();
+            tell();
         }
         thread.join();
     }
@@ -186,11 +192,18 @@ private:
         }
     }
 
+    void tell() { eventfd_write(news.get(), 1); }
+
     // Whether the guard is wanted; none when the end has come.
     std::optional<bool> awaitNews() {
+        std::array<pollfd, 2> descriptors{
+            {{news.get(), POLLIN, 0}, {events ? events->descriptor() : -1, POLLIN, 0}}};
+        while (poll(descriptors.data(), descriptors.size(), -1) < 0 && errno == EINTR) {
+        }
+        eventfd_t ignored = 0;
+        eventfd_read(news.get(), &ignored);
+        if (events) events->discard();
         const MutexGuard guard(lock);
-        while (!hasNews && !hasEnded) changed.wait(lock);
-        hasNews = false;
         return hasEnded ? std::nullopt : std::optional(isWanted);
     }
 
@@ -235,15 +248,15 @@ private:
     // The table goes with its socket.
     const std::unique_ptr<nft_ctx, decltype(&nft_ctx_free)> rules{nft_ctx_new(NFT_CTX_DEFAULT),
                                                                   &nft_ctx_free};
-    Result<netlink::Socket> socket = netlink::Socket::open(NETLINK_ROUTE);
     // For the thread alone.
+    Result<netlink::Socket> socket = netlink::Socket::open(NETLINK_ROUTE);
+    Result<netlink::Socket> events = netlink::Socket::open(NETLINK_ROUTE, eventGroups);
     Guarded guarded;
     Guarded inForce;
     bool wasDone = true;
+    const FileDescriptor news{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
     Mutex lock;
-    Condition changed;
     bool isWanted GUARDED_BY(lock) = false;
-    bool hasNews GUARDED_BY(lock) = false;
     bool hasEnded GUARDED_BY(lock) = false;
     std::thread thread;
 };
