@@ -169,7 +169,18 @@ Result<> PacketPath::offerAgain(unsigned generation) {
     if (!changed) return changed;
     const auto set = table->setGeneration(marked);
     if (set) content.generation = marked;
-    return set;
+    return set ? set : installAs(marked);
+}
+
+// The table may have gone.
+Result<> PacketPath::installAs(unsigned generation) {
+    PacketTableContent next = content;
+    next.generation = generation;
+    const auto installed = table->install(next);
+    if (!installed) return installed;
+    passedBefore = 0;
+    content = next;
+    return {};
 }
 
 void PacketPath::rulesHaveChanged() {

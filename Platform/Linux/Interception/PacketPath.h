@@ -64,6 +64,7 @@ private:
     Result<> openParts();
     Result<> chooseCarrier();
     Result<> wipeMarks();
+    Result<> installAs(unsigned generation);
     void startSteering();
     void startWorkers();
     void putInPlace(MarkPlace newPlace);

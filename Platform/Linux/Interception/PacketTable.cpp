@@ -331,7 +331,9 @@ Result<> PacketTable::remove() {
 Result<> PacketTable::stopOffering() {
     Transaction transaction;
     transaction.flushChain(offerChain);
-    return transaction.commit(socket);
+    const auto stopped = transaction.commit(socket);
+    // Without the table nothing is offered.
+    return !stopped && stopped.error().code() == ENOENT ? Result<>() : stopped;
 }
 
 std::uint32_t PacketTable::tableFlags() const {

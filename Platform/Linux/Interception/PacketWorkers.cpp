@@ -165,8 +165,7 @@ void PacketWorkers::watch() {
 }
 
 bool PacketWorkers::areVerdictsMoving() const {
-    constexpr std::chrono::seconds patience{5};
-    return Clock::now() - lastMovement.load() < limits.longestWait * 2 + patience;
+    return Clock::now() - lastMovement.load() < limits.longestWait * 2 + limits.patience;
 }
 
 bool PacketWorkers::waitForStop(std::chrono::milliseconds longest) {

@@ -42,6 +42,8 @@ public:
         std::chrono::milliseconds longestWait{2000};
         std::size_t mostWorkers = 32;
         WaitingFlows::Shares ofAccount;
+        // How long packets may be overdue, without any verdict, before that counts as standing still.
+        std::chrono::milliseconds patience{5000};
     };
 
     PacketWorkers(PacketQueue& packetQueue, Decide decision, Report reportExcess,

@@ -473,10 +473,47 @@ TEST(InterceptionRules, ThatSomebodyFlushesComeBack) {
     EXPECT_EQ(scene.timesOffered(), 1u);
 }
 
+// The table is another's for a while, and what is asked for then can't be carried out at once.
+TEST(InterceptionRules, AFlushThatFailsIsTriedAgainAndEndsWithTheOffers) {
+    Scene scene({TableOwnership::shared, {}});
+    const auto takeTable = [] {
+        std::unique_ptr<std::FILE, decltype(&pclose)> another(popen("nft -i > /dev/null", "w"),
+                                                              &pclose);
+        std::fputs("delete table inet vantry; add table inet vantry { flags owner; }\n",
+                   another.get());
+        std::fflush(another.get());
+        EXPECT_TRUE(eventually(
+            [] { return runCommand("nft list ruleset").find("owner") != std::string::npos; }));
+        return another;
+    };
+    ClientSocket client = Scene::connected();
+    auto another = takeTable();
+    Awaited<std::optional<NSError>> flushed;
+    scene.interception->setProxyRules({everyFlow[0]}, flushed.put());
+    ASSERT_EQ(client.exchange(), 0);
+    EXPECT_FALSE(scene.interception->isInForce());
+    another.reset();
+    EXPECT_EQ(flushed.get(), std::nullopt);
+    EXPECT_EQ(client.exchange(), 0);
+    EXPECT_EQ(scene.timesOffered(), 2u);
+
+    another = takeTable();
+    Awaited<std::optional<NSError>> refused;
+    Awaited<std::optional<NSError>> ended;
+    scene.interception->setProxyRules({everyFlow[1]}, refused.put());
+    scene.interception->endOffers(ended.put());
+    EXPECT_NE(refused.get(), std::nullopt);
+    another.reset();
+    EXPECT_EQ(ended.get(), std::nullopt);
+    EXPECT_EQ(client.exchange(), 0);
+    EXPECT_EQ(Scene::connected().exchange(), 0);
+    EXPECT_EQ(scene.timesOffered(), 2u);
+}
+
 // A filter that answers no one until it may go on, and an account without a limit.
 struct StuckScene : Scene {
     explicit StuckScene(std::chrono::milliseconds longestWait)
-        : Scene({TableOwnership::exclusive, {longestWait, 32, {100'000, 32}}}) {
+        : Scene({TableOwnership::exclusive, {longestWait, 32, {100'000, 32}, longestWait}}) {
         filter->isWaiting = true;
     }
 };
@@ -489,7 +526,13 @@ TEST(InterceptionQueue, OverduePacketsAreLetGoEvenIfEveryWorkerIsStuck) {
         ASSERT_EQ(clients.back().send(1), 0);
     }
     for (ClientSocket& client : clients) ASSERT_EQ(client.receive(1), 0);
+    const auto moves = [&] {
+        EXPECT_EQ(clients.front().send(1), 0);
+        return scene.interception->areVerdictsMoving();
+    };
+    EXPECT_TRUE(eventually([&] { return !moves(); })) << "the service manager is to hear of it";
     scene.filter->mayGoOn.set_value();
+    EXPECT_TRUE(eventually(moves));
 }
 
 // As many flushes as bring the same number back into the marks, while a verdict is being waited for
