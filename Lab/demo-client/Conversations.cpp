@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <net/if.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -11,6 +12,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <nlohmann/json.hpp>
 #include <thread>
 #include <utility>
@@ -55,6 +57,15 @@ bool bindPort(const Descriptor& socket, const Destination& destination) {
     return bind(socket.number(), address->pointer(), address->length) == 0;
 }
 
+bool chooseInterface(const Descriptor& socket, const Destination& destination) {
+    const auto index = if_nametoindex(destination.unicastInterface.c_str());
+    const auto isIPv4 = target(destination).family() == AF_INET;
+    const auto inNetworkOrder = htonl(index);
+    return setsockopt(socket.number(), isIPv4 ? IPPROTO_IP : IPPROTO_IPV6,
+                      isIPv4 ? IP_UNICAST_IF : IPV6_UNICAST_IF, &inNetworkOrder,
+                      sizeof inNetworkOrder) == 0;
+}
+
 Descriptor openSocket(const Destination& destination, int type, Report& report) {
     Descriptor socket(
         ::socket(target(destination).family(), type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -63,6 +74,10 @@ Descriptor openSocket(const Destination& destination, int type, Report& report) 
     if (socket && !device.empty() &&
         setsockopt(socket.number(), SOL_SOCKET, SO_BINDTODEVICE, device.data(),
                    static_cast<socklen_t>(device.size())) != 0) {
+        report.failedAt("bind", errno);
+        socket.close();
+    }
+    if (socket && !destination.unicastInterface.empty() && !chooseInterface(socket, destination)) {
         report.failedAt("bind", errno);
         socket.close();
     }
@@ -250,16 +265,43 @@ Report begin(const std::string& mode) {
     return report;
 }
 
+// Through the interface that the destination names, if any.
+ssize_t sendUnconnected(const Descriptor& socket, const std::string& bytes,
+                        const Destination& destination) {
+    const auto address = target(destination);
+    iovec content{const_cast<char*>(bytes.data()), bytes.size()};
+    msghdr message{};
+    message.msg_name = const_cast<sockaddr*>(address.pointer());
+    message.msg_namelen = address.length;
+    message.msg_iov = &content;
+    message.msg_iovlen = 1;
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(in6_pktinfo))> room{};
+    if (const auto& name = destination.datagramInterface; !name.empty()) {
+        const auto isIPv4 = address.family() == AF_INET;
+        in_pktinfo four{};
+        in6_pktinfo six{};
+        four.ipi_ifindex = static_cast<int>(if_nametoindex(name.c_str()));
+        six.ipi6_ifindex = if_nametoindex(name.c_str());
+        message.msg_control = room.data();
+        message.msg_controllen = isIPv4 ? CMSG_SPACE(sizeof four) : CMSG_SPACE(sizeof six);
+        cmsghdr* const header = CMSG_FIRSTHDR(&message);
+        header->cmsg_level = isIPv4 ? IPPROTO_IP : IPPROTO_IPV6;
+        header->cmsg_type = isIPv4 ? IP_PKTINFO : IPV6_PKTINFO;
+        header->cmsg_len = isIPv4 ? CMSG_LEN(sizeof four) : CMSG_LEN(sizeof six);
+        std::memcpy(CMSG_DATA(header), isIPv4 ? static_cast<void*>(&four) : &six,
+                    isIPv4 ? sizeof four : sizeof six);
+    }
+    return sendmsg(socket.number(), &message, 0);
+}
+
 // One datagram out and one back. With an unconnected socket no error can reach us but a time-out.
 std::string exchange(const Destination& destination, const std::string& question, Report& report) {
     const auto deadline = Clock::now() + destination.patience;
     auto socket = destination.isUnconnected ? openSocket(destination, SOCK_DGRAM, report)
                                             : connectTo(destination, SOCK_DGRAM, report);
     if (!socket) return {};
-    const auto address = target(destination);
     const auto count = destination.isUnconnected
-                           ? sendto(socket.number(), question.data(), question.size(), 0,
-                                    address.pointer(), address.length)
+                           ? sendUnconnected(socket, question, destination)
                            : send(socket.number(), question.data(), question.size(), 0);
     if (count < 0) {
         report.failedAt("send", errno);

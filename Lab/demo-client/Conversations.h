@@ -13,7 +13,9 @@ namespace lab {
 struct Destination {
     Address address;
     std::string bindDevice;
-    uint16_t sourcePort = 0;  // 0: the system chooses
+    std::string unicastInterface;   // where to send from, without being bound to it
+    std::string datagramInterface;  // the same, said with the datagram
+    uint16_t sourcePort = 0;        // 0: the system chooses
     bool isMapped = false;
     bool isUnconnected = false;
     std::chrono::milliseconds patience{5000};

@@ -23,6 +23,8 @@ struct Arguments {
     std::string address;
     uint16_t port = 0;
     std::string device;
+    std::string unicastInterface;
+    std::string datagramInterface;
     uint16_t sourcePort = 0;
     bool isMapped = false;
     bool isUnconnected = false;
@@ -46,6 +48,8 @@ lab::Destination destinationOf(const Arguments& arguments) {
     if (!address) throw CLI::ValidationError("ADDRESS", arguments.address + " is no address");
     return {.address = *address,
             .bindDevice = arguments.device,
+            .unicastInterface = arguments.unicastInterface,
+            .datagramInterface = arguments.datagramInterface,
             .sourcePort = arguments.sourcePort,
             .isMapped = arguments.isMapped,
             .isUnconnected = arguments.isUnconnected,
@@ -84,6 +88,10 @@ void addConversation(CLI::App& application, Arguments& arguments, const std::str
     command->add_option("ADDRESS", arguments.address)->required();
     command->add_option("PORT", arguments.port)->required();
     command->add_option("--bind-device", arguments.device, "bind the socket to this interface");
+    command->add_option("--unicast-interface", arguments.unicastInterface,
+                        "choose this interface for what is sent (IP_UNICAST_IF)");
+    command->add_option("--datagram-interface", arguments.datagramInterface,
+                        "choose it with an unconnected datagram (IP_PKTINFO)");
     command->add_option("--source-port", arguments.sourcePort, "send from this port");
     command->add_flag("--mapped", arguments.isMapped, "an IPv6 socket and the IPv4-mapped address");
     command->add_flag("--unconnected", arguments.isUnconnected,

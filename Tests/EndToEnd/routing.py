@@ -101,6 +101,12 @@ def _bound_to_an_interface(stage) -> None:
     report = stage.ledger.run("connect", address, 80, "--bind-device", network.PHYSICAL)
     stage.expect_physical("a socket bound to an interface keeps it", report, address)
     stage.expect_no_record("a socket bound to an interface is not the proxy's", address)
+    for next_address in (stage.ipv4, stage.ipv6):
+        for words in (["--unicast-interface"], ["--unconnected", "--unicast-interface"],
+                      ["--unconnected", "--datagram-interface"]):
+            address = next_address()
+            stage.expect_physical(f"datagrams keep the interface that they choose: {' '.join(words)}, {address}",
+                                  stage.ledger.run("datagram", address, 8080, *words, network.PHYSICAL), address)
 
 
 def _loopback_is_not_offered(stage) -> None:
