@@ -54,7 +54,7 @@ std::string socketPath() {
 struct Server {
     Server() {
         socket = std::make_unique<platform::MessageSocket>(
-            socketPath(), [] { return std::optional<std::string>(); }, answer,
+            socketPath(), [] { return platform::Result<>(); }, answer,
             platform::MessageSocket::Limits{.requestBytes = longestRequest});
     }
     ~Server() {

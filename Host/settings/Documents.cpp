@@ -18,10 +18,10 @@ namespace {
 
 constexpr const char* asRoot = "Do it with sudo, or as a member of the group vantry.";
 
-Failure unreadable(const std::string& path, const platform::FileRefusal& refusal) {
-    if (refusal.error == EACCES)
+Failure unreadable(const std::string& path, const platform::Error& refusal) {
+    if (refusal.code() == EACCES)
         return {ExitCode::notPermitted, path + " may not be read.", asRoot};
-    return {ExitCode::failed, path + " cannot be read: " + refusal.reason + ".",
+    return {ExitCode::failed, path + " cannot be read: " + refusal.text() + ".",
             "Look at it with ls -l, and move it away if no one needs it."};
 }
 
@@ -35,12 +35,10 @@ Failure malformed(const std::string& path, const std::string& why) {
 
 Outcome<std::optional<std::string>> readFile(const std::string& path) {
     const auto opened = platform::openTrustedFile(path, O_RDONLY);
-    if (const auto* refusal = std::get_if<platform::FileRefusal>(&opened)) {
-        if (refusal->error == ENOENT) return std::nullopt;
-        return unreadable(path, *refusal);
-    }
+    if (!opened && opened.error().code() == ENOENT) return std::nullopt;
+    if (!opened) return unreadable(path, opened.error());
     const auto content = NSFileManager::defaultManager().contentsAtPath(path);
-    if (!content) return unreadable(path, {EIO, "it changed while it was read"});
+    if (!content) return unreadable(path, {EIO, "", "it changed while it was read"});
     return std::string(content->bytes().value_or(""));
 }
 

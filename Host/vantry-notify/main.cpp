@@ -92,7 +92,7 @@ int main() {
     auto bus = sessionBus();
     if (!bus) return 1;
     platform::FolderWatch watch(
-        logFolder, [] { return std::nullopt; }, IN_MOVED_TO | IN_CLOSE_WRITE);
+        logFolder, [] { return platform::Result<>(); }, IN_MOVED_TO | IN_CLOSE_WRITE);
     if (!watch.isWatching()) {
         std::cerr << "vantry-notify: " << logFolder << " cannot be watched\n";
         return 1;

@@ -115,9 +115,10 @@ Outcome<> keepVersion(const JSONObject& document) {
 Outcome<> PreferencesFile::prepare() {
     using platform::FolderAccess;
     for (const char* folder : {places::preferencesFolder, places::versionsFolder})
-        if (const auto unusable =
-                platform::prepareSharedFolder(folder, FolderAccess::trustedGroupOnly))
-            return Failure{ExitCode::failed, *unusable + ".", ""};
+        if (const auto prepared =
+                platform::prepareSharedFolder(folder, FolderAccess::trustedGroupOnly);
+            !prepared)
+            return Failure{ExitCode::failed, prepared.error().text() + ".", ""};
     removeLeftovers(places::preferencesFile);
     return Nothing{};
 }

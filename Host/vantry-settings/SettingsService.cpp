@@ -40,11 +40,11 @@ constexpr std::array<unsigned, 4> routeGroups{RTNLGRP_IPV4_ROUTE, RTNLGRP_IPV4_R
 
 vantryhost::SecondsSince1970 now() { return std::time(nullptr); }
 
-std::optional<std::string> makeRuntimeFolder() {
+platform::Result<> makeRuntimeFolder() {
     return platform::prepareSharedFolder(places::runtimeFolder, FolderAccess::everyoneMayRead);
 }
 
-std::optional<std::string> makePreferencesFolder() {
+platform::Result<> makePreferencesFolder() {
     return platform::prepareSharedFolder(places::preferencesFolder, FolderAccess::trustedGroupOnly);
 }
 
@@ -75,7 +75,7 @@ SettingsService::SettingsService()
       preferencesFolder(places::preferencesFolder, makePreferencesFolder,
                         IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE),
       rulesFolder(
-          "/tmp", [] { return std::nullopt; },
+          "/tmp", [] { return platform::Result<>(); },
           IN_CLOSE_WRITE | IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_ATTRIB) {
     auto events = platform::netlink::Socket::open(NETLINK_ROUTE, routeGroups);
     if (events)

@@ -170,7 +170,7 @@ ExitCode printLog(const std::vector<ActivityLogEntryIPC>& log, const LogOptions&
 ExitCode followLog(std::vector<ActivityLogEntryIPC> log, const LogOptions& options,
                    const Console& console) {
     platform::FolderWatch watch(
-        std::string(logFolder), [] { return std::nullopt; }, IN_MOVED_TO | IN_CLOSE_WRITE);
+        std::string(logFolder), [] { return platform::Result<>(); }, IN_MOVED_TO | IN_CLOSE_WRITE);
     LogFollower follower;
     log = follower.newEntries(log);
     keepLast(log, options.lines);

@@ -5,7 +5,7 @@
 namespace platform {
 
 std::string Error::text() const {
-    const std::string why = std::generic_category().message(code_);
+    const std::string why = reason_.empty() ? std::generic_category().message(code_) : reason_;
     return *doing_ == '\0' ? why : std::string("cannot ") + doing_ + ": " + why;
 }
 

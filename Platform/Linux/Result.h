@@ -23,6 +23,9 @@ class Error {
 public:
     // `doing` completes "cannot ..." and outlives the error: "open the packet queue".
     explicit Error(int number, const char* doing = "") : code_(number), doing_(doing) {}
+    // Where the number says too little: `reason` takes the place of the system's words for it.
+    Error(int number, const char* doing, std::string reason)
+        : code_(number), doing_(doing), reason_(std::move(reason)) {}
     // Of the system call that has just failed.
     static Error last(const char* doing = "") { return Error(errno, doing); }
 
@@ -38,13 +41,14 @@ public:
 private:
     int code_;
     const char* doing_;
+    std::string reason_;
 };
 
 template <class Value = void>
 class [[nodiscard]] Result {
 public:
     Result(Value value) : content(std::in_place_index<0>, std::move(value)) {}
-    Result(Error error) : content(std::in_place_index<1>, error) {}
+    Result(Error error) : content(std::in_place_index<1>, std::move(error)) {}
     template <class Other>
     requires(!std::is_same_v<Other, Value> && std::is_constructible_v<Value, Other>)
         Result(Result<Other> other)
@@ -73,7 +77,7 @@ template <>
 class [[nodiscard]] Result<void> {
 public:
     Result() = default;
-    Result(Error error) : failure(error) {}
+    Result(Error error) : failure(std::move(error)) {}
 
     explicit operator bool() const { return !failure; }
     // Only of a failure.

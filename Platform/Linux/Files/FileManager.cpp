@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <string>
 #include <utility>
-#include <variant>
 
 #include "Platform/Foundation.h"
 #include "Platform/Linux/FileDescriptor.h"
@@ -18,7 +17,7 @@
 #include "Platform/Linux/HostChannel/SharedFolder.h"
 #include "Platform/Linux/PlatformLog.h"
 #include "Platform/Linux/RandomBytes.h"
-#include "Platform/Linux/SystemError.h"
+#include "Platform/Linux/Result.h"
 
 namespace platform {
 namespace {
@@ -27,15 +26,14 @@ namespace {
 constexpr std::size_t largestFile = std::size_t{256} << 20;
 constexpr std::string_view applicationGroup = "group.org.quillmere.Vantry";
 
-// 0 if all was written, else an errno.
-int writeAll(int descriptor, std::string_view bytes) {
+Result<> writeAll(int descriptor, std::string_view bytes) {
     while (!bytes.empty()) {
         const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
         if (written < 0 && errno == EINTR) continue;
-        if (written < 0) return errno;
+        if (written < 0) return Error::last();
         bytes.remove_prefix(static_cast<std::size_t>(written));
     }
-    return 0;
+    return {};
 }
 
 std::optional<std::string> readAll(int descriptor) {
@@ -76,20 +74,20 @@ std::string temporaryNameBeside(std::string_view path) {
     return name;
 }
 
-int createAndFill(const std::string& name, std::string_view bytes) {
+Result<> createAndFill(const std::string& name, std::string_view bytes) {
     const FileDescriptor file(
         ::open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, modeOfNewFiles));
-    if (!file) return errno;
-    const int error = writeAll(file.get(), bytes);
-    if (error != 0) ::unlink(name.c_str());
-    return error;
+    if (!file) return Error::last();
+    auto written = writeAll(file.get(), bytes);
+    if (!written) ::unlink(name.c_str());
+    return written;
 }
 
 // What stands there and is not trusted goes: the link itself, not what it leads to.
-std::variant<FileDescriptor, FileRefusal> openForWriting(const std::string& path) {
+Result<FileDescriptor> openForWriting(const std::string& path) {
     auto opened = openTrustedFile(path, O_WRONLY | O_CREAT);
-    const auto* refusal = std::get_if<FileRefusal>(&opened);
-    if (refusal == nullptr || refusal->error != EPERM || ::unlink(path.c_str()) != 0) return opened;
+    const bool isDistrusted = !opened && opened.error().code() == EPERM;
+    if (!isDistrusted || ::unlink(path.c_str()) != 0) return opened;
     platformLog.info("The file %{public}s is replaced by a new one", path);
     return openTrustedFile(path, O_WRONLY | O_CREAT | O_EXCL);
 }
@@ -103,13 +101,12 @@ NSFileManager& NSFileManager::defaultManager() {
 
 std::optional<Data> NSFileManager::contentsAtPath(std::string_view path) {
     const auto opened = openTrustedFile(std::string(path), O_RDONLY);
-    const auto* file = std::get_if<FileDescriptor>(&opened);
-    if (file == nullptr) return std::nullopt;
-    if (isTooLarge(file->get())) {
+    if (!opened) return std::nullopt;
+    if (isTooLarge(opened->get())) {
         platformLog.error("The file %{public}s is too large to be read", path);
         return std::nullopt;
     }
-    auto bytes = readAll(file->get());
+    auto bytes = readAll(opened->get());
     if (!bytes) return std::nullopt;
     return Data(std::move(*bytes));
 }
@@ -117,28 +114,26 @@ std::optional<Data> NSFileManager::contentsAtPath(std::string_view path) {
 std::optional<NSError> NSFileManager::writeAtomically(std::string_view bytes,
                                                       std::string_view path) {
     const std::string temporaryName = temporaryNameBeside(path);
-    if (const int error = createAndFill(temporaryName, bytes)) return systemError(error);
+    const auto filled = createAndFill(temporaryName, bytes);
+    if (!filled) return systemError(filled.error());
     if (::rename(temporaryName.c_str(), std::string(path).c_str()) == 0) return std::nullopt;
-    const int error = errno;
+    const Error error = Error::last();
     ::unlink(temporaryName.c_str());
     return systemError(error);
 }
 
 std::optional<NSError> NSFileManager::write(std::string_view bytes, std::string_view path) {
     const auto opened = openForWriting(std::string(path));
-    if (const auto* refusal = std::get_if<FileRefusal>(&opened))
-        return NSError{"posix", refusal->error, refusal->reason};
-    const int file = std::get<FileDescriptor>(opened).get();
+    if (!opened) return systemError(opened.error());
     // Emptied only now, when it is known whose file it is.
-    if (::ftruncate(file, 0) != 0) return systemError(errno);
-    if (const int error = writeAll(file, bytes)) return systemError(error);
-    return std::nullopt;
+    if (::ftruncate(opened->get(), 0) != 0) return systemError(Error::last());
+    const auto written = writeAll(opened->get(), bytes);
+    return written ? std::nullopt : std::optional(systemError(written.error()));
 }
 
 bool NSFileManager::setPosixPermissions(int permissions, std::string_view path) {
     const auto opened = openTrustedFile(std::string(path), O_RDONLY);
-    const auto* file = std::get_if<FileDescriptor>(&opened);
-    return file != nullptr && ::fchmod(file->get(), static_cast<mode_t>(permissions)) == 0;
+    return opened && ::fchmod(opened->get(), static_cast<mode_t>(permissions)) == 0;
 }
 
 bool NSFileManager::removeItemAtPath(std::string_view path) {

@@ -5,7 +5,7 @@
 
 #include <cerrno>
 #include <optional>
-#include <system_error>
+#include <utility>
 
 #include "Platform/Linux/HostChannel/TrustedAccounts.h"
 #include "Platform/Linux/PlatformLog.h"
@@ -33,20 +33,17 @@ std::optional<std::string> reasonForDistrust(int descriptor) {
     return std::nullopt;
 }
 
-FileRefusal distrust(const std::string& path, const std::string& reason) {
+Error distrust(const std::string& path, const std::string& reason) {
     platformLog.error("The file %{public}s is not trusted: %{public}s", path, reason);
-    return {EPERM, "The file is not trusted: " + reason};
+    return {EPERM, "", "The file is not trusted: " + reason};
 }
 
 }  // namespace
 
-std::variant<FileDescriptor, FileRefusal> openTrustedFile(const std::string& path, int flags) {
+Result<FileDescriptor> openTrustedFile(const std::string& path, int flags) {
     FileDescriptor file(openWithoutWaiting(path, flags));
     if (!file && errno == ELOOP) return distrust(path, "it is a symbolic link");
-    if (!file) {
-        const int error = errno;
-        return FileRefusal{error, std::generic_category().message(error)};
-    }
+    if (!file) return Error::last();
     if (const auto reason = reasonForDistrust(file.get())) return distrust(path, *reason);
     return file;
 }

@@ -7,24 +7,18 @@
 #include <sys/types.h>
 
 #include <string>
-#include <variant>
 
 #include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/Result.h"
 
 namespace platform {
-
-// Why a file was not opened: an errno and a sentence for people.
-struct FileRefusal {
-    int error = 0;
-    std::string reason;
-};
 
 // The mode of files that the daemon and its tool make, before the umask.
 constexpr mode_t modeOfNewFiles = 0644;
 
-// Opens the file with `flags` (as of open(2); with O_CREAT the mode is `modeOfNewFiles`). A refusal is the
-// system's error, or EPERM for a file that is not trusted; only the latter is logged, with one line
-// that says why.
-std::variant<FileDescriptor, FileRefusal> openTrustedFile(const std::string& path, int flags);
+// Opens the file with `flags` (as of open(2); with O_CREAT the mode is `modeOfNewFiles`). Fails with
+// the system's error, or with EPERM for a file that is not trusted; only the latter is logged, with one
+// line that says why.
+Result<FileDescriptor> openTrustedFile(const std::string& path, int flags);
 
 }  // namespace platform

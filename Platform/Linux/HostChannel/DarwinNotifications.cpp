@@ -41,9 +41,9 @@ bool canBeAFileName(std::string_view name) {
            name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
 }
 
-std::optional<std::string> makeNotificationsFolder() {
-    if (auto unusable = prepareSharedFolder(places::runtimeFolder, FolderAccess::everyoneMayRead))
-        return unusable;
+Result<> makeNotificationsFolder() {
+    auto around = prepareSharedFolder(places::runtimeFolder, FolderAccess::everyoneMayRead);
+    if (!around) return around;
     return prepareSharedFolder(places::notificationsFolder, FolderAccess::trustedGroupOnly);
 }
 

@@ -5,7 +5,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
 #include "Platform/Linux/HostChannel/HostChannelLog.h"
@@ -33,19 +32,19 @@ FolderWatch::FolderWatch(std::string folderPath, MakeFolder makeTheFolder, std::
 
 // A failure is reported once, not at every new attempt.
 void FolderWatch::watch() {
-    const auto unusable = makeFolder();
-    const bool isWatched = !unusable && addWatches();
-    if (!isWatched && !hasReportedFailure)
+    auto watched = makeFolder();
+    if (watched) watched = addWatches();
+    if (!watched && !hasReportedFailure)
         hostChannelLog.error("Changes in %{public}s go unseen for now: %{public}s", folder,
-                             unusable ? *unusable : std::string(std::strerror(errno)));
-    hasReportedFailure = !isWatched;
+                             watched.error().text());
+    hasReportedFailure = !watched;
 }
 
-bool FolderWatch::addWatches() {
+Result<> FolderWatch::addWatches() {
     parentWatch = inotify_add_watch(inotify.get(), parentOf(folder).c_str(), selfMask | IN_ONLYDIR);
     folderWatch = inotify_add_watch(inotify.get(), folder.c_str(),
                                     mask | selfMask | IN_ONLYDIR | IN_DONT_FOLLOW);
-    return folderWatch >= 0;
+    return folderWatch < 0 ? Error::last() : Result<>();
 }
 
 void FolderWatch::stopWatching() {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/Result.h"
 
 namespace platform {
 
@@ -26,8 +27,8 @@ public:
         bool mayHaveMissedSome = false;
     };
 
-    // Makes sure that the folder is there; returns why it is not, or nothing.
-    using MakeFolder = std::function<std::optional<std::string>()>;
+    // Makes sure that the folder is there.
+    using MakeFolder = std::function<Result<>()>;
 
     // Has the folder made, if need be, and watches it for the events of `mask`. Whoever makes the
     // object may rely on events from then on, if `isWatching`.
@@ -42,7 +43,7 @@ public:
 
 private:
     void watch();
-    bool addWatches();
+    Result<> addWatches();
     void stopWatching();
     bool replacesTheFolder(int watch, std::uint32_t mask) const;
 

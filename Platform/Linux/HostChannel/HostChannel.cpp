@@ -30,11 +30,11 @@ namespace {
 
 constexpr std::string_view preferencesName = "preferences.json";
 
-std::optional<std::string> makePreferencesFolder() {
+Result<> makePreferencesFolder() {
     return prepareSharedFolder(places::preferencesFolder, FolderAccess::trustedGroupOnly);
 }
 
-std::optional<std::string> makeRuntimeFolder() {
+Result<> makeRuntimeFolder() {
     return prepareSharedFolder(places::runtimeFolder, FolderAccess::everyoneMayRead);
 }
 

@@ -145,11 +145,11 @@ MessageSocket::~MessageSocket() {
 
 // A failure is reported once, not at every new attempt.
 void MessageSocket::listen() {
-    const auto unusable = makeFolder();
-    listener = unusable ? FileDescriptor() : makeListener(path);
+    const auto made = makeFolder();
+    listener = made ? makeListener(path) : FileDescriptor();
     if (!listener && !hasReportedFailure)
         hostChannelLog.error("No messages arrive for now: %{public}s cannot be made: %{public}s",
-                             path, unusable ? *unusable : std::string(std::strerror(errno)));
+                             path, (made ? Error::last() : made.error()).text());
     hasReportedFailure = !listener;
     inode = listener ? inodeAt(path) : std::nullopt;
 }

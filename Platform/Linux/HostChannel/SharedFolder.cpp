@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
+#include <optional>
 
 #include "Platform/Linux/FileDescriptor.h"
 #include "Platform/Linux/HostChannel/HostChannelLog.h"
@@ -21,8 +21,8 @@ constexpr mode_t ownerFolderMode = 0700;
 constexpr mode_t readableFolderMode = 0755;
 constexpr mode_t permissionBits = 07777;
 
-std::string unusable(const std::string& path, const char* what) {
-    return "The folder " + path + " cannot be used: " + what;
+Error unusable(const std::string& path, const Error& why) {
+    return {why.code(), "", "The folder " + path + " cannot be used: " + why.text()};
 }
 
 // A process that may not give the group its folder, as in a namespace that doesn't know the group,
@@ -49,25 +49,26 @@ bool setAccess(int folder, const struct stat& present, FolderAccess access) {
 
 }  // namespace
 
-std::optional<std::string> prepareSharedFolder(const std::string& path, FolderAccess access) {
+Result<> prepareSharedFolder(const std::string& path, FolderAccess access) {
     // Closed to everybody else until its group and mode are set.
     if (mkdir(path.c_str(), ownerFolderMode) != 0 && errno != EEXIST)
-        return unusable(path, std::strerror(errno));
+        return unusable(path, Error::last());
     const FileDescriptor folder(
         open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!folder) return unusable(path, std::strerror(errno));
+    if (!folder) return unusable(path, Error::last());
     struct stat present {};
-    if (fstat(folder.get(), &present) != 0) return unusable(path, std::strerror(errno));
-    if (!isTrustedAccount(present.st_uid)) return unusable(path, "its owner is not trusted");
-    if (present.st_uid != geteuid() && geteuid() != 0) return std::nullopt;
-    if (!setAccess(folder.get(), present, access)) return unusable(path, std::strerror(errno));
-    return std::nullopt;
+    if (fstat(folder.get(), &present) != 0) return unusable(path, Error::last());
+    if (!isTrustedAccount(present.st_uid))
+        return unusable(path, {EPERM, "", "its owner is not trusted"});
+    if (present.st_uid != geteuid() && geteuid() != 0) return {};
+    if (!setAccess(folder.get(), present, access)) return unusable(path, Error::last());
+    return {};
 }
 
 bool makeSharedFolder(const std::string& path, FolderAccess access) {
-    const auto unusable = prepareSharedFolder(path, access);
-    if (unusable) hostChannelLog.error("%{public}s", *unusable);
-    return !unusable;
+    const auto prepared = prepareSharedFolder(path, access);
+    if (!prepared) hostChannelLog.error("%{public}s", prepared.error().text());
+    return static_cast<bool>(prepared);
 }
 
 }  // namespace platform

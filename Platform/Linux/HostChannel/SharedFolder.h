@@ -2,8 +2,9 @@
 // daemon at its start, or the tool when it stores a rule before the daemon has ever run.
 #pragma once
 
-#include <optional>
 #include <string>
+
+#include "Platform/Linux/Result.h"
 
 namespace platform {
 
@@ -18,7 +19,7 @@ enum class FolderAccess {
 // False if the folder cannot be used as asked, with one line that says why. Any thread.
 bool makeSharedFolder(const std::string& path, FolderAccess access);
 
-// The same without a line: returns why the folder cannot be used as asked, or nothing.
-std::optional<std::string> prepareSharedFolder(const std::string& path, FolderAccess access);
+// The same without a line; the error is a sentence for people.
+Result<> prepareSharedFolder(const std::string& path, FolderAccess access);
 
 }  // namespace platform

@@ -44,14 +44,16 @@ bool dependsOnNetwork(int error) {
     }
 }
 
-int setOption(const FileDescriptor& socket, int level, int option, int value) {
-    return ::setsockopt(socket.get(), level, option, &value, sizeof value) == 0 ? 0 : errno;
+Result<> setOption(const FileDescriptor& socket, int level, int option, int value) {
+    const int set = ::setsockopt(socket.get(), level, option, &value, sizeof value);
+    return set == 0 ? Result<>() : Error::last();
 }
 
-int bindToLocalPort(const FileDescriptor& socket, int family, std::uint16_t port) {
-    if (const int error = setOption(socket, SOL_SOCKET, SO_REUSEADDR, 1)) return error;
+Result<> bindToLocalPort(const FileDescriptor& socket, int family, std::uint16_t port) {
+    const auto set = setOption(socket, SOL_SOCKET, SO_REUSEADDR, 1);
+    if (!set) return set;
     const SocketAddress any = SocketAddress::unspecified(family, port);
-    return ::bind(socket.get(), &any.any, any.length) == 0 ? 0 : errno;
+    return ::bind(socket.get(), &any.any, any.length) == 0 ? Result<>() : Error::last();
 }
 
 NSError resolverError(int code) { return {"dns", code, ::gai_strerror(code)}; }
@@ -230,55 +232,57 @@ void SocketConnection::tryAddresses(std::vector<SocketAddress> addresses) {
 
 void SocketConnection::tryNextAddress() {
     while (attempts->next < attempts->addresses.size()) {
-        const int error = beginAttempt(attempts->addresses[attempts->next++]);
-        if (error == 0) return tryAnotherSoon();
-        attemptFailed(error);
+        const auto begun = beginAttempt(attempts->addresses[attempts->next++]);
+        if (begun) return tryAnotherSoon();
+        attemptFailed(begun.error().code());
     }
     if (attempts->underWay.empty()) allAttemptsFailed();
 }
 
-int SocketConnection::beginAttempt(const SocketAddress& address) {
+Result<> SocketConnection::beginAttempt(const SocketAddress& address) {
     if (!interfaceName) return beginAttempt(address, 0);
     for (int tried = 0; tried < localPortsToTry; ++tried) {
-        const int error = beginAttempt(address, LocalPorts::ofThisThread().next());
+        auto begun = beginAttempt(address, LocalPorts::ofThisThread().next());
+        const int error = begun ? 0 : begun.error().code();
         const bool isPortTaken = error == EADDRINUSE || error == EADDRNOTAVAIL;
-        if (!isPortTaken) return error;
+        if (!isPortTaken) return begun;
     }
     return beginAttempt(address, 0);
 }
 
 // From `localPort`; 0 is the kernel's choice.
-int SocketConnection::beginAttempt(SocketAddress address, std::uint16_t localPort) {
+Result<> SocketConnection::beginAttempt(SocketAddress address, std::uint16_t localPort) {
     FileDescriptor descriptor(
         ::socket(address.family(), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
-    if (!descriptor) return errno;
-    if (const int error = bindToInterface(descriptor)) return error;
+    if (!descriptor) return Error::last();
+    if (const auto bound = bindToInterface(descriptor); !bound) return bound;
     if (address.family() == AF_INET6 && IN6_IS_ADDR_LINKLOCAL(&address.ipv6.sin6_addr) &&
         address.ipv6.sin6_scope_id == 0)
         address.ipv6.sin6_scope_id = static_cast<std::uint32_t>(interfaceIndex);
     if (const auto mark = OwnTraffic::mark()) {
-        const int error = setOption(descriptor, SOL_SOCKET, SO_MARK, static_cast<int>(mark));
-        if (error != 0) return error;
+        const auto set = setOption(descriptor, SOL_SOCKET, SO_MARK, static_cast<int>(mark));
+        if (!set) return set;
     }
     setRelayOptions(descriptor);
-    if (localPort != 0)
-        if (const int error = bindToLocalPort(descriptor, address.family(), localPort))
-            return error;
+    if (localPort != 0) {
+        const auto bound = bindToLocalPort(descriptor, address.family(), localPort);
+        if (!bound) return bound;
+    }
     const auto attempt = std::make_shared<StreamSocket>(*loop.load(), std::move(descriptor), *this);
-    if (const int error = attempt->connect(&address.any, address.length)) return error;
-    attempts->underWay.push_back(attempt);
-    return 0;
+    const auto begun = attempt->connect(&address.any, address.length);
+    if (begun) attempts->underWay.push_back(attempt);
+    return begun;
 }
 
 // By index, so that a later interface of the same name is told from this one.
-int SocketConnection::bindToInterface(const FileDescriptor& descriptor) {
-    if (!interfaceName) return 0;
+Result<> SocketConnection::bindToInterface(const FileDescriptor& descriptor) {
+    if (!interfaceName) return {};
     const auto network = NetworkMonitor::shared().state();
     if (const auto* known = network->named(*interfaceName))
         interfaceIndex = known->index;
     else
         interfaceIndex = static_cast<int>(::if_nametoindex(interfaceName->c_str()));
-    if (interfaceIndex == 0) return ENODEV;
+    if (interfaceIndex == 0) return Error(ENODEV);
     return setOption(descriptor, SOL_SOCKET, SO_BINDTOIFINDEX, interfaceIndex);
 }
 

@@ -16,6 +16,7 @@
 #include "Platform/Linux/Network/NetworkState.h"
 #include "Platform/Linux/Network/SocketAddress.h"
 #include "Platform/Linux/Relay/StreamSocket.h"
+#include "Platform/Linux/Result.h"
 
 namespace platform {
 
@@ -68,9 +69,9 @@ private:
     void connect();
     void tryAddresses(std::vector<SocketAddress> addresses);
     void tryNextAddress();
-    int beginAttempt(const SocketAddress& address);
-    int beginAttempt(SocketAddress address, std::uint16_t localPort);
-    int bindToInterface(const FileDescriptor& descriptor);
+    Result<> beginAttempt(const SocketAddress& address);
+    Result<> beginAttempt(SocketAddress address, std::uint16_t localPort);
+    Result<> bindToInterface(const FileDescriptor& descriptor);
     void tryAnotherSoon();
     void connectDone(StreamSocket& attempt, int error) override;
     void attemptFailed(int error);

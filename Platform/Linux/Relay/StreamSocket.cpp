@@ -64,15 +64,15 @@ StreamSocket::StreamSocket(EventLoop& eventLoop, FileDescriptor descriptor, Owne
 
 StreamSocket::~StreamSocket() = default;
 
-int StreamSocket::connect(const sockaddr* address, socklen_t length) {
+Result<> StreamSocket::connect(const sockaddr* address, socklen_t length) {
     phase = Phase::connecting;
     if (::connect(socket.descriptor(), address, length) == 0)
         loop.askForTurn(shared_from_this());
     else if (errno == EINPROGRESS)
         socket.awaitConnection();
     else
-        return errno;
-    return socket.failure();
+        return Error::last();
+    return socket.failure() == 0 ? Result<>() : Error(socket.failure());
 }
 
 sockaddr_storage StreamSocket::localAddress() const {

@@ -19,6 +19,7 @@
 #include "Platform/Linux/Relay/StreamInput.h"
 #include "Platform/Linux/Relay/StreamOutput.h"
 #include "Platform/Linux/Relay/WatchedSocket.h"
+#include "Platform/Linux/Result.h"
 
 namespace platform {
 
@@ -47,8 +48,8 @@ public:
     StreamSocket(EventLoop& loop, FileDescriptor socket, Owner& owner);
     ~StreamSocket() override;
 
-    // Begins to connect. Returns an errno if it failed at once; else `connectDone` follows.
-    int connect(const sockaddr* address, socklen_t length);
+    // Begins to connect. Unless that fails at once `connectDone` follows.
+    Result<> connect(const sockaddr* address, socklen_t length);
 
     // One of each at a time. A read delivers at least `minimum` bytes unless the stream ends first.
     void read(std::size_t minimum, std::size_t maximum);

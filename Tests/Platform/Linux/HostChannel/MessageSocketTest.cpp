@@ -24,9 +24,7 @@ std::optional<std::string> exchanged(const std::string& request) {
 
 void echo(Data request, Answer answer) { answer(Data("<" + std::string(*request.bytes()) + ">")); }
 
-std::optional<std::string> makeFolder() {
-    return prepareSharedFolder(folder, FolderAccess::everyoneMayRead);
-}
+Result<> makeFolder() { return prepareSharedFolder(folder, FolderAccess::everyoneMayRead); }
 
 std::unique_ptr<MessageSocket> listening(MessageSocket::Handler handler,
                                          MessageSocket::Limits limits = {}) {
