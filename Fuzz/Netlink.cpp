@@ -14,9 +14,9 @@
 #include <vector>
 
 #include "Fuzz/Input.h"
-#include "Platform/Linux/Interception/ConnectionEntries.h"
 #include "Platform/Linux/Netlink/Message.h"
 #include "Platform/Linux/Network/RouteMessages.h"
+#include "Platform/Linux/Rules/ConnectionEntries.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "Fuzz/Input.h"
-#include "Platform/Linux/Interception/HeldPacket.h"
+#include "Platform/Linux/Packets/HeldPacket.h"
 
 namespace {
 

@@ -16,11 +16,11 @@
 #include <thread>
 #include <vector>
 
-#include "Platform/Linux/Interception/Interception.h"
+#include "Platform/Linux/Daemon/Interception.h"
 #include "Platform/Linux/Relay/ConnectionAcceptor.h"
 #include "Platform/Linux/Relay/SocketFlow.h"
-#include "Tests/Platform/Linux/Interception/InterceptionLab.h"
-#include "Tests/Platform/Linux/Interception/ScriptedProviders.h"
+#include "Tests/Platform/Linux/Daemon/InterceptionLab.h"
+#include "Tests/Platform/Linux/Daemon/ScriptedProviders.h"
 #include "Tests/Platform/Linux/Namespaces.h"
 #include "Tests/Platform/Linux/Sockets.h"
 

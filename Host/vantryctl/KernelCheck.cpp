@@ -19,10 +19,10 @@
 
 #include "Platform/Linux/Attribution/FlowOwner.h"
 #include "Platform/Linux/FileDescriptor.h"
-#include "Platform/Linux/Interception/PacketQueue.h"
-#include "Platform/Linux/Interception/PacketTable.h"
-#include "Platform/Linux/Interception/VerdictProbe.h"
 #include "Platform/Linux/Kernel/KernelPrograms.h"
+#include "Platform/Linux/Packets/PacketQueue.h"
+#include "Platform/Linux/Packets/VerdictProbe.h"
+#include "Platform/Linux/Rules/PacketTable.h"
 
 namespace vantryctl {
 

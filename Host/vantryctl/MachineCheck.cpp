@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "Platform/Linux/Interception/MarkPlaces.h"
+#include "Platform/Linux/Rules/MarkPlaces.h"
 
 namespace vantryctl {
 

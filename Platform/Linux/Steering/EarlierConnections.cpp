@@ -12,7 +12,7 @@
 #include "Platform/Linux/Attribution/SocketDiagnosis.h"
 #include "Platform/Linux/Netlink/Socket.h"
 #include "Platform/Linux/PlatformLog.h"
-#include "Platform/Linux/Steering/SteeringMarks.h"
+#include "Platform/Linux/Rules/SteeringMarks.h"
 
 namespace platform::steering {
 

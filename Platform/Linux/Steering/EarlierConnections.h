@@ -5,7 +5,7 @@
 
 #include <set>
 
-#include "Platform/Linux/Interception/ConnectionEntries.h"
+#include "Platform/Linux/Rules/ConnectionEntries.h"
 #include "Platform/Linux/Steering/SteeringRoutes.h"
 
 namespace platform::steering {

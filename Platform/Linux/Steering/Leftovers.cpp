@@ -1,6 +1,6 @@
 #include "Platform/Linux/Steering/Leftovers.h"
 
-#include "Platform/Linux/Interception/ConnectionEntries.h"
+#include "Platform/Linux/Rules/ConnectionEntries.h"
 #include "Platform/Linux/Steering/EarlierConnections.h"
 #include "Platform/Linux/Steering/SteeringRoutes.h"
 #include "Platform/Linux/Steering/SteeringTable.h"

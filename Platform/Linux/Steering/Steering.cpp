@@ -16,10 +16,10 @@
 
 #include "Platform/Linux/Attribution/SocketDiagnosis.h"
 #include "Platform/Linux/Health/Health.h"
-#include "Platform/Linux/Interception/ConnectionEntries.h"
 #include "Platform/Linux/Kernel/SteeringPrograms.h"
 #include "Platform/Linux/Network/NetworkMonitor.h"
 #include "Platform/Linux/PlatformLog.h"
+#include "Platform/Linux/Rules/ConnectionEntries.h"
 #include "Platform/Linux/Steering/EarlierConnections.h"
 #include "Platform/Linux/Steering/Farewells.h"
 #include "Platform/Linux/Steering/SteeringRoutes.h"

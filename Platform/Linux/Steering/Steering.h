@@ -12,10 +12,10 @@
 #include <thread>
 
 #include "Platform/Linux/CarriedEnds.h"
-#include "Platform/Linux/Interception/HeldPacket.h"
+#include "Platform/Linux/Packets/HeldPacket.h"
 #include "Platform/Linux/Result.h"
+#include "Platform/Linux/Rules/SteeringMarks.h"
 #include "Platform/Linux/Steering/SteeredSession.h"
-#include "Platform/Linux/Steering/SteeringMarks.h"
 
 namespace platform::steering {
 

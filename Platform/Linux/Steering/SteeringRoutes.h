@@ -23,7 +23,7 @@
 #include "Platform/Linux/Netlink/Socket.h"
 #include "Platform/Linux/Network/NetworkState.h"
 #include "Platform/Linux/Result.h"
-#include "Platform/Linux/Steering/SteeringMarks.h"
+#include "Platform/Linux/Rules/SteeringMarks.h"
 #include "Platform/Linux/Steering/Uplinks.h"
 
 namespace platform::steering {

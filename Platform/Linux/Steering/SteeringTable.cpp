@@ -7,7 +7,7 @@
 
 #include <array>
 
-#include "Platform/Linux/Interception/PacketRule.h"
+#include "Platform/Linux/Rules/PacketRule.h"
 
 namespace platform::steering {
 

@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "Platform/Linux/Steering/SteeringMarks.h"
+#include "Platform/Linux/Rules/SteeringMarks.h"
 #include "Platform/Linux/Steering/Uplinks.h"
 
 struct nft_ctx;

@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "Platform/Linux/Network/RememberedRoutes.h"
-#include "Platform/Linux/Steering/SteeringMarks.h"
+#include "Platform/Linux/Rules/SteeringMarks.h"
 
 namespace platform::steering {
 

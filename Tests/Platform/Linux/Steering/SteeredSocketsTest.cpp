@@ -6,7 +6,7 @@
 
 #include "Platform/Linux/Attribution/SocketDiagnosis.h"
 #include "Platform/Linux/Kernel/SteeringPrograms.h"
-#include "Tests/Platform/Linux/Interception/InterceptionLab.h"
+#include "Tests/Platform/Linux/Daemon/InterceptionLab.h"
 
 namespace platform {
 

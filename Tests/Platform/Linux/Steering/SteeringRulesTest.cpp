@@ -9,7 +9,7 @@
 #include "Platform/Linux/Network/RouteMessages.h"
 #include "Platform/Linux/Steering/SteeringRoutes.h"
 #include "Platform/Linux/Steering/SteeringTable.h"
-#include "Tests/Platform/Linux/Interception/InterceptionLab.h"
+#include "Tests/Platform/Linux/Daemon/InterceptionLab.h"
 
 namespace platform::steering {
 

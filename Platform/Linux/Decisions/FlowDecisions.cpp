@@ -1,0 +1,492 @@
+#include "Platform/Linux/Decisions/FlowDecisions.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <string>
+#include <utility>
+
+#include "Platform/Linux/Decisions/NetworkRules.h"
+#include "Platform/Linux/DirectSessions.h"
+#include "Platform/Linux/PlatformLog.h"
+#include "Platform/Linux/Relay/SocketFlow.h"
+#include "Platform/Linux/SystemError.h"
+
+namespace platform::interception {
+
+// A flow's origin and aim, as both providers are shown them.
+struct FlowDecisions::Source {
+    NEFlowMetaData metaData;
+    RemoteEndpoint remote;
+    std::uint64_t cookie = 0;
+    bool isOnlyForFilter = false;
+    bool isAttributed = false;
+
+    int socketType(const HeldPacket& packet) const {
+        return packet.flow.protocol == IPPROTO_TCP ? SOCK_STREAM : SOCK_DGRAM;
+    }
+    std::shared_ptr<const NEFilterSocketFlow> shownFor(const HeldPacket& packet) const {
+        return std::make_shared<const NEFilterSocketFlow>(metaData.sourceAppAuditToken,
+                                                          socketType(packet), remote);
+    }
+};
+
+// A flow that the proxy has claimed, and how it is carried.
+class FlowDecisions::Claim {
+public:
+    virtual ~Claim() = default;
+    // It is not to be.
+    virtual void refuse(const NSError& error) = 0;
+    // Nothing stands against it: what becomes of its first packet.
+    virtual Verdict carry(FlowState state) = 0;
+};
+
+class FlowDecisions::RelayClaim final : public Claim {
+public:
+    RelayClaim(ClaimedFlows& claimedFlows, const FlowTuple& flowTuple,
+               std::shared_ptr<SocketFlow> flow)
+        : claims(claimedFlows), tuple(flowTuple), side(std::move(flow)) {}
+
+    void refuse(const NSError& error) override { side->failOpening(error); }
+    Verdict carry(FlowState state) override {
+        // The connection may come as soon as the verdict is given.
+        claims.expect(tuple, std::move(side));
+        return {.state = state};
+    }
+
+private:
+    ClaimedFlows& claims;
+    const FlowTuple tuple;
+    std::shared_ptr<SocketFlow> side;
+};
+
+class FlowDecisions::SteeredClaim final : public Claim {
+public:
+    SteeredClaim(std::unique_ptr<steering::Steering::Offer> claimed, std::shared_ptr<void> toKeep)
+        : offer(std::move(claimed)), kept(std::move(toKeep)) {}
+
+    void refuse(const NSError& error) override { offer->refuse(error); }
+    Verdict carry(FlowState state) override {
+        return steered(offer->claim(std::move(kept)), state);
+    }
+
+    static Verdict steered(const steering::Steering::Verdict& verdict, FlowState state) {
+        using Decision = steering::SteeredSession::Decision;
+        switch (verdict.decision) {
+            case Decision::steer:
+                return {.state = state, .uplink = verdict.number};
+            case Decision::drop:
+                return {.state = state, .isDropped = true};
+            case Decision::unreachable:
+                return {.state = FlowState::claimed, .uplink = steering::unreachableNumber};
+            case Decision::deny:
+                break;
+        }
+        return {.state = FlowState::denied};
+    }
+
+private:
+    const std::unique_ptr<steering::Steering::Offer> offer;
+    std::shared_ptr<void> kept;
+};
+
+namespace {
+
+RemoteEndpoint remoteEndpointOf(const FlowTuple& flow) {
+    return NWHostEndpoint{steering::destinationText(flow), std::to_string(flow.destinationPort)};
+}
+
+bool isLinkLocal(const FlowTuple& flow) {
+    const auto& address = flow.destinationAddress;
+    return flow.family == AF_INET6 && address[0] == 0xfe && (address[1] & 0xc0) == 0x80;
+}
+
+// Bytes that went by and were not copied.
+Data unreadBytes(std::size_t length) {
+    static const auto nowhere = std::make_shared<const Data::Storage>();
+    return Data(nowhere, length);
+}
+
+bool isDatagram(const HeldPacket& packet) { return packet.flow.protocol == IPPROTO_UDP; }
+
+FlowState stateOf(bool isClaimed, bool isWatched) {
+    if (isClaimed) return isWatched ? FlowState::claimedAndWatched : FlowState::claimed;
+    return isWatched ? FlowState::watched : FlowState::declined;
+}
+
+}  // namespace
+
+FlowDecisions::FlowDecisions(Providers toAsk)
+    : FlowDecisions(std::move(toAsk), ClosedSockets::attach()) {}
+
+FlowDecisions::FlowDecisions(Providers toAsk, Result<std::unique_ptr<ClosedSockets>> closes)
+    : providers(std::move(toAsk)),
+      aliases(std::make_shared<AddressAliases>()),
+      closedSockets(closes ? std::move(*closes) : nullptr),
+      entries(ConnectionEntries::openOrNull()),
+      inForce(std::make_shared<const Offers>()) {
+    if (closes) return;
+    unheardCloses.begin(closes.error().text());
+    platformLog.error(
+        "The kernel does not tell when datagram sockets are closed: %{public}s. For half a minute "
+        "the "
+        "next program on a port is treated as the one before",
+        closes.error().text());
+}
+
+std::shared_ptr<const Offers> FlowDecisions::offers() const {
+    const MutexGuard guard(offersLock);
+    return inForce;
+}
+
+void FlowDecisions::setOffers(Offers replacement) {
+    auto published = std::make_shared<const Offers>(std::move(replacement));
+    const MutexGuard guard(offersLock);
+    inForce = std::move(published);
+}
+
+void FlowDecisions::steerBy(std::shared_ptr<steering::Steering> carrier) {
+    const MutexGuard guard(offersLock);
+    presentSteering.swap(carrier);
+}
+
+std::shared_ptr<steering::Steering> FlowDecisions::steering() const {
+    const MutexGuard guard(offersLock);
+    return presentSteering;
+}
+
+PacketVerdict FlowDecisions::verdictOn(const HeldPacket& packet) {
+    const auto asked = offers();
+    const Occasion occasion{packet, *asked, ruleChanges};
+    const bool isData = packet.purpose == PacketPurpose::watchedData;
+    return packetVerdict(occasion, isData ? verdictOnData(occasion) : verdictOnFlow(occasion));
+}
+
+PacketVerdict FlowDecisions::packetVerdict(const Occasion& occasion, const Verdict& verdict) {
+    const HeldPacket& packet = occasion.packet;
+    if (verdict.isDropped) return PacketVerdict::drop(packet);
+    if (verdict.state == FlowState::unseen) return PacketVerdict::pass(packet);
+    if (isDatagram(packet) && !countsForItsFlow(packet, verdict))
+        return PacketVerdict::of(packet, FlowState::passedUnseen);
+    if (packet.purpose == PacketPurpose::newFlow && packet.isOfClaimed &&
+        !isClaimed(verdict.state)) {
+        // The connection that was there is redirected for good: it goes, and the opening comes again.
+        const MutexGuard guard(entriesLock);
+        if (entries) entries->remove(packet.flow);
+        return PacketVerdict::drop(packet);
+    }
+    if (isClaimed(verdict.state)) return PacketVerdict::of(packet, verdict.state, verdict.uplink);
+    if (verdict.state != FlowState::declined) return PacketVerdict::of(packet, verdict.state);
+    if (!isSettledSince(occasion.ruleChanges)) {
+        recent.forget(packet.flow);
+        return PacketVerdict::of(packet, FlowState::declined, staleGeneration);
+    }
+    // The verdict may have taken long, and many flushes may have come meanwhile.
+    const unsigned generation = markedGeneration(verdict.generation, offers()->generation);
+    return PacketVerdict::of(packet, FlowState::declined, generation);
+}
+
+// Of datagrams: the next ones from the port may be another socket's.
+bool FlowDecisions::countsForItsFlow(const HeldPacket& packet, const Verdict& verdict) {
+    const bool isEntered =
+        verdict.cookie == 0 || !closedSockets || datagrams.enter(verdict.cookie, packet.flow);
+    return isEntered || verdict.state != FlowState::declined;
+}
+
+Verdict FlowDecisions::verdictOnFlow(const Occasion& occasion) {
+    const auto& [packet, asked, changes] = occasion;
+    if (isStillDenied(occasion)) return {FlowState::denied, asked.generation};
+    auto known = recent.find(packet, asked.generation);
+    // Of datagrams, the port alone does not tell whose they are.
+    if (known && isDatagram(packet) && isOfAnotherSocket(packet, known->cookie)) known.reset();
+    const Verdict verdict = known ? *known : offer(occasion);
+    if (!known) remember(packet, verdict);
+    // The first datagram, and data on a SYN, are the first bytes of a watched flow.
+    if (verdict.isDropped || !isWatched(verdict.state) || packet.payloadLength == 0) return verdict;
+    const auto flow = watched.find(packet.flow);
+    if (!flow) return verdict;
+    Verdict onBytes = show(occasion, *flow, isClaimed(verdict.state));
+    if (onBytes.state == FlowState::unseen) return verdict;
+    onBytes.uplink = verdict.uplink;
+    remember(packet, onBytes);
+    return onBytes;
+}
+
+void FlowDecisions::remember(const HeldPacket& packet, const Verdict& verdict) {
+    // Of steered connections, their sessions know more.
+    if (isClaimed(verdict.state) && steering()) return;
+    // Of denied datagrams `denied` knows more.
+    if (!isDatagram(packet) || verdict.state != FlowState::denied) recent.remember(packet, verdict);
+}
+
+bool FlowDecisions::isStillDenied(const Occasion& occasion) {
+    const HeldPacket& packet = occasion.packet;
+    const auto known = denied.find(packet.flow);
+    if (!known) return false;
+    const bool isSameConnection = !isDatagram(packet) && packet.purpose != PacketPurpose::newFlow;
+    const bool isSameSocket = isDatagram(packet) && known->ruleChanges == occasion.ruleChanges &&
+                              !isOfAnotherSocket(packet, known->cookie);
+    if (isSameConnection || isSameSocket) {
+        // What is in use is not forgotten.
+        denied.remember(packet.flow, *known);
+        return true;
+    }
+    denied.forget(packet.flow);
+    return false;
+}
+
+bool FlowDecisions::isOfAnotherSocket(const HeldPacket& packet, std::uint64_t cookie) {
+    const auto present = cookie == 0 ? std::nullopt : attribution.cookieOf(packet.asSent());
+    return present && *present != cookie;
+}
+
+Verdict FlowDecisions::offer(const Occasion& occasion) {
+    const auto& [packet, asked, changes] = occasion;
+    const Source source = sourceOf(packet);
+    if (const auto known = verdictOnSteered(packet, source)) return *known;
+    const auto claimed = offerToProxy(packet, source, asked);
+    const bool isClaimed = claimed != nullptr;
+    auto shown = source.shownFor(packet);
+    const NEFilterNewFlowVerdict verdict = offerToFilter(*shown, asked);
+
+    const bool isDropped = verdict.kind == NEFilterNewFlowVerdict::Kind::drop;
+    // A connection that runs already cannot be taken over, only made to begin again.
+    const bool comesTooLate = isClaimed && packet.purpose == PacketPurpose::offeredAgain;
+    if (isDropped || comesTooLate) {
+        if (isClaimed) claimed->refuse(systemError(ECONNABORTED));
+        return deny(occasion, source.cookie);
+    }
+    const bool isWatched =
+        verdict.kind == NEFilterNewFlowVerdict::Kind::filterData && verdict.filterOutbound;
+    if (isWatched)
+        watch(packet, source, std::move(shown));
+    else
+        watched.remove(packet.flow);
+    FlowState state = stateOf(isClaimed, isWatched);
+    if (isClaimed) {
+        Verdict carried = claimed->carry(state);
+        if (carried.state == FlowState::denied) return deny(occasion, source.cookie);
+        carried.generation = asked.generation;
+        carried.cookie = source.cookie;
+        return carried;
+    }
+    // Its next packet may tell more.
+    if (!source.isAttributed && packet.purpose == PacketPurpose::newFlow &&
+        state == FlowState::declined)
+        state = FlowState::passedUnseen;
+    return {state, asked.generation, source.cookie};
+}
+
+void FlowDecisions::watch(const HeldPacket& packet, const Source& source,
+                          std::shared_ptr<const NEFilterSocketFlow> shown) {
+    const std::uint32_t firstByte = packet.tcpSequence + (packet.opensTcp ? 1u : 0u);
+    watched.add(packet.flow,
+                std::make_shared<WatchedFlow>(std::move(shown), firstByte, source.cookie));
+}
+
+FlowDecisions::Source FlowDecisions::sourceOf(const HeldPacket& packet) {
+    Source source;
+    source.remote = remoteEndpointOf(packet.asSent());
+    source.isOnlyForFilter = isLinkLocal(packet.asSent());
+    if (const auto owner = attribution.ownerOf(packet.asSent())) {
+        source.metaData = metaDataOf(*owner);
+        source.isOnlyForFilter |= owner->isBoundToDevice;
+        source.cookie = owner->socketCookie;
+        source.isAttributed = true;
+    } else if (packet.purpose == PacketPurpose::newFlow) {
+        unattributed.add();
+    }
+    return source;
+}
+
+// A connection that the kernel carries already, and that sends its opening again.
+std::optional<Verdict> FlowDecisions::verdictOnSteered(const HeldPacket& packet,
+                                                       const Source& source) {
+    const auto carrier = steering();
+    if (!carrier || !packet.opensTcp || source.cookie == 0) return std::nullopt;
+    const auto known = carrier->verdictOnKnown(packet, source.cookie);
+    if (!known) return std::nullopt;
+    const bool isWatchedStill = watched.find(packet.flow) != nullptr;
+    Verdict verdict = SteeredClaim::steered(*known, stateOf(true, isWatchedStill));
+    verdict.cookie = source.cookie;
+    return verdict;
+}
+
+std::unique_ptr<FlowDecisions::Claim> FlowDecisions::offerToProxy(const HeldPacket& packet,
+                                                                  const Source& source,
+                                                                  const Offers& asked) {
+    if (source.isOnlyForFilter || !asksFor(asked.proxyRules, packet.asSent())) return nullptr;
+    if (packet.flow.protocol == IPPROTO_UDP) {
+        // There is nothing that could relay it, so a claim changes nothing.
+        providers.proxy->handleNewFlow(
+            std::make_shared<NEAppProxyUDPFlow>(source.metaData, source.remote));
+        return nullptr;
+    }
+    const DirectSessions::Offer underWay(source.metaData.sourceAppSigningIdentifier, packet.flow);
+    const auto carrier = steering();
+    return carrier ? offerToSteer(*carrier, packet, source) : offerToRelay(packet, source);
+}
+
+std::unique_ptr<FlowDecisions::Claim> FlowDecisions::offerToSteer(steering::Steering& carrier,
+                                                                  const HeldPacket& packet,
+                                                                  const Source& source) {
+    auto offered = carrier.offer(packet, source.cookie);
+    const auto flow =
+        std::make_shared<NEAppProxyTCPFlow>(source.metaData, source.remote, offered->flow());
+    {
+        const steering::Steering::Offer::Pairing pairing(*offered);
+        if (!providers.proxy->handleNewFlow(flow)) return nullptr;
+    }
+    return std::make_unique<SteeredClaim>(std::move(offered), aliases->keepSourceOf(packet.flow));
+}
+
+std::unique_ptr<FlowDecisions::Claim> FlowDecisions::offerToRelay(const HeldPacket& packet,
+                                                                  const Source& source) {
+    auto implementation = std::make_shared<SocketFlow>();
+    // Filled when the flow turns out to be claimed; goes with the application's side.
+    auto aliasHolder = std::make_shared<std::shared_ptr<void>>();
+    implementation->setEndHandler([aliasHolder, open = claims.countAsOpen()] {});
+    const bool isClaimed = providers.proxy->handleNewFlow(
+        std::make_shared<NEAppProxyTCPFlow>(source.metaData, source.remote, implementation));
+    if (!isClaimed) return nullptr;
+    if (!claims.canClaim(packet.flow.family)) {
+        implementation->failOpening(systemError(ENOBUFS));
+        return nullptr;
+    }
+    *aliasHolder = aliases->keepSourceOf(packet.flow);
+    return std::make_unique<RelayClaim>(claims, packet.flow, std::move(implementation));
+}
+
+NEFilterNewFlowVerdict FlowDecisions::offerToFilter(const NEFilterSocketFlow& flow,
+                                                    const Offers& asked) {
+    if (!asked.filterAction) return NEFilterNewFlowVerdict::allowVerdict();
+    switch (*asked.filterAction) {
+        case NEFilterAction::filterData:
+            return providers.filter->handleNewFlow(flow);
+        case NEFilterAction::drop:
+            return NEFilterNewFlowVerdict::dropVerdict();
+        case NEFilterAction::allow:
+        case NEFilterAction::remediate:
+            break;
+    }
+    return NEFilterNewFlowVerdict::allowVerdict();
+}
+
+Verdict FlowDecisions::verdictOnData(const Occasion& occasion) {
+    const HeldPacket& packet = occasion.packet;
+    if (isStillDenied(occasion)) return {FlowState::denied, occasion.asked.generation};
+    const auto flow = watched.find(packet.flow);
+    if (flow && isDatagram(packet) && isOfAnotherSocket(packet, flow->cookie())) {
+        watched.remove(packet.flow);
+        return verdictOnFlow(occasion);
+    }
+    return flow ? show(occasion, *flow, packet.isOfClaimed) : verdictOnForgotten(occasion);
+}
+
+// It had to make room for others.
+Verdict FlowDecisions::verdictOnForgotten(const Occasion& occasion) {
+    const auto& [packet, asked, changes] = occasion;
+    const Source source = sourceOf(packet);
+    auto shown = source.shownFor(packet);
+    const NEFilterNewFlowVerdict verdict = offerToFilter(*shown, asked);
+    if (verdict.kind == NEFilterNewFlowVerdict::Kind::drop) return deny(occasion, source.cookie);
+    if (verdict.kind != NEFilterNewFlowVerdict::Kind::filterData || !verdict.filterOutbound)
+        return unwatched(occasion, packet.isOfClaimed, source.cookie);
+    watch(packet, source, std::move(shown));
+    const auto flow = watched.find(packet.flow);
+    return flow ? show(occasion, *flow, packet.isOfClaimed) : Verdict();
+}
+
+Verdict FlowDecisions::show(const Occasion& occasion, WatchedFlow& flow, bool isClaimed) {
+    const auto& [packet, asked, changes] = occasion;
+    if (asked.filterAction != NEFilterAction::filterData) {
+        watched.remove(packet.flow);
+        return unwatched(occasion, isClaimed, flow.cookie());
+    }
+    const NEFilterDataVerdict verdict = providers.filter->handleOutboundData(
+        flow.shownAs(), flow.offsetOf(packet), unreadBytes(packet.payloadLength));
+    switch (verdict.kind) {
+        case NEFilterDataVerdict::Kind::drop:
+            return deny(occasion, flow.cookie());
+        case NEFilterDataVerdict::Kind::allow:
+            watched.remove(packet.flow);
+            return unwatched(occasion, isClaimed, flow.cookie());
+        case NEFilterDataVerdict::Kind::data:
+            break;
+    }
+    return {};
+}
+
+// A flow that goes on and is looked at no more.
+Verdict FlowDecisions::unwatched(const Occasion& occasion, bool isClaimed, std::uint64_t cookie) {
+    Verdict verdict{stateOf(isClaimed, false), occasion.asked.generation, cookie};
+    // The packet that opens a connection has no entry yet; its verdict brings the number.
+    if (isClaimed && !occasion.packet.opensTcp) verdict.uplink = uplinkOf(occasion.packet.flow);
+    return verdict;
+}
+
+// The number in the connection's mark.
+unsigned FlowDecisions::uplinkOf(const FlowTuple& flow) {
+    const auto carrier = steering();
+    if (!carrier) return 0;
+    const MutexGuard guard(entriesLock);
+    const auto mark = entries ? entries->markOf(flow) : std::nullopt;
+    return mark ? carrier->place().generationOf(*mark) : 0;
+}
+
+Verdict FlowDecisions::deny(const Occasion& occasion, std::uint64_t cookie) {
+    const FlowTuple& flow = occasion.packet.flow;
+    // Ending the socket tells the application at once; state and memory stop what it leaves behind.
+    attribution.destroySocket(occasion.packet.asSent());
+    watched.remove(flow);
+    denied.remember(flow, {cookie, occasion.ruleChanges});
+    return {FlowState::denied, occasion.asked.generation, cookie};
+}
+
+void FlowDecisions::awaitEndsOfClaimed(std::chrono::milliseconds longest) {
+    if (const auto carrier = steering()) carrier->awaitEnds(longest);
+    claims.awaitEnds(longest);
+}
+
+void FlowDecisions::socketsWereClosed() {
+    const bool isComplete = closedSockets->take([this](std::uint64_t cookie) {
+        if (const auto ended = datagrams.end(cookie)) endFlows(*ended);
+    });
+    if (isComplete) return;
+    for (const auto& ended : datagrams.endAll()) endFlows(ended);
+}
+
+void FlowDecisions::endFlows(const DatagramFlows::Ended& ended) {
+    for (const FlowTuple& flow : ended.flows) endFlow(flow);
+    if (!ended.hasMore) return;
+    std::vector<FlowTuple> others;
+    {
+        const MutexGuard guard(entriesLock);
+        if (entries) others = entries->removeDatagramsFrom(ended.flows.front().sourcePort);
+    }
+    for (const FlowTuple& flow : others) endFlow(flow);
+}
+
+// What comes next from its port is another one.
+void FlowDecisions::endFlow(const FlowTuple& flow) {
+    recent.forget(flow);
+    watched.remove(flow);
+    denied.forget(flow);
+    const MutexGuard guard(entriesLock);
+    if (entries) entries->remove(flow);
+}
+
+void FlowDecisions::keepHouse() {
+    constexpr std::chrono::seconds idleFor{30};
+    for (const auto& ended : datagrams.endedLately()) endFlows(ended);
+    claims.failOverdue();
+    aliases->renew();
+    attribution.keepHouse();
+    watched.removeEnded(idleFor, [this](const FlowTuple& flow) {
+        const MutexGuard guard(entriesLock);
+        return entries && !entries->has(flow);
+    });
+}
+
+}  // namespace platform::interception

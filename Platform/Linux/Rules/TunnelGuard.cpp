@@ -1,0 +1,305 @@
+#include "Platform/Linux/Rules/TunnelGuard.h"
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <linux/rtnetlink.h>
+#include <nftables/libnftables.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <span>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "Platform/Common/Mutex.h"
+#include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/Netlink/Socket.h"
+#include "Platform/Linux/PlatformLog.h"
+#include "Platform/Linux/Rules/PacketRule.h"
+#include "Platform/TunnelGuard.h"
+
+namespace platform::interception {
+
+namespace {
+
+// Addresses that no machine has (RFC 5737, RFC 3849): what leads to them is the default route,
+// whichever table or rule it stands in. Nothing is ever sent there.
+constexpr const char* farIPv4 = "198.51.100.1";
+constexpr const char* farIPv6 = "2001:db8:100::1";
+
+struct Family {
+    int number;
+    const char* farAddress;
+    const char* keyword;
+    const char* protocol;
+    // Near wherever they are used.
+    const char* alwaysNear;
+};
+constexpr std::array<Family, 2> families{{
+    {AF_INET, farIPv4, "ip", "ipv4",
+     "127.0.0.0/8, 169.254.0.0/16, 224.0.0.0/4, 255.255.255.255/32"},
+    {AF_INET6, farIPv6, "ip6", "ipv6", "::1/128, fe80::/10, ff00::/8"},
+}};
+constexpr std::size_t addressLength(int family) { return family == AF_INET ? 4 : 16; }
+
+// A VPN that routes by policy changes the default with a rule and a table of its own, in one family after
+// the other; the state of the network does not show that.
+constexpr std::array<unsigned, 4> guardEventGroups{RTNLGRP_IPV4_RULE, RTNLGRP_IPV6_RULE,
+                                                   RTNLGRP_IPV4_ROUTE, RTNLGRP_IPV6_ROUTE};
+
+// What the rules say.
+struct Guarded {
+    std::array<bool, families.size()> isFamily{};
+    std::set<std::string> interfaces;
+    std::array<std::set<std::string>, families.size()> near;
+    friend bool operator==(const Guarded&, const Guarded&) = default;
+
+    bool isNothing() const { return !isFamily[0] && !isFamily[1]; }
+};
+
+netlink::Request routeRequest(unsigned flags, int family, std::size_t destinationLength) {
+    rtmsg route{};
+    route.rtm_family = static_cast<std::uint8_t>(family);
+    route.rtm_dst_len = static_cast<std::uint8_t>(destinationLength);
+    return netlink::Request(RTM_GETROUTE, flags, route);
+}
+
+// The interface by which packets to a far address leave now; 0 if there is none.
+int interfaceOfDefault(netlink::Socket& socket, const Family& family) {
+    std::array<std::uint8_t, 16> address{};
+    ::inet_pton(family.number, family.farAddress, address.data());
+    const std::size_t length = addressLength(family.number);
+    auto request = routeRequest(NLM_F_ACK, family.number, length * 8);
+    request.put(RTA_DST, std::as_bytes(std::span(address).first(length)));
+    int index = 0;
+    // Without a route the kernel refuses, and there is none.
+    static_cast<void>(socket.request(request, [&](const netlink::Message& answer) {
+        if (answer.type() != RTM_NEWROUTE) return;
+        if (const auto interface = answer.attributes<rtmsg>().find(RTA_OIF))
+            index = static_cast<int>(interface->number<std::uint32_t>().value_or(0));
+    }));
+    return index;
+}
+
+std::string prefixText(int family, const void* address, unsigned length) {
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    ::inet_ntop(family, address, text.data(), text.size());
+    return std::string(text.data()) + '/' + std::to_string(length);
+}
+
+// The prefix of a route of the main table that leads to something near; empty for all others. Two
+// halves of all addresses are a default route as well.
+std::string nearPrefix(const netlink::Message& answer, const std::set<int>& interfaces) {
+    const auto route = answer.fixedHeader<rtmsg>();
+    if (!route || route->rtm_dst_len <= 1 || route->rtm_table != RT_TABLE_MAIN) return {};
+    const auto attributes = answer.attributes<rtmsg>();
+    const auto interface = attributes.find(RTA_OIF);
+    if (!interface ||
+        !interfaces.contains(static_cast<int>(interface->number<std::uint32_t>().value_or(0))))
+        return {};
+    std::array<std::uint8_t, 16> address{};
+    if (const auto destination = attributes.find(RTA_DST))
+        std::memcpy(address.data(), destination->bytes().data(),
+                    std::min(address.size(), destination->bytes().size()));
+    return prefixText(route->rtm_family, address.data(), route->rtm_dst_len);
+}
+
+// None where the kernel did not tell, or changed them meanwhile: those before then stay.
+std::set<std::string> nearPrefixes(netlink::Socket& socket, int family,
+                                   const std::set<int>& interfaces) {
+    std::set<std::string> prefixes;
+    auto request = routeRequest(NLM_F_DUMP, family, 0);
+    const auto isTold = socket.request(request, [&](const netlink::Message& answer) {
+        if (answer.type() != RTM_NEWROUTE) return;
+        if (auto prefix = nearPrefix(answer, interfaces); !prefix.empty())
+            prefixes.insert(std::move(prefix));
+    });
+    return isTold ? prefixes : std::set<std::string>();
+}
+
+bool isTunnel(const NetworkState& network, int index) {
+    const auto found = std::ranges::find(network.interfaces, index, &NetworkInterface::index);
+    return found != network.interfaces.end() && found->isTunnel;
+}
+
+void appendAccept(std::string& rules, const std::string& match) {
+    rules += "  " + match + " accept\n";
+}
+
+std::string rulesText(const Guarded& guarded, MarkPlace place) {
+    std::string names;
+    for (const auto& name : guarded.interfaces) names += '"' + name + "\", ";
+    std::string rules;
+    appendAccept(rules, "oifname != { " + names + '}');
+    for (std::size_t i = 0; i < families.size(); ++i) {
+        const Family& family = families[i];
+        const std::string destination = std::string(family.keyword) + " daddr ";
+        if (!guarded.isFamily[i])
+            appendAccept(rules, std::string("meta nfproto ") + family.protocol);
+        appendAccept(rules, destination + "{ " + family.alwaysNear + " }");
+        for (const auto& prefix : guarded.near[i]) appendAccept(rules, destination + prefix);
+    }
+    return rules + "  ct mark & " + std::to_string(place.mask()) +
+           " == " + std::to_string(place.value(FlowState::watched)) + " counter drop\n";
+}
+
+}  // namespace
+
+class TunnelGuard::Work {
+public:
+    explicit Work(MarkPlace markPlace) : place(markPlace) {
+        nft_ctx_buffer_error(rules.get());
+        nft_ctx_buffer_output(rules.get());
+        thread = std::thread([this] { serve(); });
+    }
+
+    void want(bool isWantedNow) {
+        const MutexGuard guard(lock);
+        isWanted = isWantedNow;
+        tell();
+    }
+    void networkChanged() {
+        const MutexGuard guard(lock);
+        tell();
+    }
+    void end() {
+        {
+            const MutexGuard guard(lock);
+            hasEnded = true;
+            tell();
+        }
+        thread.join();
+    }
+
+private:
+    void serve() {
+        while (const auto wanted = awaitNews()) {
+            if (*wanted)
+                look();
+            else
+                guarded = {};
+            if (guarded != inForce) putInForce();
+        }
+    }
+
+    void tell() { eventfd_write(news.get(), 1); }
+
+    // Whether the guard is wanted; none when the end has come.
+    std::optional<bool> awaitNews() {
+        std::array<pollfd, 2> descriptors{
+            {{news.get(), POLLIN, 0}, {events ? events->descriptor() : -1, POLLIN, 0}}};
+        while (poll(descriptors.data(), descriptors.size(), -1) < 0 && errno == EINTR) {
+        }
+        eventfd_t ignored = 0;
+        eventfd_read(news.get(), &ignored);
+        if (events) events->discard();
+        const MutexGuard guard(lock);
+        return hasEnded ? std::nullopt : std::optional(isWanted);
+    }
+
+    // Takes in what the network shows now. What was once guarded stays so, whatever comes and goes:
+    // that a route is missing is just when the guard is needed.
+    void look() {
+        if (!socket) return;
+        const auto network = NetworkMonitor::shared().state();
+        std::set<int> indices;
+        for (const auto& interface : network->interfaces) {
+            if (interface.isTunnel || (!interface.ipv4 && !interface.ipv6)) continue;
+            guarded.interfaces.insert(interface.name);
+        }
+        for (const auto& interface : network->interfaces)
+            if (guarded.interfaces.contains(interface.name)) indices.insert(interface.index);
+        for (std::size_t i = 0; i < families.size(); ++i) {
+            guarded.isFamily[i] |= isTunnel(*network, interfaceOfDefault(*socket, families[i]));
+            // Gone for a moment when an address is renewed, and then back.
+            if (auto near = nearPrefixes(*socket, families[i].number, indices); !near.empty())
+                guarded.near[i] = std::move(near);
+        }
+        if (guarded.interfaces.empty()) guarded.isFamily = {};
+    }
+
+    void putInForce() {
+        const std::string table = std::string("table inet ") + guardTableName;
+        std::string text = "add " + table + " { flags owner; }\ndelete " + table + '\n';
+        if (!guarded.isNothing())
+            text += table +
+                    " {\n flags owner\n chain leaving {\n"
+                    "  type filter hook postrouting priority 0\n" +
+                    rulesText(guarded, place) + " }\n}\n";
+        const bool isDone = nft_run_cmd_from_buffer(rules.get(), text.c_str()) == 0;
+        if (isDone) inForce = guarded;
+        if (std::exchange(wasDone, isDone) && !isDone)
+            platformLog.error(
+                "The kernel cannot keep watched flows in the tunnel when it goes: %{public}s",
+                std::string(nft_ctx_get_error_buffer(rules.get())));
+    }
+
+    const MarkPlace place;
+    // The table goes with its socket.
+    const std::unique_ptr<nft_ctx, decltype(&nft_ctx_free)> rules{nft_ctx_new(NFT_CTX_DEFAULT),
+                                                                  &nft_ctx_free};
+    // For the thread alone.
+    Result<netlink::Socket> socket = netlink::Socket::open(NETLINK_ROUTE);
+    Result<netlink::Socket> events = netlink::Socket::open(NETLINK_ROUTE, guardEventGroups);
+    Guarded guarded;
+    Guarded inForce;
+    bool wasDone = true;
+    const FileDescriptor news{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+    Mutex lock;
+    bool isWanted GUARDED_BY(lock) = false;
+    bool hasEnded GUARDED_BY(lock) = false;
+    std::thread thread;
+};
+
+namespace {
+
+// The one guard of the process, and whether it is wanted: the wish may come first.
+struct Wish {
+    Mutex lock;
+    std::function<void(bool)> tell GUARDED_BY(lock);
+    bool isWanted GUARDED_BY(lock) = false;
+};
+
+Wish& wish() {
+    static Wish& one = *std::make_unique<Wish>().release();
+    return one;
+}
+
+}  // namespace
+
+TunnelGuard::TunnelGuard(MarkPlace place)
+    : work(std::make_shared<Work>(place)),
+      following(NetworkMonitor::shared().observe(
+          [held = work](const std::shared_ptr<const NetworkState>&) { held->networkChanged(); })) {
+    const MutexGuard guard(wish().lock);
+    wish().tell = [held = work](bool isWanted) { held->want(isWanted); };
+    work->want(wish().isWanted);
+}
+
+TunnelGuard::~TunnelGuard() {
+    {
+        const MutexGuard guard(wish().lock);
+        wish().tell = nullptr;
+    }
+    following.reset();
+    work->end();
+}
+
+}  // namespace platform::interception
+
+void platform::keepWatchedFlowsInTunnel(bool isWanted) {
+    auto& wish = interception::wish();
+    const MutexGuard guard(wish.lock);
+    wish.isWanted = isWanted;
+    if (wish.tell) wish.tell(isWanted);
+}
