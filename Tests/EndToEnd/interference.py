@@ -110,7 +110,8 @@ def _routes(stage) -> None:
     """What leads direct connections past a VPN that has taken the machine's default route away."""
     network.vpn_up("replaced-default")
     wanted = _own_routes_once_there(stage)
-    upload = stage.courier.start("upload", stage.ipv4(), 8080, "--duration", 20)
+    upload_address = stage.ipv4()
+    upload = stage.courier.start("upload", upload_address, 8080, "--duration", 60)
     upload.report()
     for command in (("-4", "rule", "delete", "priority", "7660"), ("-4", "rule", "delete", "priority", "7661"),
                     ("-6", "rule", "delete", "priority", "7660"), ("-6", "rule", "delete", "priority", "7661"),
@@ -124,6 +125,16 @@ def _routes(stage) -> None:
             address = next_address()
             stage.expect_physical(f"{name}: a direct connection to {address}",
                                   stage.courier.run("connect", address, 80), address)
+    since = stage.daemon.mark()
+    _nft("add table inet other", "add chain inet other out { type filter hook output priority -180; }",
+         "add rule inet other out meta mark set mark or 0x05000000")
+    stage.expect_line("the byte moves while connections are relayed", "eight others are, from 16 on", since)
+    address = stage.ipv4()
+    stage.expect_physical("a direct connection after that", stage.courier.run("connect", address, 80), address)
+    _nft("delete table inet other")
+    arrived = network.seen_at(upload_address)[0].bytesReceived
+    stage.checks.eventually("a connection that was relayed before the move goes on", lambda: (
+        network.seen_at(upload_address)[0].bytesReceived > arrived + 10_000, network.seen_at(upload_address)))
     stage.expect_untouched("a direct upload has gone on all the time", upload)
     network.vpn_down()
     stage.checks.eventually("with the VPN they go", lambda: (_own_routes() == [], _own_routes()))
