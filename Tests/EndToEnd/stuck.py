@@ -6,7 +6,9 @@ import json
 import os
 import pathlib
 import re
+import socket
 import subprocess
+import threading
 
 from vantrylab import host, network, verdicts, world
 from vantrylab.daemon import Daemon
@@ -24,6 +26,7 @@ _MNT_DETACH = 2
 def run(stage) -> None:
     network.vpn_up()
     _nobody_reads_the_log(stage)
+    _one_account_floods(stage)
     # It leaves without its hanging threads, which the thread sanitizer would call a leak.
     stage.start_daemon(RULES, environment={"TSAN_OPTIONS": "report_thread_leaks=0:atexit_sleep_ms=100"})
     _standing_still(stage)
@@ -66,6 +69,54 @@ def _nobody_reads_the_log(stage) -> None:
     stage.checks.equal("unread log: messages are answered, and no line is lost yet",
                        [status["ruleCount"], status["health"]["logLinesLost"]], [2, 0])
     stage.checks.equal("unread log: SIGTERM ends the daemon with status 0", daemon.stop(seconds=3), 0)
+
+
+def _one_account_floods(stage) -> None:
+    """More flows than can be decided, from one account: every verdict on another's is right."""
+    if stage.applications_run_as_one_account():
+        return
+    stage.start_daemon(RULES)
+    for name, flood in (("datagrams", _send_eight_thousand), ("connections", _open_connections)):
+        is_over, count = threading.Event(), [0]
+        flooding = threading.Thread(target=_as_another_account, args=(flood, is_over, count))
+        flooding.start()
+        for _ in range(3):
+            for next_address in (stage.ipv4, stage.ipv6):
+                for application, expect in ((stage.courier, stage.expect_physical),
+                                            (stage.ledger, stage.expect_tunnel), (stage.chatter, stage.expect_denied)):
+                    address = next_address()
+                    expect(f"flood of {name}: {application.identifier} to {address}",
+                           application.run("connect", address, 80), address)
+        is_over.set()
+        flooding.join()
+        stage.checks.check(f"flood of {name}: it was one", count[0] > 8000, count)
+    stage.stop_daemon()
+
+
+def _as_another_account(flood, is_over: threading.Event, count: list[int]) -> None:
+    """The account under which sockets are made is a thread's own."""
+    ctypes.CDLL(None).setfsuid(4711)
+    while not is_over.is_set():
+        flood(count)
+
+
+def _send_eight_thousand(count: list[int]) -> None:
+    """Each a flow of its own, to ports that no one serves; past the tunnel, which could not carry so many."""
+    for _ in range(8):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+            for port in range(20000, 21000):
+                with contextlib.suppress(OSError):
+                    sender.sendto(b"?", (network.GATEWAY_IPV4, port))
+                    count[0] += 1
+
+
+def _open_connections(count: list[int]) -> None:
+    """Given up as soon as they are asked for, some ten thousand a second."""
+    for _ in range(100):
+        with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as client:
+            client.setblocking(False)
+            client.connect_ex((network.GATEWAY_IPV4, 20000))
+            count[0] += 1
 
 
 def _standing_still(stage) -> None:

@@ -255,6 +255,21 @@ TEST_P(ClaimedTcp, ItsOpeningFailsWhenItComesTooLateOrTheFilterDropsIt) {
     filter->onNewFlow = NewFlow::drop;
     EXPECT_EQ(makeSocket().connectTo(address(), port), ECONNABORTED);
     EXPECT_TRUE(eventually([&] { return proxy->openingErrors == 2; }));
+
+    // A firewall keeps it from the listener, and its application tries again from the same port.
+    filter->onNewFlow = NewFlow::allow;
+    runCommand(
+        "nft 'add table inet strict; add chain inet strict out { type filter hook output priority "
+        "10; };"
+        " add rule inet strict out oifname lo drop'");
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        client = makeSocket();
+        const timeval moment{0, 100'000};
+        setsockopt(client.descriptor(), SOL_SOCKET, SO_SNDTIMEO, &moment, sizeof moment);
+        ASSERT_EQ(client.bindTo(40124, GetParam().family), 0);
+        EXPECT_EQ(client.connectTo(address(), port), EINPROGRESS);
+    }
+    EXPECT_TRUE(eventually([&] { return proxy->openingErrors == 3; }));
 }
 
 TEST_F(InterceptionTest, FilterGoesOnWithoutTheProxyAndTheProxyWithoutTheFilter) {
