@@ -6,7 +6,7 @@ import os
 import pathlib
 import subprocess
 
-from vantrylab import applications, network, world
+from vantrylab import applications, network, private_files, world
 from vantrylab.applications import Application, Running
 from vantrylab.host import Rules
 
@@ -23,6 +23,7 @@ def run(stage) -> None:
     _child_outside_its_bundle(stage)
     _ordinary_programs(stage)
     _blocked_ordinary_program(stage)
+    _where_root_may_not_look(stage)
     _control_group(stage)
     _unusual_places(stage)
     _replaced_while_it_runs(stage)
@@ -129,6 +130,23 @@ def _blocked_ordinary_program(stage) -> None:
     report = Running(["setsid", "--wait", str(detached.path), "connect", address, "80"],
                      world.PERSON).finish()
     stage.expect_denied("blocked: in a session of its own", report, address)
+
+
+def _where_root_may_not_look(stage) -> None:
+    """A program on a person's own file system has a name all the same."""
+    if not world.is_root_world():
+        return
+    folder = world.APPLICATIONS / "home/person/remote"
+    with private_files.mounted(folder, applications.DEMO_CLIENT) as is_mounted:
+        if not is_mounted:
+            print("      a file system of a person's own: this kernel has none")
+            return
+        program = Application(folder / "tool", str(folder / "tool"))
+        stage.checks.check("not even root may look at it", not os.access(program.path, os.F_OK))
+        for rules, expect in ((Rules(rules={program.identifier: "direct"}), stage.expect_physical),
+                              (Rules(blockedApps=(program.identifier,)), stage.expect_denied)):
+            stage.apply(rules)
+            _expect_way(stage, "a program where root may not look", expect, program)
 
 
 def _control_group(stage) -> None:

@@ -111,8 +111,10 @@ def _routes(stage) -> None:
     network.vpn_up("replaced-default")
     wanted = _own_routes_once_there(stage)
     upload_address = stage.ipv4()
+    addresses = _addresses()
     upload = stage.courier.start("upload", upload_address, 8080, "--duration", 60)
     upload.report()
+    stage.checks.equal("a relayed connection adds no address", _addresses(), addresses)
     for command in (("-4", "rule", "delete", "priority", "7660"), ("-4", "rule", "delete", "priority", "7661"),
                     ("-6", "rule", "delete", "priority", "7660"), ("-6", "rule", "delete", "priority", "7661"),
                     ("-4", "route", "flush", "table", "7660"), ("-6", "route", "flush", "table", "7660")):
@@ -138,6 +140,12 @@ def _routes(stage) -> None:
     stage.expect_untouched("a direct upload has gone on all the time", upload)
     network.vpn_down()
     stage.checks.eventually("with the VPN they go", lambda: (_own_routes() == [], _own_routes()))
+
+
+def _addresses() -> list[str]:
+    """Without what changes by itself: how long each is valid."""
+    shown = subprocess.run(["ip", "-o", "address"], check=True, capture_output=True, text=True).stdout
+    return [line.split("\\")[0] for line in shown.splitlines()]
 
 
 def _own_routes_once_there(stage) -> list[str]:
