@@ -65,7 +65,8 @@ void SettingsOwner::start(SecondsSince1970 now) {
     if (auto settings = RulesFile::settingsOfOthers()) {
         Choices taken;
         taken.settings = *std::move(settings);
-        remember(preferencesProblem, store(preferences.value_or(JSONObject{}), std::move(taken)));
+        remember(preferencesProblem,
+                 store(preferences.value_or(JSONObject{}), std::move(taken), Keeping::version));
         putInForce();
     }
 }
@@ -133,13 +134,15 @@ void SettingsOwner::timePassed(SecondsSince1970 now) {
     if (changed.trial && changed.trial->until <= now) takeTrialBack(changed);
     changed.endTemporaryRules(now);
     if (changed == choices) return;
-    remember(preferencesProblem, store(*preferences, std::move(changed)));
+    // What ends by itself is no one's change to take back.
+    remember(preferencesProblem, store(*preferences, std::move(changed), Keeping::noVersion));
     putInForce();
 }
 
-Outcome<> SettingsOwner::store(Document document, Choices changed) {
+Outcome<> SettingsOwner::store(Document document, Choices changed, Keeping keeping) {
     changed.writeInto(document);
-    auto replaced = PreferencesFile::replace(preferences, document);
+    auto replaced = keeping == Keeping::version ? PreferencesFile::replace(preferences, document)
+                                                : PreferencesFile::put(document);
     if (failureOf(replaced)) return replaced;
     adopt(std::move(document), std::move(changed));
     return replaced;
@@ -168,16 +171,29 @@ JSONObject SettingsOwner::put(const JSONObject& request, SecondsSince1970 now) {
         return failed({ExitCode::usage, "The request carries no preferences.", ""});
     auto found = Choices::read(*document);
     if (const auto* failure = std::get_if<Failure>(&found)) return failed(*failure);
+    const auto passing = request.find("isPassing");
+    const auto* isPassing = passing == request.end() ? nullptr : passing->second.as<bool>();
     const auto stored =
-        store(*document, std::get<std::optional<Choices>>(std::move(found)).value_or(Choices{}));
+        store(*document, std::get<std::optional<Choices>>(std::move(found)).value_or(Choices{}),
+              isPassing != nullptr && *isPassing ? Keeping::noVersion : Keeping::version);
     if (const auto* failure = failureOf(stored)) return failed(*failure);
     timePassed(now);
     putInForce();
     return report();
 }
 
+// A change that has ended by itself left a version like what there is; those are forgotten on the way.
+Outcome<std::optional<JSONObject>> SettingsOwner::newestOtherVersion() const {
+    for (;;) {
+        auto version = PreferencesFile::newestVersion();
+        const auto* found = std::get_if<std::optional<JSONObject>>(&version);
+        if (found == nullptr || *found != preferences || !preferences) return version;
+        PreferencesFile::forgetNewestVersion();
+    }
+}
+
 JSONObject SettingsOwner::undo(SecondsSince1970 now) {
-    auto version = PreferencesFile::newestVersion();
+    auto version = newestOtherVersion();
     if (const auto* failure = failureOf(version)) return failed(*failure);
     auto& document = std::get<std::optional<JSONObject>>(version);
     if (!document)
@@ -250,6 +266,7 @@ void SettingsOwner::collectProblems() {
     present.clear();
     for (const auto& problem : {preferencesProblem, rulesFileProblem})
         if (!problem.empty()) present.push_back(problem);
+    if (!choices.tunnel.isFollowed) return;
     for (const auto& name : tunnel.absent)
         present.push_back("The VPN's interface " + name +
                           " is not there; until it is, the VPN counts as down.");

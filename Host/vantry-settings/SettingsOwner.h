@@ -6,8 +6,9 @@
 // cannot undo each other's work: the second is told of the conflict, reads again and repeats its edit.
 //
 //   {"do": "get"}                                             the document, its revision, what stands
-//   {"do": "put", "revision": R, "preferences": {...}}        replaces it
-//   {"do": "undo"}                                            the version before
+//   {"do": "put", "revision": R, "preferences": {...}}        replaces it; with "isPassing": true, what
+//                                                             was before is not kept as a version
+//   {"do": "undo"}                                            the newest version that differs
 //   {"do": "restore"}                                         the rules file is looked at again
 //
 // An answer has "revision", "preferences", "tunnel", "problems" and "notes"; or "conflict": true; or
@@ -35,6 +36,8 @@ public:
 
     platform::JSONObject answer(const platform::JSONObject& request,
                                 vantryhost::SecondsSince1970 now);
+    // The settings as they are now, as an answer.
+    platform::JSONObject report() const;
 
     // Something happened to the preferences, to the rules file, to the tunnel.
     void preferencesTouched(vantryhost::SecondsSince1970 now);
@@ -58,8 +61,9 @@ private:
     void adopt(Document document, vantryhost::Choices choices);
     platform::JSONObject put(const platform::JSONObject& request, vantryhost::SecondsSince1970 now);
     platform::JSONObject undo(vantryhost::SecondsSince1970 now);
-    platform::JSONObject report() const;
-    vantryhost::Outcome<> store(Document document, vantryhost::Choices choices);
+    vantryhost::Outcome<std::optional<Document>> newestOtherVersion() const;
+    enum class Keeping { version, noVersion };  // of what is replaced
+    vantryhost::Outcome<> store(Document document, vantryhost::Choices choices, Keeping keeping);
     void putInForce();
     vantryhost::Settings settingsInForce() const;
     void post();

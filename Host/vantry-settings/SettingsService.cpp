@@ -170,8 +170,9 @@ void SettingsService::answerRequests() {
     }
     for (auto& [request, answer] : taken) {
         auto reply = owner.answer(requestIn(request), now());
-        // The choice of tunnel may be another one now.
+        // Which interfaces are the VPN may have been chosen just now.
         lookAtTunnel();
+        if (reply.find("revision") != reply.end()) reply = owner.report();
         answer(documentOf(reply));
     }
 }

@@ -149,17 +149,20 @@ Outcome<StoredSettings> loadSettings() {
     return std::get<Answer>(std::move(answer)).stored;
 }
 
-Outcome<Change> changeSettings(const Edit& edit) {
+namespace {
+
+Outcome<Change> changeBy(const Edit& edit, bool isPassing) {
     for (int attempt = 0; attempt < mostConflicts; ++attempt) {
         auto asked = ask({{"do", "get"}});
         if (auto* failure = std::get_if<Failure>(&asked)) return std::move(*failure);
         auto& present = std::get<Answer>(asked);
         Change change{present.stored.choices, present.stored.choices, false, {}};
         if (!edit(change.after)) return change;
-        putOnTrial(change.before, change.after);
+        if (!isPassing) putOnTrial(change.before, change.after);
         change.after.writeInto(present.preferences);
         auto put = ask({{"do", "put"},
                         {"revision", present.revision},
+                        {"isPassing", isPassing},
                         {"preferences", std::move(present.preferences)}});
         if (auto* failure = std::get_if<Failure>(&put)) return std::move(*failure);
         auto& done = std::get<Answer>(put);
@@ -173,6 +176,12 @@ Outcome<Change> changeSettings(const Edit& edit) {
     return Failure{ExitCode::failed, "Other tools are changing the settings all the time.",
                    "Try again in a moment."};
 }
+
+}  // namespace
+
+Outcome<Change> changeSettings(const Edit& edit) { return changeBy(edit, false); }
+
+Outcome<Change> changeInPassing(const Edit& edit) { return changeBy(edit, true); }
 
 Outcome<Change> undoChange() { return changeBy("undo"); }
 

@@ -48,6 +48,9 @@ struct Change {
 // before. While a `TrialOfChanges` lives, the change is taken back after its time unless it is confirmed.
 vantryhost::Outcome<Change> changeSettings(const Edit& edit);
 
+// The same, for what is no setting of the user's: it is not on trial, and cannot be undone.
+vantryhost::Outcome<Change> changeInPassing(const Edit& edit);
+
 // Takes the newest change back.
 vantryhost::Outcome<Change> undoChange();
 
