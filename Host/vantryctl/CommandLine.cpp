@@ -13,6 +13,7 @@
 #include "Host/vantryctl/Duration.h"
 #include "Host/vantryctl/IdentifyCommand.h"
 #include "Host/vantryctl/LogCommands.h"
+#include "Host/vantryctl/OwnFlows.h"
 #include "Host/vantryctl/ReportCommand.h"
 #include "Host/vantryctl/RuleCommands.h"
 #include "Host/vantryctl/RunCommand.h"
@@ -307,6 +308,11 @@ void Commands::addMachine() {
             return verify(request.verify, console);
         });
     takeTime(verifying, "How long to look: 30s, 5m (30s)");
+    verifying
+        .add_option("--to", request.verify.to,
+                    "Where its own flows go: HOST or HOST:PORT (an address that is no one's)")
+        ->type_name("");
+    verifying.add_flag("--only-look", request.verify.onlyLooks, "Make no flows");
     takeJSON(verifying);
     takeJSON(add(app, "check", "Say what the machine lacks that the daemon needs",
                  [this] { return checkMachine(request.asJSON, console); }));
@@ -329,9 +335,11 @@ void Commands::addSetup() {
     setup.add_option("--fallback", request.setup.fallback, "While the VPN is down: allow or block")
         ->check(CLI::IsMember({"allow", "block"}))
         ->type_name("");
+    setup.add_option("--tunnel", request.setup.tunnels, "The VPN's interfaces (every tunnel)")
+        ->type_name("");
 }
 
-// For shells; a group without a name is left out of the help.
+// For shells and for `verify`; a group without a name is left out of the help.
 void Commands::addCompletion() {
     CLI::App& names = add(app, "names", "Print identifiers for a shell's completion",
                           [this] { return printNames(request.word, console); });
@@ -339,6 +347,10 @@ void Commands::addCompletion() {
     names.add_option("KIND", request.word)
         ->check(CLI::IsMember({"seen", "ruled", "blocked"}))
         ->required();
+    CLI::App& knocking =
+        add(app, "knock", "Send what verify looks for", [this] { return knock(request.words); });
+    knocking.group("");
+    knocking.add_option("HOST PORT", request.words)->required();
 }
 
 }  // namespace
@@ -375,6 +387,27 @@ std::optional<Failure> unknownCommandIn(const CLI::App& app,
 
 }  // namespace
 
+namespace {
+
+// The words up to the innermost command that was given.
+std::string pathOf(const CLI::App& app) {
+    const auto given = app.get_subcommands();
+    return given.empty() ? app.get_name() : app.get_name() + " " + pathOf(*given.front());
+}
+
+// Help and version are done; anything else is a failure that names the command's own help.
+ExitCode endOf(const CLI::ParseError& error, CLI::App& app, const Console& console) {
+    if (error.get_exit_code() == 0) {
+        app.exit(error, console.out, console.err);
+        return ExitCode::done;
+    }
+    std::string what = error.what();
+    if (!what.ends_with('.')) what += '.';
+    return console.report({ExitCode::usage, what, pathOf(app) + " --help says what it takes."});
+}
+
+}  // namespace
+
 int run(std::vector<std::string> arguments, const Console& console) {
     CLI::App app("Says for each application what goes over the VPN, beside it, or not at all.",
                  "vantryctl");
@@ -392,8 +425,7 @@ int run(std::vector<std::string> arguments, const Console& console) {
         std::ranges::reverse(arguments);
         app.parse(std::move(arguments));
     } catch (const CLI::ParseError& error) {
-        return static_cast<int>(app.exit(error, console.out, console.err) == 0 ? ExitCode::done
-                                                                               : ExitCode::usage);
+        return static_cast<int>(endOf(error, app, console));
     }
     return static_cast<int>(commands.carryOut());
 }

@@ -35,11 +35,12 @@ std::optional<std::chrono::seconds> durationIn(std::string_view text) {
 
 std::string durationText(std::int64_t seconds) {
     if (seconds < 2 * minute) return fmt::format("{} s", std::max<std::int64_t>(seconds, 0));
-    if (seconds < 2 * hour) return fmt::format("{} min", (seconds + minute / 2) / minute);
-    if (seconds < 2 * day)
-        return seconds % hour < minute
-                   ? fmt::format("{} h", seconds / hour)
-                   : fmt::format("{} h {} min", seconds / hour, seconds % hour / minute);
+    // Two hours are two hours also a second later.
+    const auto minutes = (seconds + minute / 2) / minute;
+    if (minutes < 2 * hour / minute) return fmt::format("{} min", minutes);
+    if (minutes < 2 * day / minute)
+        return minutes % 60 == 0 ? fmt::format("{} h", minutes / 60)
+                                 : fmt::format("{} h {} min", minutes / 60, minutes % 60);
     return fmt::format("{} days", seconds / day);
 }
 

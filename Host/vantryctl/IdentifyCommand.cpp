@@ -17,6 +17,7 @@
 #include "Platform/Common/Text.h"
 #include "Platform/Linux/Attribution/ProcessTable.h"
 #include "Platform/Linux/Attribution/ProgramName.h"
+#include "Platform/Linux/Attribution/SystemAccounts.h"
 
 namespace vantryctl {
 
@@ -43,6 +44,18 @@ Identity identityOfPart(const Process& process) {
                         owner, process.signingIdentifier)};
 }
 
+Identity identityOfOrdinaryProgram(const Process& process) {
+    const auto account = process.status.effectiveUserId;
+    if (!platform::isSystemAccount(account))
+        return {process.signingIdentifier,
+                "It is an ordinary program: the rule holds for all its processes."};
+    return {process.signingIdentifier,
+            fmt::format("This process meets no rule, as it runs under an account of the system, {} "
+                        "(unless the preferences name that among personalAccounts). A rule holds "
+                        "for such programs of people.",
+                        account)};
+}
+
 Identity identityOf(const Process& process) {
     switch (process.kind) {
         case ProcessKind::bundle:
@@ -57,8 +70,7 @@ Identity identityOf(const Process& process) {
         case ProcessKind::applicationPart:
             return identityOfPart(process);
         case ProcessKind::ordinaryProgram:
-            return {process.signingIdentifier,
-                    "It is an ordinary program: the rule holds for all its processes."};
+            return identityOfOrdinaryProgram(process);
     }
     return {};
 }

@@ -107,7 +107,7 @@ Outcome<PacketWatch> PacketWatch::open() {
         std::string("What leaves the machine cannot be seen: ") + std::strerror(errno) + ".", ""};
 }
 
-void PacketWatch::watch(std::chrono::seconds time, const volatile std::sig_atomic_t& isOver,
+void PacketWatch::watch(std::chrono::milliseconds time, const volatile std::sig_atomic_t& isOver,
                         const std::function<void(const DepartingFlow&)>& visit) {
     const auto end = Clock::now() + time;
     for (auto now = Clock::now(); now < end && isOver == 0; now = Clock::now()) {

@@ -28,7 +28,7 @@ public:
     static Outcome<PacketWatch> open();
 
     // Shows each new flow as it leaves, for that long, or until a signal has set `isOver`.
-    void watch(std::chrono::seconds time, const volatile std::sig_atomic_t& isOver,
+    void watch(std::chrono::milliseconds time, const volatile std::sig_atomic_t& isOver,
                const std::function<void(const DepartingFlow&)>& visit);
     // Packets that came faster than they could be looked at.
     std::uint32_t missed() const;

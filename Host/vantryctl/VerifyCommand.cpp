@@ -1,128 +1,101 @@
 #include "Host/vantryctl/VerifyCommand.h"
 
-#include <arpa/inet.h>
 #include <fmt/format.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <csignal>
 #include <map>
 #include <set>
-#include <string>
 #include <vector>
 
 #include "Host/settings/Documents.h"
 #include "Host/vantryctl/Daemon.h"
-#include "Host/vantryctl/Destination.h"
+#include "Host/vantryctl/Departures.h"
 #include "Host/vantryctl/Duration.h"
+#include "Host/vantryctl/OwnFlows.h"
 #include "Host/vantryctl/PacketWatch.h"
-#include "Platform/Linux/Network/NetworkMonitor.h"
 
 namespace vantryctl {
 
-using platform::FlowTuple;
 using platform::JSONObject;
-using vantryhost::flagUnder;
-using vantryhost::textUnder;
 
 namespace {
 
 // Ends the look before its time.
 volatile std::sig_atomic_t isInterrupted = 0;
 
-// How a flow left, against how it was to.
-enum class Departure { right, notJudged, leaked, inTunnel };
-
-struct Left {
-    std::string identifier;  // empty: the system's, or no one's that can be named
-    std::string to;
-    std::string interface;
-    Departure departure = Departure::notJudged;
-};
-
-std::string textOfAddress(int family, const std::array<std::uint8_t, 16>& address) {
-    char text[INET6_ADDRSTRLEN] = "";
-    inet_ntop(family, address.data(), text, sizeof text);
-    return text;
+const char* wordFor(Way way) {
+    switch (way) {
+        case Way::direct:
+            return "direct";
+        case Way::vpn:
+            return "vpn";
+        case Way::blocked:
+            break;
+    }
+    return "blocked";
 }
 
-Destination destinationOf(const FlowTuple& flow) {
-    return {textOfAddress(flow.family, flow.destinationAddress), flow.destinationPort};
-}
-
-JSONObject questionAbout(const FlowTuple& flow) {
-    return {{"question", "owner"},
-            {"protocol", flow.protocol == IPPROTO_UDP ? "udp" : "tcp"},
-            {"source", textOfAddress(flow.family, flow.sourceAddress)},
-            {"sourcePort", std::int64_t{flow.sourcePort}},
-            {"host", textOfAddress(flow.family, flow.destinationAddress)},
-            {"port", std::int64_t{flow.destinationPort}},
-            {"interface", std::int64_t{flow.outputInterface}}};
-}
-
-std::set<std::string> tunnelNames() {
-    std::set<std::string> names;
-    for (const auto& interface : platform::NetworkMonitor::shared().state()->interfaces)
-        if (interface.isTunnel) names.insert(interface.name);
-    return names;
-}
-
-Departure judged(const DepartingFlow& departing, const JSONObject& answer,
-                 const std::set<std::string>& tunnels) {
-    const bool isInTunnel = tunnels.contains(departing.interface);
-    const auto route = textUnder(answer, "route");
-    if (route.empty()) return Departure::notJudged;
-    if (route == "blocked") return Departure::leaked;
-    if (route == "direct") return isInTunnel ? Departure::inTunnel : Departure::right;
-    if (isInTunnel) return Departure::right;
-    // What is near, or outside of a tunnel for some networks only, leaves here by the system's own route.
-    const bool isSystemsRoute =
-        interfaceTowards(destinationOf(departing.flow)) == departing.interface;
-    return isSystemsRoute ? Departure::right : Departure::leaked;
-}
-
-const char* wordFor(Departure departure) {
-    switch (departure) {
-        case Departure::right:
+const char* wordFor(OwnFlow::Finding finding) {
+    switch (finding) {
+        case OwnFlow::Finding::right:
             return "right";
-        case Departure::notJudged:
-            return "not judged";
-        case Departure::leaked:
-            return "LEAKED";
-        case Departure::inTunnel:
-            return "IN THE TUNNEL";
+        case OwnFlow::Finding::wrong:
+            return "WRONG";
+        case OwnFlow::Finding::notTried:
+            break;
     }
-    return "";
+    return "not tried";
 }
 
-bool isWrong(const Left& left) {
-    return left.departure == Departure::leaked || left.departure == Departure::inTunnel;
+// "TCP by eth0", with what was to happen instead.
+std::string textOf(const OwnFlow& flow) {
+    if (flow.finding == OwnFlow::Finding::notTried) return flow.reason;
+    const auto left = flow.interfaces.empty()
+                          ? std::string(": nothing left")
+                          : fmt::format(" by {}", fmt::join(flow.interfaces, ", "));
+    const auto text = fmt::format("{}{}", flow.isDatagram ? "UDP" : "TCP", left);
+    return flow.reason.empty() ? text : fmt::format("{}: {}", text, flow.reason);
 }
 
-class Watcher {
-public:
-    void see(const DepartingFlow& departing) {
-        if (departing.interface == "lo") return;
-        const auto answer = askPlatform(questionAbout(departing.flow));
-        const auto* document = std::get_if<JSONObject>(&answer);
-        Left left{document ? textUnder(*document, "identifier") : "",
-                  textOf(destinationOf(departing.flow)), departing.interface};
-        if (document) left.departure = judged(departing, *document, tunnels);
-        seen.push_back(std::move(left));
-    }
-    const std::vector<Left>& all() const { return seen; }
+std::string lineOf(const OwnFlow& flow, const std::string& text) {
+    return fmt::format("  {:<9}  {:<7}  {}\n", wordFor(flow.finding), wordFor(flow.way), text);
+}
 
-private:
-    const std::set<std::string> tunnels = tunnelNames();
-    std::vector<Left> seen;
-};
+// A line for each way and protocol, or for each destination where they differ.
+void print(const std::vector<OwnFlow>& flows, const Console& console) {
+    std::vector<std::string> destinations;
+    for (const auto& flow : flows)
+        if (std::ranges::find(destinations, textOf(flow.to)) == destinations.end())
+            destinations.push_back(textOf(flow.to));
+    if (destinations.empty())
+        console.out << "Flows of its own: none could be made, as no route leads anywhere.\n";
+    else
+        console.out << fmt::format("Flows of its own, to {}:\n", fmt::join(destinations, " and "));
+    std::set<std::string> printed;
+    for (const auto& flow : flows) {
+        const bool differs = std::ranges::any_of(flows, [&](const auto& other) {
+            return other.way == flow.way && other.isDatagram == flow.isDatagram &&
+                   textOf(other) != textOf(flow);
+        });
+        const auto line =
+            lineOf(flow, differs ? fmt::format("{} (to {})", textOf(flow), textOf(flow.to))
+                                 : textOf(flow));
+        if (printed.insert(line).second) console.out << line;
+    }
+    console.out << std::flush;
+}
+
+std::string nameOf(const Left& left) {
+    if (left.departure == Departure::tunnelsOwn) return "(the VPN itself)";
+    return left.identifier.empty() ? "(the system, or unknown)" : printable(left.identifier);
+}
 
 // "14 flows, all eth0", by application.
 void printSummary(const std::vector<Left>& all, const Console& console) {
     std::map<std::string, std::map<std::string, std::size_t>> flows;
-    for (const auto& left : all) ++flows[left.identifier][left.interface];
-    for (const auto& [identifier, byInterface] : flows) {
+    for (const auto& left : all) ++flows[nameOf(left)][left.interface];
+    for (const auto& [name, byInterface] : flows) {
         std::size_t count = 0;
         std::string ways;
         for (const auto& [interface, number] : byInterface) {
@@ -130,38 +103,61 @@ void printSummary(const std::vector<Left>& all, const Console& console) {
             ways += fmt::format("{}{} {}", ways.empty() ? "" : ", ", number, interface);
         }
         if (byInterface.size() == 1) ways = "all " + byInterface.begin()->first;
-        console.out << fmt::format(
-            "{}: {} flow{}, {}\n",
-            identifier.empty() ? "(the system, or unknown)" : printable(identifier), count,
-            count == 1 ? "" : "s", ways);
+        console.out << fmt::format("{}: {} flow{}, {}\n", name, count, count == 1 ? "" : "s", ways);
     }
 }
 
 void print(const std::vector<Left>& all, std::uint32_t missed, const Console& console) {
     printSummary(all, console);
-    std::size_t wrong = 0;
-    for (const auto& left : all) {
-        if (!isWrong(left)) continue;
-        ++wrong;
-        console.out << fmt::format("{}: {} to {} by {}\n", wordFor(left.departure),
-                                   printable(left.identifier), left.to, left.interface);
-    }
+    const auto wrong = std::ranges::count_if(all, &Left::isWrong);
+    for (const auto& left : all)
+        if (left.isWrong())
+            console.out << fmt::format("{}: {} to {} by {}\n", wordFor(left.departure),
+                                       printable(left.identifier), left.to, left.interface);
     console.out << "leaks: " << (wrong == 0 ? "none" : std::to_string(wrong)) << '\n';
     if (missed > 0)
         console.note(fmt::format("{} packets came faster than they could be looked at.", missed));
 }
 
-JSONObject documentOfFlows(const std::vector<Left>& all, std::uint32_t missed) {
+JSONObject documentOfFlow(const OwnFlow& flow) {
+    return {{"way", wordFor(flow.way)},
+            {"protocol", flow.isDatagram ? "udp" : "tcp"},
+            {"to", textOf(flow.to)},
+            {"interfaces", platform::JSONArray(flow.interfaces.begin(), flow.interfaces.end())},
+            {"finding", wordFor(flow.finding)},
+            {"reason", flow.reason}};
+}
+
+JSONObject documentOfFlows(const std::vector<OwnFlow>& own, const std::vector<Left>& all,
+                           std::uint32_t missed) {
+    platform::JSONArray ownList;
+    for (const auto& flow : own) ownList.emplace_back(documentOfFlow(flow));
     platform::JSONArray list;
-    std::int64_t wrong = 0;
-    for (const auto& left : all) {
-        if (isWrong(left)) ++wrong;
+    for (const auto& left : all)
         list.emplace_back(JSONObject{{"identifier", left.identifier},
                                      {"to", left.to},
                                      {"interface", left.interface},
                                      {"finding", wordFor(left.departure)}});
+    return {{"own", std::move(ownList)},
+            {"flows", std::move(list)},
+            {"leaks", static_cast<std::int64_t>(std::ranges::count_if(all, &Left::isWrong))},
+            {"packetsMissed", std::int64_t{missed}}};
+}
+
+// Where to; none where no own flows are wanted.
+Outcome<std::vector<Destination>> destinationsOf(const VerifyOptions& options) {
+    std::vector<Destination> destinations;
+    if (options.onlyLooks) return destinations;
+    if (options.to.empty()) return harmlessDestinations();
+    for (const auto& word : options.to) {
+        auto destination = destinationIn(word);
+        if (auto* failure = std::get_if<Failure>(&destination)) return std::move(*failure);
+        destinations.push_back(std::get<Destination>(std::move(destination)));
+        if (interfaceTowards(destinations.back()) == "lo")
+            return Failure{ExitCode::usage, word + " is on this machine: such flows meet no rule.",
+                           "Give a host elsewhere, or none."};
     }
-    return {{"flows", std::move(list)}, {"leaks", wrong}, {"packetsMissed", std::int64_t{missed}}};
+    return destinations;
 }
 
 }  // namespace
@@ -170,22 +166,40 @@ ExitCode verify(const VerifyOptions& options, const Console& console) {
     // What cannot be asked is said before the wait.
     const auto status = askForStatus();
     if (const auto* failure = failureOf(status)) return console.report(*failure);
+    const auto destinations = destinationsOf(options);
+    if (const auto* failure = failureOf(destinations)) return console.report(*failure);
     auto opened = PacketWatch::open();
     if (const auto* failure = failureOf(opened)) return console.report(*failure);
     auto& packets = std::get<PacketWatch>(opened);
-    if (!options.asJSON)
+    Departures departures;
+    isInterrupted = 0;
+    std::signal(SIGINT, [](int) { isInterrupted = 1; });
+    const auto keep = [&](Left left) {
+        if (left.interface != "lo") departures.keep(std::move(left));
+    };
+    std::vector<OwnFlow> own;
+    if (!options.onlyLooks)
+        own = makeOwnFlows(packets, departures, std::get<std::vector<Destination>>(destinations),
+                           isInterrupted, keep);
+    if (!options.asJSON) {
+        if (!options.onlyLooks) print(own, console);
         console.out << "Looking at what leaves for " << durationText(options.time.count())
                     << ", or until Ctrl-C; use the applications meanwhile.\n"
                     << std::flush;
-    Watcher watcher;
-    std::signal(SIGINT, [](int) { isInterrupted = 1; });
-    packets.watch(options.time, isInterrupted, [&](const auto& flow) { watcher.see(flow); });
+    }
+    packets.watch(options.time, isInterrupted,
+                  [&](const auto& flow) { keep(departures.examine(flow)); });
+    std::signal(SIGINT, SIG_DFL);
     const auto missed = packets.missed();
     if (options.asJSON)
-        console.out << documentOf(documentOfFlows(watcher.all(), missed));
+        console.out << documentOf(documentOfFlows(own, departures.all(), missed));
     else
-        print(watcher.all(), missed, console);
-    return std::ranges::any_of(watcher.all(), isWrong) ? ExitCode::failed : ExitCode::done;
+        print(departures.all(), missed, console);
+    const bool isWrong = std::ranges::any_of(departures.all(), &Left::isWrong) ||
+                         std::ranges::any_of(own, [](const auto& flow) {
+                             return flow.finding == OwnFlow::Finding::wrong;
+                         });
+    return isWrong ? ExitCode::failed : ExitCode::done;
 }
 
 }  // namespace vantryctl

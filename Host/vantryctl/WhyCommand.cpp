@@ -13,6 +13,8 @@
 #include "Host/vantryctl/Daemon.h"
 #include "Host/vantryctl/Destination.h"
 #include "Host/vantryctl/IdentifyCommand.h"
+#include "Host/vantryctl/Names.h"
+#include "Host/vantryctl/SettingsClient.h"
 
 namespace vantryctl {
 
@@ -55,6 +57,13 @@ bool isFile(const std::string& word) {
     return word.find('/') != std::string::npos && stat(word.c_str(), &file) == 0;
 }
 
+// Which names have rules; the daemon answers without the settings service as well.
+Settings settingsIfKnown() {
+    const auto loaded = loadSettings();
+    const auto* stored = std::get_if<StoredSettings>(&loaded);
+    return stored ? stored->choices.settings : Settings{};
+}
+
 Outcome<Inquiry> inquiryAboutWords(const std::vector<std::string>& words) {
     if (words.empty() || words.size() > 2)
         return Failure{ExitCode::usage,
@@ -71,7 +80,11 @@ Outcome<Inquiry> inquiryAboutWords(const std::vector<std::string>& words) {
         inquiry.question["identifier"] = identifier;
         inquiry.preface = fmt::format("{} is known as {}. {}", subject, identifier, explanation);
     } else {
+        const auto named = applicationsNamed({subject}, settingsIfKnown());
+        if (const auto* failure = failureOf(named)) return *failure;
         inquiry.question["identifier"] = subject;
+        inquiry.preface =
+            fmt::format("{}", fmt::join(std::get<NamedApplications>(named).notes, " "));
     }
     if (words.size() == 1) {
         inquiry.to.port = 443;

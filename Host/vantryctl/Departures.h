@@ -1,0 +1,43 @@
+// Flows that were seen to leave the machine: whose each is, and whether it left the way that the rules say. The
+// daemon is asked whose it is; by which interface it left is what was seen. One thread.
+#pragma once
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Host/vantryctl/PacketWatch.h"
+
+namespace vantryctl {
+
+// How a flow left, against how it was to.
+enum class Departure { right, notJudged, tunnelsOwn, leaked, inTunnel };
+const char* wordFor(Departure departure);
+
+struct Left {
+    std::string identifier;  // empty: the system's, or no one's that can be named
+    std::string to;
+    std::string interface;
+    bool isDatagram = false;
+    Departure departure = Departure::notJudged;
+
+    bool isWrong() const {
+        return departure == Departure::leaked || departure == Departure::inTunnel;
+    }
+};
+
+std::set<std::string> tunnelNames();
+
+class Departures {
+public:
+    Left examine(const DepartingFlow& departing) const;
+    void keep(Left left) { kept.push_back(std::move(left)); }
+    const std::vector<Left>& all() const { return kept; }
+    const std::set<std::string>& tunnels() const { return tunnelInterfaces; }
+
+private:
+    const std::set<std::string> tunnelInterfaces = tunnelNames();
+    std::vector<Left> kept;
+};
+
+}  // namespace vantryctl
