@@ -65,16 +65,6 @@ std::string_view firstCells(std::string_view text, std::size_t count) {
     return text.substr(0, at);
 }
 
-std::string fitted(std::string_view text, std::size_t width, bool alignsRight) {
-    if (lengthOf(text) > width) {
-        auto cut = std::string(firstCells(text, width - 1)) + std::string(ellipsis);
-        // A wide character may not have fitted the last cell.
-        return cut + std::string(width - lengthOf(cut), ' ');
-    }
-    const std::string blanks(width - lengthOf(text), ' ');
-    return alignsRight ? blanks + std::string(text) : std::string(text) + blanks;
-}
-
 void endLine(std::string& line) {
     line.erase(line.find_last_not_of(' ') + 1);
     line += '\n';
@@ -92,6 +82,16 @@ bool isHidden(std::string_view character) {
 }
 
 }  // namespace
+
+std::string fitted(std::string_view text, std::size_t width, bool alignsRight) {
+    if (lengthOf(text) > width) {
+        auto cut = std::string(firstCells(text, width - 1)) + std::string(ellipsis);
+        // A wide character may not have fitted the last cell.
+        return cut + std::string(width - lengthOf(cut), ' ');
+    }
+    const std::string blanks(width - lengthOf(text), ' ');
+    return alignsRight ? blanks + std::string(text) : std::string(text) + blanks;
+}
 
 std::string printable(std::string_view text) {
     const std::string valid = platform::validUTF8(text);

@@ -12,6 +12,9 @@ namespace vantryctl {
 // `text` with everything that is not printable UTF-8 replaced, fit for a terminal.
 std::string printable(std::string_view text);
 
+// `text` in exactly `width` cells, filled with blanks, or cut and ended by "…".
+std::string fitted(std::string_view text, std::size_t width, bool alignsRight = false);
+
 class Table {
 public:
     static constexpr std::size_t standardWidth = 80;

@@ -1,12 +1,9 @@
 #include "Host/vantryctl/TopCommand.h"
 
 #include <fmt/format.h>
-#include <poll.h>
-#include <sys/ioctl.h>
-#include <termios.h>
 #include <unistd.h>
 
-#include <array>
+#include <algorithm>
 #include <chrono>
 #include <optional>
 #include <sstream>
@@ -17,6 +14,7 @@
 #include "Host/vantryctl/CommandLine.h"
 #include "Host/vantryctl/Daemon.h"
 #include "Host/vantryctl/SettingsClient.h"
+#include "Host/vantryctl/Terminal.h"
 #include "Host/vantryctl/TopScreen.h"
 
 namespace vantryctl {
@@ -40,79 +38,38 @@ public:
         const std::chrono::duration<double> since = asked ? now - *asked : Clock::duration::zero();
         traffic.take(std::get<JSONObject>(answer), since.count());
         asked = now;
+        askAboutIdle();
         return std::nullopt;
     }
     const TrafficModel& model() const { return traffic; }
 
 private:
+    // Their rules may have changed since their last connection.
+    void askAboutIdle() {
+        for (const auto& each : traffic.applications()) {
+            if (each.connections > 0 || each.identifier.empty()) continue;
+            const auto answer = askPlatform(
+                {{"question", "why"}, {"identifier", each.identifier}, {"protocol", "tcp"}});
+            if (const auto* document = std::get_if<JSONObject>(&answer))
+                traffic.explain(each.identifier, *document);
+        }
+    }
+
     TrafficModel traffic;
     std::optional<Clock::time_point> asked;
 };
 
-// The terminal, as a screen of its own without echo, until this goes.
-class Screen {
-public:
-    Screen() {
-        tcgetattr(STDIN_FILENO, &before);
-        termios raw = before;
-        raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
-        tcsetattr(STDIN_FILENO, TCSAFLUSH, &raw);
-        write("\x1b[?1049h\x1b[?25l");
-    }
-    ~Screen() {
-        write("\x1b[?25h\x1b[?1049l");
-        tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
-    }
-    Screen(const Screen&) = delete;
-    Screen& operator=(const Screen&) = delete;
-
-    // Each line replaces what was there, so that nothing flickers.
-    static void show(const std::string& text) {
-        std::string lines = "\x1b[H";
-        for (const char each : text)
-            lines += each == '\n' ? std::string("\x1b[K\r\n") : std::string(1, each);
-        write(lines + "\x1b[K\x1b[J");
-    }
-    static winsize size() {
-        winsize found{};
-        ioctl(STDOUT_FILENO, TIOCGWINSZ, &found);
-        return found.ws_col > 0 && found.ws_row > 0 ? found : winsize{24, 80, 0, 0};
-    }
-
-private:
-    static void write(std::string_view text) {
-        while (!text.empty()) {
-            const auto length = ::write(STDOUT_FILENO, text.data(), text.size());
-            if (length <= 0) return;
-            text.remove_prefix(static_cast<std::size_t>(length));
-        }
-    }
-    termios before{};
-};
-
-// What the tool prints in a terminal of 80 columns.
-std::string outputOf(const std::vector<std::string>& words) {
+std::string outputOf(const std::vector<std::string>& words, std::size_t width) {
     std::ostringstream text;
-    run(words, {text, text});
+    run(words, {text, text, width});
     return text.str();
 }
 
-// Keys that are waiting, sequences of several bytes as one.
-bool pressAll(TopScreen& screen, const TrafficModel& model) {
-    std::array<char, 64> bytes{};
-    const auto length = read(STDIN_FILENO, bytes.data(), bytes.size());
-    if (length <= 0) return false;
-    const std::string_view text(bytes.data(), static_cast<std::size_t>(length));
-    if (text == "\x1b[A" || text == "\x1bOA") return screen.press(Key::up, 0, model);
-    if (text == "\x1b[B" || text == "\x1bOB") return screen.press(Key::down, 0, model);
-    if (text.front() == '\x1b') return screen.press(Key::escape, 0, model);
-    for (const char each : text) {
-        const auto key = each == '\n' || each == '\r'     ? Key::enter
-                         : each == '\x7f' || each == '\b' ? Key::erase
-                                                          : Key::character;
-        if (!screen.press(key, each, model)) return false;
-    }
-    return true;
+// False: leave.
+bool press(TopScreen& screen, const TrafficModel& model, const Terminal::Press& typed) {
+    if (typed.key != Key::character) return screen.press(typed.key, 0, model);
+    return std::ranges::all_of(
+        typed.character, [&](char byte) { return screen.press(Key::character, byte, model); });
 }
 
 std::string titleOf(const std::string& since) {
@@ -125,39 +82,41 @@ std::string titleOf(const std::string& since) {
     return fmt::format("vantryctl top   VPN: {}   TCP connections, bytes since {}", vpn, since);
 }
 
-// Waits for a key, but no longer than until the next question is due. False: leave.
-bool waitAndPress(TopScreen& screen, const TrafficModel& model, Clock::time_point until) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now());
-    pollfd keys{STDIN_FILENO, POLLIN, 0};
-    const int ready = poll(&keys, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
-    return ready <= 0 || pressAll(screen, model);
+// Draws and takes keys until the next question is due. False: leave.
+bool showUntil(Clock::time_point due, Terminal& terminal, TopScreen& screen,
+               const TrafficModel& model, const std::string& title) {
+    for (auto now = Clock::now(); now < due; now = Clock::now()) {
+        const auto size = terminal.size();
+        terminal.show(screen.draw(model, title, size.columns, size.lines));
+        const auto typed = terminal.read(std::chrono::ceil<std::chrono::milliseconds>(due - now));
+        if (typed && !press(screen, model, *typed)) return false;
+    }
+    return true;
 }
 
 ExitCode showLive(const Console& console) {
     Feed feed;
-    if (const auto failure = feed.ask()) return console.report(*failure);
+    auto failure = feed.ask();
+    if (failure) return console.report(*failure);
+    auto terminal = Terminal::take();
+    if (!terminal)
+        return console.report({ExitCode::usage, "On this terminal (TERM) nothing can be drawn.",
+                               "Without drawing: vantryctl top --once"});
     const auto started = platform::Date::now();
     TopScreen screen(outputOf);
-    std::optional<Failure> failure;
-    {
-        const Screen terminal;
-        bool isWanted = true;
-        while (isWanted && !failure) {
-            const auto due = Clock::now() + interval;
-            const auto title = titleOf(localTime(started, platform::Date::now()));
-            while (isWanted && Clock::now() < due) {
-                const auto size = Screen::size();
-                Screen::show(screen.draw(feed.model(), title, size.ws_col, size.ws_row));
-                isWanted = waitAndPress(screen, feed.model(), due);
-            }
-            if (isWanted) failure = feed.ask();
-        }
+    while (!failure) {
+        const auto title = titleOf(localTime(started, platform::Date::now()));
+        if (!showUntil(Clock::now() + interval, *terminal, screen, feed.model(), title))
+            return ExitCode::done;
+        failure = feed.ask();
     }
-    return failure ? console.report(*failure) : ExitCode::done;
+    terminal.reset();
+    return console.report(*failure);
 }
 
 JSONObject documentOfTraffic(const ApplicationTraffic& application) {
     return {{"identifier", application.identifier},
+            {"rule", application.rule},
             {"route", application.route},
             {"decidedBy", application.decidedBy},
             {"connections", static_cast<std::int64_t>(application.connections)},

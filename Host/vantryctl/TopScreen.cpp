@@ -14,8 +14,6 @@ namespace {
 
 constexpr const char* helpOfKeys =
     "d direct  v vpn  b block  u unblock  e explain  / filter  q quit";
-constexpr const char* reverse = "\x1b[7m";
-constexpr const char* plain = "\x1b[0m";
 // Above and below the table: title, heads of the columns; message, keys.
 constexpr std::size_t linesAround = 4;
 
@@ -26,6 +24,19 @@ std::vector<std::string> linesOf(const std::string& text) {
     return lines;
 }
 
+std::vector<TopScreen::Line> plainLines(std::vector<std::string> texts) {
+    std::vector<TopScreen::Line> lines;
+    lines.reserve(texts.size());
+    for (auto& text : texts) lines.push_back({std::move(text), false});
+    return lines;
+}
+
+std::string ruleText(const ApplicationTraffic& application) {
+    if (application.decidedBy == "block") return "block";
+    if (application.route.empty()) return "-";
+    return application.rule.empty() ? "default" : application.rule;
+}
+
 std::string routeText(const ApplicationTraffic& application) {
     if (application.route == "system") return "vpn";
     return application.route.empty() ? "-" : application.route;
@@ -33,8 +44,8 @@ std::string routeText(const ApplicationTraffic& application) {
 
 std::vector<std::string> cellsOf(const ApplicationTraffic& application) {
     return {application.identifier.empty() ? "(the system)" : application.identifier,
+            ruleText(application),
             routeText(application),
-            application.decidedBy.empty() ? "-" : application.decidedBy,
             fmt::format("{}", application.connections),
             fmt::format("{}", application.direct),
             bytesText(application.sentRate) + "/s",
@@ -47,8 +58,8 @@ std::vector<std::string> cellsOf(const ApplicationTraffic& application) {
 
 Table trafficTable(const std::vector<ApplicationTraffic>& applications) {
     Table table({{"APPLICATION", true},
+                 {"RULE"},
                  {"GOES"},
-                 {"BY", true},
                  {"CONN", false, true},
                  {"DIRECT", false, true},
                  {"OUT", false, true},
@@ -112,13 +123,18 @@ bool TopScreen::command(char character, const std::string& application) {
 
 void TopScreen::edit(Key key, char character) {
     if (key == Key::character) filter += character;
-    if (key == Key::erase && !filter.empty()) filter.pop_back();
+    // A character may have several bytes.
+    const auto isInside = [&] { return !filter.empty() && (filter.back() & 0xc0) == 0x80; };
+    if (key == Key::erase) {
+        while (isInside()) filter.pop_back();
+        if (!filter.empty()) filter.pop_back();
+    }
     if (key == Key::escape) filter.clear();
     isEditingFilter = key == Key::character || key == Key::erase;
 }
 
 void TopScreen::carryOut(const std::vector<std::string>& words, bool isLong) {
-    auto lines = linesOf(tool(words));
+    auto lines = linesOf(tool(words, widthDrawn));
     if (isLong)
         explanation = std::move(lines);
     else
@@ -132,31 +148,32 @@ std::string TopScreen::chosenIn(const TrafficModel& model) const {
     return isThere || list.empty() ? chosen : list.front().identifier;
 }
 
-std::vector<std::string> TopScreen::table(const TrafficModel& model, std::size_t width,
-                                          std::size_t rows) const {
+std::vector<TopScreen::Line> TopScreen::table(const TrafficModel& model, std::size_t width,
+                                              std::size_t rows) const {
     const auto list = model.applications(filter);
-    auto lines = linesOf(trafficTable(list).text(width));
+    auto lines = plainLines(linesOf(trafficTable(list).text(width)));
     const auto at = std::ranges::find(list, chosenIn(model), &ApplicationTraffic::identifier);
     if (at == list.end()) return lines;
     // The head of the columns comes first.
-    auto place = static_cast<std::size_t>(at - list.begin()) + 1;
-    lines[place].resize(std::max(width, lines[place].size()), ' ');
-    lines[place] = reverse + lines[place] + plain;
+    const auto place = static_cast<std::size_t>(at - list.begin()) + 1;
+    lines[place].isChosen = true;
     // What is chosen is on the screen.
     if (place > rows)
         lines.erase(lines.begin() + 1, lines.begin() + 1 + static_cast<long>(place - rows));
     return lines;
 }
 
-std::string TopScreen::draw(const TrafficModel& model, const std::string& title, std::size_t width,
-                            std::size_t height) {
+std::vector<TopScreen::Line> TopScreen::draw(const TrafficModel& model, const std::string& title,
+                                             std::size_t width, std::size_t height) {
+    widthDrawn = width;
     const std::size_t rows = height > linesAround ? height - linesAround : 1;
-    auto lines = explanation.empty() ? table(model, width, rows) : explanation;
+    auto lines = explanation.empty() ? table(model, width, rows) : plainLines(explanation);
     lines.resize(rows + 1);
-    std::string text = printable(title) + "\n";
-    for (const auto& line : lines) text += line + "\n";
-    text += isEditingFilter ? "Only names with: " + filter + "_" : message;
-    return text + "\n" + (explanation.empty() ? helpOfKeys : "Any key: back to the table");
+    lines.insert(lines.begin(), {printable(title), false});
+    lines.push_back({isEditingFilter ? "Only names with: " + filter + "_" : message, false});
+    lines.push_back({explanation.empty() ? helpOfKeys : "Any key: back to the table", false});
+    for (auto& line : lines) line.text = fitted(line.text, width);
+    return lines;
 }
 
 }  // namespace vantryctl

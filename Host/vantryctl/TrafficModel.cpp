@@ -42,6 +42,7 @@ void TrafficModel::takeApplication(const JSONObject& document, double secondsSin
                                    std::map<std::string, Bytes>& present) {
     auto& application = traffic[textUnder(document, "identifier")];
     application.identifier = textUnder(document, "identifier");
+    application.rule = textUnder(document, "rule");
     application.route = textUnder(document, "route");
     application.decidedBy = textUnder(document, "decidedBy");
     const auto* list = listUnder(document, "connections");
@@ -63,6 +64,15 @@ void TrafficModel::takeApplication(const JSONObject& document, double secondsSin
     application.received += grown.received;
     application.sentRate = rateOf(grown.sent, secondsSince);
     application.receivedRate = rateOf(grown.received, secondsSince);
+}
+
+void TrafficModel::explain(const std::string& identifier, const JSONObject& answer) {
+    const auto known = traffic.find(identifier);
+    const auto* explanation = vantryhost::objectUnder(answer, "explanation");
+    if (known == traffic.end() || explanation == nullptr) return;
+    known->second.rule = textUnder(*explanation, "rule");
+    known->second.route = textUnder(*explanation, "route");
+    known->second.decidedBy = textUnder(*explanation, "decidedBy");
 }
 
 std::vector<ApplicationTraffic> TrafficModel::applications(const std::string& filter) const {

@@ -13,6 +13,7 @@ namespace vantryctl {
 
 struct ApplicationTraffic {
     std::string identifier;  // empty: programs of the system
+    std::string rule;        // the word of the rule that matched; empty without one
     std::string route;       // "direct", "system" or "blocked"; empty where none is asked for
     std::string decidedBy;
     std::size_t connections = 0;
@@ -27,6 +28,9 @@ class TrafficModel {
 public:
     // The daemon's answer to "applications", that many seconds after the one before.
     void take(const platform::JSONObject& answer, double secondsSince);
+
+    // What the rules mean for new connections of an application that has none now, from an answer to "why".
+    void explain(const std::string& identifier, const platform::JSONObject& answer);
 
     // Those with the highest rate first, then those with the most bytes; only those whose name holds `filter`.
     std::vector<ApplicationTraffic> applications(const std::string& filter = "") const;

@@ -1,17 +1,14 @@
 """The command-line tool against the running daemon: what it changes takes effect, what it shows is so."""
 
-import contextlib
 import json
 import os
-import pty
-import re
 import signal
 import subprocess
 import threading
 import time
 import uuid
 
-from vantrylab import host, network, settings, world
+from vantrylab import host, network, settings, terminal, world
 from vantrylab.host import Rules
 
 TOOL = world.BUILD / "vantryctl"
@@ -122,34 +119,57 @@ def _views(stage) -> None:
         stage.checks.equal("a stranger may not clear the log", _use_tool("clear", **stranger).returncode, 4)
 
 
-def _screens_of_top(dialogue: list[tuple[str, str]]) -> str:
-    """All that `top` draws on a terminal; keys are typed once a text is there that was not before."""
-    shown = b""
-    child, terminal = pty.fork()
-    if child == 0:
-        os.execv(TOOL, [str(TOOL), "top"])
-    for awaited, keys in dialogue:
-        piece, deadline = b"", time.monotonic() + 20
-        while awaited not in _without_controls(piece) and time.monotonic() < deadline:
-            piece += os.read(terminal, 65536)
-        shown += piece
-        os.write(terminal, keys.encode())
-    with contextlib.suppress(OSError):  # the end of a terminal
-        while piece := os.read(terminal, 65536):
-            shown += piece
-    os.waitpid(child, 0)
-    return _without_controls(shown)
+# As the terminal shows them, with # for numbers.
+TITLE = "vantryctl top VPN: up utun0 TCP connections, bytes since #"
+TABLE = [TITLE, "APPLICATION RULE GOES CONN DIRECT OUT IN SENT RECEIVED",
+         "com.example.courier direct direct # # # # # #", "com.example.ledger vpn vpn # # # # # #"]
+KEYS = "d direct v vpn b block u unblock e explain / filter q quit"
+EXPLANATION = [
+    TITLE, "A new TCP flow of com.example.ledger is blocked: com.example.ledger is blocked.", "",
+    "identifier com.example.ledger, as a program of this name that runs on its own",
+    "rule the rule for com.example.ledger is vpn", "block com.example.ledger is blocked", "VPN up",
+    "fallback vpn block, direct allow", "interface physical: eth0; the system's own route leads to: utun0"]
 
 
-def _without_controls(shown: bytes) -> str:
-    return re.sub(r"\x1b\[[?0-9;]*[a-zA-Z]", "", shown.decode(errors="replace")).replace("\r\n", " ")
+def _screens_of_top(stage) -> None:
+    """On a real terminal: what `top` shows after each key and in another size, and that the screen comes back."""
+    shell = terminal.Terminal(columns=92, lines=14)
+
+    def expect(what: str, body: list[str], *below: str, lines: int = 14) -> None:
+        expected = [*body, *[""] * (lines - len(body) - len(below)), *below]
+        stage.checks.eventually(f"top: {what}", lambda: (
+            terminal.without_amounts(shell.screen()) == expected, "\n".join(shell.screen())), 20)
+    shell.type("vantryctl top", "Enter")
+    expect("the table", TABLE, "", KEYS)
+    shell.type("/")
+    shell.type("led")
+    expect("a filter is typed", [*TABLE[:2], TABLE[3]], "Only names with: led_", KEYS)
+    shell.type("Enter", "b")
+    expect("a key blocks what is chosen", [*TABLE[:2], "com.example.ledger block blocked # # # # # #"],
+           "Blocked, with all that is named below: new traffic is refused, TCP and UDP, except name", KEYS)
+    shell.type("e")
+    expect("e explains", EXPLANATION, "", "Any key: back to the table")
+    shell.type("q", "u", "/", "BSpace", "BSpace", "BSpace", "Enter")
+    expect("the block is lifted, the filter is gone", TABLE, KEYS)
+    shell.resize(80, 8)
+    # How much of a name is cut depends on the numbers beside it.
+    stage.checks.eventually("top: a smaller terminal", lambda: (
+        [line[:13] for line in terminal.without_amounts(shell.screen())[2:]] ==
+        ["com.example.c", "com.example.l", "", "", "", KEYS[:13]], "\n".join(shell.screen())), 20)
+    for end in ("q", "C-c"):
+        shell.type(end)
+        stage.checks.eventually(f"top: {end} gives the screen back", lambda: (
+            shell.screen()[-2:] == ["# vantryctl top", "#"], shell.screen()))
+        shell.type("vantryctl top", "Enter")
+        shell.await_text("q quit")
+    shell.close()
 
 
 def _sessions(stage) -> None:
     """A direct connection is listed while it is open, with its bytes; one that was refused is said to be."""
     _use_tool("rules", "set", COURIER, "direct")
     address, closed = stage.ipv4(), stage.ipv4()
-    running = stage.courier.start("upload", address, 8080, "--duration", 15)
+    running = stage.courier.start("upload", address, 8080, "--duration", 60)
     running.report()
 
     def listed():
@@ -160,10 +180,11 @@ def _sessions(stage) -> None:
     seen = {each["identifier"]: each for each in _document("top")["applications"]}
     stage.checks.check("top counts it, and its rate", seen[COURIER]["directConnections"] == 1 and
                        seen[COURIER]["sentPerSecond"] > 0 and seen[COURIER]["decidedBy"] == "rule", seen)
-    shown = _screens_of_top([("q quit", "/cour\r"), ("q quit", "e"), ("the rule for", " "), ("q quit", "q")])
-    for text in ("vantryctl top", COURIER, "the rule for com.example.courier is direct", "d direct"):
-        stage.checks.check(f"top's screens have {text!r}", text in shown, shown)
-    running.stop()
+    other = stage.ledger.start("upload", stage.ipv4(), 8080, "--duration", 60, "--pace", 1)
+    other.report()
+    _screens_of_top(stage)
+    for each in (running, other):
+        each.stop()
     stage.courier.run("connect", closed, 4)
 
     def shown():
@@ -190,7 +211,28 @@ def _one_command(stage) -> None:
     stage.checks.check("an application keeps its own rule",
                        COURIER in refused.stderr and refused.returncode == 2, refused)
     stage.checks.equal("no rule is left of it", _stored_in_preferences(), before)
+    stage.checks.equal("what was run is no change to take back", (
+        _use_tool("undo").returncode, _stored_in_preferences()["rules"].get(COURIER)), (0, "direct"))
+    _use_tool("rules", "remove", COURIER)
+    _flows_of_its_own(stage)
     subprocess.run(["umount", "/sys/fs/cgroup"], check=True)
+
+
+def _flows_of_its_own(stage) -> None:
+    """`verify` sees each of its flows leave by its rule, and that none does while all rules are switched off."""
+    tunnel = network.tunnel_device()
+    by = {True: {"direct tcp": ["eth0"], "direct udp": [tunnel], "vpn tcp": [tunnel], "vpn udp": [tunnel],
+                 "blocked tcp": [], "blocked udp": []}}
+    by[False] = {key: [tunnel] for key in by[True]}
+    for is_on, seen in by.items():
+        _use_tool("on" if is_on else "off")
+        ran = _use_tool("verify", "--json", "--for", "1s", "--to", f"{stage.ipv4()}:80", "--to", f"[{stage.ipv6()}]:80")
+        own = json.loads(ran.stdout)["own"]
+        stage.checks.check(f"verify, the rules being {'on' if is_on else 'off'}: how its own flows leave", len(own) == 12 and all(
+            each["interfaces"] == seen[f"{each['way']} {each['protocol']}"] for each in own), ran)
+        stage.checks.equal("and what it finds of that", (ran.returncode, {each["finding"] for each in own}),
+                           (0, {"right"}) if is_on else (1, {"right", "WRONG"}))
+    _use_tool("on")
 
 
 def _what_leaves_is_looked_at(stage) -> None:
@@ -200,7 +242,7 @@ def _what_leaves_is_looked_at(stage) -> None:
     # Under the other fallback the kernel keeps the leak from leaving.
     _use_tool("rules", "fallback", "vpn", "allow")
     for leaks in (0, 1):
-        looking = subprocess.Popen([str(TOOL), "verify", "--for", "1m"], text=True, stdout=subprocess.PIPE)
+        looking = subprocess.Popen([str(TOOL), "verify", "--only-look", "--for", "1m"], text=True, stdout=subprocess.PIPE)
         looking.stdout.readline()
         address = stage.ipv4()
         if leaks:
@@ -210,7 +252,7 @@ def _what_leaves_is_looked_at(stage) -> None:
         else:
             for application in (stage.courier, stage.ledger):
                 application.run("connect", stage.ipv4(), 80)
-            lines = [f"{COURIER}: 1 flow, all eth0", f"{LEDGER}: 1 flow, all {network.tunnel_device()}", "leaks: none"]
+            lines = [f"{COURIER}: 1 flow, all eth0", f"{LEDGER}: 1 flow, all {network.tunnel_device()}", "(the VPN itself): ", "leaks: none"]
         looking.send_signal(signal.SIGINT)
         found = looking.communicate(timeout=20)[0]
         stage.checks.check(f"verify, with {leaks} flow that leaks",

@@ -136,13 +136,19 @@ bool goToTheSamePlace(const FlowTuple& one, const FlowTuple& other) {
            one.destinationPort == other.destinationPort;
 }
 
+// Whether its first packet may have left just now: a connection that waits for a route leaves late.
+bool mayHaveLeftNow(const DirectSession& session) {
+    constexpr double longestWay = 10;
+    return isLiving(session) || Date::now().timeIntervalSince(session.begun) < longestWay;
+}
+
 // The direct connection that a TCP flow on the wire is: it has the application's port, or is the second
 // half of a relayed one, which is this process's own.
 std::optional<DirectSession> sessionOf(const FlowTuple& flow, bool isOwn) {
     if (flow.protocol != IPPROTO_TCP) return std::nullopt;
     std::optional<DirectSession> latest;
     for (auto& session : DirectSessions::shared().list())
-        if (goToTheSamePlace(session.flow, flow) &&
+        if (goToTheSamePlace(session.flow, flow) && mayHaveLeftNow(session) &&
             (isOwn || session.flow.sourcePort == flow.sourcePort) &&
             (!latest || session.begun > latest->begun))
             latest = std::move(session);
@@ -271,6 +277,7 @@ JSONObject Questions::applications() const {
         if (name.empty()) name = owner.signingIdentifier;
         applications.try_emplace(name,
                                  JSONObject{{"identifier", name},
+                                            {"rule", textUnder(explanation, "rule")},
                                             {"route", textUnder(explanation, "route")},
                                             {"decidedBy", textUnder(explanation, "decidedBy")}});
         connections[name].emplace_back(

@@ -9,7 +9,7 @@
 //   {"question": "sessions"}
 //   -> {"sessions": [{"identifier", "pid", "host", "port", "begun", "phase", "error", "sent", "received"}, ...]}
 //   {"question": "applications"}
-//   -> {"applications": [{"identifier", "route", "decidedBy", "connections": [...]}, ...]}
+//   -> {"applications": [{"identifier", "rule", "route", "decidedBy", "connections": [...]}, ...]}
 //
 //   {"question": "owner", "protocol", "source", "sourcePort", "host", "port", "interface"}
 //   -> {"identifier", "route"}: of a flow that was just seen to leave; empty where no one can be named
