@@ -1,5 +1,7 @@
 #include "Host/vantry-notify/Notices.h"
 
+#include "Host/vantryctl/RuledCommand.h"
+
 namespace vantrynotify {
 
 using platform::Date;
@@ -26,6 +28,8 @@ std::vector<Notice> Notices::about(const std::vector<ActivityLogEntryIPC>& entri
 }
 
 Notices::Reason Notices::reasonOf(const ActivityLogEntryIPC& entry) {
+    // Its rule was asked for on a command line a moment ago.
+    if (vantryctl::isRuledCommand(entry.bundleId)) return Reason::none;
     const auto route = entry.actualRoute.value_or("");
     if (route == "blocked")
         return entry.routingDecision == "block" ? Reason::blocked : Reason::vpnDown;
@@ -37,17 +41,23 @@ Notice Notices::noticeOf(Reason reason, const std::string& application) {
         case Reason::blocked:
             return {
                 application + " was blocked",
-                "It tried to reach the network. To let it: vantryctl rules unblock " + application};
+                "It tried to reach the network. To let it: vantryctl rules unblock " + application,
+                "Unblock",
+                {"rules", "unblock", application}};
         case Reason::noInterface:
             return {
                 application + " could not go directly",
-                "No Wi-Fi or wired interface was there, so it took the system's own route. To see "
-                "more: vantryctl failures"};
+                "No Wi-Fi or wired interface was there, so it took the system's own route. To have "
+                "it take the VPN always: vantryctl rules set " +
+                    application + " vpn",
+                "Over the VPN",
+                {"rules", "set", application, "vpn"}};
         case Reason::vpnDown:
             return {application + " waits for the VPN",
                     "The VPN is down, and what has a rule for it is stopped. To let it go on: "
-                    "vantryctl "
-                    "rules fallback vpn allow"};
+                    "vantryctl rules fallback vpn allow",
+                    "Go on without the VPN",
+                    {"rules", "fallback", "vpn", "allow"}};
         case Reason::none:
             break;
     }

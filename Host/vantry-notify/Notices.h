@@ -16,7 +16,9 @@ namespace vantrynotify {
 
 struct Notice {
     std::string title;
-    std::string body;  // with the command that changes it
+    std::string body;
+    std::string button;                // what a button is called that changes it, and
+    std::vector<std::string> command;  // the words for vantryctl that do
 };
 
 class Notices {

@@ -1,17 +1,19 @@
-"""What the daemon and the machine's managers tell each other: readiness, life and stop, sleep and wake.
+"""What we and the machine's managers tell each other: readiness, life and stop, sleep and wake, notices on the desktop.
 
-The bus is a real one with a stand-in for the login manager on it; the service manager is this process.
+The bus is a real one with stand-ins for the login manager and the desktop on it; the service manager is this process.
 """
 
 import contextlib
+import json
+import os
 import socket
 import subprocess
 import threading
 
-from vantrylab import host, network, world
+from vantrylab import host, network, settings, world
 from vantrylab.host import Rules
 
-COURIER, LEDGER = "com.example.courier", "com.example.ledger"
+COURIER, LEDGER, CHATTER = "com.example.courier", "com.example.ledger", "com.example.chatter"
 RULES = Rules(rules={COURIER: "direct", LEDGER: "vpn"})
 NOTIFY_SOCKET = world.STATE / "notify"
 BUS_SOCKET = world.STATE / "bus"
@@ -23,10 +25,11 @@ SECONDS_BETWEEN_SIGNS = 0.2
 
 
 def run(stage) -> None:
+    network.spare_carrier_up()
     network.vpn_up()
     _readiness_life_and_stop(stage)
     _sleep_and_wake(stage)
-    network.vpn_down()
+    _notices(stage)
 
 
 def _readiness_life_and_stop(stage) -> None:
@@ -101,10 +104,57 @@ def _configuration(rules: dict[str, str]) -> dict:
             "providerConfiguration": {"rules": rules, "defaultAction": "vpn", "vpnConnected": True}}
 
 
+def _notices(stage) -> None:
+    """What is blocked, and what can't go its way, is told on the desktop once, and a button changes the rule."""
+    stage.start_daemon(Rules(rules={COURIER: "direct", LEDGER: "vpn"}, blockedApps=(CHATTER,), vpnFallback="block",
+                             directFallback="allow"))
+    with settings.running(), _bus(), _on_session_bus("Lab/notice-board") as board:
+        _heard(board)
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager, _on_session_bus("vantry-notify", manager):
+            for _ in range(2):
+                stage.chatter.run("connect", stage.ipv4(), 80)
+            # What was blocked joins the log with the next flow that passes.
+            stage.studio.run("connect", stage.ipv4(), 80)
+            notice = json.loads(_heard(board))
+            stage.checks.equal("a block is told, with a button", (notice["title"], notice["button"]),
+                               (f"{CHATTER} was blocked", "Unblock"))
+            stage.bring_into_force(lambda: _announce(board, notice["number"]))
+            # The second connection, which was blocked too, would have come first.
+            stage.checks.equal("what the button did is told", json.loads(_heard(board))["title"], "Done")
+            address = stage.ipv4()
+            stage.expect_tunnel("the button unblocks", stage.chatter.run("connect", address, 80), address)
+            since = stage.daemon.mark()
+            network.physical_down()
+            stage.expect_line("the loss of the interface is seen", "hysical interface", since)
+            stage.courier.run("connect", stage.ipv4(), 80)
+            stage.checks.equal("that nothing can go directly is told", json.loads(_heard(board))["title"],
+                               f"{COURIER} could not go directly")
+    stage.stop_daemon()
+
+
+@contextlib.contextmanager
+def _on_session_bus(program: str, manager: socket.socket | None = None):
+    """With a socket to say to that it is ready, once it has."""
+    notify = {}
+    if manager:
+        NOTIFY_SOCKET.unlink(missing_ok=True)
+        manager.bind(str(NOTIFY_SOCKET))
+        notify = {"NOTIFY_SOCKET": str(NOTIFY_SOCKET)}
+    running = subprocess.Popen([str(world.BUILD / program)], text=True, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                               env={**os.environ, "DBUS_SESSION_BUS_ADDRESS": BUS_ADDRESS, **notify})
+    if manager:
+        manager.settimeout(10)
+        manager.recv(4096)
+    yield running
+    running.terminate()
+    running.communicate(timeout=10)
+
+
 @contextlib.contextmanager
 def _bus():
     configuration = world.STATE / "bus.conf"
     configuration.write_text(BUS_CONFIGURATION)
+    BUS_SOCKET.unlink(missing_ok=True)
     bus = subprocess.Popen(["dbus-daemon", f"--config-file={configuration}", "--nofork"])
     network.wait_until(BUS_SOCKET.exists, "the bus is there")
     yield
@@ -123,7 +173,7 @@ def _login_manager():
 
 
 def _heard(manager: subprocess.Popen) -> str:
-    """The next thing that happened to an inhibitor; none if none does for long."""
+    """The next thing that a stand-in says; nothing where it is long silent."""
     overdue = threading.Timer(10, manager.kill)
     overdue.start()
     line = manager.stdout.readline()
@@ -131,6 +181,6 @@ def _heard(manager: subprocess.Popen) -> str:
     return line
 
 
-def _announce(manager: subprocess.Popen, what: str) -> None:
+def _announce(manager: subprocess.Popen, what: object) -> None:
     manager.stdin.write(f"{what}\n")
     manager.stdin.flush()

@@ -24,6 +24,7 @@ TEST(NoticesTest, EachReasonOnceAnHourAndNotManyAtOnce) {
     };
     EXPECT_EQ(count("a", "vpn", "vpn", 0), 0U);
     EXPECT_EQ(count("a", "direct", "direct", 0), 0U);
+    EXPECT_EQ(count("run.curl.12", "block", "blocked", 0), 0U);
     EXPECT_EQ(count("a", "block", "blocked", 0), 1U);
     EXPECT_EQ(count("a", "block", "blocked", 100), 0U);
     EXPECT_EQ(count("a", "vpn", "blocked", 100), 1U);
