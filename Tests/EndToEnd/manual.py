@@ -1,11 +1,12 @@
 """What the manual pages show works as printed, and so do the programs' words that need no daemon."""
 
+import itertools
 import json
 import re
 import shlex
 import subprocess
 
-from vantrylab import host, settings as service, world
+from vantrylab import first_minutes, host, network, settings as service, world
 
 BASH = """
 source "$1"; shift
@@ -24,6 +25,7 @@ def run(stage) -> None:
             for words in (("check",), ("rules",)):
                 stage.checks.equal(f"a stranger's {words[0]} is not permitted",
                                    _run("vantryctl", *words, **stranger).returncode, 4)
+    _first_minutes(stage)
     for program, words, status in (("vantryd", ("--help",), 0), ("vantryd", ("--version",), 0), ("vantryd", ("-x",), 2),
                                    ("vantryd", ("--version", "-x"), 2), ("vantryctl", ("--version",), 0)):
         stage.checks.equal(f"{program} {' '.join(words)}", _run(program, *words).returncode, status)
@@ -65,6 +67,23 @@ def _document(stage, page: str, place, example: str) -> None:
     for each in (shown, settings):
         each.pop("vpnConnected", None)
     stage.checks.equal(f"{page}: vantryctl reads the example", shown, settings)
+
+
+def _first_minutes(stage) -> None:
+    """What the README shows of two people's first ten minutes is what happens."""
+    if not first_minutes.has_control_groups():
+        print("      the README's first ten minutes: control groups cannot be mounted here")
+        return
+    network.vpn_up()
+    stage.start_daemon(rules=None)
+    with service.running():
+        section, _ = first_minutes.play(stage.applications)
+    shown = first_minutes.comparable(first_minutes.section_of(world.PROJECT / first_minutes.README))
+    for seen, expected in itertools.zip_longest(first_minutes.comparable(section), shown):
+        if seen != expected:
+            break
+    stage.checks.equal("the README's first ten minutes (Lab/first-ten-minutes writes them)", seen, expected)
+    stage.stop_daemon()
 
 
 def _completion(stage) -> None:

@@ -38,6 +38,8 @@ complete -c vantryctl -n '__vantryctl_is_just' -a setup -d 'Be led through the f
 complete -c vantryctl -n '__vantryctl_is_just' -a report -d 'Print all that somebody who helps needs to know'
 complete -c vantryctl -n '__vantryctl_is_just' -a verify -d 'See whether each flow leaves the way that its rule says'
 complete -c vantryctl -n '__vantryctl_is verify' -l for -x -d 'How long to look'
+complete -c vantryctl -n '__vantryctl_is verify' -l to -x -d 'Where its own flows go'
+complete -c vantryctl -n '__vantryctl_is verify' -l only-look -d 'Make no flows'
 complete -c vantryctl -n '__vantryctl_is_just' -a try -d 'Make a change that is taken back unless confirmed'
 complete -c vantryctl -n '__vantryctl_is_just' -a confirm -d 'Keep the change that is on trial'
 complete -c vantryctl -n '__vantryctl_is_just' -a off -d 'Have traffic go as if there were no rules'
