@@ -66,7 +66,8 @@ def no_longer_works(entries: list[dict]) -> list[dict]:
 
 def write_tables() -> None:
     text = README.read_text()
-    begin, end = text.index(_BEGIN) + len(_BEGIN), text.index(_END)
+    begin = text.index(_BEGIN) + len(_BEGIN)
+    end = text.index(_END, begin)
     README.write_text(f"{text[:begin]}\n{_matrix()}\n{_journey()}{text[end:]}")
 
 
