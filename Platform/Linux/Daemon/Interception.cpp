@@ -196,12 +196,12 @@ Result<> Interception::carryOut(const Change& change) {
     change(wanted);
     needsFlush |= path.isInstalled() && !wanted.proxyRules.empty() &&
                   !keepsAllRules(before->proxyRules, wanted.proxyRules);
-    if (const auto put = path.offer(protocolsOf(wanted), before->generation); !put) return put;
+    if (auto put = path.offer(protocolsOf(wanted), before->generation); !put) return put;
     decisions.setOffers(wanted);
     if (!needsFlush) return {};
     // From here on verdicts carry the new generation, and those that were asked for before don't.
     ++wanted.generation;
-    if (const auto flushed = path.offerAgain(wanted.generation); !flushed) return flushed;
+    if (auto flushed = path.offerAgain(wanted.generation); !flushed) return flushed;
     decisions.setOffers(wanted);
     needsFlush = false;
     return {};

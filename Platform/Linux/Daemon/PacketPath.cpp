@@ -48,13 +48,13 @@ Result<> PacketPath::offer(const std::set<std::uint8_t>& protocols, unsigned gen
     if (isInForce && protocols == content.offeredProtocols) return {};
     if (!isInForce && protocols.empty()) return {};
     if (!isInForce) {
-        if (const auto begun = begin(); !begun) return begun;
+        if (auto begun = begin(); !begun) return begun;
     }
     PacketTableContent next = content;
     next.offeredProtocols = protocols;
     next.generation = markedGeneration(generation, generation);
     countPassed();
-    const auto changed = protocols.empty() ? table->stopOffering() : table->install(next);
+    auto changed = protocols.empty() ? table->stopOffering() : table->install(next);
     if (!changed) return changed;
     passedBefore = 0;
     content = next;
@@ -163,7 +163,7 @@ Result<> PacketPath::offerAgain(unsigned generation) {
     const std::uint32_t mask = place->mask();
     const std::uint32_t reused = place->value(FlowState::declined, marked);
     const std::uint32_t stale = place->value(FlowState::declined, staleGeneration);
-    const auto changed = entries->changeMarks(mask, [=](std::uint32_t mark) {
+    auto changed = entries->changeMarks(mask, [=](std::uint32_t mark) {
         return (mark & mask) == reused ? std::optional(stale) : std::nullopt;
     });
     if (!changed) return changed;
@@ -176,7 +176,7 @@ Result<> PacketPath::offerAgain(unsigned generation) {
 Result<> PacketPath::installAs(unsigned generation) {
     PacketTableContent next = content;
     next.generation = generation;
-    const auto installed = table->install(next);
+    auto installed = table->install(next);
     if (!installed) return installed;
     passedBefore = 0;
     content = next;
@@ -246,13 +246,13 @@ Result<> PacketPath::moveTo(MarkPlace newPlace) {
     };
     const bool overlap = (oldPlace.mask() & newPlace.mask()) != 0;
     if (!overlap) {
-        if (const auto copied = copy(true); !copied) return copied;
+        if (auto copied = copy(true); !copied) return copied;
     }
     PacketTableContent next = content;
     next.place = newPlace;
     countPassed();
     if (isInForce && !content.offeredProtocols.empty()) {
-        if (const auto installed = table->install(next); !installed) return installed;
+        if (auto installed = table->install(next); !installed) return installed;
         passedBefore = 0;
     }
     content = next;

@@ -85,7 +85,7 @@ std::optional<Result<>> Socket::endOf(const Message& answer, bool isDumpSpoilt) 
 }
 
 Result<> Socket::transact(Bytes messages) {
-    if (const auto sent = send(messages); !sent) return sent;
+    if (auto sent = send(messages); !sent) return sent;
     alignas(nlmsghdr) std::array<std::byte, largestRead> buffer;
     Result<> outcome;
     // The kernel works through the messages inside the send, so what it has to say is there now.

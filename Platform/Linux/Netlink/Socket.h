@@ -100,7 +100,7 @@ private:
 
 template <class Visit>
 Result<> Socket::converse(nlmsghdr& message, Visit& visit, bool firstAnswerIsAll) {
-    if (const auto sent = sendNumbered(message); !sent) return sent;
+    if (auto sent = sendNumbered(message); !sent) return sent;
     alignas(nlmsghdr) std::array<std::byte, largestRead> buffer;
     std::optional<Result<>> end;
     bool isSpoilt = false;

@@ -50,7 +50,7 @@ Result<> setOption(const FileDescriptor& socket, int level, int option, int valu
 }
 
 Result<> bindToLocalPort(const FileDescriptor& socket, int family, std::uint16_t port) {
-    const auto set = setOption(socket, SOL_SOCKET, SO_REUSEADDR, 1);
+    auto set = setOption(socket, SOL_SOCKET, SO_REUSEADDR, 1);
     if (!set) return set;
     const SocketAddress any = SocketAddress::unspecified(family, port);
     return ::bind(socket.get(), &any.any, any.length) == 0 ? Result<>() : Error::last();
@@ -255,21 +255,21 @@ Result<> SocketConnection::beginAttempt(SocketAddress address, std::uint16_t loc
     FileDescriptor descriptor(
         ::socket(address.family(), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
     if (!descriptor) return Error::last();
-    if (const auto bound = bindToInterface(descriptor); !bound) return bound;
+    if (auto bound = bindToInterface(descriptor); !bound) return bound;
     if (address.family() == AF_INET6 && IN6_IS_ADDR_LINKLOCAL(&address.ipv6.sin6_addr) &&
         address.ipv6.sin6_scope_id == 0)
         address.ipv6.sin6_scope_id = static_cast<std::uint32_t>(interfaceIndex);
     if (const auto mark = OwnTraffic::mark()) {
-        const auto set = setOption(descriptor, SOL_SOCKET, SO_MARK, static_cast<int>(mark));
+        auto set = setOption(descriptor, SOL_SOCKET, SO_MARK, static_cast<int>(mark));
         if (!set) return set;
     }
     setRelayOptions(descriptor);
     if (localPort != 0) {
-        const auto bound = bindToLocalPort(descriptor, address.family(), localPort);
+        auto bound = bindToLocalPort(descriptor, address.family(), localPort);
         if (!bound) return bound;
     }
     const auto attempt = std::make_shared<StreamSocket>(*loop.load(), std::move(descriptor), *this);
-    const auto begun = attempt->connect(&address.any, address.length);
+    auto begun = attempt->connect(&address.any, address.length);
     if (begun) attempts->underWay.push_back(attempt);
     return begun;
 }

@@ -116,7 +116,7 @@ Result<> PacketQueue::bindQueue(std::uint16_t number) {
     nlmsghdr* const bind = nfq_nlmsg_put(buffer.data(), NFQNL_MSG_CONFIG, number);
     bind->nlmsg_flags |= NLM_F_ACK;
     putCommand(bind, NFQNL_CFG_CMD_BIND);
-    if (const auto bound = socket.transact(bytesOf(buffer)); !bound) return bound;
+    if (auto bound = socket.transact(bytesOf(buffer)); !bound) return bound;
 
     nlmsghdr* const configure = nfq_nlmsg_put(buffer.data(), NFQNL_MSG_CONFIG, number);
     configure->nlmsg_flags |= NLM_F_ACK;

@@ -88,7 +88,7 @@ std::unique_ptr<ConnectionEntries> ConnectionEntries::openOrNull() {
 Result<> ConnectionEntries::changeMarks(std::uint32_t mask, const Change& change) {
     std::vector<std::byte> updates;
     auto dump = entryRequest(IPCTNL_MSG_CT_GET, NLM_F_DUMP, AF_UNSPEC);
-    const auto dumped = socket.request(dump, [&](const netlink::Message& entry) {
+    auto dumped = socket.request(dump, [&](const netlink::Message& entry) {
         const auto mark = entry.attributes<nfgenmsg>().find(CTA_MARK);
         const auto number = mark ? mark->networkNumber<std::uint32_t>() : std::nullopt;
         const auto value = number ? change(*number) : std::nullopt;
@@ -103,7 +103,7 @@ Result<> ConnectionEntries::changeMarks(std::uint32_t mask, const Change& change
         std::size_t end = begin;
         while (end < updates.size() && end - begin < pieceSize)
             end += reinterpret_cast<const nlmsghdr*>(updates.data() + end)->nlmsg_len;
-        const auto changed = socket.transact(std::span(updates).subspan(begin, end - begin));
+        auto changed = socket.transact(std::span(updates).subspan(begin, end - begin));
         if (!changed && changed.error().code() != ENOENT) return changed;
         begin = end;
     }

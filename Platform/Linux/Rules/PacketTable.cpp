@@ -284,7 +284,7 @@ bool hasTable(netlink::Socket& socket) {
 
 // A table with an owner refuses every change of others.
 Result<> commitTable(Transaction& transaction, netlink::Socket& socket) {
-    const auto committed = transaction.commit(socket);
+    auto committed = transaction.commit(socket);
     const bool isRefused = !committed && committed.error().code() == EPERM;
     if (isRefused && hasTable(socket))
         return Error(EBUSY, "take the packet table 'vantry', which another program owns");
@@ -363,7 +363,7 @@ Result<> PacketTable::installIn(QueueForm form) {
     addOwnTrafficRules(transaction, content.place);
     addRedirectRules(transaction, content);
     addAnswerRules(transaction, content.place, content.carrier);
-    const auto committed = commitTable(transaction, socket);
+    auto committed = commitTable(transaction, socket);
     if (committed) {
         workingForm = form;
         ruleCount = transaction.ruleCount();
@@ -388,7 +388,7 @@ Result<> PacketTable::installProbeIn(QueueForm form, MarkPlace place, std::uint1
                             .ofProtocol(IPPROTO_UDP)
                             .queueTo(queueNumber, form));
     addAnswerRules(transaction, place, carrier);
-    const auto committed = commitTable(transaction, socket);
+    auto committed = commitTable(transaction, socket);
     if (committed) workingForm = form;
     return committed;
 }
