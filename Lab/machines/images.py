@@ -189,5 +189,6 @@ def _run(command: list[str], stdout=None) -> None:
         log.seek(0)
         told = [line for line in log if line.strip() and not line.startswith("[")][-60:]
         kind = BuildFailed if status == _BUILD_FAILED else CannotMake
-        # The last line is the one that a summary shows.
-        raise kind(f"{''.join(told)}{command[0]} failed: {told[-1].strip() if told else f'status {status}'}")
+        # The last line is the one that a summary shows: the first fault that apt named, or else the end.
+        reason = next((line for line in told if line.startswith("E: ")), told[-1] if told else f"status {status}")
+        raise kind(f"{''.join(told)}{command[0]} failed: {reason.strip()}")

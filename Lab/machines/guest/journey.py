@@ -176,8 +176,8 @@ class Journey:
             self.checks.equal(f"podman, network {kind}: a blocked program", seen, wanted)
         run("vantryctl", "rules", "unblock", self.programs["fetch"].identifier)
         # Podman leaves its own behind.
-        for table in ("filter", "nat"):
-            run("nft", "delete", "table", "ip", table, check=False)
+        for table in ("ip filter", "ip nat", "inet netavark"):
+            run("nft", "delete", "table", *table.split(), check=False)
 
     def appimage(self) -> None:
         """A program that lies on the person's own FUSE mount, where not even root may look."""
