@@ -5,12 +5,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <charconv>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <optional>
 #include <sstream>
+#include <string_view>
 #include <utility>
 
 #include "Host/settings/Documents.h"
@@ -112,6 +114,15 @@ std::string interpreterOf(const std::string& path) {
     return "";
 }
 
+// An image that runs by itself says so behind the first bytes of a program.
+bool isAppImage(const std::string& path) {
+    constexpr std::string_view sign = "AI\x02";
+    std::array<char, sign.size()> found{};
+    std::ifstream file(path, std::ios::binary);
+    file.seekg(8).read(found.data(), found.size());
+    return file && std::string_view(found.data(), found.size()) == sign;
+}
+
 Identity identityOfScript(const std::string& path, Identity interpreter) {
     interpreter.explanation = fmt::format(
         "{} is a script: it counts as what runs it, as do all other scripts of that.", path);
@@ -128,6 +139,9 @@ Outcome<Identity> identityOfProgram(const std::string& path) {
         return Failure{ExitCode::failed, "There is no program at " + path + ".",
                        "Give a process id or the full path of a program."};
     const std::string program = real.get();
+    if (isAppImage(program))
+        return Identity{platform::ordinaryProgramIdentifier(program, std::nullopt),
+                        "It is an AppImage: what runs from it has this name."};
     auto name = platform::nameOfProgramAt(program, file.st_uid);
     if (name.kind == ProcessKind::ordinaryProgram) {
         if (const auto runner = interpreterOf(program); !runner.empty() && runner != path) {

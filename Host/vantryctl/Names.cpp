@@ -123,7 +123,9 @@ public:
     // Null, or why the word names nothing.
     std::optional<Failure> read(const std::string& word) {
         if (const auto pid = processId(word)) return take(word, identityOfProcess(*pid));
-        if (isProgramFile(word)) return take(word, identityOfProgram(word));
+        // A path may be an identifier itself: of an AppImage, or of a program that is not root's.
+        if (isProgramFile(word) && !known.contains(word))
+            return take(word, identityOfProgram(word));
         if (word == "vpn" || word == "direct" || word == "block")
             return noApplication(
                 fmt::format("\"{}\" is a route, not an application.", word),

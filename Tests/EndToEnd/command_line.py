@@ -289,6 +289,9 @@ def _identities(stage) -> None:
             stage.checks.equal(f"identify {subject}", _document("identify", str(subject))["bundleId"],
                                application.identifier)
         running.stop()
+    image = world.APPLICATIONS / "Tool.AppImage"
+    image.write_bytes(b"\x7fELF" + bytes(4) + b"AI\x02")
+    stage.checks.equal("identify an AppImage", _document("identify", str(image))["bundleId"], "/srv/Tool-AppImage")
     for subject in ("/tmp/missing", "/tmp", "999999999", "-0x1"):
         stage.checks.check(f"identify {subject}: there is no such thing", _use_tool("identify", subject).returncode)
 
