@@ -1,10 +1,12 @@
 #include "Host/vantry-notify/Notices.h"
 
+#include "Host/settings/Documents.h"
 #include "Host/vantryctl/RuledCommand.h"
 
 namespace vantrynotify {
 
 using platform::Date;
+using platform::JSONObject;
 using vantry::ActivityLogEntryIPC;
 
 namespace {
@@ -19,17 +21,36 @@ constexpr std::size_t mostRemembered = 1000;
 
 std::vector<Notice> Notices::about(const std::vector<ActivityLogEntryIPC>& entries, Date now) {
     std::vector<Notice> notices;
-    for (const auto& entry : entries) {
-        const auto reason = reasonOf(entry);
-        if (reason != Reason::none && mayTell(reason, entry.bundleId, now))
-            notices.push_back(noticeOf(reason, entry.bundleId));
-    }
+    for (const auto& entry : entries) add(reasonOf(entry), entry.bundleId, now, notices);
     return notices;
 }
 
+std::vector<Notice> Notices::aboutRefusals(const JSONObject& answer, Date since, Date now) {
+    std::vector<Notice> notices;
+    if (const auto* list = vantryhost::listUnder(answer, "refusals"))
+        for (const auto& each : *list)
+            if (const auto* refusal = each.as<JSONObject>())
+                add(reasonOf(*refusal, since), vantryhost::textUnder(*refusal, "identifier"), now,
+                    notices);
+    return notices;
+}
+
+// Of a command that runs under a rule of its own, that was asked for a moment ago.
+void Notices::add(Reason reason, const std::string& application, Date now,
+                  std::vector<Notice>& notices) {
+    if (reason == Reason::none || vantryctl::isRuledCommand(application)) return;
+    if (mayTell(reason, application, now)) notices.push_back(noticeOf(reason, application));
+}
+
+Notices::Reason Notices::reasonOf(const JSONObject& refusal, Date since) {
+    const auto milliseconds = static_cast<double>(vantryhost::numberUnder(refusal, "at"));
+    if (milliseconds / 1000 < since.secondsSince1970()) return Reason::none;
+    const auto by = vantryhost::textUnder(refusal, "decidedBy");
+    if (by == "block") return Reason::blocked;
+    return by == "vpnFallback" ? Reason::vpnDown : Reason::none;
+}
+
 Notices::Reason Notices::reasonOf(const ActivityLogEntryIPC& entry) {
-    // Its rule was asked for on a command line a moment ago.
-    if (vantryctl::isRuledCommand(entry.bundleId)) return Reason::none;
     const auto route = entry.actualRoute.value_or("");
     if (route == "blocked")
         return entry.routingDecision == "block" ? Reason::blocked : Reason::vpnDown;

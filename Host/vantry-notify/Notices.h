@@ -26,11 +26,17 @@ public:
     // The notices that these entries, which are new, give at `now`.
     std::vector<Notice> about(const std::vector<vantry::ActivityLogEntryIPC>& entries,
                               platform::Date now);
+    // The same for the daemon's answer to "refusals", of those after `since`.
+    std::vector<Notice> aboutRefusals(const platform::JSONObject& answer, platform::Date since,
+                                      platform::Date now);
 
 private:
     enum class Reason { blocked, noInterface, vpnDown, none };
 
     static Reason reasonOf(const vantry::ActivityLogEntryIPC& entry);
+    static Reason reasonOf(const platform::JSONObject& refusal, platform::Date since);
+    void add(Reason reason, const std::string& application, platform::Date now,
+             std::vector<Notice>& notices);
     static Notice noticeOf(Reason reason, const std::string& application);
     bool mayTell(Reason reason, const std::string& application, platform::Date now);
 

@@ -113,8 +113,6 @@ def _notices(stage) -> None:
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager, _on_session_bus("vantry-notify", manager):
             for _ in range(2):
                 stage.chatter.run("connect", stage.ipv4(), 80)
-            # What was blocked joins the log with the next flow that passes.
-            stage.studio.run("connect", stage.ipv4(), 80)
             notice = json.loads(_heard(board))
             stage.checks.equal("a block is told, with a button", (notice["title"], notice["button"]),
                                (f"{CHATTER} was blocked", "Unblock"))
@@ -129,6 +127,14 @@ def _notices(stage) -> None:
             stage.courier.run("connect", stage.ipv4(), 80)
             stage.checks.equal("that nothing can go directly is told", json.loads(_heard(board))["title"],
                                f"{COURIER} could not go directly")
+            since = stage.daemon.mark()
+            network.physical_up()
+            stage.expect_line("the interface is seen again", "Physical interface detected", since)
+            network.vpn_down()
+            stage.expect_line("the tunnel's end is told", "VPN state updated: connected=false", since)
+            stage.ledger.run("connect", stage.ipv4(), 80)
+            stage.checks.equal("that the VPN's fall stops something is told", json.loads(_heard(board))["title"],
+                               f"{LEDGER} waits for the VPN")
     stage.stop_daemon()
 
 

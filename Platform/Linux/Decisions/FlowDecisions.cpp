@@ -10,6 +10,7 @@
 #include "Platform/Linux/Decisions/NetworkRules.h"
 #include "Platform/Linux/DirectSessions.h"
 #include "Platform/Linux/PlatformLog.h"
+#include "Platform/Linux/RefusedFlows.h"
 #include "Platform/Linux/Relay/SocketFlow.h"
 #include "Platform/Linux/SystemError.h"
 
@@ -251,6 +252,7 @@ Verdict FlowDecisions::offer(const Occasion& occasion) {
     const NEFilterNewFlowVerdict verdict = offerToFilter(*shown, asked);
 
     const bool isDropped = verdict.kind == NEFilterNewFlowVerdict::Kind::drop;
+    if (isDropped) RefusedFlows::shared().note(source.metaData, packet.flow);
     // A connection that runs already cannot be taken over, only made to begin again.
     const bool comesTooLate = isClaimed && packet.purpose == PacketPurpose::offeredAgain;
     if (isDropped || comesTooLate) {

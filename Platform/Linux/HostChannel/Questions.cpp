@@ -17,6 +17,7 @@
 #include "Platform/Linux/DirectSessions.h"
 #include "Platform/Linux/HostChannel/FixedPlaces.h"
 #include "Platform/Linux/HostChannel/SharedFolder.h"
+#include "Platform/Linux/RefusedFlows.h"
 
 namespace platform {
 
@@ -203,6 +204,7 @@ JSONObject Questions::answer(const JSONObject& question) const {
     if (kind == "sessions") return sessions();
     if (kind == "applications") return applications();
     if (kind == "owner") return owner(question);
+    if (kind == "refusals") return refusals();
     return errorWith("This daemon does not know the question \"" + kind +
                      "\". Restart it after an upgrade: systemctl restart vantryd");
 }
@@ -255,6 +257,25 @@ JSONObject Questions::owner(const JSONObject& question) const {
                          .remote = {hostOf(*flow), std::to_string(flow->destinationPort)},
                          .isDatagram = flow->protocol == IPPROTO_UDP});
     return {{"identifier", owner->signingIdentifier}, {"route", textUnder(explanation, "route")}};
+}
+
+// By the name that a rule or a block has to be given for.
+JSONObject Questions::refusals() const {
+    JSONArray list;
+    for (const auto& refused : RefusedFlows::shared().list()) {
+        const auto explanation = sources.explain(
+            {.metaData = refused.metaData,
+             .remote = {hostOf(refused.flow), std::to_string(refused.flow.destinationPort)},
+             .isDatagram = refused.flow.protocol == IPPROTO_UDP});
+        if (textUnder(explanation, "route") != "blocked") continue;
+        auto name = textUnder(explanation, "blockOf");
+        if (name.empty()) name = textUnder(explanation, "knownAs");
+        list.emplace_back(
+            JSONObject{{"identifier", std::move(name)},
+                       {"decidedBy", textUnder(explanation, "decidedBy")},
+                       {"at", static_cast<std::int64_t>(refused.at.secondsSince1970() * 1000)}});
+    }
+    return {{"refusals", std::move(list)}};
 }
 
 // By the name that the rules know each by, so that helpers count as their application.

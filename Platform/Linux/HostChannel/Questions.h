@@ -11,6 +11,11 @@
 //   {"question": "applications"}
 //   -> {"applications": [{"identifier", "rule", "route", "decidedBy", "connections": [...]}, ...]}
 //
+//   {"question": "refusals"}
+//   -> {"refusals": [{"identifier", "decidedBy", "at"}, ...]}: whose flows were refused, the latest of each, in
+//      milliseconds since 1970; a
+//      program that is refused no longer is left out
+//
 //   {"question": "owner", "protocol", "source", "sourcePort", "host", "port", "interface"}
 //   -> {"identifier", "route"}: of a flow that was just seen to leave; empty where no one can be named
 //
@@ -51,6 +56,7 @@ private:
     JSONObject sessions() const;
     JSONObject applications() const;
     JSONObject owner(const JSONObject& question) const;
+    JSONObject refusals() const;
     std::optional<Data> reply(const Data& request) const;
 
     const Sources sources;
