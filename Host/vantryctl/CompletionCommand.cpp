@@ -4,6 +4,7 @@
 
 #include "Host/settings/Settings.h"
 #include "Host/vantryctl/ActivityLog.h"
+#include "Host/vantryctl/RuledCommand.h"
 #include "Host/vantryctl/SettingsClient.h"
 
 namespace vantryctl {
@@ -20,7 +21,8 @@ Settings readableSettings() {
 void addSeen(Names& names) {
     const auto log = readActivityLog();
     if (failureOf(log)) return;
-    for (const auto& entry : std::get<0>(log)) names.insert(entry.bundleId);
+    for (const auto& entry : std::get<0>(log))
+        if (!isRuledCommand(entry.bundleId)) names.insert(entry.bundleId);
 }
 
 Names namesOf(const std::string& kind) {

@@ -17,6 +17,7 @@
 #include "Host/settings/Settings.h"
 #include "Host/vantryctl/ActivityLog.h"
 #include "Host/vantryctl/Daemon.h"
+#include "Host/vantryctl/RuledCommand.h"
 #include "Host/vantryctl/SessionsCommand.h"
 #include "Host/vantryctl/SettingsClient.h"
 #include "Platform/Linux/HostChannel/FolderWatch.h"
@@ -201,7 +202,8 @@ struct Application {
     bool isActive = false;
 };
 
-// The applications of the log and those that the daemon names, the latest first.
+// The applications of the log and those that the daemon names, the latest first. Commands that had a rule
+// of their own are no applications that a rule can be given for.
 std::vector<Application> applicationsOf(const std::vector<ActivityLogEntryIPC>& log,
                                         const std::set<std::string>& active) {
     auto activities = activityByApplication(log);
@@ -209,7 +211,8 @@ std::vector<Application> applicationsOf(const std::vector<ActivityLogEntryIPC>& 
     std::vector<Application> applications;
     applications.reserve(activities.size());
     for (auto& [identifier, activity] : activities)
-        applications.push_back({identifier, std::move(activity), active.contains(identifier)});
+        if (!isRuledCommand(identifier))
+            applications.push_back({identifier, std::move(activity), active.contains(identifier)});
     std::ranges::stable_sort(applications, [](const auto& a, const auto& b) {
         return a.activity.lastSeen > b.activity.lastSeen;
     });

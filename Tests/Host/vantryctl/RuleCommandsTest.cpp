@@ -315,6 +315,8 @@ TEST_F(RuleCommands, WhatIsTemporaryOrOnTrialEndsAlsoOverARestart) {
     EXPECT_TRUE(
         eventually([] { return under(storedInRulesFile(), "blockedApps") == parsed("[]"); }));
     EXPECT_EQ(rules(), parsed(R"({"a":"vpn","b":"direct"})"));
+    EXPECT_EQ(runTool("undo").exitCode, 0);
+    EXPECT_EQ(rules(), parsed(R"({"a":"vpn"})")) << "what has ended by itself is no change";
 }
 
 TEST_F(RuleCommands, SwitchedOffTheRulesAreKeptButDoNotHold) {
