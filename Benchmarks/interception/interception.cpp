@@ -187,10 +187,13 @@ private:
             client.sendTo(TestNetwork::serverIPv4, port);
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
-    // Ten thousand a second.
     void openConnections() {
-        for (int count = 0; count < 20; ++count) attempt();
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        constexpr double aSecond = 20000;
+        const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - begin;
+        if (static_cast<double>(opened) < passed.count() * aSecond)
+            attempt();
+        else
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     // An attempt that is given up at once.
     void attempt() {
@@ -202,6 +205,7 @@ private:
         ++opened;
     }
 
+    const std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now();
     std::atomic<bool> isOver = false;
     std::atomic<std::size_t> opened = 0;
     std::vector<std::thread> threads;
