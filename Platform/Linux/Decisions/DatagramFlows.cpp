@@ -9,7 +9,7 @@ namespace platform::interception {
 
 bool DatagramFlows::enter(std::uint64_t cookie, const FlowTuple& flow) {
     const MutexGuard guard(lock);
-    if (closed.find(cookie)) return false;
+    if (isClosed(cookie)) return false;
     if (sockets.size() >= mostSockets && !sockets.contains(cookie)) return false;
     auto& [flows, hasMore] = sockets[cookie];
     const SameFlow isSame;
@@ -21,9 +21,14 @@ bool DatagramFlows::enter(std::uint64_t cookie, const FlowTuple& flow) {
     return true;
 }
 
+void DatagramFlows::noteClosed(std::uint64_t cookie) {
+    if (closed.size() >= closedSockets) closedBefore = std::exchange(closed, {});
+    closed.insert(cookie);
+}
+
 std::optional<DatagramFlows::Ended> DatagramFlows::end(std::uint64_t cookie) {
     const MutexGuard guard(lock);
-    closed.remember(cookie, true);
+    noteClosed(cookie);
     const auto found = sockets.find(cookie);
     if (found == sockets.end()) return std::nullopt;
     Ended ended = std::move(found->second);

@@ -15,11 +15,11 @@
 #include <cstdint>
 #include <optional>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "Platform/Common/Mutex.h"
 #include "Platform/Linux/Attribution/FlowTuple.h"
-#include "Platform/Linux/Attribution/RecentMemory.h"
 
 namespace platform::interception {
 
@@ -48,8 +48,16 @@ private:
     static constexpr std::size_t mostLately = 4096;
 
     // Packets of a closed socket wait for a few seconds at most.
-    RecentMemory<std::uint64_t, bool> closed{8192};
+    static constexpr std::size_t closedSockets = 8192;
+
+    bool isClosed(std::uint64_t cookie) const REQUIRES(lock) {
+        return closed.contains(cookie) || closedBefore.contains(cookie);
+    }
+    void noteClosed(std::uint64_t cookie) REQUIRES(lock);
+
     Mutex lock;
+    std::unordered_set<std::uint64_t> closed GUARDED_BY(lock);
+    std::unordered_set<std::uint64_t> closedBefore GUARDED_BY(lock);
     std::unordered_map<std::uint64_t, Ended> sockets GUARDED_BY(lock);
     std::vector<Ended> lately GUARDED_BY(lock);
 };

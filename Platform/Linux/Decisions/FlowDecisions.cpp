@@ -128,7 +128,7 @@ FlowDecisions::FlowDecisions(Providers toAsk, Result<std::unique_ptr<ClosedSocke
       entries(ConnectionEntries::openOrNull()),
       inForce(std::make_shared<const Offers>()) {
     if (closes) return;
-    unheardCloses.begin(closes.error().text());
+    heardCloses.set("not told: " + closes.error().text());
     platformLog.error(
         "The kernel does not tell when datagram sockets are closed: %{public}s. For half a minute "
         "the "

@@ -128,8 +128,8 @@ private:
     DeniedFlows denied;
     DatagramFlows datagrams;
     const std::unique_ptr<ClosedSockets> closedSockets;
-    health::Problem unheardCloses{health::Place::verdicts, "unheardCloses",
-                                  "Ends of datagram sockets are not heard of"};
+    health::State heardCloses{health::Place::verdicts, "closedSockets",
+                              "Ends of datagram sockets are", "told by the kernel"};
     health::State namedBy{health::Place::attribution, "attribution", "Programs are named",
                           attribution.hasNotes() ? "by what the kernel notes"
                                                  : "by searching /proc, slower and with gaps"};
