@@ -173,6 +173,7 @@ private:
 std::vector<OwnFlow> notTried(Way way, const std::vector<Destination>& destinations,
                               const std::string& reason) {
     std::vector<OwnFlow> flows;
+    flows.reserve(destinations.size());
     for (const auto& destination : destinations)
         flows.push_back({way, false, destination, {}, OwnFlow::Finding::notTried, reason});
     return flows;
