@@ -21,6 +21,7 @@ constexpr std::string_view vpnConnected = "vpnConnected";
 constexpr std::string_view tunnel = "tunnel";
 constexpr std::string_view temporaryRules = "temporaryRules";
 constexpr std::string_view trial = "trial";
+constexpr std::string_view directDatagrams = "directDatagrams";
 constexpr std::string_view off = "off";
 }  // namespace documentKeys
 
@@ -161,11 +162,16 @@ Outcome<std::optional<Choices>> Choices::read(const JSONObject& preferences) {
     if (auto* failure = std::get_if<Failure>(&trial)) return std::move(*failure);
     auto& found = std::get<std::optional<Settings>>(settings);
     auto tunnelChoice = std::get<TunnelChoice>(std::move(tunnel));
+    const bool areDatagramsDirect = valueOr(preferences, documentKeys::directDatagrams, false);
     const bool isOff = valueOr(preferences, documentKeys::off, false);
-    if (!found && tunnelChoice == TunnelChoice{} && !isOff) return std::nullopt;
-    return Choices{found ? *std::move(found) : Settings{}, std::move(tunnelChoice),
+    if (!found && tunnelChoice == TunnelChoice{} && !areDatagramsDirect && !isOff)
+        return std::nullopt;
+    return Choices{found ? *std::move(found) : Settings{},
+                   std::move(tunnelChoice),
                    std::get<std::vector<TemporaryRule>>(std::move(temporary)),
-                   std::get<std::optional<Trial>>(std::move(trial)), isOff};
+                   std::get<std::optional<Trial>>(std::move(trial)),
+                   areDatagramsDirect,
+                   isOff};
 }
 
 void Choices::writeInto(JSONObject& preferences) const {
@@ -186,6 +192,8 @@ void Choices::writeInto(JSONObject& preferences) const {
         for (const auto& rule : temporaryRules) list.emplace_back(documentOfRule(rule));
         preferences[std::string(documentKeys::temporaryRules)] = std::move(list);
     }
+    removeFrom(preferences, documentKeys::directDatagrams);
+    if (areDatagramsDirect) preferences[std::string(documentKeys::directDatagrams)] = true;
     removeFrom(preferences, documentKeys::off);
     if (isOff) preferences[std::string(documentKeys::off)] = true;
     removeFrom(preferences, documentKeys::trial);

@@ -6,6 +6,7 @@
 //   "tunnel": {"isFollowed": true, "interfaces": ["wg0"]}
 //   "temporaryRules": [{"application": "curl", "until": 1790000000, "ruleBefore": "vpn", "wasBlocked": false}]
 //   "trial": {"until": 1790000000, "before": {... the document's keys before the trial ...}}
+//   "directDatagrams": true
 //   "off": true
 #pragma once
 
@@ -54,6 +55,8 @@ struct Choices {
     TunnelChoice tunnel;
     std::vector<TemporaryRule> temporaryRules;
     std::optional<Trial> trial;
+    // The datagrams of direct applications go directly too.
+    bool areDatagramsDirect = false;
     // Everything is as if no rule had ever been set, and stays so until it is switched on again.
     bool isOff = false;
 

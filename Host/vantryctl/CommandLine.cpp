@@ -165,6 +165,12 @@ void Commands::addRules() {
     takeTime(block, "Only for this long: 90s, 30m, 2h, 7d");
     takeApplications(add(rules, "unblock", "Lift blocks: the rule or the default holds again",
                          [this] { return unblockApplications(request.applications, console); }));
+    CLI::App& datagrams =
+        *rules.add_subcommand("datagrams", "Choose whether UDP of direct applications is direct");
+    datagrams.require_subcommand(1);
+    takeWord(add(datagrams, "direct", "Datagrams of direct applications, but for name look-ups",
+                 [this] { return setDirectDatagrams(request.word, console); }),
+             "WORD", "on: directly too. off: over the system's own route");
     addFallbacks(rules);
 }
 

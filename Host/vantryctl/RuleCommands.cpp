@@ -341,6 +341,22 @@ ExitCode setFallback(Fallback fallback, const std::string& word, const Console& 
     });
 }
 
+ExitCode setDirectDatagrams(const std::string& word, const Console& console) {
+    if (word != "on" && word != "off")
+        return console.report(usage("Direct datagrams are on or off, not " + word + "."));
+    const auto change = changeSettings([&](Choices& choices) {
+        const bool isOn = word == "on";
+        return std::exchange(choices.areDatagramsDirect, isOn) != isOn;
+    });
+    return finish(change, console, [&](const Change& done) {
+        say(console, std::string("The datagrams (UDP) of direct applications go ") +
+                         (done.after.areDatagramsDirect ? "directly too, but for name look-ups."
+                                                        : "over the system's own route."));
+        if (done.after.areDatagramsDirect)
+            say(console, "vantryctl status says whether this kernel can carry them.");
+    });
+}
+
 ExitCode setVPNState(bool isUp, const Console& console) {
     const auto change = changeSettings([&](Choices& choices) {
         const auto before = choices;

@@ -25,6 +25,8 @@ ExitCode unblockApplications(const std::vector<std::string>& applications, const
 
 enum class Fallback { vpn, direct };
 // `word` is "allow" or "block".
+// Whether the datagrams of direct applications go directly: "on" or "off".
+ExitCode setDirectDatagrams(const std::string& word, const Console& console);
 ExitCode setFallback(Fallback fallback, const std::string& word, const Console& console);
 
 // Says by hand whether the VPN is up, or has the settings service say it: by these interfaces, or by every

@@ -189,7 +189,8 @@ std::string reasonText(const Explained& explained) {
     const bool isDirect =
         explained.text("rule") == "direct" ||
         (explained.text("ruleOf").empty() && explained.text("defaultAction") == "direct");
-    if (isDirect && explained.isDatagram) return ruleText(explained) + ", which means TCP only";
+    if (isDirect && explained.isDatagram && explained.text("route") == "system")
+        return ruleText(explained) + ", which means TCP only (rules datagrams direct)";
     return ruleText(explained);
 }
 

@@ -88,6 +88,11 @@ class Stage:
         self.checks.equal("nothing but log lines on standard error", daemon.other_output(), "")
 
     @staticmethod
+    def health(key: str) -> object:
+        """What the daemon says of one item of its health."""
+        return next(each["value"] for each in host.send('{"platform":"health"}')["health"] if each["key"] == key)
+
+    @staticmethod
     def clean_up() -> int:
         """Has what a killed daemon has left taken away; the status of the program that does it."""
         return subprocess.run((world.BUILD / "vantryd", "--clean-up"), capture_output=True, timeout=20).returncode

@@ -20,6 +20,7 @@ def run(stage) -> None:
     stage.start_daemon(Rules())
     with settings.running():
         _changes_take_effect(stage)
+        _datagrams(stage)
         _views(stage)
         _sessions(stage)
         _one_command(stage)
@@ -77,6 +78,22 @@ def _changes_take_effect(stage) -> None:
     stage.checks.equal("all changes together", _document("rules", "show"), {
         "rules": {LEDGER: "vpn", "com.example.absent": "vpn"}, "defaultAction": "vpn", "vpnFallback": "block",
         "directFallback": "allow", "vpnConnected": True, "blockedApps": ["com.example.idle"]})
+
+
+def _datagrams(stage) -> None:
+    if not stage.is_carried_by_kernel():
+        return
+    stage.bring_into_force(lambda: _use_tool("rules", "set", COURIER, "direct"))
+    for word, way, expect, verdict in (("on", "directly", stage.expect_physical, 10),
+                                       ("off", "system", stage.expect_tunnel, 0)):
+        name = f"vantryctl rules datagrams direct {word}"
+        stage.checks.equal(f"{name} succeeds", _use_tool("rules", "datagrams", "direct", word).returncode, 0)
+        network.wait_until(lambda: way in stage.health("directDatagrams"), "the daemon has read it")
+        address = stage.ipv4()
+        expect(f"{name}: takes effect", stage.courier.run("datagram", address, 8080), address)
+        shown = _use_tool("why", str(stage.courier.path), f"{address}:8080", "--udp")
+        stage.checks.check(f"{name}: why says so", shown.returncode == verdict, shown)
+    stage.bring_into_force(lambda: _use_tool("rules", "remove", COURIER))
 
 
 def _why_says(stage, name: str, application, verdict: int) -> None:

@@ -6,7 +6,7 @@ import signal
 import subprocess
 import time
 
-from vantrylab import network, verdicts
+from vantrylab import host, network, verdicts
 from vantrylab.host import Rules
 
 COURIER = "com.example.courier"
@@ -26,6 +26,7 @@ def run(stage) -> None:
     _like_the_applications_own(stage)
     _beside_vpns_and_firewalls(stage)
     _rules_change(stage)
+    _datagrams(stage)
     _removed_by_others(stage)
     _no_way(stage)
     _interface_goes(stage)
@@ -115,6 +116,54 @@ def _rules_change(stage) -> None:
         stage.checks.eventually(f"no longer direct: the server hears of {address}", lambda: (
             [each.state for each in network.seen_at(address)] == ["reset"], network.seen_at(address)))
         stage.apply(RULES)
+
+
+def _datagrams(stage) -> None:
+    """Those of direct applications go directly once that is asked for, and move with rules and the VPN."""
+    address = stage.ipv4()
+    stage.expect_tunnel("a datagram takes the VPN unless asked for", stage.courier.run("datagram", address, 8080), address)
+    host.write_preferences(logLevel="debug", directDatagrams=True)
+    network.wait_until(lambda: "go directly" in stage.health("directDatagrams"), "the preference is in force")
+    for address in (stage.ipv4(), stage.ipv6()):
+        for port in (8080, 443):
+            report = stage.courier.run("datagram", address, port)
+            stage.expect_physical(f"then it is direct, {address} port {port}", report, address)
+    for what, name, port in (("a name look-up stays", "courier", 53), ("a VPN rule stays", "ledger", 8080),
+                             ("no rule stays", "chatter", 8080)):
+        address = stage.ipv4()
+        stage.expect_tunnel(what, stage.applications[name].run("datagram", address, port), address)
+    flow, address = _asking(stage)
+    stage.apply(RULES.but(rules={COURIER: "vpn"}))
+    _moved(stage, "a socket in use moves to the VPN with its rule", address, network.TUNNEL_IPV4)
+    changed_at = stage.now()
+    stage.apply(RULES)
+    stage.expect_ended("back it begins again, as a connection does", flow.finish(), changed_at, ENDED)
+    flow, address = _asking(stage)
+    stage.apply(RULES.but(blockedApps=(COURIER,)))
+    stage.checks.check("a block ends it", flow.finish()["error"] != "")
+    stage.apply(RULES)
+    host.write_preferences(logLevel="debug")
+    address = stage.ipv4()
+    network.wait_until(lambda: "system" in stage.health("directDatagrams"), "the preference is in force")
+    stage.expect_tunnel("off again", stage.courier.run("datagram", address, 8080), address)
+
+
+def _asking(stage):
+    """A socket that asks again and again, and its aim."""
+    address = stage.ipv4()
+    flow = stage.courier.start("datagrams", address, 8080, "--duration", 20, "--repeat", 0.1)
+    flow.report()
+    return flow, address
+
+
+def _moved(stage, what: str, address: str, client: str) -> None:
+    def latest():
+        seen = network.seen_at(address)
+        before = sum(each.bytesReceived for each in seen if each.client == client)
+        time.sleep(0.05)
+        after = sum(each.bytesReceived for each in network.seen_at(address) if each.client == client)
+        return after > before > 0, seen
+    stage.checks.eventually(what, latest)
 
 
 def _removed_by_others(stage) -> None:

@@ -19,13 +19,15 @@ _vantryctl() {
     local offer=""
     case "${words[*]}" in
         "") offer="rules vpn run status reload apps identify why top sessions log clear failures check verify setup report try confirm off on undo export import --help --version" ;;
-        rules) offer="show set remove default block unblock fallback --json --help" ;;
+        rules) offer="show set remove default block unblock datagrams fallback --json --help" ;;
         "rules set" | "rules block") _vantryctl_names seen "$current" ;;
         "rules set "*) offer="vpn direct"; _vantryctl_names seen "$current" ;;
         "rules block "*) _vantryctl_names seen "$current" ;;
         "rules remove"*) _vantryctl_names ruled "$current" ;;
         "rules unblock"*) _vantryctl_names blocked "$current" ;;
         "rules default") offer="vpn direct" ;;
+        "rules datagrams") offer="direct" ;;
+        "rules datagrams "*) offer="on off" ;;
         "rules fallback") offer="vpn direct" ;;
         "rules fallback "*) offer="allow block" ;;
         "rules show" | status | apps | check) offer="--json --help" ;;

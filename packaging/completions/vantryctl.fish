@@ -48,13 +48,15 @@ complete -c vantryctl -n '__vantryctl_is_just' -a undo -d 'Take the newest chang
 complete -c vantryctl -n '__vantryctl_is_just' -a export -d 'Print the settings as a document'
 complete -c vantryctl -n '__vantryctl_is_just' -a import -d 'Replace the settings by those of a document'
 
-complete -c vantryctl -n '__vantryctl_is_just rules' -a 'show set remove default block unblock fallback'
+complete -c vantryctl -n '__vantryctl_is_just rules' -a 'show set remove default block unblock datagrams fallback'
 complete -c vantryctl -n '__vantryctl_is rules set' -a '(vantryctl names seen 2>/dev/null)'
 complete -c vantryctl -n '__vantryctl_is rules set; and not __vantryctl_is_just rules set' -a 'vpn direct'
 complete -c vantryctl -n '__vantryctl_is rules block' -a '(vantryctl names seen 2>/dev/null)'
 complete -c vantryctl -n '__vantryctl_is rules remove' -a '(vantryctl names ruled 2>/dev/null)'
 complete -c vantryctl -n '__vantryctl_is rules unblock' -a '(vantryctl names blocked 2>/dev/null)'
 complete -c vantryctl -n '__vantryctl_is_just rules default' -a 'vpn direct'
+complete -c vantryctl -n '__vantryctl_is_just rules datagrams' -a direct
+complete -c vantryctl -n '__vantryctl_is rules datagrams; and not __vantryctl_is_just rules datagrams' -a 'on off'
 complete -c vantryctl -n '__vantryctl_is_just rules fallback' -a 'vpn direct'
 complete -c vantryctl -n '__vantryctl_is rules fallback; and not __vantryctl_is_just rules fallback' -a 'allow block'
 complete -c vantryctl -n '__vantryctl_is_just vpn' -a 'follow up down'

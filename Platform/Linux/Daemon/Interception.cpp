@@ -76,6 +76,17 @@ void Interception::setFilterAction(std::optional<NEFilterAction> action,
     apply([action](Offers& offers) { offers.filterAction = action; }, std::move(completion));
 }
 
+void Interception::setRulesChanging(bool areChanging) {
+    decisions.setRulesChanging(areChanging);
+    if (areChanging) return;
+    areDatagramsDue = true;
+    eventfd_write(wakeUp.get(), 1);
+}
+
+void Interception::setDirectDatagrams(bool areDirect) {
+    apply([areDirect](Offers& offers) { offers.areDatagramsDirect = areDirect; }, {});
+}
+
 void Interception::apply(Change change, ErrorCompletion completion) {
     {
         const MutexGuard guard(lock);
@@ -126,6 +137,8 @@ bool Interception::waitForWork() {
     if (polled[1].revents != 0) path.rulesHaveChanged();
     if (polled[2].revents != 0) path.routesHaveChanged();
     if (polled[3].revents != 0) decisions.socketsWereClosed();
+    if (areDatagramsDue.exchange(false) && decisions.offers()->areDatagramsDirect)
+        decisions.offerSteeredDatagramsAgain();
     // Due whatever else happens: addresses are kept for a limited time.
     if (Clock::now() >= nextHousekeeping) {
         nextHousekeeping = Clock::now() + betweenHousekeepings;
@@ -194,8 +207,9 @@ Result<> Interception::carryOut(const Change& change) {
     const auto before = decisions.offers();
     Offers wanted = *before;
     change(wanted);
-    needsFlush |= path.isInstalled() && !wanted.proxyRules.empty() &&
-                  !keepsAllRules(before->proxyRules, wanted.proxyRules);
+    const bool isOfferedAgain = !keepsAllRules(before->proxyRules, wanted.proxyRules) ||
+                                before->areDatagramsDirect != wanted.areDatagramsDirect;
+    needsFlush |= path.isInstalled() && !wanted.proxyRules.empty() && isOfferedAgain;
     if (auto put = path.offer(protocolsOf(wanted), before->generation); !put) return put;
     decisions.setOffers(wanted);
     if (!needsFlush) return {};
@@ -203,6 +217,7 @@ Result<> Interception::carryOut(const Change& change) {
     ++wanted.generation;
     if (auto flushed = path.offerAgain(wanted.generation); !flushed) return flushed;
     decisions.setOffers(wanted);
+    if (before->areDatagramsDirect) decisions.offerSteeredDatagramsAgain();
     needsFlush = false;
     return {};
 }

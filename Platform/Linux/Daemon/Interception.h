@@ -8,6 +8,7 @@
 // `failure` gives, and the setting completes with them.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <deque>
 #include <functional>
@@ -48,6 +49,10 @@ public:
     // What the filter is asked about; none ends its part.
     void setFilterAction(std::optional<NEFilterAction> action, ErrorCompletion completion);
 
+    // Whether the datagrams of direct applications go their way too, where the kernel carries connections.
+    void setDirectDatagrams(bool areDirect);
+    bool areDatagramsDirect() const { return decisions.areDatagramsDirect(); }
+
     // Nothing is offered from now on: settings that wait, and any that come, complete with an error.
     void endOffers(ErrorCompletion completion);
 
@@ -59,7 +64,7 @@ public:
     bool areVerdictsMoving() const { return path.areVerdictsMoving(); }
 
     // What is asked about between the two calls is asked again later.
-    void setRulesChanging(bool areChanging) { decisions.setRulesChanging(areChanging); }
+    void setRulesChanging(bool areChanging);
 
     // Whose socket it is. For questions, not on a packet's way.
     std::optional<FlowOwner> ownerOf(const FlowTuple& flow) { return decisions.ownerOf(flow); }
@@ -100,6 +105,8 @@ private:
     bool isEnding GUARDED_BY(lock) = false;
     bool isStopping GUARDED_BY(lock) = false;
     FileDescriptor wakeUp;
+    // Rules have changed: what is steered of datagrams is to be offered again.
+    std::atomic<bool> areDatagramsDue = false;
 
     // For the thread alone.
     bool needsFlush = false;

@@ -112,16 +112,36 @@ void allowAsManyDescriptorsAsPermitted() {
 }
 
 // What the host application's questions need of others.
+// A datagram of an application whose connections are direct goes with them.
+JSONObject explainedAsSteered(JSONObject explained, const Providers& providers,
+                              FlowQuestion question) {
+    const auto route = [](const JSONObject& answer) {
+        const auto found = answer.find("route");
+        const auto* text = found == answer.end() ? nullptr : found->second.as<std::string>();
+        return text == nullptr ? std::string() : *text;
+    };
+    question.isDatagram = false;
+    auto asConnection = providers.explain(*providers.proxy, *providers.filter, question);
+    const bool isSteered = route(explained) == "system" && route(asConnection) == "direct" &&
+                           question.remote.port != "53";
+    return isSteered ? asConnection : explained;
+}
+
 Questions::Sources answersFrom(const Providers& providers) {
-    return {.explain =
-                [providers](const FlowQuestion& question) {
-                    return registeredProviders.explain(*providers.proxy, *providers.filter,
-                                                       question);
-                },
-            .ownerOf = [](const FlowTuple& flow) -> std::optional<FlowOwner> {
+    return {
+        .explain =
+            [providers](const FlowQuestion& question) {
+                auto explained = providers.explain(*providers.proxy, *providers.filter, question);
                 const auto interception = RunningInterception::get();
-                return interception ? interception->ownerOf(flow) : std::nullopt;
-            }};
+                const bool mayBeSteered =
+                    question.isDatagram && interception && interception->areDatagramsDirect();
+                return mayBeSteered ? explainedAsSteered(std::move(explained), providers, question)
+                                    : explained;
+            },
+        .ownerOf = [](const FlowTuple& flow) -> std::optional<FlowOwner> {
+            const auto interception = RunningInterception::get();
+            return interception ? interception->ownerOf(flow) : std::nullopt;
+        }};
 }
 
 // Waits until flows are decided, and says so; then for the signal to end. The status to end with: a start
@@ -157,13 +177,18 @@ void runExtension() {
     HostChannel channel;
     const StoredRoutes storedRoutes;
     const Providers providers{registeredProviders.makeProxyProvider(),
-                              registeredProviders.makeFilterProvider()};
+                              registeredProviders.makeFilterProvider(),
+                              registeredProviders.explain};
     auto interception = std::make_shared<Interception>(providers, choicesInPreferences());
     RunningInterception::set(interception);
     startFilter(providers);
     startProxy(providers);
-    channel.start(providers.proxy, answersFrom(providers),
-                  [interception] { return interception->areVerdictsMoving(); });
+    channel.start(
+        providers.proxy, answersFrom(providers),
+        [interception] { return interception->areVerdictsMoving(); },
+        [interception](const Preferences& preferences) {
+            interception->setDirectDatagrams(preferences.areDatagramsDirect);
+        });
     const int status = serve(*interception, channel);
 
     endInAnyCase(status);

@@ -142,6 +142,15 @@ std::shared_ptr<const Offers> FlowDecisions::offers() const {
 }
 
 void FlowDecisions::setOffers(Offers replacement) {
+    if (!replacement.areDatagramsDirect)
+        datagramsGo.set("go the system's own way");
+    else if (steering())
+        datagramsGo.set("go directly, but for name look-ups");
+    else if (datagramsGo.set("go the system's own way: only the kernel could carry them"))
+        platformLog.error(
+            "The datagrams of direct applications go the system's own way, as the kernel carries "
+            "no "
+            "direct connections");
     auto published = std::make_shared<const Offers>(std::move(replacement));
     const MutexGuard guard(offersLock);
     inForce = std::move(published);
@@ -158,10 +167,23 @@ std::shared_ptr<steering::Steering> FlowDecisions::steering() const {
 }
 
 PacketVerdict FlowDecisions::verdictOn(const HeldPacket& packet) {
-    const auto asked = offers();
-    const Occasion occasion{packet, *asked, ruleChanges};
-    const bool isData = packet.purpose == PacketPurpose::watchedData;
-    return packetVerdict(occasion, isData ? verdictOnData(occasion) : verdictOnFlow(occasion));
+    constexpr int mostTries = 3;
+    for (int tries = 1;; ++tries) {
+        const auto asked = offers();
+        const Occasion occasion{packet, *asked, ruleChanges};
+        const bool isData = packet.purpose == PacketPurpose::watchedData;
+        const Verdict verdict = isData ? verdictOnData(occasion) : verdictOnFlow(occasion);
+        const bool isSteered = isDatagram(packet) && isClaimed(verdict.state);
+        if (!isSteered) return packetVerdict(occasion, verdict);
+        if (tries == mostTries || isCurrent(occasion, verdict))
+            return steeredDatagram(occasion, verdict);
+        recent.forget(packet.flow);
+    }
+}
+
+// False for a verdict that a change of the rules has overtaken.
+bool FlowDecisions::isCurrent(const Occasion& occasion, const Verdict& verdict) const {
+    return isSettledSince(occasion.ruleChanges) && verdict.generation == offers()->generation;
 }
 
 PacketVerdict FlowDecisions::packetVerdict(const Occasion& occasion, const Verdict& verdict) {
@@ -188,6 +210,21 @@ PacketVerdict FlowDecisions::packetVerdict(const Occasion& occasion, const Verdi
     return PacketVerdict::of(packet, FlowState::declined, generation);
 }
 
+// Only the first packet of an entry is translated: one that was something else before goes, and the next
+// datagram begins another.
+PacketVerdict FlowDecisions::steeredDatagram(const Occasion& occasion, const Verdict& verdict) {
+    const HeldPacket& packet = occasion.packet;
+    if (verdict.isDropped) return PacketVerdict::drop(packet);
+    if (isCurrent(occasion, verdict) && packet.purpose != PacketPurpose::offeredAgain) {
+        countsForItsFlow(packet, verdict);
+        return PacketVerdict::of(packet, verdict.state, verdict.uplink);
+    }
+    recent.forget(packet.flow);
+    const MutexGuard guard(entriesLock);
+    if (entries) entries->remove(packet.flow);
+    return PacketVerdict::drop(packet);
+}
+
 // Of datagrams: the next ones from the port may be another socket's.
 bool FlowDecisions::countsForItsFlow(const HeldPacket& packet, const Verdict& verdict) {
     const bool isEntered =
@@ -200,7 +237,10 @@ Verdict FlowDecisions::verdictOnFlow(const Occasion& occasion) {
     if (isStillDenied(occasion)) return {FlowState::denied, asked.generation};
     auto known = recent.find(packet, asked.generation);
     // Of datagrams, the port alone does not tell whose they are.
-    if (known && isDatagram(packet) && isOfAnotherSocket(packet, known->cookie)) known.reset();
+    const bool isOther = known && isDatagram(packet) &&
+                         (isOfAnotherSocket(packet, known->cookie) ||
+                          (isClaimed(known->state) && known->ruleChanges != occasion.ruleChanges));
+    if (isOther) known.reset();
     const Verdict verdict = known ? *known : offer(occasion);
     if (!known) remember(packet, verdict);
     // The first datagram, and data on a SYN, are the first bytes of a watched flow.
@@ -216,7 +256,7 @@ Verdict FlowDecisions::verdictOnFlow(const Occasion& occasion) {
 
 void FlowDecisions::remember(const HeldPacket& packet, const Verdict& verdict) {
     // Of steered connections, their sessions know more.
-    if (isClaimed(verdict.state) && steering()) return;
+    if (isClaimed(verdict.state) && steering() && !isDatagram(packet)) return;
     // Of denied datagrams `denied` knows more.
     if (!isDatagram(packet) || verdict.state != FlowState::denied) recent.remember(packet, verdict);
 }
@@ -273,6 +313,7 @@ Verdict FlowDecisions::offer(const Occasion& occasion) {
         carried.cookie = source.cookie;
         return carried;
     }
+    if (const auto steered = verdictOnDatagram(occasion, source, isWatched)) return *steered;
     // Its next packet may tell more.
     if (!source.isAttributed && packet.purpose == PacketPurpose::newFlow &&
         state == FlowState::declined)
@@ -313,6 +354,41 @@ std::optional<Verdict> FlowDecisions::verdictOnSteered(const HeldPacket& packet,
     Verdict verdict = SteeredClaim::steered(*known, stateOf(true, isWatchedStill));
     verdict.cookie = source.cookie;
     return verdict;
+}
+
+// The proxy declines datagrams. Those of an application whose connections it would claim go the same way, if
+// that is wanted. Null for all others.
+std::optional<Verdict> FlowDecisions::verdictOnDatagram(const Occasion& occasion,
+                                                        const Source& source, bool isWatched) {
+    const auto& [packet, asked, changes] = occasion;
+    const auto carrier = steering();
+    const bool isMeant = asked.areDatagramsDirect && carrier && providers.explain &&
+                         isDatagram(packet) && source.isAttributed && !source.isOnlyForFilter &&
+                         steering::Steering::isForDatagrams(packet.flow);
+    if (!isMeant) return std::nullopt;
+    const auto connections = providers.explain(
+        *providers.proxy, *providers.filter,
+        {source.metaData,
+         {steering::destinationText(packet.flow), std::to_string(packet.flow.destinationPort)}});
+    const auto text = [&](std::string_view key) {
+        const auto found = connections.find(key);
+        const auto* value = found == connections.end() ? nullptr : found->second.as<std::string>();
+        return value == nullptr ? std::string() : *value;
+    };
+    Verdict verdict{stateOf(true, isWatched), asked.generation, source.cookie};
+    verdict.ruleChanges = changes;
+    verdict.isDropped = text("route") == "blocked" && text("decidedBy") == "directFallback";
+    if (verdict.isDropped) return verdict;
+    if (text("route") != "direct") return std::nullopt;
+    using Kind = steering::Way::Kind;
+    const auto way = carrier->wayOfDatagrams(packet.flow, text("interface"));
+    verdict.isDropped = way.kind == Kind::none;
+    verdict.uplink = way.kind == Kind::open ? way.number : steering::unreachableNumber;
+    return verdict;
+}
+
+void FlowDecisions::offerSteeredDatagramsAgain() {
+    if (const auto carrier = steering()) carrier->forgetDatagrams();
 }
 
 std::unique_ptr<FlowDecisions::Claim> FlowDecisions::offerToProxy(const HeldPacket& packet,

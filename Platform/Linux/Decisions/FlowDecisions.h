@@ -31,6 +31,8 @@ namespace platform::interception {
 struct Providers {
     std::shared_ptr<NETransparentProxyProvider> proxy;
     std::shared_ptr<NEFilterDataProvider> filter;
+    // What they would decide of a connection. Without it all datagrams go the system's own way.
+    decltype(ProviderClasses::explain) explain = nullptr;
 };
 
 // Who is asked at present, and about what.
@@ -38,6 +40,7 @@ struct Offers {
     std::vector<NENetworkRule> proxyRules;       // none: the proxy is not asked
     std::optional<NEFilterAction> filterAction;  // nothing: the filter is not asked
     unsigned generation = 0;                     // the number of flushes so far
+    bool areDatagramsDirect = false;             // those of direct applications are steered
 };
 
 class FlowDecisions {
@@ -60,6 +63,11 @@ public:
 
     // Whose socket it is. For questions, not on a packet's way.
     std::optional<FlowOwner> ownerOf(const FlowTuple& flow) { return attribution.ownerOf(flow); }
+
+    // It is wanted, and the kernel carries them.
+    bool areDatagramsDirect() const { return offers()->areDatagramsDirect && steering(); }
+    // What was steered of datagrams is offered again.
+    void offerSteeredDatagramsAgain();
 
     // Readable when datagram sockets have been closed, and wants the other one then; -1 where no one tells.
     int closeEvents() const { return closedSockets ? closedSockets->eventDescriptor() : -1; }
@@ -105,6 +113,10 @@ private:
     std::unique_ptr<Claim> offerToRelay(const HeldPacket& packet, const Source& source);
     std::optional<Verdict> verdictOnSteered(const HeldPacket& packet, const Source& source);
     Verdict unwatched(const Occasion& occasion, bool isClaimed, std::uint64_t cookie);
+    std::optional<Verdict> verdictOnDatagram(const Occasion& occasion, const Source& source,
+                                             bool isWatched);
+    bool isCurrent(const Occasion& occasion, const Verdict& verdict) const;
+    PacketVerdict steeredDatagram(const Occasion& occasion, const Verdict& verdict);
     unsigned uplinkOf(const FlowTuple& flow);
     NEFilterNewFlowVerdict offerToFilter(const NEFilterSocketFlow& flow, const Offers& asked);
     void watch(const HeldPacket& packet, const Source& source,
@@ -133,6 +145,8 @@ private:
     health::State namedBy{health::Place::attribution, "attribution", "Programs are named",
                           attribution.hasNotes() ? "by what the kernel notes"
                                                  : "by searching /proc, slower and with gaps"};
+    health::State datagramsGo{health::Place::steering, "directDatagrams",
+                              "Datagrams of direct applications", "go the system's own way"};
     health::Counter unattributed{health::Place::attribution, "unattributedFlows",
                                  "Flows that no program could be named for"};
 

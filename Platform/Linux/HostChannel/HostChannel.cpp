@@ -46,11 +46,12 @@ void makeFolders() {
 }
 
 // Preferences that cannot be read leave everything as it is.
-void applyPreferences() {
-    auto preferences = Preferences::load();
+void applyPreferences(const HostChannel::PreferencesListener& listener) {
+    const auto preferences = Preferences::load();
     if (!preferences) return;
     Logger::setLowestLevel(preferences->logLevel);
-    setPersonalAccounts(std::move(preferences->personalAccounts));
+    setPersonalAccounts(preferences->personalAccounts);
+    if (listener) listener(*preferences);
 }
 
 void tellServiceManager(const char* state) {
@@ -70,7 +71,7 @@ struct DropEventLoop {
 class HostChannel::Running {
 public:
     Running(std::shared_ptr<NETransparentProxyProvider> toServe, Questions::Sources sources,
-            IsAlive isAlive);
+            IsAlive isAlive, PreferencesListener preferencesListener);
     ~Running();
     Running(const Running&) = delete;
     Running& operator=(const Running&) = delete;
@@ -89,6 +90,7 @@ private:
 
     const std::shared_ptr<NETransparentProxyProvider> provider;
     const IsAlive isAlive;
+    const PreferencesListener listener;
     std::uint64_t betweenSigns = 0;  // in microseconds
     const FileDescriptor stopSignal{eventfd(0, EFD_CLOEXEC)};
     FolderWatch preferencesWatch{places::preferencesFolder, makePreferencesFolder,
@@ -99,9 +101,11 @@ private:
 };
 
 HostChannel::Running::Running(std::shared_ptr<NETransparentProxyProvider> toServe,
-                              Questions::Sources sources, IsAlive alive)
+                              Questions::Sources sources, IsAlive alive,
+                              PreferencesListener preferencesListener)
     : provider(std::move(toServe)),
       isAlive(std::move(alive)),
+      listener(std::move(preferencesListener)),
       messages(places::messageSocket, makeRuntimeFolder, messageHandler(), {}),
       questions(std::move(sources)),
       follower([this] { follow(); }) {}
@@ -125,7 +129,7 @@ SleepSignal::Listener HostChannel::Running::sleepListener() {
 
 void HostChannel::Running::follow() {
     // What was stored before the watch began.
-    applyPreferences();
+    applyPreferences(listener);
     sd_event* made = nullptr;
     int result = sd_event_new(&made);
     const std::unique_ptr<sd_event, DropEventLoop> loop(made);
@@ -180,20 +184,20 @@ void HostChannel::Running::readPreferencesEvents() {
         return event.name == preferencesName;
     };
     if (batch.mayHaveMissedSome || std::ranges::any_of(batch.events, concernsPreferences))
-        applyPreferences();
+        applyPreferences(listener);
 }
 
 HostChannel::HostChannel() {
     makeFolders();
-    applyPreferences();
+    applyPreferences({});
 }
 
 HostChannel::~HostChannel() { stop(); }
 
 void HostChannel::start(std::shared_ptr<NETransparentProxyProvider> provider,
-                        Questions::Sources sources, IsAlive isAlive) {
-    running =
-        std::make_unique<Running>(std::move(provider), std::move(sources), std::move(isAlive));
+                        Questions::Sources sources, IsAlive isAlive, PreferencesListener listener) {
+    running = std::make_unique<Running>(std::move(provider), std::move(sources), std::move(isAlive),
+                                        std::move(listener));
 }
 
 void HostChannel::sayReady() { tellServiceManager("READY=1"); }

@@ -16,6 +16,7 @@
 #include <functional>
 #include <memory>
 
+#include "Platform/Linux/HostChannel/Preferences.h"
 #include "Platform/Linux/HostChannel/Questions.h"
 #include "Platform/NEProvider.h"
 
@@ -35,8 +36,10 @@ public:
     // threads of its own, answers questions, and gives the service manager the signs of life that it asks
     // for, as long as `isAlive` says so. Holds the provider until `stop`. Called once.
     using IsAlive = std::function<bool()>;
+    // Gets the preferences when the channel starts and whenever they change.
+    using PreferencesListener = std::function<void(const Preferences&)>;
     void start(std::shared_ptr<NETransparentProxyProvider> provider, Questions::Sources sources,
-               IsAlive isAlive);
+               IsAlive isAlive, PreferencesListener listener = {});
 
     // Tells the service manager that the daemon is ready.
     void sayReady();

@@ -110,8 +110,12 @@ std::optional<Preferences> Preferences::load() {
                              failure == nullptr ? "not an object" : failure->description);
         return std::nullopt;
     }
-    return Preferences{protocolIn(member(*object, "protocolConfiguration")), managersIn(*object),
-                       logLevelIn(*object), personalAccountsIn(*object), isRelayWantedIn(*object)};
+    return Preferences{protocolIn(member(*object, "protocolConfiguration")),
+                       managersIn(*object),
+                       logLevelIn(*object),
+                       personalAccountsIn(*object),
+                       isRelayWantedIn(*object),
+                       typedMember<bool>(*object, "directDatagrams").value_or(false)};
 }
 
 std::shared_ptr<const NEVPNProtocol> NETransparentProxyProvider::protocolConfiguration() const {

@@ -24,6 +24,8 @@ struct Preferences {
     // True if "directCarriage" is "relay": then the daemon relays direct connections also where the
     // kernel could carry them.
     bool isRelayWanted = false;
+    // "directDatagrams": those of direct applications go directly too.
+    bool areDatagramsDirect = false;
 
     // What the file holds now. A file that is not there holds nothing; each key is optional, and one
     // of another type counts as absent. Null if the file is there but cannot be read or is no JSON

@@ -147,6 +147,14 @@ std::vector<FlowTuple> ConnectionEntries::removeDatagramsFrom(std::uint16_t port
     return std::move(*all);
 }
 
+void ConnectionEntries::removeDatagramsWith(
+    const std::function<bool(std::uint32_t mark)>& isMeant) {
+    const auto meant = flowsWith(isMeant);
+    if (!meant) return;
+    for (const FlowTuple& flow : *meant)
+        if (flow.protocol == IPPROTO_UDP) remove(flow);
+}
+
 std::optional<std::uint32_t> ConnectionEntries::markOf(const FlowTuple& flow) {
     auto request = requestAbout(flow, CTA_TUPLE_ORIG, IPCTNL_MSG_CT_GET);
     std::uint32_t mark = 0;  // kernels leave out a mark of 0

@@ -38,6 +38,8 @@ public:
     void remove(const FlowTuple& flow);
     // Removes those of all datagrams from a port of this machine, and gives their flows.
     std::vector<FlowTuple> removeDatagramsFrom(std::uint16_t port);
+    // Removes those of all datagrams whose mark is meant.
+    void removeDatagramsWith(const std::function<bool(std::uint32_t mark)>& isMeant);
     bool has(const FlowTuple& flow) { return markOf(flow).has_value(); }
     // None if there is no entry.
     std::optional<std::uint32_t> markOf(const FlowTuple& flow);

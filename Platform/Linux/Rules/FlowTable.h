@@ -38,7 +38,7 @@ namespace platform::interception {
 enum class FlowState : std::uint8_t {
     unseen = 0,             // never offered: not ours, or older than the rules
     declined = 1,           // on the system's own route, not looked at again in this generation
-    claimed = 2,            // redirected to the local listener
+    claimed = 2,            // direct: steered by the kernel, or redirected to the local listener
     watched = 3,            // on the system's own route, its outbound bytes are shown
     claimedAndWatched = 4,  // both
     denied = 5,             // refused, with every packet to come

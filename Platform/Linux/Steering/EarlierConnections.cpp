@@ -73,9 +73,10 @@ std::size_t endSockets(const Tests& tests) {
     return count;
 }
 
-std::size_t endFlows(const std::vector<FlowTuple>& flows) {
+std::size_t endConnections(const std::vector<FlowTuple>& flows) {
     SocketDiagnosis diagnosis;
     return static_cast<std::size_t>(std::ranges::count_if(flows, [&](const FlowTuple& flow) {
+        if (flow.protocol != IPPROTO_TCP) return false;
         const auto socket = diagnosis.find(flow);
         return socket && diagnosis.destroy(flow, socket->cookie);
     }));
@@ -88,7 +89,9 @@ void endEarlierConnections(const Tests& marks, interception::ConnectionEntries& 
     std::size_t count = endSockets(marks);
     const auto flows =
         entries.flowsWith([&](std::uint32_t mark) { return isSteered(mark, marks); });
-    if (flows) count += endFlows(*flows);
+    if (flows) count += endConnections(*flows);
+    // Datagrams may go on, as the rules say.
+    entries.removeDatagramsWith([&](std::uint32_t mark) { return isSteered(mark, marks); });
     if (count > 0)
         platformLog.info("%ld direct connections of an earlier start were ended",
                          static_cast<long>(count));

@@ -120,6 +120,14 @@ public:
         entries->setMark(flow, marks.flag(), marks.flag());
     }
 
+    Way wayBy(const Uplink& uplink, const FlowTuple& flow) const;
+    void forgetDatagrams() {
+        const MutexGuard guard(askingLock);
+        entries->removeDatagramsWith([place = marks.place()](std::uint32_t mark) {
+            return interception::isClaimed(place.stateOf(mark));
+        });
+    }
+
     const SteeringMarks marks;
     const std::unique_ptr<SteeringPrograms> programs;
     const std::unique_ptr<SteeringRoutes> routes;
@@ -177,6 +185,13 @@ private:
                               }};
 };
 
+Way Steering::Work::wayBy(const Uplink& uplink, const FlowTuple& flow) const {
+    if (routes->reaches(uplink, flow.family, flow.destinationAddress))
+        return {Way::Kind::open, uplink.number};
+    const bool hasOther = uplink.reach(otherFamily(flow.family)).isUsable();
+    return {hasOther ? Way::Kind::otherFamilyOnly : Way::Kind::none, 0};
+}
+
 Way Steering::Socket::findWay(const std::string& interfaceName) {
     const auto uplinks = work->uplinks();
     const auto uplink = std::ranges::find(*uplinks, interfaceName, &Uplink::name);
@@ -186,14 +201,13 @@ Way Steering::Socket::findWay(const std::string& interfaceName) {
     }
     // Without room to hear of it there would be no end of it.
     if (!isFollowed(uplink->number)) return {Way::Kind::otherFamilyOnly, 0};
-    if (work->routes->reaches(*uplink, flow.family, flow.destinationAddress)) {
+    const Way way = work->wayBy(*uplink, flow);
+    if (way.kind == Way::Kind::open) {
         const MutexGuard guard(lock);
         interfaceIndex = uplink->interfaceIndex;
         source = *uplink->reach(flow.family).source;
-        return {Way::Kind::open, uplink->number};
     }
-    const bool hasOther = uplink->reach(otherFamily(flow.family)).isUsable();
-    return {hasOther ? Way::Kind::otherFamilyOnly : Way::Kind::none, 0};
+    return way;
 }
 
 bool Steering::Socket::isFollowed(unsigned number) {
@@ -290,6 +304,7 @@ void Steering::Work::takeAway() {
         if (!claim.socket->isEndedInOrder()) claim.socket->destroy();
         leave(claim.socket->cookie);
     }
+    forgetDatagrams();
     table.remove();
 }
 
@@ -347,6 +362,7 @@ void Steering::Work::followNetwork() {
             "up: set net.ipv4.conf.all.src_valid_mark to 1");
     if (!hasNumbers) platformLog.error("There are more physical interfaces than can be used");
     endThoseWithoutNetwork();
+    if (before != known.all()) forgetDatagrams();
 }
 
 void Steering::Work::putTableInForce(bool hasChanged) {
@@ -441,6 +457,24 @@ std::unique_ptr<Steering::Offer> Steering::offer(const HeldPacket& packet, std::
     return std::make_unique<Offer>(work, packet,
                                    std::make_shared<Socket>(work, packet.flow, cookie));
 }
+
+bool Steering::isForDatagrams(const FlowTuple& flow) {
+    constexpr std::uint16_t names = 53;
+    const auto& address = flow.destinationAddress;
+    const bool isNear =
+        flow.family == AF_INET
+            ? address[0] >= 224 || (address[0] == 169 && address[1] == 254)
+            : address[0] == 0xff || (address[0] == 0xfe && (address[1] & 0xc0) == 0x80);
+    return !isNear && flow.destinationPort != names;
+}
+
+Way Steering::wayOfDatagrams(const FlowTuple& flow, const std::string& interfaceName) {
+    const auto uplinks = work->uplinks();
+    const auto uplink = std::ranges::find(*uplinks, interfaceName, &Uplink::name);
+    return uplink == uplinks->end() ? Way() : work->wayBy(*uplink, flow);
+}
+
+void Steering::forgetDatagrams() { work->forgetDatagrams(); }
 
 void Steering::awaitEnds(std::chrono::milliseconds longest) { work->farewells.await(longest); }
 

@@ -42,6 +42,14 @@ public:
     // A flow that is about to be offered to the proxy.
     std::unique_ptr<Offer> offer(const interception::HeldPacket& packet, std::uint64_t cookie);
 
+    // Whether a datagram may be steered at all: not what stays on the link, nor a name look-up, whose
+    // server may be the VPN's alone.
+    static bool isForDatagrams(const FlowTuple& flow);
+    // How the application's datagrams leave by that interface.
+    Way wayOfDatagrams(const FlowTuple& flow, const std::string& interfaceName);
+    // The next datagram of each flow that was steered is the first of a new one.
+    void forgetDatagrams();
+
     // Waits until connections that were ended in order have told their ends, or for so long.
     void awaitEnds(std::chrono::milliseconds longest);
 

@@ -114,10 +114,10 @@ std::string tableText(SteeringMarks marks, const std::vector<Uplink>& uplinks, b
             }
         }
     }
-    const std::string checking = words.isHeldContent() + "drop\n" +
-                                 words.isSteeredBy(unreachableNumber) +
-                                 // The error message itself counts as the connection's, too.
-                                 "meta l4proto tcp reject with icmpx type host-unreachable\n";
+    const std::string checking =
+        words.isHeldContent() + "drop\n" + words.isSteeredBy(unreachableNumber) +
+        // The error message itself counts as the connection's, too.
+        "meta l4proto { tcp, udp } reject with icmpx type host-unreachable\n";
     if (hasFtpHelpers) leaving += words.isSteered() + "jump helping\n";
     const std::string helpers =
         hasFtpHelpers ? ftpHelpers + (std::string(" chain helping {\n") + useOfFtpHelpers + " }\n")
