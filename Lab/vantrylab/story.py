@@ -173,7 +173,8 @@ class Story:
         since = stage.daemon.mark()
         network.physical_down()
         stage.daemon.wait_for("No physical interface found", since)
-        self._connects(stage.courier, "fallback block: closed", verdicts.was_closed)
+        ended = verdicts.was_denied if stage.is_carried_by_kernel() else verdicts.was_closed
+        self._connects(stage.courier, "fallback block: closed", ended)
         self._rule("rules", "fallback", "direct", "allow")
         self._connects(stage.courier, "fallback allow: VPN", verdicts.went_through_tunnel)
         self._show("failures")
