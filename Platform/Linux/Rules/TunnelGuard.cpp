@@ -136,11 +136,13 @@ void appendAccept(std::string& rules, const std::string& match) {
     rules += "  " + match + " accept\n";
 }
 
-std::string rulesText(const Guarded& guarded, MarkPlace place) {
+std::string rulesText(const Guarded& guarded, MarkPlace place, bool knowsIPsec) {
     std::string names;
     for (const auto& name : guarded.interfaces) names += '"' + name + "\", ";
     std::string rules;
     appendAccept(rules, "oifname != { " + names + '}');
+    // By policies, a tunnel's packets are seen here before they are encrypted.
+    if (knowsIPsec) appendAccept(rules, "rt ipsec exists");
     for (std::size_t i = 0; i < families.size(); ++i) {
         const Family& family = families[i];
         const std::string destination = std::string(family.keyword) + " daddr ";
@@ -229,19 +231,25 @@ private:
     }
 
     void putInForce() {
+        bool isDone = install(true);
+        // The kernel may lack IPsec.
+        if (!isDone) isDone = install(false);
+        if (isDone) inForce = guarded;
+        if (std::exchange(wasDone, isDone) && !isDone)
+            platformLog.error(
+                "The kernel cannot keep watched flows in the tunnel when it goes: %{public}s",
+                std::string(nft_ctx_get_error_buffer(rules.get())));
+    }
+
+    bool install(bool knowsIPsec) {
         const std::string table = std::string("table inet ") + guardTableName;
         std::string text = "add " + table + " { flags owner; }\ndelete " + table + '\n';
         if (!guarded.isNothing())
             text += table +
                     " {\n flags owner\n chain leaving {\n"
                     "  type filter hook postrouting priority 0\n" +
-                    rulesText(guarded, place) + " }\n}\n";
-        const bool isDone = nft_run_cmd_from_buffer(rules.get(), text.c_str()) == 0;
-        if (isDone) inForce = guarded;
-        if (std::exchange(wasDone, isDone) && !isDone)
-            platformLog.error(
-                "The kernel cannot keep watched flows in the tunnel when it goes: %{public}s",
-                std::string(nft_ctx_get_error_buffer(rules.get())));
+                    rulesText(guarded, place, knowsIPsec) + " }\n}\n";
+        return nft_run_cmd_from_buffer(rules.get(), text.c_str()) == 0;
     }
 
     const MarkPlace place;
