@@ -9,7 +9,10 @@ namespace platform::interception {
 
 bool DatagramFlows::enter(std::uint64_t cookie, const FlowTuple& flow) {
     const MutexGuard guard(lock);
-    if (isClosed(cookie)) return false;
+    if (isClosed(cookie)) {
+        remindOf({{flow}, false});
+        return false;
+    }
     if (sockets.size() >= mostSockets && !sockets.contains(cookie)) return false;
     auto& [flows, hasMore] = sockets[cookie];
     const SameFlow isSame;
@@ -33,8 +36,12 @@ std::optional<DatagramFlows::Ended> DatagramFlows::end(std::uint64_t cookie) {
     if (found == sockets.end()) return std::nullopt;
     Ended ended = std::move(found->second);
     sockets.erase(found);
-    if (lately.size() < mostLately) lately.push_back(ended);
+    remindOf(ended);
     return ended;
+}
+
+void DatagramFlows::remindOf(Ended ended) {
+    if (lately.size() < mostLately) lately.push_back(std::move(ended));
 }
 
 std::vector<DatagramFlows::Ended> DatagramFlows::endAll() {

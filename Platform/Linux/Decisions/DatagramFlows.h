@@ -6,9 +6,11 @@
 // ----------------+------------------------------+----------------------------------------------
 // open            | entered, and counts          | its flows are ended; ended once more a little later
 // closed, heard   | not entered: counts for this | -
-//                 | packet alone                 |
+//                 | packet alone; what it leaves |
+//                 | is ended a little later      |
 //
-// The second end is for a verdict that was on its way to the kernel when the close came. Any thread; bounded.
+// What is ended later is for a verdict that was on its way to the kernel when the close came, and for one that
+// the kernel can't take for one packet alone. Any thread; bounded.
 #pragma once
 
 #include <cstddef>
@@ -54,6 +56,7 @@ private:
         return closed.contains(cookie) || closedBefore.contains(cookie);
     }
     void noteClosed(std::uint64_t cookie) REQUIRES(lock);
+    void remindOf(Ended ended) REQUIRES(lock);
 
     Mutex lock;
     std::unordered_set<std::uint64_t> closed GUARDED_BY(lock);
