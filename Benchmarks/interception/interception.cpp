@@ -200,7 +200,7 @@ private:
         const FileDescriptor client(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
         const auto remote =
             SocketAddress::fromNumeric(TestNetwork::serverIPv4, discardPort).value();
-        connect(client.get(), &remote.any, remote.length);
+        static_cast<void>(connect(client.get(), &remote.any, remote.length));
         makeClosingAbortive(client);
         ++opened;
     }

@@ -19,7 +19,6 @@
 namespace vantryctl {
 
 using platform::JSONObject;
-using platform::JSONValue;
 using vantryhost::flagUnder;
 using vantryhost::listUnder;
 using vantryhost::numberUnder;
@@ -133,8 +132,7 @@ Outcome<Explained> explained(Inquiry inquiry, bool isDatagram) {
 
 std::string nameOf(const Explained& explained) {
     const auto* process = explained.process();
-    const auto identifier = explained.text("identifier");
-    if (!process) return identifier;
+    if (!process) return explained.text("identifier");
     return fmt::format("{} (process {})", vantryhost::textUnder(*process, "identifier"),
                        numberUnder(*process, "pid"));
 }

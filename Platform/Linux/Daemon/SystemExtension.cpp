@@ -111,37 +111,36 @@ void allowAsManyDescriptorsAsPermitted() {
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// What the host application's questions need of others.
 // A datagram of an application whose connections are direct goes with them.
-JSONObject explainedAsSteered(JSONObject explained, const Providers& providers,
-                              FlowQuestion question) {
+JSONObject explainedWithSteering(const Providers& providers, const FlowQuestion& question) {
     const auto route = [](const JSONObject& answer) {
         const auto found = answer.find("route");
         const auto* text = found == answer.end() ? nullptr : found->second.as<std::string>();
         return text == nullptr ? std::string() : *text;
     };
-    question.isDatagram = false;
-    auto asConnection = providers.explain(*providers.proxy, *providers.filter, question);
-    const bool isSteered = route(explained) == "system" && route(asConnection) == "direct" &&
-                           question.remote.port != "53";
-    return isSteered ? asConnection : explained;
+    auto explained = providers.explain(*providers.proxy, *providers.filter, question);
+    if (!question.isDatagram || question.remote.port == "53" || route(explained) != "system")
+        return explained;
+    auto asConnection = providers.explain(*providers.proxy, *providers.filter,
+                                          {question.metaData, question.remote});
+    return route(asConnection) == "direct" ? asConnection : explained;
 }
 
+// What the host application's questions need of others.
 Questions::Sources answersFrom(const Providers& providers) {
-    return {
-        .explain =
-            [providers](const FlowQuestion& question) {
-                auto explained = providers.explain(*providers.proxy, *providers.filter, question);
+    return {.explain =
+                [providers](const FlowQuestion& question) {
+                    const auto interception = RunningInterception::get();
+                    const bool areDatagramsSteered =
+                        interception && interception->areDatagramsDirect();
+                    return areDatagramsSteered
+                               ? explainedWithSteering(providers, question)
+                               : providers.explain(*providers.proxy, *providers.filter, question);
+                },
+            .ownerOf = [](const FlowTuple& flow) -> std::optional<FlowOwner> {
                 const auto interception = RunningInterception::get();
-                const bool mayBeSteered =
-                    question.isDatagram && interception && interception->areDatagramsDirect();
-                return mayBeSteered ? explainedAsSteered(std::move(explained), providers, question)
-                                    : explained;
-            },
-        .ownerOf = [](const FlowTuple& flow) -> std::optional<FlowOwner> {
-            const auto interception = RunningInterception::get();
-            return interception ? interception->ownerOf(flow) : std::nullopt;
-        }};
+                return interception ? interception->ownerOf(flow) : std::nullopt;
+            }};
 }
 
 // Waits until flows are decided, and says so; then for the signal to end. The status to end with: a start
