@@ -76,6 +76,13 @@ bool has(const Findings& all, Verdict verdict) {
                                [&](const auto& finding) { return finding.verdict == verdict; });
 }
 
+ExitCode conclude(const Findings& all, const Console& console) {
+    if (has(all, Verdict::missing)) return ExitCode::failed;
+    if (geteuid() == 0 || !has(all, Verdict::unknown)) return ExitCode::done;
+    return console.report({ExitCode::notPermitted, "Not everything could be looked at.",
+                           "Run it as root: sudo vantryctl check"});
+}
+
 }  // namespace
 
 ExitCode checkMachine(bool asJSON, const Console& console) {
@@ -87,10 +94,18 @@ ExitCode checkMachine(bool asJSON, const Console& console) {
     } else {
         print(all, console);
     }
-    if (has(all, Verdict::missing)) return ExitCode::failed;
-    if (geteuid() == 0 || !has(all, Verdict::unknown)) return ExitCode::done;
-    return console.report({ExitCode::notPermitted, "Not everything could be looked at.",
-                           "Run it as root: sudo vantryctl check"});
+    return conclude(all, console);
+}
+
+ExitCode checkMachineBriefly(const Console& console) {
+    const auto all = findings();
+    Findings others;
+    std::ranges::copy_if(all, std::back_inserter(others),
+                         [](const auto& finding) { return finding.verdict != Verdict::good; });
+    console.out << "Of what the daemon needs and meets here, "
+                << (others.empty() ? "all is good.\n" : "all is good but:\n");
+    print(others, console);
+    return conclude(all, console);
 }
 
 }  // namespace vantryctl

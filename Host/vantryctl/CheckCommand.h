@@ -10,4 +10,7 @@ namespace vantryctl {
 // look at everything: what was not looked at is not good.
 ExitCode checkMachine(bool asJSON, const Console& console);
 
+// The same, but prints only what is not good, and in a line that all the rest is.
+ExitCode checkMachineBriefly(const Console& console);
+
 }  // namespace vantryctl

@@ -341,6 +341,11 @@ void Commands::addSetup() {
     setup.add_option("--fallback", request.setup.fallback, "While the VPN is down: allow or block")
         ->check(CLI::IsMember({"allow", "block"}))
         ->type_name("");
+    setup
+        .add_option("--datagrams", request.setup.datagrams,
+                    "Whether datagrams of direct applications go directly: on or off")
+        ->check(CLI::IsMember({"on", "off"}))
+        ->type_name("");
     setup.add_option("--tunnel", request.setup.tunnels, "The VPN's interfaces (every tunnel)")
         ->type_name("");
 }

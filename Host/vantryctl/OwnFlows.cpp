@@ -17,6 +17,8 @@
 #include <memory>
 #include <optional>
 
+#include "Host/settings/Documents.h"
+#include "Host/vantryctl/Daemon.h"
 #include "Host/vantryctl/SettingsClient.h"
 #include "Platform/Linux/FileDescriptor.h"
 #include "Platform/Linux/Network/NetworkMonitor.h"
@@ -74,12 +76,29 @@ bool isHeldBack(const StoredSettings& stored, bool isDatagram, const Destination
            (!isDatagram || destination.port == portOfHTTPS);
 }
 
-Expectation expectationFor(Way way, bool isDatagram, const Destination& destination,
+// Whether they are depends on the kernel too, so the daemon is asked.
+bool areDatagramsDirect(const std::string& identifier, const Destination& destination) {
+    const auto answer = askPlatform({{"question", "why"},
+                                     {"identifier", identifier},
+                                     {"protocol", "udp"},
+                                     {"host", destination.host},
+                                     {"port", std::int64_t{destination.port}}});
+    const auto* document = std::get_if<platform::JSONObject>(&answer);
+    const auto* explanation =
+        document ? vantryhost::objectUnder(*document, "explanation") : nullptr;
+    return explanation && vantryhost::textUnder(*explanation, "route") == "direct";
+}
+
+Expectation expectationFor(const OwnFlow& flow, const std::string& identifier,
                            const StoredSettings& stored) {
+    const auto way = flow.way;
+    const bool isDatagram = flow.isDatagram;
+    const auto& destination = flow.to;
     if (way == Way::blocked) return {Leaves::notAtAll, "", ""};
     if (way == Way::vpn && isHeldBack(stored, isDatagram, destination))
         return {Leaves::notAtAll, "", ""};
-    if (way == Way::vpn || isDatagram) return bySystemsRoute(destination);
+    if (way == Way::vpn || (isDatagram && !areDatagramsDirect(identifier, destination)))
+        return bySystemsRoute(destination);
     if (hasPhysicalWay(destination)) return {Leaves::directly, "", ""};
     return {Leaves::unknown, "", "no physical interface leads there"};
 }
@@ -210,13 +229,12 @@ std::vector<OwnFlow> flowsBy(Way way, const std::vector<Destination>& destinatio
     Attempt attempt(way, destinations, command);
     watch(attempt, around);
     const bool hasRun = attempt.finish();
+    const auto& stored = std::get<StoredSettings>(loaded);
+    for (auto& flow : attempt.flows)
+        judge(flow, expectationFor(flow, command.identifier, stored), around.departures.tunnels());
     const auto ended = endRuleOf(command);
     if (const auto* failure = failureOf(ended)) return notTried(way, destinations, failure->what);
     if (!hasRun) return notTried(way, destinations, "the flows could not be made");
-    const auto& stored = std::get<StoredSettings>(loaded);
-    for (auto& flow : attempt.flows)
-        judge(flow, expectationFor(way, flow.isDatagram, flow.to, stored),
-              around.departures.tunnels());
     return std::move(attempt.flows);
 }
 

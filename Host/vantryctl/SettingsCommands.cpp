@@ -75,6 +75,22 @@ std::string difference(const Settings& before, const Settings& after) {
     return text;
 }
 
+std::string vpnText(const vantryhost::TunnelChoice& tunnel) {
+    if (!tunnel.isFollowed) return "by hand";
+    return tunnel.interfaces.empty() ? "any tunnel"
+                                     : fmt::format("{}", fmt::join(tunnel.interfaces, " "));
+}
+
+std::string difference(const Choices& before, const Choices& after) {
+    auto text = difference(before.settings, after.settings);
+    compareWords(text, "vpn", vpnText(before.tunnel), vpnText(after.tunnel));
+    const auto word = [](bool isOn) { return std::string(isOn ? "on" : "off"); };
+    compareWords(text, "datagrams direct", word(before.areDatagramsDirect),
+                 word(after.areDatagramsDirect));
+    compareWords(text, "rules", word(!before.isOff), word(!after.isOff));
+    return text;
+}
+
 Outcome<Settings> settingsInFile(const std::string& path) {
     std::ifstream file(path);
     if (!file)
@@ -143,7 +159,7 @@ ExitCode undo(const Console& console) {
     const auto status = finish(outcome, console, "The newest change is taken back:",
                                "The newest change is taken back; nothing that is shown differs.");
     if (const auto* change = std::get_if<Change>(&outcome))
-        console.out << difference(change->before.settings, change->after.settings);
+        console.out << difference(change->before, change->after);
     return status;
 }
 

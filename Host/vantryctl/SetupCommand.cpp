@@ -101,6 +101,13 @@ Outcome<SetupOptions> completed(SetupOptions options, const std::vector<std::str
                     "Which applications go {}? Names with blanks between them; none is fine.",
                     *answer == "vpn" ? "directly" : "over the VPN"),
                 console);
+        if (options.datagrams.empty())
+            options.datagrams =
+                answerTo(
+                    "Are datagrams (HTTP/3, calls, games) of direct applications to go over "
+                    "the system's own route (off), or directly too (on)?",
+                    "off", "on", console)
+                    .value_or("");
     }
     if (options.fallback.empty()) {
         const auto answer = answerTo(
@@ -134,6 +141,7 @@ Outcome<Change> store(const SetupOptions& options, const NamedApplications& exce
         const auto before = choices;
         choices.settings.defaultAction = options.defaultRoute;
         choices.settings.vpnFallback = options.fallback;
+        if (!options.datagrams.empty()) choices.areDatagramsDirect = options.datagrams == "on";
         if (!options.tunnels.empty()) choices.tunnel = {true, options.tunnels};
         for (const auto& application : exceptions.identifiers) {
             choices.settings.rules[application] = other;
@@ -162,8 +170,10 @@ std::optional<Failure> putInForce(const SetupOptions& answers, const Console& co
     console.out << '\n';
     run({"rules"}, console);
     console.out << wrapped(
-        "What goes directly are TCP connections; datagrams (calls, HTTP/3, name look-ups) stay on "
-        "the system's own route, and there is no choice about that.",
+        std::get<Change>(change).after.areDatagramsDirect
+            ? "What goes directly are TCP connections and datagrams, but for name look-ups."
+            : "What goes directly are TCP connections; datagrams stay on the system's own route "
+              "(vantryctl rules datagrams direct on).",
         0, console.width);
     return std::nullopt;
 }
@@ -180,7 +190,7 @@ ExitCode seeThatItHolds(const Console& console) {
 }  // namespace
 
 ExitCode setUp(const SetupOptions& options, const Console& console) {
-    const auto checked = checkMachine(false, console);
+    const auto checked = checkMachineBriefly(console);
     if (checked != ExitCode::done)
         console.note("What is missing above keeps some of this from working.");
     const auto tunnels = tunnelsThatAreUp();

@@ -14,8 +14,9 @@ namespace vantryctl {
 struct SetupOptions {
     std::string defaultRoute;             // "vpn" or "direct"; empty: to be asked
     std::vector<std::string> exceptions;  // the applications that go the other way
-    std::string fallback;                 // "allow" or "block"; empty: to be asked
-    std::vector<std::string> tunnels;     // the interfaces that are the VPN; empty: every tunnel
+    std::string datagrams;  // "on" or "off": whether direct ones go directly; empty: as is
+    std::string fallback;   // "allow" or "block"; empty: to be asked
+    std::vector<std::string> tunnels;  // the interfaces that are the VPN; empty: every tunnel
 };
 
 ExitCode setUp(const SetupOptions& options, const Console& console);

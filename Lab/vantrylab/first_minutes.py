@@ -14,7 +14,7 @@ README = "README.md"
 PICTURE = "docs/top.svg"
 _BEGIN, _END = "<!-- made by Lab/first-ten-minutes -->", "<!-- end of what it made -->"
 _PROMPT = "#"
-_FINDING = re.compile(r"^(good|warning|unknown|MISSING) |^         ")
+_FINDING = re.compile(r"^(Of what the daemon|warning|unknown|MISSING) |^         ")
 
 _ALICE = """
 Alice works over a VPN. All of it is to go on that way but the uploads of one program, and nothing of what has a rule
@@ -32,7 +32,8 @@ def play(made: dict[str, applications.Application]) -> tuple[str, str]:
     try:
         alice = _Person(shell)
         alice.dialogue("vantryctl setup", ("only some (direct)? [vpn/direct]", "vpn"),
-                       ("none is fine.", "com.example.courier"), ("or not (block)? [allow/block]", "block"))
+                       ("none is fine.", "com.example.courier"),
+                       ("or directly too (on)? [off/on]", "off"), ("or not (block)? [allow/block]", "block"))
         alice.commands("vantryctl why com.example.courier")
         uploads = [made["courier"].start("upload", network.server_ipv4(201), 8080, "--duration", 60, "--pace", 0.01)]
         uploads[0].report()

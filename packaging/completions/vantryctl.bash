@@ -33,7 +33,7 @@ _vantryctl() {
         "rules show" | status | apps | check) offer="--json --help" ;;
         run) offer="--direct --vpn --block --for --help"; compopt -o default ;;
         verify) offer="--for --to --only-look --json --help" ;;
-        setup) offer="--default --except --fallback --tunnel --help" ;;
+        setup) offer="--default --except --datagrams --fallback --tunnel --help" ;;
         report) offer="--plain --help" ;;
         vpn) offer="follow up down" ;;
         why) offer="--last --udp --json --help"; _vantryctl_names seen "$current"; compopt -o default ;;
