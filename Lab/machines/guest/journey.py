@@ -85,13 +85,8 @@ class Journey:
         shell = ["sh", "-c", command.removeprefix("sudo ")]
         if _ENDLESS in line:
             shell, verdicts = ["timeout", "3", *shell], (124,)
-        status, said = on_a_screen(shell if command.startswith("sudo ") else as_person(*shell), _TYPED.get(line))
+        status, said = on_a_screen(shell if command.startswith("sudo ") else as_person(*shell), _TYPED.get(line.removeprefix("sudo ")))
         self.checks.check(f"a person: {line}", status in verdicts, f"status {status}: {said}")
-
-    def succeeds(self, what: str, *words: str) -> None:
-        result = subprocess.run(words, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                                text=True, cwd="/")
-        self.checks.check(what, result.returncode == 0, f"status {result.returncode}: {result.stdout.strip()}")
 
     # Chapters
 
@@ -105,10 +100,10 @@ class Journey:
         before.stop()
         for name in ("courier", "fetch"):
             self.goes(f"{name} goes as it did", self.programs[name], "uplink")
-        first_steps = re.findall(r"^  sudo (vantryctl .*?)(?:  |$)", told, re.MULTILINE)
-        self.checks.equal("the installation names commands to begin with", len(first_steps), 3)
+        first_steps = re.findall(r"^  (sudo vantryctl .*?)(?:  |$)", told, re.MULTILINE)
+        self.checks.check("the installation names commands to begin with", len(first_steps) > 2, told)
         for line in first_steps:
-            self.succeeds(f"as the installation says: {line}", "sh", "-c", self._filled(line))
+            self.works_as_printed(line)
         run("usermod", "--append", "--groups", "vantry", "person")
         run("loginctl", "enable-linger", "person")
         for line in printed_commands():
