@@ -206,9 +206,11 @@ ExitCode setRule(const std::vector<std::string>& words, const std::string& route
         if (route == "direct")
             say(console,
                 "New TCP connections leave over the physical interface, beside the VPN; open ones "
-                "end at their next data, and the application connects again. Its UDP (name "
-                "look-ups, "
-                "calls, HTTP/3) stays on the system's own route.");
+                "end at their next data, and the application connects again. " +
+                    std::string(done.after.areDatagramsDirect
+                                    ? "Its UDP goes with them, but for name look-ups."
+                                    : "Its UDP (name look-ups, calls, HTTP/3) stays on the "
+                                      "system's own route."));
         else
             say(console,
                 "Open direct connections end; new ones take the system's own route, the VPN while "
