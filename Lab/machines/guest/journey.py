@@ -27,8 +27,8 @@ PREFERENCES = pathlib.Path("/var/lib/org.quillmere.Vantry/preferences.json")
 BEFORE = pathlib.Path("/root/before.json")
 # Where others than the package write: apt, journal, service manager, and this journey.
 _WRITTEN_ANYWAY = ("/root", "/home", "/srv", "/var/log", "/var/cache", "/var/tmp", "/var/lib/apt", "/var/lib/dpkg",
-                   "/var/lib/systemd", "/var/lib/containers", "/var/lib/flatpak", "/etc/systemd/journald.conf.d", "/run/*",
-                   "/tmp/vantry-*", "/tmp/systemd-private-*", "/tmp/.mount_*", "/dev", "/proc", "/sys")
+                   "/var/lib/systemd", "/var/lib/containers", "/var/lib/flatpak", "/etc/systemd/journald.conf.d",
+                   "/run/*", "/tmp/vantry-*", "/tmp/systemd-private-*", "/tmp/.mount_*", "/dev", "/proc", "/sys")
 
 
 # What a person sees and types on a screen; what goes on until it is stopped, and what else than 0 says no fault.
@@ -85,7 +85,8 @@ class Journey:
         shell = ["sh", "-c", command.removeprefix("sudo ")]
         if _ENDLESS in line:
             shell, verdicts = ["timeout", "3", *shell], (124,)
-        status, said = on_a_screen(shell if command.startswith("sudo ") else as_person(*shell), _TYPED.get(line.removeprefix("sudo ")))
+        status, said = on_a_screen(shell if command.startswith("sudo ") else as_person(*shell),
+                                   _TYPED.get(line.removeprefix("sudo ")))
         self.checks.check(f"a person: {line}", status in verdicts, f"status {status}: {said}")
 
     # Chapters
@@ -166,7 +167,8 @@ class Journey:
         base = ["podman", "run", "--rm", "--security-opt=label=disable", "--user=1000"]
         for kind, wanted in (("host", "denied"), ("bridge", "passes")):
             place = Place()
-            told = run(*base, f"--network={kind}", "--rootfs", "/:O", *command, place.address, "80", check=False, seconds=120)
+            told = run(*base, f"--network={kind}", "--rootfs", "/:O", *command, place.address, "80", check=False,
+                       seconds=120)
             seen = "passes" if place.seen() else "denied" if '"error"' in told else told.strip()[-300:]
             self.checks.equal(f"podman, network {kind}: a blocked program", seen, wanted)
         run("vantryctl", "rules", "unblock", self.programs["fetch"].identifier)
@@ -178,11 +180,14 @@ class Journey:
         """A program that lies on the person's own FUSE mount, where not even root may look."""
         folder, mount = pathlib.Path("/home/person/postbox"), pathlib.Path("/tmp/.mount_Postbox")
         program = applications.make_ordinary(folder / "usr/bin/postbox", owner=world.PERSON)
-        run("mksquashfs", str(folder), "/home/person/Postbox.AppImage", "-noappend", "-quiet")
+        run("mksquashfs", str(folder), "/home/person/postbox.squashfs", "-noappend", "-quiet")
+        # An AppImage mounts itself: the program that serves the mount is the image, and called as it is.
+        runtime = "/home/person/Postbox.AppImage"
+        run("install", "--owner=person", "/usr/bin/squashfuse", runtime)
         run(*as_person("mkdir", "-p", str(mount)))
-        run(*as_person("squashfuse", "/home/person/Postbox.AppImage", str(mount)))
+        run(*as_person(runtime, "/home/person/postbox.squashfs", str(mount)))
         try:
-            self._named_and_blocked(dataclasses.replace(program, path=mount / "usr/bin/postbox").start)
+            self._named_and_blocked(dataclasses.replace(program, path=mount / "usr/bin/postbox").start, runtime)
         finally:
             run(*as_person("fusermount3", "-u", str(mount)), check=False)
 
