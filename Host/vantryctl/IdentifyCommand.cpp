@@ -64,7 +64,9 @@ Identity identityOf(const Process& process) {
             return {process.signingIdentifier, "It runs from a bundle with this identifier."};
         case ProcessKind::installedApplication:
             return {process.signingIdentifier,
-                    "It is an installed application of this name, however it was started."};
+                    process.signingIdentifier.starts_with('/')
+                        ? "It runs from an AppImage, whose path this is, dots written as -."
+                        : "It is an installed application of this name, however it was started."};
         case ProcessKind::desktopApplication:
             return {process.signingIdentifier,
                     "It belongs to a desktop application of this name, as "

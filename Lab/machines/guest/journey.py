@@ -187,7 +187,8 @@ class Journey:
         run(*as_person("mkdir", "-p", str(mount)))
         run(*as_person(runtime, "/home/person/postbox.squashfs", str(mount)))
         try:
-            self._named_and_blocked(dataclasses.replace(program, path=mount / "usr/bin/postbox").start, runtime)
+            self._named_and_blocked(dataclasses.replace(program, path=mount / "usr/bin/postbox").start,
+                                    runtime.replace(".", "-"))
         finally:
             run(*as_person("fusermount3", "-u", str(mount)), check=False)
 
