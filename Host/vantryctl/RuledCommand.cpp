@@ -11,6 +11,7 @@
 #include <cctype>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
@@ -44,6 +45,13 @@ Group groupFor(const std::string& program, CommandKind kind) {
 }
 
 bool hasServiceManager() { return access("/run/systemd/system", F_OK) == 0; }
+
+// A person's own service manager, which their sessions share.
+bool hasOwnServiceManager() {
+    const char* folder = std::getenv("XDG_RUNTIME_DIR");
+    if (folder == nullptr) return std::getenv("DBUS_SESSION_BUS_ADDRESS") != nullptr;
+    return access(fmt::format("{}/systemd/private", folder).c_str(), F_OK) == 0;
+}
 
 bool isGroupTree() {
     struct statfs status {};
@@ -115,6 +123,11 @@ Outcome<RuledCommand> startUnderRule(const std::vector<std::string>& words, Comm
     if (!isManaged && command.groupPath.empty())
         return Failure{ExitCode::failed, "No control group can be made for the command.",
                        "It takes systemd, or root and control groups of version 2."};
+    if (isManaged && geteuid() != 0 && !hasOwnServiceManager())
+        return Failure{ExitCode::failed,
+                       "A command under a rule of its own needs your own service manager, and none "
+                       "runs in this session.",
+                       "Log in as yourself (not by su), or use sudo."};
     const auto given = giveRule(group.identifier, way, time);
     if (const auto* failure = failureOf(given)) {
         if (!command.groupPath.empty()) rmdir(command.groupPath.c_str());

@@ -24,12 +24,14 @@ using vantryhost::Settings;
 namespace {
 
 // The settings without what is only of the moment: what ends by itself, a trial, the VPN's state.
-JSONObject lastingDocument(Choices choices) {
-    choices.trial.reset();
+Settings lastingSettings(Choices choices) {
     choices.endTemporaryRules(std::numeric_limits<vantryhost::SecondsSince1970>::max());
-    choices.tunnel = {};
+    return std::move(choices.settings);
+}
+
+JSONObject lastingDocument(const Choices& choices) {
     JSONObject document;
-    choices.settings.writeInto(document);
+    lastingSettings(choices).writeInto(document);
     JSONObject lasting;
     for (auto& [key, value] : document)
         if (key != "vpnConnected") lasting[key] = std::move(value);
@@ -177,7 +179,7 @@ ExitCode importSettings(const ImportOptions& options, const Console& console) {
     const auto loaded = loadSettings();
     if (const auto* failure = failureOf(loaded)) return console.report(*failure);
     auto& wanted = std::get<Settings>(read);
-    const auto text = difference(std::get<StoredSettings>(loaded).choices.settings, wanted);
+    const auto text = difference(lastingSettings(std::get<StoredSettings>(loaded).choices), wanted);
     if (text.empty()) {
         console.out << "Nothing to change.\n";
         return ExitCode::done;

@@ -363,6 +363,8 @@ TEST_F(RuleCommands, SettingsTravelAsADocument) {
     EXPECT_EQ(shown.out, "+ rule a: direct\n- fallback vpn: block\n+ fallback vpn: allow\n");
     EXPECT_EQ(runTool("import --yes /run/settings.json").exitCode, 0);
     EXPECT_EQ(runTool("export").out, exported.out);
+    ASSERT_EQ(runTool("rules block a --for 1h").exitCode, 0);
+    EXPECT_EQ(runTool("import --yes /run/settings.json").out, "Nothing to change.\n");
 }
 
 }  // namespace
