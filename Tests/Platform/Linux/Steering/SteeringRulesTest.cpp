@@ -63,7 +63,7 @@ TEST_F(SteeringRules, ClaimedConnectionLeavesByItsInterfaceBesideWhatVpnsAndFire
     runCommand(
         "nft 'table inet vpn { chain raw { type filter hook prerouting priority raw; "
         "iifname != vpn0 ip daddr 10.8.0.2 fib saddr type != local drop; }; "
-        "chain out { type filter hook output priority 0; meta l4proto != ipv6-icmp oifname != { "
+        "chain out { type filter hook output priority 0; meta l4proto != icmpv6 oifname != { "
         "lo, vpn0 } reject; }; "
         "chain past { type filter hook postrouting priority 300; oifname vpn0 tcp dport 7007 drop; "
         "}; }'");
