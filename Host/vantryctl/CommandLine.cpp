@@ -361,7 +361,7 @@ void Commands::addCompletion() {
     CLI::App& knocking =
         add(app, "knock", "Send what verify looks for", [this] { return knock(request.words); });
     knocking.group("");
-    knocking.add_option("HOST PORT", request.words)->required();
+    knocking.add_option("DESTINATION", request.words)->required();
 }
 
 }  // namespace
