@@ -210,6 +210,7 @@ Result<> Interception::carryOut(const Change& change) {
     const bool isOfferedAgain = !keepsAllRules(before->proxyRules, wanted.proxyRules) ||
                                 before->areDatagramsDirect != wanted.areDatagramsDirect;
     needsFlush |= path.isInstalled() && !wanted.proxyRules.empty() && isOfferedAgain;
+    wereDatagramsDirect |= before->areDatagramsDirect;
     if (auto put = path.offer(protocolsOf(wanted), before->generation); !put) return put;
     decisions.setOffers(wanted);
     if (!needsFlush) return {};
@@ -217,8 +218,8 @@ Result<> Interception::carryOut(const Change& change) {
     ++wanted.generation;
     if (auto flushed = path.offerAgain(wanted.generation); !flushed) return flushed;
     decisions.setOffers(wanted);
-    if (before->areDatagramsDirect) decisions.offerSteeredDatagramsAgain();
-    needsFlush = false;
+    if (wereDatagramsDirect) decisions.offerSteeredDatagramsAgain();
+    needsFlush = wereDatagramsDirect = false;
     return {};
 }
 

@@ -110,6 +110,7 @@ private:
 
     // For the thread alone.
     bool needsFlush = false;
+    bool wereDatagramsDirect = false;  // when the flush became needed, or later
     unsigned triesInVain = 0;
     Clock::time_point nextTry;
     Clock::time_point nextHousekeeping;

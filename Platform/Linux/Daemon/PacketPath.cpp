@@ -120,8 +120,7 @@ Result<> PacketPath::chooseCarrier() {
     if (isNews && !isDirect)
         platformLog.info(
             "This kernel takes no verdict to a connection by itself (NETFILTER_NETLINK_GLUE_CT is "
-            "not "
-            "built in): the packet's priority carries it to a rule that does");
+            "not built in): the packet's priority carries it to a rule that does");
     return {};
 }
 

@@ -131,8 +131,7 @@ FlowDecisions::FlowDecisions(Providers toAsk, Result<std::unique_ptr<ClosedSocke
     heardCloses.set("not told: " + closes.error().text());
     platformLog.error(
         "The kernel does not tell when datagram sockets are closed: %{public}s. For half a minute "
-        "the "
-        "next program on a port is treated as the one before",
+        "the next program on a port is treated as the one before",
         closes.error().text());
 }
 
