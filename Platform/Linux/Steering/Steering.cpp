@@ -188,6 +188,8 @@ private:
 Way Steering::Work::wayBy(const Uplink& uplink, const FlowTuple& flow) const {
     if (routes->reaches(uplink, flow.family, flow.destinationAddress))
         return {Way::Kind::open, uplink.number};
+    // Somebody has just changed rules or routes, and ours are on their way: the packet comes again.
+    if (uplink.reach(flow.family).isUsable()) return {Way::Kind::none, 0};
     const bool hasOther = uplink.reach(otherFamily(flow.family)).isUsable();
     return {hasOther ? Way::Kind::otherFamilyOnly : Way::Kind::none, 0};
 }
