@@ -153,6 +153,9 @@ void PacketPath::startSteering() {
 void PacketPath::startWorkers() {
     workers = std::make_unique<PacketWorkers>(
         *queue, [this](const HeldPacket& packet) { return decisions.verdictOn(packet); },
+        [this](const FlowTuple& flow, const PacketVerdict& verdict) {
+            decisions.verdictWasGiven(flow, verdict);
+        },
         [this](const PacketWorkers::Excess& excess) { reportExcess(excess); }, limits);
     startedWorkers = workers.get();
 }

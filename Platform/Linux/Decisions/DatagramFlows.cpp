@@ -9,10 +9,7 @@ namespace platform::interception {
 
 bool DatagramFlows::enter(std::uint64_t cookie, const FlowTuple& flow) {
     const MutexGuard guard(lock);
-    if (isClosed(cookie)) {
-        remindOf({{flow}, false});
-        return false;
-    }
+    if (isClosed(cookie)) return false;
     if (sockets.size() >= mostSockets && !sockets.contains(cookie)) return false;
     auto& [flows, hasMore] = sockets[cookie];
     const SameFlow isSame;
@@ -36,12 +33,7 @@ std::optional<DatagramFlows::Ended> DatagramFlows::end(std::uint64_t cookie) {
     if (found == sockets.end()) return std::nullopt;
     Ended ended = std::move(found->second);
     sockets.erase(found);
-    remindOf(ended);
     return ended;
-}
-
-void DatagramFlows::remindOf(Ended ended) {
-    if (lately.size() < mostLately) lately.push_back(std::move(ended));
 }
 
 std::vector<DatagramFlows::Ended> DatagramFlows::endAll() {
@@ -53,9 +45,10 @@ std::vector<DatagramFlows::Ended> DatagramFlows::endAll() {
     return all;
 }
 
-std::vector<DatagramFlows::Ended> DatagramFlows::endedLately() {
+bool DatagramFlows::isEnded(std::uint64_t cookie) {
     const MutexGuard guard(lock);
-    return std::exchange(lately, {});
+    const bool hasRoom = sockets.size() < mostSockets;
+    return isClosed(cookie) || (hasRoom && !sockets.contains(cookie));
 }
 
 }  // namespace platform::interception

@@ -2,15 +2,15 @@
 // socket: for half a minute and more the next socket on the port would be taken for it. So a flow
 // is entered here before its verdict counts, and what is entered is forgotten everywhere when its socket is closed.
 //
-// socket is       | a verdict on its flow        | its close is heard of
-// ----------------+------------------------------+----------------------------------------------
-// open            | entered, and counts          | its flows are ended; ended once more a little later
-// closed, heard   | not entered: counts for this | -
-//                 | packet alone; what it leaves |
-//                 | is ended a little later      |
+// socket is       | a verdict on its flow        | the verdict has reached  | its close is heard of
+//                 | is found                     | the kernel               |
+// ----------------+------------------------------+--------------------------+------------------------
+// open            | entered, and counts          | -                        | its flows are ended
+// closed, heard   | not entered: counts for this | the flow is ended: its   | -
+//                 | packet alone                 | entry came after the     |
+//                 |                              | close                    |
 //
-// What is ended later is for a verdict that was on its way to the kernel when the close came, and for one that
-// the kernel can't take for one packet alone. Any thread; bounded.
+// Any thread; bounded.
 #pragma once
 
 #include <cstddef>
@@ -41,13 +41,12 @@ public:
     std::optional<Ended> end(std::uint64_t cookie);
     // Any socket may be closed: all are to be ended.
     std::vector<Ended> endAll();
-    // What has been ended since the last call, to be ended once more.
-    std::vector<Ended> endedLately();
+    // Whether what a verdict on the socket's flow has left in the kernel is to be ended.
+    bool isEnded(std::uint64_t cookie);
 
 private:
     static constexpr std::size_t mostSockets = 65536;
     static constexpr std::size_t mostFlowsOfSocket = 16;
-    static constexpr std::size_t mostLately = 4096;
 
     // Packets of a closed socket wait for a few seconds at most.
     static constexpr std::size_t closedSockets = 8192;
@@ -56,13 +55,11 @@ private:
         return closed.contains(cookie) || closedBefore.contains(cookie);
     }
     void noteClosed(std::uint64_t cookie) REQUIRES(lock);
-    void remindOf(Ended ended) REQUIRES(lock);
 
     Mutex lock;
     std::unordered_set<std::uint64_t> closed GUARDED_BY(lock);
     std::unordered_set<std::uint64_t> closedBefore GUARDED_BY(lock);
     std::unordered_map<std::uint64_t, Ended> sockets GUARDED_BY(lock);
-    std::vector<Ended> lately GUARDED_BY(lock);
 };
 
 }  // namespace platform::interception

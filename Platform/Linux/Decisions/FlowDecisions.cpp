@@ -173,11 +173,19 @@ PacketVerdict FlowDecisions::verdictOn(const HeldPacket& packet) {
         const bool isData = packet.purpose == PacketPurpose::watchedData;
         const Verdict verdict = isData ? verdictOnData(occasion) : verdictOnFlow(occasion);
         const bool isSteered = isDatagram(packet) && isClaimed(verdict.state);
-        if (!isSteered) return packetVerdict(occasion, verdict);
-        if (tries == mostTries || isCurrent(occasion, verdict))
-            return steeredDatagram(occasion, verdict);
-        recent.forget(packet.flow);
+        if (isSteered && tries < mostTries && !isCurrent(occasion, verdict)) {
+            recent.forget(packet.flow);
+            continue;
+        }
+        PacketVerdict given =
+            isSteered ? steeredDatagram(occasion, verdict) : packetVerdict(occasion, verdict);
+        if (isDatagram(packet) && closedSockets) given.datagramSocket = verdict.cookie;
+        return given;
     }
+}
+
+void FlowDecisions::verdictWasGiven(const FlowTuple& flow, const PacketVerdict& verdict) {
+    if (verdict.datagramSocket != 0 && datagrams.isEnded(verdict.datagramSocket)) endFlow(flow);
 }
 
 // False for a verdict that a change of the rules has overtaken.
@@ -556,7 +564,6 @@ void FlowDecisions::endFlow(const FlowTuple& flow) {
 
 void FlowDecisions::keepHouse() {
     constexpr std::chrono::seconds idleFor{30};
-    for (const auto& ended : datagrams.endedLately()) endFlows(ended);
     claims.failOverdue();
     aliases->renew();
     attribution.keepHouse();

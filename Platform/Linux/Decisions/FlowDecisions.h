@@ -60,6 +60,8 @@ public:
     void steerBy(std::shared_ptr<steering::Steering> carrier);
 
     PacketVerdict verdictOn(const HeldPacket& packet);
+    // The kernel has it. The flow's socket may have been closed meanwhile, before there was an entry to end.
+    void verdictWasGiven(const FlowTuple& flow, const PacketVerdict& verdict);
 
     // Whose socket it is. For questions, not on a packet's way.
     std::optional<FlowOwner> ownerOf(const FlowTuple& flow) { return attribution.ownerOf(flow); }

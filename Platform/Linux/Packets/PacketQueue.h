@@ -27,6 +27,7 @@ struct PacketVerdict {
     // The byte that its connection's mark gets; nothing: that stays as it is.
     std::optional<std::uint8_t> connectionByte;
     bool isDropped = false;
+    std::uint64_t datagramSocket = 0;  // the cookie of a datagram's socket, if its end is watched
 
     // Of a packet that goes on and leaves its connection as it is.
     static PacketVerdict pass(const HeldPacket& packet) {

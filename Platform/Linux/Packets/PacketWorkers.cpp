@@ -18,12 +18,13 @@ constexpr std::size_t packetsInOneGo = 16;
 constexpr int readsUntilEmpty = 2048;
 }  // namespace
 
-PacketWorkers::PacketWorkers(PacketQueue& packetQueue, Decide decision, Report reportExcess,
-                             Limits workLimits)
+PacketWorkers::PacketWorkers(PacketQueue& packetQueue, Decide decision, Given verdictGiven,
+                             Report reportExcess, Limits workLimits)
     : queue(packetQueue),
       events(epoll_create1(EPOLL_CLOEXEC)),
       help(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       decide(std::move(decision)),
+      given(std::move(verdictGiven)),
       report(std::move(reportExcess)),
       limits(workLimits),
       flows(workLimits.ofAccount),
@@ -143,6 +144,7 @@ void PacketWorkers::decideOn(WaitingFlows::Flow& flow, std::size_t count) {
     if (verdicts.empty()) return;
     lock.unlock();
     queue.release(verdicts);
+    for (const PacketVerdict& verdict : verdicts) given(flow.tuple, verdict);
     lock.lock();
 }
 

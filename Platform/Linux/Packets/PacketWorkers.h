@@ -5,8 +5,8 @@
 // up no other, and a flood from one account none of another's. A watchdog passes packets that have waited
 // too long, whatever the workers do, and knows whether verdicts move.
 //
-// `decide` is called on any of the threads, for one packet of a flow at a time. Everything else is
-// for the owner.
+// `decide` is called on any of the threads, for one packet of a flow at a time, and `given` when the kernel
+// has the verdict. Everything else is for the owner.
 #pragma once
 
 #include <atomic>
@@ -28,6 +28,7 @@ namespace platform::interception {
 class PacketWorkers {
 public:
     using Decide = std::function<PacketVerdict(const HeldPacket&)>;
+    using Given = std::function<void(const FlowTuple&, const PacketVerdict&)>;
     // Told how many packets could not wait for a verdict: passed by the watchdog, or dropped as more of
     // their account's than it may have waiting. Must not wait.
     struct Excess {
@@ -46,8 +47,8 @@ public:
         std::chrono::milliseconds patience{5000};
     };
 
-    PacketWorkers(PacketQueue& packetQueue, Decide decision, Report reportExcess,
-                  Limits workLimits);
+    PacketWorkers(PacketQueue& packetQueue, Decide decision, Given verdictGiven,
+                  Report reportExcess, Limits workLimits);
     // Passes every held packet and waits for decisions that are under way.
     ~PacketWorkers();
     PacketWorkers(const PacketWorkers&) = delete;
@@ -78,6 +79,7 @@ private:
     const FileDescriptor events;
     const FileDescriptor help;
     const Decide decide;
+    const Given given;
     const Report report;
     const Limits limits;
 
