@@ -9,6 +9,7 @@ inline constexpr const char* notificationsFolder = "/run/org.quillmere.Vantry/no
 inline constexpr const char* messageSocket = "/run/org.quillmere.Vantry/provider.sock";
 inline constexpr const char* questionSocket = "/run/org.quillmere.Vantry/questions.sock";
 inline constexpr const char* storedRoutesFile = "/run/org.quillmere.Vantry/routes";
+inline constexpr const char* strictFilterFile = "/run/org.quillmere.Vantry/strict-filter";
 inline constexpr const char* preferencesFolder = "/var/lib/org.quillmere.Vantry";
 inline constexpr const char* preferencesFile = "/var/lib/org.quillmere.Vantry/preferences.json";
 inline constexpr const char* groupContainer = "/var/lib/group.org.quillmere.Vantry";

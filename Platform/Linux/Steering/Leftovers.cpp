@@ -4,6 +4,7 @@
 #include "Platform/Linux/Steering/EarlierConnections.h"
 #include "Platform/Linux/Steering/SteeringRoutes.h"
 #include "Platform/Linux/Steering/SteeringTable.h"
+#include "Platform/Linux/Steering/StrictFilter.h"
 
 namespace platform::steering {
 
@@ -14,6 +15,10 @@ Result<> removeLeftovers() {
     if (!routes) return routes.error();
     const auto entries = interception::ConnectionEntries::open();
     if (!entries) return entries.error();
+    {
+        // Takes over what was changed, and takes it back.
+        const StrictFilter filter;
+    }
     endEarlierConnections((*routes)->marksInRules(), **entries);
     SteeringTable(marks).remove();
     return (*routes)->update({}, {});

@@ -1,6 +1,7 @@
 // What a process that was killed leaves for direct connections: routing rules and tables, packet rules,
-// and the connections that they carry. The next process begins with taking it away; where none follows,
-// `vantryd --clean-up` does, which the service manager runs after every end. One thread.
+// the changed reverse-path filter, and the connections that they carry. The next process begins with
+// taking it away; where none follows, `vantryd --clean-up` does, which the service manager runs after
+// every end. One thread.
 #pragma once
 
 #include "Platform/Linux/Result.h"

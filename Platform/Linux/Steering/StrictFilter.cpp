@@ -7,8 +7,12 @@
 #include <algorithm>
 #include <cstdint>
 #include <fstream>
+#include <sstream>
 
+#include "Platform/Foundation.h"
+#include "Platform/Linux/HostChannel/FixedPlaces.h"
 #include "Platform/Linux/Netlink/Socket.h"
+#include "Platform/Linux/PlatformLog.h"
 
 namespace platform::steering {
 
@@ -50,17 +54,42 @@ bool doMarksCount(const std::string& interface) {
     return read("all", "src_valid_mark") != 0 || read(interface, "src_valid_mark") != 0;
 }
 
+std::set<std::string> storedNames() {
+    const auto content = NSFileManager::defaultManager().contentsAtPath(places::strictFilterFile);
+    std::istringstream lines{std::string(content ? content->bytes().value_or("") : "")};
+    std::set<std::string> names;
+    for (std::string name; std::getline(lines, name);) names.insert(name);
+    return names;
+}
+
 }  // namespace
 
+StrictFilter::StrictFilter() : changed(storedNames()) {}
+
 StrictFilter::~StrictFilter() {
+    if (changed.empty()) return;
     for (const auto& interface : changed) static_cast<void>(haveMarksCount(interface, 0));
+    NSFileManager::defaultManager().removeItemAtPath(places::strictFilterFile);
 }
 
 bool StrictFilter::letMarksCount(const std::string& interface) {
     if (!isStrict(interface) || doMarksCount(interface)) return true;
-    if (!haveMarksCount(interface, 1)) return false;
+    // Stored first: to take back what was not changed yet does no harm.
     changed.insert(interface);
-    return true;
+    store();
+    return haveMarksCount(interface, 1);
+}
+
+void StrictFilter::store() const {
+    std::string lines;
+    for (const auto& name : changed) lines.append(name).append("\n");
+    const auto failure =
+        NSFileManager::defaultManager().writeAtomically(lines, places::strictFilterFile);
+    if (failure)
+        platformLog.error(
+            "The reverse-path filter of these interfaces stays changed should the daemon be "
+            "killed, as that cannot be stored: %{public}s",
+            failure->localizedDescription);
 }
 
 }  // namespace platform::steering

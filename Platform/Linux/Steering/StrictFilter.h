@@ -1,7 +1,8 @@
 // The kernel's strict check of where packets come from (rp_filter 1) asks the routes without looking at
 // marks, and would drop the answers to steered connections while a VPN has the default route. Where the
-// check is strict, this tells it to look at marks on the interface, and takes that back at the end. IPv6
-// has no such check. One thread.
+// check is strict, this tells it to look at marks on the interface, and takes that back at the end. A file
+// names the interfaces, so that what a killed process has changed is the next one's to take back. IPv6 has
+// no such check. One thread.
 #pragma once
 
 #include <set>
@@ -11,7 +12,7 @@ namespace platform::steering {
 
 class StrictFilter {
 public:
-    StrictFilter() = default;
+    StrictFilter();
     ~StrictFilter();
     StrictFilter(const StrictFilter&) = delete;
     StrictFilter& operator=(const StrictFilter&) = delete;
@@ -20,6 +21,8 @@ public:
     bool letMarksCount(const std::string& interface);
 
 private:
+    void store() const;
+
     std::set<std::string> changed;
 };
 
