@@ -4,6 +4,7 @@
 #include "Platform/Common/Mutex.h"
 #include "Platform/Dispatch.h"
 #include "Platform/Linux/Daemon/RunningInterception.h"
+#include "Platform/Linux/Recording/RecordedSystem.h"
 #include "Platform/Linux/SystemError.h"
 #include "Platform/NEProvider.h"
 
@@ -41,6 +42,7 @@ void refuse(Completion<std::optional<NSError>> completion) {
 void NETransparentProxyProvider::setTunnelNetworkSettings(
     NETransparentProxyNetworkSettings settings, ErrorCompletion completion) {
     const NETransparentProxyNetworkSettings wanted = std::move(settings);
+    completion = recording::followedSettings("proxySettings", std::move(completion));
     if (const auto running = interception::RunningInterception::get())
         running->setProxyRules(wanted.includedNetworkRules(), std::move(completion));
     else
@@ -48,11 +50,13 @@ void NETransparentProxyProvider::setTunnelNetworkSettings(
 }
 
 void NETransparentProxyProvider::setRulesChanging(bool areChanging) {
+    recording::noteRulesChanging(areChanging);
     if (const auto running = interception::RunningInterception::get())
         running->setRulesChanging(areChanging);
 }
 
 void NEFilterDataProvider::applySettings(NEFilterSettings settings, ErrorCompletion completion) {
+    completion = recording::followedSettings("filterSettings", std::move(completion));
     if (const auto running = interception::RunningInterception::get())
         running->setFilterAction(settings.defaultAction, std::move(completion));
     else

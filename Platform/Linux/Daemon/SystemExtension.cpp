@@ -20,6 +20,7 @@
 #include "Platform/Linux/Logging/LogStore.h"
 #include "Platform/Linux/Network/StoredRoutes.h"
 #include "Platform/Linux/PlatformLog.h"
+#include "Platform/Linux/Recording/RecordedProviders.h"
 #include "Platform/NEProvider.h"
 
 namespace platform {
@@ -118,12 +119,20 @@ JSONObject explainedWithSteering(const Providers& providers, const FlowQuestion&
         const auto* text = found == answer.end() ? nullptr : found->second.as<std::string>();
         return text == nullptr ? std::string() : *text;
     };
-    auto explained = providers.explain(*providers.proxy, *providers.filter, question);
+    auto explained = providers.explain(question);
     if (!question.isDatagram || question.remote.port == "53" || route(explained) != "system")
         return explained;
-    auto asConnection = providers.explain(*providers.proxy, *providers.filter,
-                                          {question.metaData, question.remote});
+    auto asConnection = providers.explain({question.metaData, question.remote});
     return route(asConnection) == "direct" ? asConnection : explained;
+}
+
+Providers makeProviders() {
+    const auto proxy = registeredProviders.makeProxyProvider();
+    const auto filter = registeredProviders.makeFilterProvider();
+    return {recording::followed(proxy), recording::followed(filter),
+            [proxy, filter](const FlowQuestion& question) {
+                return registeredProviders.explain(*proxy, *filter, question);
+            }};
 }
 
 // What the host application's questions need of others.
@@ -133,9 +142,8 @@ Questions::Sources answersFrom(const Providers& providers) {
                     const auto interception = RunningInterception::get();
                     const bool areDatagramsSteered =
                         interception && interception->areDatagramsDirect();
-                    return areDatagramsSteered
-                               ? explainedWithSteering(providers, question)
-                               : providers.explain(*providers.proxy, *providers.filter, question);
+                    return areDatagramsSteered ? explainedWithSteering(providers, question)
+                                               : providers.explain(question);
                 },
             .ownerOf = [](const FlowTuple& flow) -> std::optional<FlowOwner> {
                 const auto interception = RunningInterception::get();
@@ -175,9 +183,7 @@ void runExtension() {
                                   lostLogLines);
     HostChannel channel;
     const StoredRoutes storedRoutes;
-    const Providers providers{registeredProviders.makeProxyProvider(),
-                              registeredProviders.makeFilterProvider(),
-                              registeredProviders.explain};
+    const auto providers = makeProviders();
     auto interception = std::make_shared<Interception>(providers, choicesInPreferences());
     RunningInterception::set(interception);
     startFilter(providers);

@@ -374,7 +374,6 @@ std::optional<Verdict> FlowDecisions::verdictOnDatagram(const Occasion& occasion
                          steering::Steering::isForDatagrams(packet.flow);
     if (!isMeant) return std::nullopt;
     const auto connections = providers.explain(
-        *providers.proxy, *providers.filter,
         {source.metaData,
          {steering::destinationText(packet.flow), std::to_string(packet.flow.destinationPort)}});
     const auto text = [&](std::string_view key) {

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -32,7 +33,7 @@ struct Providers {
     std::shared_ptr<NETransparentProxyProvider> proxy;
     std::shared_ptr<NEFilterDataProvider> filter;
     // What they would decide of a connection. Without it all datagrams go the system's own way.
-    decltype(ProviderClasses::explain) explain = nullptr;
+    std::function<JSONObject(const FlowQuestion&)> explain = nullptr;
 };
 
 // Who is asked at present, and about what.

@@ -4,6 +4,7 @@
 
 #include "Platform/Linux/Dispatch/EventLoop.h"
 #include "Platform/Linux/Dispatch/MainQueue.h"
+#include "Platform/Linux/Recording/RecordedSystem.h"
 
 namespace platform {
 
@@ -15,6 +16,7 @@ void DispatchQueue::async(Work work) const {
 }
 
 void DispatchQueue::asyncAfter(double seconds, Work work) const {
+    work = recording::followedWork(seconds, std::move(work));
     if (isMain()) return MainQueue::shared().asyncAfter(seconds, std::move(work));
     if (!(seconds > 0)) return async(std::move(work));
     EventLoop& loop = EventLoopPool::shared().currentOrNext();

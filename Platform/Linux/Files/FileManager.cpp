@@ -17,6 +17,7 @@
 #include "Platform/Linux/HostChannel/SharedFolder.h"
 #include "Platform/Linux/PlatformLog.h"
 #include "Platform/Linux/RandomBytes.h"
+#include "Platform/Linux/Recording/RecordedSystem.h"
 #include "Platform/Linux/Result.h"
 
 namespace platform {
@@ -99,7 +100,9 @@ NSFileManager& NSFileManager::defaultManager() {
     return manager;
 }
 
-std::optional<Data> NSFileManager::contentsAtPath(std::string_view path) {
+namespace {
+
+std::optional<Data> trustedContents(std::string_view path) {
     const auto opened = openTrustedFile(std::string(path), O_RDONLY);
     if (!opened) return std::nullopt;
     if (isTooLarge(opened->get())) {
@@ -109,6 +112,14 @@ std::optional<Data> NSFileManager::contentsAtPath(std::string_view path) {
     auto bytes = readAll(opened->get());
     if (!bytes) return std::nullopt;
     return Data(std::move(*bytes));
+}
+
+}  // namespace
+
+std::optional<Data> NSFileManager::contentsAtPath(std::string_view path) {
+    auto contents = trustedContents(path);
+    recording::noteFile(path, contents);
+    return contents;
 }
 
 std::optional<NSError> NSFileManager::writeAtomically(std::string_view bytes,

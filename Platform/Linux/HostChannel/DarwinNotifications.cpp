@@ -27,6 +27,7 @@
 #include "Platform/Linux/HostChannel/HostChannelLog.h"
 #include "Platform/Linux/HostChannel/NotificationTouches.h"
 #include "Platform/Linux/HostChannel/SharedFolder.h"
+#include "Platform/Linux/Recording/Recorder.h"
 
 namespace platform {
 
@@ -209,6 +210,8 @@ void CFNotificationCenter::deliver(const std::string& name) {
     for (const auto number : registrationsOf(name)) {
         const auto present = beginCall(number);
         if (!present) continue;
+        recording::Call call(recording::Call::Kind::ofState, "notification");
+        call.with().word(name);
         present->callback(*this, present->observer, name, nullptr, nullptr);
         endCall();
     }

@@ -12,6 +12,7 @@
 #include "Platform/Foundation.h"
 #include "Platform/Linux/HostChannel/FixedPlaces.h"
 #include "Platform/Linux/HostChannel/HostChannelLog.h"
+#include "Platform/Linux/Recording/RecordedSystem.h"
 #include "Platform/NEProvider.h"
 
 namespace platform {
@@ -120,12 +121,14 @@ std::optional<Preferences> Preferences::load() {
 
 std::shared_ptr<const NEVPNProtocol> NETransparentProxyProvider::protocolConfiguration() const {
     const auto preferences = Preferences::load();
-    return preferences ? preferences->protocolConfiguration : nullptr;
+    auto configuration = preferences ? preferences->protocolConfiguration : nullptr;
+    recording::noteConfiguration(configuration.get());
+    return configuration;
 }
 
 void NETunnelProviderManager::loadAllFromPreferences(LoadCompletion completion) {
     DispatchQueue::global(QualityOfService::utility)
-        .async([completion = std::move(completion)]() mutable {
+        .async([completion = recording::followedLoad(std::move(completion))]() mutable {
             auto preferences = Preferences::load();
             if (preferences)
                 completion(std::move(preferences->tunnelManagers), std::nullopt);

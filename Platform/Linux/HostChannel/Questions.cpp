@@ -205,8 +205,14 @@ JSONObject Questions::answer(const JSONObject& question) const {
     if (kind == "applications") return applications();
     if (kind == "owner") return owner(question);
     if (kind == "refusals") return refusals();
+    if (kind == "record") return record(question);
     return errorWith("This daemon does not know the question \"" + kind +
                      "\". Restart it after an upgrade: systemctl restart vantryd");
+}
+
+JSONObject Questions::record(const JSONObject& question) const {
+    const MutexGuard guard(recordLock);
+    return recordQuestions.answer(question);
 }
 
 JSONObject Questions::why(const JSONObject& question) const {

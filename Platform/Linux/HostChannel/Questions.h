@@ -19,6 +19,8 @@
 //   {"question": "owner", "protocol", "source", "sourcePort", "host", "port", "interface"}
 //   -> {"identifier", "route"}: of a flow that was just seen to leave; empty where no one can be named
 //
+//   {"question": "record", ...}, see Platform/Linux/Recording/RecordQuestions.h
+//
 // A session is a direct connection, its phase "begun", "open", "ended" or "failed"; only living ones have
 // bytes. A connection is one of TCP that is open or opening, as "id", "pid", "host", "port", "sent", "received"
 // and "isDirect". Programs of the system are one application without an identifier.
@@ -30,8 +32,10 @@
 #include <functional>
 #include <optional>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Linux/Attribution/FlowOwner.h"
 #include "Platform/Linux/HostChannel/MessageSocket.h"
+#include "Platform/Linux/Recording/RecordQuestions.h"
 #include "Platform/NEProvider.h"
 
 namespace platform {
@@ -57,9 +61,12 @@ private:
     JSONObject applications() const;
     JSONObject owner(const JSONObject& question) const;
     JSONObject refusals() const;
+    JSONObject record(const JSONObject& question) const;
     std::optional<Data> reply(const Data& request) const;
 
     const Sources sources;
+    mutable Mutex recordLock;
+    mutable recording::RecordQuestions recordQuestions GUARDED_BY(recordLock);
     MessageSocket socket;
 };
 

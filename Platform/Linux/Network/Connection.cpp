@@ -13,6 +13,7 @@
 #include "Platform/Linux/Network/NameResolver.h"
 #include "Platform/Linux/Network/NetworkMonitor.h"
 #include "Platform/Linux/OwnTraffic.h"
+#include "Platform/Linux/Recording/RecordedEnds.h"
 #include "Platform/Linux/Relay/RelaySocketOptions.h"
 #include "Platform/Linux/SystemError.h"
 
@@ -434,9 +435,9 @@ namespace {
 std::shared_ptr<NWConnection::Implementation> implementationOf(const NWEndpoint::Host& host,
                                                                NWEndpoint::Port port,
                                                                const NWParameters& parameters) {
-    if (auto carried = OfferInProgress::connectionTo(host.text(), port.rawValue(), parameters))
-        return carried;
-    return std::make_shared<SocketConnection>(host, port, parameters);
+    auto made = OfferInProgress::connectionTo(host.text(), port.rawValue(), parameters);
+    if (!made) made = std::make_shared<SocketConnection>(host, port, parameters);
+    return recording::followed(std::move(made), host.text(), port.rawValue(), parameters);
 }
 
 }  // namespace

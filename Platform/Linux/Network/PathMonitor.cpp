@@ -2,6 +2,7 @@
 
 #include "Platform/Common/Mutex.h"
 #include "Platform/Linux/Network/NetworkMonitor.h"
+#include "Platform/Linux/Recording/RecordedSystem.h"
 #include "Platform/Network.h"
 
 namespace platform {
@@ -50,7 +51,11 @@ private:
     }
 
     void deliver() {
-        while (const auto path = next()) handler(*path);
+        while (const auto path = next()) {
+            recording::Call call(recording::Call::Kind::ofState, "path");
+            recording::addInterfaces(call.with(), *path);
+            handler(*path);
+        }
     }
 
     std::optional<NWPath> next() {

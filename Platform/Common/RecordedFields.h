@@ -1,0 +1,78 @@
+// The fields of a line in a recording of what crosses the seam: written by the daemon's platform, read by
+// the one that plays recordings. A field says what it is, so that names and addresses can be replaced
+// without knowing what the line means. Values; any thread.
+//
+//   line    := (">" | "<") fields       what the platform asks of the core, or the core of the platform
+//   field   := TAB kind text            control characters, backslashes and bytes that are no UTF-8 escaped
+#pragma once
+
+#include <concepts>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace platform::recorded {
+
+enum class FieldKind : char {
+    plain = '=',     // a word or a number
+    none = '-',      // no value
+    name = 'n',      // an identifier of dotted parts
+    path = 'p',      // of a file
+    host = 'h',      // an address or a host's name
+    document = 'd',  // JSON, if it is whole
+    bytes = 't',     // in hexadecimal digits
+};
+
+class Fields {
+public:
+    Fields& add(FieldKind kind, std::string_view content);
+    Fields& word(std::string_view content) { return add(FieldKind::plain, content); }
+    template <std::integral Number>
+    Fields& number(Number value) {
+        return add(FieldKind::plain, std::to_string(value));
+    }
+    Fields& name(std::string_view content) { return add(FieldKind::name, content); }
+    Fields& path(std::string_view content) { return add(FieldKind::path, content); }
+    Fields& host(std::string_view content) { return add(FieldKind::host, content); }
+    Fields& document(std::string_view content) { return add(FieldKind::document, content); }
+    Fields& bytes(std::string_view content);
+    Fields& none() { return add(FieldKind::none, {}); }
+
+    // Begins a line: everything before belongs to another one.
+    Fields& line(char direction);
+    void append(const Fields& others) { text_ += others.text_; }
+    void reserve(std::size_t length) { text_.reserve(length); }
+
+    const std::string& text() const { return text_; }
+    std::string take() { return std::move(text_); }
+
+private:
+    std::string text_;
+};
+
+struct Field {
+    FieldKind kind = FieldKind::none;
+    std::string text;
+
+    std::optional<std::string> value() const {
+        return kind == FieldKind::none ? std::nullopt : std::optional(text);
+    }
+    std::int64_t number() const;  // 0 for what is none
+};
+
+struct Line {
+    char direction = 0;
+    std::vector<Field> fields;
+
+    // The field at a place; one without a value beyond the end.
+    const Field& at(std::size_t index) const;
+};
+
+// Null for what is no line of a recording.
+std::optional<Line> readLine(std::string_view text);
+// The bytes behind hexadecimal digits.
+std::string bytesOfDigits(std::string_view digits);
+
+}  // namespace platform::recorded

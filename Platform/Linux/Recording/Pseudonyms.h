@@ -1,0 +1,32 @@
+// Takes names and addresses out of a recording: the same one always gets the same substitute, and what lies
+// below another one still does. Words that the core itself knows stay. One thread.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "Platform/Common/JSON.h"
+#include "Platform/Common/RecordedFields.h"
+#include "Platform/Common/StringHash.h"
+
+namespace platform::recording {
+
+class Pseudonyms {
+public:
+    // Whole lines, with or without a recording's head.
+    std::string replaced(std::string_view lines);
+
+private:
+    std::string replacedLine(std::string_view line);
+    std::string field(const recorded::Field& field);
+    std::string name(std::string_view text);
+    std::string host(std::string_view text);
+    std::string document(std::string_view text);
+    JSONValue value(const JSONValue& of);
+    const std::string& part(std::string_view text);
+
+    StringMap<std::string> parts, hosts;
+    StringMap<std::string> documents;  // the latest ones: rules are read again and again
+};
+
+}  // namespace platform::recording

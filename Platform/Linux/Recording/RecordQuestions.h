@@ -1,0 +1,28 @@
+// The host application's requests for a recording, which it fetches piece by piece:
+//
+//   {"question": "record", "do": "start", "verbatim": false}  -> {}, or an error if one is under way
+//   {"question": "record", "do": "fetch"}                     -> {"lines", "lost", "isOver"}
+//   {"question": "record", "do": "stop"}                      -> {}; what is left is fetched after it
+//
+// One thread.
+#pragma once
+
+#include <optional>
+
+#include "Platform/Common/JSON.h"
+#include "Platform/Linux/Recording/Pseudonyms.h"
+
+namespace platform::recording {
+
+class RecordQuestions {
+public:
+    JSONObject answer(const JSONObject& question);
+
+private:
+    JSONObject start(bool isVerbatim);
+    JSONObject fetch();
+
+    std::optional<Pseudonyms> pseudonyms;
+};
+
+}  // namespace platform::recording
