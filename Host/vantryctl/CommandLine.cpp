@@ -14,6 +14,7 @@
 #include "Host/vantryctl/IdentifyCommand.h"
 #include "Host/vantryctl/LogCommands.h"
 #include "Host/vantryctl/OwnFlows.h"
+#include "Host/vantryctl/RecordCommand.h"
 #include "Host/vantryctl/ReportCommand.h"
 #include "Host/vantryctl/RuleCommands.h"
 #include "Host/vantryctl/RunCommand.h"
@@ -61,6 +62,7 @@ struct Request {
     VerifyOptions verify;
     SetupOptions setup;
     bool isPlain = false;
+    RecordOptions record;
     SessionsOptions sessions;
     TopOptions top;
     Applications applications;
@@ -127,6 +129,7 @@ private:
     void addTraffic();
     void addLog();
     void addMachine();
+    void addRecord();
     void addSetup();
     void addCompletion();
 
@@ -325,8 +328,26 @@ void Commands::addMachine() {
     add(app, "report", "Print all that somebody who helps needs to know, without names", [this] {
         return printReport(request.isPlain, console);
     }).add_flag("--plain", request.isPlain, "With the names of applications and addresses");
+    addRecord();
     addSetup();
     addCompletion();
+}
+
+void Commands::addRecord() {
+    CLI::App& recording =
+        add(app, "record", "Write down what the daemon is asked and decides, for replay", [this] {
+            request.record.time = request.time.value_or(request.record.time);
+            return record(request.record, console);
+        });
+    recording.add_option("FILE", request.record.file, "A new file, for you alone")
+        ->type_name("")
+        ->required();
+    takeTime(recording, "How long: 30s, 10m (10m); Ctrl-C ends it sooner");
+    recording.add_option("--most", request.record.mostMegabytes, "How many MiB at most (256)")
+        ->check(CLI::Range(1, 100000))
+        ->type_name("");
+    recording.add_flag("--verbatim", request.record.isVerbatim,
+                       "With the names of applications and addresses");
 }
 
 void Commands::addSetup() {

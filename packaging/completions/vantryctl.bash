@@ -18,7 +18,7 @@ _vantryctl() {
     COMPREPLY=()
     local offer=""
     case "${words[*]}" in
-        "") offer="rules vpn run status reload apps identify why top sessions log clear failures check verify setup report try confirm off on undo export import --help --version" ;;
+        "") offer="rules vpn run status reload apps identify why top sessions log clear failures check verify setup report record try confirm off on undo export import --help --version" ;;
         rules) offer="show set remove default block unblock datagrams fallback --json --help" ;;
         "rules set" | "rules block") _vantryctl_names seen "$current" ;;
         "rules set "*) offer="vpn direct"; _vantryctl_names seen "$current" ;;
@@ -39,6 +39,7 @@ _vantryctl() {
         why) offer="--last --udp --json --help"; _vantryctl_names seen "$current"; compopt -o default ;;
         identify*) offer="--json --help"; compopt -o default ;;
         top) offer="--once --json --help" ;;
+        record) offer="--for --most --verbatim --help" ;;
         sessions) offer="--all --json --help" ;;
         log*" -a" | log*" --app") _vantryctl_names seen "$current" ;;
         log*) offer="--follow --lines --app --json --help" ;;
