@@ -56,7 +56,7 @@ def run(stage) -> None:
     network.vpn_up()
     stage.start_daemon(_rules(draw, stage, is_up=True))
     crowd = Crowd(stage)
-    _round(stage, draw, "warming up", crowd)
+    play_round(stage, draw, "warming up", crowd)
     crowd.open()
     crowd.expect_untouched()
     before = _held_at_rest(stage.daemon)
@@ -85,13 +85,13 @@ def _rounds(stage, draw: random.Random) -> None:
     while time.monotonic() < end:
         number += 1
         if draw.random() < 0.3:
-            _flap(draw)
+            flap(draw)
         if not IS_STEADY and draw.random() < 0.1:
             _restart(stage, draw)
             crowd.expect_broken()
         if crowd.is_open() and draw.random() < 0.2:
             crowd.expect_untouched()
-        _round(stage, draw, f"round {number}", crowd)
+        play_round(stage, draw, f"round {number}", crowd)
         if not crowd.is_open() and draw.random() < 0.3:
             crowd.open()
     if crowd.is_open():
@@ -201,7 +201,7 @@ def _slab() -> int:
     return int(lines["SUnreclaim"].split()[0])
 
 
-def _flap(draw: random.Random) -> None:
+def flap(draw: random.Random) -> None:
     if network.vpn_layout() is not None:
         network.vpn_down()
     else:
@@ -213,7 +213,7 @@ def _restart(stage, draw: random.Random) -> None:
     stage.start_daemon(Rules())
 
 
-def _round(stage, draw: random.Random, name: str, crowd: "Crowd") -> None:
+def play_round(stage, draw: random.Random, name: str, crowd: "Crowd") -> None:
     rules = _rules(draw, stage, is_up=network.vpn_layout() is not None)
     if crowd.is_open():
         rules = crowd.fit(rules)

@@ -1,0 +1,122 @@
+"""What the daemon decided is played again against the same core, call for call, without a difference; a core
+with a fault is found out by the same recording."""
+
+import pathlib
+import random
+import re
+import signal
+import stat
+import subprocess
+import time
+
+import rule_changes
+import soak
+from vantrylab import network, world
+from vantrylab.host import Rules
+
+COURIER, LEDGER = "com.example.courier", "com.example.ledger"
+RULES = Rules(rules={COURIER: "direct", LEDGER: "vpn"}, blockedApps=("com.example.studio",))
+ROUNDS = 12
+
+
+def run(stage) -> None:
+    network.vpn_up()
+    stage.start_daemon(RULES)
+    with Recording(stage, "story") as story:
+        _story(stage)
+    story.expect_the_same()
+    with Recording(stage, "verbatim", "--verbatim") as verbatim:
+        stage.courier.run("connect", stage.ipv4(), 80)
+    stage.checks.check("names are there where they are asked for", COURIER in verbatim.text, verbatim.text[-2000:])
+    stage.checks.check("and replaced otherwise", "courier" not in story.text and "198.51.100." not in story.text)
+    with Recording(stage, "soak") as threads:
+        _under_threads(stage)
+    threads.expect_the_same()
+    threads.expect_fault_found()
+    _full_disk(stage)
+    stage.stop_daemon()
+    network.vpn_down()
+
+
+class Recording:
+    """Of what goes on while it is open."""
+
+    def __init__(self, stage, name: str, *options: str):
+        self._stage, self._name = stage, name
+        self.path = world.STATE / f"{name}.recording"
+        self._command = [str(world.BUILD / "vantryctl"), "record", "--for", "10m", *options, str(self.path)]
+
+    def __enter__(self):
+        self._tool = subprocess.Popen(self._command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        self._stage.checks.eventually(f"{self._name}: the recording begins",
+                                      lambda: (self.path.exists() and self.path.stat().st_size > 0, self.path))
+        return self
+
+    def __exit__(self, *_):
+        self._tool.send_signal(signal.SIGINT)
+        said, _ = self._tool.communicate(timeout=20)
+        self._stage.checks.check(f"{self._name}: it ends as it should", self._tool.returncode == 0, said)
+        self._stage.checks.equal(f"{self._name}: only its owner reads it",
+                                 stat.filemode(self.path.stat().st_mode), "-rw-------")
+        self.text = self.path.read_text()
+
+    def expect_the_same(self) -> None:
+        said = self._play("replay")
+        print("      " + said.stdout.splitlines()[0], flush=True)
+        flows = int(re.search(r"(\d+) answers about flows", said.stdout)[1])
+        self._stage.checks.check(f"{self._name}: played without a difference",
+                                 said.returncode == 0 and flows > 10, said.stdout + said.stderr)
+
+    def expect_fault_found(self) -> None:
+        said = self._play("Tests/replay_with_fault")
+        self._stage.checks.check(f"{self._name}: a core that forgets blocks is found out",
+                                 said.returncode == 1 and "recorded declined, now claimed" in said.stdout, said.stdout)
+        number = re.search(r"flow (\d+), proxyFlow: recorded declined", said.stdout)[1]
+        why = self._play("replay", "--why", number)
+        self._stage.checks.check(f"{self._name}: and the flow is explained",
+                                 why.returncode == 0 and '"decidedBy": "block"' in why.stdout, why.stdout)
+
+    def _play(self, program: str, *words: str) -> subprocess.CompletedProcess:
+        return subprocess.run([str(world.BUILD / program), str(self.path), *words], text=True, timeout=200,
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+
+def _story(stage) -> None:
+    stage.expect_physical("direct", stage.courier.run("connect", address := stage.ipv4(), 80), address)
+    stage.expect_tunnel("vpn", stage.ledger.run("connect", address := stage.ipv4(), 80), address)
+    stage.applications["studio"].run("connect", stage.ipv4(), 80)
+    uploads = [stage.courier.start("upload", stage.ipv4(), 8080, "--duration", 20) for _ in range(4)]
+    for upload in uploads:
+        upload.report()
+    stage.apply(RULES.but(rules={LEDGER: "direct"}))
+    for upload in uploads:
+        upload.finish()
+    stage.expect_physical("changed", stage.ledger.run("connect", address := stage.ipv4(), 80), address)
+    stage.apply(RULES.but(blockedApps=(LEDGER,)))
+    stage.ledger.run("connect", stage.ipv4(), 80)
+    stage.courier.run("connect", stage.ipv4(), 7)
+
+
+def _under_threads(stage) -> None:
+    seed = time.time_ns() % 1_000_000
+    print(f"      seed {seed}", flush=True)
+    draw, crowd = random.Random(seed), soak.Crowd(stage)
+    with soak.ShortFlows(stage, seed):
+        for number in range(ROUNDS):
+            if draw.random() < 0.3:
+                soak.flap(draw)
+            soak.play_round(stage, draw, f"round {number}", crowd)
+    if network.vpn_layout() is None:
+        network.vpn_up()
+
+
+def _full_disk(stage) -> None:
+    """A file system of its own, with room for a part only."""
+    folder = pathlib.Path(world.STATE / "small")
+    folder.mkdir()
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=4k", "none", str(folder)], check=True)
+    said = subprocess.run([str(world.BUILD / "vantryctl"), "record", "--for", "5s", str(folder / "file")], text=True,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    stage.checks.check("a full disk is said", said.returncode == 1 and "No space left on device" in said.stdout,
+                       said.stdout)
+    subprocess.run(["umount", str(folder)], check=True)
