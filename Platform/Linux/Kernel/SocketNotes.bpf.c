@@ -40,7 +40,7 @@ static const __u64 pathLifetime = 10 * 1000000000ULL;
 struct {
     __uint(type, BPF_MAP_TYPE_HASH);
     __uint(map_flags, BPF_F_NO_PREALLOC);
-    __uint(max_entries, 65536);
+    __uint(max_entries, 262144);
     __type(key, __u64);
     __type(value, struct KernelNote);
 } notes SEC(".maps");
@@ -56,7 +56,7 @@ struct {
 struct {
     __uint(type, BPF_MAP_TYPE_HASH);
     __uint(map_flags, BPF_F_NO_PREALLOC);
-    __uint(max_entries, 65536);
+    __uint(max_entries, 262144);
     __type(key, struct KernelTuple);
     __type(value, __u64);
 } connections SEC(".maps");

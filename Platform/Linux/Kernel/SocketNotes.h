@@ -7,7 +7,7 @@
 
 enum {
     KERNEL_NOTE_PROGRAMS = 6,         // a process and its nearest ancestors
-    KERNEL_NOTES_OF_ACCOUNT = 16384,  // open sockets of one account that are noted
+    KERNEL_NOTES_OF_ACCOUNT = 65536,  // open sockets of one account that are noted
     KERNEL_PATH_SIZE = 1024,          // longer paths are not noted
     KERNEL_NAME_SIZE = 256,
     KERNEL_GROUP_LEVELS = 4,
