@@ -17,6 +17,9 @@
 #include <vector>
 
 #include "Platform/Linux/Daemon/Interception.h"
+#include "Platform/Linux/Recording/Pseudonyms.h"
+#include "Platform/Linux/Recording/RecordedProviders.h"
+#include "Platform/Linux/Recording/Recorder.h"
 #include "Platform/Linux/Relay/ConnectionAcceptor.h"
 #include "Platform/Linux/Relay/SocketFlow.h"
 #include "Tests/Platform/Linux/Daemon/InterceptionLab.h"
@@ -31,7 +34,8 @@ using namespace platform::interception;
 
 // Redirected: every connection goes to the same echoing proxy as a claimed one, by a plain rule
 // and without any verdict.
-enum class Treatment : int { bare, declined, claimed, watched, redirected };
+// Recorded: declined, while a recording is fetched without names.
+enum class Treatment : int { bare, declined, claimed, watched, redirected, recorded };
 
 const char* nameOf(Treatment treatment) {
     switch (treatment) {
@@ -45,6 +49,8 @@ const char* nameOf(Treatment treatment) {
             return "watched";
         case Treatment::redirected:
             return "redirected";
+        case Treatment::recorded:
+            return "declined, recorded";
     }
     return "";
 }
@@ -75,6 +81,33 @@ private:
     std::thread thread;
 };
 
+// Fetches what is recorded, as the tool does, while it lives.
+class RecordingUnderWay {
+public:
+    RecordingUnderWay() {
+        recording::Recorder::shared().start();
+        thread = std::thread([this] {
+            recording::Pseudonyms pseudonyms;
+            while (!isOver) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                benchmark::DoNotOptimize(
+                    pseudonyms.replaced(recording::Recorder::shared().fetch().lines));
+            }
+        });
+    }
+    ~RecordingUnderWay() {
+        isOver = true;
+        thread.join();
+        recording::Recorder::shared().stop();
+    }
+    RecordingUnderWay(const RecordingUnderWay&) = delete;
+    RecordingUnderWay& operator=(const RecordingUnderWay&) = delete;
+
+private:
+    std::atomic<bool> isOver = false;
+    std::thread thread;
+};
+
 class Network {
 public:
     explicit Network(Treatment treatment) {
@@ -86,7 +119,9 @@ public:
         proxy->isClaiming = treatment == Treatment::claimed;
         if (treatment == Treatment::watched)
             filter->onNewFlow = ScriptedFilter::NewFlow::filterData;
-        interception = std::make_unique<Interception>(Providers{proxy, filter});
+        if (treatment == Treatment::recorded) fetching = std::make_unique<RecordingUnderWay>();
+        interception = std::make_unique<Interception>(
+            Providers{recording::followed(proxy), recording::followed(filter)});
         NENetworkRule everything;
         everything.direction = NENetworkRule::TrafficDirection::outbound;
         interception->setFilterAction(NEFilterAction::filterData, {});
@@ -120,6 +155,7 @@ private:
     std::shared_ptr<ScriptedFilter> filter = std::make_shared<ScriptedFilter>(calls);
     std::unique_ptr<Interception> interception;
     std::unique_ptr<ConnectionAcceptor> acceptor;
+    std::unique_ptr<RecordingUnderWay> fetching;
 };
 
 ClientSocket connectToDiscard() {
@@ -153,7 +189,7 @@ void openConnection(benchmark::State& state) {
     state.counters["p99_us"] = microseconds[microseconds.size() * 99 / 100];
     state.SetLabel(nameOf(treatment));
 }
-BENCHMARK(openConnection)->DenseRange(0, 3)->Iterations(10000)->UseRealTime();
+BENCHMARK(openConnection)->DenseRange(0, 3)->Arg(5)->Iterations(10000)->UseRealTime();
 
 enum class Flood : int { none, datagrams, connections };
 
@@ -265,7 +301,7 @@ void openManyConnections(benchmark::State& state) {
         (processorMicroseconds() - before) / static_cast<double>(connections);
     state.SetLabel(nameOf(treatment));
 }
-BENCHMARK(openManyConnections)->DenseRange(0, 4)->Iterations(3)->UseRealTime();
+BENCHMARK(openManyConnections)->DenseRange(0, 5)->Iterations(3)->UseRealTime();
 
 void upload(benchmark::State& state) {
     const auto treatment = static_cast<Treatment>(state.range(0));
