@@ -13,7 +13,6 @@
 #include <cstring>
 #include <memory>
 #include <span>
-#include <string>
 #include <string_view>
 #include <unordered_set>
 
@@ -34,22 +33,18 @@ constexpr auto youth = 1s;
 constexpr int firstOwnDescriptor = 3;  // behind the standard streams
 constexpr int lastLowDescriptor = 12;
 
-// The text of a descriptor's link to the socket.
-class SocketLink {
-public:
-    explicit SocketLink(std::uint32_t inode) : text("socket:[" + std::to_string(inode) + "]") {}
-
-    // True if `name` below the folder is a link to the socket.
-    bool isAt(int folder, const char* name) const {
-        std::array<char, 32> target;
-        const auto length = ::readlinkat(folder, name, target.data(), target.size());
-        return length > 0 &&
-               text == std::string_view(target.data(), static_cast<std::size_t>(length));
-    }
-
-private:
-    std::string text;
-};
+// The inode of the socket that the descriptor `name` below the folder is; none for other files.
+std::optional<std::uint32_t> socketAt(int folder, const char* name) {
+    constexpr std::string_view prefix = "socket:[";
+    std::array<char, 32> target;
+    const auto length = ::readlinkat(folder, name, target.data(), target.size());
+    const std::string_view text(target.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
+    if (!text.starts_with(prefix)) return std::nullopt;
+    std::uint32_t inode = 0;
+    const auto parsed =
+        std::from_chars(text.data() + prefix.size(), text.data() + text.size(), inode);
+    return parsed.ec == std::errc{} ? std::optional(inode) : std::nullopt;
+}
 
 using Path = std::array<char, 64>;
 
@@ -77,52 +72,58 @@ bool anyNumberIn(const char* folderPath, Visit&& visit) {
     return false;
 }
 
-// The socket's descriptor in the table below `folderPath`.
-std::optional<int> descriptorIn(const char* folderPath, const SocketLink& socket) {
+using Sightings = RecentMemory<std::uint32_t, SocketHolder>;
+
+// The socket's descriptor in the table below `folderPath`. The table is read to its end, and what else it
+// shows is remembered: of many sockets of one process each would otherwise cost a look at all of them.
+std::optional<int> descriptorIn(const char* folderPath, pid_t pid, std::uint32_t inode,
+                                Sightings& sightings) {
     std::optional<int> found;
     anyNumberIn(folderPath, [&](int number, int folder, const char* name) {
-        if (socket.isAt(folder, name)) found = number;
-        return found.has_value();
+        const auto present = socketAt(folder, name);
+        if (present == inode) found = number;
+        if (present && present != inode) sightings.remember(*present, {pid, number});
+        return false;
     });
     return found;
 }
 
-std::optional<SocketHolder> searchProcess(pid_t pid, const SocketLink& socket) {
+std::optional<SocketHolder> searchProcess(pid_t pid, std::uint32_t inode, Sightings& sightings) {
     Path path;
     std::snprintf(path.data(), path.size(), "/proc/%d/fd", pid);
-    const auto descriptor = descriptorIn(path.data(), socket);
+    const auto descriptor = descriptorIn(path.data(), pid, inode, sightings);
     return descriptor ? std::optional(SocketHolder{pid, *descriptor}) : std::nullopt;
 }
 
-std::optional<SocketHolder> searchAt(pid_t pid, int descriptor, const SocketLink& socket) {
+std::optional<SocketHolder> searchAt(pid_t pid, int descriptor, std::uint32_t inode) {
     const SocketHolder candidate{pid, descriptor};
-    const bool isThere = socket.isAt(AT_FDCWD, descriptorPath(candidate).data());
+    const bool isThere = socketAt(AT_FDCWD, descriptorPath(candidate).data()) == inode;
     return isThere ? std::optional(candidate) : std::nullopt;
 }
 
 // A new descriptor often takes the place of the one before, or the next.
-std::optional<SocketHolder> searchNearLatest(const SocketOpener& opener, const SocketLink& socket) {
+std::optional<SocketHolder> searchNearLatest(const SocketOpener& opener, std::uint32_t inode) {
     for (const int distance : {0, 1, 2, -1}) {
         const int descriptor = opener.descriptors[0] + distance;
-        if (const auto holder = searchAt(opener.pid, descriptor, socket)) return holder;
+        if (const auto holder = searchAt(opener.pid, descriptor, inode)) return holder;
     }
     return std::nullopt;
 }
 
 // Or the place of an earlier one: the lowest that is free.
-std::optional<SocketHolder> searchKnown(const SocketOpener& opener, const SocketLink& socket) {
+std::optional<SocketHolder> searchKnown(const SocketOpener& opener, std::uint32_t inode) {
     for (std::size_t index = 1; index < opener.count; ++index) {
         const int descriptor = opener.descriptors[index];
-        if (const auto holder = searchAt(opener.pid, descriptor, socket)) return holder;
+        if (const auto holder = searchAt(opener.pid, descriptor, inode)) return holder;
     }
     return std::nullopt;
 }
 
 // A program that has just started has its sockets at low descriptors. Listing all of them would
 // make the kernel build an inode for each.
-std::optional<SocketHolder> searchLow(pid_t pid, const SocketLink& socket) {
+std::optional<SocketHolder> searchLow(pid_t pid, std::uint32_t inode) {
     for (int descriptor = firstOwnDescriptor; descriptor <= lastLowDescriptor; ++descriptor) {
-        if (const auto holder = searchAt(pid, descriptor, socket)) return holder;
+        if (const auto holder = searchAt(pid, descriptor, inode)) return holder;
     }
     return std::nullopt;
 }
@@ -160,7 +161,8 @@ std::vector<pid_t> processesByAge(pid_t latest) {
 }
 
 // Threads that have left their process's descriptor table.
-std::optional<SocketHolder> searchSeparateThreads(pid_t pid, const SocketLink& socket) {
+std::optional<SocketHolder> searchSeparateThreads(pid_t pid, std::uint32_t inode,
+                                                  Sightings& sightings) {
     std::optional<SocketHolder> found;
     Path tasks;
     std::snprintf(tasks.data(), tasks.size(), "/proc/%d/task", pid);
@@ -169,7 +171,8 @@ std::optional<SocketHolder> searchSeparateThreads(pid_t pid, const SocketLink& s
         if (::syscall(SYS_kcmp, pid, thread, KCMP_FILES, 0, 0) == 0) return false;
         Path path;
         std::snprintf(path.data(), path.size(), "/proc/%d/task/%d/fd", pid, thread);
-        if (const auto descriptor = descriptorIn(path.data(), socket)) found = {pid, *descriptor};
+        if (const auto descriptor = descriptorIn(path.data(), pid, inode, sightings))
+            found = {pid, *descriptor};
         return found.has_value();
     });
     return found;
@@ -178,7 +181,8 @@ std::optional<SocketHolder> searchSeparateThreads(pid_t pid, const SocketLink& s
 // Whole tables, none of them twice.
 class TableSearch {
 public:
-    TableSearch(const SocketLink& link, uid_t account) : socket(link), uid(account) {}
+    TableSearch(std::uint32_t wanted, uid_t account, Sightings& others)
+        : inode(wanted), uid(account), sightings(others) {}
 
     std::optional<SocketHolder> among(std::span<const pid_t> pids) {
         for (const auto pid : pids) {
@@ -195,18 +199,19 @@ public:
             if (const auto holder = look(pid)) return holder;
         }
         for (const auto pid : pids) {
-            if (const auto holder = searchSeparateThreads(pid, socket)) return holder;
+            if (const auto holder = searchSeparateThreads(pid, inode, sightings)) return holder;
         }
         return std::nullopt;
     }
 
 private:
     std::optional<SocketHolder> look(pid_t pid) {
-        return seen.insert(pid).second ? searchProcess(pid, socket) : std::nullopt;
+        return seen.insert(pid).second ? searchProcess(pid, inode, sightings) : std::nullopt;
     }
 
-    const SocketLink& socket;
+    std::uint32_t inode;
     uid_t uid;
+    Sightings& sightings;
     std::unordered_set<pid_t> seen;
 };
 
@@ -228,7 +233,7 @@ std::vector<pid_t> pidsOf(std::span<const SocketOpener> openers) {
 }  // namespace
 
 bool holdsSocket(const SocketHolder& holder, std::uint32_t inode) {
-    return searchAt(holder.pid, holder.descriptor, SocketLink(inode)).has_value();
+    return searchAt(holder.pid, holder.descriptor, inode).has_value();
 }
 
 void SocketOpener::addDescriptor(int descriptor) {
@@ -240,12 +245,15 @@ void SocketOpener::addDescriptor(int descriptor) {
 }
 
 std::optional<SocketHolder> SocketHolders::find(std::uint32_t inode, uid_t uid) {
-    const SocketLink socket(inode);
+    if (const auto seen = sightings.find(inode); seen && holdsSocket(*seen, inode)) {
+        remember(uid, *seen);
+        return seen;
+    }
     const auto known = openersOf(uid);
     const auto latest = std::span(known).first(std::min(known.size(), latestOpeners));
-    const auto nearLatest = [&](const auto& opener) { return searchNearLatest(opener, socket); };
-    const auto atKnown = [&](const auto& opener) { return searchKnown(opener, socket); };
-    const auto low = [&](pid_t pid) { return searchLow(pid, socket); };
+    const auto nearLatest = [&](const auto& opener) { return searchNearLatest(opener, inode); };
+    const auto atKnown = [&](const auto& opener) { return searchKnown(opener, inode); };
+    const auto low = [&](pid_t pid) { return searchLow(pid, inode); };
 
     auto holder = firstOf(latest, nearLatest);
     std::vector<pid_t> young;
@@ -253,7 +261,7 @@ std::optional<SocketHolder> SocketHolders::find(std::uint32_t inode, uid_t uid) 
     if (!holder) holder = firstOf(young, low);
     if (!holder) holder = firstOf(latest, atKnown);
     if (!holder) holder = firstOf(std::span(known).subspan(latest.size()), nearLatest);
-    TableSearch tables(socket, uid);
+    TableSearch tables(inode, uid, sightings);
     if (!holder) holder = tables.among(young);
     if (!holder) holder = tables.among(pidsOf(known));
     if (!holder) holder = tables.amongAll();

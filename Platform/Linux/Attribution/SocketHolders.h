@@ -2,7 +2,8 @@
 // To look at a descriptor takes a microsecond or two, so the few places where a new socket usually is
 // come first: where processes that were found lately had their sockets, and where a process has them
 // that has just started. Only after those come whole tables: of such processes, of all processes of
-// the socket's account, of all others. Any thread; nothing is locked during a search.
+// the socket's account, of all others; and what else they show is remembered. Any thread; nothing is locked
+// during a search.
 #pragma once
 
 #include <sys/types.h>
@@ -55,6 +56,8 @@ private:
     Mutex lock;                                          // held for table work only
     std::vector<SocketOpener> openers GUARDED_BY(lock);  // the latest first
     RecentMemory<pid_t, Clock::time_point> firstSeen{1024};
+    // By inode, what tables have shown of sockets that were not looked for. Each is looked at again when it is.
+    RecentMemory<std::uint32_t, SocketHolder> sightings{65536};
 };
 
 }  // namespace platform
