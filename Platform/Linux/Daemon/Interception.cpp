@@ -1,5 +1,6 @@
 #include "Platform/Linux/Daemon/Interception.h"
 
+#include <malloc.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -20,6 +21,9 @@ namespace platform::interception {
 namespace {
 
 constexpr std::chrono::seconds betweenHousekeepings{5};
+constexpr std::chrono::seconds betweenReturnsOfMemory{60};
+// Less is not worth the work.
+constexpr std::size_t unusedMemoryKept = std::size_t{8} << 20;
 constexpr std::chrono::milliseconds firstDelay{100};
 constexpr std::chrono::milliseconds longestDelay{2000};
 
@@ -31,6 +35,12 @@ std::set<std::uint8_t> protocolsOf(const Offers& offers) {
         if (rule.protocol != NENetworkRule::Protocol::TCP) protocols.insert(IPPROTO_UDP);
     }
     return protocols;
+}
+
+// What threads have freed stays in the allocator's arenas, one for each few threads, until it is handed back: after a
+// busy hour that is more than what is in use.
+void returnFreedMemory() {
+    if (mallinfo2().fordblks > unusedMemoryKept) malloc_trim(0);
 }
 
 int millisecondsUntil(std::chrono::steady_clock::time_point instant) {
@@ -46,7 +56,8 @@ Interception::Interception(Providers providers, Choices choices)
       path(decisions, choices.carriage, choices.ownership, choices.limits),
       wakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       nextTry(Clock::now()),
-      nextHousekeeping(Clock::now() + betweenHousekeepings) {
+      nextHousekeeping(Clock::now() + betweenHousekeepings),
+      nextReturnOfMemory(Clock::now() + betweenReturnsOfMemory) {
     settingsThread = std::thread([this] { serveSettings(); });
 }
 
@@ -144,6 +155,10 @@ bool Interception::waitForWork() {
         nextHousekeeping = Clock::now() + betweenHousekeepings;
         decisions.keepHouse();
         path.keepHouse();
+    }
+    if (Clock::now() >= nextReturnOfMemory) {
+        nextReturnOfMemory = Clock::now() + betweenReturnsOfMemory;
+        returnFreedMemory();
     }
     const MutexGuard guard(lock);
     return !isStopping;

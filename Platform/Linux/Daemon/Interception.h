@@ -114,6 +114,7 @@ private:
     unsigned triesInVain = 0;
     Clock::time_point nextTry;
     Clock::time_point nextHousekeeping;
+    Clock::time_point nextReturnOfMemory;
     health::Problem notInForce{health::Place::packets, "notInForce", "Settings are not in force"};
     std::thread settingsThread;
 };
