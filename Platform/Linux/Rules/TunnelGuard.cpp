@@ -97,6 +97,31 @@ std::string prefixText(int family, const void* address, unsigned length) {
     return std::string(text.data()) + '/' + std::to_string(length);
 }
 
+// What is on the link is near. By way of a gateway only private addresses are (RFC 1918, RFC 6598, RFC 4193): the
+// server that gives out addresses may hand out routes to anything else as well. But for the route to one
+// host, as VPNs set it for their own server, unless it is that server's.
+bool isNear(const rtmsg& route, const std::array<std::uint8_t, 16>& address, bool hasGateway) {
+    const bool isOfHost = route.rtm_dst_len == addressLength(route.rtm_family) * 8;
+    if (!hasGateway || (isOfHost && route.rtm_protocol != RTPROT_DHCP)) return true;
+    struct Private {
+        int family;
+        std::array<std::uint8_t, 2> bytes;
+        unsigned length;
+    };
+    constexpr std::array<Private, 5> prefixes{{{AF_INET, {10, 0}, 8},
+                                               {AF_INET, {172, 16}, 12},
+                                               {AF_INET, {192, 168}, 16},
+                                               {AF_INET, {100, 64}, 10},
+                                               {AF_INET6, {0xfc, 0}, 7}}};
+    return std::ranges::any_of(prefixes, [&](const Private& each) {
+        const unsigned mask = 0xffff0000u >> each.length & 0xffffu;
+        const unsigned difference = static_cast<unsigned>(each.bytes[0] ^ address[0]) << 8 |
+                                    static_cast<unsigned>(each.bytes[1] ^ address[1]);
+        return route.rtm_family == each.family && route.rtm_dst_len >= each.length &&
+               (difference & mask) == 0;
+    });
+}
+
 // The prefix of a route of the main table that leads to something near; empty for all others. Two
 // halves of all addresses are a default route as well.
 std::string nearPrefix(const netlink::Message& answer, const std::set<int>& interfaces) {
@@ -111,6 +136,8 @@ std::string nearPrefix(const netlink::Message& answer, const std::set<int>& inte
     if (const auto destination = attributes.find(RTA_DST))
         std::memcpy(address.data(), destination->bytes().data(),
                     std::min(address.size(), destination->bytes().size()));
+    const bool hasGateway = attributes.find(RTA_GATEWAY) || attributes.find(RTA_VIA);
+    if (!isNear(*route, address, hasGateway)) return {};
     return prefixText(route->rtm_family, address.data(), route->rtm_dst_len);
 }
 

@@ -2,7 +2,7 @@
 // later than the packets that follow it, so a rule in the kernel drops them: watched connections that
 // are about to leave by a physical interface, in each family whose default route has led into a
 // tunnel since the guard was wanted. What is near on such an interface stays reachable: its own
-// prefixes and the routes there that are no default, multicast, broadcast and link-local addresses.
+// prefixes, private ones beyond a router, single hosts, multicast, broadcast and link-local addresses.
 // The rules stand in a table that vanishes with the process. They are made on a thread of its own,
 // which waits for the kernel; any thread may call.
 #pragma once
