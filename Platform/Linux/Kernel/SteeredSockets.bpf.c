@@ -71,7 +71,9 @@ static __always_inline void closed(struct bpf_sock_ops* hook, __u64 cookie,
 
 SEC("sockops") int followConnection(struct bpf_sock_ops* hook) {
     const int isConnecting = hook->op == BPF_SOCK_OPS_TCP_CONNECT_CB;
-    const int isEstablished = hook->op == BPF_SOCK_OPS_ACTIVE_ESTABLISHED_CB;
+    // Passive also where two openings cross. An accepted socket is not one of ours.
+    const int isEstablished = hook->op == BPF_SOCK_OPS_ACTIVE_ESTABLISHED_CB ||
+                              hook->op == BPF_SOCK_OPS_PASSIVE_ESTABLISHED_CB;
     const int isOver = hook->op == BPF_SOCK_OPS_STATE_CB && hook->args[1] == BPF_TCP_CLOSE;
     if (!isConnecting && !isEstablished && !isOver) return GOES_ON;
     if (bpf_get_netns_cookie(hook) != ourNetwork) return GOES_ON;
