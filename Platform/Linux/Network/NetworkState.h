@@ -19,6 +19,8 @@ struct InterfaceAddress {
     std::array<std::uint8_t, 16> bytes{};  // network byte order; IPv4 in the first four
     int prefixLength = 0;
     bool isLinkLocal = false;
+    bool isDeprecated = false;
+    bool isTemporary = false;  // of IPv6's privacy extensions, where they are in use
 
     friend bool operator==(const InterfaceAddress&, const InterfaceAddress&) = default;
 };

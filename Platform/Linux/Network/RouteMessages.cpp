@@ -93,6 +93,9 @@ void readAddress(const netlink::Message& message, NetworkState& network) {
     address.family = header->ifa_family;
     address.prefixLength = header->ifa_prefixlen;
     address.isLinkLocal = header->ifa_scope >= RT_SCOPE_LINK;
+    address.isDeprecated = (header->ifa_flags & IFA_F_DEPRECATED) != 0;
+    address.isTemporary =
+        header->ifa_family == AF_INET6 && (header->ifa_flags & IFA_F_TEMPORARY) != 0;
     address.bytes = own->address<std::tuple_size_v<decltype(address.bytes)>>();
     interface->addresses.push_back(address);
 }

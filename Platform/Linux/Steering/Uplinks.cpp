@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 
 #include "Platform/Linux/Network/RememberedRoutes.h"
 #include "Platform/Linux/Rules/SteeringMarks.h"
@@ -11,13 +12,25 @@ namespace platform::steering {
 
 namespace {
 
-// As the kernel chooses: the first address on the gateway's own link, else the first of all.
+// Addresses of a site alone (fc00::/7), which nothing outside of it answers.
+bool isOfSite(const InterfaceAddress& address) {
+    return address.family == AF_INET6 && (address.bytes[0] & 0xfe) == 0xfc;
+}
+
+// The rules by which one address of an interface is preferred to another for a far destination (RFC 6724, 5: 3, 6
+// and 7), the first difference counting.
+std::array<bool, 3> drawbacksOf(const InterfaceAddress& address) {
+    return {isOfSite(address), address.isDeprecated, !address.isTemporary};
+}
+
+// As the kernel chooses: the first address on the gateway's own link, else the one that suits best, the first of
+// equals. Gateways of IPv6 have addresses of the link.
 std::optional<InterfaceAddress> sourceOf(const Reach& reach) {
     if (reach.addresses.empty()) return std::nullopt;
     if (reach.route && reach.route->gateway)
         for (const auto& address : reach.addresses)
             if (isOnLinkOf(address, *reach.route->gateway)) return address;
-    return reach.addresses.front();
+    return *std::ranges::min_element(reach.addresses, {}, drawbacksOf);
 }
 
 Reach reachOf(const NetworkInterface& interface, int family) {
