@@ -105,6 +105,10 @@ SteeringRoutes::~SteeringRoutes() {
 
 Result<> SteeringRoutes::update(const std::vector<Uplink>& uplinks, const NetworkState& network) {
     hasRoom = true;
+    {
+        const MutexGuard guard(questionsLock);
+        otherNetworks.clear();
+    }
     auto ipv4 = updateFamily(AF_INET, uplinks, network);
     auto ipv6 = updateFamily(AF_INET6, uplinks, network);
     // A machine without IPv6 has no rules for it.
@@ -130,6 +134,7 @@ Result<> SteeringRoutes::updateFamily(int family, const std::vector<Uplink>& upl
     };
     for (const Uplink& uplink : uplinks) {
         appendNearRoutes(family, uplink, wantedRoutes, *main);
+        appendOtherNetworks(uplink, wantedRoutes, *main, network);
         const bool isTowardsTunnel = tunnel != 0 && uplink.reach(family).source;
         if (isTowardsTunnel) appendRoutesTowards(tunnel, family, uplink, wantedRoutes);
         addRule(marks.ofPacket(uplink.number), tableOf(uplink.number));
@@ -157,6 +162,30 @@ void SteeringRoutes::appendNearRoutes(int family, const Uplink& uplink, std::vec
     appendDefault(family, uplink, table, wanted);
 }
 
+// Networks of this machine beside the uplink's own, such as those of containers and virtual machines: what
+// goes there leaves by no uplink, whatever its rule. Those inside of a tunnel are the VPN's.
+void SteeringRoutes::appendOtherNetworks(const Uplink& uplink, std::vector<Route>& wanted,
+                                         const std::vector<Route>& main,
+                                         const NetworkState& network) {
+    const std::uint32_t table = tableOf(uplink.number);
+    for (Route route : main) {
+        const auto interface =
+            std::ranges::find(network.interfaces, route.interfaceIndex, &NetworkInterface::index);
+        if (interface == network.interfaces.end() || interface->isTunnel || route.gateway ||
+            route.interfaceIndex == uplink.interfaceIndex || route.length <= 1)
+            continue;
+        const bool isOnUplinkToo = std::ranges::any_of(wanted, [&](const Route& known) {
+            return known.table == table && known.length == route.length &&
+                   known.destination == route.destination;
+        });
+        if (isOnUplinkToo) continue;
+        route.table = table;
+        wanted.push_back(route);
+        const MutexGuard guard(questionsLock);
+        otherNetworks.insert(route.interfaceIndex);
+    }
+}
+
 // When the tunnel's device goes, its route goes with it, and the uplink's takes its place at once.
 void SteeringRoutes::appendRoutesTowards(int tunnel, int family, const Uplink& uplink,
                                          std::vector<Route>& wanted) {
@@ -182,16 +211,21 @@ void SteeringRoutes::appendDefault(int family, const Uplink& uplink, std::uint32
 }
 
 // One before the first rule of others, but never 0: there the kernel would give later rules without a
-// preference 0 as well, in the order of their making.
+// preference 0 as well, in the order of their making. And always after the rule by which the machine knows its
+// own addresses, which some programs move.
 std::optional<std::uint32_t> SteeringRoutes::preference(const std::vector<Rule>& present) const {
     std::uint32_t first = usualPreference + 1;
+    std::uint32_t ofOwnAddresses = lastResort;
     for (const Rule& rule : present) {
         const bool isOwnTraffic = std::ranges::find(preferencesOfOwnTraffic, rule.preference) !=
                                   preferencesOfOwnTraffic.end();
-        if (!isTableOfSteering(rule.table) && !isOwnTraffic && rule.preference > 0)
+        if (rule.table == RT_TABLE_LOCAL)
+            ofOwnAddresses = std::min(ofOwnAddresses, rule.preference);
+        else if (!isTableOfSteering(rule.table) && !isOwnTraffic && rule.preference > 0)
             first = std::min(first, rule.preference);
     }
-    return first > 1 ? std::optional(first - 1) : std::nullopt;
+    if (ofOwnAddresses == lastResort) ofOwnAddresses = 0;
+    return first > ofOwnAddresses + 1 ? std::optional(first - 1) : std::nullopt;
 }
 
 // The tunnel that unmarked packets to a far address take now; 0 if it is none.
@@ -342,7 +376,7 @@ bool SteeringRoutes::reaches(const Uplink& uplink, int family,
         if (answer.type() == RTM_NEWROUTE)
             index = static_cast<int>(numberIn(answer.attributes<rtmsg>(), RTA_OIF));
     });
-    return asked && index == uplink.interfaceIndex;
+    return asked && (index == uplink.interfaceIndex || otherNetworks.contains(index));
 }
 
 std::set<SteeringRoutes::MarkTest> SteeringRoutes::marksInRules() {

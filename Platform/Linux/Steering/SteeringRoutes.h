@@ -47,7 +47,8 @@ public:
     // False where a rule of somebody else stands so far to the front that none fits before it.
     bool hasRoomForRules() const { return hasRoom; }
 
-    // Whether a packet with the uplink's mark would now leave by it. Any thread.
+    // Whether a packet with the uplink's mark would now leave by it, or to another network of this machine.
+    // Any thread.
     bool reaches(const Uplink& uplink, int family, const std::array<std::uint8_t, 16>& destination);
 
     // The marks, value and mask, for which rules lead to our tables: those of an earlier process, before
@@ -73,6 +74,8 @@ private:
     Result<std::vector<Route>> routesIn(int family, std::uint32_t table);
     void appendNearRoutes(int family, const Uplink& uplink, std::vector<Route>& wanted,
                           const std::vector<Route>& main);
+    void appendOtherNetworks(const Uplink& uplink, std::vector<Route>& wanted,
+                             const std::vector<Route>& main, const NetworkState& network);
     void appendRoutesTowards(int tunnel, int family, const Uplink& uplink,
                              std::vector<Route>& wanted);
     void appendDefault(int family, const Uplink& uplink, std::uint32_t table,
@@ -90,6 +93,7 @@ private:
     bool hasRoom = true;
     Mutex questionsLock;
     netlink::Socket questions GUARDED_BY(questionsLock);
+    std::set<int> otherNetworks GUARDED_BY(questionsLock);  // by interface
 };
 
 }  // namespace platform::steering

@@ -99,6 +99,7 @@ std::string tableText(SteeringMarks marks, const std::vector<Uplink>& uplinks, b
     for (const Uplink& uplink : uplinks) {
         const unsigned number = uplink.number;
         const std::string hasMark = words.hasPacketMark(marks.ofPacket(number));
+        const std::string leavesHere = "oifname \"" + uplink.name + "\" " + hasMark;
         leaving += words.isSteeredBy(number) + words.setPacketMark(number);
         leaving += words.hasPacketMark(marks.ofSocket(number)) + words.setPacketMark(number);
         arriving += words.isSteeredBy(number) + words.setPacketMark(number);
@@ -106,7 +107,7 @@ std::string tableText(SteeringMarks marks, const std::vector<Uplink>& uplinks, b
             const Reach& reach = uplink.reach(family.number);
             if (reach.source) {
                 const std::string isOther =
-                    hasMark + family.source + "!= " + listOf(reach.addresses) + " ";
+                    leavesHere + family.source + "!= " + listOf(reach.addresses) + " ";
                 naming += isOther + family.translation + textOf(*reach.source) + "\n";
                 guarding += isOther + "drop\n";
             } else {

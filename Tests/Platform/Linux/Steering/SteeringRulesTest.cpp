@@ -80,6 +80,22 @@ TEST_F(SteeringRules, ClaimedConnectionLeavesByItsInterfaceBesideWhatVpnsAndFire
         EXPECT_EQ(client.exchange(100'000), 0);
     }
     EXPECT_TRUE(table.isComplete());
+
+    // Containers and virtual machines are reached where they are.
+    runCommand(
+        "ip link add br0 type bridge; ip address add 172.17.0.1/16 dev br0; ip link set br0 up");
+    follow();
+    EXPECT_TRUE(routes->reaches(eth0(), AF_INET, bytesOf("172.17.0.2", AF_INET)));
+    const auto route =
+        runCommand("ip route get 172.17.0.2 mark " + std::to_string(marks.ofPacket(eth0().number)));
+    EXPECT_NE(route.find("dev br0"), std::string::npos) << route;
+}
+
+// A far address answers no address of the site.
+TEST_F(SteeringRules, SourceIsTheAddressThatSuitsBest) {
+    runCommand("ip -6 address add fd00:77::2/64 dev eth0 nodad");
+    follow();
+    EXPECT_NE(eth0().ipv6.source->bytes, bytesOf("fd00:77::2", AF_INET6));
 }
 
 TEST_F(SteeringRules, WhatIsTakenAwayOrComesBeforeIsPutRight) {
