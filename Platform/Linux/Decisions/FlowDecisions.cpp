@@ -169,7 +169,7 @@ PacketVerdict FlowDecisions::verdictOn(const HeldPacket& packet) {
     constexpr int mostTries = 3;
     for (int tries = 1;; ++tries) {
         const auto asked = offers();
-        const Occasion occasion{packet, *asked, ruleChanges};
+        const Occasion occasion{packet, *asked, ruleChanges, wayChanges()};
         const bool isData = packet.purpose == PacketPurpose::watchedData;
         const Verdict verdict = isData ? verdictOnData(occasion) : verdictOnFlow(occasion);
         const bool isSteered = isDatagram(packet) && isClaimed(verdict.state);
@@ -180,12 +180,20 @@ PacketVerdict FlowDecisions::verdictOn(const HeldPacket& packet) {
         PacketVerdict given =
             isSteered ? steeredDatagram(occasion, verdict) : packetVerdict(occasion, verdict);
         if (isDatagram(packet) && closedSockets) given.datagramSocket = verdict.cookie;
+        if (isSteered && !given.isDropped) given.steeredAfter = occasion.wayChanges;
         return given;
     }
 }
 
 void FlowDecisions::verdictWasGiven(const FlowTuple& flow, const PacketVerdict& verdict) {
-    if (verdict.datagramSocket != 0 && datagrams.isEnded(verdict.datagramSocket)) endFlow(flow);
+    const bool isClosed = verdict.datagramSocket != 0 && datagrams.isEnded(verdict.datagramSocket);
+    const bool isOvertaken = verdict.steeredAfter && *verdict.steeredAfter != wayChanges();
+    if (isClosed || isOvertaken) endFlow(flow);
+}
+
+std::uint64_t FlowDecisions::wayChanges() const {
+    const auto carrier = steering();
+    return carrier ? carrier->wayChanges() : 0;
 }
 
 // False for a verdict that a change of the rules has overtaken.
@@ -240,13 +248,14 @@ bool FlowDecisions::countsForItsFlow(const HeldPacket& packet, const Verdict& ve
 }
 
 Verdict FlowDecisions::verdictOnFlow(const Occasion& occasion) {
-    const auto& [packet, asked, changes] = occasion;
+    const auto& [packet, asked, changes, ways] = occasion;
     if (isStillDenied(occasion)) return {FlowState::denied, asked.generation};
     auto known = recent.find(packet, asked.generation);
     // Of datagrams, the port alone does not tell whose they are.
     const bool isOther = known && isDatagram(packet) &&
                          (isOfAnotherSocket(packet, known->cookie) ||
-                          (isClaimed(known->state) && known->ruleChanges != occasion.ruleChanges));
+                          (isClaimed(known->state) && (known->ruleChanges != occasion.ruleChanges ||
+                                                       known->wayChanges != occasion.wayChanges)));
     if (isOther) known.reset();
     const Verdict verdict = known ? *known : offer(occasion);
     if (!known) remember(packet, verdict);
@@ -264,6 +273,8 @@ Verdict FlowDecisions::verdictOnFlow(const Occasion& occasion) {
 void FlowDecisions::remember(const HeldPacket& packet, const Verdict& verdict) {
     // Of steered connections, their sessions know more.
     if (isClaimed(verdict.state) && steering() && !isDatagram(packet)) return;
+    // The way may be there for the next one.
+    if (isClaimed(verdict.state) && verdict.isDropped) return;
     // Of denied datagrams `denied` knows more.
     if (!isDatagram(packet) || verdict.state != FlowState::denied) recent.remember(packet, verdict);
 }
@@ -290,7 +301,7 @@ bool FlowDecisions::isOfAnotherSocket(const HeldPacket& packet, std::uint64_t co
 }
 
 Verdict FlowDecisions::offer(const Occasion& occasion) {
-    const auto& [packet, asked, changes] = occasion;
+    const auto& [packet, asked, changes, ways] = occasion;
     const Source source = sourceOf(packet);
     if (const auto known = verdictOnSteered(packet, source)) return *known;
     const auto claimed = offerToProxy(packet, source, asked);
@@ -367,7 +378,7 @@ std::optional<Verdict> FlowDecisions::verdictOnSteered(const HeldPacket& packet,
 // that is wanted. Null for all others.
 std::optional<Verdict> FlowDecisions::verdictOnDatagram(const Occasion& occasion,
                                                         const Source& source, bool isWatched) {
-    const auto& [packet, asked, changes] = occasion;
+    const auto& [packet, asked, changes, ways] = occasion;
     const auto carrier = steering();
     const bool isMeant = asked.areDatagramsDirect && carrier && providers.explain &&
                          isDatagram(packet) && source.isAttributed && !source.isOnlyForFilter &&
@@ -383,6 +394,7 @@ std::optional<Verdict> FlowDecisions::verdictOnDatagram(const Occasion& occasion
     };
     Verdict verdict{stateOf(true, isWatched), asked.generation, source.cookie};
     verdict.ruleChanges = changes;
+    verdict.wayChanges = ways;
     verdict.isDropped = text("route") == "blocked" && text("decidedBy") == "directFallback";
     if (verdict.isDropped) return verdict;
     if (text("route") != "direct") return std::nullopt;
@@ -470,7 +482,7 @@ Verdict FlowDecisions::verdictOnData(const Occasion& occasion) {
 
 // It had to make room for others.
 Verdict FlowDecisions::verdictOnForgotten(const Occasion& occasion) {
-    const auto& [packet, asked, changes] = occasion;
+    const auto& [packet, asked, changes, ways] = occasion;
     const Source source = sourceOf(packet);
     auto shown = source.shownFor(packet);
     const NEFilterNewFlowVerdict verdict = offerToFilter(*shown, asked);
@@ -483,7 +495,7 @@ Verdict FlowDecisions::verdictOnForgotten(const Occasion& occasion) {
 }
 
 Verdict FlowDecisions::show(const Occasion& occasion, WatchedFlow& flow, bool isClaimed) {
-    const auto& [packet, asked, changes] = occasion;
+    const auto& [packet, asked, changes, ways] = occasion;
     if (asked.filterAction != NEFilterAction::filterData) {
         watched.remove(packet.flow);
         return unwatched(occasion, isClaimed, flow.cookie());

@@ -61,7 +61,8 @@ public:
     void steerBy(std::shared_ptr<steering::Steering> carrier);
 
     PacketVerdict verdictOn(const HeldPacket& packet);
-    // The kernel has it. The flow's socket may have been closed meanwhile, before there was an entry to end.
+    // The kernel has it. Before there was an entry to end, the flow's socket may have been closed, or the way of
+    // a steered datagram have changed.
     void verdictWasGiven(const FlowTuple& flow, const PacketVerdict& verdict);
 
     // Whose socket it is. For questions, not on a packet's way.
@@ -101,8 +102,10 @@ private:
         const HeldPacket& packet;
         const Offers& asked;
         unsigned ruleChanges;
+        std::uint64_t wayChanges;
     };
 
+    std::uint64_t wayChanges() const;
     Verdict verdictOnFlow(const Occasion& occasion);
     void remember(const HeldPacket& packet, const Verdict& verdict);
     bool isStillDenied(const Occasion& occasion);

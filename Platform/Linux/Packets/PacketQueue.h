@@ -28,6 +28,8 @@ struct PacketVerdict {
     std::optional<std::uint8_t> connectionByte;
     bool isDropped = false;
     std::uint64_t datagramSocket = 0;  // the cookie of a datagram's socket, if its end is watched
+    // Of a steered datagram: after how many changes of the ways.
+    std::optional<std::uint64_t> steeredAfter = std::nullopt;
 
     // Of a packet that goes on and leaves its connection as it is.
     static PacketVerdict pass(const HeldPacket& packet) {

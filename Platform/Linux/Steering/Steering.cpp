@@ -121,7 +121,9 @@ public:
     }
 
     Way wayBy(const Uplink& uplink, const FlowTuple& flow) const;
+    // Counted first: a verdict whose entry is not there yet finds the change when it is.
     void forgetDatagrams() {
+        ++wayChanges;
         const MutexGuard guard(askingLock);
         entries->removeDatagramsWith([place = marks.place()](std::uint32_t mark) {
             return interception::isClaimed(place.stateOf(mark));
@@ -132,6 +134,7 @@ public:
     const std::unique_ptr<SteeringPrograms> programs;
     const std::unique_ptr<SteeringRoutes> routes;
     Farewells farewells;
+    std::atomic<std::uint64_t> wayChanges{0};
 
 private:
     struct Claim {
@@ -151,7 +154,8 @@ private:
     void takeEvents();
     void look(std::uint64_t cookie);
     void followNetwork();
-    void putTableInForce(bool hasChanged);
+    bool putTableInForce(bool hasChanged);
+    void sayWhatIsMissing(bool isTableInForce, bool areAnswersTaken);
     void endThoseWithoutNetwork();
     std::vector<Claim> allClaims();
 
@@ -355,37 +359,39 @@ void Steering::Work::followNetwork() {
     bool areAnswersTaken = true;
     for (const Uplink& uplink : known.all())
         areAnswersTaken &= strictFilter.letMarksCount(uplink.name);
-    putTableInForce(before != known.all());
-    if (!areAnswersTaken &&
-        rulesProblem.begin("the strict reverse-path filter drops their answers: set "
-                           "net.ipv4.conf.all.src_valid_mark to 1"))
-        platformLog.error(
-            "The strict reverse-path filter drops the answers to direct connections while a VPN is "
-            "up: set net.ipv4.conf.all.src_valid_mark to 1");
+    const bool isTableInForce = putTableInForce(before != known.all());
+    sayWhatIsMissing(isTableInForce, areAnswersTaken);
     if (!hasNumbers) platformLog.error("There are more physical interfaces than can be used");
     endThoseWithoutNetwork();
     if (before != known.all()) forgetDatagrams();
 }
 
-void Steering::Work::putTableInForce(bool hasChanged) {
+bool Steering::Work::putTableInForce(bool hasChanged) {
     const bool wasThere = table.isComplete();
-    if (wasThere && !hasChanged) return;
+    if (wasThere && !hasChanged) return true;
     const bool isFirst = !table.wasInstalled();
-    if (!table.install(known.all())) {
-        if (rulesProblem.begin(table.failure()))
-            platformLog.error("The packet rules of direct connections are refused: %{public}s",
-                              table.failure());
-        return;
-    }
+    if (!table.install(known.all())) return false;
     if (!wasThere && !isFirst)
         platformLog.error(
             "The packet rules of direct connections had been removed and were put back");
-    if (!routes->hasRoomForRules()) {
-        if (rulesProblem.begin("a routing rule of preference 1 stands before ours"))
-            platformLog.error(
-                "A routing rule of preference 1 leaves no room for those of direct connections");
-    } else if (rulesProblem.end()) {
-        platformLog.info("The packet rules of direct connections are in force again");
+    return true;
+}
+
+void Steering::Work::sayWhatIsMissing(bool isTableInForce, bool areAnswersTaken) {
+    std::string missing;
+    if (!isTableInForce)
+        missing = table.failure();
+    else if (!routes->hasRoomForRules())
+        missing = "a routing rule of others leaves no preference for ours: give it a greater one";
+    else if (!areAnswersTaken)
+        missing =
+            "the strict reverse-path filter drops their answers while a VPN is up: set "
+            "net.ipv4.conf.all.src_valid_mark to 1";
+    if (missing.empty()) {
+        if (rulesProblem.end())
+            platformLog.info("The packet rules of direct connections are in force again");
+    } else if (rulesProblem.begin(missing)) {
+        platformLog.error("Direct connections lack rules: %{public}s", missing);
     }
 }
 
@@ -477,6 +483,8 @@ Way Steering::wayOfDatagrams(const FlowTuple& flow, const std::string& interface
 }
 
 void Steering::forgetDatagrams() { work->forgetDatagrams(); }
+
+std::uint64_t Steering::wayChanges() const { return work->wayChanges; }
 
 void Steering::awaitEnds(std::chrono::milliseconds longest) { work->farewells.await(longest); }
 

@@ -47,8 +47,11 @@ public:
     static bool isForDatagrams(const FlowTuple& flow);
     // How the application's datagrams leave by that interface.
     Way wayOfDatagrams(const FlowTuple& flow, const std::string& interfaceName);
-    // The next datagram of each flow that was steered is the first of a new one.
+    // The next datagram of each flow that was steered is the first of a new one. Counts as a change, as one of the
+    // uplinks does.
     void forgetDatagrams();
+    // How often the ways of datagrams have changed. Any thread.
+    std::uint64_t wayChanges() const;
 
     // Waits until connections that were ended in order have told their ends, or for so long.
     void awaitEnds(std::chrono::milliseconds longest);
