@@ -1,5 +1,5 @@
 """The servers that other people's programs talk to, in the namespace of the lab's server: nginx, git, sshd, rsync,
-iperf3, redis, an FTP server, and two small ones of our own. They end with the world."""
+iperf3, redis, Caddy, an FTP server, and two small ones of our own. They end with the world."""
 
 import ctypes
 import os
@@ -10,8 +10,8 @@ import subprocess
 
 from vantrylab import network, world
 
-ADDRESS = "198.51.100.77"
-HTTP_PORT, AFTER_END_PORT, GREETING_PORT, UNUSED_PORT = 8000, 7001, 7002, 7003
+ADDRESS, HTTP3_NAME = "198.51.100.77", "files.example"
+HTTP_PORT, HTTP3_PORT, AFTER_END_PORT, GREETING_PORT, UNUSED_PORT = 8000, 8443, 7001, 7002, 7003
 FOLDER = world.STATE / "servers"
 HOME = world.STATE / "person"
 FILES = FOLDER / "files"
@@ -39,6 +39,19 @@ http {{
         root {FILES};
         location /put/ {{ dav_methods PUT; create_full_put_path on; }}
     }}
+}}
+"""
+# Says which protocol it was asked by.
+CADDY = f"""
+{{
+    admin off
+    auto_https disable_redirects
+    storage file_system {FOLDER}/caddy
+}}
+https://{HTTP3_NAME}:{HTTP3_PORT} {{
+    bind {ADDRESS}
+    tls {FOLDER}/certificate {FOLDER}/certificate-key
+    respond "asked by {{http.request.proto}}"
 }}
 """
 SSHD = f"""
@@ -84,6 +97,13 @@ asyncio.run(main())
 """
 
 
+def key_hash() -> str:
+    """By which a browser may be told to trust the certificate."""
+    script = (f"openssl x509 -in {FOLDER}/certificate -pubkey -noout | openssl pkey -pubin -outform der |"
+              " openssl dgst -sha256 -binary | base64")
+    return subprocess.run(script, shell=True, check=True, capture_output=True, text=True).stdout.strip()
+
+
 def up() -> None:
     for folder in (FILES, HOME, FOLDER / "empty"):
         folder.mkdir(parents=True)
@@ -100,14 +120,16 @@ def up() -> None:
     _start("rsync", "--daemon", "--no-detach", f"--address={ADDRESS}", "--config", _file("rsyncd.conf", RSYNCD))
     _start("iperf3", "-s", "-B", ADDRESS)
     _start("redis-server", "--bind", ADDRESS, "--protected-mode", "no", "--save", "", "--dir", FOLDER)
+    _start("env", f"XDG_CONFIG_HOME={FOLDER}", "caddy", "run", "--adapter", "caddyfile", "--config", _file("Caddyfile", CADDY))
     _start(PYTHON, "-c", FTP)
     _start(PYTHON, "-c", SMALL)
-    for port in (HTTP_PORT, 9418, 22, 873, 5201, 6379, 21, AFTER_END_PORT):
+    for port in (HTTP_PORT, HTTP3_PORT, 9418, 22, 873, 5201, 6379, 21, AFTER_END_PORT):
         network.wait_until(lambda: _listens(port), f"a server listens on port {port}")
 
 
 def connections() -> dict[str, int]:
-    """How many connections have been begun with the server, by the interface that they came in on."""
+    """How many connections have been begun with the server, by the interface that they came in on. A datagram for
+    HTTP/3 counts as one."""
     listing = subprocess.run(network.in_server(["nft", "list", "table", "inet", "counts"]), check=True,
                              capture_output=True, text=True).stdout
     found = re.findall(r"counter (\w+) \{\s+packets (\d+)", listing)
@@ -115,16 +137,18 @@ def connections() -> dict[str, int]:
 
 
 def _count_connections() -> None:
-    subprocess.run(network.in_server(["nft", """
-        table inet counts {
-            counter net0 {}
-            counter tunnel {}
-            chain arriving {
+    subprocess.run(network.in_server(["nft", f"""
+        table inet counts {{
+            counter net0 {{}}
+            counter tunnel {{}}
+            chain arriving {{
                 type filter hook prerouting priority -200;
                 iifname "net0" tcp flags & (syn | ack) == syn counter name net0
                 iifname "tun-server" tcp flags & (syn | ack) == syn counter name tunnel
-            }
-        }"""]), check=True)
+                iifname "net0" udp dport {HTTP3_PORT} counter name net0
+                iifname "tun-server" udp dport {HTTP3_PORT} counter name tunnel
+            }}
+        }}"""]), check=True)
 
 
 def _name_the_person() -> None:
@@ -147,6 +171,10 @@ def _make_repository() -> None:
 
 
 def _make_keys() -> None:
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
+                    "-days", "10", "-subj", "/CN=lab", "-addext", f"subjectAltName=DNS:{HTTP3_NAME}",
+                    "-keyout", str(FOLDER / "certificate-key"), "-out", str(FOLDER / "certificate")],
+                   check=True, capture_output=True)
     for path in (FOLDER / "host-key", HOME / "key"):
         subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", path], check=True)
     shutil.copy(HOME / "key.pub", FOLDER / "authorized")
