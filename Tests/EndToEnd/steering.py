@@ -2,6 +2,7 @@
 firewalls do, and end when and as they should."""
 
 import pathlib
+import re
 import signal
 import subprocess
 import time
@@ -71,6 +72,7 @@ def _beside_vpns_and_firewalls(stage) -> None:
         subprocess.run(["nft", f"table inet obstacle {{ {rules}; }}"], check=True)
         _all_pass(stage, name)
         subprocess.run(["nft", "delete", "table", "inet", "obstacle"], check=True)
+    _beside_ipsec(stage)
     strict = pathlib.Path("/proc/sys/net/ipv4/conf/all/rp_filter")
     strict.write_text("1")
     # Looked at when the network changes next.
@@ -80,6 +82,33 @@ def _beside_vpns_and_firewalls(stage) -> None:
     _direct_passes(stage, "a strict reverse-path filter, and a rule of others before ours")
     subprocess.run(["ip", "rule", "delete", "pref", "900"], check=True)
     strict.write_text("0")
+
+
+def _beside_ipsec(stage) -> None:
+    """Policies that forbid what is steered, and one for a tunnel's address on the physical interface."""
+    own = "10.9.0.2"
+    subprocess.run(["ip", "address", "add", own, "dev", network.PHYSICAL], check=True)
+    mark, mask = re.search(r"fwmark (0x[0-9a-f]+)/(0x[0-9a-f]+) lookup 7681", _rules()).groups()
+    forbidding = [["dst", each, "dir", "out", "mark", mark, "mask", mask] for each in (
+        network.SERVER_RANGE_IPV4, network.SERVER_RANGE_IPV6)]
+    tunnelled = ["src", own, "dst", "0.0.0.0/0", "dir", "out"]
+    for policy in forbidding:
+        subprocess.run(["ip", "xfrm", "policy", "add", *policy, "action", "block", "priority", "300"], check=True)
+    subprocess.run(["ip", "xfrm", "policy", "add", *tunnelled, "tmpl", "proto", "esp", "mode", "tunnel"], check=True)
+    stage.checks.eventually("IPsec: no source is the tunnel's", lambda: (own not in _sources(), _sources()))
+    _direct_passes(stage, "IPsec by policies")
+    for policy in (*forbidding, tunnelled):
+        subprocess.run(["ip", "xfrm", "policy", "delete", *policy], check=True)
+    stage.checks.eventually("IPsec: without its policies there are none of ours", lambda: (not _policies(), _policies()))
+    subprocess.run(["ip", "address", "delete", f"{own}/32", "dev", network.PHYSICAL], check=True)
+
+
+def _sources() -> str:
+    return subprocess.run(["nft", "list", "chain", *TABLE, "naming"], check=True, capture_output=True, text=True).stdout
+
+
+def _policies() -> str:
+    return subprocess.run(["ip", "xfrm", "policy"], check=True, capture_output=True, text=True).stdout
 
 
 def _direct_passes(stage, name: str) -> None:

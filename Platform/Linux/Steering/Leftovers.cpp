@@ -2,6 +2,7 @@
 
 #include "Platform/Linux/Rules/ConnectionEntries.h"
 #include "Platform/Linux/Steering/EarlierConnections.h"
+#include "Platform/Linux/Steering/IpsecPolicies.h"
 #include "Platform/Linux/Steering/SteeringRoutes.h"
 #include "Platform/Linux/Steering/SteeringTable.h"
 #include "Platform/Linux/Steering/StrictFilter.h"
@@ -21,6 +22,9 @@ Result<> removeLeftovers() {
     }
     endEarlierConnections((*routes)->marksInRules(), **entries);
     SteeringTable(marks).remove();
+    IpsecPolicies ipsec(marks);
+    if (auto looked = ipsec.look(); !looked) return looked;
+    if (auto removed = ipsec.exempt({}); !removed) return removed;
     return (*routes)->update({}, {});
 }
 

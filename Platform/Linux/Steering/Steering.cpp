@@ -22,6 +22,7 @@
 #include "Platform/Linux/Rules/ConnectionEntries.h"
 #include "Platform/Linux/Steering/EarlierConnections.h"
 #include "Platform/Linux/Steering/Farewells.h"
+#include "Platform/Linux/Steering/IpsecPolicies.h"
 #include "Platform/Linux/Steering/SteeringRoutes.h"
 #include "Platform/Linux/Steering/SteeringTable.h"
 #include "Platform/Linux/Steering/StrictFilter.h"
@@ -154,6 +155,7 @@ private:
     void takeEvents();
     void look(std::uint64_t cookie);
     void followNetwork();
+    void sayOfPolicies(const Result<>& put);
     bool putTableInForce(bool hasChanged);
     void sayWhatIsMissing(bool isTableInForce, bool areAnswersTaken);
     void endThoseWithoutNetwork();
@@ -162,6 +164,7 @@ private:
     // For the thread alone, and before and after it.
     SteeringTable table{marks};
     Uplinks known;
+    IpsecPolicies ipsec{marks};
     StrictFilter strictFilter;
     netlink::Socket ruleEvents;
     bool isLookDue = false;
@@ -182,6 +185,8 @@ private:
 
     health::Problem rulesProblem{health::Place::steering, "steeringRules",
                                  "Direct connections lack rules"};
+    health::Problem ipsecProblem{health::Place::steering, "ipsecPolicies",
+                                 "Direct connections may go into IPsec tunnels"};
     health::Gauge connections{health::Place::steering, "steeredConnections",
                               "Direct connections carried by the kernel", [this] {
                                   const MutexGuard guard(lock);
@@ -272,10 +277,11 @@ Steering::Work::Work(SteeringMarks steeringMarks, Parts parts)
 
 void Steering::Work::serve() {
     for (;;) {
-        std::array<pollfd, 4> polled{{{programs->eventDescriptor(), POLLIN, 0},
+        std::array<pollfd, 5> polled{{{programs->eventDescriptor(), POLLIN, 0},
                                       {wakeUp->get(), POLLIN, 0},
                                       {routes->eventDescriptor(), POLLIN, 0},
-                                      {ruleEvents.descriptor(), POLLIN, 0}}};
+                                      {ruleEvents.descriptor(), POLLIN, 0},
+                                      {ipsec.eventDescriptor(), POLLIN, 0}}};
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(nextLook - Clock::now());
         poll(polled.data(), polled.size(),
              isLookDue ? std::max(0, static_cast<int>(left.count())) : -1);
@@ -291,6 +297,7 @@ void Steering::Work::serve() {
             eventfd_read(wakeUp->get(), &ignored);
             ruleEvents.discard();
             routes->discardEvents();
+            ipsec.discardEvents();
             isLookDue = true;
         }
         if (isLookDue && Clock::now() >= nextLook) followNetwork();
@@ -347,7 +354,8 @@ void Steering::Work::followNetwork() {
     nextLook = Clock::now() + betweenLooks;
     const auto network = NetworkMonitor::shared().state();
     const auto before = known.all();
-    const bool hasNumbers = known.follow(*network);
+    auto policies = ipsec.look();
+    const bool hasNumbers = known.follow(*network, ipsec.tunnelAddresses());
     {
         const MutexGuard guard(lock);
         published = std::make_shared<const std::vector<Uplink>>(known.all());
@@ -356,6 +364,8 @@ void Steering::Work::followNetwork() {
     if (const auto updated = routes->update(known.all(), *network); !updated)
         platformLog.debug("The routes of direct connections wait for the network: %{public}s",
                           updated.error().text());
+    if (policies) policies = ipsec.exempt(known.all());
+    sayOfPolicies(policies);
     bool areAnswersTaken = true;
     for (const Uplink& uplink : known.all())
         areAnswersTaken &= strictFilter.letMarksCount(uplink.name);
@@ -364,6 +374,14 @@ void Steering::Work::followNetwork() {
     if (!hasNumbers) platformLog.error("There are more physical interfaces than can be used");
     endThoseWithoutNetwork();
     if (before != known.all()) forgetDatagrams();
+}
+
+void Steering::Work::sayOfPolicies(const Result<>& put) {
+    if (put)
+        ipsecProblem.end();
+    else if (ipsecProblem.begin(put.error().text()))
+        platformLog.error("Direct connections may go into an IPsec tunnel: %{public}s",
+                          put.error().text());
 }
 
 bool Steering::Work::putTableInForce(bool hasChanged) {

@@ -33,12 +33,14 @@ std::optional<InterfaceAddress> sourceOf(const Reach& reach) {
     return *std::ranges::min_element(reach.addresses, {}, drawbacksOf);
 }
 
-Reach reachOf(const NetworkInterface& interface, int family) {
+Reach reachOf(const NetworkInterface& interface, int family, const TunnelAddresses& ofTunnels) {
     Reach reach;
     // A link that is down has no way out, whatever is remembered of it.
     if (interface.isUp) reach.route = family == AF_INET ? interface.ipv4 : interface.ipv6;
     for (const auto& address : interface.addresses)
-        if (address.family == family && !address.isLinkLocal) reach.addresses.push_back(address);
+        if (address.family == family && !address.isLinkLocal &&
+            !ofTunnels.contains({family, address.bytes}))
+            reach.addresses.push_back(address);
     reach.source = sourceOf(reach);
     return reach;
 }
@@ -47,7 +49,7 @@ Reach reachOf(const NetworkInterface& interface, int family) {
 
 const Reach& Uplink::reach(int family) const { return family == AF_INET ? ipv4 : ipv6; }
 
-bool Uplinks::follow(const NetworkState& network) {
+bool Uplinks::follow(const NetworkState& network, const TunnelAddresses& ofTunnels) {
     std::erase_if(uplinks, [&](const Uplink& uplink) {
         const auto* const present = network.named(uplink.name);
         return present == nullptr || present->index != uplink.interfaceIndex;
@@ -65,8 +67,8 @@ bool Uplinks::follow(const NetworkState& network) {
             uplinks.push_back({number, interface.index, interface.name, {}, {}});
             known = uplinks.end() - 1;
         }
-        known->ipv4 = reachOf(interface, AF_INET);
-        known->ipv6 = reachOf(interface, AF_INET6);
+        known->ipv4 = reachOf(interface, AF_INET, ofTunnels);
+        known->ipv6 = reachOf(interface, AF_INET6, ofTunnels);
     }
     return hasRoom;
 }

@@ -6,7 +6,9 @@
 #include <array>
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Platform/Linux/Network/NetworkState.h"
@@ -24,6 +26,9 @@ struct Reach {
     friend bool operator==(const Reach&, const Reach&) = default;
 };
 
+// Addresses, each with its family, that lie on an uplink's interface but are a tunnel's.
+using TunnelAddresses = std::set<std::pair<int, std::array<std::uint8_t, 16>>>;
+
 struct Uplink {
     unsigned number = 0;
     int interfaceIndex = 0;
@@ -39,7 +44,8 @@ class Uplinks {
 public:
     // Gives a number to each physical interface that leads out and has none, and takes back those of
     // interfaces that are gone. False if there are more than there are numbers for.
-    bool follow(const NetworkState& network);
+    // An uplink's addresses are those of its interface without the tunnels'.
+    bool follow(const NetworkState& network, const TunnelAddresses& ofTunnels = {});
 
     const std::vector<Uplink>& all() const { return uplinks; }
 

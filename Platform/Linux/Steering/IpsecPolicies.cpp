@@ -1,0 +1,139 @@
+#include "Platform/Linux/Steering/IpsecPolicies.h"
+
+#include <sys/socket.h>
+
+#include <linux/xfrm.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <optional>
+#include <utility>
+
+namespace platform::steering {
+
+namespace {
+
+constexpr std::array<unsigned, 1> policyEvents{XFRMNLGRP_POLICY};
+constexpr std::array<std::uint16_t, 2> policyFamilies{AF_INET, AF_INET6};
+constexpr std::array<std::uint8_t, 2> policyDirections{XFRM_POLICY_OUT, XFRM_POLICY_IN};
+
+// Of any byte of the marks, as an earlier process may have used another one.
+bool isMarkOfSteering(const xfrm_mark& mark) {
+    for (const unsigned shift : {0U, 8U, 16U, 24U}) {
+        const SteeringMarks marks{MarkPlace(shift)};
+        if (mark.m != marks.mask()) continue;
+        for (unsigned number = 1; number <= mostUplinks; ++number)
+            if (mark.v == marks.ofPacket(number)) return true;
+    }
+    return false;
+}
+
+// All packets of the family.
+xfrm_selector everything(std::uint16_t family) {
+    xfrm_selector selector{};
+    selector.family = family;
+    return selector;
+}
+
+xfrm_lifetime_cfg forever() {
+    constexpr __u64 unlimited = ~__u64{0};
+    xfrm_lifetime_cfg limits{};
+    limits.soft_byte_limit = limits.hard_byte_limit = unlimited;
+    limits.soft_packet_limit = limits.hard_packet_limit = unlimited;
+    return limits;
+}
+
+// The one address that a policy into a tunnel is for; none where it is for a network.
+std::optional<TunnelAddresses::value_type> hostOf(const xfrm_userpolicy_info& policy) {
+    const int family = policy.sel.family;
+    const std::size_t length = family == AF_INET ? 4 : 16;
+    if (policy.dir != XFRM_POLICY_OUT || policy.sel.prefixlen_s != length * 8) return std::nullopt;
+    std::array<std::uint8_t, 16> bytes{};
+    std::memcpy(bytes.data(), &policy.sel.saddr, length);
+    return TunnelAddresses::value_type{family, bytes};
+}
+
+}  // namespace
+
+IpsecPolicies::IpsecPolicies(SteeringMarks steeringMarks) : marks(steeringMarks) {
+    // A kernel without IPsec has no such sockets, and no policies.
+    if (auto asking = netlink::Socket::open(NETLINK_XFRM)) socket.emplace(std::move(*asking));
+    if (auto reports = netlink::Socket::open(NETLINK_XFRM, policyEvents))
+        events.emplace(std::move(*reports));
+}
+
+IpsecPolicies::~IpsecPolicies() {
+    // What the kernel does not take away does no harm: no packet has its mark any more.
+    if (look()) static_cast<void>(exempt({}));
+}
+
+Result<> IpsecPolicies::look() {
+    ours.clear();
+    ofTunnels.clear();
+    haveOthers = false;
+    if (!socket) return {};
+    netlink::Request dump(XFRM_MSG_GETPOLICY, NLM_F_DUMP, xfrm_userpolicy_id{});
+    return socket->request(dump, [this](const netlink::Message& answer) { take(answer); });
+}
+
+void IpsecPolicies::take(const netlink::Message& answer) {
+    const auto policy = answer.fixedHeader<xfrm_userpolicy_info>();
+    if (answer.type() != XFRM_MSG_NEWPOLICY || !policy) return;
+    const auto attributes = answer.attributes<xfrm_userpolicy_info>();
+    const auto marked = attributes.find(XFRMA_MARK);
+    const auto mark = marked ? marked->record<xfrm_mark>().value_or(xfrm_mark{}) : xfrm_mark{};
+    const bool isTunnel = attributes.find(XFRMA_TMPL).has_value();
+    if (policy->priority == 0 && !isTunnel && isMarkOfSteering(mark)) {
+        ours.insert({policy->sel.family, policy->dir, mark.v, mark.m});
+        return;
+    }
+    haveOthers = true;
+    if (const auto host = isTunnel ? hostOf(*policy) : std::nullopt) ofTunnels.insert(*host);
+}
+
+std::set<IpsecPolicies::Exemption> IpsecPolicies::wantedFor(
+    const std::vector<Uplink>& uplinks) const {
+    std::set<Exemption> wanted;
+    if (!haveOthers) return wanted;
+    for (const Uplink& uplink : uplinks)
+        for (const std::uint16_t family : policyFamilies)
+            for (const std::uint8_t direction : policyDirections)
+                wanted.insert({family, direction, marks.ofPacket(uplink.number), marks.mask()});
+    return wanted;
+}
+
+Result<> IpsecPolicies::exempt(const std::vector<Uplink>& uplinks) {
+    const auto wanted = wantedFor(uplinks);
+    Result<> done;
+    const auto keepFirst = [&done](Result<> result) {
+        if (done && !result) done = std::move(result);
+    };
+    for (const Exemption& each : wanted)
+        if (!ours.contains(each)) keepFirst(add(each));
+    for (const Exemption& each : ours)
+        if (!wanted.contains(each)) keepFirst(remove(each));
+    return done;
+}
+
+Result<> IpsecPolicies::add(const Exemption& exemption) {
+    xfrm_userpolicy_info policy{};
+    policy.sel = everything(exemption.family);
+    policy.lft = forever();
+    policy.dir = exemption.direction;
+    policy.action = XFRM_POLICY_ALLOW;
+    netlink::Request request(XFRM_MSG_UPDPOLICY, NLM_F_ACK, policy);
+    request.put(XFRMA_MARK, xfrm_mark{exemption.mark, exemption.mask});
+    return socket->request(request);
+}
+
+Result<> IpsecPolicies::remove(const Exemption& exemption) {
+    xfrm_userpolicy_id policy{};
+    policy.sel = everything(exemption.family);
+    policy.dir = exemption.direction;
+    netlink::Request request(XFRM_MSG_DELPOLICY, NLM_F_ACK, policy);
+    request.put(XFRMA_MARK, xfrm_mark{exemption.mark, exemption.mask});
+    return socket->request(request);
+}
+
+}  // namespace platform::steering
