@@ -224,10 +224,11 @@ def seen_at(address: str, port: int | None = None) -> list[Observation]:
 
 
 def wait_until(condition, what: str, seconds: float = 10) -> None:
+    seconds *= world.PATIENCE
     deadline = time.monotonic() + seconds
     while not condition():
         if time.monotonic() > deadline:
-            raise RuntimeError(f"waited {seconds} seconds in vain until {what}")
+            raise RuntimeError(f"waited {seconds:.0f} seconds in vain until {what}")
         time.sleep(0.01)
 
 

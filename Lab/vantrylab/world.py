@@ -23,6 +23,8 @@ APPLICATIONS = pathlib.Path("/srv")
 
 # The account that plays the person at the machine. Accounts below it count as the system's own.
 PERSON = 1000
+# How many times longer than usual things may take here, as on an emulated machine.
+PATIENCE = float(os.environ.get("LAB_PATIENCE", 1))
 
 _MS_NOSUID, _MS_NODEV, _MS_BIND = 2, 4, 4096
 _CAPABILITY_VERSION, _PR_CAP_AMBIENT, _PR_CAP_AMBIENT_RAISE = 0x20080522, 47, 2

@@ -1,7 +1,7 @@
 """Inside a machine: runs the commands that its host sends, and says what they wrote and how they ended.
 
 A line of JSON each way, over a virtio port. From the host: `run` (words for the shell), `seconds` (how long it
-may take). To the host: `ready` once the machine is up, then `output` as it comes, then `status`.
+may take), `patience` (how many times longer than usual things may take in there). To the host: `ready` once the machine is up, then `output` as it comes, then `status`.
 """
 
 import json
@@ -29,13 +29,14 @@ def main() -> None:
     with os.fdopen(os.dup(port), "rb", buffering=0) as requests:
         while line := requests.readline():
             request = json.loads(line)
-            say(status=run(request["run"], request["seconds"], say))
+            say(status=run(request["run"], request["seconds"], request["patience"], say))
 
 
-def run(command: str, seconds: float, say) -> int:
+def run(command: str, seconds: float, patience: float, say) -> int:
     process = subprocess.Popen(["/bin/bash", "-c", command], cwd=FOLDER, stdin=subprocess.DEVNULL,
                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, start_new_session=True,
-                               env={**os.environ, "HOME": "/root", "PYTHONDONTWRITEBYTECODE": "1"})
+                               env={**os.environ, "HOME": "/root", "PYTHONDONTWRITEBYTECODE": "1",
+                                    "LAB_PATIENCE": str(patience)})
     deadline = time.monotonic() + seconds
     with selectors.DefaultSelector() as selector:
         selector.register(process.stdout, selectors.EVENT_READ)

@@ -19,12 +19,13 @@ from collections.abc import Callable
 
 import package
 import uplink
-from matrix import Place, lay_out, seen_by, set_rules, was_denied
+from matrix import PATIENCE, Place, lay_out, seen_by, set_rules, was_denied
 from uplink import run
 from vantrylab import applications, network, world
 
 PREFERENCES = pathlib.Path("/var/lib/org.quillmere.Vantry/preferences.json")
 BEFORE = pathlib.Path("/root/before.json")
+_WAKING = pathlib.Path("/usr/lib/systemd/system-sleep/wake")
 # Where others than the package write: apt, journal, service manager, and this journey.
 _WRITTEN_ANYWAY = ("/root", "/home", "/srv", "/var/log", "/var/cache", "/var/tmp", "/var/lib/apt", "/var/lib/dpkg",
                    "/var/lib/systemd", "/var/lib/containers", "/var/lib/flatpak", "/etc/systemd/journald.conf.d",
@@ -61,11 +62,11 @@ class Journey:
         self.programs = lay_out()
 
     def goes(self, what: str, program: applications.Application, wanted: str) -> None:
-        report = program.run("connect", (place := Place()).address, 80, "--patience", 4)
+        report = program.run("connect", (place := Place()).address, 80, "--patience", PATIENCE)
         self.checks.equal(what, seen_by(report, place), wanted)
 
     def is_denied(self, what: str, program: applications.Application) -> None:
-        report = program.run("connect", (place := Place()).address, 80, "--patience", 4)
+        report = program.run("connect", (place := Place()).address, 80, "--patience", PATIENCE)
         self.checks.check(what, was_denied(report, place), seen_by(report, place))
 
     def _filled(self, line: str) -> str:
@@ -211,7 +212,7 @@ class Journey:
         identifier = told.splitlines()[0].strip() if told.strip() else ""
         self.checks.check("identify names it", name in (None, identifier), told)
         run("vantryctl", "rules", "block", identifier)
-        running = start("connect", (place := Place()).address, 80, "--patience", 4)
+        running = start("connect", (place := Place()).address, 80, "--patience", PATIENCE)
         report = running.finish()
         self.checks.check("a block holds", was_denied(report, place), seen_by(report, place))
         run("vantryctl", "rules", "unblock", identifier)
@@ -238,14 +239,21 @@ class Journey:
             self.checks.equal(f"purged: {kind}", sorted({*found} - {*before[kind]}), [])
 
     def sleep(self) -> None:
-        """Sleeps as deep as this machine can, and is woken by its clock."""
-        states = pathlib.Path("/sys/power/state").read_text().split()
-        print(f"----- states of sleep: {' '.join(states)}; {pathlib.Path('/sys/power/mem_sleep').read_text().strip()}")
-        run("sh", "-c", "echo 0 > /sys/class/rtc/rtc0/wakealarm; echo +20 > /sys/class/rtc/rtc0/wakealarm")
-        run("systemctl", "suspend")
+        """Sleeps with its devices, and is woken by its clock. Deeper the emulator's firmware loses the machine:
+        on waking it kept a processor, or started it again."""
+        pathlib.Path("/sys/power/mem_sleep").write_text("s2idle")
+        # The last thing before it sleeps: an alarm that rings before wakes no one.
+        _WAKING.parent.mkdir(exist_ok=True)
+        _WAKING.write_text(f"#!/bin/sh\n[ $1 = post ] || for at in 0 +{20 * world.PATIENCE:.0f}; do\n"
+                           "echo $at >/sys/class/rtc/rtc0/wakealarm\ndone\n")
+        _WAKING.chmod(0o755)
+        run("systemctl", "suspend", "--no-wall")
         for word in ("sleeping", "waking"):
             network.wait_until(lambda: f"System {word}..." in run("journalctl", "--boot", "--unit=vantryd"),
                                f"the daemon is told of {word}", 90)
+        _WAKING.unlink()
+        with contextlib.suppress(OSError):  # where it has others' too
+            _WAKING.parent.rmdir()
         slept = "PM: suspend exit" in run("journalctl", "--boot", "--dmesg")
         self.checks.check("the kernel slept, and the daemon was told of sleep and wake", slept)
         self.checks.check("the service outlived it", package.is_active())
@@ -342,7 +350,7 @@ def main() -> None:
     for journey.checks.chapter in sys.argv[1:]:
         try:
             getattr(journey, journey.checks.chapter)()
-        except (RuntimeError, subprocess.TimeoutExpired) as reason:
+        except (RuntimeError, OSError, subprocess.TimeoutExpired) as reason:
             journey.checks.check("runs to its end", False, reason)
 
 

@@ -23,7 +23,7 @@ from vantrylab import applications, network, world
 from vpns import Vpn, all_vpns, way_of
 
 # A connection that is denied is told so at once; emulation makes an instant long.
-_PATIENCE = 4
+PATIENCE = 4 * world.PATIENCE
 
 
 class Deviation(Exception):
@@ -132,7 +132,7 @@ class Trial:
         self._vpn.wait_until_up()
         self._say("up")
         await_state("up")
-        deadline = time.monotonic() + 30
+        deadline = time.monotonic() + 30 * world.PATIENCE
         while (seen := self._way(self._unruled)) != "tunnel":
             if time.monotonic() > deadline:
                 raise Deviation(f"the VPN does not carry: {seen}")
@@ -164,7 +164,7 @@ class Trial:
 
     @staticmethod
     def _try(application: applications.Application, mode: str, port: int, place: "Place") -> dict:
-        return application.run(mode, place.address, port, "--patience", _PATIENCE, wait=30)
+        return application.run(mode, place.address, port, "--patience", PATIENCE, wait=30 * world.PATIENCE)
 
 
 class Place:
@@ -186,7 +186,7 @@ class Upload:
     """A connection that stays open while something happens."""
 
     def __init__(self, application: applications.Application):
-        self._running = application.start("upload", Place().address, 80, "--duration", 120, "--patience", _PATIENCE)
+        self._running = application.start("upload", Place().address, 80, "--duration", 120, "--patience", PATIENCE)
 
     def __enter__(self) -> "Upload":
         self._running.report()

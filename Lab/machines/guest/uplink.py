@@ -18,7 +18,7 @@ CARD, ROUTER_CARD = "52:54:00:00:00:01", "52:54:00:00:00:02"
 def run(*words: str, check: bool = True, seconds: float = 60) -> str:
     """Runs a program of the machine and gives what it wrote."""
     result = subprocess.run(words, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                            text=True, timeout=seconds)
+                            text=True, timeout=seconds * world.PATIENCE)
     if check and result.returncode != 0:
         raise RuntimeError(f"{' '.join(words)}: status {result.returncode}: {result.stdout.strip()[-800:]}")
     return result.stdout
