@@ -4,6 +4,7 @@ Everything is kept in one folder outside of the project, named by what went into
 find it; what has not been used for a week is removed. mmdebstrap makes roots, as root or as an ordinary user.
 """
 
+import concurrent.futures
 import contextlib
 import fcntl
 import hashlib
@@ -11,8 +12,10 @@ import os
 import pathlib
 import re
 import shutil
+import signal
 import subprocess
 import tempfile
+import threading
 import time
 from collections.abc import Callable, Iterator
 
@@ -21,14 +24,21 @@ from distributions import BUILD_PACKAGES, KEYRING, PROJECT, BuildFailed, CannotM
 FOLDER = pathlib.Path(__file__).resolve().parent
 # What build.sh ends with where the fault is the project's.
 _BUILD_FAILED = 3
-# What a disk, a root and a build take at the most, a build in memory.
+# What a disk, a root and a build take at the most, a build or a machine in memory.
 _ROOM, _MEMORY = 5 << 30, 3 << 30
+_TRIES, _PAUSE_SECONDS = 3, 10
+# What apt says where the package source did not answer, or was just being changed.
+_FETCHING_FAILED = re.compile(r"^E: (Failed to fetch|Unable to fetch|Some index files failed)", re.MULTILINE)
+# Words before a command that needs a root of its own.
+_INSIDE = [] if os.geteuid() == 0 else ["mmdebstrap", "--unshare-helper"]
 _UNUSED_SECONDS = 7 * 24 * 3600
+_running: set[subprocess.Popen] = set()
+_is_interrupted = threading.Event()
 _PACKAGES_OF_TOOLS = {"mmdebstrap": "mmdebstrap", "qemu-system-x86_64": "qemu-system-x86", "mke2fs": "e2fsprogs"}
 
 
 def check_possible() -> None:
-    """Raises CannotMake, with the reason, where no machine can be made."""
+    """Raises CannotMake, with the reason, where no machine can be made or run."""
     path = os.pathsep.join([os.environ.get("PATH", ""), "/usr/sbin", "/sbin"])
     missing = sorted(package for tool, package in _PACKAGES_OF_TOOLS.items() if not shutil.which(tool, path=path))
     if not os.path.exists(KEYRING):
@@ -37,6 +47,12 @@ def check_possible() -> None:
         missing.append("uidmap")
     if missing:
         raise CannotMake(f"these packages are missing: {' '.join(missing)}")
+    tried = subprocess.run([*_INSIDE, "unshare", "--mount", "true"], stdin=subprocess.DEVNULL, capture_output=True,
+                           text=True, env={**os.environ, "PATH": path})
+    if tried.returncode != 0:
+        reason = " ".join(tried.stderr.strip().splitlines()[-1:])
+        raise CannotMake(f"no namespace can be made ({reason})")
+    _check_memory()
 
 
 def machine_image(distribution: Distribution, say: Callable[[str], None]) -> pathlib.Path:
@@ -77,6 +93,18 @@ def programs(distribution: Distribution, say: Callable[[str], None]) -> pathlib.
         say(f"building the package and the lab's programs for {distribution.name}")
         _build(root / "root.tar", files, _folder() / f"{distribution.name}-ccache.tar", out)
     return _kept(f"{distribution.name}-programs-{key}", make)
+
+
+def all_of(distribution: Distribution, say: Callable[[str], None]) -> None:
+    """Makes all that a machine takes; what takes one core each at the same time."""
+    with concurrent.futures.ThreadPoolExecutor(2) as pool:
+        making = [pool.submit(machine_image, distribution, say), pool.submit(programs, distribution, say)]
+        try:
+            for each in concurrent.futures.as_completed(making):
+                each.result()
+        except BaseException:
+            _end_all()
+            raise
 
 
 def _folder() -> pathlib.Path:
@@ -124,6 +152,9 @@ def _check_room(folder: pathlib.Path) -> None:
     for place in (folder, pathlib.Path(tempfile.gettempdir())):
         if (free := shutil.disk_usage(place).free) < _ROOM:
             raise CannotMake(f"{place} has {free >> 20} MB left; {_ROOM >> 20} are needed")
+
+
+def _check_memory() -> None:
     available = int(re.search(r"MemAvailable: *(\d+)", pathlib.Path("/proc/meminfo").read_text())[1]) << 10
     if available < _MEMORY:
         raise CannotMake(f"{available >> 20} MB of memory are left; {_MEMORY >> 20} are needed")
@@ -158,8 +189,9 @@ def _mmdebstrap(distribution: Distribution, packages: list[str], out: pathlib.Pa
     with tempfile.NamedTemporaryFile("w", suffix=".list") as sources:
         sources.write("\n".join(distribution.sources()) + "\n")
         sources.flush()
-        _run(["mmdebstrap", f"--mode={mode}", "--variant=minbase", "--dpkgopt=force-unsafe-io",
-              f"--include={','.join(packages)}", *options, distribution.suite, str(out), sources.name])
+        _fetch(["mmdebstrap", f"--mode={mode}", "--variant=minbase", "--dpkgopt=force-unsafe-io",
+                '--aptopt=Acquire::Retries "3"', '--aptopt=Acquire::http::Timeout "30"',
+                f"--include={','.join(packages)}", *options, distribution.suite, str(out), sources.name])
 
 
 def _build(root: pathlib.Path, files: list[str], cache: pathlib.Path, out: pathlib.Path) -> None:
@@ -169,10 +201,9 @@ def _build(root: pathlib.Path, files: list[str], cache: pathlib.Path, out: pathl
         subprocess.run(["tar", "-c", "-f", sources, "--transform=s,^,src/,", "--owner=0", "--group=0",
                         "--files-from=-"], cwd=PROJECT, input="\n".join(files), text=True, check=True)
         archives = [root, sources, *([cache] if cache.exists() else [])]
-        inside = [] if os.geteuid() == 0 else ["mmdebstrap", "--unshare-helper"]
         result = pathlib.Path(folder) / "result.tar"
         with open(result, "wb") as archive:
-            _run([*inside, "unshare", "--mount", "sh", str(FOLDER / "build.sh"), *map(str, archives)],
+            _run([*_INSIDE, "unshare", "--mount", "sh", str(FOLDER / "build.sh"), *map(str, archives)],
                  stdout=archive)
         subprocess.run(["tar", "-x", "-f", result, "-C", folder, "--no-same-owner"], check=True)
         subprocess.run(["cp", "--recursive", f"{folder}/out/.", out], check=True)
@@ -181,9 +212,26 @@ def _build(root: pathlib.Path, files: list[str], cache: pathlib.Path, out: pathl
             cache.with_suffix(".new").rename(cache)
 
 
+def _fetch(command: list[str]) -> None:
+    """Runs what fetches packages, and once more where only the fetching has failed."""
+    for further in reversed(range(_TRIES)):
+        try:
+            return _run(command)
+        except CannotMake as reason:
+            if not further or not _FETCHING_FAILED.search(str(reason)):
+                raise
+        time.sleep(_PAUSE_SECONDS)
+
+
 def _run(command: list[str], stdout=None) -> None:
+    if _is_interrupted.is_set():
+        raise CannotMake("interrupted")
     with tempfile.TemporaryFile("w+") as log:
-        status = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=stdout or log, stderr=log).returncode
+        process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=stdout or log, stderr=log,
+                                   start_new_session=True)
+        _running.add(process)
+        status = process.wait()
+        _running.discard(process)
         if status == 0:
             return
         log.seek(0)
@@ -192,3 +240,13 @@ def _run(command: list[str], stdout=None) -> None:
         # The last line is the one that a summary shows: the first fault that apt named, or else the end.
         reason = next((line for line in told if line.startswith("E: ")), told[-1] if told else f"status {status}")
         raise kind(f"{''.join(told)}{command[0]} failed: {reason.strip()}")
+
+
+def _end_all() -> None:
+    """Ends what still makes something, with all that it has started, so that other threads come to their end."""
+    _is_interrupted.set()
+    for process in [*_running]:
+        for number, seconds in ((signal.SIGTERM, 30), (signal.SIGKILL, None)):
+            with contextlib.suppress(ProcessLookupError, subprocess.TimeoutExpired):
+                os.killpg(process.pid, number)
+                process.wait(seconds)
