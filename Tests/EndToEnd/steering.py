@@ -73,6 +73,7 @@ def _beside_vpns_and_firewalls(stage) -> None:
         _all_pass(stage, name)
         subprocess.run(["nft", "delete", "table", "inet", "obstacle"], check=True)
     _beside_ipsec(stage)
+    _beside_split_tunnel(stage)
     strict = pathlib.Path("/proc/sys/net/ipv4/conf/all/rp_filter")
     strict.write_text("1")
     # Looked at when the network changes next.
@@ -101,6 +102,28 @@ def _beside_ipsec(stage) -> None:
         subprocess.run(["ip", "xfrm", "policy", "delete", *policy], check=True)
     stage.checks.eventually("IPsec: without its policies there are none of ours", lambda: (not _policies(), _policies()))
     subprocess.run(["ip", "address", "delete", f"{own}/32", "dev", network.PHYSICAL], check=True)
+
+
+def _beside_split_tunnel(stage) -> None:
+    """One that has only some addresses, beside a firewall that lets only it out."""
+    subprocess.run(["ip", "tuntap", "add", "tun9", "mode", "tun"], check=True)
+    subprocess.run(["ip", "link", "set", "tun9", "up"], check=True)
+    subprocess.run(["nft", "table inet obstacle { chain out { type filter hook output priority 0;"
+                    " meta l4proto icmpv6 accept; oifname != { lo, tun9 } reject; }; }"], check=True)
+    for address in (stage.ipv4(), stage.ipv6()):
+        subprocess.run(["ip", "route", "add", address, "dev", "tun9"], check=True)
+        network.wait_until(lambda: _is_towards(address), f"the steered are led to {address} like others")
+        report = stage.courier.run("tally", address, 8080, "--bytes", 300_000)
+        stage.expect_physical(f"beside a split tunnel that alone may be used: {address}", report, address)
+    subprocess.run(["nft", "delete", "table", "inet", "obstacle"], check=True)
+    subprocess.run(["ip", "link", "delete", "tun9"], check=True)
+
+
+def _is_towards(address: str) -> bool:
+    """Whether a steered socket's packets are routed into the tunnel, as firewalls see it."""
+    family = "-6" if ":" in address else "-4"
+    table = subprocess.run(["ip", family, "route", "show", "table", "7697"], check=False, capture_output=True, text=True)
+    return f"{address} dev tun9" in table.stdout
 
 
 def _sources() -> str:

@@ -122,10 +122,11 @@ Result<> SteeringRoutes::updateFamily(int family, const std::vector<Uplink>& upl
     if (!present) return present.error();
     const auto chosen = preference(*present);
     if (!chosen) hasRoom = false;
-    const int tunnel = uplinks.empty() ? 0 : tunnelOfDefault(family, network);
     const auto main = uplinks.empty() ? Result<std::vector<Route>>(std::vector<Route>())
                                       : routesIn(family, RT_TABLE_MAIN);
     if (!main) return main.error();
+    const auto towards =
+        uplinks.empty() ? std::vector<Route>() : routesByTunnels(family, network, *main);
 
     std::vector<Route> wantedRoutes;
     std::vector<Rule> wantedRules;
@@ -135,8 +136,8 @@ Result<> SteeringRoutes::updateFamily(int family, const std::vector<Uplink>& upl
     for (const Uplink& uplink : uplinks) {
         appendNearRoutes(family, uplink, wantedRoutes, *main);
         appendOtherNetworks(uplink, wantedRoutes, *main, network);
-        const bool isTowardsTunnel = tunnel != 0 && uplink.reach(family).source;
-        if (isTowardsTunnel) appendRoutesTowards(tunnel, family, uplink, wantedRoutes);
+        const bool isTowardsTunnel = !towards.empty() && uplink.reach(family).source;
+        if (isTowardsTunnel) appendRoutesTowards(towards, family, uplink, wantedRoutes);
         addRule(marks.ofPacket(uplink.number), tableOf(uplink.number));
         addRule(marks.ofSocket(uplink.number),
                 isTowardsTunnel ? tableTowardsTunnel(uplink.number) : tableOf(uplink.number));
@@ -186,15 +187,15 @@ void SteeringRoutes::appendOtherNetworks(const Uplink& uplink, std::vector<Route
     }
 }
 
-// When the tunnel's device goes, its route goes with it, and the uplink's takes its place at once.
-void SteeringRoutes::appendRoutesTowards(int tunnel, int family, const Uplink& uplink,
-                                         std::vector<Route>& wanted) {
+// When a tunnel's device goes, its routes go with it, and the uplink's takes their place at once.
+void SteeringRoutes::appendRoutesTowards(const std::vector<Route>& towards, int family,
+                                         const Uplink& uplink, std::vector<Route>& wanted) {
     const std::uint32_t table = tableTowardsTunnel(uplink.number);
-    wanted.push_back({.family = family,
-                      .table = table,
-                      .source = uplink.reach(family).source->bytes,
-                      .metric = 1,
-                      .interfaceIndex = tunnel});
+    for (Route route : towards) {
+        route.table = table;
+        route.source = uplink.reach(family).source->bytes;
+        wanted.push_back(route);
+    }
     appendDefault(family, uplink, table, wanted);
 }
 
@@ -226,6 +227,22 @@ std::optional<std::uint32_t> SteeringRoutes::preference(const std::vector<Rule>&
     }
     if (ofOwnAddresses == lastResort) ofOwnAddresses = 0;
     return first > ofOwnAddresses + 1 ? std::optional(first - 1) : std::nullopt;
+}
+
+// Those of split tunnels, as they are in the main table, and one by the tunnel that has the default route.
+std::vector<SteeringRoutes::Route> SteeringRoutes::routesByTunnels(int family,
+                                                                   const NetworkState& network,
+                                                                   const std::vector<Route>& main) {
+    std::vector<Route> towards;
+    for (const Route& route : main) {
+        const auto interface =
+            std::ranges::find(network.interfaces, route.interfaceIndex, &NetworkInterface::index);
+        const bool isTunnel = interface != network.interfaces.end() && interface->isTunnel;
+        if (isTunnel && route.length > 1) towards.push_back(route);
+    }
+    if (const int tunnel = tunnelOfDefault(family, network); tunnel != 0)
+        towards.push_back({.family = family, .metric = 1, .interfaceIndex = tunnel});
+    return towards;
 }
 
 // The tunnel that unmarked packets to a far address take now; 0 if it is none.

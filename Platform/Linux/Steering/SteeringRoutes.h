@@ -3,7 +3,7 @@
 //     table of the uplink     its near routes and its default, both as in the main table, or the default
 //                             remembered where a VPN has deleted it; last of all "unreachable", so that
 //                             a lost route never falls through into the tunnel
-//     table towards tunnel    the tunnel, with the uplink's address as the source: what a firewall that
+//     table towards tunnel    the tunnels' routes, with the uplink's address as the source: what a firewall that
 //                             lets only the tunnel out may see of a socket with our mark. Where there is
 //                             no tunnel that rule leads to the uplink's table
 //
@@ -76,7 +76,9 @@ private:
                           const std::vector<Route>& main);
     void appendOtherNetworks(const Uplink& uplink, std::vector<Route>& wanted,
                              const std::vector<Route>& main, const NetworkState& network);
-    void appendRoutesTowards(int tunnel, int family, const Uplink& uplink,
+    std::vector<Route> routesByTunnels(int family, const NetworkState& network,
+                                       const std::vector<Route>& main);
+    void appendRoutesTowards(const std::vector<Route>& towards, int family, const Uplink& uplink,
                              std::vector<Route>& wanted);
     void appendDefault(int family, const Uplink& uplink, std::uint32_t table,
                        std::vector<Route>& wanted);
