@@ -48,11 +48,8 @@ def enter(script: pathlib.Path, build: pathlib.Path, arguments: list[str]) -> No
     except world.CannotEnter as reason:
         sys.exit(f"this cannot run here: {reason}")
     inside = world.PROJECT / script.resolve().relative_to(PROJECT)
-    command = world.command(PROJECT, build.resolve(), [sys.executable, str(inside), "--build", str(world.BUILD), *arguments])
-    # The kernel notes who opens a socket only for a daemon that sees all processes of the machine, as an installed
-    # one does.
-    of_processes = ("--pid", "--fork", "--kill-child=KILL", "--mount-proc")
-    os.execvpe("unshare", [word for word in command if word not in of_processes], world.environment())
+    world.enter(PROJECT, build.resolve(), [sys.executable, str(inside), "--build", str(world.BUILD), *arguments],
+                has_own_processes=False)
 
 
 def raise_descriptors() -> int:
@@ -75,16 +72,7 @@ def lab_network():
         subprocess.run(["g++", "-O2", "-std=c++17", "-o", str(LOADGEN), str(RELAY / "loadgen.cpp")], check=True)
         yield
     finally:
-        end_all()
-
-
-def end_all() -> None:
-    """Ends what still runs in the two network namespaces, which are ours alone."""
-    ours = {os.stat(place).st_ino for place in ("/proc/self/ns/net", network.SERVER) if os.path.exists(place)}
-    for pid in (int(name) for name in os.listdir("/proc") if name.isdigit()):
-        with contextlib.suppress(OSError):
-            if pid not in (os.getpid(), os.getppid()) and os.stat(f"/proc/{pid}/ns/net").st_ino in ours:
-                os.kill(pid, signal.SIGKILL)
+        network.end_all()
 
 
 def machine_cpu() -> float:

@@ -138,6 +138,13 @@ def make_ordinary(path: pathlib.Path, owner: int) -> Application:
     return Application(path, ordinary_identifier(path))
 
 
+def make_interpreter(name: str) -> pathlib.Path:
+    """The system's Python under a name of its own, by which rules know what it runs."""
+    path = world.APPLICATIONS / "bin" / name
+    shutil.copy(pathlib.Path("/usr/bin/python3").resolve(), path)
+    return path
+
+
 def _script(path: pathlib.Path, tool: Application) -> Application:
     """A shell script around a tool: the shell is what runs, the tool is what connects."""
     path.write_text(f'#!/bin/sh\n{tool.path} "$@"\nexit $?\n')

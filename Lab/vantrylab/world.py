@@ -73,13 +73,18 @@ def check_possible() -> None:
         raise CannotEnter(f"namespaces cannot be made: {reason}{hint}")
 
 
-def enter(project: pathlib.Path, build: pathlib.Path, program: list[str]) -> None:
+def enter(project: pathlib.Path, build: pathlib.Path, program: list[str], has_own_processes: bool = True) -> None:
     """Becomes the world's outer process, which runs `program` inside; never returns.
+
+    The kernel notes who opens a socket only for a daemon that sees all processes of the machine, as an installed one
+    does. A world for that has no process namespace: what it starts it has to end itself (`network.end_all`).
 
     The words of `program` are paths and options as they are inside, where the project and its
     build folder stand at PROJECT and BUILD.
     """
-    os.execvpe("unshare", command(project, build, program), environment())
+    of_processes = ("--pid", "--fork", "--kill-child=KILL", "--mount-proc")
+    words = [word for word in command(project, build, program) if has_own_processes or word not in of_processes]
+    os.execvpe("unshare", words, environment())
 
 
 def command(project: pathlib.Path, build: pathlib.Path, program: list[str]) -> list[str]:

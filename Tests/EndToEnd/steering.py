@@ -7,13 +7,32 @@ import signal
 import subprocess
 import time
 
-from vantrylab import host, network, verdicts
+from vantrylab import applications, host, network, verdicts, world
 from vantrylab.host import Rules
 
 COURIER = "com.example.courier"
 RULES = Rules(rules={COURIER: "direct", "com.example.ledger": "vpn"})
 ENDED = ("ECONNABORTED",)
 TABLE = ("inet", "vantry_steering")
+PEERS, GAME_PORT = 200, 40404
+GAME = f"""
+import contextlib, socket, time
+one = socket.socket(socket.AF_INET6, socket.SOCK_DGRAM)
+one.bind(("", {GAME_PORT}))
+end = time.monotonic() + 60
+while time.monotonic() < end:
+    for number in range(1, {PEERS} + 1):
+        with contextlib.suppress(OSError):
+            one.sendto(b"move", (f"2001:db8:100::1:{{number:x}}", 8080))
+        # The server is to keep up.
+        time.sleep(0.003)
+"""
+NEIGHBOUR = f"""
+import socket
+asking = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+asking.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton("{network.CLIENT_IPV4}"))
+asking.sendto(b"who is there", ("224.0.0.251", 5353))
+"""
 
 
 def run(stage) -> None:
@@ -184,6 +203,8 @@ def _datagrams(stage) -> None:
                              ("no rule stays", "chatter", 8080)):
         address = stage.ipv4()
         stage.expect_tunnel(what, stage.applications[name].run("datagram", address, port), address)
+    _a_game(stage)
+    _neighbours(stage)
     flow, address = _asking(stage)
     stage.apply(RULES.but(rules={COURIER: "vpn"}))
     _moved(stage, "a socket in use moves to the VPN with its rule", address, network.TUNNEL_IPV4)
@@ -200,6 +221,54 @@ def _datagrams(stage) -> None:
     address = stage.ipv4()
     network.wait_until(lambda: "system" in stage.health("directDatagrams"), "the preference is in force")
     stage.expect_tunnel("off again", stage.courier.run("datagram", address, 8080), address)
+
+
+def _a_game(stage) -> None:
+    """One socket with many peers moves with its rule."""
+    def apply(**rules):
+        stage.apply(RULES.but(**{"rules": {"game": "direct"}, **rules}))
+
+    def bytes_from(*clients) -> dict[str, int]:
+        return {each.server: each.bytesReceived for each in network.observations()
+                if each.clientPort == GAME_PORT and each.client in clients}
+
+    def all_go_on_from(client: str):
+        before = bytes_from(client)
+        time.sleep(1.5)
+        after = bytes_from(client)
+        going_on = sum(after[peer] > before.get(peer, 0) for peer in after)
+        return going_on == PEERS, f"{going_on} of {len(after)} peers"
+
+    def none_goes_on_from(*clients):
+        before = bytes_from(*clients)
+        time.sleep(1.5)
+        return bytes_from(*clients) == before, "datagrams"
+    apply()
+    game = subprocess.Popen([str(applications.make_interpreter("game")), "-c", GAME], user=world.PERSON if
+                            world.is_root_world() else None)
+    stage.checks.eventually(f"a game's {PEERS} peers are reached directly", lambda: all_go_on_from(network.CLIENT_IPV6), seconds=10)
+    apply(rules={"game": "vpn"})
+    stage.checks.eventually("with its rule all move to the VPN", lambda: all_go_on_from(network.TUNNEL_IPV6), seconds=10)
+    stage.checks.check("and none stays", *none_goes_on_from(network.CLIENT_IPV6))
+    apply(blockedApps=("game",))
+    stage.checks.eventually("a block ends all", lambda: none_goes_on_from(network.CLIENT_IPV6, network.TUNNEL_IPV6))
+    game.kill()
+    game.wait()
+    stage.apply(RULES)
+
+
+def _neighbours(stage) -> None:
+    """What is for the neighbours on the link is no rule's business."""
+    subprocess.run(network.in_server(["nft", "table inet near { chain arriving { type filter hook prerouting priority -290;"
+                                      f" iifname net0 ip saddr {network.CLIENT_IPV4} ip daddr 224.0.0.251 udp dport 5353"
+                                      " counter; }; }"]), check=True)
+    for rule in ("direct", "vpn"):
+        stage.apply(RULES.but(rules={"game": rule}))
+        subprocess.run([str(world.APPLICATIONS / "bin" / "game"), "-c", NEIGHBOUR], check=True,
+                       user=world.PERSON if world.is_root_world() else None)
+    listed = subprocess.run(network.in_server(["nft", "list", "table", "inet", "near"]), capture_output=True, text=True)
+    stage.checks.check("multicast on the link arrives, whatever the rule", "packets 2 " in listed.stdout, listed.stdout)
+    stage.apply(RULES)
 
 
 def _asking(stage):

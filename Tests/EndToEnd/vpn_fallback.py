@@ -2,6 +2,7 @@
 
 import subprocess
 
+import flapping
 from vantrylab import network
 from vantrylab.host import Rules
 from vantrylab.verdicts import ENDED
@@ -27,8 +28,9 @@ def run(stage) -> None:
     address = stage.ipv4()
     stage.expect_tunnel("the VPN is back", stage.ledger.run("connect", address, 80), address)
     _comes_by_policy(stage)
-    stage.stop_daemon()
     network.vpn_down()
+    _flaps(stage)
+    stage.stop_daemon()
 
 
 def _watched_connections_end(stage) -> None:
@@ -70,6 +72,15 @@ def _watched_connections_go_on(stage) -> None:
     stage.apply(DOWN.but(vpnFallback="allow"))
     for each in running:
         stage.expect_untouched("VPN down, fallback allow: what runs goes on", each)
+
+
+def _flaps(stage) -> None:
+    """A few of what Tests/Flaps plays a hundred times."""
+    stage.apply(flapping.RULES)
+    for name in ("wg-quick", "openvpn killed"):
+        outcome = flapping.play(flapping.VPNS[name](), 3, lambda _: None, "lasting")
+        stage.checks.check(f"{name} flaps: much goes through the tunnel", outcome.through_tunnel > 100, outcome)
+        stage.checks.equal(f"{name} flaps: nothing in the clear", outcome.sent_in_clear, [])
 
 
 def _is_guarded() -> bool:
