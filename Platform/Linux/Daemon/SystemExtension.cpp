@@ -17,6 +17,7 @@
 #include "Platform/Linux/Health/Health.h"
 #include "Platform/Linux/HostChannel/HostChannel.h"
 #include "Platform/Linux/HostChannel/Preferences.h"
+#include "Platform/Linux/LastWords.h"
 #include "Platform/Linux/Logging/LogStore.h"
 #include "Platform/Linux/Network/StoredRoutes.h"
 #include "Platform/Linux/PlatformLog.h"
@@ -212,6 +213,7 @@ void runExtension() {
 
 void NEProvider::startSystemExtensionMode() {
     answerArguments();
+    endInWordsWhereRefused();
     closedLast::keepFree();
     // Every thread inherits this: only the one that waits for them sees these signals.
     const sigset_t signals = endSignals();

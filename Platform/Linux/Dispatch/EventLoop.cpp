@@ -6,17 +6,18 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <thread>
+
+#include "Platform/Linux/LastWords.h"
 
 namespace platform {
 namespace {
 
 thread_local EventLoop* loopOfThread = nullptr;
 
-// Without its own descriptors the process cannot begin; there is no one to report to yet.
-FileDescriptor orAbort(int descriptor) {
-    if (descriptor < 0) std::abort();
+// Without loops of events the process cannot begin.
+FileDescriptor orEnd(int descriptor) {
+    if (descriptor < 0) endForLackOf("an event loop", errno);
     return FileDescriptor(descriptor);
 }
 
@@ -37,13 +38,15 @@ void signalEvent(int descriptor) {
 
 EventLoop::EventLoop(SharedWork& work)
     : sharedWork(work),
-      epoll(orAbort(::epoll_create1(EPOLL_CLOEXEC))),
-      wakeUp(orAbort(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))) {
+      epoll(orEnd(::epoll_create1(EPOLL_CLOEXEC))),
+      wakeUp(orEnd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))) {
     // Reported once for each write, so that no one needs to read the counter.
     epoll_event event{EPOLLIN | EPOLLET, {.ptr = nullptr}};
-    if (::epoll_ctl(epoll.get(), EPOLL_CTL_ADD, wakeUp.get(), &event) != 0) std::abort();
+    if (::epoll_ctl(epoll.get(), EPOLL_CTL_ADD, wakeUp.get(), &event) != 0)
+        endForLackOf("a watch for events", errno);
     event = {EPOLLIN | EPOLLEXCLUSIVE, {.ptr = &sharedWork}};
-    if (::epoll_ctl(epoll.get(), EPOLL_CTL_ADD, sharedWork.descriptor(), &event) != 0) std::abort();
+    if (::epoll_ctl(epoll.get(), EPOLL_CTL_ADD, sharedWork.descriptor(), &event) != 0)
+        endForLackOf("a watch for events", errno);
 }
 
 EventLoop* EventLoop::current() { return loopOfThread; }
@@ -176,7 +179,7 @@ void EventLoop::waitForEvents() {
 }
 
 SharedWork::SharedWork()
-    : available(orAbort(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE))) {}
+    : available(orEnd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE))) {}
 
 void SharedWork::add(Completion<> work) {
     {
