@@ -40,13 +40,15 @@ class Daemon:
     _UNREAD_BYTES = 4096
 
     def __init__(self, descriptors: int | None = None, environment: dict[str, str] | None = None,
-                 is_read: bool = True):
+                 is_read: bool = True, around: list[str] | None = None):
         """With a number of descriptors it never gets more than those; variables come on top of ours.
+
+        A program around it has to become the daemon, with the same process.
 
         Unless it is read, the log goes to a pipe that is soon full, and has no lines to be asked for.
         """
         limited = [] if descriptors is None else ["prlimit", f"--nofile={descriptors}"]
-        self.process = subprocess.Popen([*limited, str(PROGRAM)], stdin=subprocess.DEVNULL,
+        self.process = subprocess.Popen([*limited, *(around or []), str(PROGRAM)], stdin=subprocess.DEVNULL,
                                         stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
                                         errors="replace", env={**_environment(), **(environment or {})})
         self._lines: list[Line] = []
