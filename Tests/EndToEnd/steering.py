@@ -46,6 +46,7 @@ def run(stage) -> None:
     _like_the_applications_own(stage)
     _beside_vpns_and_firewalls(stage)
     _rules_change(stage)
+    _hanging_in_a_dead_vpn(stage)
     _datagrams(stage)
     _removed_by_others(stage)
     _no_way(stage)
@@ -174,6 +175,25 @@ def _rules() -> str:
 
 def _is_first_rule(preference: int) -> bool:
     return _rules().splitlines()[1].startswith(f"{preference}:")
+
+
+def _hanging_in_a_dead_vpn(stage) -> None:
+    """An opening that is sent again goes the way that the rule says by then."""
+    address = stage.ipv4()
+    # After the connection has its entry.
+    subprocess.run(["nft", f"table netdev dead {{ chain out {{ type filter hook egress device {network.tunnel_device()}"
+                    f" priority 0; ip daddr {address} counter drop; }}; }}"], check=True)
+    hanging = stage.ledger.start("connect", address, 80, "--patience", 15)
+    stage.checks.eventually("its opening has gone into the tunnel",
+                            lambda: ("packets 0 " not in _dead(), _dead()))
+    stage.apply(RULES.but(rules={"com.example.ledger": "direct"}))
+    stage.expect_physical("a program that hangs in a dead VPN goes on when it is direct", hanging.finish(), address)
+    stage.apply(RULES)
+    subprocess.run(["nft", "delete", "table", "netdev", "dead"], check=True)
+
+
+def _dead() -> str:
+    return subprocess.run(["nft", "list", "table", "netdev", "dead"], check=True, capture_output=True, text=True).stdout
 
 
 def _rules_change(stage) -> None:

@@ -207,13 +207,7 @@ PacketVerdict FlowDecisions::packetVerdict(const Occasion& occasion, const Verdi
     if (verdict.state == FlowState::unseen) return PacketVerdict::pass(packet);
     if (isDatagram(packet) && !countsForItsFlow(packet, verdict))
         return PacketVerdict::of(packet, FlowState::passedUnseen);
-    if (packet.purpose == PacketPurpose::newFlow && packet.isOfClaimed &&
-        !isClaimed(verdict.state)) {
-        // The connection that was there is redirected for good: it goes, and the opening comes again.
-        const MutexGuard guard(entriesLock);
-        if (entries) entries->remove(packet.flow);
-        return PacketVerdict::drop(packet);
-    }
+    if (beginsAfresh(packet, verdict)) return PacketVerdict::drop(packet);
     if (isClaimed(verdict.state)) return PacketVerdict::of(packet, verdict.state, verdict.uplink);
     if (verdict.state != FlowState::declined) return PacketVerdict::of(packet, verdict.state);
     if (!isSettledSince(occasion.ruleChanges)) {
@@ -225,12 +219,23 @@ PacketVerdict FlowDecisions::packetVerdict(const Occasion& occasion, const Verdi
     return PacketVerdict::of(packet, FlowState::declined, generation);
 }
 
+// An entry keeps for good how its first packet was translated. Where an opening that meets one is to go another
+// way the entry goes, and the opening comes again. A fresh opening has no entry yet.
+bool FlowDecisions::beginsAfresh(const HeldPacket& packet, const Verdict& verdict) {
+    if (packet.purpose != PacketPurpose::newFlow || packet.isOfClaimed == isClaimed(verdict.state))
+        return false;
+    const MutexGuard guard(entriesLock);
+    const bool isGone = entries && entries->remove(packet.flow);
+    return isGone || packet.isOfClaimed;
+}
+
 // Only the first packet of an entry is translated: one that was something else before goes, and the next
 // datagram begins another.
 PacketVerdict FlowDecisions::steeredDatagram(const Occasion& occasion, const Verdict& verdict) {
     const HeldPacket& packet = occasion.packet;
     if (verdict.isDropped) return PacketVerdict::drop(packet);
-    if (isCurrent(occasion, verdict) && packet.purpose != PacketPurpose::offeredAgain) {
+    const bool isFirst = packet.purpose == PacketPurpose::newFlow || packet.isOfClaimed;
+    if (isCurrent(occasion, verdict) && isFirst) {
         countsForItsFlow(packet, verdict);
         return PacketVerdict::of(packet, verdict.state, verdict.uplink);
     }

@@ -122,6 +122,7 @@ private:
     std::optional<Verdict> verdictOnDatagram(const Occasion& occasion, const Source& source,
                                              bool isWatched);
     bool isCurrent(const Occasion& occasion, const Verdict& verdict) const;
+    bool beginsAfresh(const HeldPacket& packet, const Verdict& verdict);
     PacketVerdict steeredDatagram(const Occasion& occasion, const Verdict& verdict);
     unsigned uplinkOf(const FlowTuple& flow);
     NEFilterNewFlowVerdict offerToFilter(const NEFilterSocketFlow& flow, const Offers& asked);

@@ -131,10 +131,9 @@ Result<std::vector<FlowTuple>> ConnectionEntries::flowsWith(
     return flows;
 }
 
-void ConnectionEntries::remove(const FlowTuple& flow) {
+bool ConnectionEntries::remove(const FlowTuple& flow) {
     auto request = requestAbout(flow, CTA_TUPLE_ORIG, IPCTNL_MSG_CT_DELETE);
-    // It may have ended by itself.
-    static_cast<void>(socket.request(request));
+    return static_cast<bool>(socket.request(request));
 }
 
 std::vector<FlowTuple> ConnectionEntries::removeDatagramsFrom(std::uint16_t port) {

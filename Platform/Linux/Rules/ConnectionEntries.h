@@ -35,7 +35,7 @@ public:
         const std::function<bool(std::uint32_t mark)>& isMeant);
 
     // Removes the entry of an outbound flow. Its next packet counts as the first of a new one.
-    void remove(const FlowTuple& flow);
+    bool remove(const FlowTuple& flow);
     // Removes those of all datagrams from a port of this machine, and gives their flows.
     std::vector<FlowTuple> removeDatagramsFrom(std::uint16_t port);
     // Removes those of all datagrams whose mark is meant.
