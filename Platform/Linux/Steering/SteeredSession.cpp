@@ -111,6 +111,7 @@ void SteeredSession::failOpening(const NSError& error) {
 }
 
 void SteeredSession::socketChanged(const SteeredSocket& seen) {
+    if (becomesHeldBack(seen)) socket->holdBack();
     const Turn turn(*this);
     if (seen.isEstablished != 0 && state == State::connecting) {
         state = State::established;
@@ -127,6 +128,12 @@ void SteeredSession::socketChanged(const SteeredSocket& seen) {
         case State::over:
             return;
     }
+}
+
+// Held back while there was no entry yet to say so.
+bool SteeredSession::becomesHeldBack(const SteeredSocket& seen) {
+    const MutexGuard guard(lock);
+    return seen.isEstablished != 0 && state == State::connecting && isHeldBack;
 }
 
 void SteeredSession::networkLost() {

@@ -118,6 +118,7 @@ private:
     enum class State { offered, waiting, connecting, established, over };
     class Turn;
 
+    bool becomesHeldBack(const SteeredSocket& seen);
     Verdict verdict() const REQUIRES(lock);
     void follow(Way found) REQUIRES(lock);
     void end(int error, bool isTold) REQUIRES(lock);

@@ -38,6 +38,7 @@ using Clock = std::chrono::steady_clock;
 
 // However many reports come, routes and rules are looked at no closer together than this.
 constexpr std::chrono::milliseconds betweenLooks{20};
+constexpr std::chrono::milliseconds betweenTries{1000};
 
 int otherFamily(int family) { return family == AF_INET ? AF_INET6 : AF_INET; }
 
@@ -158,6 +159,7 @@ private:
     void sayOfPolicies(const Result<>& put);
     bool putTableInForce(bool hasChanged);
     void sayWhatIsMissing(bool isTableInForce, bool areAnswersTaken);
+    void sayWhatIsRefused(const std::string& refused);
     void endThoseWithoutNetwork();
     std::vector<Claim> allClaims();
 
@@ -168,6 +170,7 @@ private:
     StrictFilter strictFilter;
     netlink::Socket ruleEvents;
     bool isLookDue = false;
+    bool isRouteRefused = false;  // at the last look
     Clock::time_point nextLook;
     // The monitor's thread may just be waking us when we go.
     const std::shared_ptr<const FileDescriptor> wakeUp =
@@ -187,6 +190,8 @@ private:
                                  "Direct connections lack rules"};
     health::Problem ipsecProblem{health::Place::steering, "ipsecPolicies",
                                  "Direct connections may go into IPsec tunnels"};
+    health::Problem routesProblem{health::Place::steering, "steeringRoutes",
+                                  "Routes of direct connections are refused"};
     health::Gauge connections{health::Place::steering, "steeredConnections",
                               "Direct connections carried by the kernel", [this] {
                                   const MutexGuard guard(lock);
@@ -360,10 +365,8 @@ void Steering::Work::followNetwork() {
         const MutexGuard guard(lock);
         published = std::make_shared<const std::vector<Uplink>>(known.all());
     }
-    // What is refused is something that has just changed, of which there will be another report.
-    if (const auto updated = routes->update(known.all(), *network); !updated)
-        platformLog.debug("The routes of direct connections wait for the network: %{public}s",
-                          updated.error().text());
+    const auto updated = routes->update(known.all(), *network);
+    const std::string refused = updated ? "" : updated.error().text();
     if (policies) policies = ipsec.exempt(known.all());
     sayOfPolicies(policies);
     bool areAnswersTaken = true;
@@ -371,6 +374,7 @@ void Steering::Work::followNetwork() {
         areAnswersTaken &= strictFilter.letMarksCount(uplink.name);
     const bool isTableInForce = putTableInForce(before != known.all());
     sayWhatIsMissing(isTableInForce, areAnswersTaken);
+    sayWhatIsRefused(refused);
     if (!hasNumbers) platformLog.error("There are more physical interfaces than can be used");
     endThoseWithoutNetwork();
     if (before != known.all()) forgetDatagrams();
@@ -411,6 +415,21 @@ void Steering::Work::sayWhatIsMissing(bool isTableInForce, bool areAnswersTaken)
     } else if (rulesProblem.begin(missing)) {
         platformLog.error("Direct connections lack rules: %{public}s", missing);
     }
+}
+
+// As a rule it is something that has just changed, of which there is another report at once.
+void Steering::Work::sayWhatIsRefused(const std::string& refused) {
+    const bool isAgain = std::exchange(isRouteRefused, !refused.empty());
+    if (refused.empty()) {
+        if (routesProblem.end())
+            platformLog.info("The routes of direct connections are there again");
+        return;
+    }
+    isLookDue = true;
+    nextLook = Clock::now() + betweenTries;
+    if (isAgain && routesProblem.begin(refused))
+        platformLog.error(
+            "The routes of direct connections are refused and tried again: %{public}s", refused);
 }
 
 void Steering::Work::endThoseWithoutNetwork() {
