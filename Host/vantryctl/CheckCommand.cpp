@@ -45,9 +45,10 @@ Finding checkGroup() {
 Findings findings() {
     Findings all = checkKernel();
     const auto append = [&](Findings more) { std::ranges::move(more, std::back_inserter(all)); };
-    append({checkConnectionTracking(), checkControlGroups(), checkReversePathFilters()});
+    const auto network = platform::NetworkMonitor::shared().state();
+    append({checkConnectionTracking(), checkControlGroups(), checkReversePathFilters(*network)});
     append(checkOtherRules());
-    append({checkUplink(*platform::NetworkMonitor::shared().state()), checkGroup()});
+    append({checkUplink(*network), checkFamilies(), checkGroup()});
     return all;
 }
 

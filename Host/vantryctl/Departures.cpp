@@ -4,11 +4,15 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <array>
+
 #include "Host/settings/Documents.h"
 #include "Host/vantryctl/Daemon.h"
 #include "Host/vantryctl/Destination.h"
 #include "Host/vantryctl/TunnelSockets.h"
 #include "Platform/Linux/Network/NetworkMonitor.h"
+#include "Platform/Linux/Network/RememberedRoutes.h"
 
 namespace vantryctl {
 
@@ -38,6 +42,43 @@ JSONObject questionAbout(const FlowTuple& flow) {
             {"interface", std::int64_t{flow.outputInterface}}};
 }
 
+struct Prefix {
+    int family;
+    const char* address;
+    int length;
+};
+constexpr std::array<Prefix, 12> nearPrefixes{{{AF_INET, "10.0.0.0", 8},
+                                               {AF_INET, "100.64.0.0", 10},
+                                               {AF_INET, "127.0.0.0", 8},
+                                               {AF_INET, "169.254.0.0", 16},
+                                               {AF_INET, "172.16.0.0", 12},
+                                               {AF_INET, "192.168.0.0", 16},
+                                               {AF_INET, "224.0.0.0", 4},
+                                               {AF_INET, "255.255.255.255", 32},
+                                               {AF_INET6, "::1", 128},
+                                               {AF_INET6, "fc00::", 7},
+                                               {AF_INET6, "fe80::", 10},
+                                               {AF_INET6, "ff00::", 8}}};
+
+// Private, of the link, or to many; or on the link of one of the machine's interfaces.
+bool isNear(const Destination& destination) {
+    const int family = destination.host.find(':') == std::string::npos ? AF_INET : AF_INET6;
+    std::array<std::uint8_t, 16> address{};
+    if (inet_pton(family, destination.host.c_str(), address.data()) != 1) return false;
+    const auto covers = [&](const platform::InterfaceAddress& network) {
+        return network.family == family && platform::isOnLinkOf(network, address);
+    };
+    const bool isAlwaysNear = std::ranges::any_of(nearPrefixes, [&](const Prefix& prefix) {
+        platform::InterfaceAddress network{.family = prefix.family, .prefixLength = prefix.length};
+        inet_pton(prefix.family, prefix.address, network.bytes.data());
+        return covers(network);
+    });
+    const auto state = platform::NetworkMonitor::shared().state();
+    return isAlwaysNear || std::ranges::any_of(state->interfaces, [&](const auto& interface) {
+               return !interface.isTunnel && std::ranges::any_of(interface.addresses, covers);
+           });
+}
+
 Departure judged(const DepartingFlow& departing, const std::string& route,
                  const std::set<std::string>& tunnels) {
     const bool isInTunnel = tunnels.contains(departing.interface);
@@ -47,6 +88,8 @@ Departure judged(const DepartingFlow& departing, const std::string& route,
     if (route == "blocked") return Departure::leaked;
     if (route == "direct") return isInTunnel ? Departure::inTunnel : Departure::right;
     if (isInTunnel) return Departure::right;
+    if (isTunnelsOwn(departing.flow)) return Departure::tunnelsOwn;
+    if (belongsInTunnel(destinationOf(departing.flow), tunnels)) return Departure::leaked;
     // What is near, or outside of a tunnel for some networks only, leaves here by the system's own route.
     const bool isSystemsRoute =
         interfaceTowards(destinationOf(departing.flow)) == departing.interface;
@@ -69,6 +112,12 @@ const char* wordFor(Departure departure) {
             return "IN THE TUNNEL";
     }
     return "";
+}
+
+bool belongsInTunnel(const Destination& destination, const std::set<std::string>& tunnels) {
+    const bool hasDefault =
+        tunnels.contains(interfaceTowards(farIPv4)) || tunnels.contains(interfaceTowards(farIPv6));
+    return hasDefault && !isNear(destination);
 }
 
 std::set<std::string> tunnelNames() {

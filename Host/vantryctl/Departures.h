@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "Host/vantryctl/Destination.h"
 #include "Host/vantryctl/PacketWatch.h"
 
 namespace vantryctl {
@@ -27,6 +28,14 @@ struct Left {
 };
 
 std::set<std::string> tunnelNames();
+
+// Where the default routes lead, to addresses that no machine has (RFC 5737, RFC 3849).
+inline const Destination farIPv4{"203.0.113.9", 443};
+inline const Destination farIPv6{"2001:db8:ffff::9", 443};
+
+// Whether a VPN that is up is expected to carry what goes there: it has a default route, be it of one family only,
+// and the place is not near.
+bool belongsInTunnel(const Destination& destination, const std::set<std::string>& tunnels);
 
 class Departures {
 public:

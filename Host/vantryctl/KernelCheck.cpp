@@ -174,7 +174,7 @@ Finding tableFinding(const Probes& found) {
     if (found.wholeTable == 0) return {"packet rules", Verdict::good, "all can be installed", ""};
     return {"packet rules", Verdict::missing,
             "they cannot be installed: " + reasonOf(found.wholeTable),
-            "modprobe nf_tables nft_ct nft_redir nft_reject_inet nf_conntrack; a kernel of 5.12 or "
+            "modprobe nf_tables nft_ct nft_redir nft_reject_inet nf_conntrack; a kernel of 5.16 or "
             "later is needed"};
 }
 

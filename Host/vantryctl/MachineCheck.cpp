@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "Host/vantryctl/Departures.h"
 #include "Platform/Linux/Rules/MarkPlaces.h"
 
 namespace vantryctl {
@@ -36,17 +37,23 @@ bool isControlGroupTree(const char* path) {
     return statfs(path, &status) == 0 && status.f_type == CGROUP2_SUPER_MAGIC;
 }
 
-std::vector<std::string> interfacesWithStrictFilter() {
-    const long everywhere = numberIn(std::string(filterFolder) + "/all/rp_filter").value_or(0);
+// Of the interface, or what counts for all of them if that is more.
+long filterSetting(const std::string& interface, const std::string& setting) {
+    const auto valueOf = [&](const std::string& name) {
+        return numberIn(std::string(filterFolder) + "/" + name + "/" + setting).value_or(0);
+    };
+    return std::max(valueOf("all"), valueOf(interface));
+}
+
+// Ways out on which the filter is strict and does not look at marks, as the daemon has it do for what the kernel
+// carries.
+std::vector<std::string> uplinksWithStrictFilter(const platform::NetworkState& state) {
     std::vector<std::string> names;
-    std::error_code none;
-    for (const auto& entry : std::filesystem::directory_iterator(filterFolder, none)) {
-        const std::string name = entry.path().filename();
-        if (name == "all" || name == "default" || name == "lo") continue;
-        const long own = numberIn(entry.path() / "rp_filter").value_or(0);
-        if (std::max(everywhere, own) == 1) names.push_back(name);
-    }
-    std::ranges::sort(names);
+    for (const auto& interface : state.interfaces)
+        if (!interface.isTunnel && interface.isAvailable() &&
+            filterSetting(interface.name, "rp_filter") == 1 &&
+            filterSetting(interface.name, "src_valid_mark") == 0)
+            names.push_back(interface.name);
     return names;
 }
 
@@ -125,17 +132,35 @@ Finding checkControlGroups() {
             "Boot with systemd.unified_cgroup_hierarchy=1."};
 }
 
-Finding checkReversePathFilters() {
-    const auto names = interfacesWithStrictFilter();
+Finding checkReversePathFilters(const platform::NetworkState& state) {
+    const auto names = uplinksWithStrictFilter(state);
     if (names.empty())
         return {"reverse path", Verdict::good, "no strict filter drops direct replies", ""};
     return {
         "reverse path", Verdict::warning,
         fmt::format("strict filtering on {}: replies to direct connections are dropped while the "
-                    "VPN is up",
+                    "VPN is up, unless the kernel carries them (vantryctl status)",
                     fmt::join(names, ", ")),
-        "For the physical interface: sysctl -w net.ipv4.conf.NAME.rp_filter=2 (and of all, if "
-        "that is 1)"};
+        "If the daemon relays them: sysctl -w net.ipv4.conf.NAME.rp_filter=2 (and of all, if that "
+        "is 1)"};
+}
+
+Finding checkFamilies() {
+    const auto tunnels = tunnelNames();
+    const auto ipv4 = interfaceTowards(farIPv4);
+    const auto ipv6 = interfaceTowards(farIPv6);
+    const bool isBeside =
+        !ipv4.empty() && !ipv6.empty() && tunnels.contains(ipv4) != tunnels.contains(ipv6);
+    if (!isBeside) return {"families", Verdict::good, "IPv4 and IPv6 go the same way", ""};
+    const bool isIPv6 = tunnels.contains(ipv4);
+    const std::string family = isIPv6 ? "IPv6" : "IPv4";
+    const auto& interface = isIPv6 ? ipv6 : ipv4;
+    return {
+        "families", Verdict::warning,
+        fmt::format("{} does not go through the VPN: it leaves by {}, also that of applications "
+                    "with a rule for the VPN",
+                    family, interface),
+        fmt::format("Have the VPN carry {}, or turn it off on {}.", family, interface)};
 }
 
 Finding checkUplink(const platform::NetworkState& state) {

@@ -12,7 +12,9 @@ namespace vantryctl {
 
 Finding checkConnectionTracking();
 Finding checkControlGroups();
-Finding checkReversePathFilters();
+Finding checkReversePathFilters(const platform::NetworkState& state);
+// Whether the VPN that is up carries both families.
+Finding checkFamilies();
 Finding checkUplink(const platform::NetworkState& state);
 // The rules of others, as nft prints them: what redirects at our hook, what leaves connections
 // untracked. And whether a byte of the mark is free.

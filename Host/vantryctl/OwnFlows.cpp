@@ -31,8 +31,6 @@ using std::chrono::milliseconds;
 
 namespace {
 
-constexpr const char* exampleIPv4 = "203.0.113.9";
-constexpr const char* exampleIPv6 = "2001:db8:ffff::9";
 constexpr std::uint16_t portOfHTTPS = 443;
 // What leaves at all leaves within this; a service manager may have to make the group first.
 constexpr milliseconds longestLook{3000};
@@ -46,9 +44,15 @@ bool isIPv6(const Destination& destination) {
     return destination.host.find(':') != std::string::npos;
 }
 
-// How a flow is to leave: by this interface, by any physical one, or not at all.
+// How a flow is to leave: by this interface, by a tunnel, by any physical one, or not at all.
 struct Expectation {
-    enum class Leaves { bySystemsRoute, directly, notAtAll, unknown } leaves = Leaves::unknown;
+    enum class Leaves {
+        bySystemsRoute,
+        byTunnel,
+        directly,
+        notAtAll,
+        unknown
+    } leaves = Leaves::unknown;
     std::string interface;
     std::string reason;  // of `unknown`
 };
@@ -90,13 +94,14 @@ bool areDatagramsDirect(const std::string& identifier, const Destination& destin
 }
 
 Expectation expectationFor(const OwnFlow& flow, const std::string& identifier,
-                           const StoredSettings& stored) {
+                           const StoredSettings& stored, const std::set<std::string>& tunnels) {
     const auto way = flow.way;
     const bool isDatagram = flow.isDatagram;
     const auto& destination = flow.to;
     if (way == Way::blocked) return {Leaves::notAtAll, "", ""};
     if (way == Way::vpn && isHeldBack(stored, isDatagram, destination))
         return {Leaves::notAtAll, "", ""};
+    if (way == Way::vpn && belongsInTunnel(destination, tunnels)) return {Leaves::byTunnel, "", ""};
     if (way == Way::vpn || (isDatagram && !areDatagramsDirect(identifier, destination)))
         return bySystemsRoute(destination);
     if (hasPhysicalWay(destination)) return {Leaves::directly, "", ""};
@@ -115,6 +120,9 @@ void judge(OwnFlow& flow, const Expectation& expected, const std::set<std::strin
         case Leaves::bySystemsRoute:
             return find(left == std::set{expected.interface},
                         fmt::format("it was to leave by {}", expected.interface));
+        case Leaves::byTunnel:
+            return find(!left.empty() && std::ranges::includes(tunnels, left),
+                        "it was to leave by the tunnel");
         case Leaves::directly:
             return find(!left.empty() &&
                             std::ranges::none_of(
@@ -231,7 +239,8 @@ std::vector<OwnFlow> flowsBy(Way way, const std::vector<Destination>& destinatio
     const bool hasRun = attempt.finish();
     const auto& stored = std::get<StoredSettings>(loaded);
     for (auto& flow : attempt.flows)
-        judge(flow, expectationFor(flow, command.identifier, stored), around.departures.tunnels());
+        judge(flow, expectationFor(flow, command.identifier, stored, around.departures.tunnels()),
+              around.departures.tunnels());
     const auto ended = endRuleOf(command);
     if (const auto* failure = failureOf(ended)) return notTried(way, destinations, failure->what);
     if (!hasRun) return notTried(way, destinations, "the flows could not be made");
@@ -260,9 +269,8 @@ FileDescriptor connecting(const std::string& host, const std::string& port, int 
 
 std::vector<Destination> harmlessDestinations() {
     std::vector<Destination> destinations;
-    for (const char* host : {exampleIPv4, exampleIPv6})
-        if (Destination each{host, portOfHTTPS}; !interfaceTowards(each).empty())
-            destinations.push_back(std::move(each));
+    for (const Destination& each : {farIPv4, farIPv6})
+        if (!interfaceTowards(each).empty()) destinations.push_back(each);
     return destinations;
 }
 

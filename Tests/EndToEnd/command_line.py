@@ -321,7 +321,7 @@ def _machine(stage) -> None:
     checked = _use_tool("check", "--json")
     stage.checks.equal("check finds all that the daemon needs", checked.returncode, 0)
     verdicts = {each["subject"]: each["verdict"] for each in json.loads(checked.stdout)["findings"]}
-    stage.checks.check("check answers for every subject", len(verdicts) == 15, checked.stdout)
+    stage.checks.check("check answers for every subject", len(verdicts) == 16, checked.stdout)
     stage.checks.equal("check says that programs of a process namespace are not noted",
                        verdicts.get("naming programs"), "warning")
     stage.checks.equal("check finds no rules that clash with ours", verdicts.get("redirects"), "good")
