@@ -105,6 +105,13 @@ def _the_tunnel_goes_unannounced(stage) -> None:
         address = next_address()
         stage.ledger.run(words, address, 8080, "--patience", 0.5)
         stage.expect_nothing_arrived(f"the tunnel is gone, unsaid: {words} to {address}", address)
+    # Such a route may have come from the server that gives out addresses.
+    address = stage.ipv4()
+    prefix = address.rpartition(".")[0] + ".0/24"
+    subprocess.run(["ip", "route", "add", prefix, "via", network.GATEWAY_IPV4, "proto", "dhcp"], check=True)
+    stage.ledger.run("connect", address, 8080, "--patience", 0.5)
+    stage.expect_nothing_arrived(f"the tunnel is gone, unsaid: connect by a route to {prefix}", address)
+    subprocess.run(["ip", "route", "delete", prefix], check=True)
     address = stage.ipv4()
     stage.expect_physical(f"the tunnel is gone, unsaid: no rule at {address}",
                           stage.nobody.run("connect", address, 80), address)
