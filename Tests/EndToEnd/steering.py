@@ -1,6 +1,8 @@
 """Direct connections that the kernel carries: they are the application's own, beside whatever VPNs and
 firewalls do, and end when and as they should."""
 
+import collections
+import os
 import pathlib
 import re
 import signal
@@ -14,6 +16,7 @@ COURIER = "com.example.courier"
 RULES = Rules(rules={COURIER: "direct", "com.example.ledger": "vpn"})
 ENDED = ("ECONNABORTED",)
 TABLE = ("inet", "vantry_steering")
+IDLE = 2000
 PEERS, GAME_PORT = 200, 40404
 GAME = f"""
 import contextlib, socket, time
@@ -362,14 +365,18 @@ def _interface_goes(stage) -> None:
 
 def _ends_of_the_daemon(stage) -> None:
     """A kill leaves connections running until the next start; a stop ends them in order."""
-    upload = stage.courier.start("upload", stage.ipv4(), 8080, "--duration", 20)
+    upload = stage.courier.start("upload", stage.ipv4(), 8080, "--duration", 60)
     upload.report()
+    crowd, crowded = _many_idle_ones(stage)
     stage.daemon.stop(signal.SIGKILL)
     time.sleep(0.3)
     stage.checks.check("a killed daemon leaves the upload running", upload.process.poll() is None)
+    stage.checks.equal("and all the idle ones", _states_at(crowded), {"open": IDLE})
     started_at = stage.now()
     stage.start_daemon(RULES)
     stage.expect_ended("the next start ends it", upload.finish(), started_at, ENDED)
+    stage.checks.equal("and all the idle ones", _states_at(crowded), {"reset": IDLE})
+    crowd.stop()
     stage.checks.check("no one cleans up beside a daemon", stage.clean_up() == 1)
     address = stage.ipv4()
     stage.expect_physical("a new one is direct", stage.courier.run("connect", address, 80), address)
@@ -389,6 +396,21 @@ def _ends_of_the_daemon(stage) -> None:
     stage.stop_daemon()
     stage.expect_ended("a stop ends a connection in order", reading.finish(), stopped_at, ("EOF",))
     _nothing_left(stage, "a stop leaves nothing")
+
+
+def _many_idle_ones(stage):
+    """Connections that take no descriptor of the daemon's, and their aim."""
+    def descriptors():
+        return len(os.listdir(f"/proc/{stage.daemon.process.pid}/fd"))
+    before, address = descriptors(), stage.ipv4()
+    crowd = stage.courier.start("crowd", address, 8080, "--count", IDLE, "--duration", 60)
+    crowd.report()
+    stage.checks.check(f"{IDLE} idle connections take no descriptor", descriptors() < before + 10, descriptors())
+    return crowd, address
+
+
+def _states_at(address: str) -> dict[str, int]:
+    return collections.Counter(each.state for each in network.seen_at(address))
 
 
 def _nothing_left(stage, what: str) -> None:

@@ -149,7 +149,8 @@ def capture(place: list[str], interface: str):
 
 def traffic(program: pathlib.Path, seconds: int, sockets: str) -> subprocess.Popen:
     words = ("-I", HERE / "traffic.py", IPV4, IPV6, DATAGRAM_PORT, STREAM_PORT, seconds, sockets)
-    return subprocess.Popen([str(program), *map(str, words)], user=world.PERSON, group=world.PERSON, extra_groups=[])
+    account = ({"user": world.PERSON, "group": world.PERSON, "extra_groups": []} if world.is_root_world() else {})
+    return subprocess.Popen([str(program), *map(str, words)], **account)
 
 
 def leads_to_tunnel() -> bool:
