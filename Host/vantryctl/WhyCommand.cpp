@@ -141,6 +141,11 @@ bool staysHere(const Explained& explained) {
     return !explained.to.host.empty() && explained.systemInterface == "lo";
 }
 
+bool isNameLookUp(const Explained& explained) {
+    constexpr std::uint16_t names = 53;
+    return explained.isDatagram && explained.to.port == names;
+}
+
 std::string fateText(const Explained& explained) {
     const auto route = explained.text("route");
     if (route == "blocked") return "is blocked";
@@ -188,7 +193,10 @@ std::string reasonText(const Explained& explained) {
         explained.text("rule") == "direct" ||
         (explained.text("ruleOf").empty() && explained.text("defaultAction") == "direct");
     if (isDirect && explained.isDatagram && explained.text("route") == "system")
-        return ruleText(explained) + ", which means TCP only (rules datagrams direct)";
+        return ruleText(explained) +
+               (isNameLookUp(explained)
+                    ? ", but name look-ups go where the machine's resolver settings lead"
+                    : ", which means TCP only (rules datagrams direct)");
     return ruleText(explained);
 }
 
@@ -201,7 +209,11 @@ std::string flowText(const Explained& explained) {
 
 std::string sentence(const Explained& explained) {
     if (staysHere(explained))
-        return flowText(explained) + " stays on this machine: such flows meet no rule.";
+        return flowText(explained) + " stays on this machine: such flows meet no rule." +
+               (isNameLookUp(explained)
+                    ? " The resolver there asks other servers for all programs alike, and no rule "
+                      "tells whose question it was."
+                    : "");
     return fmt::format("{} {}: {}.", flowText(explained), fateText(explained),
                        reasonText(explained));
 }
