@@ -269,10 +269,12 @@ def _a_game(stage) -> None:
     apply()
     game = subprocess.Popen([str(applications.make_interpreter("game")), "-c", GAME], user=world.PERSON if
                             world.is_root_world() else None)
-    stage.checks.eventually(f"a game's {PEERS} peers are reached directly", lambda: all_go_on_from(network.CLIENT_IPV6), seconds=10)
+    stage.checks.eventually(f"a game's {PEERS} peers are reached directly", lambda: all_go_on_from(network.CLIENT_IPV6), seconds=30)
     apply(rules={"game": "vpn"})
     stage.checks.eventually("with its rule all move to the VPN", lambda: all_go_on_from(network.TUNNEL_IPV6), seconds=10)
     stage.checks.check("and none stays", *none_goes_on_from(network.CLIENT_IPV6))
+    apply()
+    stage.checks.eventually("and back with it", lambda: all_go_on_from(network.CLIENT_IPV6), seconds=30)
     apply(blockedApps=("game",))
     stage.checks.eventually("a block ends all", lambda: none_goes_on_from(network.CLIENT_IPV6, network.TUNNEL_IPV6))
     game.kill()

@@ -537,10 +537,20 @@ unsigned FlowDecisions::uplinkOf(const FlowTuple& flow) {
 }
 
 Verdict FlowDecisions::deny(const Occasion& occasion, std::uint64_t cookie) {
-    const FlowTuple& flow = occasion.packet.flow;
+    const HeldPacket& packet = occasion.packet;
+    const FlowTuple& flow = packet.flow;
     // Ending the socket tells the application at once; state and memory stop what it leaves behind.
-    attribution.destroySocket(occasion.packet.asSent());
+    const bool isTold = attribution.destroySocket(packet.asSent());
     watched.remove(flow);
+    if (!isTold && isDatagram(packet)) {
+        if (auto moved = verdictOnDatagram(occasion, sourceOf(packet), false)) {
+            // A socket without a peer can't be told: the next datagram begins a flow by the new rule.
+            const MutexGuard guard(entriesLock);
+            if (entries) entries->remove(flow);
+            moved->isDropped = true;
+            return *moved;
+        }
+    }
     denied.remember(flow, {cookie, occasion.ruleChanges});
     return {FlowState::denied, occasion.asked.generation, cookie};
 }
