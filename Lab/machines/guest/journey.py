@@ -34,7 +34,7 @@ _WRITTEN_ANYWAY = ("/root", "/home", "/srv", "/var/log", "/var/cache", "/var/tmp
 
 # What a person sees and types on a screen; what goes on until it is stopped, and what else than 0 says no fault.
 _TYPED = {"vantryctl top": b"q", "vantryctl setup": b"\n", "vantryctl import FILE": b"y\n"}
-_ENDLESS = "log --follow"
+_ENDLESS = "log --follow|record"
 _VERDICTS = (0, 10, 11)
 # What the manual's examples of vantryctl say, by how they begin.
 _SAID = {"identify": "env", "rules set env": "physical interface", "rules set org": "system's own route",
@@ -74,6 +74,7 @@ class Journey:
         courier = self.programs["courier"]
         if re.search("export|import", line):
             line = line.replace("FILE", "/home/person/exported")
+        line = line.replace("record FILE", "record /home/person/recorded")
         if line.endswith("unblock"):
             line += " APPLICATION"
         for word, meant in (("APPLICATION", courier.identifier), ("FILE", str(courier.path)), ("PID", "$$"),
@@ -84,7 +85,7 @@ class Journey:
     def works_as_printed(self, line: str) -> None:
         command, verdicts = self._filled(line), _VERDICTS if " why " in line else (0,)
         shell = ["sh", "-c", command.removeprefix("sudo ")]
-        if _ENDLESS in line:
+        if re.search(_ENDLESS, line):
             shell, verdicts = ["timeout", "3", *shell], (124,)
         status, said = on_a_screen(shell if command.startswith("sudo ") else as_person(*shell),
                                    _TYPED.get(line.removeprefix("sudo ")))
