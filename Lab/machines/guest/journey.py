@@ -25,7 +25,6 @@ from vantrylab import applications, network, world
 
 PREFERENCES = pathlib.Path("/var/lib/org.quillmere.Vantry/preferences.json")
 BEFORE = pathlib.Path("/root/before.json")
-_WAKING = pathlib.Path("/usr/lib/systemd/system-sleep/wake")
 # Where others than the package write: apt, journal, service manager, and this journey.
 _WRITTEN_ANYWAY = ("/root", "/home", "/srv", "/var/log", "/var/cache", "/var/tmp", "/var/lib/apt", "/var/lib/dpkg",
                    "/var/lib/systemd", "/var/lib/containers", "/var/lib/flatpak", "/etc/systemd/journald.conf.d",
@@ -240,21 +239,19 @@ class Journey:
             self.checks.equal(f"purged: {kind}", sorted({*found} - {*before[kind]}), [])
 
     def sleep(self) -> None:
-        """Sleeps with its devices, and is woken by its clock. Deeper the emulator's firmware loses the machine:
-        on waking it kept a processor, or started it again."""
-        pathlib.Path("/sys/power/mem_sleep").write_text("s2idle")
-        # The last thing before it sleeps: an alarm that rings before wakes no one.
-        _WAKING.parent.mkdir(exist_ok=True)
-        _WAKING.write_text(f"#!/bin/sh\n[ $1 = post ] || for at in 0 +{20 * world.PATIENCE:.0f}; do\n"
-                           "echo $at >/sys/class/rtc/rtc0/wakealarm\ndone\n")
-        _WAKING.chmod(0o755)
+        """Sleeps as deep as this machine can, and is woken by its clock; in a fresh one, as the emulator's firmware may
+        lose a busy one on waking."""
+        package.install()
+        direct, tunnelled, _, blocked = [*self.programs.values()][:4]
+        set_rules(direct, tunnelled, blocked)
+        states = pathlib.Path("/sys/power/state").read_text().split()
+        print(f"----- states of sleep: {' '.join(states)}; {pathlib.Path('/sys/power/mem_sleep').read_text().strip()}")
+        for alarm in ("0", f"+{20 * world.PATIENCE:.0f}"):
+            pathlib.Path("/sys/class/rtc/rtc0/wakealarm").write_text(alarm)
         run("systemctl", "suspend", "--no-wall")
         for word in ("sleeping", "waking"):
             network.wait_until(lambda: f"System {word}..." in run("journalctl", "--boot", "--unit=vantryd"),
                                f"the daemon is told of {word}", 90)
-        _WAKING.unlink()
-        with contextlib.suppress(OSError):  # where it has others' too
-            _WAKING.parent.rmdir()
         slept = "PM: suspend exit" in run("journalctl", "--boot", "--dmesg")
         self.checks.check("the kernel slept, and the daemon was told of sleep and wake", slept)
         self.checks.check("the service outlived it", package.is_active())
