@@ -345,6 +345,10 @@ void everythingAtOnce(World& world) {
             },
             n / 10.0);
     world.runToEnd();
+    // The log may have been cleared last of all.
+    flows.push_back(world.tcpFlow(apps[0], "h", "1"));
+    world.offer(flows.back());
+    world.runToEnd();
     world.stopProxy();
     world.runToEnd();
     const ProxyProbe proxy(*world.proxy());
