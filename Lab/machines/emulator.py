@@ -61,7 +61,7 @@ class Machine:
                 ["qemu-system-x86_64", *accelerator(image / "kernel"), "-cpu", "max", "-smp", "2", "-m", str(MEMORY >> 20),
                  "-nodefaults", "-display", "none", "-serial", serial,
                  "-kernel", str(image / "kernel"), "-initrd", str(image / "initrd"),
-                 "-append", "root=/dev/vda rw console=ttyS0 quiet systemd.show_status=no panic=-1",
+                 "-append", "root=/dev/vda rw console=ttyS0 quiet no_timer_check systemd.show_status=no panic=-1",
                  "-drive", f"file={image / 'disk'},if=virtio,format=raw,snapshot=on",
                  "-drive", f"file={folder / 'payload'},if=virtio,format=raw,read-only=on",
                  "-nic", _HUB + "1", "-nic", _HUB + "2", "-device", "virtio-rng-pci", "-device", "virtio-serial",
