@@ -488,6 +488,7 @@ Verdict FlowDecisions::verdictOnData(const Occasion& occasion) {
 // It had to make room for others.
 Verdict FlowDecisions::verdictOnForgotten(const Occasion& occasion) {
     const auto& [packet, asked, changes, ways] = occasion;
+    if (const auto moved = movedDatagram(occasion)) return *moved;
     const Source source = sourceOf(packet);
     auto shown = source.shownFor(packet);
     const NEFilterNewFlowVerdict verdict = offerToFilter(*shown, asked);
@@ -536,20 +537,28 @@ unsigned FlowDecisions::uplinkOf(const FlowTuple& flow) {
     return mark ? carrier->place().generationOf(*mark) : 0;
 }
 
+// A socket without a peer can't be told that its datagrams are direct by now: the next one begins a flow. Null if
+// they are not.
+std::optional<Verdict> FlowDecisions::movedDatagram(const Occasion& occasion) {
+    const HeldPacket& packet = occasion.packet;
+    if (!isDatagram(packet)) return std::nullopt;
+    auto moved = verdictOnDatagram(occasion, sourceOf(packet), false);
+    if (!moved) return std::nullopt;
+    moved->isDropped = true;
+    recent.forget(packet.flow);
+    const MutexGuard guard(entriesLock);
+    if (entries) entries->remove(packet.flow);
+    return moved;
+}
+
 Verdict FlowDecisions::deny(const Occasion& occasion, std::uint64_t cookie) {
     const HeldPacket& packet = occasion.packet;
     const FlowTuple& flow = packet.flow;
     // Ending the socket tells the application at once; state and memory stop what it leaves behind.
     const bool isTold = attribution.destroySocket(packet.asSent());
     watched.remove(flow);
-    if (!isTold && isDatagram(packet)) {
-        if (auto moved = verdictOnDatagram(occasion, sourceOf(packet), false)) {
-            // A socket without a peer can't be told: the next datagram begins a flow by the new rule.
-            const MutexGuard guard(entriesLock);
-            if (entries) entries->remove(flow);
-            moved->isDropped = true;
-            return *moved;
-        }
+    if (!isTold) {
+        if (const auto moved = movedDatagram(occasion)) return *moved;
     }
     denied.remember(flow, {cookie, occasion.ruleChanges});
     return {FlowState::denied, occasion.asked.generation, cookie};

@@ -106,6 +106,7 @@ private:
     };
 
     std::uint64_t wayChanges() const;
+    std::optional<Verdict> movedDatagram(const Occasion& occasion);
     Verdict verdictOnFlow(const Occasion& occasion);
     void remember(const HeldPacket& packet, const Verdict& verdict);
     bool isStillDenied(const Occasion& occasion);
