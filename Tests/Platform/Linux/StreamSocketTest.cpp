@@ -106,13 +106,17 @@ struct KeepingReader final : StreamSocket::Owner {
 
 // While no one takes the bytes on, each further read takes little.
 TEST(StreamSocket, BytesThatNobodyTakesDoNotFillTheMemory) {
-    constexpr std::size_t length = RelayMemory::budget + 1'000'000;
-    KeepingReader reader(2 * RelayMemory::smallBlock);
+    constexpr std::size_t length = RelayMemory::budget + 4'000'000;
+    constexpr std::size_t piece = 2 * RelayMemory::smallBlock;
+    KeepingReader reader(piece);
     sendAll(reader.pair.far, randomBytes(length, 3));
     ::shutdown(reader.pair.far.get(), SHUT_WR);
     ASSERT_EQ(reader.isOver.get(), length);
-    EXPECT_LE(reader.kept.back().length(), RelayMemory::smallBlock);
-    EXPECT_LE(reader.kept[reader.kept.size() - 100].length(), RelayMemory::smallBlock);
+    // A reader that is faster than the sender finds little at a time, which does not count.
+    std::size_t counted = 0;
+    for (const Data& block : reader.kept)
+        if (block.length() > RelayMemory::smallBlock) counted += block.length();
+    EXPECT_LE(counted, RelayMemory::budget + piece);
 }
 
 // The system ends a read at an urgent byte though more is there, and splices nothing past it.
