@@ -12,6 +12,7 @@
 #include "Host/vantryctl/Destination.h"
 #include "Host/vantryctl/TunnelSockets.h"
 #include "Platform/Linux/Network/NetworkMonitor.h"
+#include "Platform/Linux/Network/PrivateNetworks.h"
 #include "Platform/Linux/Network/RememberedRoutes.h"
 
 namespace vantryctl {
@@ -47,18 +48,13 @@ struct Prefix {
     const char* address;
     int length;
 };
-constexpr std::array<Prefix, 12> nearPrefixes{{{AF_INET, "10.0.0.0", 8},
-                                               {AF_INET, "100.64.0.0", 10},
-                                               {AF_INET, "127.0.0.0", 8},
-                                               {AF_INET, "169.254.0.0", 16},
-                                               {AF_INET, "172.16.0.0", 12},
-                                               {AF_INET, "192.168.0.0", 16},
-                                               {AF_INET, "224.0.0.0", 4},
-                                               {AF_INET, "255.255.255.255", 32},
-                                               {AF_INET6, "::1", 128},
-                                               {AF_INET6, "fc00::", 7},
-                                               {AF_INET6, "fe80::", 10},
-                                               {AF_INET6, "ff00::", 8}}};
+constexpr std::array<Prefix, 7> alwaysNear{{{AF_INET, "127.0.0.0", 8},
+                                            {AF_INET, "169.254.0.0", 16},
+                                            {AF_INET, "224.0.0.0", 4},
+                                            {AF_INET, "255.255.255.255", 32},
+                                            {AF_INET6, "::1", 128},
+                                            {AF_INET6, "fe80::", 10},
+                                            {AF_INET6, "ff00::", 8}}};
 
 // Private, of the link, or to many; or on the link of one of the machine's interfaces.
 bool isNear(const Destination& destination) {
@@ -68,13 +64,15 @@ bool isNear(const Destination& destination) {
     const auto covers = [&](const platform::InterfaceAddress& network) {
         return network.family == family && platform::isOnLinkOf(network, address);
     };
-    const bool isAlwaysNear = std::ranges::any_of(nearPrefixes, [&](const Prefix& prefix) {
+    const bool isAlwaysNear = std::ranges::any_of(alwaysNear, [&](const Prefix& prefix) {
         platform::InterfaceAddress network{.family = prefix.family, .prefixLength = prefix.length};
         inet_pton(prefix.family, prefix.address, network.bytes.data());
         return covers(network);
     });
+    constexpr int lengthOfHost = 128;
     const auto state = platform::NetworkMonitor::shared().state();
-    return isAlwaysNear || std::ranges::any_of(state->interfaces, [&](const auto& interface) {
+    return isAlwaysNear || platform::isPrivateNetwork(family, address, lengthOfHost) ||
+           std::ranges::any_of(state->interfaces, [&](const auto& interface) {
                return !interface.isTunnel && std::ranges::any_of(interface.addresses, covers);
            });
 }

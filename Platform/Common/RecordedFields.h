@@ -70,6 +70,13 @@ struct Line {
     const Field& at(std::size_t index) const;
 };
 
+// The word for a filter's verdict, on a flow or on bytes of it.
+template <class Verdict>
+std::string_view wordFor(const Verdict& verdict) {
+    using Kind = typename Verdict::Kind;
+    return verdict.kind == Kind::drop ? "drop" : verdict.kind == Kind::allow ? "allow" : "watch";
+}
+
 // Null for what is no line of a recording.
 std::optional<Line> readLine(std::string_view text);
 // The bytes behind hexadecimal digits.

@@ -138,7 +138,7 @@ Result Player::play(std::optional<std::uint64_t> until) {
     }
     compareAnswers(result);
     compareSessions(result);
-    checkEnds(result);
+    checkEnds();
     result.notAskedFor = notAskedFor;
     result.unanswered = Machine::shared().unanswered();
     result.breaches = Machine::shared().breaches();
@@ -269,15 +269,10 @@ std::string Player::offerToProxy(const RecordedCall& call) {
 std::string Player::askFilter(const RecordedCall& call) {
     const FlowParts parts(call);
     const NEFilterSocketFlow flow(parts.token, parts.isDatagram() ? 2 : 1, parts.remote);
-    if (call.name == "filterFlow") {
-        using Kind = NEFilterNewFlowVerdict::Kind;
-        const auto kind = filter->handleNewFlow(flow).kind;
-        return kind == Kind::drop ? "drop" : kind == Kind::allow ? "allow" : "watch";
-    }
-    using Kind = NEFilterDataVerdict::Kind;
-    const auto kind =
-        filter->handleOutboundData(flow, call.with.at(4).number(), *dataIn(call.with.at(5))).kind;
-    return kind == Kind::drop ? "drop" : kind == Kind::allow ? "allow" : "watch";
+    if (call.name == "filterFlow")
+        return std::string(recorded::wordFor(filter->handleNewFlow(flow)));
+    return std::string(recorded::wordFor(filter->handleOutboundData(
+        flow, call.with.at(4).number(), dataIn(call.with.at(5)).value_or(Data()))));
 }
 
 JSONObject Player::explain(const RecordedCall& call) const {
@@ -348,7 +343,7 @@ void Player::compareSessions(Result& result) const {
 }
 
 // A connection that is given up is closed to its application too.
-void Player::checkEnds(Result&) const {
+void Player::checkEnds() const {
     for (const auto& [number, session] : Machine::shared().allSessions()) {
         const auto words = withoutErrors(session.actions);
         const bool isWhole =

@@ -55,7 +55,7 @@ private:
 
     void compareAnswers(Result& result) const;
     void compareSessions(Result& result) const;
-    void checkEnds(Result& result) const;
+    void checkEnds() const;
 
     const Recording& recording;
     std::shared_ptr<NETransparentProxyProvider> proxy;

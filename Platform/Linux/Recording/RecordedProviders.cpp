@@ -119,11 +119,7 @@ NEFilterNewFlowVerdict RecordedFilter::handleNewFlow(const NEFilterFlow& flow) {
     Call call(Call::Kind::ofFlow, "filterFlow");
     if (call) describeShown(call, flow);
     const auto verdict = filter->handleNewFlow(flow);
-    if (!call) return verdict;
-    using Kind = NEFilterNewFlowVerdict::Kind;
-    call.answered().word(verdict.kind == Kind::drop    ? "drop"
-                         : verdict.kind == Kind::allow ? "allow"
-                                                       : "watch");
+    if (call) call.answered().word(recorded::wordFor(verdict));
     return verdict;
 }
 
@@ -135,11 +131,7 @@ NEFilterDataVerdict RecordedFilter::handleOutboundData(const NEFilterFlow& flow,
         call.with().number(offset).number(bytes.length());
     }
     const auto verdict = filter->handleOutboundData(flow, offset, bytes);
-    if (!call) return verdict;
-    using Kind = NEFilterDataVerdict::Kind;
-    call.answered().word(verdict.kind == Kind::drop    ? "drop"
-                         : verdict.kind == Kind::allow ? "allow"
-                                                       : "watch");
+    if (call) call.answered().word(recorded::wordFor(verdict));
     return verdict;
 }
 

@@ -24,6 +24,7 @@
 #include "Platform/Common/Mutex.h"
 #include "Platform/Linux/FileDescriptor.h"
 #include "Platform/Linux/Netlink/Socket.h"
+#include "Platform/Linux/Network/PrivateNetworks.h"
 #include "Platform/Linux/PlatformLog.h"
 #include "Platform/Linux/Rules/PacketRule.h"
 #include "Platform/TunnelGuard.h"
@@ -97,29 +98,13 @@ std::string prefixText(int family, const void* address, unsigned length) {
     return std::string(text.data()) + '/' + std::to_string(length);
 }
 
-// What is on the link is near. By way of a gateway only private addresses are (RFC 1918, RFC 6598, RFC 4193): the
-// server that gives out addresses may hand out routes to anything else as well. But for the route to one
-// host, as VPNs set it for their own server, unless it is that server's.
+// What is on the link is near; by way of a gateway only private networks are, as the server that gives out
+// addresses may hand out routes to anything else as well. And single hosts, to which VPNs have routes for their own
+// server, unless the route came with the address.
 bool isNear(const rtmsg& route, const std::array<std::uint8_t, 16>& address, bool hasGateway) {
     const bool isOfHost = route.rtm_dst_len == addressLength(route.rtm_family) * 8;
-    if (!hasGateway || (isOfHost && route.rtm_protocol != RTPROT_DHCP)) return true;
-    struct Private {
-        int family;
-        std::array<std::uint8_t, 2> bytes;
-        unsigned length;
-    };
-    constexpr std::array<Private, 5> prefixes{{{AF_INET, {10, 0}, 8},
-                                               {AF_INET, {172, 16}, 12},
-                                               {AF_INET, {192, 168}, 16},
-                                               {AF_INET, {100, 64}, 10},
-                                               {AF_INET6, {0xfc, 0}, 7}}};
-    return std::ranges::any_of(prefixes, [&](const Private& each) {
-        const unsigned mask = 0xffff0000u >> each.length & 0xffffu;
-        const unsigned difference = static_cast<unsigned>(each.bytes[0] ^ address[0]) << 8 |
-                                    static_cast<unsigned>(each.bytes[1] ^ address[1]);
-        return route.rtm_family == each.family && route.rtm_dst_len >= each.length &&
-               (difference & mask) == 0;
-    });
+    return !hasGateway || (isOfHost && route.rtm_protocol != RTPROT_DHCP) ||
+           isPrivateNetwork(route.rtm_family, address, route.rtm_dst_len);
 }
 
 // The prefix of a route of the main table that leads to something near; empty for all others. Two

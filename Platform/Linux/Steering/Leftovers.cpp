@@ -22,10 +22,11 @@ Result<> removeLeftovers() {
     }
     endEarlierConnections((*routes)->marksInRules(), **entries);
     SteeringTable(marks).remove();
+    auto routed = (*routes)->update({}, {});
     IpsecPolicies ipsec(marks);
     if (auto looked = ipsec.look(); !looked) return looked;
     if (auto removed = ipsec.exempt({}); !removed) return removed;
-    return (*routes)->update({}, {});
+    return routed;
 }
 
 }  // namespace platform::steering

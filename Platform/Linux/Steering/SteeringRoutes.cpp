@@ -49,7 +49,7 @@ std::optional<std::array<std::uint8_t, 16>> addressIn(const netlink::Attributes&
 }
 
 // Routes and rules that are there already, or are gone already, are as they should be.
-Result<> unless(int harmless, Result<> result) {
+Result<> unless(int harmless, const Result<>& result) {
     return !result && result.error().code() == harmless ? Result<>() : result;
 }
 
@@ -105,19 +105,20 @@ SteeringRoutes::~SteeringRoutes() {
 
 Result<> SteeringRoutes::update(const std::vector<Uplink>& uplinks, const NetworkState& network) {
     hasRoom = true;
+    std::set<int> others;
+    auto ipv4 = updateFamily(AF_INET, uplinks, network, others);
+    auto ipv6 = updateFamily(AF_INET6, uplinks, network, others);
     {
         const MutexGuard guard(questionsLock);
-        otherNetworks.clear();
+        otherNetworks = std::move(others);
     }
-    auto ipv4 = updateFamily(AF_INET, uplinks, network);
-    auto ipv6 = updateFamily(AF_INET6, uplinks, network);
     // A machine without IPv6 has no rules for it.
-    if (ipv4) return unless(EAFNOSUPPORT, unless(EOPNOTSUPP, std::move(ipv6)));
+    if (ipv4) return unless(EAFNOSUPPORT, unless(EOPNOTSUPP, ipv6));
     return ipv4;
 }
 
 Result<> SteeringRoutes::updateFamily(int family, const std::vector<Uplink>& uplinks,
-                                      const NetworkState& network) {
+                                      const NetworkState& network, std::set<int>& others) {
     const auto present = rules(family);
     if (!present) return present.error();
     const auto chosen = preference(*present);
@@ -135,7 +136,7 @@ Result<> SteeringRoutes::updateFamily(int family, const std::vector<Uplink>& upl
     };
     for (const Uplink& uplink : uplinks) {
         appendNearRoutes(family, uplink, wantedRoutes, *main);
-        appendOtherNetworks(uplink, wantedRoutes, *main, network);
+        appendOtherNetworks(uplink, wantedRoutes, *main, network, others);
         const bool isTowardsTunnel = !towards.empty() && uplink.reach(family).source;
         if (isTowardsTunnel) appendRoutesTowards(towards, family, uplink, wantedRoutes);
         addRule(marks.ofPacket(uplink.number), tableOf(uplink.number));
@@ -167,7 +168,7 @@ void SteeringRoutes::appendNearRoutes(int family, const Uplink& uplink, std::vec
 // goes there leaves by no uplink, whatever its rule. Those inside of a tunnel are the VPN's.
 void SteeringRoutes::appendOtherNetworks(const Uplink& uplink, std::vector<Route>& wanted,
                                          const std::vector<Route>& main,
-                                         const NetworkState& network) {
+                                         const NetworkState& network, std::set<int>& interfaces) {
     const std::uint32_t table = tableOf(uplink.number);
     for (Route route : main) {
         const auto interface =
@@ -182,8 +183,7 @@ void SteeringRoutes::appendOtherNetworks(const Uplink& uplink, std::vector<Route
         if (isOnUplinkToo) continue;
         route.table = table;
         wanted.push_back(route);
-        const MutexGuard guard(questionsLock);
-        otherNetworks.insert(route.interfaceIndex);
+        interfaces.insert(route.interfaceIndex);
     }
 }
 
@@ -288,7 +288,7 @@ Result<std::vector<SteeringRoutes::Route>> SteeringRoutes::routesIn(int family,
         routes.push_back(route);
     });
     // A table that nothing was ever put into does not exist.
-    if (auto done = unless(ENOENT, std::move(dumped)); !done) return done.error();
+    if (auto done = unless(ENOENT, dumped); !done) return done.error();
     return routes;
 }
 

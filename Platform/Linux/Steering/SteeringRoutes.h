@@ -17,6 +17,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <tuple>
 #include <vector>
 
 #include "Platform/Common/Mutex.h"
@@ -56,7 +57,9 @@ public:
     struct MarkTest {
         std::uint32_t value;
         std::uint32_t mask;
-        auto operator<=>(const MarkTest&) const = default;
+        friend bool operator<(const MarkTest& left, const MarkTest& right) {
+            return std::tie(left.value, left.mask) < std::tie(right.value, right.mask);
+        }
     };
     std::set<MarkTest> marksInRules();
 
@@ -68,14 +71,15 @@ private:
                    netlink::Socket forQuestions, netlink::Socket reports);
 
     Result<> updateFamily(int family, const std::vector<Uplink>& uplinks,
-                          const NetworkState& network);
+                          const NetworkState& network, std::set<int>& others);
     std::optional<std::uint32_t> preference(const std::vector<Rule>& present) const;
     int tunnelOfDefault(int family, const NetworkState& network);
     Result<std::vector<Route>> routesIn(int family, std::uint32_t table);
     void appendNearRoutes(int family, const Uplink& uplink, std::vector<Route>& wanted,
                           const std::vector<Route>& main);
     void appendOtherNetworks(const Uplink& uplink, std::vector<Route>& wanted,
-                             const std::vector<Route>& main, const NetworkState& network);
+                             const std::vector<Route>& main, const NetworkState& network,
+                             std::set<int>& interfaces);
     std::vector<Route> routesByTunnels(int family, const NetworkState& network,
                                        const std::vector<Route>& main);
     void appendRoutesTowards(const std::vector<Route>& towards, int family, const Uplink& uplink,
