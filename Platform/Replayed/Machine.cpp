@@ -1,6 +1,7 @@
 #include "Platform/Replayed/Machine.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace platform::replayed {
 
@@ -110,6 +111,13 @@ bool Machine::runWork(std::uint64_t origin, int index) {
     works.erase(found);
     work();
     return true;
+}
+
+void Machine::step() {
+    if (!stepWatcher) return;
+    const auto watcher = std::exchange(stepWatcher, nullptr);
+    watcher();
+    stepWatcher = watcher;
 }
 
 void Machine::breach(const std::string& what) {

@@ -55,6 +55,11 @@ public:
     void holdBack(std::uint64_t number);
     void later(double seconds, DispatchQueue::Work work);
 
+    // Is called whenever the core has given up a lock over fields, so that what others may see of a call that
+    // goes on can be seen; not from inside itself. Null for none.
+    void watchSteps(std::function<void()> watcher) { stepWatcher = std::move(watcher); }
+    void step();
+
     // What the recording has happen. False if the core never asked for it.
     bool runWork(std::uint64_t origin, int index);
 
@@ -89,6 +94,7 @@ private:
     std::deque<std::uint64_t> heldBackInCall;
     int worksInCall = 0;
     std::vector<Work> works;
+    std::function<void()> stepWatcher;
 };
 
 // Locks of the core that are held over fields; no call of the platform may come under one.

@@ -53,6 +53,22 @@ struct FlowParts {
     bool isDatagram() const { return kind == "udp" || kind == "2"; }
 };
 
+std::string answerOf(NEFilterDataProvider& filter, const RecordedCall& call) {
+    const FlowParts parts(call);
+    const NEFilterSocketFlow flow(parts.token, parts.isDatagram() ? 2 : 1, parts.remote);
+    if (call.name == "filterFlow")
+        return std::string(recorded::wordFor(filter.handleNewFlow(flow)));
+    return std::string(recorded::wordFor(filter.handleOutboundData(
+        flow, call.with.at(4).number(), dataIn(call.with.at(5)).value_or(Data()))));
+}
+
+bool isOfFilter(const RecordedCall& call) {
+    return call.name == "filterFlow" || call.name == "data";
+}
+
+// Where a flow of the filter bears its token.
+const std::string& tokenText(const RecordedCall& call) { return call.with.at(0).text; }
+
 NWPath pathIn(const Line& line) {
     NWPath path;
     for (std::size_t index = 0; index + 1 < line.fields.size(); index += 2)
@@ -130,9 +146,10 @@ Player::Player(const Recording& toPlay)
 Result Player::play(std::optional<std::uint64_t> until) {
     Result result;
     for (const auto& call : recording.calls) {
-        if (call.isChange() && !call.isOfPast) askOverlapping(call);
-        perform(call);
-        if (call.isChange() && !call.isOfPast) askOverlapping(call);
+        if (call.isChange() && !call.isOfPast)
+            performChange(call);
+        else
+            perform(call);
         ++result.calls;
         if (until && call.number == *until) break;
     }
@@ -145,10 +162,27 @@ Result Player::play(std::optional<std::uint64_t> until) {
     return result;
 }
 
+// A flow that was asked about meanwhile has met the state of before, of after, or of any step between.
+void Player::performChange(const RecordedCall& change) {
+    std::vector<const RecordedCall*> overlapping;
+    for (const auto& call : recording.calls)
+        if (call.isFlow() && call.overlaps(change.ofChange)) overlapping.push_back(&call);
+    const auto ask = [&] {
+        for (const auto* call : overlapping) alsoRight[call->number].insert(answerNow(*call));
+    };
+    if (overlapping.empty()) return perform(change);
+    ask();
+    Machine::shared().watchSteps(ask);
+    perform(change);
+    Machine::shared().watchSteps(nullptr);
+    ask();
+}
+
 void Player::perform(const RecordedCall& call) {
     auto& machine = Machine::shared();
     machine.begin(call);
     if (call.name == "proxyFlow") begunHere.insert(call.number);
+    if (isOfFilter(call)) tokensOfFilter.insert(tokenText(call));
     for (const auto& line : call.asked) {
         const auto number = static_cast<std::uint64_t>(line.at(1).number());
         if (line.at(0).text == "holdBack") heldBack.insert(number);
@@ -169,8 +203,8 @@ bool Player::performOnProvider(const RecordedCall& call) {
     const auto reason = static_cast<NEProviderStopReason>(call.with.at(0).number());
     if (name == "proxyFlow")
         given[call.number] = offerToProxy(call);
-    else if (name == "filterFlow" || name == "data")
-        given[call.number] = askFilter(call);
+    else if (isOfFilter(call))
+        given[call.number] = answerOf(*filter, call);
     else if (name == "startFilter")
         filter->startFilter([](const std::optional<NSError>&) {});
     else if (name == "startProxy")
@@ -266,15 +300,6 @@ std::string Player::offerToProxy(const RecordedCall& call) {
     return isClaimed ? "claimed" : "declined";
 }
 
-std::string Player::askFilter(const RecordedCall& call) {
-    const FlowParts parts(call);
-    const NEFilterSocketFlow flow(parts.token, parts.isDatagram() ? 2 : 1, parts.remote);
-    if (call.name == "filterFlow")
-        return std::string(recorded::wordFor(filter->handleNewFlow(flow)));
-    return std::string(recorded::wordFor(filter->handleOutboundData(
-        flow, call.with.at(4).number(), dataIn(call.with.at(5)).value_or(Data()))));
-}
-
 JSONObject Player::explain(const RecordedCall& call) const {
     const FlowParts parts(call);
     const auto* host = hostEndpoint(parts.remote);
@@ -284,9 +309,13 @@ JSONObject Player::explain(const RecordedCall& call) const {
                                         .isDatagram = parts.isDatagram()});
 }
 
-// The answer as the rules are now, without a trace where there might be one.
-std::string Player::answerNow(const RecordedCall& call) {
-    if (call.name != "proxyFlow") return askFilter(call);
+// The answer as the rules are now, without a trace where there might be one: a program that the filter does not
+// know yet is not to be named by it before its time.
+std::string Player::answerNow(const RecordedCall& call) const {
+    if (isOfFilter(call)) {
+        const bool isKnown = tokensOfFilter.contains(tokenText(call));
+        return answerOf(isKnown ? *filter : *registeredProviders.makeFilterProvider(), call);
+    }
     const auto explained = explain(call);
     const auto text = [&](std::string_view key) {
         const auto found = explained.find(key);
@@ -295,12 +324,6 @@ std::string Player::answerNow(const RecordedCall& call) {
     };
     const bool isClosed = text("route") == "blocked" && text("decidedBy") == "directFallback";
     return text("route") == "direct" || isClosed ? "claimed" : "declined";
-}
-
-void Player::askOverlapping(const RecordedCall& change) {
-    for (const auto& call : recording.calls)
-        if (call.isFlow() && call.overlaps(change.ofChange))
-            alsoRight[call.number].insert(answerNow(call));
 }
 
 void Player::compareAnswers(Result& result) const {

@@ -1,8 +1,8 @@
 // Plays a recording against the core that it is linked with, call for call, and compares: what flows are
 // answered, and what is done with each direct connection. Calls that overlapped in the recording are played
 // one after the other, so two things may rightly differ, and are counted instead: a flow that was asked about
-// while the rules or the network changed is answered as they were before or after, and the end of a connection
-// that two threads worked at bears the error of either. One thread.
+// while the rules or the network changed is answered as they were before, after or at any step between, and the
+// end of a connection that two threads worked at bears the error of either. One thread.
 #pragma once
 
 #include <cstddef>
@@ -44,13 +44,12 @@ private:
     using Answers = std::set<std::string>;
 
     void perform(const RecordedCall& call);
+    void performChange(const RecordedCall& change);
     bool performOnProvider(const RecordedCall& call);
     bool performOnSession(const RecordedCall& call);
     bool performCompletion(const RecordedCall& call);
     std::string offerToProxy(const RecordedCall& call);
-    std::string askFilter(const RecordedCall& call);
-    std::string answerNow(const RecordedCall& call);
-    void askOverlapping(const RecordedCall& change);
+    std::string answerNow(const RecordedCall& call) const;
     JSONObject explain(const RecordedCall& call) const;
 
     void compareAnswers(Result& result) const;
@@ -61,7 +60,8 @@ private:
     std::shared_ptr<NETransparentProxyProvider> proxy;
     std::shared_ptr<NEFilterDataProvider> filter;
     std::map<std::uint64_t, std::string> given;  // by flow: the core's answer
-    std::map<std::uint64_t, Answers> alsoRight;  // before or after a change that overlapped
+    std::map<std::uint64_t, Answers> alsoRight;  // before, during or after a change that overlapped
+    std::set<std::string, std::less<>> tokensOfFilter;  // whose names it may remember
     std::map<std::uint64_t, std::vector<std::string>> recordedActions;
     std::map<std::uint64_t, std::vector<const RecordedCall*>> touching;
     std::set<std::uint64_t> begunHere, heldBack;

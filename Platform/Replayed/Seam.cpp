@@ -46,8 +46,8 @@ void NSLock::lock() {
 }
 
 void NSLock::unlock() {
-    if (use == Use::fieldsOnly) --fieldLocksHeld;
     locksHeld.erase(this);
+    if (use == Use::fieldsOnly && --fieldLocksHeld == 0) Machine::shared().step();
 }
 
 Date Date::now() { return since1970(beginningOfRecordings + Machine::shared().now()); }
