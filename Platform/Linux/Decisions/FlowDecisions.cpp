@@ -220,9 +220,10 @@ PacketVerdict FlowDecisions::packetVerdict(const Occasion& occasion, const Verdi
 }
 
 // An entry keeps for good how its first packet was translated. Where an opening that meets one is to go another
-// way the entry goes, and the opening comes again. A fresh opening has no entry yet.
+// way the entry goes, and the opening comes again.
 bool FlowDecisions::beginsAfresh(const HeldPacket& packet, const Verdict& verdict) {
-    if (packet.purpose != PacketPurpose::newFlow || packet.isOfClaimed == isClaimed(verdict.state))
+    if (packet.purpose != PacketPurpose::newFlow || !packet.meetsEntry ||
+        packet.isOfClaimed == isClaimed(verdict.state))
         return false;
     const MutexGuard guard(entriesLock);
     const bool isGone = entries && entries->remove(packet.flow);

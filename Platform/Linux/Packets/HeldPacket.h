@@ -28,6 +28,7 @@ struct HeldPacket {
     FlowTuple flow;
     // Where it goes in the end, if its header names the first stop on a way that its sender prescribes.
     std::optional<std::array<std::uint8_t, 16>> finalDestination;
+    bool meetsEntry = true;         // of a SYN: the kernel's table has a connection that it fits
     bool isOfClaimed = false;       // its connection is claimed
     bool opensTcp = false;          // a SYN
     std::uint32_t tcpSequence = 0;  // of the first byte; of the SYN itself on a SYN

@@ -93,9 +93,9 @@ Result<std::unique_ptr<PacketQueue>> PacketQueue::open() {
 }
 
 Result<> PacketQueue::bindQueues() {
-    const std::array<std::uint16_t*, 5> wanted{&queues.newFlows, &queues.newOverClaimed,
-                                               &queues.watchedData, &queues.watchedDataOfClaimed,
-                                               &queues.offeredAgain};
+    const std::array<std::uint16_t*, 6> wanted{
+        &queues.newFlows,    &queues.newOverClaimed,       &queues.newOverOthers,
+        &queues.watchedData, &queues.watchedDataOfClaimed, &queues.offeredAgain};
     std::uint16_t number = firstNumber;
     for (std::uint16_t* const queue : wanted) {
         Result<> bound = Error(EBUSY, "find a free packet queue");
@@ -176,10 +176,11 @@ void PacketQueue::append(std::uint16_t number, const netlink::Attributes& attrib
     packet.id = ntohl(description->packet_id);
     const auto isFrom = [number](std::uint16_t queue) { return number == queue; };
     packet.isOfClaimed = isFrom(queues.newOverClaimed) || isFrom(queues.watchedDataOfClaimed);
-    packet.purpose = isFrom(queues.newFlows) || isFrom(queues.newOverClaimed)
-                         ? PacketPurpose::newFlow
-                     : isFrom(queues.offeredAgain) ? PacketPurpose::offeredAgain
-                                                   : PacketPurpose::watchedData;
+    packet.meetsEntry = !isFrom(queues.newFlows);
+    if (isFrom(queues.watchedData) || isFrom(queues.watchedDataOfClaimed))
+        packet.purpose = PacketPurpose::watchedData;
+    else if (isFrom(queues.offeredAgain))
+        packet.purpose = PacketPurpose::offeredAgain;
     packet.priority = number32(attributes, NFQA_PRIORITY).value_or(0);
     packet.account = number32(attributes, NFQA_UID).value_or(HeldPacket::noAccount);
     packet.flow.outputInterface = number32(attributes, NFQA_IFINDEX_OUTDEV).value_or(0);

@@ -139,6 +139,14 @@ PacketRule& PacketRule::ofNewConnection() {
     return *this;
 }
 
+PacketRule& PacketRule::meetingNoEntry() {
+    load("ct", NFTNL_EXPR_CT_KEY, NFTNL_EXPR_CT_DREG, NFT_CT_STATUS);
+    mask32(IPS_CONFIRMED, 0);
+    const std::uint32_t none = 0;
+    compare(NFT_CMP_EQ, &none, sizeof none);
+    return *this;
+}
+
 PacketRule& PacketRule::inDirectionOfOpening() {
     load("ct", NFTNL_EXPR_CT_KEY, NFTNL_EXPR_CT_DREG, NFT_CT_DIRECTION);
     const std::uint8_t original = IP_CT_DIR_ORIGINAL;

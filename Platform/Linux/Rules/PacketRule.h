@@ -38,6 +38,8 @@ public:
     PacketRule& withPriority(std::uint32_t mask, std::uint32_t value);
     PacketRule& withConnectionMark(std::uint32_t mask, std::uint32_t value);
     PacketRule& ofNewConnection();
+    // The kernel's table of connections has no entry yet that the packet belongs to.
+    PacketRule& meetingNoEntry();
     PacketRule& inDirectionOfOpening();
 
     // Replaces the bits in `mask`, and only those.

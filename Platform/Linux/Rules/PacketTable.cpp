@@ -146,6 +146,17 @@ PacketRule ruleOnState(const char* chain, MarkPlace place, FlowState state) {
     return std::move(PacketRule(chain).withConnectionMark(place.stateMask(), place.value(state)));
 }
 
+std::uint16_t queueOfOffers(const QueueNumbers& queues, FlowState state, PacketKind kind) {
+    if (isClaimed(state)) return queues.newOverClaimed;
+    return kind == PacketKind::tcpOpening ? queues.newOverOthers : queues.newFlows;
+}
+
+PacketRule& offerTo(PacketRule& rule, MarkPlace place, std::uint16_t queue, QueueForm form) {
+    return rule.sentByProcess()
+        .putConnectionMark(place.mask(), place.value(FlowState::passedUnseen))
+        .queueTo(queue, form);
+}
+
 // Adds the rule that has one effect of the table on packets of one kind, in the chain for that kind. That
 // denied connections are refused is the answer chain's.
 void addEffect(Transaction& transaction, const PacketTableContent& content, QueueForm form,
@@ -164,10 +175,7 @@ void addEffect(Transaction& transaction, const PacketTableContent& content, Queu
             rule.ofNewConnection();
             [[fallthrough]];
         case Effect::offer:
-            rule.sentByProcess()
-                .putConnectionMark(place.mask(), place.value(FlowState::passedUnseen))
-                .queueTo(isClaimed(state) ? content.queues.newOverClaimed : content.queues.newFlows,
-                         form);
+            offerTo(rule, place, queueOfOffers(content.queues, state, kind), form);
             break;
         case Effect::offerAgain:
             rule.sentByProcess().queueTo(content.queues.offeredAgain, form);
@@ -196,6 +204,11 @@ void addOfferRules(Transaction& transaction, const PacketTableContent& content) 
                                 .withTcpFlags(TH_FIN | TH_SYN | TH_RST | TH_ACK, TH_SYN)
                                 .goTo(openingsChain));
     transaction.addRule(rule().jumpTo(generationChain));
+    // Whatever comes after the opening passes, and it is most of what a direct connection sends.
+    static_assert(effectOn(FlowState::claimed, PacketKind::tcpPayload) == Effect::pass &&
+                  effectOn(FlowState::claimed, PacketKind::otherTcp) == Effect::pass &&
+                  effectOn(FlowState::claimed, PacketKind::datagram) == Effect::pass);
+    transaction.addRule(ruleOnState(offerChain, place, FlowState::claimed).accept());
     if (content.offeredProtocols.contains(IPPROTO_UDP))
         transaction.addRule(rule().ofProtocol(IPPROTO_UDP).goTo(datagramsChain));
     if (!offersTcp) return;
@@ -204,6 +217,9 @@ void addOfferRules(Transaction& transaction, const PacketTableContent& content) 
 }
 
 void addEffects(Transaction& transaction, const PacketTableContent& content, QueueForm form) {
+    PacketRule first = ruleOnState(openingsChain, content.place, FlowState::unseen);
+    transaction.addRule(
+        offerTo(first.meetingNoEntry(), content.place, content.queues.newFlows, form));
     for (const FlowState state : allFlowStates) {
         const auto add = [&](const char* chain, PacketKind kind) {
             addEffect(transaction, content, form, chain, state, kind);

@@ -21,6 +21,7 @@ namespace platform::interception {
 struct QueueNumbers {
     std::uint16_t newFlows = 0;
     std::uint16_t newOverClaimed = 0;  // openings that meet a claimed connection
+    std::uint16_t newOverOthers = 0;   // those that meet any other
     std::uint16_t watchedData = 0;
     std::uint16_t watchedDataOfClaimed = 0;
     std::uint16_t offeredAgain = 0;
