@@ -13,6 +13,9 @@ namespace platform {
 
 namespace {
 
+// A thread that is woken for each line takes the processor from those that log: in a burst one wake-up does for many.
+constexpr std::chrono::milliseconds betweenBursts{1};
+
 // The thread takes no signals, which are for those who wait for them, and runs like an ordinary
 // program's, whoever logs first.
 std::thread startInBackground(std::function<void()> work) {
@@ -48,6 +51,7 @@ LogWriter::~LogWriter() {
         const MutexGuard guard(lock);
         isStopping = true;
         changed.notifyAll();
+        restEnds.notifyAll();
     }
     thread.join();
 }
@@ -71,8 +75,11 @@ bool LogWriter::flush(std::chrono::milliseconds longest) {
     const auto deadline = Condition::Clock::now() + longest;
     const MutexGuard guard(lock);
     const auto last = added;
+    ++flushes;
+    restEnds.notifyAll();
     while (written < last && changed.waitUntil(lock, deadline)) {
     }
+    --flushes;
     return written >= last;
 }
 
@@ -96,6 +103,14 @@ void LogWriter::run() {
         ++written;
         sayWhatIsOver();
         changed.notifyAll();
+        if (waiting.empty()) rest();
+    }
+}
+
+// Lines that come meanwhile wait.
+void LogWriter::rest() {
+    const auto end = Condition::Clock::now() + betweenBursts;
+    while (!isStopping && flushes == 0 && restEnds.waitUntil(lock, end)) {
     }
 }
 

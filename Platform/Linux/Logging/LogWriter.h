@@ -54,12 +54,14 @@ private:
     void run();
     void queue(LogLine line) REQUIRES(lock);
     void sayWhatIsOver() REQUIRES(lock);
+    void rest() REQUIRES(lock);
 
     const Write write;
     const std::size_t capacity;
 
     Mutex lock;
     Condition changed;
+    Condition restEnds;
     std::deque<LogLine> waiting GUARDED_BY(lock);
     std::uint64_t added GUARDED_BY(lock) = 0;
     std::uint64_t written GUARDED_BY(lock) = 0;
@@ -67,6 +69,7 @@ private:
     std::uint64_t droppedBefore GUARDED_BY(lock) = 0;  // the present gap
     bool isLosing GUARDED_BY(lock) = false;
     bool isStopping GUARDED_BY(lock) = false;
+    int flushes GUARDED_BY(lock) = 0;  // that are waited for
     std::thread thread;
 };
 
