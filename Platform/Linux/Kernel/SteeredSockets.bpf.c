@@ -6,6 +6,9 @@
 //   TCP closed         the error that the application gets, if any
 //   release            before the states change: tells an application's close from a network's end
 //
+// A socket that ends its attempt before the daemon has entered it stands in `endedBefore`: it is noted there
+// first and looked for in `sockets` then, and the daemon does both the other way round.
+//
 // The entry says what is so; an event says only which one to look at, so that one that is lost for
 // want of room does no more harm than a look at all of them.
 #include <linux/bpf.h>
@@ -40,6 +43,13 @@ struct {
 } sockets SEC(".maps");
 
 struct {
+    __uint(type, BPF_MAP_TYPE_LRU_HASH);
+    __uint(max_entries, 8192);
+    __type(key, __u64);
+    __type(value, __u32);
+} endedBefore SEC(".maps");
+
+struct {
     __uint(type, BPF_MAP_TYPE_RINGBUF);
     __uint(max_entries, 262144);
 } events SEC(".maps");
@@ -47,6 +57,21 @@ struct {
 static __always_inline void tell(__u64 cookie) {
     if (bpf_ringbuf_output(&events, &cookie, sizeof cookie, 0) != 0)
         __sync_fetch_and_add(&lostEvents, 1);
+}
+
+__u64 order = 0;
+
+// The entry of a socket that ends; null if the daemon has made none, and then it finds out when it does.
+static __always_inline struct SteeredSocket* entryOfEnding(__u64 cookie, __u32 stateBefore) {
+    struct SteeredSocket* socket = bpf_map_lookup_elem(&sockets, &cookie);
+    if (socket || (stateBefore != BPF_TCP_SYN_SENT && stateBefore != BPF_TCP_SYN_RECV))
+        return socket;
+    const __u32 set = 1;
+    bpf_map_update_elem(&endedBefore, &cookie, &set, BPF_ANY);
+    // What is written above is there for all before what follows is read.
+    __u64 before = __sync_fetch_and_add(&order, 1);
+    barrier_var(before);
+    return bpf_map_lookup_elem(&sockets, &cookie);
 }
 
 static __always_inline void established(struct bpf_sock_ops* hook, __u64 cookie,
@@ -77,12 +102,15 @@ SEC("sockops") int followConnection(struct bpf_sock_ops* hook) {
     const int isOver = hook->op == BPF_SOCK_OPS_STATE_CB && hook->args[1] == BPF_TCP_CLOSE;
     if (!isConnecting && !isEstablished && !isOver) return GOES_ON;
     if (bpf_get_netns_cookie(hook) != ourNetwork) return GOES_ON;
+    __u64 cookie = bpf_get_socket_cookie(hook);
     if (isConnecting) {
+        // An attempt before this one may have failed.
+        bpf_map_delete_elem(&endedBefore, &cookie);
         bpf_sock_ops_cb_flags_set(hook, hook->bpf_sock_ops_cb_flags | BPF_SOCK_OPS_STATE_CB_FLAG);
         return GOES_ON;
     }
-    __u64 cookie = bpf_get_socket_cookie(hook);
-    struct SteeredSocket* socket = bpf_map_lookup_elem(&sockets, &cookie);
+    struct SteeredSocket* socket = isOver ? entryOfEnding(cookie, hook->args[0])
+                                          : bpf_map_lookup_elem(&sockets, &cookie);
     if (!socket) return GOES_ON;
     if (isEstablished)
         established(hook, cookie, socket);
@@ -94,7 +122,7 @@ SEC("sockops") int followConnection(struct bpf_sock_ops* hook) {
 SEC("cgroup/sock_release") int followRelease(struct bpf_sock* hook) {
     if (hook->protocol != TCP || bpf_get_netns_cookie(hook) != ourNetwork) return GOES_ON;
     __u64 cookie = bpf_get_socket_cookie(hook);
-    struct SteeredSocket* socket = bpf_map_lookup_elem(&sockets, &cookie);
+    struct SteeredSocket* socket = entryOfEnding(cookie, hook->state);
     if (!socket) return GOES_ON;
     socket->isReleased = 1;
     tell(cookie);

@@ -3,6 +3,8 @@
 #include <bpf/libbpf.h>
 
 #include <SteeredSockets.skel.h>
+
+#include <atomic>
 #include <utility>
 
 #include "Platform/Linux/Kernel/ControlGroupHooks.h"
@@ -49,5 +51,12 @@ std::optional<SteeredSocket> SteeringPrograms::look(std::uint64_t cookie) const 
 }
 
 void SteeringPrograms::forget(std::uint64_t cookie) const { sockets().remove(cookie); }
+
+bool SteeringPrograms::wasOverBefore(std::uint64_t cookie) const {
+    // What follows is not read before the socket's entry is there for the programs.
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    const KernelTable<std::uint64_t, std::uint32_t> ended(bpf_map__fd(programs->maps.endedBefore));
+    return ended.find(cookie).has_value();
+}
 
 }  // namespace platform

@@ -30,6 +30,8 @@ public:
     bool follow(std::uint64_t cookie, std::uint32_t mark, std::uint32_t mask) const;
     std::optional<SteeredSocket> look(std::uint64_t cookie) const;
     void forget(std::uint64_t cookie) const;
+    // Whether the attempt to connect was over already when the socket came to be followed: no event tells of that.
+    bool wasOverBefore(std::uint64_t cookie) const;
 
     // Readable when there are events.
     int eventDescriptor() const { return events->descriptor(); }

@@ -156,6 +156,7 @@ void SteeredSession::end(int error, bool isTold) {
 void SteeredSession::fail(int error) { end(error, true); }
 
 void SteeredSession::tell(Kind kind, int error) {
+    if (std::exchange(isPreparingUntold, false)) tell(Kind::preparing);
     if (!stateHandler || (isCancelled && kind != Kind::cancelled)) return;
     news.emplace_back([handler = stateHandler, news = NWConnection::State{kind, errorOf(error)}] {
         (*handler)(news);
@@ -267,7 +268,8 @@ void SteeredSession::follow(Way found) {
     switch (way.kind) {
         case Way::Kind::open:
             state = State::connecting;
-            return tell(Kind::preparing);
+            isPreparingUntold = true;
+            return;
         case Way::Kind::otherFamilyOnly:
             return fail(EHOSTUNREACH);
         case Way::Kind::none:

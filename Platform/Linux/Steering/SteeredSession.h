@@ -9,7 +9,8 @@
 // | State       | Event                                 | Core is told           | Socket       |
 // |-------------|---------------------------------------|------------------------|--------------|
 // | offered     | opening fails                         | the opening's error    | -            |
-// |             | start, by a way in its family         | preparing              | SYN goes     |
+// |             | start, by a way in its family         | preparing, with what   | SYN goes     |
+// |             |                                       | comes next             |              |
 // |             | start, a way in the other family only | failed EHOSTUNREACH    | ICMP         |
 // |             | start, no way                         | waiting                | SYN dropped  |
 // |             | decided without a start               | -                      | denied       |
@@ -139,6 +140,8 @@ private:
     State state GUARDED_BY(lock) = State::offered;
     Way way GUARDED_BY(lock);
     bool isStarted GUARDED_BY(lock) = false;
+    // No one waits for it, and telling it by itself would wake a thread beside each verdict.
+    bool isPreparingUntold GUARDED_BY(lock) = false;
     bool isCancelled GUARDED_BY(lock) = false;
     bool isHeldBack GUARDED_BY(lock) = false;
     bool isReadClosed GUARDED_BY(lock) = false;

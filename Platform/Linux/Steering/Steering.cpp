@@ -39,6 +39,10 @@ using Clock = std::chrono::steady_clock;
 // However many reports come, routes and rules are looked at no closer together than this.
 constexpr std::chrono::milliseconds betweenLooks{20};
 constexpr std::chrono::milliseconds betweenTries{1000};
+// A thread that is woken for each event of each socket takes the processor from those that make the connections.
+constexpr std::chrono::milliseconds betweenEvents{1};
+// So long after a connection is held back each event counts at once: its entry may not have been there yet.
+constexpr std::chrono::seconds afterHoldBack{1};
 
 int otherFamily(int family) { return family == AF_INET ? AF_INET6 : AF_INET; }
 
@@ -108,20 +112,21 @@ public:
         const MutexGuard guard(lock);
         return published;
     }
-    bool isThere(const FlowTuple& flow, std::uint64_t cookie) {
-        const MutexGuard guard(askingLock);
-        const auto found = diagnosis.find(flow);
-        return found && found->cookie == cookie;
-    }
     void destroy(const FlowTuple& flow, std::uint64_t cookie) {
         const MutexGuard guard(askingLock);
         diagnosis.destroy(flow, cookie);
     }
     void holdBack(const FlowTuple& flow) {
+        restsAgainFrom = Clock::now() + afterHoldBack;
         const MutexGuard guard(askingLock);
         entries->setMark(flow, marks.flag(), marks.flag());
     }
 
+    // Of the events of a socket that is over already, there may be more.
+    bool isClaimed(std::uint64_t cookie) {
+        const MutexGuard guard(lock);
+        return claims.contains(cookie);
+    }
     Way wayBy(const Uplink& uplink, const FlowTuple& flow) const;
     // Counted first: a verdict whose entry is not there yet finds the change when it is.
     void forgetDatagrams() {
@@ -153,7 +158,8 @@ private:
 
     Work(SteeringMarks steeringMarks, Parts parts);
 
-    void takeEvents();
+    void wait();
+    bool takeEvents();
     void look(std::uint64_t cookie);
     void followNetwork();
     void sayOfPolicies(const Result<>& put);
@@ -172,6 +178,9 @@ private:
     bool isLookDue = false;
     bool isRouteRefused = false;  // at the last look
     Clock::time_point nextLook;
+    Clock::time_point restsUntil;  // no event of a socket is taken before
+    std::atomic<Clock::time_point> restsAgainFrom{Clock::time_point()};
+    std::array<pollfd, 5> polled;
     // The monitor's thread may just be waking us when we go.
     const std::shared_ptr<const FileDescriptor> wakeUp =
         std::make_shared<const FileDescriptor>(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
@@ -280,21 +289,32 @@ Steering::Work::Work(SteeringMarks steeringMarks, Parts parts)
           [wake = wakeUp](const auto&) { eventfd_write(wake->get(), 1); })),
       entries(std::move(parts.entries)) {}
 
+// Until something happens or is due. Events of sockets wait while it rests.
+void Steering::Work::wait() {
+    const auto now = Clock::now();
+    const bool isResting = now < restsUntil;
+    polled = {{{isResting ? -1 : programs->eventDescriptor(), POLLIN, 0},
+               {wakeUp->get(), POLLIN, 0},
+               {routes->eventDescriptor(), POLLIN, 0},
+               {ruleEvents.descriptor(), POLLIN, 0},
+               {ipsec.eventDescriptor(), POLLIN, 0}}};
+    auto due = Clock::time_point::max();
+    if (isLookDue) due = nextLook;
+    if (isResting) due = std::min(due, restsUntil);
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - now).count();
+    const bool hasEnd = due != Clock::time_point::max();
+    poll(polled.data(), polled.size(), hasEnd ? std::max(0, static_cast<int>(left)) : -1);
+}
+
 void Steering::Work::serve() {
     for (;;) {
-        std::array<pollfd, 5> polled{{{programs->eventDescriptor(), POLLIN, 0},
-                                      {wakeUp->get(), POLLIN, 0},
-                                      {routes->eventDescriptor(), POLLIN, 0},
-                                      {ruleEvents.descriptor(), POLLIN, 0},
-                                      {ipsec.eventDescriptor(), POLLIN, 0}}};
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(nextLook - Clock::now());
-        poll(polled.data(), polled.size(),
-             isLookDue ? std::max(0, static_cast<int>(left.count())) : -1);
+        wait();
         {
             const MutexGuard guard(lock);
             if (isStopping) return;
         }
-        if (polled[0].revents != 0) takeEvents();
+        if (const auto now = Clock::now(); now >= restsUntil && takeEvents())
+            restsUntil = now >= restsAgainFrom.load() ? now + betweenEvents : now;
         const bool isChanged = std::any_of(polled.begin() + 1, polled.end(),
                                            [](const pollfd& one) { return one.revents != 0; });
         if (isChanged) {
@@ -304,6 +324,8 @@ void Steering::Work::serve() {
             routes->discardEvents();
             ipsec.discardEvents();
             isLookDue = true;
+        } else if (!isLookDue) {
+            routes->settle();
         }
         if (isLookDue && Clock::now() >= nextLook) followNetwork();
     }
@@ -326,13 +348,20 @@ void Steering::Work::takeAway() {
     table.remove();
 }
 
-void Steering::Work::takeEvents() {
-    const bool isComplete = programs->takeEvents([this](std::uint64_t cookie) { look(cookie); });
-    if (isComplete) return;
+// False if there were none.
+bool Steering::Work::takeEvents() {
+    bool wereAny = false;
+    const bool isComplete = programs->takeEvents([&](std::uint64_t cookie) {
+        wereAny = true;
+        look(cookie);
+    });
+    if (isComplete) return wereAny;
     for (const Claim& claim : allClaims()) look(claim.socket->cookie);
+    return true;
 }
 
 void Steering::Work::look(std::uint64_t cookie) {
+    if (!isClaimed(cookie)) return;
     const auto seen = programs->look(cookie);
     if (!seen) return;
     const bool isOver = seen->isReleased != 0 || seen->isClosed != 0;
@@ -548,7 +577,7 @@ Steering::Verdict Steering::Offer::claim(std::shared_ptr<void> kept) {
     const Verdict verdict = session->decide();
     // A socket that was closed before it was followed has no events any more.
     const bool isAlive = verdict.decision != SteeredSession::Decision::deny &&
-                         work->isThere(flowTuple, socket->cookie);
+                         !work->programs->wasOverBefore(socket->cookie);
     if (isAlive) return verdict;
     if (work->leave(socket->cookie)) session->socketChanged(letGo());
     return {};

@@ -23,6 +23,7 @@ constexpr std::array<unsigned, 6> eventGroups{RTNLGRP_IPV4_RULE,   RTNLGRP_IPV6_
 constexpr std::uint32_t usualPreference = 20000;
 // Of the interception's own connections; they concern no other packets.
 constexpr std::array<std::uint32_t, 2> preferencesOfOwnTraffic{7660, 7661};
+constexpr std::size_t mostKnownWays = 4096;
 constexpr std::uint32_t lastResort = std::numeric_limits<std::uint32_t>::max();
 
 // Addresses that no machine has (RFC 5737, RFC 3849). What leads to them is the default route.
@@ -379,16 +380,38 @@ Result<> SteeringRoutes::change(unsigned type, unsigned flags, const Rule& rule)
     return socket.request(request);
 }
 
+void SteeringRoutes::discardEvents() {
+    events.discard();
+    const MutexGuard guard(questionsLock);
+    isSettled = false;
+    knownWays.clear();
+}
+
+void SteeringRoutes::settle() {
+    const MutexGuard guard(questionsLock);
+    isSettled = true;
+}
+
 bool SteeringRoutes::reaches(const Uplink& uplink, int family,
                              const std::array<std::uint8_t, 16>& destination) {
     if (!uplink.reach(family).source) return false;
+    const MutexGuard guard(questionsLock);
+    const KnownWay way{uplink.number, family, destination};
+    if (knownWays.contains(way)) return true;
+    if (!leadsOut(uplink, family, destination)) return false;
+    if (knownWays.size() == mostKnownWays) knownWays.clear();
+    if (isSettled) knownWays.insert(way);
+    return true;
+}
+
+bool SteeringRoutes::leadsOut(const Uplink& uplink, int family,
+                              const std::array<std::uint8_t, 16>& destination) {
     rtmsg route{};
     route.rtm_family = static_cast<std::uint8_t>(family);
     route.rtm_dst_len = static_cast<std::uint8_t>(addressLength(family) * 8);
     netlink::Request request(RTM_GETROUTE, NLM_F_ACK, route);
     request.put(RTA_DST, bytesOf(family, destination)).put(RTA_MARK, marks.ofPacket(uplink.number));
     int index = 0;
-    const MutexGuard guard(questionsLock);
     const auto asked = questions.request(request, [&](const netlink::Message& answer) {
         if (answer.type() == RTM_NEWROUTE)
             index = static_cast<int>(numberIn(answer.attributes<rtmsg>(), RTA_OIF));

@@ -40,7 +40,9 @@ public:
 
     // Becomes readable when somebody changes rules, routes or addresses.
     int eventDescriptor() const { return events.descriptor(); }
-    void discardEvents() { events.discard(); }
+    void discardEvents();
+    // No event waits, and everything is as it should be: ways that are found are known until the next event.
+    void settle();
 
     // Puts in force what these uplinks need. Fails with the first thing that the kernel refuses.
     Result<> update(const std::vector<Uplink>& uplinks, const NetworkState& network);
@@ -92,6 +94,8 @@ private:
     Result<std::vector<Rule>> rules(int family);
     Result<> change(unsigned type, unsigned flags, const Route& route);
     Result<> change(unsigned type, unsigned flags, const Rule& rule);
+    bool leadsOut(const Uplink& uplink, int family, const std::array<std::uint8_t, 16>& destination)
+        REQUIRES(questionsLock);
 
     const SteeringMarks marks;
     netlink::Socket socket;
@@ -99,6 +103,10 @@ private:
     bool hasRoom = true;
     Mutex questionsLock;
     netlink::Socket questions GUARDED_BY(questionsLock);
+    // By the uplink's number and the family: what is reached.
+    using KnownWay = std::tuple<unsigned, int, std::array<std::uint8_t, 16>>;
+    std::set<KnownWay> knownWays GUARDED_BY(questionsLock);
+    bool isSettled GUARDED_BY(questionsLock) = false;
     std::set<int> otherNetworks GUARDED_BY(questionsLock);  // by interface
 };
 

@@ -1,4 +1,5 @@
 // What the programs in the kernel tell of sockets that end in each of the ways there are.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 
@@ -22,10 +23,14 @@ protected:
         if (!attached) GTEST_SKIP() << attached.error().text();
         programs = std::move(*attached);
     }
-    std::uint64_t follow(const ClientSocket& socket) const {
+    static std::uint64_t cookieOf(const ClientSocket& socket) {
         std::uint64_t cookie = 0;
         socklen_t length = sizeof cookie;
         getsockopt(socket.descriptor(), SOL_SOCKET, SO_COOKIE, &cookie, &length);
+        return cookie;
+    }
+    std::uint64_t follow(const ClientSocket& socket) const {
+        const auto cookie = cookieOf(socket);
         EXPECT_TRUE(programs->follow(cookie, 0x8a000000, 0xff000000));
         return cookie;
     }
@@ -78,6 +83,23 @@ TEST_F(SteeredSockets, ApplicationThatLetsGoIsToldFromANetworksEnd) {
         cookie = follow(client);
     }
     EXPECT_EQ(afterEvent(cookie).isReleased, 1u);
+}
+
+TEST_F(SteeredSockets, AttemptThatIsOverBeforeItIsFollowedIsKnownUntilTheNextOne) {
+    ClientSocket client(AF_INET, SOCK_STREAM);
+    ASSERT_EQ(client.connectTo(TestNetwork::serverIPv4, 9), ECONNREFUSED);
+    EXPECT_TRUE(programs->wasOverBefore(cookieOf(client)));
+    ASSERT_EQ(client.connectTo(TestNetwork::serverIPv4, InterceptionLab::echoPort), 0);
+    EXPECT_FALSE(programs->wasOverBefore(cookieOf(client)));
+
+    std::uint64_t given = 0;
+    {
+        ClientSocket givenUp(AF_INET, SOCK_STREAM);
+        given = cookieOf(givenUp);
+        fcntl(givenUp.descriptor(), F_SETFL, O_NONBLOCK);
+        ASSERT_EQ(givenUp.connectTo(TestNetwork::silentIPv4, 9), EINPROGRESS);
+    }
+    EXPECT_TRUE(programs->wasOverBefore(given));
 }
 
 }  // namespace
