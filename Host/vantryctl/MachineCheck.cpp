@@ -229,12 +229,14 @@ Findings findingsInRules(const std::string& rulesOfOthers) {
 
 Findings checkOtherRules() {
     // Whom the kernel refuses, the library tells so on its own standard error.
-    const auto rules =
-        geteuid() == 0 ? platform::interception::packetRulesOfOthers() : std::nullopt;
-    if (!rules)
+    if (geteuid() != 0)
         return {{"rules of others", Verdict::unknown, "they cannot be listed", "Run it as root."}};
+    const auto rules = platform::interception::packetRulesOfOthers();
+    if (!rules)
+        return {{"rules of others", Verdict::unknown, rules.error().text(),
+                 "See whether nft list ruleset can."}};
     auto findings = findingsInRules(*rules);
-    findings.push_back(checkMarks(platform::interception::markBitsInUse()));
+    findings.push_back(checkMarks(platform::interception::markBitsInUse().used));
     return findings;
 }
 

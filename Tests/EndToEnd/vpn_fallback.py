@@ -1,5 +1,8 @@
 """What becomes of connections while the VPN is down: by the host's word alone, and for real."""
 
+import os
+import pathlib
+import signal
 import subprocess
 
 import flapping
@@ -88,6 +91,16 @@ def _is_guarded() -> bool:
     return table.stdout.count("counter") > 0 and "meta nfproto" not in table.stdout
 
 
+def _its_process_ends(stage) -> None:
+    """The table that guards the tunnel goes with the process that made it, and comes back with another one."""
+    since = stage.daemon.mark()
+    children = pathlib.Path(f"/proc/{stage.daemon.process.pid}/task").glob("*/children")
+    for child in " ".join(each.read_text() for each in children).split():
+        os.kill(int(child), signal.SIGKILL)
+    stage.expect_line("the end of the process that guards is said", "What keeps watched flows in the tunnel", since)
+    network.wait_until(_is_guarded, "the kernel guards the tunnel again")
+
+
 def _comes_by_policy(stage) -> None:
     """What takes the default then are rules and a table of the VPN's own, which come after its interface."""
     stage.apply(UP.but(vpnFallback="allow"))
@@ -100,6 +113,7 @@ def _comes_by_policy(stage) -> None:
 def _the_tunnel_goes_unannounced(stage) -> None:
     """The daemon hears of it later than the packets: none of a VPN-ruled application may leave in the clear."""
     network.wait_until(_is_guarded, "the kernel guards the tunnel")
+    _its_process_ends(stage)
     network.vpn_down()
     for words, next_address in (("connect", stage.ipv4), ("connect", stage.ipv6), ("datagram", stage.ipv4)):
         address = next_address()

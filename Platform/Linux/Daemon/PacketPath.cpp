@@ -79,7 +79,7 @@ Result<> PacketPath::begin() {
 }
 
 Result<> PacketPath::choosePlace() {
-    const auto found = freeMarkPlace(markBitsInUse());
+    const auto found = freeMarkPlace(readMarkBits().used);
     if (!found)
         return Error(
             EADDRINUSE,
@@ -87,6 +87,20 @@ Result<> PacketPath::choosePlace() {
             "uses (see nft list ruleset and ip rule)");
     if (found != place) putInPlace(*found);
     return {};
+}
+
+// What cannot be read does not keep the daemon from its work: few rules use marks, and the place that is tried
+// first is seldom theirs.
+MarkBits PacketPath::readMarkBits() {
+    auto bits = markBitsInUse();
+    if (!bits.unread) {
+        unreadRules.end();
+    } else if (unreadRules.begin(bits.unread->text())) {
+        platformLog.error(
+            "Marks of connections may get into the way of others' packet rules: %{public}s",
+            bits.unread->text());
+    }
+    return bits;
 }
 
 void PacketPath::putInPlace(MarkPlace newPlace) {
@@ -215,9 +229,10 @@ void PacketPath::keepHouse() {
 
 void PacketPath::followMarksOfOthers() {
     if (!place) return;
-    const std::uint32_t used = markBitsInUse();
+    const auto [used, unread] = readMarkBits();
     if ((used & place->mask()) == 0) {
-        if (clash.end()) platformLog.info("The bits of marks that are in use here are free again");
+        if (!unread && clash.end())
+            platformLog.info("The bits of marks that are in use here are free again");
         return;
     }
     const auto found = freeMarkPlace(used);

@@ -17,6 +17,7 @@
 #include "Platform/Linux/Result.h"
 #include "Platform/Linux/Rules/ConnectionEntries.h"
 #include "Platform/Linux/Rules/DirectRoutes.h"
+#include "Platform/Linux/Rules/MarkPlaces.h"
 #include "Platform/Linux/Rules/PacketTable.h"
 #include "Platform/Linux/Rules/TunnelGuard.h"
 #include "Platform/Linux/Steering/Steering.h"
@@ -61,6 +62,7 @@ public:
 private:
     Result<> begin();
     Result<> choosePlace();
+    MarkBits readMarkBits();
     Result<> openParts();
     Result<> chooseCarrier();
     Result<> wipeMarks();
@@ -98,6 +100,8 @@ private:
                            "Direct connections are carried", "not yet"};
     health::Problem clash{health::Place::verdicts, "markClash",
                           "Others use the same bits of marks"};
+    health::Problem unreadRules{health::Place::verdicts, "rulesOfOthers",
+                                "Others' packet rules cannot be read"};
     health::Problem heldUp{health::Place::packets, "heldUp", "Verdicts are held up"};
     health::Counter passed{health::Place::packets, "passedUnseen",
                            "Packets passed without a verdict"};

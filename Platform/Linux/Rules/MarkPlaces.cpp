@@ -4,15 +4,15 @@
 
 #include <linux/fib_rules.h>
 #include <linux/rtnetlink.h>
-#include <nftables/libnftables.h>
 
-#include <memory>
+#include <cerrno>
 #include <sstream>
 
 #include "Platform/Linux/Netlink/Socket.h"
 #include "Platform/Linux/Rules/DirectRoutes.h"
 #include "Platform/Linux/Rules/MarksInRules.h"
 #include "Platform/Linux/Rules/PacketRule.h"
+#include "Platform/Linux/Rules/RuleLanguage.h"
 #include "Platform/Linux/Rules/SteeringMarks.h"
 
 namespace platform::interception {
@@ -43,36 +43,39 @@ std::uint32_t bitsInRoutingRules() {
     return bits;
 }
 
-// What a command of the rule language prints.
-std::optional<std::string> outputOf(nft_ctx* context, const std::string& command) {
-    if (nft_run_cmd_from_buffer(context, command.c_str()) != 0) return std::nullopt;
-    return nft_ctx_get_output_buffer(context);
+Error unlisted(const RuleLanguage::Answer& answer) {
+    return Error(EIO, "list the packet rules of others", answer.failure);
+}
+
+// A table may go between the two questions.
+bool isGone(const RuleLanguage::Answer& answer) {
+    return answer.failure.find("No such file or directory") != std::string::npos;
 }
 
 }  // namespace
 
-std::optional<std::string> packetRulesOfOthers() {
-    const std::unique_ptr<nft_ctx, decltype(&nft_ctx_free)> context(nft_ctx_new(NFT_CTX_DEFAULT),
-                                                                    &nft_ctx_free);
-    if (!context) return std::nullopt;
-    nft_ctx_buffer_output(context.get());
-    nft_ctx_buffer_error(context.get());
-    // Marks may have names.
-    nft_ctx_output_set_flags(context.get(), NFT_CTX_OUTPUT_NUMERIC_SYMBOL);
-    const auto tables = outputOf(context.get(), "list tables");
-    if (!tables) return std::nullopt;
+Result<std::string> packetRulesOfOthers() {
+    RuleLanguage language;
+    const auto tables = language.run("list tables");
+    if (!tables.isDone) return unlisted(tables);
     std::string rules;
-    std::istringstream lines(*tables);
+    std::istringstream lines(tables.output);
     const std::string prefix = "table inet ";
-    for (std::string table; std::getline(lines, table);)
-        if (table != prefix + packetTableName && table != prefix + guardTableName &&
-            table != prefix + steeringTableName)
-            rules += outputOf(context.get(), "list " + table).value_or("");
+    for (std::string table; std::getline(lines, table);) {
+        if (table == prefix + packetTableName || table == prefix + guardTableName ||
+            table == prefix + steeringTableName)
+            continue;
+        const auto listed = language.run("list " + table);
+        if (!listed.isDone && !isGone(listed)) return unlisted(listed);
+        rules += listed.output;
+    }
     return rules;
 }
 
-std::uint32_t markBitsInUse() {
-    return bitsInRoutingRules() | markBitsInRules(packetRulesOfOthers().value_or(""));
+MarkBits markBitsInUse() {
+    const auto rules = packetRulesOfOthers();
+    if (!rules) return {bitsInRoutingRules(), rules.error()};
+    return {bitsInRoutingRules() | markBitsInRules(*rules), std::nullopt};
 }
 
 std::optional<MarkPlace> freeMarkPlace(std::uint32_t used) {

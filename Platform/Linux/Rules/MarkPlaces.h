@@ -7,17 +7,22 @@
 #include <optional>
 #include <string>
 
+#include "Platform/Linux/Result.h"
 #include "Platform/Linux/Rules/FlowMark.h"
 
 namespace platform::interception {
 
-// The packet rules of others that are in force, in their text form; none if they cannot be
+// The packet rules of others that are in force, in their text form; or why they cannot be
 // listed. (The form for machines is of no use: libnftables 1.0.6 breaks off at a table with an owner.)
-std::optional<std::string> packetRulesOfOthers();
+Result<std::string> packetRulesOfOthers();
 
 // The bits of marks that the packet rules of others and the routing rules test or set, as far as
-// they can be read.
-std::uint32_t markBitsInUse();
+// they can be read; and why those of packet rules cannot, where that is so.
+struct MarkBits {
+    std::uint32_t used = 0;
+    std::optional<Error> unread;
+};
+MarkBits markBitsInUse();
 
 // The first place whose byte has no bit in `used`, highest bits first. None if there is none.
 std::optional<MarkPlace> freeMarkPlace(std::uint32_t used);

@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 
 #include <linux/rtnetlink.h>
-#include <nftables/libnftables.h>
 
 #include <algorithm>
 #include <array>
@@ -27,6 +26,7 @@
 #include "Platform/Linux/Network/PrivateNetworks.h"
 #include "Platform/Linux/PlatformLog.h"
 #include "Platform/Linux/Rules/PacketRule.h"
+#include "Platform/Linux/Rules/RuleLanguage.h"
 #include "Platform/TunnelGuard.h"
 
 namespace platform::interception {
@@ -51,6 +51,7 @@ constexpr std::array<Family, 2> families{{
      "127.0.0.0/8, 169.254.0.0/16, 224.0.0.0/4, 255.255.255.255/32"},
     {AF_INET6, farIPv6, "ip6", "ipv6", "::1/128, fe80::/10, ff00::/8"},
 }};
+constexpr int millisecondsToNextAttempt = 1000;
 constexpr std::size_t addressLength(int family) { return family == AF_INET ? 4 : 16; }
 
 // A VPN that routes by policy changes the default with a rule and a table of its own, in one family after
@@ -172,8 +173,6 @@ std::string rulesText(const Guarded& guarded, MarkPlace place, bool knowsIPsec) 
 class TunnelGuard::Work {
 public:
     explicit Work(MarkPlace markPlace) : place(markPlace) {
-        nft_ctx_buffer_error(rules.get());
-        nft_ctx_buffer_output(rules.get());
         thread = std::thread([this] { serve(); });
     }
 
@@ -202,6 +201,12 @@ private:
                 look();
             else
                 guarded = {};
+            if (!inForce.isNothing() && !rules.isThere()) {
+                platformLog.error(
+                    "What keeps watched flows in the tunnel had ended with the process that holds "
+                    "it, and is put back");
+                inForce = {};
+            }
             if (guarded != inForce) putInForce();
         }
     }
@@ -210,9 +215,11 @@ private:
 
     // Whether the guard is wanted; none when the end has come.
     std::optional<bool> awaitNews() {
-        std::array<pollfd, 2> descriptors{
-            {{news.get(), POLLIN, 0}, {events ? events->descriptor() : -1, POLLIN, 0}}};
-        while (poll(descriptors.data(), descriptors.size(), -1) < 0 && errno == EINTR) {
+        std::array<pollfd, 3> descriptors{{{news.get(), POLLIN, 0},
+                                           {events ? events->descriptor() : -1, POLLIN, 0},
+                                           {rules.descriptor(), POLLIN, 0}}};
+        const int patience = wasDone ? -1 : millisecondsToNextAttempt;
+        while (poll(descriptors.data(), descriptors.size(), patience) < 0 && errno == EINTR) {
         }
         eventfd_t ignored = 0;
         eventfd_read(news.get(), &ignored);
@@ -243,32 +250,38 @@ private:
     }
 
     void putInForce() {
-        bool isDone = install(true);
+        std::string failure;
+        bool isDone = install(true, failure);
         // The kernel may lack IPsec.
-        if (!isDone) isDone = install(false);
+        if (!isDone) isDone = install(false, failure);
         if (isDone) inForce = guarded;
-        if (std::exchange(wasDone, isDone) && !isDone)
+        if (std::exchange(wasDone, isDone) == isDone) return;
+        if (isDone)
+            platformLog.info("The kernel keeps watched flows in the tunnel after all");
+        else
             platformLog.error(
                 "The kernel cannot keep watched flows in the tunnel when it goes: %{public}s",
-                std::string(nft_ctx_get_error_buffer(rules.get())));
+                failure);
     }
 
-    bool install(bool knowsIPsec) {
+    bool install(bool knowsIPsec, std::string& failure) {
+        if (guarded.isNothing()) {
+            rules.end();
+            return true;
+        }
         const std::string table = std::string("table inet ") + guardTableName;
-        std::string text = "add " + table + " { flags owner; }\ndelete " + table + '\n';
-        if (!guarded.isNothing())
-            text += table +
-                    " {\n flags owner\n chain leaving {\n"
-                    "  type filter hook postrouting priority 0\n" +
-                    rulesText(guarded, place, knowsIPsec) + " }\n}\n";
-        return nft_run_cmd_from_buffer(rules.get(), text.c_str()) == 0;
+        auto answer =
+            rules.run("add " + table + " { flags owner; }\ndelete " + table + '\n' + table +
+                      " {\n flags owner\n chain leaving {\n"
+                      "  type filter hook postrouting priority 0\n" +
+                      rulesText(guarded, place, knowsIPsec) + " }\n}\n");
+        failure = std::move(answer.failure);
+        return answer.isDone;
     }
 
     const MarkPlace place;
-    // The table goes with its socket.
-    const std::unique_ptr<nft_ctx, decltype(&nft_ctx_free)> rules{nft_ctx_new(NFT_CTX_DEFAULT),
-                                                                  &nft_ctx_free};
-    // For the thread alone.
+    // For the thread alone. The table goes with the process of the rules.
+    RuleLanguage rules;
     Result<netlink::Socket> socket = netlink::Socket::open(NETLINK_ROUTE);
     Result<netlink::Socket> events = netlink::Socket::open(NETLINK_ROUTE, guardEventGroups);
     Guarded guarded;

@@ -3,11 +3,11 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
-#include <nftables/libnftables.h>
-
 #include <array>
+#include <utility>
 
 #include "Platform/Linux/Rules/PacketRule.h"
+#include "Platform/Linux/Rules/RuleLanguage.h"
 
 namespace platform::steering {
 
@@ -132,23 +132,14 @@ std::string tableText(SteeringMarks marks, const std::vector<Uplink>& uplinks, b
 
 }  // namespace
 
-SteeringTable::SteeringTable(SteeringMarks steeringMarks)
-    : marks(steeringMarks), rules(nft_ctx_new(NFT_CTX_DEFAULT), &nft_ctx_free) {
-    nft_ctx_buffer_output(rules.get());
-    nft_ctx_buffer_error(rules.get());
-}
-
-SteeringTable::~SteeringTable() = default;
-
 bool SteeringTable::run(const std::string& commands) {
-    if (nft_run_cmd_from_buffer(rules.get(), commands.c_str()) == 0) return true;
-    failureText = nft_ctx_get_error_buffer(rules.get());
-    return false;
+    auto answer = interception::RuleLanguage().run(commands);
+    output = std::move(answer.output);
+    if (!answer.isDone) failureText = std::move(answer.failure);
+    return answer.isDone;
 }
 
-std::string SteeringTable::listed() {
-    return run("list " + table) ? nft_ctx_get_output_buffer(rules.get()) : "";
-}
+std::string SteeringTable::listed() { return run("list " + table) ? output : ""; }
 
 bool SteeringTable::install(const std::vector<Uplink>& uplinks) {
     // Adding a table that exists is no error, deleting one that does not is. The new nat chain is there

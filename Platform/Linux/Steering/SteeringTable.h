@@ -14,24 +14,18 @@
 // One thread.
 #pragma once
 
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "Platform/Linux/Rules/SteeringMarks.h"
 #include "Platform/Linux/Steering/Uplinks.h"
 
-struct nft_ctx;
-
 namespace platform::steering {
 
 class SteeringTable {
 public:
-    explicit SteeringTable(SteeringMarks steeringMarks);
-    // Leaves the table as it is.
-    ~SteeringTable();
-    SteeringTable(const SteeringTable&) = delete;
-    SteeringTable& operator=(const SteeringTable&) = delete;
+    // The table stays as it is when this goes.
+    explicit SteeringTable(SteeringMarks steeringMarks) : marks(steeringMarks) {}
 
     // Puts in force what these uplinks need, in one step. False if the kernel refuses; `failure` then
     // has its words.
@@ -48,7 +42,7 @@ private:
     std::string listed();
 
     const SteeringMarks marks;
-    const std::unique_ptr<nft_ctx, void (*)(nft_ctx*)> rules;
+    std::string output;
     std::string inForce;  // as the kernel shows it
     std::string failureText;
 };
