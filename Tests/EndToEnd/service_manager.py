@@ -29,6 +29,7 @@ def run(stage) -> None:
     network.vpn_up()
     _readiness_life_and_stop(stage)
     _sleep_and_wake(stage)
+    _the_bus_restarts(stage)
     _notices(stage)
 
 
@@ -97,6 +98,21 @@ def _sleep_and_wake(stage) -> None:
         stage.expect_untouched("a relayed upload has gone on", upload)
         stage.stop_daemon()
         stage.checks.equal("a daemon that has ended holds up no sleep", _heard(manager), "let go\n")
+
+
+def _the_bus_restarts(stage) -> None:
+    """Verdicts go on without it, and the daemon is back on it by itself."""
+    with _bus(), _login_manager() as manager:
+        stage.start_daemon(RULES, environment={"DBUS_SYSTEM_BUS_ADDRESS": BUS_ADDRESS})
+        stage.checks.equal("with the bus: the daemon asks to be told of sleep", _heard(manager), "taken\n")
+        since = stage.daemon.mark()
+    stage.expect_line("without the bus: that is said", "bus", since)
+    for application, expect in ((stage.courier, stage.expect_physical), (stage.ledger, stage.expect_tunnel)):
+        address = stage.ipv4()
+        expect(f"without the bus: {application.identifier}", application.run("connect", address, 80), address)
+    with _bus(), _login_manager() as manager:
+        stage.checks.equal("the bus is back: the daemon asks to be told of sleep", _heard(manager), "taken\n")
+        stage.stop_daemon()
 
 
 def _configuration(rules: dict[str, str]) -> dict:

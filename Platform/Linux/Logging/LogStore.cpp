@@ -76,25 +76,30 @@ std::string standardErrorLine(const LogLine& line) {
 }
 
 // One call for the whole line, so that lines of several threads stay apart.
-void writeToStandardError(std::string_view line) {
+bool writeToStandardError(std::string_view line) {
     while (!line.empty()) {
         const ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());
         if (written < 0 && errno == EINTR) continue;
-        if (written < 0) return;  // nowhere left to say so
+        if (written < 0) return false;
         line.remove_prefix(static_cast<std::size_t>(written));
     }
+    return true;
 }
 
 iovec field(const std::string& text) { return {const_cast<char*>(text.data()), text.size()}; }
 
-void sendToJournal(const LogLine& line) {
+// Where the journal's socket is missing its library drops lines without a word.
+constexpr const char* journalSocket = "/run/systemd/journal/socket";
+
+bool sendToJournal(const LogLine& line) {
+    if (::access(journalSocket, F_OK) != 0) return false;
     const std::array<std::string, 5> fields{
         "MESSAGE=" + std::string(line.category) + ": " + line.text,
         "PRIORITY=" + std::to_string(journalPriorityOf(line.level)), "SYSLOG_IDENTIFIER=vantryd",
         "SUBSYSTEM=" + std::string(line.subsystem), "CATEGORY=" + std::string(line.category)};
     std::array<iovec, fields.size()> vectors;
     for (std::size_t i = 0; i < fields.size(); ++i) vectors[i] = field(fields[i]);
-    ::sd_journal_sendv(vectors.data(), static_cast<int>(vectors.size()));
+    return ::sd_journal_sendv(vectors.data(), static_cast<int>(vectors.size())) >= 0;
 }
 
 bool goesToJournal() {
@@ -110,10 +115,8 @@ LogWriter& writer() {
         // Never destroyed: other threads log until the process ends.
         auto made = std::make_unique<LogWriter>(
             [](const LogLine& line) {
-                if (goesToJournal())
-                    sendToJournal(line);
-                else
-                    writeToStandardError(standardErrorLine(line));
+                return goesToJournal() ? sendToJournal(line)
+                                       : writeToStandardError(standardErrorLine(line));
             },
             mostWaitingLines);
         std::atexit([] { flushLog(); });

@@ -98,9 +98,10 @@ void LogWriter::run() {
         const LogLine line = std::move(waiting.front());
         waiting.pop_front();
         guard.unlock();
-        write(line);
+        const bool isTaken = write(line);
         guard.lock();
         ++written;
+        count(isTaken);
         sayWhatIsOver();
         changed.notifyAll();
         if (waiting.empty()) rest();
@@ -111,6 +112,16 @@ void LogWriter::run() {
 void LogWriter::rest() {
     const auto end = Condition::Clock::now() + betweenBursts;
     while (!isStopping && flushes == 0 && restEnds.waitUntil(lock, end)) {
+    }
+}
+
+// Each line is a trial whether there is a taker again.
+void LogWriter::count(bool isTaken) {
+    if (!isTaken) {
+        ++droppedLines;
+        ++untakenLines;
+    } else if (const auto lost = std::exchange(untakenLines, 0); lost > 0) {
+        queue(ownLine(std::to_string(lost) + " log lines were lost, as nothing took them"));
     }
 }
 

@@ -34,7 +34,8 @@ struct LogLine {
 
 class LogWriter {
 public:
-    using Write = std::function<void(const LogLine&)>;
+    // False if the line found no taker and is lost.
+    using Write = std::function<bool(const LogLine&)>;
 
     // `write` is called on the writer's thread alone and may take as long as it likes.
     LogWriter(Write write, std::size_t mostLines);
@@ -47,12 +48,13 @@ public:
     // Waits until all that has been added is written, or for so long. False if it is not.
     bool flush(std::chrono::milliseconds longest);
 
-    // How many lines were dropped so far.
+    // How many lines were dropped or lost so far.
     std::uint64_t dropped();
 
 private:
     void run();
     void queue(LogLine line) REQUIRES(lock);
+    void count(bool isTaken) REQUIRES(lock);
     void sayWhatIsOver() REQUIRES(lock);
     void rest() REQUIRES(lock);
 
@@ -67,6 +69,7 @@ private:
     std::uint64_t written GUARDED_BY(lock) = 0;
     std::uint64_t droppedLines GUARDED_BY(lock) = 0;
     std::uint64_t droppedBefore GUARDED_BY(lock) = 0;  // the present gap
+    std::uint64_t untakenLines GUARDED_BY(lock) = 0;   // since one was taken
     bool isLosing GUARDED_BY(lock) = false;
     bool isStopping GUARDED_BY(lock) = false;
     int flushes GUARDED_BY(lock) = 0;  // that are waited for

@@ -58,7 +58,12 @@ private:
 
 TEST(Logging, APlaceThatStallsHoldsUpNobodyAndTheGapIsSaidWhereItIs) {
     SlowPlace place;
-    LogWriter writer([&](const LogLine& line) { place.write(line); }, 4);
+    LogWriter writer(
+        [&](const LogLine& line) {
+            place.write(line);
+            return true;
+        },
+        4);
     const auto log = [&](int first, int last) {
         for (int number = first; number <= last; ++number)
             writer.add({.subsystem = "", .category = "", .text = std::to_string(number)});
