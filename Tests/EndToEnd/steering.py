@@ -109,19 +109,25 @@ def _beside_vpns_and_firewalls(stage) -> None:
 
 
 def _beside_ipsec(stage) -> None:
-    """Policies that forbid what is steered, and one for a tunnel's address on the physical interface."""
-    own = "10.9.0.2"
+    """Policies that forbid what is steered, one for a tunnel's address on the physical interface, and those of
+    connections that go by the machine's own address: L2TP, and one from host to host."""
+    own, outer = "10.9.0.2", network.CLIENT_IPV4
     subprocess.run(["ip", "address", "add", own, "dev", network.PHYSICAL], check=True)
     mark, mask = re.search(r"fwmark (0x[0-9a-f]+)/(0x[0-9a-f]+) lookup 7681", _rules()).groups()
     forbidding = [["dst", each, "dir", "out", "mark", mark, "mask", mask] for each in (
         network.SERVER_RANGE_IPV4, network.SERVER_RANGE_IPV6)]
+    selected = {
+        "transport": ["src", outer, "dst", "192.0.2.77", "proto", "udp", "sport", "1701", "dir", "out"],
+        "tunnel": ["src", outer, "dst", "192.0.2.77", "dir", "out"]}
     tunnelled = ["src", own, "dst", "0.0.0.0/0", "dir", "out"]
     for policy in forbidding:
         subprocess.run(["ip", "xfrm", "policy", "add", *policy, "action", "block", "priority", "300"], check=True)
-    subprocess.run(["ip", "xfrm", "policy", "add", *tunnelled, "tmpl", "proto", "esp", "mode", "tunnel"], check=True)
+    for mode, policy in (*selected.items(), ("tunnel", tunnelled)):
+        subprocess.run(["ip", "xfrm", "policy", "add", *policy, "tmpl", "src", outer, "dst", "192.0.2.77", "proto", "esp",
+                        "mode", mode], check=True)
     stage.checks.eventually("IPsec: no source is the tunnel's", lambda: (own not in _sources(), _sources()))
     _direct_passes(stage, "IPsec by policies")
-    for policy in (*forbidding, tunnelled):
+    for policy in (*forbidding, *selected.values(), tunnelled):
         subprocess.run(["ip", "xfrm", "policy", "delete", *policy], check=True)
     stage.checks.eventually("IPsec: without its policies there are none of ours", lambda: (not _policies(), _policies()))
     subprocess.run(["ip", "address", "delete", f"{own}/32", "dev", network.PHYSICAL], check=True)

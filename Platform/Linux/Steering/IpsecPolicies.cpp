@@ -44,14 +44,21 @@ xfrm_lifetime_cfg forever() {
     return limits;
 }
 
-// The one address that a policy into a tunnel is for; none where it is for a network.
-std::optional<TunnelAddresses::value_type> hostOf(const xfrm_userpolicy_info& policy) {
+// The address that a tunnel has given the machine: a policy into it is for this one alone, and its packets leave from
+// another one. Policies of transport mode, as L2TP has them, and those from host to host are for the machine's own.
+std::optional<TunnelAddresses::value_type> addressOfTunnel(const xfrm_userpolicy_info& policy,
+                                                           const xfrm_user_tmpl& form) {
     const int family = policy.sel.family;
     const std::size_t length = family == AF_INET ? 4 : 16;
-    if (policy.dir != XFRM_POLICY_OUT || policy.sel.prefixlen_s != length * 8) return std::nullopt;
-    std::array<std::uint8_t, 16> bytes{};
-    std::memcpy(bytes.data(), &policy.sel.saddr, length);
-    return TunnelAddresses::value_type{family, bytes};
+    const bool isOfHost = policy.sel.prefixlen_s == length * 8;
+    if (policy.dir != XFRM_POLICY_OUT || form.mode != XFRM_MODE_TUNNEL || !isOfHost)
+        return std::nullopt;
+    std::array<std::uint8_t, 16> inside{};
+    std::array<std::uint8_t, 16> outside{};
+    std::memcpy(inside.data(), &policy.sel.saddr, length);
+    std::memcpy(outside.data(), &form.saddr, form.family == AF_INET ? 4 : 16);
+    if (outside == std::array<std::uint8_t, 16>{} || outside == inside) return std::nullopt;
+    return TunnelAddresses::value_type{family, inside};
 }
 
 }  // namespace
@@ -83,13 +90,16 @@ void IpsecPolicies::take(const netlink::Message& answer) {
     const auto attributes = answer.attributes<xfrm_userpolicy_info>();
     const auto marked = attributes.find(XFRMA_MARK);
     const auto mark = marked ? marked->record<xfrm_mark>().value_or(xfrm_mark{}) : xfrm_mark{};
-    const bool isTunnel = attributes.find(XFRMA_TMPL).has_value();
-    if (policy->priority == 0 && !isTunnel && isMarkOfSteering(mark)) {
+    const auto forms = attributes.find(XFRMA_TMPL);
+    if (policy->priority == 0 && !forms && isMarkOfSteering(mark)) {
         ours.insert({policy->sel.family, policy->dir, mark.v, mark.m});
         return;
     }
     haveOthers = true;
-    if (const auto host = isTunnel ? hostOf(*policy) : std::nullopt) ofTunnels.insert(*host);
+    // Of several, the first one is the innermost.
+    const auto form = forms ? forms->record<xfrm_user_tmpl>() : std::nullopt;
+    if (const auto address = form ? addressOfTunnel(*policy, *form) : std::nullopt)
+        ofTunnels.insert(*address);
 }
 
 std::set<IpsecPolicies::Exemption> IpsecPolicies::wantedFor(

@@ -33,14 +33,23 @@ std::optional<InterfaceAddress> sourceOf(const Reach& reach) {
     return *std::ranges::min_element(reach.addresses, {}, drawbacksOf);
 }
 
+// Those that reach beyond the link, without the tunnels' where others are left.
+std::vector<InterfaceAddress> addressesOf(const NetworkInterface& interface, int family,
+                                          const TunnelAddresses& ofTunnels) {
+    std::vector<InterfaceAddress> all;
+    for (const auto& address : interface.addresses)
+        if (address.family == family && !address.isLinkLocal) all.push_back(address);
+    std::vector<InterfaceAddress> own;
+    for (const auto& address : all)
+        if (!ofTunnels.contains({family, address.bytes})) own.push_back(address);
+    return own.empty() ? all : own;
+}
+
 Reach reachOf(const NetworkInterface& interface, int family, const TunnelAddresses& ofTunnels) {
     Reach reach;
     // A link that is down has no way out, whatever is remembered of it.
     if (interface.isUp) reach.route = family == AF_INET ? interface.ipv4 : interface.ipv6;
-    for (const auto& address : interface.addresses)
-        if (address.family == family && !address.isLinkLocal &&
-            !ofTunnels.contains({family, address.bytes}))
-            reach.addresses.push_back(address);
+    reach.addresses = addressesOf(interface, family, ofTunnels);
     reach.source = sourceOf(reach);
     return reach;
 }

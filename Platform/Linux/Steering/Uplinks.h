@@ -44,7 +44,7 @@ class Uplinks {
 public:
     // Gives a number to each physical interface that leads out and has none, and takes back those of
     // interfaces that are gone. False if there are more than there are numbers for.
-    // An uplink's addresses are those of its interface without the tunnels'.
+    // An uplink's addresses are those of its interface without the tunnels', unless it has no others.
     bool follow(const NetworkState& network, const TunnelAddresses& ofTunnels = {});
 
     const std::vector<Uplink>& all() const { return uplinks; }
