@@ -96,6 +96,12 @@ def _sleep_and_wake(stage) -> None:
                 expect(f"after waking: {application.identifier} to {address}",
                        application.run("connect", address, 80), address)
         stage.expect_untouched("a relayed upload has gone on", upload)
+        host.write_preferences(off=True, protocolConfiguration=_configuration({LEDGER: "direct"}))
+        since = stage.daemon.mark()
+        _announce(manager, "wake")
+        stage.expect_line("switched off, the rules are not read on waking", "Loaded 0 routing rules from config", since)
+        address = stage.ipv4()
+        stage.expect_tunnel("nor do they hold", stage.ledger.run("connect", address, 80), address)
         stage.stop_daemon()
         stage.checks.equal("a daemon that has ended holds up no sleep", _heard(manager), "let go\n")
 

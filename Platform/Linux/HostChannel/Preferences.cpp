@@ -32,12 +32,23 @@ std::optional<T> typedMember(const JSONObject& object, std::string_view key) {
     return *typed;
 }
 
-std::shared_ptr<const NEVPNProtocol> protocolIn(const JSONValue* value) {
+// While everything is switched off the rules stay in the file, but do not hold: not after a start nor a
+// waking either, when they are read from here.
+void takeRulesFrom(JSONObject& configuration) {
+    configuration["rules"] = JSONObject{};
+    configuration["blockedApps"] = JSONArray{};
+    configuration["defaultAction"] = "vpn";
+    configuration["vpnFallback"] = "allow";
+    configuration["directFallback"] = "allow";
+}
+
+std::shared_ptr<const NEVPNProtocol> protocolIn(const JSONValue* value, bool isOff = false) {
     const JSONObject* object = value == nullptr ? nullptr : value->as<JSONObject>();
     if (object == nullptr) return nullptr;
+    auto configuration = typedMember<JSONObject>(*object, "providerConfiguration");
+    if (configuration && isOff) takeRulesFrom(*configuration);
     return std::make_shared<NETunnelProviderProtocol>(
-        typedMember<std::string>(*object, "providerBundleIdentifier"),
-        typedMember<JSONObject>(*object, "providerConfiguration"));
+        typedMember<std::string>(*object, "providerBundleIdentifier"), std::move(configuration));
 }
 
 std::vector<NETunnelProviderManager> managersIn(const JSONObject& document) {
@@ -111,7 +122,8 @@ std::optional<Preferences> Preferences::load() {
                              failure == nullptr ? "not an object" : failure->description);
         return std::nullopt;
     }
-    return Preferences{protocolIn(member(*object, "protocolConfiguration")),
+    return Preferences{protocolIn(member(*object, "protocolConfiguration"),
+                                  typedMember<bool>(*object, "off").value_or(false)),
                        managersIn(*object),
                        logLevelIn(*object),
                        personalAccountsIn(*object),
