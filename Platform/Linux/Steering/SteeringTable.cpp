@@ -23,6 +23,7 @@ std::string textOf(const InterfaceAddress& address) {
 
 std::string listOf(const std::vector<InterfaceAddress>& addresses) {
     std::string list;
+    if (addresses.size() == 1) return textOf(addresses.front());
     for (const auto& address : addresses) list += textOf(address) + ", ";
     return "{ " + list + "}";
 }
@@ -32,6 +33,11 @@ class Words {
 public:
     explicit Words(SteeringMarks steeringMarks) : marks(steeringMarks) {}
 
+    // What most packets are: of a claimed connection that is neither watched nor held back. One comparison.
+    std::string isOrdinaryBy(unsigned number) const {
+        return masked("ct mark", marks.mask()) +
+               std::to_string(marks.ofConnection(FlowState::claimed, number)) + " ";
+    }
     std::string isSteeredBy(unsigned number) const {
         return masked("ct mark", marks.numberMask()) + "{ " +
                std::to_string(marks.ofConnection(FlowState::claimed, number)) + ", " +
@@ -48,7 +54,7 @@ public:
     }
     std::string setPacketMark(unsigned number) const {
         return "meta mark set meta mark & " + std::to_string(~marks.mask()) + " | " +
-               std::to_string(marks.ofPacket(number)) + "\n";
+               std::to_string(marks.ofPacket(number)) + " ";
     }
     // Content of a connection that is held back, whichever its interface is.
     std::string isHeldContent() const {
@@ -93,16 +99,27 @@ constexpr const char* useOfFtpHelpers =
 std::string tableText(SteeringMarks marks, const std::vector<Uplink>& uplinks, bool hasFtpHelpers) {
     const Words words(marks);
     std::string leaving;
-    std::string arriving = words.isHeldContent() + "drop\n";
+    std::string checking;
+    std::string arriving;
+    // Ordinary packets leave each chain by one of its first rules.
+    for (const Uplink& uplink : uplinks) {
+        const std::string isOrdinary = words.isOrdinaryBy(uplink.number);
+        const std::string setMark = words.setPacketMark(uplink.number) + "accept\n";
+        leaving += isOrdinary + "ct state established " + setMark;
+        checking += isOrdinary + "accept\n";
+        arriving += isOrdinary + setMark;
+    }
+    arriving += words.isHeldContent() + "drop\n";
     std::string naming;
     std::string guarding;
     for (const Uplink& uplink : uplinks) {
         const unsigned number = uplink.number;
         const std::string hasMark = words.hasPacketMark(marks.ofPacket(number));
         const std::string leavesHere = "oifname \"" + uplink.name + "\" " + hasMark;
-        leaving += words.isSteeredBy(number) + words.setPacketMark(number);
-        leaving += words.hasPacketMark(marks.ofSocket(number)) + words.setPacketMark(number);
-        arriving += words.isSteeredBy(number) + words.setPacketMark(number);
+        const std::string setMark = words.setPacketMark(number) + "\n";
+        leaving += words.isSteeredBy(number) + setMark;
+        leaving += words.hasPacketMark(marks.ofSocket(number)) + setMark;
+        arriving += words.isSteeredBy(number) + setMark;
         for (const Family& family : families) {
             const Reach& reach = uplink.reach(family.number);
             if (reach.source) {
@@ -115,10 +132,9 @@ std::string tableText(SteeringMarks marks, const std::vector<Uplink>& uplinks, b
             }
         }
     }
-    const std::string checking =
-        words.isHeldContent() + "drop\n" + words.isSteeredBy(unreachableNumber) +
-        // The error message itself counts as the connection's, too.
-        "meta l4proto { tcp, udp } reject with icmpx type host-unreachable\n";
+    checking += words.isHeldContent() + "drop\n" + words.isSteeredBy(unreachableNumber) +
+                // The error message itself counts as the connection's, too.
+                "meta l4proto { tcp, udp } reject with icmpx type host-unreachable\n";
     if (hasFtpHelpers) leaving += words.isSteered() + "jump helping\n";
     const std::string helpers =
         hasFtpHelpers ? ftpHelpers + (std::string(" chain helping {\n") + useOfFtpHelpers + " }\n")
