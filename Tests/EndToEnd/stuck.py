@@ -77,6 +77,9 @@ def _one_account_floods(stage) -> None:
         return
     stage.start_daemon(RULES)
     for name, flood in (("datagrams", _send_eight_thousand), ("connections", _open_connections)):
+        upload = stage.nobody.start("serve")
+        upload.tell("upload", stage.ipv4(), 8080, "--duration", 60)
+        upload.report()
         is_over, count = threading.Event(), [0]
         flooding = threading.Thread(target=_as_another_account, args=(flood, is_over, count))
         flooding.start()
@@ -87,10 +90,17 @@ def _one_account_floods(stage) -> None:
                     address = next_address()
                     expect(f"flood of {name}: {application.identifier} to {address}",
                            application.run("connect", address, 80), address)
+        host.write_rules(RULES.but(blockedApps=(*RULES.blockedApps, stage.nobody.identifier)))
+        host.post()
+        report = upload.report()
+        stage.checks.check(f"flood of {name}: a block ends an open connection meanwhile",
+                           report["error"] in verdicts.ENDED, report)
+        upload.stop()
         # However soon the verdicts came, it was a flood.
         stage.checks.eventually(f"flood of {name}: it was one", lambda: (count[0] > 8000, count), seconds=60)
         is_over.set()
         flooding.join()
+        stage.apply(RULES)
     stage.stop_daemon()
 
 

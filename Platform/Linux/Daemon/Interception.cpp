@@ -137,17 +137,15 @@ void Interception::serveSettings() {
 
 // False when the end has come.
 bool Interception::waitForWork() {
-    std::array<pollfd, 4> polled{{{wakeUp.get(), POLLIN, 0},
+    std::array<pollfd, 3> polled{{{wakeUp.get(), POLLIN, 0},
                                   {path.ruleEvents(), POLLIN, 0},
-                                  {path.routeEvents(), POLLIN, 0},
-                                  {decisions.closeEvents(), POLLIN, 0}}};
+                                  {path.routeEvents(), POLLIN, 0}}};
     const auto until = triesInVain > 0 ? std::min(nextTry, nextHousekeeping) : nextHousekeeping;
     poll(polled.data(), polled.size(), millisecondsUntil(until));
     eventfd_t ignored = 0;
     eventfd_read(wakeUp.get(), &ignored);
     if (polled[1].revents != 0) path.rulesHaveChanged();
     if (polled[2].revents != 0) path.routesHaveChanged();
-    if (polled[3].revents != 0) decisions.socketsWereClosed();
     if (areDatagramsDue.exchange(false) && decisions.offers()->areDatagramsDirect)
         decisions.offerSteeredDatagramsAgain();
     // Due whatever else happens: addresses are kept for a limited time.

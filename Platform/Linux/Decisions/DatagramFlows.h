@@ -46,7 +46,7 @@ public:
 
 private:
     static constexpr std::size_t mostSockets = 65536;
-    static constexpr std::size_t mostFlowsOfSocket = 16;
+    static constexpr std::size_t mostFlowsOfSocket = 64;
 
     // Packets of a closed socket wait for a few seconds at most.
     static constexpr std::size_t closedSockets = 8192;

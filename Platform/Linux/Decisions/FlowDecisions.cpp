@@ -124,10 +124,13 @@ FlowDecisions::FlowDecisions(Providers toAsk)
 FlowDecisions::FlowDecisions(Providers toAsk, Result<std::unique_ptr<ClosedSockets>> closes)
     : providers(std::move(toAsk)),
       aliases(std::make_shared<AddressAliases>()),
-      closedSockets(closes ? std::move(*closes) : nullptr),
       entries(ConnectionEntries::openOrNull()),
       inForce(std::make_shared<const Offers>()) {
-    if (closes) return;
+    if (closes) {
+        closedFlows = std::make_unique<ClosedFlows>(
+            std::move(*closes), datagrams, [this](const FlowTuple& flow) { forgetFlow(flow); });
+        return;
+    }
     heardCloses.set("not told: " + closes.error().text());
     platformLog.error(
         "The kernel does not tell when datagram sockets are closed: %{public}s. For half a minute "
@@ -179,7 +182,7 @@ PacketVerdict FlowDecisions::verdictOn(const HeldPacket& packet) {
         }
         PacketVerdict given =
             isSteered ? steeredDatagram(occasion, verdict) : packetVerdict(occasion, verdict);
-        if (isDatagram(packet) && closedSockets) given.datagramSocket = verdict.cookie;
+        if (isDatagram(packet) && closedFlows) given.datagramSocket = verdict.cookie;
         if (isSteered && !given.isDropped) given.steeredAfter = occasion.wayChanges;
         return given;
     }
@@ -249,7 +252,7 @@ PacketVerdict FlowDecisions::steeredDatagram(const Occasion& occasion, const Ver
 // Of datagrams: the next ones from the port may be another socket's.
 bool FlowDecisions::countsForItsFlow(const HeldPacket& packet, const Verdict& verdict) {
     const bool isEntered =
-        verdict.cookie == 0 || !closedSockets || datagrams.enter(verdict.cookie, packet.flow);
+        verdict.cookie == 0 || !closedFlows || datagrams.enter(verdict.cookie, packet.flow);
     return isEntered || verdict.state != FlowState::declined;
 }
 
@@ -570,32 +573,17 @@ void FlowDecisions::awaitEndsOfClaimed(std::chrono::milliseconds longest) {
     claims.awaitEnds(longest);
 }
 
-void FlowDecisions::socketsWereClosed() {
-    const bool isComplete = closedSockets->take([this](std::uint64_t cookie) {
-        if (const auto ended = datagrams.end(cookie)) endFlows(*ended);
-    });
-    if (isComplete) return;
-    for (const auto& ended : datagrams.endAll()) endFlows(ended);
-}
-
-void FlowDecisions::endFlows(const DatagramFlows::Ended& ended) {
-    for (const FlowTuple& flow : ended.flows) endFlow(flow);
-    if (!ended.hasMore) return;
-    std::vector<FlowTuple> others;
-    {
-        const MutexGuard guard(entriesLock);
-        if (entries) others = entries->removeDatagramsFrom(ended.flows.front().sourcePort);
-    }
-    for (const FlowTuple& flow : others) endFlow(flow);
-}
-
 // What comes next from its port is another one.
 void FlowDecisions::endFlow(const FlowTuple& flow) {
+    forgetFlow(flow);
+    const MutexGuard guard(entriesLock);
+    if (entries) entries->remove(flow);
+}
+
+void FlowDecisions::forgetFlow(const FlowTuple& flow) {
     recent.forget(flow);
     watched.remove(flow);
     denied.forget(flow);
-    const MutexGuard guard(entriesLock);
-    if (entries) entries->remove(flow);
 }
 
 void FlowDecisions::keepHouse() {

@@ -14,6 +14,7 @@
 #include "Platform/Linux/Attribution/FlowOwner.h"
 #include "Platform/Linux/Decisions/AddressAliases.h"
 #include "Platform/Linux/Decisions/ClaimedFlows.h"
+#include "Platform/Linux/Decisions/ClosedFlows.h"
 #include "Platform/Linux/Decisions/DatagramFlows.h"
 #include "Platform/Linux/Decisions/DeniedFlows.h"
 #include "Platform/Linux/Decisions/RecentVerdicts.h"
@@ -73,10 +74,6 @@ public:
     // What was steered of datagrams is offered again.
     void offerSteeredDatagramsAgain();
 
-    // Readable when datagram sockets have been closed, and wants the other one then; -1 where no one tells.
-    int closeEvents() const { return closedSockets ? closedSockets->eventDescriptor() : -1; }
-    void socketsWereClosed();
-
     // Forgets what is over. To be called every few seconds.
     void keepHouse();
 
@@ -135,7 +132,7 @@ private:
     Source sourceOf(const HeldPacket& packet);
     Verdict deny(const Occasion& occasion, std::uint64_t cookie);
     bool countsForItsFlow(const HeldPacket& packet, const Verdict& verdict);
-    void endFlows(const DatagramFlows::Ended& ended);
+    void forgetFlow(const FlowTuple& flow);
     void endFlow(const FlowTuple& flow);
     PacketVerdict packetVerdict(const Occasion& occasion, const Verdict& verdict);
 
@@ -147,7 +144,6 @@ private:
     WatchedFlows watched;
     DeniedFlows denied;
     DatagramFlows datagrams;
-    const std::unique_ptr<ClosedSockets> closedSockets;
     health::State heardCloses{health::Place::verdicts, "closedSockets",
                               "Ends of datagram sockets are", "told by the kernel"};
     health::State namedBy{health::Place::attribution, "attribution", "Programs are named",
@@ -165,6 +161,8 @@ private:
     std::shared_ptr<steering::Steering> presentSteering GUARDED_BY(offersLock);
     // How often a change of the rules has begun or ended.
     std::atomic<unsigned> ruleChanges = 0;
+    // Null where the kernel does not tell. The last one: its thread uses the others.
+    std::unique_ptr<ClosedFlows> closedFlows;
 };
 
 }  // namespace platform::interception

@@ -6,6 +6,7 @@
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter/nfnetlink_conntrack.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 #include <vector>
@@ -136,22 +137,38 @@ bool ConnectionEntries::remove(const FlowTuple& flow) {
     return static_cast<bool>(socket.request(request));
 }
 
-std::vector<FlowTuple> ConnectionEntries::removeDatagramsFrom(std::uint16_t port) {
+void ConnectionEntries::remove(std::span<const FlowTuple> flows) {
+    // Each is answered, and the answers of a piece have to find room.
+    constexpr std::size_t atOnce = 64;
+    while (!flows.empty()) {
+        std::vector<std::byte> requests;
+        for (const FlowTuple& flow : flows.first(std::min(atOnce, flows.size()))) {
+            auto request = requestAbout(flow, CTA_TUPLE_ORIG, IPCTNL_MSG_CT_DELETE);
+            const auto bytes = request.bytes();
+            requests.insert(requests.end(), bytes.begin(), bytes.end());
+        }
+        static_cast<void>(socket.transact(requests));
+        flows = flows.subspan(std::min(atOnce, flows.size()));
+    }
+}
+
+std::vector<FlowTuple> ConnectionEntries::removeDatagramsFrom(
+    const std::set<std::uint16_t>& ports) {
     auto all = flowsWith([](std::uint32_t) { return true; });
     if (!all) return {};
-    std::erase_if(*all, [port](const FlowTuple& flow) {
-        return flow.protocol != IPPROTO_UDP || flow.sourcePort != port;
+    std::erase_if(*all, [&](const FlowTuple& flow) {
+        return flow.protocol != IPPROTO_UDP || !ports.contains(flow.sourcePort);
     });
-    for (const FlowTuple& flow : *all) remove(flow);
+    remove(*all);
     return std::move(*all);
 }
 
 void ConnectionEntries::removeDatagramsWith(
     const std::function<bool(std::uint32_t mark)>& isMeant) {
-    const auto meant = flowsWith(isMeant);
+    auto meant = flowsWith(isMeant);
     if (!meant) return;
-    for (const FlowTuple& flow : *meant)
-        if (flow.protocol == IPPROTO_UDP) remove(flow);
+    std::erase_if(*meant, [](const FlowTuple& flow) { return flow.protocol != IPPROTO_UDP; });
+    remove(*meant);
 }
 
 std::optional<std::uint32_t> ConnectionEntries::markOf(const FlowTuple& flow) {

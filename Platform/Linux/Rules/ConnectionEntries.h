@@ -7,6 +7,8 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
+#include <span>
 #include <vector>
 
 #include "Platform/Linux/Attribution/FlowOwner.h"
@@ -36,8 +38,10 @@ public:
 
     // Removes the entry of an outbound flow. Its next packet counts as the first of a new one.
     bool remove(const FlowTuple& flow);
-    // Removes those of all datagrams from a port of this machine, and gives their flows.
-    std::vector<FlowTuple> removeDatagramsFrom(std::uint16_t port);
+    // The same of many, those left out that have none.
+    void remove(std::span<const FlowTuple> flows);
+    // Removes those of all datagrams from ports of this machine, and gives their flows.
+    std::vector<FlowTuple> removeDatagramsFrom(const std::set<std::uint16_t>& ports);
     // Removes those of all datagrams whose mark is meant.
     void removeDatagramsWith(const std::function<bool(std::uint32_t mark)>& isMeant);
     bool has(const FlowTuple& flow) { return markOf(flow).has_value(); }

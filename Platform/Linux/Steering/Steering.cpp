@@ -131,8 +131,9 @@ public:
     // Counted first: a verdict whose entry is not there yet finds the change when it is.
     void forgetDatagrams() {
         ++wayChanges;
-        const MutexGuard guard(askingLock);
-        entries->removeDatagramsWith([place = marks.place()](std::uint32_t mark) {
+        const MutexGuard guard(datagramsLock);
+        if (!datagramEntries) return;
+        datagramEntries->removeDatagramsWith([place = marks.place()](std::uint32_t mark) {
             return interception::isClaimed(place.stateOf(mark));
         });
     }
@@ -189,6 +190,11 @@ private:
     Mutex askingLock;
     SocketDiagnosis diagnosis GUARDED_BY(askingLock);
     const std::unique_ptr<ConnectionEntries> entries PT_GUARDED_BY(askingLock);
+
+    // A walk through the kernel's table takes its time, and no verdict waits for it.
+    Mutex datagramsLock;
+    const std::unique_ptr<ConnectionEntries> datagramEntries PT_GUARDED_BY(datagramsLock) =
+        ConnectionEntries::openOrNull();
 
     Mutex lock;
     std::unordered_map<std::uint64_t, Claim> claims GUARDED_BY(lock);
