@@ -13,6 +13,7 @@ from vantrylab.verdicts import ENDED
 LEDGER, NOBODY = "com.example.ledger", "com.example.nobody"
 UP = Rules(rules={"com.example.courier": "direct", LEDGER: "vpn"}, vpnFallback="block")
 DOWN = UP.but(vpnConnected=False)
+PRIVATE = "10.77.0.0/24"
 
 
 def run(stage) -> None:
@@ -86,9 +87,12 @@ def _flaps(stage) -> None:
         stage.checks.equal(f"{name} flaps: nothing in the clear", outcome.sent_in_clear, [])
 
 
+def _guard() -> str:
+    return subprocess.run(["nft", "list", "table", "inet", "vantry_guard"], capture_output=True, text=True).stdout
+
+
 def _is_guarded() -> bool:
-    table = subprocess.run(["nft", "list", "table", "inet", "vantry_guard"], capture_output=True, text=True)
-    return table.stdout.count("counter") > 0 and "meta nfproto" not in table.stdout
+    return "counter" in _guard() and "meta nfproto" not in _guard()
 
 
 def _its_process_ends(stage) -> None:
@@ -119,13 +123,20 @@ def _the_tunnel_goes_unannounced(stage) -> None:
         address = next_address()
         stage.ledger.run(words, address, 8080, "--patience", 0.5)
         stage.expect_nothing_arrived(f"the tunnel is gone, unsaid: {words} to {address}", address)
-    # Such a route may have come from the server that gives out addresses.
-    address = stage.ipv4()
-    prefix = address.rpartition(".")[0] + ".0/24"
-    subprocess.run(["ip", "route", "add", prefix, "via", network.GATEWAY_IPV4, "proto", "dhcp"], check=True)
-    stage.ledger.run("connect", address, 8080, "--patience", 0.5)
-    stage.expect_nothing_arrived(f"the tunnel is gone, unsaid: connect by a route to {prefix}", address)
-    subprocess.run(["ip", "route", "delete", prefix], check=True)
+    # Such routes may have come from the server that gives out addresses, or from a router, which answers for all.
+    answers = "/proc/sys/net/ipv4/conf/net0/arp_ignore"
+    subprocess.run(network.in_server(["sh", "-c", f"echo 0 >{answers}"]), check=True)
+    for way in (("via", network.GATEWAY_IPV4, "proto", "dhcp"), ("dev", network.PHYSICAL, "scope", "link")):
+        address = stage.ipv4()
+        prefix = address.rpartition(".")[0] + ".0/24"
+        for each in (prefix, PRIVATE):
+            subprocess.run(["ip", "route", "add", each, *way], check=True)
+        network.wait_until(lambda: PRIVATE in _guard(), "the kernel lets a private network be reached")
+        stage.ledger.run("connect", address, 8080, "--patience", 0.5)
+        stage.expect_nothing_arrived(f"the tunnel is gone, unsaid: connect by a route {' '.join(way)}", address)
+        for each in (prefix, PRIVATE):
+            subprocess.run(["ip", "route", "delete", each], check=True)
+    subprocess.run(network.in_server(["sh", "-c", f"echo 1 >{answers}"]), check=True)
     address = stage.ipv4()
     stage.expect_physical(f"the tunnel is gone, unsaid: no rule at {address}",
                           stage.nobody.run("connect", address, 80), address)

@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -24,6 +23,7 @@
 #include "Platform/Linux/FileDescriptor.h"
 #include "Platform/Linux/Netlink/Socket.h"
 #include "Platform/Linux/Network/PrivateNetworks.h"
+#include "Platform/Linux/Network/RememberedRoutes.h"
 #include "Platform/Linux/PlatformLog.h"
 #include "Platform/Linux/Rules/PacketRule.h"
 #include "Platform/Linux/Rules/RuleLanguage.h"
@@ -93,43 +93,65 @@ int interfaceOfDefault(netlink::Socket& socket, const Family& family) {
     return index;
 }
 
-std::string prefixText(int family, const void* address, unsigned length) {
+std::string prefixText(int family, const void* address, int length) {
     std::array<char, INET6_ADDRSTRLEN> text{};
     ::inet_ntop(family, address, text.data(), text.size());
     return std::string(text.data()) + '/' + std::to_string(length);
 }
 
-// What is on the link is near; by way of a gateway only private networks are, as the server that gives out
-// addresses may hand out routes to anything else as well. And single hosts, to which VPNs have routes for their own
-// server, unless the route came with the address.
-bool isNear(const rtmsg& route, const std::array<std::uint8_t, 16>& address, bool hasGateway) {
-    const bool isOfHost = route.rtm_dst_len == addressLength(route.rtm_family) * 8;
-    return !hasGateway || (isOfHost && route.rtm_protocol != RTPROT_DHCP) ||
-           isPrivateNetwork(route.rtm_family, address, route.rtm_dst_len);
+struct Prefix {
+    int family = 0;
+    std::array<std::uint8_t, 16> address{};
+    int length = 0;
+};
+
+// A network of the machine's own. What a router or a server says is on the link may be as large as it likes.
+bool isOwnNetwork(const NetworkInterface& interface, const Prefix& prefix) {
+    const int shortest = prefix.family == AF_INET ? 16 : 48;
+    return prefix.length >= shortest &&
+           std::ranges::any_of(interface.addresses, [&](InterfaceAddress address) {
+               address.prefixLength = prefix.length;
+               return address.family == prefix.family && isOnLinkOf(address, prefix.address);
+           });
+}
+
+// The server that gives out addresses may hand out routes to anything, by a gateway or without one, so it counts
+// what they lead to. Single hosts are near, as VPNs have routes to their own server, unless the route came with the
+// address.
+bool isNear(const NetworkInterface& interface, const Prefix& prefix, std::uint8_t protocol) {
+    const bool isHost = prefix.length == static_cast<int>(addressLength(prefix.family)) * 8;
+    return (isHost && protocol != RTPROT_DHCP) || isOwnNetwork(interface, prefix) ||
+           isPrivateNetwork(prefix.family, prefix.address, prefix.length);
+}
+
+using Interfaces = std::vector<const NetworkInterface*>;
+
+const NetworkInterface* interfaceOf(const netlink::Attributes& route,
+                                    const Interfaces& interfaces) {
+    const auto number = route.find(RTA_OIF);
+    const auto index = number ? static_cast<int>(number->number<std::uint32_t>().value_or(0)) : 0;
+    const auto found = std::ranges::find(interfaces, index, &NetworkInterface::index);
+    return found == interfaces.end() ? nullptr : *found;
 }
 
 // The prefix of a route of the main table that leads to something near; empty for all others. Two
 // halves of all addresses are a default route as well.
-std::string nearPrefix(const netlink::Message& answer, const std::set<int>& interfaces) {
+std::string nearPrefix(const netlink::Message& answer, const Interfaces& interfaces) {
     const auto route = answer.fixedHeader<rtmsg>();
     if (!route || route->rtm_dst_len <= 1 || route->rtm_table != RT_TABLE_MAIN) return {};
     const auto attributes = answer.attributes<rtmsg>();
-    const auto interface = attributes.find(RTA_OIF);
-    if (!interface ||
-        !interfaces.contains(static_cast<int>(interface->number<std::uint32_t>().value_or(0))))
-        return {};
-    std::array<std::uint8_t, 16> address{};
+    const auto* const interface = interfaceOf(attributes, interfaces);
+    if (interface == nullptr) return {};
+    Prefix prefix{.family = route->rtm_family, .length = route->rtm_dst_len};
     if (const auto destination = attributes.find(RTA_DST))
-        std::memcpy(address.data(), destination->bytes().data(),
-                    std::min(address.size(), destination->bytes().size()));
-    const bool hasGateway = attributes.find(RTA_GATEWAY) || attributes.find(RTA_VIA);
-    if (!isNear(*route, address, hasGateway)) return {};
-    return prefixText(route->rtm_family, address.data(), route->rtm_dst_len);
+        prefix.address = destination->address<16>();
+    if (!isNear(*interface, prefix, route->rtm_protocol)) return {};
+    return prefixText(prefix.family, prefix.address.data(), prefix.length);
 }
 
 // None where the kernel did not tell, or changed them meanwhile: those before then stay.
 std::set<std::string> nearPrefixes(netlink::Socket& socket, int family,
-                                   const std::set<int>& interfaces) {
+                                   const Interfaces& interfaces) {
     std::set<std::string> prefixes;
     auto request = routeRequest(NLM_F_DUMP, family, 0);
     const auto isTold = socket.request(request, [&](const netlink::Message& answer) {
@@ -233,17 +255,17 @@ private:
     void look() {
         if (!socket) return;
         const auto network = NetworkMonitor::shared().state();
-        std::set<int> indices;
+        Interfaces interfaces;
         for (const auto& interface : network->interfaces) {
             if (interface.isTunnel || (!interface.ipv4 && !interface.ipv6)) continue;
             guarded.interfaces.insert(interface.name);
         }
         for (const auto& interface : network->interfaces)
-            if (guarded.interfaces.contains(interface.name)) indices.insert(interface.index);
+            if (guarded.interfaces.contains(interface.name)) interfaces.push_back(&interface);
         for (std::size_t i = 0; i < families.size(); ++i) {
             guarded.isFamily[i] |= isTunnel(*network, interfaceOfDefault(*socket, families[i]));
             // Gone for a moment when an address is renewed, and then back.
-            if (auto near = nearPrefixes(*socket, families[i].number, indices); !near.empty())
+            if (auto near = nearPrefixes(*socket, families[i].number, interfaces); !near.empty())
                 guarded.near[i] = std::move(near);
         }
         if (guarded.interfaces.empty()) guarded.isFamily = {};
