@@ -1,6 +1,6 @@
 """An application that never rests: 500 datagrams and up to 500 segments a second, in both families, for so many
 seconds. Every tenth datagram comes from a socket of its own, so that there are first packets all the time; a
-connection that ends or gets nowhere is made again.
+connection that ends or gets nowhere is made again. Twenty a second are given up as soon as they are begun.
 
 usage: traffic.py IPV4 IPV6 DATAGRAM-PORT STREAM-PORT SECONDS fleeting|lasting
 
@@ -74,11 +74,19 @@ class Stream:
         self.socket, self.since = None, now
 
 
+def give_up(family: int, place: tuple) -> None:
+    """Its opening may still wait for a verdict when its socket is gone."""
+    with contextlib.suppress(OSError), socket.socket(family, socket.SOCK_STREAM) as begun:
+        begun.setblocking(False)
+        begun.connect(place)
+
+
 def main() -> None:
     ipv4, ipv6, datagram_port, stream_port, seconds = *sys.argv[1:3], *map(int, sys.argv[3:6])
     kept: collections.deque[socket.socket] = collections.deque(maxlen=LASTING if sys.argv[6] == "lasting" else 0)
     places = ((socket.AF_INET, ipv4), (socket.AF_INET6, ipv6))
-    streams = [Stream(family, (address, stream_port)) for family, address in places]
+    places_of_streams = [(address, stream_port) for _, address in places]
+    streams = [Stream(family, place) for (family, _), place in zip(places, places_of_streams)]
     standing = [socket.socket(family, socket.SOCK_DGRAM) for family, _ in places]
     end = time.monotonic() + seconds
     number = 0
@@ -93,6 +101,8 @@ def main() -> None:
             # Closed when it is the oldest of them.
             kept.append(sender)
         streams[which].turn(now)
+        if number % 50 < 2 and sys.argv[6] == "fleeting":
+            give_up(family, places_of_streams[which])
         time.sleep(max(0.0, PERIOD - (time.monotonic() - now)))
 
 

@@ -187,11 +187,13 @@ private:
     }
 
     std::optional<FlowOwner> ownerOfClosedSocket(const FlowTuple& flow) {
-        if (flow.protocol != IPPROTO_UDP) return std::nullopt;
         if (notes) {
             const auto note = notes->ofLostSocket(flow);
-            return note ? ownerByNote(*note, factsOf(*note)) : std::nullopt;
+            auto owner = note ? ownerByNote(*note, factsOf(*note)) : std::nullopt;
+            if (owner) owner->isGivenUp = flow.protocol == IPPROTO_TCP;
+            return owner;
         }
+        if (flow.protocol != IPPROTO_UDP) return std::nullopt;
         const auto known = sources.find(sourceOf(flow));
         const bool isFresh = known && Clock::now() - known->seen <= memoryOfSource;
         return isFresh ? std::optional(known->owner) : std::nullopt;

@@ -32,6 +32,7 @@ struct FlowOwner {
     uid_t uid = 0;                   // of the program or the socket, not as shown in the token
     std::uint64_t socketCookie = 0;  // the kernel's number for the socket, never used twice
     bool isBoundToDevice = false;    // the application pinned the socket to one interface
+    bool isGivenUp = false;          // the socket of an opening that still waits is closed
     std::string path;                // of the executable, as proc_pidpath shows it
 };
 
@@ -43,7 +44,7 @@ NEFlowMetaData metaDataOf(const FlowOwner& owner);
 
 class FlowAttribution {
 public:
-    // Without notes every socket is searched for, and a datagram whose socket was closed already has
+    // Without notes every socket is searched for, and a packet whose socket was closed already has
     // no owner.
     explicit FlowAttribution(std::unique_ptr<SocketNotes> notes = SocketNotes::attach());
     ~FlowAttribution();

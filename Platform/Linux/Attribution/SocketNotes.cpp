@@ -52,6 +52,21 @@ std::uint64_t nanosecondsSinceBoot() {
            static_cast<std::uint64_t>(now.tv_nsec);
 }
 
+bool isFresh(const KernelNote& closed) {
+    return nanosecondsSinceBoot() - closed.closed <= memoryOfClosed;
+}
+
+// By its tuple, or by that of a connection over a route of its own.
+template <class Value>
+std::optional<Value> findConnection(const KernelTable<KernelTuple, Value>& table,
+                                    const FlowTuple& flow) {
+    auto tuple = tupleOf(flow);
+    auto found = table.find(tuple);
+    if (found) return found;
+    std::memset(tuple.remote, 0, sizeof tuple.remote);
+    return table.find(tuple);
+}
+
 std::string_view textIn(const char* text, std::size_t size) {
     return {text, ::strnlen(text, size)};
 }
@@ -74,12 +89,7 @@ std::unique_ptr<SocketNotes> SocketNotes::attach() {
 
 std::optional<KernelNote> SocketNotes::ofOpenSocket(const FlowTuple& flow) const {
     if (flow.protocol == IPPROTO_TCP) {
-        auto tuple = tupleOf(flow);
-        auto cookie = programs->connections().find(tuple);
-        if (!cookie) {
-            std::memset(tuple.remote, 0, sizeof tuple.remote);
-            cookie = programs->connections().find(tuple);
-        }
+        const auto cookie = findConnection(programs->connections(), flow);
         return cookie ? ofSocket(*cookie) : std::nullopt;
     }
     auto sender = programs->ports().find(flow.sourcePort);
@@ -92,12 +102,13 @@ std::optional<KernelNote> SocketNotes::ofSocket(std::uint64_t cookie) const {
 }
 
 std::optional<KernelNote> SocketNotes::ofLostSocket(const FlowTuple& flow) const {
-    if (flow.protocol != IPPROTO_UDP) return std::nullopt;
+    if (flow.protocol == IPPROTO_TCP) {
+        auto note = findConnection(programs->abandoned(), flow);
+        return note && isFresh(*note) ? std::move(note) : std::nullopt;
+    }
     auto sender = programs->ports().find(flow.sourcePort);
-    if (!sender) return std::nullopt;
-    if (sender->closed == 0) return sender;
-    const bool isFresh = nanosecondsSinceBoot() - sender->closed <= memoryOfClosed;
-    return isFresh && isTo(*sender, flow) ? std::move(sender) : std::nullopt;
+    if (!sender || sender->closed == 0) return sender;
+    return isFresh(*sender) && isTo(*sender, flow) ? std::move(sender) : std::nullopt;
 }
 
 std::optional<std::string> SocketNotes::pathOf(const KernelFile& executable) const {

@@ -27,8 +27,8 @@ public:
 
     std::optional<KernelNote> ofSocket(std::uint64_t cookie) const;
 
-    // Of a datagram's socket that no one finds by the flow: it was closed a moment ago, or its packets
-    // take a route of their own.
+    // Of a socket that no one finds by the flow: it was closed a moment ago, before its connection was
+    // there, or a datagram's packets take a route of their own.
     std::optional<KernelNote> ofLostSocket(const FlowTuple& flow) const;
 
     // The path of an executable that a note names, in bytes. None if it is longer than what is noted.

@@ -361,7 +361,8 @@ FlowDecisions::Source FlowDecisions::sourceOf(const HeldPacket& packet) {
     source.isOnlyForFilter = isLinkLocal(packet.asSent());
     if (const auto owner = attribution.ownerOf(packet.asSent())) {
         source.metaData = metaDataOf(*owner);
-        source.isOnlyForFilter |= owner->isBoundToDevice;
+        // No session could be made for what has no socket any more.
+        source.isOnlyForFilter |= owner->isBoundToDevice || owner->isGivenUp;
         source.cookie = owner->socketCookie;
         source.isAttributed = true;
     } else if (packet.purpose == PacketPurpose::newFlow) {

@@ -60,6 +60,9 @@ KernelTable<std::uint32_t, KernelNote> KernelPrograms::ports() const {
 KernelTable<KernelTuple, std::uint64_t> KernelPrograms::connections() const {
     return KernelTable<KernelTuple, std::uint64_t>(bpf_map__fd(programs->maps.connections));
 }
+KernelTable<KernelTuple, KernelNote> KernelPrograms::abandoned() const {
+    return KernelTable<KernelTuple, KernelNote>(bpf_map__fd(programs->maps.abandoned));
+}
 KernelTable<KernelFile, KernelPath> KernelPrograms::paths() const {
     return KernelTable<KernelFile, KernelPath>(bpf_map__fd(programs->maps.paths));
 }

@@ -29,6 +29,7 @@ public:
     KernelTable<std::uint64_t, KernelNote> notes() const;         // by the socket's cookie
     KernelTable<std::uint32_t, KernelNote> ports() const;         // of datagrams, by the local port
     KernelTable<KernelTuple, std::uint64_t> connections() const;  // a socket's cookie
+    KernelTable<KernelTuple, KernelNote> abandoned() const;
     KernelTable<KernelFile, KernelPath> paths() const;
     KernelTable<std::uint64_t, KernelGroup> groups() const;  // by the control group's id
 

@@ -9,9 +9,11 @@
 //   TCP before SYN     `connections` by the tuple: the cookie
 //   release            the socket's entries go; a datagram's stay in `ports`, marked as closed, as
 //                      its packet may still wait
+//   TCP given up       `abandoned` by the tuple: what was noted, for the same reason
 //
-// No account can push out the notes of another one: those of open sockets are limited for each
-// account, and `ports` has room for every port.
+// No account can push out the notes of another one's open sockets and datagrams: the first are limited
+// for each account, and `ports` has room for every port. `abandoned` keeps the newest, which is enough as
+// long as its packet waits.
 #include <linux/bpf.h>
 
 #include <bpf/bpf_core_read.h>
@@ -60,6 +62,13 @@ struct {
     __type(key, struct KernelTuple);
     __type(value, __u64);
 } connections SEC(".maps");
+
+struct {
+    __uint(type, BPF_MAP_TYPE_LRU_HASH);
+    __uint(max_entries, 8192);
+    __type(key, struct KernelTuple);
+    __type(value, struct KernelNote);
+} abandoned SEC(".maps");
 
 // How many sockets of an account are noted.
 struct {
@@ -350,6 +359,11 @@ static __always_inline void forgetConnection(__u64 cookie, const struct KernelNo
     removeNote(cookie, note->programs[0].effectiveUserId);
 }
 
+static __always_inline void keepAbandoned(struct KernelNote* note) {
+    note->closed = bpf_ktime_get_boot_ns();
+    bpf_map_update_elem(&abandoned, &note->tuple, note, BPF_ANY);
+}
+
 SEC("sockops") int noteConnection(struct bpf_sock_ops* hook) {
     const int isConnecting = hook->op == BPF_SOCK_OPS_TCP_CONNECT_CB;
     const int isOver = hook->op == BPF_SOCK_OPS_STATE_CB && hook->args[1] == BPF_TCP_CLOSE;
@@ -363,6 +377,7 @@ SEC("sockops") int noteConnection(struct bpf_sock_ops* hook) {
         // An attempt that fails leaves the socket open, and the kernel's own are never released.
         bpf_sock_ops_cb_flags_set(hook, hook->bpf_sock_ops_cb_flags | BPF_SOCK_OPS_STATE_CB_FLAG);
     } else {
+        if (hook->args[0] == BPF_TCP_SYN_SENT) keepAbandoned(note);
         forgetConnection(cookie, note);
     }
     return GOES_ON;
@@ -384,11 +399,16 @@ static __always_inline void markClosed(struct bpf_sock* hook, __u64 cookie,
     }
 }
 
+static __always_inline int isOpening(struct bpf_sock* hook) {
+    return hook->state == BPF_TCP_SYN_SENT;
+}
+
 SEC("cgroup/sock_release") int forgetSocket(struct bpf_sock* hook) {
     if (bpf_get_netns_cookie(hook) != ourNetwork) return GOES_ON;
     __u64 cookie = bpf_get_socket_cookie(hook);
     struct KernelNote* note = bpf_map_lookup_elem(&notes, &cookie);
     if (hook->protocol == UDP) markClosed(hook, cookie, note);
+    if (hook->protocol == TCP && note && isOpening(hook)) keepAbandoned(note);
     if (note) forgetConnection(cookie, note);
     return GOES_ON;
 }

@@ -337,6 +337,33 @@ TEST_F(FlowOwnersByNotes, ADatagramOutlivesItsSocketAndItsProcess) {
     }
 }
 
+TEST_F(FlowOwnersByNotes, AnOpeningOutlivesItsSocket) {
+    // Its queue takes one connection; what opens another waits for an answer.
+    const FileDescriptor listener(::socket(AF_INET, SOCK_STREAM, 0));
+    const auto own = SocketAddress::fromNumeric("127.0.0.1", 0).value();
+    ASSERT_EQ(::bind(listener.get(), &own.any, own.length), 0);
+    ASSERT_EQ(::listen(listener.get(), 0), 0);
+    const std::uint16_t port = portOf(listener);
+    const RunningProgram program([&](int ready) {
+        becomePerson();
+        const auto first = opened(stream, port);
+        {
+            const FileDescriptor second(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+            const auto to = SocketAddress::fromNumeric("127.0.0.1", port).value();
+            std::ignore = ::connect(second.get(), &to.any, to.length);
+            shared->port = portOf(second);
+        }
+        sayReady(ready);
+        waitForEnd();
+    });
+    auto opening = flow(stream, shared->port);
+    opening.destinationPort = port;
+    const auto owner = attribution->ownerOf(opening);
+    ASSERT_TRUE(owner);
+    EXPECT_EQ(owner->pid, program.pid());
+    EXPECT_TRUE(owner->isGivenUp);
+}
+
 TEST_F(FlowOwnersByNotes, OfSeveralSocketsOnAPortTheOneThatSentIsNamed) {
     const auto on = [&](std::uint16_t port) {
         return std::make_unique<RunningProgram>([&, port](int ready) {
