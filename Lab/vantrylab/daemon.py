@@ -90,7 +90,7 @@ class Daemon:
             matching = [line for line in self._lines[since:] if text in line.text]
             return matching[count - 1] if len(matching) >= count else None
         with self._changed:
-            return self._changed.wait_for(found, seconds) or found()
+            return self._changed.wait_for(found, seconds * world.PATIENCE) or found()
 
     def other_output(self) -> str:
         """What it wrote that is no line of its log: the words of a sanitizer, say."""
@@ -102,7 +102,7 @@ class Daemon:
         if self.process.poll() is None:
             self.process.send_signal(number)
         try:
-            return self.process.wait(seconds)
+            return self.process.wait(seconds * world.PATIENCE)
         except subprocess.TimeoutExpired:
             self.process.kill()
             self.process.wait()

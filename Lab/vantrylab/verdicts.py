@@ -2,11 +2,11 @@
 
 import dataclasses
 
-from . import network
+from . import network, world
 
 # A denied application is told so at once. This is far above what that takes and far below any
 # time-out of a connection that is left hanging.
-AT_ONCE_MILLISECONDS = 1000
+AT_ONCE_MILLISECONDS = 1000 * world.PATIENCE
 
 # How an application may notice that something of it that was running has been ended.
 ENDED = ("ECONNABORTED", "ECONNRESET", "EPIPE", "ECONNREFUSED")
