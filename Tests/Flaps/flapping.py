@@ -25,6 +25,8 @@ PROGRAM = "flapper"
 RULES = Rules(rules={PROGRAM: "vpn"}, vpnFallback="block")
 DEVICE, MARK, TABLE = "utun0", "51820", "51820"
 DOWN_SECONDS, UP_SECONDS = 0.4, 0.7
+# Words of the capture for a segment and a datagram.
+KINDS = STREAM, DATAGRAM = "Flags", "UDP"
 PEERS = ("--dev-type", "tun", "--secret", str(world.STATE / "flap.key"), "--cipher", "AES-256-CBC", "--auth", "SHA256",
          "--verb", "3")
 
@@ -37,6 +39,13 @@ class Outcome:
     # Seconds from the moment when the routes were there to the first packet in the tunnel.
     streams_back: list[float] = dataclasses.field(default_factory=list)
     datagrams_back: list[float] = dataclasses.field(default_factory=list)
+
+    def take(self, clear: list[str], tunnelled: list[str], returns: list[float]) -> None:
+        """The lines of both captures, and when the VPN was back."""
+        self.sent_in_clear = clear
+        self.through_tunnel = len(tunnelled)
+        self.streams_back = first_after(returns, [line for line in tunnelled if STREAM in line])
+        self.datagrams_back = first_after(returns, [line for line in tunnelled if DATAGRAM in line])
 
     def longest_back(self) -> float:
         return max([*self.streams_back, *self.datagrams_back], default=float("inf"))
@@ -188,10 +197,7 @@ def play(vpn: Vpn, flaps: int, announce, sockets: str = "fleeting") -> Outcome:
     vpn.down()
     server.terminate()
     server.wait()
-    outcome.sent_in_clear = clear
-    outcome.through_tunnel = len(tunnelled)
-    outcome.streams_back = first_after(returns, [line for line in tunnelled if "Flags" in line])
-    outcome.datagrams_back = first_after(returns, [line for line in tunnelled if "UDP" in line])
+    outcome.take(clear, tunnelled, returns)
     return outcome
 
 

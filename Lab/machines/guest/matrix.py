@@ -9,7 +9,6 @@ application got; no one asks the daemon.
 
 import argparse
 import json
-import pathlib
 import shutil
 import subprocess
 import time
@@ -249,8 +248,7 @@ def main() -> None:
     parser.add_argument("--without", type=json.loads, default=[], help="pairs of both, as a list of lists")
     options = parser.parse_args()
     uplink.up()
-    # Each upgrade would index the manual again.
-    pathlib.Path("/var/lib/man-db/auto-update").unlink(missing_ok=True)
+    package.leave_manual_unindexed()
     package.install()
     programs = lay_out()
     for vpn in (each for each in all_vpns() if options.vpn in each.name):

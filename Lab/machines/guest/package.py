@@ -22,6 +22,11 @@ def install(package: pathlib.Path | None = None) -> str:
     return run("apt-get", "install", "--yes", "--allow-downgrades", str(package or file()), seconds=240)
 
 
+def leave_manual_unindexed() -> None:
+    """Else each installation and upgrade indexes all of it, which takes an emulated machine long."""
+    pathlib.Path("/var/lib/man-db/auto-update").unlink(missing_ok=True)
+
+
 def upgrade() -> None:
     """To the same programs under a later version, over whatever version is there."""
     newest = run("dpkg-query", "--show", "--showformat=${Version}", "vantry")

@@ -25,6 +25,8 @@ class Vpn:
 
     name = ""
     device: str | None = None
+    # The tunnel's in the server.
+    far_device = "wg-server"
     manager = "systemd-networkd"
     # What the tunnel's own packets are, in words of nft, for firewalls that must let them out.
     carrier = "udp dport 51820"
@@ -83,14 +85,18 @@ class NetworkManagerWireGuard(Vpn):
 class OpenVpn(Vpn):
     name = "OpenVPN, redirect-gateway"
     device = "tun0"
+    far_device = "tun-server"
+    unit = "openvpn-client@lab"
     carrier = "udp dport 1194"
     has_ipv6 = False
 
     def prepare(self) -> None:
+        server = world.STATE / "openvpn-server.conf"
+        if server.exists():
+            return
         prints = {side: make_certificate(side) for side in ("server", "client")}
         common = ("proto udp\npersist-key\ntls-cert-profile insecure\n{keys}\n"
                   "<peer-fingerprint>\n{peer}\n</peer-fingerprint>\nverb 3\n")
-        server = world.STATE / "openvpn-server.conf"
         server.write_text(
             f"dev tun-server\ndev-type tun\nlocal {network.VPN_ENDPOINT}\nport 1194\ndh none\ntopology subnet\n"
             "server 10.7.0.0 255.255.255.0\npush \"redirect-gateway def1\"\nkeepalive 5 30\n"
@@ -101,10 +107,10 @@ class OpenVpn(Vpn):
         start_in_server(["openvpn", "--config", str(server)], "openvpn-server.log")
 
     def up(self) -> None:
-        run("systemctl", "start", "openvpn-client@lab")
+        run("systemctl", "start", self.unit)
 
     def down(self) -> None:
-        run("systemctl", "stop", "openvpn-client@lab", check=False)
+        run("systemctl", "stop", self.unit, check=False)
 
 
 class Ikev2(Vpn):
