@@ -14,7 +14,7 @@ namespace platform {
 namespace {
 
 // A thread that is woken for each line takes the processor from those that log: in a burst one wake-up does for many.
-constexpr std::chrono::milliseconds betweenBursts{1};
+constexpr std::chrono::milliseconds betweenBursts{5};
 
 // The thread takes no signals, which are for those who wait for them, and runs like an ordinary
 // program's, whoever logs first.

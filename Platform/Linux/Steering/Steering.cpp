@@ -40,7 +40,7 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds betweenLooks{20};
 constexpr std::chrono::milliseconds betweenTries{1000};
 // A thread that is woken for each event of each socket takes the processor from those that make the connections.
-constexpr std::chrono::milliseconds betweenEvents{1};
+constexpr std::chrono::milliseconds betweenEvents{5};
 // So long after a connection is held back each event counts at once: its entry may not have been there yet.
 constexpr std::chrono::seconds afterHoldBack{1};
 
@@ -506,7 +506,10 @@ std::shared_ptr<SteeredSession> Steering::Work::sessionOf(std::uint64_t cookie,
         if (found == claims.end()) return nullptr;
         if (found->second.sequence == sequence) return found->second.session;
     }
-    if (const auto overtaken = leave(cookie)) overtaken->socketChanged(letGo());
+    // Its event may wait still.
+    auto seen = programs->look(cookie).value_or(letGo());
+    seen.isReleased = 1;
+    if (const auto overtaken = leave(cookie)) overtaken->socketChanged(seen);
     return nullptr;
 }
 
