@@ -78,15 +78,18 @@ Outcome<> SettingsOwner::load() {
     if (auto* failure = std::get_if<Failure>(&read)) return std::move(*failure);
     auto& document = std::get<std::optional<JSONObject>>(read);
     if (!document) {
+        isStoringDue = false;
+        storingProblem.clear();
         hasSettings = false;
         preferences.reset();
+        choices = {};
         return vantryhost::Nothing{};
     }
     auto found = Choices::read(*document);
     if (auto* failure = std::get_if<Failure>(&found)) return std::move(*failure);
     auto& known = std::get<std::optional<Choices>>(found);
     const bool holdsSettings = known.has_value();
-    adopt(*std::move(document), known ? *std::move(known) : Choices{});
+    adoptStored(*std::move(document), known ? *std::move(known) : Choices{});
     hasSettings = holdsSettings;
     return vantryhost::Nothing{};
 }
@@ -133,10 +136,25 @@ void SettingsOwner::timePassed(SecondsSince1970 now) {
     auto changed = choices;
     if (changed.trial && changed.trial->until <= now) takeTrialBack(changed);
     changed.endTemporaryRules(now);
-    if (changed == choices) return;
+    const bool anyEnded = changed != choices;
+    if (anyEnded) {
+        auto document = *preferences;
+        changed.writeInto(document);
+        adopt(std::move(document), std::move(changed));
+        isStoringDue = true;
+    }
+    storeWhatEnded();
+    if (anyEnded) putInForce();
+}
+
+// It is out of force whether or not it can be stored. A file that a person has edited and that cannot be
+// used stays as it is: once it is corrected it is read, and what ends is looked at again.
+void SettingsOwner::storeWhatEnded() {
+    if (!isStoringDue || !preferencesProblem.empty()) return;
     // What ends by itself is no one's change to take back.
-    remember(preferencesProblem, store(*preferences, std::move(changed), Keeping::noVersion));
-    putInForce();
+    const auto stored = PreferencesFile::put(*preferences);
+    isStoringDue = failureOf(stored) != nullptr;
+    remember(storingProblem, stored);
 }
 
 Outcome<> SettingsOwner::store(Document document, Choices changed, Keeping keeping) {
@@ -144,8 +162,15 @@ Outcome<> SettingsOwner::store(Document document, Choices changed, Keeping keepi
     auto replaced = keeping == Keeping::version ? PreferencesFile::replace(preferences, document)
                                                 : PreferencesFile::put(document);
     if (failureOf(replaced)) return replaced;
-    adopt(std::move(document), std::move(changed));
+    adoptStored(std::move(document), std::move(changed));
     return replaced;
+}
+
+void SettingsOwner::adoptStored(Document document, Choices stored) {
+    adopt(std::move(document), std::move(stored));
+    isStoringDue = false;
+    storingProblem.clear();
+    collectProblems();
 }
 
 JSONObject SettingsOwner::answer(const JSONObject& request, SecondsSince1970 now) {
@@ -209,8 +234,8 @@ JSONObject SettingsOwner::undo(SecondsSince1970 now) {
     const auto replaced = PreferencesFile::put(*document);
     if (const auto* failure = failureOf(replaced)) return failed(*failure);
     PreferencesFile::forgetNewestVersion();
-    adopt(*std::move(document), std::move(restored));
     preferencesProblem.clear();
+    adoptStored(*std::move(document), std::move(restored));
     timePassed(now);
     putInForce();
     return report();
@@ -264,7 +289,7 @@ void SettingsOwner::remember(std::string& problem, const Outcome<>& outcome) {
 
 void SettingsOwner::collectProblems() {
     present.clear();
-    for (const auto& problem : {preferencesProblem, rulesFileProblem})
+    for (const auto& problem : {preferencesProblem, storingProblem, rulesFileProblem})
         if (!problem.empty()) present.push_back(problem);
     if (!choices.tunnel.isFollowed) return;
     for (const auto& name : tunnel.absent)

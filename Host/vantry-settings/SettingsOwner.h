@@ -59,6 +59,8 @@ private:
 
     vantryhost::Outcome<> load();
     void adopt(Document document, vantryhost::Choices choices);
+    void adoptStored(Document document, vantryhost::Choices choices);
+    void storeWhatEnded();
     platform::JSONObject put(const platform::JSONObject& request, vantryhost::SecondsSince1970 now);
     platform::JSONObject undo(vantryhost::SecondsSince1970 now);
     vantryhost::Outcome<std::optional<Document>> newestOtherVersion() const;
@@ -77,7 +79,9 @@ private:
     RulesFile rulesFile;
     TunnelView tunnel;
     bool isTunnelKnown = false;
+    bool isStoringDue = false;  // what ended is in force and not yet in the file
     std::string preferencesProblem;
+    std::string storingProblem;
     std::string rulesFileProblem;
     std::vector<std::string> notes;    // of the change under way
     std::vector<std::string> present;  // the problems, as they are said

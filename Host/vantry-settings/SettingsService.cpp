@@ -135,7 +135,8 @@ int SettingsService::millisecondsToWait() const {
         milliseconds = std::clamp<std::int64_t>(milliseconds, 0, 3'600'000);
         wait = wait < 0 ? milliseconds : std::min(wait, milliseconds);
     };
-    if (const auto end = owner.nextEnd()) within((*end - now()) * 1000);
+    if (const auto end = owner.nextEnd())
+        within(*end <= now() ? 0 : std::min<std::int64_t>(*end - now(), 3600) * 1000);
     if (const auto look = tunnelState.looksAgainAt())
         within(std::chrono::ceil<std::chrono::milliseconds>(*look - Clock::now()).count());
     return static_cast<int>(wait);

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <filesystem>
 #include <iterator>
 #include <optional>
@@ -61,6 +62,12 @@ JSONValue storedInPreferences() {
                  "providerConfiguration");
 }
 JSONValue storedInRulesFile() { return parsed(contentOf(places::rulesFile)); }
+
+std::string withTemporaryRule(std::time_t until) {
+    return R"({"protocolConfiguration":{"providerConfiguration":{"rules":{"a":"direct"}}},
+        "temporaryRules":[{"application":"a","until":)" +
+           std::to_string(until) + "}]}";
+}
 
 // With the settings service at work, as on any machine of a user's.
 class RuleCommands : public PrivateMachine {
@@ -182,6 +189,11 @@ TEST_F(RuleCommands, PreferencesThatAreNotUnderstoodAreLeftAsTheyAre) {
         EXPECT_EQ(contentOf(places::preferencesFile), content);
         EXPECT_FALSE(std::filesystem::exists(places::rulesFile));
     }
+    // Nor does what ends meanwhile have them written.
+    startServiceWith(withTemporaryRule(std::time(nullptr) + 2));
+    replaceFile(places::preferencesFile, "{");
+    EXPECT_TRUE(eventually([] { return under(storedInRulesFile(), "rules") == parsed("{}"); }));
+    EXPECT_EQ(contentOf(places::preferencesFile), "{");
 }
 
 TEST_F(RuleCommands, WhateverTakesTheRulesFilesPlaceIsMovedAside) {
@@ -285,6 +297,16 @@ TEST_F(RuleCommands, AFullDiskLeavesEverythingAsItWas) {
     EXPECT_EQ(runTool("rules set b vpn").exitCode, 0);
     EXPECT_EQ(runTool("undo").exitCode, 0);
     EXPECT_EQ(contentOf(places::preferencesFile), before);
+    // But what ends is out of force, and stored once there is room.
+    stopService();
+    writeFile(places::preferencesFile, withTemporaryRule(1));
+    writeFile("/var/lib/filler", std::string(65536, 'x'));
+    startService();
+    EXPECT_EQ(under(storedInRulesFile(), "rules"), parsed("{}"));
+    EXPECT_NE(runTool("status").out.find("Make room"), std::string::npos);
+    ASSERT_EQ(unlink("/var/lib/filler"), 0);
+    EXPECT_TRUE(eventually(
+        [] { return contentOf(places::preferencesFile).find("until") == std::string::npos; }));
 }
 
 TEST_F(RuleCommands, WhatIsTemporaryOrOnTrialEndsAlsoOverARestart) {
