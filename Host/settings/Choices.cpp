@@ -1,6 +1,7 @@
 #include "Host/settings/Choices.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "Host/settings/Places.h"
@@ -151,6 +152,12 @@ JSONObject documentOfRule(const TemporaryRule& rule) {
 
 }  // namespace
 
+bool isRuledCommand(std::string_view identifier) {
+    const auto number = identifier.substr(identifier.rfind('.') + 1);
+    return (identifier.starts_with("run.") || identifier.starts_with("verify.")) &&
+           std::ranges::all_of(number, [](char letter) { return letter >= '0' && letter <= '9'; });
+}
+
 Outcome<std::optional<Choices>> Choices::read(const JSONObject& preferences) {
     auto settings = settingsIn(preferences);
     if (auto* failure = std::get_if<Failure>(&settings)) return std::move(*failure);
@@ -237,6 +244,21 @@ bool Choices::endTemporaryRules(SecondsSince1970 now) {
 void Choices::keepRuleOf(const std::string& application) {
     std::erase_if(temporaryRules,
                   [&](const auto& rule) { return rule.application == application; });
+}
+
+void Choices::takeRuledCommandsFrom(const Choices& present) {
+    const auto isOfCommand = [](const TemporaryRule& rule) {
+        return isRuledCommand(rule.application);
+    };
+    std::erase_if(settings.rules, [](const auto& rule) { return isRuledCommand(rule.first); });
+    std::erase_if(settings.blockedApps, isRuledCommand);
+    std::erase_if(temporaryRules, isOfCommand);
+    for (const auto& rule : present.settings.rules)
+        if (isRuledCommand(rule.first)) settings.rules.insert(rule);
+    std::ranges::copy_if(present.settings.blockedApps,
+                         std::inserter(settings.blockedApps, settings.blockedApps.end()),
+                         isRuledCommand);
+    std::ranges::copy_if(present.temporaryRules, std::back_inserter(temporaryRules), isOfCommand);
 }
 
 }  // namespace vantryhost

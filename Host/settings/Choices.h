@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Host/settings/Outcome.h"
@@ -41,6 +42,9 @@ struct TemporaryRule {
 
     friend bool operator==(const TemporaryRule&, const TemporaryRule&) = default;
 };
+
+// Whether this is a command that `vantryctl run` or `verify` made a control group for.
+bool isRuledCommand(std::string_view identifier);
 
 // Choices that are taken back unless somebody confirms them in time.
 struct Trial {
@@ -72,6 +76,9 @@ struct Choices {
     bool endTemporaryRules(SecondsSince1970 now);
     // No longer temporary: what the application has now, it keeps.
     void keepRuleOf(const std::string& application);
+    // The rules and blocks of commands that run under one of their own are those of `present`: they come
+    // and go with the command, whatever version of the settings holds.
+    void takeRuledCommandsFrom(const Choices& present);
 
     friend bool operator==(const Choices&, const Choices&) = default;
 };

@@ -1,7 +1,7 @@
 #include "Host/vantry-notify/Notices.h"
 
+#include "Host/settings/Choices.h"
 #include "Host/settings/Documents.h"
-#include "Host/vantryctl/RuledCommand.h"
 
 namespace vantrynotify {
 
@@ -38,7 +38,7 @@ std::vector<Notice> Notices::aboutRefusals(const JSONObject& answer, Date since,
 // Of a command that runs under a rule of its own, that was asked for a moment ago.
 void Notices::add(Reason reason, const std::string& application, Date now,
                   std::vector<Notice>& notices) {
-    if (reason == Reason::none || vantryctl::isRuledCommand(application)) return;
+    if (reason == Reason::none || vantryhost::isRuledCommand(application)) return;
     if (mayTell(reason, application, now)) notices.push_back(noticeOf(reason, application));
 }
 

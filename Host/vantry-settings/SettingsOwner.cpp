@@ -48,8 +48,11 @@ std::uint64_t firstRevision() { return std::uint64_t{std::random_device{}()} << 
 // Puts back what was there before the trial.
 void takeTrialBack(Choices& choices) {
     auto before = Choices::read(choices.trial->before);
-    if (auto* found = std::get_if<std::optional<Choices>>(&before))
-        choices = found->value_or(Choices{});
+    if (auto* found = std::get_if<std::optional<Choices>>(&before)) {
+        auto restored = found->value_or(Choices{});
+        restored.takeRuledCommandsFrom(choices);
+        choices = std::move(restored);
+    }
     choices.trial.reset();
 }
 
@@ -207,35 +210,47 @@ JSONObject SettingsOwner::put(const JSONObject& request, SecondsSince1970 now) {
     return report();
 }
 
+// A version as it would be now.
+Outcome<> SettingsOwner::bringUpToDate(JSONObject& version, SecondsSince1970 now) const {
+    auto found = Choices::read(version);
+    if (auto* failure = std::get_if<Failure>(&found)) return std::move(*failure);
+    const auto kept = std::get<std::optional<Choices>>(std::move(found)).value_or(Choices{});
+    auto restored = kept;
+    // A trial that was decided since does not begin again: it is what is taken back.
+    if (restored.trial && !choices.trial) takeTrialBack(restored);
+    restored.endTemporaryRules(now);
+    restored.takeRuledCommandsFrom(choices);
+    if (restored != kept) restored.writeInto(version);
+    return vantryhost::Nothing{};
+}
+
 // A change that has ended by itself left a version like what there is; those are forgotten on the way.
-Outcome<std::optional<JSONObject>> SettingsOwner::newestOtherVersion() const {
+Outcome<std::optional<JSONObject>> SettingsOwner::newestOtherVersion(SecondsSince1970 now) const {
     for (;;) {
         auto version = PreferencesFile::newestVersion();
-        const auto* found = std::get_if<std::optional<JSONObject>>(&version);
-        if (found == nullptr || *found != preferences || !preferences) return version;
+        auto* found = std::get_if<std::optional<JSONObject>>(&version);
+        if (found == nullptr || !found->has_value()) return version;
+        auto updated = bringUpToDate(**found, now);
+        if (auto* failure = std::get_if<Failure>(&updated)) return std::move(*failure);
+        if (!preferences || **found != *preferences) return version;
         PreferencesFile::forgetNewestVersion();
     }
 }
 
 JSONObject SettingsOwner::undo(SecondsSince1970 now) {
-    auto version = newestOtherVersion();
+    auto version = newestOtherVersion(now);
     if (const auto* failure = failureOf(version)) return failed(*failure);
     auto& document = std::get<std::optional<JSONObject>>(version);
     if (!document)
         return failed({ExitCode::usage, "No earlier version of the settings is kept.", ""});
-    auto found = Choices::read(*document);
-    if (const auto* failure = std::get_if<Failure>(&found)) return failed(*failure);
-    auto restored = std::get<std::optional<Choices>>(std::move(found)).value_or(Choices{});
-    // A trial that was decided since does not begin again: it is what is taken back.
-    if (restored.trial && !choices.trial) {
-        takeTrialBack(restored);
-        restored.writeInto(*document);
-    }
+    auto restored = Choices::read(*document);
+    if (const auto* failure = std::get_if<Failure>(&restored)) return failed(*failure);
     const auto replaced = PreferencesFile::put(*document);
     if (const auto* failure = failureOf(replaced)) return failed(*failure);
     PreferencesFile::forgetNewestVersion();
     preferencesProblem.clear();
-    adoptStored(*std::move(document), std::move(restored));
+    adoptStored(*std::move(document),
+                std::get<std::optional<Choices>>(std::move(restored)).value_or(Choices{}));
     timePassed(now);
     putInForce();
     return report();

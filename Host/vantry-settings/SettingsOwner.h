@@ -63,7 +63,9 @@ private:
     void storeWhatEnded();
     platform::JSONObject put(const platform::JSONObject& request, vantryhost::SecondsSince1970 now);
     platform::JSONObject undo(vantryhost::SecondsSince1970 now);
-    vantryhost::Outcome<std::optional<Document>> newestOtherVersion() const;
+    vantryhost::Outcome<> bringUpToDate(Document& version, vantryhost::SecondsSince1970 now) const;
+    vantryhost::Outcome<std::optional<Document>> newestOtherVersion(
+        vantryhost::SecondsSince1970 now) const;
     enum class Keeping { version, noVersion };  // of what is replaced
     vantryhost::Outcome<> store(Document document, vantryhost::Choices choices, Keeping keeping);
     void putInForce();

@@ -2,9 +2,9 @@
 
 #include <set>
 
+#include "Host/settings/Choices.h"
 #include "Host/settings/Settings.h"
 #include "Host/vantryctl/ActivityLog.h"
-#include "Host/vantryctl/RuledCommand.h"
 #include "Host/vantryctl/SettingsClient.h"
 
 namespace vantryctl {
@@ -22,7 +22,7 @@ void addSeen(Names& names) {
     const auto log = readActivityLog();
     if (failureOf(log)) return;
     for (const auto& entry : std::get<0>(log))
-        if (!isRuledCommand(entry.bundleId)) names.insert(entry.bundleId);
+        if (!vantryhost::isRuledCommand(entry.bundleId)) names.insert(entry.bundleId);
 }
 
 Names namesOf(const std::string& kind) {

@@ -12,12 +12,12 @@
 #include <vector>
 
 #include "Extension/ipc/ActivityLogResponseIPC.h"
+#include "Host/settings/Choices.h"
 #include "Host/settings/Documents.h"
 #include "Host/settings/Places.h"
 #include "Host/settings/Settings.h"
 #include "Host/vantryctl/ActivityLog.h"
 #include "Host/vantryctl/Daemon.h"
-#include "Host/vantryctl/RuledCommand.h"
 #include "Host/vantryctl/SessionsCommand.h"
 #include "Host/vantryctl/SettingsClient.h"
 #include "Platform/Linux/HostChannel/FolderWatch.h"
@@ -211,7 +211,7 @@ std::vector<Application> applicationsOf(const std::vector<ActivityLogEntryIPC>& 
     std::vector<Application> applications;
     applications.reserve(activities.size());
     for (auto& [identifier, activity] : activities)
-        if (!isRuledCommand(identifier))
+        if (!vantryhost::isRuledCommand(identifier))
             applications.push_back({identifier, std::move(activity), active.contains(identifier)});
     std::ranges::stable_sort(applications, [](const auto& a, const auto& b) {
         return a.activity.lastSeen > b.activity.lastSeen;

@@ -144,12 +144,6 @@ Outcome<RuledCommand> startUnderRule(const std::vector<std::string>& words, Comm
     return failureOf(ended) ? *failureOf(ended) : noProcess;
 }
 
-bool isRuledCommand(std::string_view identifier) {
-    const auto number = identifier.substr(identifier.rfind('.') + 1);
-    return (identifier.starts_with("run.") || identifier.starts_with("verify.")) &&
-           std::ranges::all_of(number, [](char letter) { return letter >= '0' && letter <= '9'; });
-}
-
 Outcome<> endRuleOf(const RuledCommand& command) {
     if (!command.groupPath.empty()) rmdir(command.groupPath.c_str());
     const auto taken = changeInPassing([&](Choices& choices) {

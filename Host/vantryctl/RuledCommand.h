@@ -7,7 +7,6 @@
 
 #include <chrono>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "Host/vantryctl/Outcome.h"
@@ -28,9 +27,6 @@ struct RuledCommand {
 enum class CommandKind { run, verify };
 Outcome<RuledCommand> startUnderRule(const std::vector<std::string>& words, CommandKind kind,
                                      Way way, std::chrono::seconds time);
-
-// Whether an identifier is that of such a command.
-bool isRuledCommand(std::string_view identifier);
 
 // Takes the rule and the group away.
 Outcome<> endRuleOf(const RuledCommand& command);

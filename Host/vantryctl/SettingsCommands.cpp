@@ -191,9 +191,12 @@ ExitCode importSettings(const ImportOptions& options, const Console& console) {
         return ExitCode::failed;
     }
     const auto change = changeSettings([&](Choices& choices) {
+        const auto before = choices;
         wanted.vpnConnected = choices.settings.vpnConnected;
+        choices.settings = wanted;
         choices.temporaryRules.clear();
-        return std::exchange(choices.settings, wanted) != wanted;
+        choices.takeRuledCommandsFrom(before);
+        return choices.settings != before.settings;
     });
     return finish(change, console, "The settings are those of the file.", "Nothing to change.");
 }
