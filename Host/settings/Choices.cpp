@@ -209,17 +209,19 @@ void Choices::writeInto(JSONObject& preferences) const {
             JSONObject{{"until", trial->until}, {"before", trial->before}};
 }
 
+TemporaryRule Choices::presentOf(const std::string& application, SecondsSince1970 until) const {
+    const auto rule = settings.rules.find(application);
+    return {application, until,
+            rule == settings.rules.end() ? std::nullopt : std::optional(rule->second),
+            settings.blockedApps.contains(application)};
+}
+
 void Choices::makeTemporary(const std::string& application, SecondsSince1970 until) {
     const auto known = std::ranges::find(temporaryRules, application, &TemporaryRule::application);
-    if (known != temporaryRules.end()) {
+    if (known == temporaryRules.end())
+        temporaryRules.push_back(presentOf(application, until));
+    else
         known->until = until;
-        return;
-    }
-    const auto rule = settings.rules.find(application);
-    temporaryRules.push_back(
-        {application, until,
-         rule == settings.rules.end() ? std::nullopt : std::optional(rule->second),
-         settings.blockedApps.contains(application)});
 }
 
 bool Choices::endTemporaryRules(SecondsSince1970 now) {
@@ -242,8 +244,17 @@ bool Choices::endTemporaryRules(SecondsSince1970 now) {
 }
 
 void Choices::keepRuleOf(const std::string& application) {
-    std::erase_if(temporaryRules,
-                  [&](const auto& rule) { return rule.application == application; });
+    for (auto& rule : temporaryRules)
+        if (rule.application == application)
+            rule.ruleBefore = presentOf(application, rule.until).ruleBefore;
+    forgetTemporaryRulesWithoutEffect();
+}
+
+void Choices::keepBlockOf(const std::string& application) {
+    for (auto& rule : temporaryRules)
+        if (rule.application == application)
+            rule.wasBlocked = settings.blockedApps.contains(application);
+    forgetTemporaryRulesWithoutEffect();
 }
 
 void Choices::takeRuledCommandsFrom(const Choices& present) {
@@ -259,6 +270,13 @@ void Choices::takeRuledCommandsFrom(const Choices& present) {
                          std::inserter(settings.blockedApps, settings.blockedApps.end()),
                          isRuledCommand);
     std::ranges::copy_if(present.temporaryRules, std::back_inserter(temporaryRules), isOfCommand);
+}
+
+// Those whose end changes nothing.
+void Choices::forgetTemporaryRulesWithoutEffect() {
+    std::erase_if(temporaryRules, [&](const TemporaryRule& rule) {
+        return rule == presentOf(rule.application, rule.until);
+    });
 }
 
 }  // namespace vantryhost

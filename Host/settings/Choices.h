@@ -74,13 +74,18 @@ struct Choices {
     void makeTemporary(const std::string& application, SecondsSince1970 until);
     // Puts back what ended at or before `now`; true if anything did.
     bool endTemporaryRules(SecondsSince1970 now);
-    // No longer temporary: what the application has now, it keeps.
+    // The rule, or the block, that the application has now it also has once what is temporary has ended.
     void keepRuleOf(const std::string& application);
+    void keepBlockOf(const std::string& application);
     // The rules and blocks of commands that run under one of their own are those of `present`: they come
     // and go with the command, whatever version of the settings holds.
     void takeRuledCommandsFrom(const Choices& present);
 
     friend bool operator==(const Choices&, const Choices&) = default;
+
+private:
+    TemporaryRule presentOf(const std::string& application, SecondsSince1970 until) const;
+    void forgetTemporaryRulesWithoutEffect();
 };
 
 }  // namespace vantryhost

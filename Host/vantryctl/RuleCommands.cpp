@@ -142,14 +142,12 @@ std::string tunnelText(const StoredSettings& stored) {
     return fmt::format("The VPN is up: {}.", fmt::join(tunnel.carrying, ", "));
 }
 
-// The change lasts for `time` only, where one is given.
+// What is changed after it lasts for `time` only, where one is given.
 void limitTo(const std::optional<std::chrono::seconds>& time, vantryhost::Choices& choices,
              const std::vector<std::string>& applications) {
+    if (!time) return;
     for (const auto& application : applications)
-        if (time)
-            choices.makeTemporary(application, std::time(nullptr) + time->count());
-        else
-            choices.keepRuleOf(application);
+        choices.makeTemporary(application, std::time(nullptr) + time->count());
 }
 
 void sayHowLong(const std::optional<std::chrono::seconds>& time, const Console& console) {
@@ -199,7 +197,10 @@ ExitCode setRule(const std::vector<std::string>& words, const std::string& route
     const auto change = changeSettings([&](Choices& choices) {
         const auto before = choices;
         limitTo(time, choices, applications);
-        for (const auto& application : applications) choices.settings.rules[application] = route;
+        for (const auto& application : applications) {
+            choices.settings.rules[application] = route;
+            if (!time) choices.keepRuleOf(application);
+        }
         return choices != before;
     });
     return finish(change, console, [&](const Change& done) {
@@ -220,7 +221,7 @@ ExitCode setRule(const std::vector<std::string>& words, const std::string& route
         for (const auto& application : applications)
             if (const auto block = blockThatCovers(done.after.settings, application);
                 !block.empty())
-                console.note(fmt::format("{} is blocked, and stays so: vantryctl rules unblock {}",
+                console.note(fmt::format("{} is still blocked: vantryctl rules unblock {}",
                                          application, block));
     });
 }
@@ -279,7 +280,10 @@ ExitCode blockApplications(const std::vector<std::string>& words,
     const auto change = changeSettings([&](Choices& choices) {
         const auto before = choices;
         limitTo(time, choices, applications);
-        choices.settings.blockedApps.insert(applications.begin(), applications.end());
+        for (const auto& application : applications) {
+            choices.settings.blockedApps.insert(application);
+            if (!time) choices.keepBlockOf(application);
+        }
         return choices != before;
     });
     return finish(change, console, [&](const Change&) {
@@ -316,7 +320,7 @@ ExitCode unblockApplications(const std::vector<std::string>& words, const Consol
         std::size_t removed = 0;
         for (const auto& application : applications) {
             removed += choices.settings.blockedApps.erase(application);
-            choices.keepRuleOf(application);
+            choices.keepBlockOf(application);
         }
         return removed > 0;
     });

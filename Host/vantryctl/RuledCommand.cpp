@@ -147,10 +147,11 @@ Outcome<RuledCommand> startUnderRule(const std::vector<std::string>& words, Comm
 Outcome<> endRuleOf(const RuledCommand& command) {
     if (!command.groupPath.empty()) rmdir(command.groupPath.c_str());
     const auto taken = changeInPassing([&](Choices& choices) {
+        const auto removed = choices.settings.rules.erase(command.identifier) +
+                             choices.settings.blockedApps.erase(command.identifier);
         choices.keepRuleOf(command.identifier);
-        return choices.settings.rules.erase(command.identifier) +
-                   choices.settings.blockedApps.erase(command.identifier) >
-               0;
+        choices.keepBlockOf(command.identifier);
+        return removed > 0;
     });
     if (const auto* failure = failureOf(taken)) return *failure;
     return vantryhost::Nothing{};

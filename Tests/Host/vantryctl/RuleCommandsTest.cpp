@@ -316,6 +316,9 @@ TEST_F(RuleCommands, WhatIsTemporaryOrOnTrialEndsAlsoOverARestart) {
     EXPECT_EQ(rules(), parsed(R"({"a":"direct"})"));
     EXPECT_NE(runTool("rules").out.find("FOR THE TIME BEING"), std::string::npos);
     EXPECT_EQ(runTool("rules set a direct --for soon").exitCode, 2);
+    // The rule is temporary still, whatever becomes of the block.
+    ASSERT_EQ(runTool("rules block a").exitCode, 0);
+    ASSERT_EQ(runTool("rules unblock a").exitCode, 0);
     // The clock comes to the end of it while the service is down.
     stopService();
     auto stored = contentOf(places::preferencesFile);
