@@ -167,6 +167,10 @@ ExitCode showRules(bool asJSON, const Console& console) {
     }
     if (stored.choices.isOff)
         say(console, "All of this is switched off, and holds again after: vantryctl on");
+    if (stored.choices.trial)
+        say(console, fmt::format("A change is on trial: it is taken back in {} unless you keep it "
+                                 "with: vantryctl confirm",
+                                 durationText(stored.choices.trial->until - std::time(nullptr))));
     console.out << ruleTable(settings).text(console.width) << temporaryText(stored.choices) << '\n'
                 << wrapped(printable(tunnelText(stored)), 0, console.width)
                 << wrapped("When it is down, " + vpnDownText(settings) + ".", 0, console.width)

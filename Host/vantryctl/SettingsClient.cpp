@@ -21,6 +21,7 @@ namespace {
 constexpr int mostConflicts = 100;
 
 std::optional<std::chrono::seconds> timeOfTrial;
+bool hasPutOnTrial = false;
 
 // An answer of the service: the settings, and the document and revision that they came in.
 struct Answer {
@@ -116,6 +117,19 @@ void putOnTrial(const Choices& before, Choices& after) {
     after.trial = std::move(trial);
 }
 
+// What is changed beside a trial stays when that is taken back. True if the edit changed anything.
+bool editBesideTrial(const Edit& edit, Choices& after) {
+    if (timeOfTrial || !after.trial) return edit(after);
+    auto before = Choices::read(after.trial->before);
+    const bool isChanged = edit(after);
+    auto* kept = std::get_if<std::optional<Choices>>(&before);
+    if (kept == nullptr || !after.trial) return isChanged;
+    auto beforeTrial = kept->value_or(Choices{});
+    const bool isKeptChanged = edit(beforeTrial);
+    beforeTrial.writeInto(after.trial->before);
+    return isChanged || isKeptChanged;
+}
+
 void noteSilentDaemon(const Answer& answer, std::vector<std::string>& notes) {
     if (!answer.stored.isDaemonListening)
         notes.emplace_back("The daemon is not running; it reads the settings when it starts.");
@@ -140,8 +154,12 @@ Outcome<Change> changeBy(const char* request) {
 
 }  // namespace
 
-TrialOfChanges::TrialOfChanges(std::chrono::seconds time) { timeOfTrial = time; }
+TrialOfChanges::TrialOfChanges(std::chrono::seconds time) {
+    timeOfTrial = time;
+    hasPutOnTrial = false;
+}
 TrialOfChanges::~TrialOfChanges() { timeOfTrial.reset(); }
+bool TrialOfChanges::hasBegun() const { return hasPutOnTrial; }
 
 Outcome<StoredSettings> loadSettings() {
     auto answer = ask({{"do", "get"}});
@@ -157,7 +175,7 @@ Outcome<Change> changeBy(const Edit& edit, bool isPassing) {
         if (auto* failure = std::get_if<Failure>(&asked)) return std::move(*failure);
         auto& present = std::get<Answer>(asked);
         Change change{present.stored.choices, present.stored.choices, false, {}};
-        if (!edit(change.after)) return change;
+        if (!editBesideTrial(edit, change.after)) return change;
         if (!isPassing) putOnTrial(change.before, change.after);
         change.after.writeInto(present.preferences);
         auto put = ask({{"do", "put"},
@@ -169,6 +187,7 @@ Outcome<Change> changeBy(const Edit& edit, bool isPassing) {
         if (done.isConflict) continue;
         change.after = done.stored.choices;
         change.isStored = true;
+        if (timeOfTrial && !isPassing) hasPutOnTrial = true;
         change.notes = done.notes;
         noteSilentDaemon(done, change.notes);
         return change;
@@ -183,7 +202,12 @@ Outcome<Change> changeSettings(const Edit& edit) { return changeBy(edit, false);
 
 Outcome<Change> changeInPassing(const Edit& edit) { return changeBy(edit, true); }
 
-Outcome<Change> undoChange() { return changeBy("undo"); }
+Outcome<Change> undoChange() {
+    if (timeOfTrial)
+        return Failure{ExitCode::usage, "What undo does cannot be on trial.",
+                       "Do it for good: vantryctl undo"};
+    return changeBy("undo");
+}
 
 Outcome<Change> restoreRulesFile() { return changeBy("restore"); }
 

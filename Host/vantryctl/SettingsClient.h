@@ -33,8 +33,8 @@ struct StoredSettings {
 
 vantryhost::Outcome<StoredSettings> loadSettings();
 
-// Changes choices in place; false leaves everything as it is. May be called again with newer choices,
-// where another tool came first.
+// Changes choices in place; false leaves everything as it is. May be called again with other choices:
+// newer ones, where another tool came first, and those that a trial under way goes back to.
 using Edit = std::function<bool(vantryhost::Choices&)>;
 
 struct Change {
@@ -63,6 +63,9 @@ public:
     ~TrialOfChanges();
     TrialOfChanges(const TrialOfChanges&) = delete;
     TrialOfChanges& operator=(const TrialOfChanges&) = delete;
+
+    // Whether any change was put on trial since.
+    bool hasBegun() const;
 };
 
 }  // namespace vantryctl

@@ -129,15 +129,14 @@ ExitCode finish(const Outcome<Change>& outcome, const Console& console, std::str
 
 ExitCode tryCommand(const std::vector<std::string>& arguments, std::chrono::seconds time,
                     const Console& console) {
-    int status = 0;
-    {
-        const TrialOfChanges trial(time);
-        status = run(arguments, console);
-    }
-    if (status == 0)
+    const TrialOfChanges trial(time);
+    const int status = run(arguments, console);
+    if (trial.hasBegun())
         console.out << fmt::format(
             "On trial: taken back in {} unless you keep it with: vantryctl confirm\n",
             durationText(time.count()));
+    else if (status == 0)
+        console.out << "This changed nothing that would be taken back.\n";
     return static_cast<ExitCode>(status);
 }
 

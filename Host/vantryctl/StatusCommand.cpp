@@ -3,12 +3,14 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <ctime>
 #include <iterator>
 #include <utility>
 #include <vector>
 
 #include "Host/settings/Documents.h"
 #include "Host/vantryctl/Daemon.h"
+#include "Host/vantryctl/Duration.h"
 #include "Host/vantryctl/SettingsClient.h"
 
 namespace vantryctl {
@@ -29,6 +31,12 @@ std::string daemonText(const Outcome<vantry::ExtensionStatus>& status) {
                                                                         : "cannot be asked";
 }
 
+std::string trialText(const vantryhost::Choices& choices) {
+    if (!choices.trial) return "";
+    return fmt::format("Trial     a change is taken back in {} unless: vantryctl confirm\n",
+                       durationText(choices.trial->until - std::time(nullptr)));
+}
+
 std::string settingsText(const StoredSettings& stored) {
     const auto& settings = stored.choices.settings;
     const auto& tunnel = stored.tunnel;
@@ -44,7 +52,8 @@ std::string settingsText(const StoredSettings& stored) {
            fmt::format("VPN       {}; when down: {}\n", printable(vpn),
                        printable(settings.vpnFallback)) +
            fmt::format("Direct    without a physical interface: {}\n",
-                       printable(settings.directFallback));
+                       printable(settings.directFallback)) +
+           trialText(stored.choices);
 }
 
 // "no" for a problem that is not there.
