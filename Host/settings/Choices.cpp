@@ -243,6 +243,17 @@ bool Choices::endTemporaryRules(SecondsSince1970 now) {
     return anyEnded;
 }
 
+void Choices::bringEndsForward(SecondsSince1970 seconds) {
+    for (auto& rule : temporaryRules) rule.until -= seconds;
+    if (!trial) return;
+    trial->until -= seconds;
+    auto before = Choices::read(trial->before);
+    auto* found = std::get_if<std::optional<Choices>>(&before);
+    if (found == nullptr || !found->has_value()) return;
+    (*found)->bringEndsForward(seconds);
+    (*found)->writeInto(trial->before);
+}
+
 void Choices::keepRuleOf(const std::string& application) {
     for (auto& rule : temporaryRules)
         if (rule.application == application)

@@ -74,6 +74,8 @@ struct Choices {
     void makeTemporary(const std::string& application, SecondsSince1970 until);
     // Puts back what ended at or before `now`; true if anything did.
     bool endTemporaryRules(SecondsSince1970 now);
+    // What ends, ends as much earlier: the clock was set back.
+    void bringEndsForward(SecondsSince1970 seconds);
     // The rule, or the block, that the application has now it also has once what is temporary has ended.
     void keepRuleOf(const std::string& application);
     void keepBlockOf(const std::string& application);

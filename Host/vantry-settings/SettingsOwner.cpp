@@ -140,14 +140,25 @@ void SettingsOwner::timePassed(SecondsSince1970 now) {
     if (changed.trial && changed.trial->until <= now) takeTrialBack(changed);
     changed.endTemporaryRules(now);
     const bool anyEnded = changed != choices;
-    if (anyEnded) {
+    changeByItself(std::move(changed));
+    if (anyEnded) putInForce();
+}
+
+void SettingsOwner::clockWasSetBack(SecondsSince1970 seconds) {
+    if (!preferences) return;
+    auto changed = choices;
+    changed.bringEndsForward(seconds);
+    changeByItself(std::move(changed));
+}
+
+void SettingsOwner::changeByItself(Choices changed) {
+    if (changed != choices) {
         auto document = *preferences;
         changed.writeInto(document);
         adopt(std::move(document), std::move(changed));
         isStoringDue = true;
     }
     storeWhatEnded();
-    if (anyEnded) putInForce();
 }
 
 // It is out of force whether or not it can be stored. A file that a person has edited and that cannot be

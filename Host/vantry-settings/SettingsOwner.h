@@ -46,6 +46,8 @@ public:
 
     // Ends what ends by `now`.
     void timePassed(vantryhost::SecondsSince1970 now);
+    // Two hours stay two hours: what ends, ends as much earlier.
+    void clockWasSetBack(vantryhost::SecondsSince1970 seconds);
     // When something temporary ends next.
     std::optional<vantryhost::SecondsSince1970> nextEnd() const;
     // The interfaces that the VPN is; null if whether it is up is not for the service to say.
@@ -60,6 +62,7 @@ private:
     vantryhost::Outcome<> load();
     void adopt(Document document, vantryhost::Choices choices);
     void adoptStored(Document document, vantryhost::Choices choices);
+    void changeByItself(vantryhost::Choices changed);
     void storeWhatEnded();
     platform::JSONObject put(const platform::JSONObject& request, vantryhost::SecondsSince1970 now);
     platform::JSONObject undo(vantryhost::SecondsSince1970 now);

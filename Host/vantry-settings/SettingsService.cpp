@@ -4,12 +4,15 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
+#include <sys/timerfd.h>
 #include <systemd/sd-daemon.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdint>
 #include <ctime>
+#include <utility>
 
 #include "Host/settings/Documents.h"
 #include "Host/settings/Places.h"
@@ -38,7 +41,17 @@ constexpr int retryMilliseconds = 5000;
 constexpr std::array<unsigned, 4> routeGroups{RTNLGRP_IPV4_ROUTE, RTNLGRP_IPV4_RULE,
                                               RTNLGRP_IPV6_ROUTE, RTNLGRP_IPV6_RULE};
 
-vantryhost::SecondsSince1970 now() { return std::time(nullptr); }
+// The clock counts as set back from here on; less is its being kept in step.
+constexpr vantryhost::SecondsSince1970 smallestStep = 2;
+
+vantryhost::SecondsSince1970 secondsBy(clockid_t clock) {
+    timespec time{};
+    clock_gettime(clock, &time);
+    return time.tv_sec;
+}
+
+vantryhost::SecondsSince1970 now() { return secondsBy(CLOCK_REALTIME); }
+vantryhost::SecondsSince1970 timeOfBoot() { return now() - secondsBy(CLOCK_BOOTTIME); }
 
 platform::Result<> makeRuntimeFolder() {
     return platform::prepareSharedFolder(places::runtimeFolder, FolderAccess::everyoneMayRead);
@@ -61,6 +74,7 @@ JSONObject requestIn(const Data& data) {
     return object == nullptr ? JSONObject{} : std::move(*object);
 }
 
+// Of an event counter or a timer.
 void readCounter(int counter) {
     eventfd_t ignored = 0;
     eventfd_read(counter, &ignored);
@@ -72,6 +86,8 @@ SettingsService::SettingsService()
     : stopSignal(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       requestSignal(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       networkSignal(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      alarm(timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC | TFD_NONBLOCK)),
+      bootTime(timeOfBoot()),
       preferencesFolder(places::preferencesFolder, makePreferencesFolder,
                         IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE),
       rulesFolder(
@@ -112,16 +128,20 @@ void SettingsService::run() {
 void SettingsService::stop() { eventfd_write(stopSignal.get(), 1); }
 
 void SettingsService::serveOneRound() {
-    std::array<pollfd, 6> events{{{stopSignal.get(), POLLIN, 0},
+    setAlarm();
+    std::array<pollfd, 7> events{{{stopSignal.get(), POLLIN, 0},
                                   {requestSignal.get(), POLLIN, 0},
                                   {networkSignal.get(), POLLIN, 0},
+                                  {alarm.get(), POLLIN, 0},
                                   {routeEvents ? routeEvents->descriptor() : -1, POLLIN, 0},
                                   {preferencesFolder.descriptor(), POLLIN, 0},
                                   {rulesFolder.descriptor(), POLLIN, 0}}};
     poll(events.data(), events.size(), millisecondsToWait());
     readCounter(requestSignal.get());
     readCounter(networkSignal.get());
+    readCounter(alarm.get());
     if (routeEvents) routeEvents->discard();
+    lookAtClock();
     lookAtTunnel();
     readFileEvents();
     owner.timePassed(now());
@@ -129,17 +149,31 @@ void SettingsService::serveOneRound() {
     sayProblems();
 }
 
+void SettingsService::setAlarm() {
+    itimerspec time{};
+    do {
+        lookAtClock();
+        const auto end = owner.nextEnd();
+        time.it_value.tv_sec = end ? std::max<vantryhost::SecondsSince1970>(*end, 1) : 0;
+        // Cancelled where the clock was set since it was looked at.
+    } while (timerfd_settime(alarm.get(), TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &time,
+                             nullptr) != 0 &&
+             errno == ECANCELED);
+}
+
+// Set forward, the clock has what is temporary end early. Set back, it must not have it last.
+void SettingsService::lookAtClock() {
+    const auto before = std::exchange(bootTime, timeOfBoot());
+    if (before - bootTime >= smallestStep) owner.clockWasSetBack(before - bootTime);
+}
+
 int SettingsService::millisecondsToWait() const {
-    std::int64_t wait = owner.problems().empty() ? -1 : retryMilliseconds;
-    const auto within = [&](std::int64_t milliseconds) {
-        milliseconds = std::clamp<std::int64_t>(milliseconds, 0, 3'600'000);
-        wait = wait < 0 ? milliseconds : std::min(wait, milliseconds);
-    };
-    if (const auto end = owner.nextEnd())
-        within(*end <= now() ? 0 : std::min<std::int64_t>(*end - now(), 3600) * 1000);
-    if (const auto look = tunnelState.looksAgainAt())
-        within(std::chrono::ceil<std::chrono::milliseconds>(*look - Clock::now()).count());
-    return static_cast<int>(wait);
+    const int wait = owner.problems().empty() ? -1 : retryMilliseconds;
+    const auto look = tunnelState.looksAgainAt();
+    if (!look) return wait;
+    const auto untilLook = static_cast<int>(std::clamp<std::int64_t>(
+        std::chrono::ceil<std::chrono::milliseconds>(*look - Clock::now()).count(), 0, 3'600'000));
+    return wait < 0 ? untilLook : std::min(wait, untilLook);
 }
 
 void SettingsService::lookAtTunnel() {

@@ -38,6 +38,8 @@ private:
 
     void serveOneRound();
     int millisecondsToWait() const;
+    void setAlarm();
+    void lookAtClock();
     void lookAtTunnel();
     void readFileEvents();
     void answerRequests();
@@ -52,6 +54,9 @@ private:
     const platform::FileDescriptor stopSignal;
     const platform::FileDescriptor requestSignal;
     const platform::FileDescriptor networkSignal;
+    // Of the time of day, so that it rings after a sleep too, and when the clock is set.
+    const platform::FileDescriptor alarm;
+    vantryhost::SecondsSince1970 bootTime;
     platform::FolderWatch preferencesFolder;
     platform::FolderWatch rulesFolder;
     std::optional<platform::netlink::Socket> routeEvents;
