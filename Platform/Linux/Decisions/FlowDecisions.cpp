@@ -283,7 +283,7 @@ void FlowDecisions::remember(const HeldPacket& packet, const Verdict& verdict) {
     // Of steered connections, their sessions know more.
     if (isClaimed(verdict.state) && steering() && !isDatagram(packet)) return;
     // The way may be there for the next one.
-    if (isClaimed(verdict.state) && verdict.isDropped) return;
+    if (verdict.isDropped) return;
     // Of denied datagrams `denied` knows more.
     if (!isDatagram(packet) || verdict.state != FlowState::denied) recent.remember(packet, verdict);
 }
@@ -547,13 +547,32 @@ unsigned FlowDecisions::uplinkOf(const FlowTuple& flow) {
 std::optional<Verdict> FlowDecisions::movedDatagram(const Occasion& occasion) {
     const HeldPacket& packet = occasion.packet;
     if (!isDatagram(packet)) return std::nullopt;
-    auto moved = verdictOnDatagram(occasion, sourceOf(packet), false);
-    if (!moved) return std::nullopt;
-    moved->isDropped = true;
+    const auto moved = verdictOnDatagram(occasion, sourceOf(packet), false);
+    return moved ? std::optional(beginAgain(packet, *moved)) : std::nullopt;
+}
+
+// Whether nothing stands against a datagram but that the rule for which its flow was watched is gone.
+bool FlowDecisions::hasOutlivedItsRule(const HeldPacket& packet) {
+    if (!isDatagram(packet) || !providers.explain) return false;
+    const Source source = sourceOf(packet);
+    if (!source.isAttributed) return false;
+    const auto newFlow = providers.explain(
+        {source.metaData,
+         {steering::destinationText(packet.flow), std::to_string(packet.flow.destinationPort)},
+         true});
+    // Told of what is neither blocked nor stopped while the VPN is down.
+    const auto isWatched = newFlow.find("isWatched");
+    const auto* value = isWatched == newFlow.end() ? nullptr : isWatched->second.as<bool>();
+    return value != nullptr && !*value;
+}
+
+// This datagram goes, and the next one is the first of a new flow.
+Verdict FlowDecisions::beginAgain(const HeldPacket& packet, Verdict verdict) {
+    verdict.isDropped = true;
     recent.forget(packet.flow);
     const MutexGuard guard(entriesLock);
     if (entries) entries->remove(packet.flow);
-    return moved;
+    return verdict;
 }
 
 Verdict FlowDecisions::deny(const Occasion& occasion, std::uint64_t cookie) {
@@ -564,6 +583,7 @@ Verdict FlowDecisions::deny(const Occasion& occasion, std::uint64_t cookie) {
     watched.remove(flow);
     if (!isTold) {
         if (const auto moved = movedDatagram(occasion)) return *moved;
+        if (hasOutlivedItsRule(packet)) return beginAgain(packet, {});
     }
     denied.remember(flow, {cookie, occasion.ruleChanges});
     return {FlowState::denied, occasion.asked.generation, cookie};

@@ -104,6 +104,8 @@ private:
 
     std::uint64_t wayChanges() const;
     std::optional<Verdict> movedDatagram(const Occasion& occasion);
+    bool hasOutlivedItsRule(const HeldPacket& packet);
+    Verdict beginAgain(const HeldPacket& packet, Verdict verdict);
     Verdict verdictOnFlow(const Occasion& occasion);
     void remember(const HeldPacket& packet, const Verdict& verdict);
     bool isStillDenied(const Occasion& occasion);
