@@ -2,6 +2,7 @@
 
 #include <array>
 #include <charconv>
+#include <utility>
 
 #include "Platform/Common/Text.h"
 
@@ -44,21 +45,6 @@ void appendEscaped(std::string& text, std::string_view content) {
     }
 }
 
-std::string unescaped(std::string_view text) {
-    std::string content;
-    content.reserve(text.size());
-    for (std::size_t at = 0; at < text.size(); ++at) {
-        const bool isEscape = text[at] == '\\' && at + 3 < text.size() && text[at + 1] == 'x';
-        if (!isEscape) {
-            content += text[at];
-            continue;
-        }
-        content += static_cast<char>(valueOfDigit(text[at + 2]) * 16 + valueOfDigit(text[at + 3]));
-        at += 3;
-    }
-    return content;
-}
-
 }  // namespace
 
 Fields& Fields::add(FieldKind kind, std::string_view content) {
@@ -96,18 +82,41 @@ const Field& Line::at(std::size_t index) const {
     return index < fields.size() ? fields[index] : beyond;
 }
 
-std::optional<Line> readLine(std::string_view text) {
-    if (text.empty() || (text.front() != '>' && text.front() != '<')) return std::nullopt;
-    Line line{text.front(), {}};
+std::string unescaped(std::string_view text) {
+    std::string content;
+    content.reserve(text.size());
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        const bool isEscape = text[at] == '\\' && at + 3 < text.size() && text[at + 1] == 'x';
+        if (!isEscape) {
+            content += text[at];
+            continue;
+        }
+        content += static_cast<char>(valueOfDigit(text[at + 2]) * 16 + valueOfDigit(text[at + 3]));
+        at += 3;
+    }
+    return content;
+}
+
+bool visitFields(std::string_view text, const VisitField& visit) {
+    if (text.empty() || (text.front() != '>' && text.front() != '<')) return false;
     text.remove_prefix(1);
     while (!text.empty()) {
-        if (text.front() != '\t' || text.size() < 2) return std::nullopt;
+        if (text.front() != '\t' || text.size() < 2) return false;
         const auto end = text.find('\t', 1);
         const auto field = text.substr(1, end == std::string_view::npos ? end : end - 1);
-        line.fields.push_back({static_cast<FieldKind>(field.front()), unescaped(field.substr(1))});
+        if (field.empty()) return false;
+        visit(static_cast<FieldKind>(field.front()), field.substr(1));
         text.remove_prefix(end == std::string_view::npos ? text.size() : end);
     }
-    return line;
+    return true;
+}
+
+std::optional<Line> readLine(std::string_view text) {
+    Line line{text.empty() ? '\0' : text.front(), {}};
+    const bool isLine = visitFields(text, [&](FieldKind kind, std::string_view escaped) {
+        line.fields.push_back({kind, unescaped(escaped)});
+    });
+    return isLine ? std::optional(std::move(line)) : std::nullopt;
 }
 
 std::string bytesOfDigits(std::string_view digits) {

@@ -6,8 +6,11 @@
 //   field   := TAB kind text            control characters, backslashes and bytes that are no UTF-8 escaped
 #pragma once
 
+#include <array>
+#include <charconv>
 #include <concepts>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -31,7 +34,16 @@ public:
     Fields& word(std::string_view content) { return add(FieldKind::plain, content); }
     template <std::integral Number>
     Fields& number(Number value) {
-        return add(FieldKind::plain, std::to_string(value));
+        std::array<char, 24> digits{};
+        const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), value).ptr;
+        return addPlain(FieldKind::plain, {digits.data(), end});
+    }
+    // What needs no escape, or is escaped already.
+    Fields& addPlain(FieldKind kind, std::string_view escaped) {
+        text_ += '\t';
+        text_ += static_cast<char>(kind);
+        text_ += escaped;
+        return *this;
     }
     Fields& name(std::string_view content) { return add(FieldKind::name, content); }
     Fields& path(std::string_view content) { return add(FieldKind::path, content); }
@@ -79,6 +91,11 @@ std::string_view wordFor(const Verdict& verdict) {
 
 // Null for what is no line of a recording.
 std::optional<Line> readLine(std::string_view text);
+
+// The same, a field at a time, as it stands: with its escapes. False for what is no line.
+using VisitField = std::function<void(FieldKind kind, std::string_view escaped)>;
+bool visitFields(std::string_view text, const VisitField& visit);
+std::string unescaped(std::string_view text);
 // The bytes behind hexadecimal digits.
 std::string bytesOfDigits(std::string_view digits);
 

@@ -7,7 +7,6 @@ namespace platform::recording {
 
 namespace {
 
-using recorded::Field;
 using recorded::FieldKind;
 
 constexpr std::size_t mostDocuments = 64;
@@ -50,6 +49,11 @@ constexpr auto knownWords = std::to_array<std::string_view>({"rules",
                                                              "kernel",
                                                              ""});
 
+bool isReplaced(FieldKind kind) {
+    return kind == FieldKind::name || kind == FieldKind::path || kind == FieldKind::host ||
+           kind == FieldKind::document;
+}
+
 bool isIn(const auto& words, std::string_view word) {
     return std::ranges::find(words, word) != words.end();
 }
@@ -68,30 +72,24 @@ std::string Pseudonyms::replaced(std::string_view lines) {
     return result;
 }
 
+// Most fields are no names, and stay as they are written.
 std::string Pseudonyms::replacedLine(std::string_view text) {
-    const auto line = recorded::readLine(text);
-    if (!line) return std::string(text);
+    if (text.empty()) return {};
     recorded::Fields fields;
-    fields.line(line->direction);
-    for (const auto& each : line->fields) fields.add(each.kind, field(each));
-    return fields.take();
+    fields.reserve(text.size());
+    fields.line(text.front());
+    const bool isLine = recorded::visitFields(text, [&](FieldKind kind, std::string_view escaped) {
+        if (isReplaced(kind))
+            fields.add(kind, substitute(kind, recorded::unescaped(escaped)));
+        else
+            fields.addPlain(kind, escaped);
+    });
+    return isLine ? fields.take() : std::string(text);
 }
 
-std::string Pseudonyms::field(const Field& field) {
-    switch (field.kind) {
-        case FieldKind::name:
-        case FieldKind::path:
-            return name(field.text);
-        case FieldKind::host:
-            return host(field.text);
-        case FieldKind::document:
-            return document(field.text);
-        case FieldKind::plain:
-        case FieldKind::none:
-        case FieldKind::bytes:
-            break;
-    }
-    return field.text;
+std::string Pseudonyms::substitute(FieldKind kind, std::string_view text) {
+    if (kind == FieldKind::host) return host(text);
+    return kind == FieldKind::document ? document(text) : name(text);
 }
 
 const std::string& Pseudonyms::part(std::string_view text) {

@@ -18,7 +18,7 @@ public:
 
 private:
     std::string replacedLine(std::string_view line);
-    std::string field(const recorded::Field& field);
+    std::string substitute(recorded::FieldKind kind, std::string_view text);
     std::string name(std::string_view text);
     std::string host(std::string_view text);
     std::string document(std::string_view text);

@@ -81,8 +81,11 @@ void Recorder::keep(std::string lines) {
 }
 
 bool Recorder::isNews(const Data& auditToken) {
+    const auto bytes = auditToken.bytes().value_or("");
     const MutexGuard guard(lock);
-    return knownTokens.emplace(auditToken.bytes().value_or("")).second;
+    if (knownTokens.contains(bytes)) return false;
+    knownTokens.emplace(bytes);
+    return true;
 }
 
 Call::Call(Kind kindOfCall, std::string_view name)
