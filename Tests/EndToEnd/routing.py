@@ -5,6 +5,7 @@ are bound to an interface, and the traffic that is nobody's business.
 """
 
 import socket
+import subprocess
 import threading
 
 from vantrylab import network
@@ -101,12 +102,21 @@ def _bound_to_an_interface(stage) -> None:
     report = stage.ledger.run("connect", address, 80, "--bind-device", network.PHYSICAL)
     stage.expect_physical("a socket bound to an interface keeps it", report, address)
     stage.expect_no_record("a socket bound to an interface is not the proxy's", address)
+    # The server sees the same address on both ways.
+    subprocess.run(["nft", "-f", "-"], check=True, text=True, input=f"""table inet watching {{
+        counter tunnelled {{ }}
+        chain sent {{ type filter hook postrouting priority 200;
+                      oifname {network.tunnel_device()} udp dport 8080 counter name tunnelled; }}; }}""")
     for next_address in (stage.ipv4, stage.ipv6):
         for words in (["--unicast-interface"], ["--unconnected", "--unicast-interface"],
                       ["--unconnected", "--datagram-interface"]):
             address = next_address()
             stage.expect_physical(f"datagrams keep the interface that they choose: {' '.join(words)}, {address}",
                                   stage.ledger.run("datagram", address, 8080, *words, network.PHYSICAL), address)
+    counter = subprocess.run(["nft", "list", "counter", "inet", "watching", "tunnelled"], check=True,
+                             capture_output=True, text=True).stdout
+    stage.checks.check("and none of them goes into the tunnel", "packets 0 " in counter, counter)
+    subprocess.run(["nft", "delete", "table", "inet", "watching"], check=True)
 
 
 def _loopback_is_not_offered(stage) -> None:
