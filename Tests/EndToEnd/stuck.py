@@ -76,8 +76,9 @@ def _one_account_floods(stage) -> None:
     if stage.applications_run_as_one_account():
         return
     stage.start_daemon(RULES)
-    for name, flood in (("datagrams", _send_eight_thousand), ("connections", _open_connections)):
-        upload = stage.nobody.start("serve")
+    for name, flood, victim in (("datagrams", _send_eight_thousand, stage.nobody),
+                                ("connections", _open_connections, stage.studio)):
+        upload = victim.start("serve")
         upload.tell("upload", stage.ipv4(), 8080, "--duration", 60)
         upload.report()
         is_over, count = threading.Event(), [0]
@@ -90,7 +91,7 @@ def _one_account_floods(stage) -> None:
                     address = next_address()
                     expect(f"flood of {name}: {application.identifier} to {address}",
                            application.run("connect", address, 80), address)
-        host.write_rules(RULES.but(blockedApps=(*RULES.blockedApps, stage.nobody.identifier)))
+        host.write_rules(RULES.but(blockedApps=(*RULES.blockedApps, victim.identifier)))
         host.post()
         report = upload.report()
         stage.checks.check(f"flood of {name}: a block ends an open connection meanwhile",
@@ -100,7 +101,6 @@ def _one_account_floods(stage) -> None:
         stage.checks.eventually(f"flood of {name}: it was one", lambda: (count[0] > 8000, count), seconds=60)
         is_over.set()
         flooding.join()
-        stage.apply(RULES)
     stage.stop_daemon()
 
 
