@@ -322,8 +322,11 @@ def _neighbours(stage) -> None:
         stage.apply(RULES.but(rules={"game": rule}))
         subprocess.run([str(world.APPLICATIONS / "bin" / "game"), "-c", NEIGHBOUR], check=True,
                        user=world.PERSON if world.is_root_world() else None)
-    listed = subprocess.run(network.in_server(["nft", "list", "table", "inet", "near"]), capture_output=True, text=True)
-    stage.checks.check("multicast on the link arrives, whatever the rule", "packets 2 " in listed.stdout, listed.stdout)
+    # The second may wait for its verdict when the program has ended.
+    def arrived() -> tuple[bool, str]:
+        listed = subprocess.run(network.in_server(["nft", "list", "table", "inet", "near"]), capture_output=True, text=True)
+        return "packets 2 " in listed.stdout, listed.stdout
+    stage.checks.eventually("multicast on the link arrives, whatever the rule", arrived)
     stage.apply(RULES)
 
 
