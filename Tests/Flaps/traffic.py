@@ -1,6 +1,7 @@
 """An application that never rests: 500 datagrams and up to 500 segments a second, in both families, for so many
-seconds (fewer on a slow machine). Every tenth datagram comes from a socket of its own, so that there are first packets all the time; a
-connection that ends or gets nowhere is made again. Twenty a second are given up as soon as they are begun.
+seconds (fewer on a slow machine). Every tenth datagram comes from a socket of its own, so that there are first
+packets all the time; a connection that ends or gets nowhere is made again. Twenty a second are given up as soon
+as they are begun.
 
 usage: traffic.py IPV4 IPV6 DATAGRAM-PORT STREAM-PORT SECONDS fleeting|lasting
 
