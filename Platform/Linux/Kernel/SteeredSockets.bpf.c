@@ -6,8 +6,8 @@
 //   TCP closed         the error that the application gets, if any
 //   release            before the states change: tells an application's close from a network's end
 //
-// A socket that ends its attempt before the daemon has entered it stands in `endedBefore`: it is noted there
-// first and looked for in `sockets` then, and the daemon does both the other way round.
+// A socket whose attempt ends stands in `endedBefore` until the next attempt, as the daemon may enter it only then: it is
+// noted there first and looked for in `sockets` then, and the daemon does both the other way round.
 //
 // The entry says what is so; an event says only which one to look at, so that one that is lost for
 // want of room does no more harm than a look at all of them.
@@ -63,9 +63,8 @@ __u64 order = 0;
 
 // The entry of a socket that ends; null if the daemon has made none, and then it finds out when it does.
 static __always_inline struct SteeredSocket* entryOfEnding(__u64 cookie, __u32 stateBefore) {
-    struct SteeredSocket* socket = bpf_map_lookup_elem(&sockets, &cookie);
-    if (socket || (stateBefore != BPF_TCP_SYN_SENT && stateBefore != BPF_TCP_SYN_RECV))
-        return socket;
+    if (stateBefore != BPF_TCP_SYN_SENT && stateBefore != BPF_TCP_SYN_RECV)
+        return bpf_map_lookup_elem(&sockets, &cookie);
     const __u32 set = 1;
     bpf_map_update_elem(&endedBefore, &cookie, &set, BPF_ANY);
     // What is written above is there for all before what follows is read.

@@ -39,8 +39,10 @@ KernelTable<std::uint64_t, SteeredSocket> SteeringPrograms::sockets() const {
     return KernelTable<std::uint64_t, SteeredSocket>(bpf_map__fd(programs->maps.sockets));
 }
 
-bool SteeringPrograms::follow(std::uint64_t cookie, std::uint32_t mark, std::uint32_t mask) const {
+bool SteeringPrograms::follow(std::uint64_t cookie, std::uint32_t attempt, std::uint32_t mark,
+                              std::uint32_t mask) const {
     SteeredSocket socket{};
+    socket.attempt = attempt;
     socket.mark = mark;
     socket.mask = mask;
     return sockets().put(cookie, socket);

@@ -26,8 +26,9 @@ public:
     SteeringPrograms& operator=(const SteeringPrograms&) = delete;
 
     // From now on there are events of the socket, which gets the mark when it is established. False if
-    // there is no room for another one.
-    bool follow(std::uint64_t cookie, std::uint32_t mark, std::uint32_t mask) const;
+    // there is no room for another one. `attempt` tells a later attempt of the same socket to connect.
+    bool follow(std::uint64_t cookie, std::uint32_t attempt, std::uint32_t mark,
+                std::uint32_t mask) const;
     std::optional<SteeredSocket> look(std::uint64_t cookie) const;
     void forget(std::uint64_t cookie) const;
     // Whether the attempt to connect was over already when the socket came to be followed: no event tells of that.

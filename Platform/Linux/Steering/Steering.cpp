@@ -63,8 +63,11 @@ Result<netlink::Socket> openRuleEvents() {
 // The socket of one session.
 class Steering::Socket final : public SessionSocket {
 public:
-    Socket(std::shared_ptr<Work> steeringWork, const FlowTuple& flowTuple, std::uint64_t number)
-        : cookie(number), flow(flowTuple), work(std::move(steeringWork)) {}
+    Socket(std::shared_ptr<Work> steeringWork, const HeldPacket& packet, std::uint64_t number)
+        : cookie(number),
+          sequence(packet.tcpSequence),
+          flow(packet.flow),
+          work(std::move(steeringWork)) {}
 
     Way findWay(const std::string& interfaceName) override;
     void destroy() override;
@@ -77,6 +80,7 @@ public:
     bool hasNetwork(const std::vector<Uplink>& uplinks);
 
     const std::uint64_t cookie;
+    const std::uint32_t sequence;  // of the SYN
     const FlowTuple flow;
 
 private:
@@ -103,9 +107,10 @@ public:
     void stop();
     void takeAway();
 
-    void enter(std::uint32_t sequence, const std::shared_ptr<SteeredSession>& session,
+    void enter(const std::shared_ptr<SteeredSession>& session,
                const std::shared_ptr<Socket>& socket);
-    std::shared_ptr<SteeredSession> leave(std::uint64_t cookie);
+    bool follow(const Socket& socket, std::uint32_t mark, std::uint32_t mask);
+    std::shared_ptr<SteeredSession> leave(std::uint64_t cookie, std::uint32_t sequence);
     std::shared_ptr<SteeredSession> sessionOf(std::uint64_t cookie, std::uint32_t sequence);
 
     UplinksPointer uplinks() {
@@ -146,7 +151,6 @@ public:
 
 private:
     struct Claim {
-        std::uint32_t sequence = 0;
         std::shared_ptr<SteeredSession> session;
         std::shared_ptr<Socket> socket;
     };
@@ -244,8 +248,8 @@ Way Steering::Socket::findWay(const std::string& interfaceName) {
 bool Steering::Socket::isFollowed(unsigned number) {
     if (followed.test_and_set()) return true;
     const SteeringMarks& marks = work->marks;
-    return number == 0 ? work->programs->follow(cookie, 0, 0)
-                       : work->programs->follow(cookie, marks.ofSocket(number), marks.mask());
+    return number == 0 ? work->follow(*this, 0, 0)
+                       : work->follow(*this, marks.ofSocket(number), marks.mask());
 }
 
 void Steering::Socket::destroy() { work->destroy(flow, cookie); }
@@ -348,7 +352,7 @@ void Steering::Work::stop() {
 void Steering::Work::takeAway() {
     for (const Claim& claim : allClaims()) {
         if (!claim.socket->isEndedInOrder()) claim.socket->destroy();
-        leave(claim.socket->cookie);
+        leave(claim.socket->cookie, claim.socket->sequence);
     }
     forgetDatagrams();
     table.remove();
@@ -375,13 +379,15 @@ void Steering::Work::look(std::uint64_t cookie) {
     {
         const MutexGuard guard(lock);
         const auto found = claims.find(cookie);
-        if (found == claims.end()) return;
+        if (found == claims.end() || found->second.socket->sequence != seen->attempt) return;
         claim = found->second;
-        if (isOver) claims.erase(found);
+        if (isOver) {
+            programs->forget(cookie);
+            claims.erase(found);
+        }
     }
     claim.session->socketChanged(*seen);
     if (!isOver) return;
-    programs->forget(cookie);
     // Whoever has the port next is not to find what was decided of this one.
     if (seen->isEstablished == 0) {
         const MutexGuard guard(askingLock);
@@ -480,18 +486,32 @@ std::vector<Steering::Work::Claim> Steering::Work::allClaims() {
     return all;
 }
 
-void Steering::Work::enter(std::uint32_t sequence, const std::shared_ptr<SteeredSession>& session,
+// Two attempts of one socket may be decided at the same time: the claim that comes later counts, whichever it is of.
+// The entry that the programs know always belongs to the claim, as both change under the lock.
+void Steering::Work::enter(const std::shared_ptr<SteeredSession>& session,
                            const std::shared_ptr<Socket>& socket) {
-    const MutexGuard guard(lock);
-    claims.insert_or_assign(socket->cookie, Claim{sequence, session, socket});
+    Claim overtaken;
+    {
+        const MutexGuard guard(lock);
+        overtaken = std::exchange(claims[socket->cookie], Claim{session, socket});
+    }
+    if (overtaken.session) overtaken.session->socketChanged(letGo());
 }
 
-// The session that the socket had; null if it had none.
-std::shared_ptr<SteeredSession> Steering::Work::leave(std::uint64_t cookie) {
-    programs->forget(cookie);
+bool Steering::Work::follow(const Socket& socket, std::uint32_t mark, std::uint32_t mask) {
+    const MutexGuard guard(lock);
+    const auto found = claims.find(socket.cookie);
+    const bool isClaim = found != claims.end() && found->second.socket.get() == &socket;
+    return isClaim && programs->follow(socket.cookie, socket.sequence, mark, mask);
+}
+
+// The session of that attempt; null if it has none any more.
+std::shared_ptr<SteeredSession> Steering::Work::leave(std::uint64_t cookie,
+                                                      std::uint32_t sequence) {
     const MutexGuard guard(lock);
     const auto found = claims.find(cookie);
-    if (found == claims.end()) return nullptr;
+    if (found == claims.end() || found->second.socket->sequence != sequence) return nullptr;
+    programs->forget(cookie);
     auto session = std::move(found->second.session);
     claims.erase(found);
     return session;
@@ -500,16 +520,18 @@ std::shared_ptr<SteeredSession> Steering::Work::leave(std::uint64_t cookie) {
 // Another number tells another connection of the same socket, whose earlier one is over.
 std::shared_ptr<SteeredSession> Steering::Work::sessionOf(std::uint64_t cookie,
                                                           std::uint32_t sequence) {
+    std::uint32_t earlier = 0;
     {
         const MutexGuard guard(lock);
         const auto found = claims.find(cookie);
         if (found == claims.end()) return nullptr;
-        if (found->second.sequence == sequence) return found->second.session;
+        earlier = found->second.socket->sequence;
+        if (earlier == sequence) return found->second.session;
     }
     // Its event may wait still.
     auto seen = programs->look(cookie).value_or(letGo());
     seen.isReleased = 1;
-    if (const auto overtaken = leave(cookie)) overtaken->socketChanged(seen);
+    if (const auto overtaken = leave(cookie, earlier)) overtaken->socketChanged(seen);
     return nullptr;
 }
 
@@ -537,8 +559,7 @@ std::optional<Steering::Verdict> Steering::verdictOnKnown(const HeldPacket& pack
 }
 
 std::unique_ptr<Steering::Offer> Steering::offer(const HeldPacket& packet, std::uint64_t cookie) {
-    return std::make_unique<Offer>(work, packet,
-                                   std::make_shared<Socket>(work, packet.flow, cookie));
+    return std::make_unique<Offer>(work, packet, std::make_shared<Socket>(work, packet, cookie));
 }
 
 bool Steering::isForDatagrams(const FlowTuple& flow) {
@@ -568,8 +589,7 @@ Steering::Offer::Offer(std::shared_ptr<Work> steeringWork, const HeldPacket& pac
     : work(std::move(steeringWork)),
       socket(std::move(offeredSocket)),
       session(std::make_shared<SteeredSession>(socket)),
-      flowTuple(packet.flow),
-      sequence(packet.tcpSequence) {}
+      flowTuple(packet.flow) {}
 
 std::shared_ptr<NWConnection::Implementation> Steering::Offer::Pairing::pairWith(
     const std::string& host, std::uint16_t port, const NWParameters& parameters) {
@@ -582,13 +602,13 @@ std::shared_ptr<NWConnection::Implementation> Steering::Offer::Pairing::pairWith
 
 Steering::Verdict Steering::Offer::claim(std::shared_ptr<void> kept) {
     socket->keep(std::move(kept));
-    work->enter(sequence, session, socket);
+    work->enter(session, socket);
     const Verdict verdict = session->decide();
     // A socket that was closed before it was followed has no events any more.
     const bool isAlive = verdict.decision != SteeredSession::Decision::deny &&
                          !work->programs->wasOverBefore(socket->cookie);
     if (isAlive) return verdict;
-    if (work->leave(socket->cookie)) session->socketChanged(letGo());
+    if (work->leave(socket->cookie, socket->sequence)) session->socketChanged(letGo());
     return {};
 }
 

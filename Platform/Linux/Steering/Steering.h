@@ -97,7 +97,6 @@ private:
     const std::shared_ptr<Socket> socket;
     const std::shared_ptr<SteeredSession> session;
     const FlowTuple flowTuple;
-    const std::uint32_t sequence;
 };
 
 }  // namespace platform::steering

@@ -31,7 +31,7 @@ protected:
     }
     std::uint64_t follow(const ClientSocket& socket) const {
         const auto cookie = cookieOf(socket);
-        EXPECT_TRUE(programs->follow(cookie, 0x8a000000, 0xff000000));
+        EXPECT_TRUE(programs->follow(cookie, 1, 0x8a000000, 0xff000000));
         return cookie;
     }
     // The entry once there has been an event of it.
