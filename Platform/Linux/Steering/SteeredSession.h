@@ -51,7 +51,8 @@ namespace platform::steering {
 struct Way {
     enum class Kind { open, otherFamilyOnly, none };
     Kind kind = Kind::none;
-    unsigned number = 0;  // of the uplink; 0 if there is no such interface
+    unsigned number = 0;      // of the uplink; 0 if there is no such interface
+    bool needsUplink = true;  // not to another network of this machine
 };
 
 // What a session does to its socket, and asks about its network. Nothing here calls back into the session.

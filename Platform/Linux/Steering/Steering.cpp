@@ -91,7 +91,7 @@ private:
     std::atomic_flag followed;
     std::atomic<bool> hasFarewell{false};
     Mutex lock;
-    // Once there was a way.
+    // Once there was a way by the uplink.
     int interfaceIndex GUARDED_BY(lock) = 0;
     InterfaceAddress source GUARDED_BY(lock);
 };
@@ -219,8 +219,9 @@ private:
 };
 
 Way Steering::Work::wayBy(const Uplink& uplink, const FlowTuple& flow) const {
-    if (routes->reaches(uplink, flow.family, flow.destinationAddress))
-        return {Way::Kind::open, uplink.number};
+    using Lead = SteeringRoutes::Lead;
+    const Lead lead = routes->leadOf(uplink, flow.family, flow.destinationAddress);
+    if (lead != Lead::nowhere) return {Way::Kind::open, uplink.number, lead == Lead::out};
     // Somebody has just changed rules or routes, and ours are on their way: the packet comes again.
     if (uplink.reach(flow.family).isUsable()) return {Way::Kind::none, 0};
     const bool hasOther = uplink.reach(otherFamily(flow.family)).isUsable();
@@ -237,7 +238,7 @@ Way Steering::Socket::findWay(const std::string& interfaceName) {
     // Without room to hear of it there would be no end of it.
     if (!isFollowed(uplink->number)) return {Way::Kind::otherFamilyOnly, 0};
     const Way way = work->wayBy(*uplink, flow);
-    if (way.kind == Way::Kind::open) {
+    if (way.kind == Way::Kind::open && way.needsUplink) {
         const MutexGuard guard(lock);
         interfaceIndex = uplink->interfaceIndex;
         source = *uplink->reach(flow.family).source;

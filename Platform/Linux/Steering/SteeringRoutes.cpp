@@ -137,8 +137,8 @@ Result<> SteeringRoutes::updateFamily(int family, const std::vector<Uplink>& upl
     };
     for (const Uplink& uplink : uplinks) {
         appendNearRoutes(family, uplink, wantedRoutes, *main);
-        appendOtherNetworks(uplink, wantedRoutes, *main, network, others);
         const bool isTowardsTunnel = !towards.empty() && uplink.reach(family).source;
+        appendOtherNetworks(uplink, isTowardsTunnel, wantedRoutes, *main, network, others);
         if (isTowardsTunnel) appendRoutesTowards(towards, family, uplink, wantedRoutes);
         addRule(marks.ofPacket(uplink.number), tableOf(uplink.number));
         addRule(marks.ofSocket(uplink.number),
@@ -167,8 +167,8 @@ void SteeringRoutes::appendNearRoutes(int family, const Uplink& uplink, std::vec
 
 // Networks of this machine beside the uplink's own, such as those of containers and virtual machines: what
 // goes there leaves by no uplink, whatever its rule. Those inside of a tunnel are the VPN's.
-void SteeringRoutes::appendOtherNetworks(const Uplink& uplink, std::vector<Route>& wanted,
-                                         const std::vector<Route>& main,
+void SteeringRoutes::appendOtherNetworks(const Uplink& uplink, bool isTowardsTunnel,
+                                         std::vector<Route>& wanted, const std::vector<Route>& main,
                                          const NetworkState& network, std::set<int>& interfaces) {
     const std::uint32_t table = tableOf(uplink.number);
     for (Route route : main) {
@@ -185,6 +185,8 @@ void SteeringRoutes::appendOtherNetworks(const Uplink& uplink, std::vector<Route
         route.table = table;
         wanted.push_back(route);
         interfaces.insert(route.interfaceIndex);
+        route.table = tableTowardsTunnel(uplink.number);
+        if (isTowardsTunnel) wanted.push_back(route);
     }
 }
 
@@ -384,7 +386,7 @@ void SteeringRoutes::discardEvents() {
     events.discard();
     const MutexGuard guard(questionsLock);
     isSettled = false;
-    knownWays.clear();
+    knownLeads.clear();
 }
 
 void SteeringRoutes::settle() {
@@ -392,20 +394,20 @@ void SteeringRoutes::settle() {
     isSettled = true;
 }
 
-bool SteeringRoutes::reaches(const Uplink& uplink, int family,
-                             const std::array<std::uint8_t, 16>& destination) {
-    if (!uplink.reach(family).source) return false;
+SteeringRoutes::Lead SteeringRoutes::leadOf(const Uplink& uplink, int family,
+                                            const std::array<std::uint8_t, 16>& destination) {
     const MutexGuard guard(questionsLock);
     const KnownWay way{uplink.number, family, destination};
-    if (knownWays.contains(way)) return true;
-    if (!leadsOut(uplink, family, destination)) return false;
-    if (knownWays.size() == mostKnownWays) knownWays.clear();
-    if (isSettled) knownWays.insert(way);
-    return true;
+    if (const auto known = knownLeads.find(way); known != knownLeads.end()) return known->second;
+    const Lead lead = findLead(uplink, family, destination);
+    if (lead == Lead::nowhere) return lead;
+    if (knownLeads.size() == mostKnownWays) knownLeads.clear();
+    if (isSettled) knownLeads.insert({way, lead});
+    return lead;
 }
 
-bool SteeringRoutes::leadsOut(const Uplink& uplink, int family,
-                              const std::array<std::uint8_t, 16>& destination) {
+SteeringRoutes::Lead SteeringRoutes::findLead(const Uplink& uplink, int family,
+                                              const std::array<std::uint8_t, 16>& destination) {
     rtmsg route{};
     route.rtm_family = static_cast<std::uint8_t>(family);
     route.rtm_dst_len = static_cast<std::uint8_t>(addressLength(family) * 8);
@@ -416,7 +418,10 @@ bool SteeringRoutes::leadsOut(const Uplink& uplink, int family,
         if (answer.type() == RTM_NEWROUTE)
             index = static_cast<int>(numberIn(answer.attributes<rtmsg>(), RTA_OIF));
     });
-    return asked && (index == uplink.interfaceIndex || otherNetworks.contains(index));
+    if (!asked) return Lead::nowhere;
+    if (otherNetworks.contains(index)) return Lead::toOtherNetwork;
+    const bool isOut = index == uplink.interfaceIndex && uplink.reach(family).source;
+    return isOut ? Lead::out : Lead::nowhere;
 }
 
 std::set<SteeringRoutes::MarkTest> SteeringRoutes::marksInRules() {

@@ -3,17 +3,18 @@
 //     table of the uplink     its near routes and its default, both as in the main table, or the default
 //                             remembered where a VPN has deleted it; last of all "unreachable", so that
 //                             a lost route never falls through into the tunnel
-//     table towards tunnel    the tunnels' routes, with the uplink's address as the source: what a firewall that
-//                             lets only the tunnel out may see of a socket with our mark. Where there is
-//                             no tunnel that rule leads to the uplink's table
+//     table towards tunnel    the tunnels' routes, with the uplink's address as the source, and those to other
+//                             networks: what a firewall that lets only the tunnel out may see of a socket
+//                             with our mark. Where there is no tunnel that rule leads to the uplink's table
 //
 // All of it has protocol "kernel", which network managers leave alone, stays when the process dies, and
 // is brought to what it should be by `update`: after changes of the network, and when
-// somebody else touched it. One thread, but for `reaches`.
+// somebody else touched it. One thread, but for `leadOf`.
 #pragma once
 
 #include <array>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -50,9 +51,10 @@ public:
     // False where a rule of somebody else stands so far to the front that none fits before it.
     bool hasRoomForRules() const { return hasRoom; }
 
-    // Whether a packet with the uplink's mark would now leave by it, or to another network of this machine.
-    // Any thread.
-    bool reaches(const Uplink& uplink, int family, const std::array<std::uint8_t, 16>& destination);
+    // Where a packet with the uplink's mark would go now: another network of this machine is reached without any
+    // address of the uplink's. Any thread.
+    enum class Lead { nowhere, out, toOtherNetwork };
+    Lead leadOf(const Uplink& uplink, int family, const std::array<std::uint8_t, 16>& destination);
 
     // The marks, value and mask, for which rules lead to our tables: those of an earlier process, before
     // the first update.
@@ -79,7 +81,7 @@ private:
     Result<std::vector<Route>> routesIn(int family, std::uint32_t table);
     void appendNearRoutes(int family, const Uplink& uplink, std::vector<Route>& wanted,
                           const std::vector<Route>& main);
-    void appendOtherNetworks(const Uplink& uplink, std::vector<Route>& wanted,
+    void appendOtherNetworks(const Uplink& uplink, bool isTowardsTunnel, std::vector<Route>& wanted,
                              const std::vector<Route>& main, const NetworkState& network,
                              std::set<int>& interfaces);
     std::vector<Route> routesByTunnels(int family, const NetworkState& network,
@@ -94,7 +96,7 @@ private:
     Result<std::vector<Rule>> rules(int family);
     Result<> change(unsigned type, unsigned flags, const Route& route);
     Result<> change(unsigned type, unsigned flags, const Rule& rule);
-    bool leadsOut(const Uplink& uplink, int family, const std::array<std::uint8_t, 16>& destination)
+    Lead findLead(const Uplink& uplink, int family, const std::array<std::uint8_t, 16>& destination)
         REQUIRES(questionsLock);
 
     const SteeringMarks marks;
@@ -105,7 +107,7 @@ private:
     netlink::Socket questions GUARDED_BY(questionsLock);
     // By the uplink's number and the family: what is reached.
     using KnownWay = std::tuple<unsigned, int, std::array<std::uint8_t, 16>>;
-    std::set<KnownWay> knownWays GUARDED_BY(questionsLock);
+    std::map<KnownWay, Lead> knownLeads GUARDED_BY(questionsLock);
     bool isSettled GUARDED_BY(questionsLock) = false;
     std::set<int> otherNetworks GUARDED_BY(questionsLock);  // by interface
 };

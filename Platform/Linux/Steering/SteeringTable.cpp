@@ -128,7 +128,7 @@ std::string tableText(SteeringMarks marks, const std::vector<Uplink>& uplinks, b
                 naming += isOther + family.translation + textOf(*reach.source) + "\n";
                 guarding += isOther + "drop\n";
             } else {
-                guarding += hasMark + family.protocol + "drop\n";
+                guarding += leavesHere + family.protocol + "drop\n";
             }
         }
     }

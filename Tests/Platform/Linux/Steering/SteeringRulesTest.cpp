@@ -18,6 +18,8 @@ namespace {
 using interception::ClientSocket;
 using interception::InterceptionLab;
 
+using Lead = SteeringRoutes::Lead;
+
 constexpr SteeringMarks marks{MarkPlace(24)};
 constexpr std::uint16_t port = InterceptionLab::echoPort;
 
@@ -71,7 +73,7 @@ TEST_F(SteeringRules, ClaimedConnectionLeavesByItsInterfaceBesideWhatVpnsAndFire
     claimAll(eth0().number);
     for (const int family : {AF_INET, AF_INET6}) {
         const char* const server = InterceptionLab::serverAddress(family);
-        EXPECT_TRUE(routes->reaches(eth0(), family, bytesOf(server, family)));
+        EXPECT_EQ(routes->leadOf(eth0(), family, bytesOf(server, family)), Lead::out);
         ClientSocket client(family, SOCK_STREAM);
         ASSERT_EQ(client.connectTo(server, port), 0) << server;
         // As when it is established: firewalls see it leave by the tunnel still.
@@ -81,14 +83,24 @@ TEST_F(SteeringRules, ClaimedConnectionLeavesByItsInterfaceBesideWhatVpnsAndFire
     }
     EXPECT_TRUE(table.isComplete());
 
-    // Containers and virtual machines are reached where they are.
+    // Containers and virtual machines are reached where they are, also where the uplink has no such address.
     runCommand(
-        "ip link add br0 type bridge; ip address add 172.17.0.1/16 dev br0; ip link set br0 up");
+        "ip link add br0 type bridge; ip address add 172.17.0.1/16 dev br0; ip link set br0 up; "
+        "nft 'table inet past { chain c { type filter hook postrouting priority 300; "
+        "oifname br0 tcp dport 7007 counter; }; }'");
     follow();
-    EXPECT_TRUE(routes->reaches(eth0(), AF_INET, bytesOf("172.17.0.2", AF_INET)));
-    const auto route =
-        runCommand("ip route get 172.17.0.2 mark " + std::to_string(marks.ofPacket(eth0().number)));
-    EXPECT_NE(route.find("dev br0"), std::string::npos) << route;
+    const auto number = eth0().number;
+    for (const auto mark : {marks.ofPacket(number), marks.ofSocket(number)}) {
+        const auto route = runCommand("ip route get 172.17.0.2 mark " + std::to_string(mark));
+        EXPECT_NE(route.find("dev br0"), std::string::npos) << route;
+    }
+    runCommand("nft delete table inet vpn; ip -4 address flush dev eth0");
+    follow();
+    EXPECT_EQ(routes->leadOf(eth0(), AF_INET, bytesOf("172.17.0.2", AF_INET)),
+              Lead::toOtherNetwork);
+    runCommand("timeout 0.3 bash -c '</dev/tcp/172.17.0.2/7007' || true");
+    const auto past = runCommand("nft list table inet past");
+    EXPECT_EQ(past.find("packets 0"), std::string::npos) << past;
 }
 
 // A far address answers no address of the site.
@@ -112,7 +124,8 @@ TEST_F(SteeringRules, WhatIsTakenAwayOrComesBeforeIsPutRight) {
 
     // A lost route leads nowhere, not into the tunnel.
     runCommand("ip link set eth0 down");
-    EXPECT_FALSE(routes->reaches(eth0(), AF_INET, bytesOf(TestNetwork::serverIPv4, AF_INET)));
+    EXPECT_EQ(routes->leadOf(eth0(), AF_INET, bytesOf(TestNetwork::serverIPv4, AF_INET)),
+              Lead::nowhere);
 
     runCommand("nft flush ruleset");
     EXPECT_FALSE(table.isComplete());
