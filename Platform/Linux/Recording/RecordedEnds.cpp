@@ -146,7 +146,7 @@ std::shared_ptr<NWConnection::Implementation> followed(
     if (!call) return connection;
     auto& fields = call->asked("connect").number(call->number()).host(host).number(port);
     if (parameters.requiredInterface)
-        fields.word(parameters.requiredInterface->name());
+        fields.name(parameters.requiredInterface->name());
     else
         fields.none();
     return std::make_shared<RecordedConnection>(std::move(connection), call->number());

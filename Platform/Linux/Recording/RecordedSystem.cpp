@@ -134,7 +134,7 @@ DispatchQueue::Work followedWork(double seconds, DispatchQueue::Work work) {
 
 void addInterfaces(recorded::Fields& fields, const NWPath& path) {
     for (const auto& interface : path.availableInterfaces)
-        fields.word(interface.name()).number(static_cast<int>(interface.type()));
+        fields.name(interface.name()).number(static_cast<int>(interface.type()));
 }
 
 // The questions note themselves.
