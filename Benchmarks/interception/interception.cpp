@@ -85,25 +85,25 @@ private:
 class RecordingUnderWay {
 public:
     RecordingUnderWay() {
-        recording::Recorder::shared().start();
         thread = std::thread([this] {
             recording::Pseudonyms pseudonyms;
             while (!isOver) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(100));
                 benchmark::DoNotOptimize(
-                    pseudonyms.replaced(recording::Recorder::shared().fetch().lines));
+                    pseudonyms.replaced(recording::Recorder::shared().fetch(number).lines));
             }
         });
     }
     ~RecordingUnderWay() {
         isOver = true;
         thread.join();
-        recording::Recorder::shared().stop();
+        recording::Recorder::shared().stop(number);
     }
     RecordingUnderWay(const RecordingUnderWay&) = delete;
     RecordingUnderWay& operator=(const RecordingUnderWay&) = delete;
 
 private:
+    const std::int64_t number = recording::Recorder::shared().start().value_or(0);
     std::atomic<bool> isOver = false;
     std::thread thread;
 };

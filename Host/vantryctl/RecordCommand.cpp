@@ -55,11 +55,26 @@ std::optional<int> causeOfShortWrite(int descriptor, std::string_view text) {
     return std::nullopt;
 }
 
-Outcome<JSONObject> ask(const char* what, bool isVerbatim = false) {
-    return askPlatform({{"question", "record"}, {"do", what}, {"verbatim", isVerbatim}});
+Outcome<JSONObject> start(bool isVerbatim) {
+    return askPlatform({{"question", "record"}, {"do", "start"}, {"verbatim", isVerbatim}});
+}
+
+Outcome<JSONObject> ask(const char* what, std::int64_t recording) {
+    return askPlatform({{"question", "record"}, {"do", what}, {"number", recording}});
+}
+
+Failure endedByDaemon(const std::string& file) {
+    return {
+        ExitCode::failed,
+        fmt::format(
+            "The daemon ended the recording: nothing was taken from it for ten seconds, or it has "
+            "started again. What came later is not in {}.",
+            file),
+        "Record again, into a new file."};
 }
 
 struct Progress {
+    std::int64_t recording = 0;
     std::size_t bytes = 0;
     std::int64_t lost = 0;
     bool isOver = false;
@@ -68,16 +83,14 @@ struct Progress {
 // Null if there was nothing to report.
 std::optional<Failure> fetchInto(const FileDescriptor& file, const std::string& name,
                                  Progress& progress) {
-    const auto answer = ask("fetch");
+    const auto answer = ask("fetch", progress.recording);
     if (const auto* failure = failureOf(answer)) return *failure;
     const auto& piece = std::get<JSONObject>(answer);
     const auto lines = vantryhost::textUnder(piece, "lines");
     if (const auto cause = causeOfShortWrite(file.get(), lines)) return cannotWrite(name, *cause);
     progress.bytes += lines.size();
     progress.lost = vantryhost::numberUnder(piece, "lost");
-    const auto over = piece.find("isOver");
-    const auto* isOver = over == piece.end() ? nullptr : over->second.as<bool>();
-    progress.isOver = isOver && *isOver;
+    progress.isOver = vantryhost::flagUnder(piece, "isOver");
     return std::nullopt;
 }
 
@@ -93,22 +106,32 @@ std::optional<Failure> followTo(const FileDescriptor& file, const RecordOptions&
     return std::nullopt;
 }
 
+// What was left when the recording stopped.
+std::optional<Failure> takeLast(const FileDescriptor& file, const std::string& name,
+                                const Outcome<JSONObject>& stopped, Progress& progress) {
+    if (const auto* failure = failureOf(stopped)) return *failure;
+    if (vantryhost::flagUnder(std::get<JSONObject>(stopped), "wasOver")) return endedByDaemon(name);
+    return fetchInto(file, name, progress);
+}
+
 }  // namespace
 
 ExitCode record(const RecordOptions& options, const Console& console) {
     const auto opened = newFile(options.file);
     if (const auto* failure = failureOf(opened)) return console.report(*failure);
     const auto& file = std::get<FileDescriptor>(opened);
-    if (const auto answer = ask("start", options.isVerbatim); failureOf(answer)) {
+    const auto started = start(options.isVerbatim);
+    if (const auto* failure = failureOf(started)) {
         unlink(options.file.c_str());
-        return console.report(*failureOf(answer));
+        return console.report(*failure);
     }
     std::signal(SIGINT, [](int) { isRecordingInterrupted = 1; });
     std::signal(SIGTERM, [](int) { isRecordingInterrupted = 1; });
-    Progress progress;
+    Progress progress{.recording =
+                          vantryhost::numberUnder(std::get<JSONObject>(started), "number")};
     auto failure = followTo(file, options, progress);
-    const auto stopped = ask("stop");
-    if (!failure && !failureOf(stopped)) failure = fetchInto(file, options.file, progress);
+    const auto stopped = ask("stop", progress.recording);
+    if (!failure) failure = takeLast(file, options.file, stopped, progress);
     if (failure) return console.report(*failure);
     console.out << fmt::format("{}: {} bytes. replay {} plays it.\n", options.file, progress.bytes,
                                options.file);

@@ -28,12 +28,14 @@ def run(stage) -> None:
     with Recording(stage, "verbatim", "--verbatim") as verbatim:
         stage.courier.run("connect", stage.ipv4(), 80)
     stage.checks.check("names are there where they are asked for", COURIER in verbatim.text, verbatim.text[-2000:])
-    stage.checks.check("and replaced otherwise", "courier" not in story.text and "198.51.100." not in story.text)
+    for word in ("courier", "198.51.100.", network.PHYSICAL):
+        stage.checks.check(f"and replaced otherwise: {word}", word not in story.text)
     with Recording(stage, "soak") as threads:
         _under_threads(stage)
     threads.expect_the_same()
     story.expect_fault_found()
     _full_disk(stage)
+    _standing_still(stage)
     stage.stop_daemon()
     network.vpn_down()
 
@@ -124,3 +126,25 @@ def _full_disk(stage) -> None:
     stage.checks.check("a full disk is said", said.returncode == 1 and "No space left on device" in said.stdout,
                        said.stdout)
     subprocess.run(["umount", str(folder)], check=True)
+
+
+def _standing_still(stage) -> None:
+    """A tool that does is given up after ten seconds, says so, and leaves the next one's recording alone."""
+    command = [str(world.BUILD / "vantryctl"), "record", "--for", "10m"]
+    with subprocess.Popen([*command, str(world.STATE / "still")], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                          text=True) as still:
+        network.wait_until(lambda: (world.STATE / "still").exists() and (world.STATE / "still").stat().st_size > 0,
+                           "it records")
+        still.send_signal(signal.SIGSTOP)
+
+        def other(number=iter(range(1000))):
+            said = subprocess.run([*command[:2], "--for", "1s", str(world.STATE / f"other{next(number)}")], text=True,
+                                  stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+            return said.returncode == 0, said.stdout
+        stage.checks.eventually("one that stands still is given up", other, seconds=30)
+        with Recording(stage, "next") as following:
+            still.send_signal(signal.SIGCONT)
+            said, _ = still.communicate(timeout=20)
+            stage.checks.check("which it says", still.returncode == 1 and "ended the recording" in said, said)
+            stage.courier.run("connect", stage.ipv4(), 80)
+        stage.checks.check("the next one goes on", "proxyFlow" in following.text, following.text[-500:])

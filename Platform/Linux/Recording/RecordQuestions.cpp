@@ -12,25 +12,26 @@ JSONObject RecordQuestions::answer(const JSONObject& question) {
     const auto verbatim = question.find("verbatim");
     const auto* isVerbatim = verbatim == question.end() ? nullptr : verbatim->second.as<bool>();
     if (word && *word == "start") return start(isVerbatim && *isVerbatim);
-    if (word && *word == "fetch") return fetch();
-    if (word && *word == "stop") {
-        Recorder::shared().stop();
-        return {};
-    }
+    const auto recording = question.find("number");
+    const auto* number =
+        recording == question.end() ? nullptr : recording->second.as<std::int64_t>();
+    if (word && *word == "fetch" && number) return fetch(*number);
+    if (word && *word == "stop" && number) return {{"wasOver", !Recorder::shared().stop(*number)}};
     return {{"error", "A recording is started, fetched or stopped."}};
 }
 
 JSONObject RecordQuestions::start(bool isVerbatim) {
-    if (!Recorder::shared().start())
+    const auto number = Recorder::shared().start();
+    if (!number)
         return {{"error",
                  "A recording is under way. End it, or wait ten seconds if its tool was killed."}};
     pseudonyms.reset();
     if (!isVerbatim) pseudonyms.emplace();
-    return {};
+    return {{"number", *number}};
 }
 
-JSONObject RecordQuestions::fetch() {
-    auto piece = Recorder::shared().fetch();
+JSONObject RecordQuestions::fetch(std::int64_t number) {
+    auto piece = Recorder::shared().fetch(number);
     if (pseudonyms) piece.lines = pseudonyms->replaced(piece.lines);
     return {{"lines", std::move(piece.lines)},
             {"lost", static_cast<std::int64_t>(piece.lost)},

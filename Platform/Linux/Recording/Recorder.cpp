@@ -28,9 +28,10 @@ std::int64_t Recorder::microseconds() {
     return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - origin).count();
 }
 
-bool Recorder::start() {
+std::optional<std::int64_t> Recorder::start() {
     const MutexGuard guard(lock);
-    if (isRecording()) return false;
+    endIfForgotten();
+    if (isRecording()) return std::nullopt;
     waiting = "vantry-recording 1 " + std::to_string(stateCallsDropped) + "\n";
     for (const auto& call : stateCalls) waiting += call;
     waiting += "recording\n";
@@ -38,34 +39,39 @@ bool Recorder::start() {
     knownTokens.clear();
     lastFetch = Clock::now();
     recording = true;
-    return true;
+    return ++present;
 }
 
-void Recorder::stop() {
+bool Recorder::stop(std::int64_t number) {
     const MutexGuard guard(lock);
-    recording = false;
+    if (number != present) return false;
+    return recording.exchange(false);
 }
 
-Recorder::Piece Recorder::fetch() {
+Recorder::Piece Recorder::fetch(std::int64_t number) {
     const MutexGuard guard(lock);
+    if (number != present) return {};
     lastFetch = Clock::now();
     return {std::exchange(waiting, {}), lost, !isRecording()};
 }
 
 void Recorder::take(std::string lines, bool isOfState) {
     const MutexGuard guard(lock);
+    endIfForgotten();
     if (isRecording()) {
-        if (Clock::now() - lastFetch > longestWithoutFetch) {
-            recording = false;
-            waiting.clear();
-            waiting.shrink_to_fit();
-        } else if (waiting.size() + lines.size() > mostWaiting) {
+        if (waiting.size() + lines.size() > mostWaiting)
             ++lost;
-        } else {
+        else
             waiting += lines;
-        }
     }
     if (isOfState) keep(std::move(lines));
+}
+
+void Recorder::endIfForgotten() {
+    if (!isRecording() || Clock::now() - lastFetch <= longestWithoutFetch) return;
+    recording = false;
+    waiting.clear();
+    waiting.shrink_to_fit();
 }
 
 void Recorder::keep(std::string lines) {

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -28,16 +29,18 @@ public:
     static Recorder& shared();
     static bool isRecording() { return recording.load(std::memory_order_relaxed); }
 
-    // False if a recording is under way.
-    bool start();
-    void stop();
-    // What has come since the last time, in whole calls, and how many calls found no room.
+    // The new recording's number; null if one is under way.
+    std::optional<std::int64_t> start();
+    // False if the recording of this number had ended before.
+    bool stop(std::int64_t number);
+    // What has come since the last time, in whole calls, and how many calls found no room. Nothing of a recording
+    // that others have begun since.
     struct Piece {
         std::string lines;
         std::uint64_t lost = 0;
-        bool isOver = false;
+        bool isOver = true;
     };
-    Piece fetch();
+    Piece fetch(std::int64_t number);
 
     // A call's side.
     static std::uint64_t nextNumber() { return ++lastNumber; }
@@ -48,11 +51,13 @@ public:
 
 private:
     void keep(std::string lines) REQUIRES(lock);
+    void endIfForgotten() REQUIRES(lock);
 
     static inline std::atomic<bool> recording = false;
     static inline std::atomic<std::uint64_t> lastNumber = 0;
 
     Mutex lock;
+    std::int64_t present GUARDED_BY(lock) = 0;  // the latest recording's number
     std::deque<std::string> stateCalls GUARDED_BY(lock);
     std::size_t stateBytes GUARDED_BY(lock) = 0;
     std::uint64_t stateCallsDropped GUARDED_BY(lock) = 0;
