@@ -1,6 +1,7 @@
 #include "Platform/Linux/Rules/RuleLanguage.h"
 
 #include <poll.h>
+#include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -83,20 +84,27 @@ std::optional<std::string> receiveText(int channel,
     return text;
 }
 
-// The process's side. What it ends by is its own affair: nothing of ours is written to a log by its end. Stops
-// are for us, who then end it.
-void becomeItsOwn(int channel) {
-    for (const int signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGPIPE})
-        std::signal(signal, SIG_DFL);
+// The process is the same program, told apart by this argument and by a socket at this descriptor. A copy of a
+// process with threads, as fork makes one, could find locks that are held for ever.
+constexpr const char* argument = "--packet-rules";
+constexpr int channelOfProcess = STDERR_FILENO + 1;
+
+bool isSocketOfPair(int descriptor) {
+    int domain = 0;
+    socklen_t length = sizeof domain;
+    return ::getsockopt(descriptor, SOL_SOCKET, SO_DOMAIN, &domain, &length) == 0 &&
+           domain == AF_UNIX;
+}
+
+// Stops are for us, who then end it.
+void becomeItsOwn() {
     for (const int signal : {SIGTERM, SIGINT, SIGHUP}) std::signal(signal, SIG_IGN);
-    const auto keep = static_cast<unsigned>(channel);
-    if (keep > STDERR_FILENO + 1) ::close_range(STDERR_FILENO + 1, keep - 1, 0);
-    ::close_range(keep + 1, UINT_MAX, 0);
+    ::close_range(channelOfProcess + 1, UINT_MAX, 0);
     ::prctl(PR_SET_NAME, "packet-rules");
 }
 
 [[noreturn]] void serve(int channel) {
-    becomeItsOwn(channel);
+    becomeItsOwn();
     nft_ctx* const context = nft_ctx_new(NFT_CTX_DEFAULT);
     if (!context) ::_exit(EXIT_FAILURE);
     nft_ctx_buffer_output(context);
@@ -111,6 +119,24 @@ void becomeItsOwn(int channel) {
         if (!isTaken) break;
     }
     ::_exit(EXIT_SUCCESS);
+}
+
+// Before anything else of the program begins. glibc gives constructors the arguments of main.
+[[gnu::constructor]] void serveIfAsked(int count, char** arguments) {
+    if (count == 2 && std::strcmp(arguments[1], argument) == 0 && isSocketOfPair(channelOfProcess))
+        serve(channelOfProcess);
+}
+
+// The process's id; none, with errno set, if it can't be started.
+std::optional<pid_t> spawn(int channel) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, channel, channelOfProcess);
+    std::array<char*, 3> arguments{::program_invocation_name, const_cast<char*>(argument), nullptr};
+    pid_t child = 0;
+    errno = ::posix_spawn(&child, "/proc/self/exe", &actions, nullptr, arguments.data(), ::environ);
+    posix_spawn_file_actions_destroy(&actions);
+    return errno == 0 ? std::optional(child) : std::nullopt;
 }
 
 }  // namespace
@@ -135,11 +161,10 @@ bool RuleLanguage::begin() {
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) return false;
     FileDescriptor ours(ends[0]);
     const FileDescriptor theirs(ends[1]);
-    const pid_t child = ::fork();
-    if (child == 0) serve(theirs.get());
-    if (child < 0) return false;
+    const auto child = spawn(theirs.get());
+    if (!child) return false;
     channel = std::move(ours);
-    process = child;
+    process = *child;
     return true;
 }
 
