@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "Platform/Linux/Rules/PacketRule.h"
-#include "Platform/Linux/Rules/RuleLanguage.h"
 
 namespace platform::steering {
 
@@ -149,7 +148,7 @@ std::string tableText(SteeringMarks marks, const std::vector<Uplink>& uplinks, b
 }  // namespace
 
 bool SteeringTable::run(const std::string& commands) {
-    auto answer = interception::RuleLanguage().run(commands);
+    auto answer = language.run(commands);
     output = std::move(answer.output);
     if (!answer.isDone) failureText = std::move(answer.failure);
     return answer.isDone;

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "Platform/Linux/Rules/RuleLanguage.h"
 #include "Platform/Linux/Rules/SteeringMarks.h"
 #include "Platform/Linux/Steering/Uplinks.h"
 
@@ -42,6 +43,8 @@ private:
     std::string listed();
 
     const SteeringMarks marks;
+    // Kept: a table that has been removed is to be back at once.
+    interception::RuleLanguage language;
     std::string output;
     std::string inForce;  // as the kernel shows it
     std::string failureText;
