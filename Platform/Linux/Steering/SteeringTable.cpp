@@ -103,9 +103,10 @@ std::string tableText(SteeringMarks marks, const std::vector<Uplink>& uplinks, b
     // Ordinary packets leave each chain by one of its first rules.
     for (const Uplink& uplink : uplinks) {
         const std::string isOrdinary = words.isOrdinaryBy(uplink.number);
-        const std::string setMark = words.setPacketMark(uplink.number) + "accept\n";
-        leaving += isOrdinary + "ct state established " + setMark;
-        checking += isOrdinary + "accept\n";
+        std::string setMark = words.setPacketMark(uplink.number);
+        setMark += "accept\n";
+        leaving.append(isOrdinary).append("ct state established ").append(setMark);
+        checking.append(isOrdinary).append("accept\n");
         arriving += isOrdinary + setMark;
     }
     arriving += words.isHeldContent() + "drop\n";
