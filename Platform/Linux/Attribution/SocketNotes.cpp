@@ -94,7 +94,15 @@ std::optional<KernelNote> SocketNotes::ofOpenSocket(const FlowTuple& flow) const
     }
     auto sender = programs->ports().find(flow.sourcePort);
     const bool isSender = sender && sender->closed == 0 && isTo(*sender, flow);
-    return isSender ? std::move(sender) : std::nullopt;
+    return isSender ? std::move(sender) : ofEarlierSender(flow);
+}
+
+// Another socket on the port has sent since.
+std::optional<KernelNote> SocketNotes::ofEarlierSender(const FlowTuple& flow) const {
+    auto tuple = tupleOf(flow);
+    std::memset(tuple.local, 0, sizeof tuple.local);
+    const auto cookie = programs->sendings().find(tuple);
+    return cookie ? ofSocket(*cookie) : std::nullopt;
 }
 
 std::optional<KernelNote> SocketNotes::ofSocket(std::uint64_t cookie) const {

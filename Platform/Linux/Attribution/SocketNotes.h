@@ -43,6 +43,7 @@ public:
 private:
     explicit SocketNotes(std::unique_ptr<KernelPrograms> attached)
         : programs(std::move(attached)) {}
+    std::optional<KernelNote> ofEarlierSender(const FlowTuple& flow) const;
 
     const std::unique_ptr<KernelPrograms> programs;
 };

@@ -63,6 +63,9 @@ KernelTable<KernelTuple, std::uint64_t> KernelPrograms::connections() const {
 KernelTable<KernelTuple, KernelNote> KernelPrograms::abandoned() const {
     return KernelTable<KernelTuple, KernelNote>(bpf_map__fd(programs->maps.abandoned));
 }
+KernelTable<KernelTuple, std::uint64_t> KernelPrograms::sendings() const {
+    return KernelTable<KernelTuple, std::uint64_t>(bpf_map__fd(programs->maps.sendings));
+}
 KernelTable<KernelFile, KernelPath> KernelPrograms::paths() const {
     return KernelTable<KernelFile, KernelPath>(bpf_map__fd(programs->maps.paths));
 }

@@ -30,6 +30,7 @@ public:
     KernelTable<std::uint32_t, KernelNote> ports() const;         // of datagrams, by the local port
     KernelTable<KernelTuple, std::uint64_t> connections() const;  // a socket's cookie
     KernelTable<KernelTuple, KernelNote> abandoned() const;
+    KernelTable<KernelTuple, std::uint64_t> sendings() const;  // a socket's cookie
     KernelTable<KernelFile, KernelPath> paths() const;
     KernelTable<std::uint64_t, KernelGroup> groups() const;  // by the control group's id
 

@@ -5,7 +5,7 @@
 //
 //   connect, sendmsg   `notes` by the socket's cookie: the process, its program and its ancestors
 //   sendmsg            `ports` by the local port as well: the last sender, whose socket may be one of
-//                      several on the port
+//                      several on the port; and `sendings` by port and destination: the cookie
 //   TCP before SYN     `connections` by the tuple: the cookie
 //   release            the socket's entries go; a datagram's stay in `ports`, marked as closed, as
 //                      its packet may still wait
@@ -13,7 +13,7 @@
 //
 // No account can push out the notes of another one's open sockets and datagrams: the first are limited
 // for each account, and `ports` has room for every port. `abandoned` keeps the newest, which is enough as
-// long as its packet waits.
+// long as its packet waits, and so does `sendings`: what it has no more is found by the port.
 #include <linux/bpf.h>
 
 #include <bpf/bpf_core_read.h>
@@ -69,6 +69,13 @@ struct {
     __type(key, struct KernelTuple);
     __type(value, struct KernelNote);
 } abandoned SEC(".maps");
+
+struct {
+    __uint(type, BPF_MAP_TYPE_LRU_HASH);
+    __uint(max_entries, 16384);
+    __type(key, struct KernelTuple);
+    __type(value, __u64);
+} sendings SEC(".maps");
 
 // How many sockets of an account are noted.
 struct {
@@ -282,6 +289,12 @@ static __always_inline int isLookedAt(struct task_struct* task) {
     return task && !(task->flags & KERNEL_THREAD);
 }
 
+// The other sockets on the port may send before the packet gets its verdict.
+static __always_inline void noteSending(const struct KernelTuple* tuple, __u64 cookie) {
+    __u64* known = bpf_map_lookup_elem(&sendings, tuple);
+    if (!known || *known != cookie) bpf_map_update_elem(&sendings, tuple, &cookie, BPF_ANY);
+}
+
 static __always_inline int noteConnect(struct bpf_sock_addr* hook, int isIPv6) {
     if (bpf_get_netns_cookie(hook) != ourNetwork) return GOES_ON;
     struct task_struct* task = bpf_get_current_task_btf();
@@ -304,12 +317,15 @@ static __always_inline int noteSend(struct bpf_sock_addr* hook, int isIPv6) {
     if (sender && isUpToDate(sender, cookie, task)) {
         sender->boundDevice = hook->sk ? hook->sk->bound_dev_if : 0;
         setDestination(sender, hook, isIPv6);
+        struct KernelTuple tuple = sender->tuple;
+        noteSending(&tuple, cookie);
         return GOES_ON;
     }
     struct KernelNote note = {};
     fillNote(&note, cookie, port, hook, isIPv6);
     keepNote(&note);
     bpf_map_update_elem(&ports, &port, &note, BPF_ANY);
+    noteSending(&note.tuple, cookie);
     return GOES_ON;
 }
 

@@ -365,14 +365,14 @@ TEST_F(FlowOwnersByNotes, AnOpeningOutlivesItsSocket) {
 }
 
 TEST_F(FlowOwnersByNotes, OfSeveralSocketsOnAPortTheOneThatSentIsNamed) {
-    const auto on = [&](std::uint16_t port) {
-        return std::make_unique<RunningProgram>([&, port](int ready) {
+    const auto on = [&](std::uint16_t port, const char* host) {
+        return std::make_unique<RunningProgram>([&, port, host](int ready) {
             becomePerson();
             const FileDescriptor socket(::socket(AF_INET, SOCK_DGRAM, 0));
             const int yes = 1;
             ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
             const auto own = SocketAddress::fromNumeric("0.0.0.0", port).value();
-            const auto to = SocketAddress::fromNumeric("127.0.0.1", destination.port).value();
+            const auto to = SocketAddress::fromNumeric(host, destination.port).value();
             if (::bind(socket.get(), &own.any, own.length) != 0) ::_exit(1);
             shared->port = portOf(socket);
             sayReady(ready);
@@ -383,13 +383,19 @@ TEST_F(FlowOwnersByNotes, OfSeveralSocketsOnAPortTheOneThatSentIsNamed) {
             }
         });
     };
-    const auto first = on(0);
-    const auto second = on(static_cast<std::uint16_t>(shared->port.load()));
-    for (const auto* sender : {second.get(), first.get(), second.get()}) {
+    const auto first = on(0, "127.0.0.1");
+    const auto second = on(static_cast<std::uint16_t>(shared->port.load()), "127.0.0.1");
+    const auto third = on(static_cast<std::uint16_t>(shared->port.load()), "127.0.0.2");
+    const auto send = [&](const auto& sender) {
         shared->step = sender->pid();
         shared->await(0);
-        EXPECT_EQ(ownerPid(flow(datagram, shared->port)), sender->pid());
+    };
+    for (const auto* sender : {&second, &first, &second}) {
+        send(*sender);
+        EXPECT_EQ(ownerPid(flow(datagram, shared->port)), (*sender)->pid());
     }
+    send(third);
+    EXPECT_EQ(ownerPid(flow(datagram, shared->port)), second->pid()) << "whose packet still waits";
 }
 
 TEST_F(FlowOwnersByNotes, NoAccountPushesOutTheNotesOfAnother) {
