@@ -8,12 +8,23 @@
 
 namespace platform::interception {
 
-ClosedFlows::ClosedFlows(std::unique_ptr<ClosedSockets> closedSockets, DatagramFlows& datagrams,
+Result<std::unique_ptr<ClosedFlows>> ClosedFlows::begin(DatagramFlows& datagrams,
+                                                        Forget forgetFlow) {
+    auto sockets = ClosedSockets::attach();
+    if (!sockets) return sockets.error();
+    auto entries = ConnectionEntries::open();
+    if (!entries) return entries.error();
+    return std::unique_ptr<ClosedFlows>(new ClosedFlows(std::move(*sockets), std::move(*entries),
+                                                        datagrams, std::move(forgetFlow)));
+}
+
+ClosedFlows::ClosedFlows(std::unique_ptr<ClosedSockets> closedSockets,
+                         std::unique_ptr<ConnectionEntries> ofTable, DatagramFlows& datagrams,
                          Forget forgetFlow)
     : sockets(std::move(closedSockets)),
       known(datagrams),
       forget(std::move(forgetFlow)),
-      entries(ConnectionEntries::openOrNull()),
+      entries(std::move(ofTable)),
       stop(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       thread([this] { serve(); }) {}
 
@@ -49,7 +60,6 @@ ClosedFlows::Round ClosedFlows::take() {
 
 void ClosedFlows::end(const Round& round) {
     for (const FlowTuple& flow : round.flows) forget(flow);
-    if (!entries) return;
     entries->remove(round.flows);
     if (round.ports.empty()) return;
     for (const FlowTuple& flow : entries->removeDatagramsFrom(round.ports)) forget(flow);

@@ -21,6 +21,7 @@
 #include "Platform/Linux/Decisions/DatagramFlows.h"
 #include "Platform/Linux/FileDescriptor.h"
 #include "Platform/Linux/Kernel/ClosedSockets.h"
+#include "Platform/Linux/Result.h"
 #include "Platform/Linux/Rules/ConnectionEntries.h"
 
 namespace platform::interception {
@@ -29,8 +30,8 @@ class ClosedFlows {
 public:
     using Forget = std::function<void(const FlowTuple&)>;
 
-    ClosedFlows(std::unique_ptr<ClosedSockets> closedSockets, DatagramFlows& datagrams,
-                Forget forgetFlow);
+    // Fails where the kernel does not tell, or gives no way to its table.
+    static Result<std::unique_ptr<ClosedFlows>> begin(DatagramFlows& datagrams, Forget forgetFlow);
     // Waits for the round that is under way.
     ~ClosedFlows();
     ClosedFlows(const ClosedFlows&) = delete;
@@ -43,6 +44,10 @@ private:
 
         void add(const DatagramFlows::Ended& ended);
     };
+
+    ClosedFlows(std::unique_ptr<ClosedSockets> closedSockets,
+                std::unique_ptr<ConnectionEntries> ofTable, DatagramFlows& datagrams,
+                Forget forgetFlow);
 
     void serve();
     Round take();

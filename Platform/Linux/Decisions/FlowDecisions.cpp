@@ -119,16 +119,14 @@ FlowState stateOf(bool isClaimed, bool isWatched) {
 }  // namespace
 
 FlowDecisions::FlowDecisions(Providers toAsk)
-    : FlowDecisions(std::move(toAsk), ClosedSockets::attach()) {}
-
-FlowDecisions::FlowDecisions(Providers toAsk, Result<std::unique_ptr<ClosedSockets>> closes)
     : providers(std::move(toAsk)),
       aliases(std::make_shared<AddressAliases>()),
       entries(ConnectionEntries::openOrNull()),
       inForce(std::make_shared<const Offers>()) {
+    auto closes =
+        ClosedFlows::begin(datagrams, [this](const FlowTuple& flow) { forgetFlow(flow); });
     if (closes) {
-        closedFlows = std::make_unique<ClosedFlows>(
-            std::move(*closes), datagrams, [this](const FlowTuple& flow) { forgetFlow(flow); });
+        closedFlows = std::move(*closes);
         return;
     }
     heardCloses.set("not told: " + closes.error().text());

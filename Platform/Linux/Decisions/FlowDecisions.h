@@ -20,7 +20,6 @@
 #include "Platform/Linux/Decisions/RecentVerdicts.h"
 #include "Platform/Linux/Decisions/WatchedFlows.h"
 #include "Platform/Linux/Health/Health.h"
-#include "Platform/Linux/Kernel/ClosedSockets.h"
 #include "Platform/Linux/Packets/HeldPacket.h"
 #include "Platform/Linux/Packets/PacketQueue.h"
 #include "Platform/Linux/Rules/ConnectionEntries.h"
@@ -80,8 +79,6 @@ public:
     void awaitEndsOfClaimed(std::chrono::milliseconds longest);
 
 private:
-    FlowDecisions(Providers toAsk, Result<std::unique_ptr<ClosedSockets>> closes);
-
     struct Source;
     // Null where direct connections are relayed.
     std::shared_ptr<steering::Steering> steering() const;

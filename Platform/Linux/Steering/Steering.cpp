@@ -137,7 +137,6 @@ public:
     void forgetDatagrams() {
         ++wayChanges;
         const MutexGuard guard(datagramsLock);
-        if (!datagramEntries) return;
         datagramEntries->removeDatagramsWith([place = marks.place()](std::uint32_t mark) {
             return interception::isClaimed(place.stateOf(mark));
         });
@@ -158,6 +157,7 @@ private:
         std::unique_ptr<SteeringPrograms> programs;
         std::unique_ptr<SteeringRoutes> routes;
         std::unique_ptr<ConnectionEntries> entries;
+        std::unique_ptr<ConnectionEntries> datagramEntries;
         netlink::Socket ruleEvents;
     };
 
@@ -197,8 +197,7 @@ private:
 
     // A walk through the kernel's table takes its time, and no verdict waits for it.
     Mutex datagramsLock;
-    const std::unique_ptr<ConnectionEntries> datagramEntries PT_GUARDED_BY(datagramsLock) =
-        ConnectionEntries::openOrNull();
+    const std::unique_ptr<ConnectionEntries> datagramEntries PT_GUARDED_BY(datagramsLock);
 
     Mutex lock;
     std::unordered_map<std::uint64_t, Claim> claims GUARDED_BY(lock);
@@ -279,12 +278,15 @@ Result<std::shared_ptr<Steering::Work>> Steering::Work::begin(MarkPlace place) {
     if (!routes) return routes.error();
     auto entries = ConnectionEntries::open();
     if (!entries) return entries.error();
+    auto datagramEntries = ConnectionEntries::open();
+    if (!datagramEntries) return datagramEntries.error();
     auto events = openRuleEvents();
     if (!events) return events.error();
     // Before the marks and rules are ours.
     endEarlierConnections((*routes)->marksInRules(), **entries);
-    const std::shared_ptr<Work> work(new Work(marks, {std::move(*programs), std::move(*routes),
-                                                      std::move(*entries), std::move(*events)}));
+    const std::shared_ptr<Work> work(
+        new Work(marks, {std::move(*programs), std::move(*routes), std::move(*entries),
+                         std::move(*datagramEntries), std::move(*events)}));
     work->followNetwork();
     if (!work->rulesProblem.isProblem()) return work;
     work->takeAway();
@@ -298,7 +300,8 @@ Steering::Work::Work(SteeringMarks steeringMarks, Parts parts)
       ruleEvents(std::move(parts.ruleEvents)),
       following(NetworkMonitor::shared().observe(
           [wake = wakeUp](const auto&) { eventfd_write(wake->get(), 1); })),
-      entries(std::move(parts.entries)) {}
+      entries(std::move(parts.entries)),
+      datagramEntries(std::move(parts.datagramEntries)) {}
 
 // Until something happens or is due. Events of sockets wait while it rests.
 void Steering::Work::wait() {
