@@ -213,7 +213,7 @@ TEST_P(ClaimedTcp, UnderWatchItsBytesAreShownAndItCanBeKilled) {
     EXPECT_EQ(timesOffered(), 1u);
     filter->onData = OnData::drop;
     EXPECT_EQ(client.exchange(), ECONNABORTED);
-    EXPECT_EQ(proxy->openingErrors, 0);
+    EXPECT_EQ(*proxy->openingErrors, 0);
     EXPECT_EQ(lab.bytesAtServer(), 0u);
 }
 
@@ -247,13 +247,13 @@ TEST_P(ClaimedTcp, ItsOpeningFailsWhenItComesTooLateOrTheFilterDropsIt) {
     proxy->isClaiming = true;
     flush();
     EXPECT_EQ(client.exchange(), ECONNABORTED);
-    EXPECT_TRUE(eventually([&] { return proxy->openingErrors == 1; }));
+    EXPECT_TRUE(eventually([&] { return *proxy->openingErrors == 1; }));
     EXPECT_EQ(connected().exchange(), 0);
     EXPECT_EQ(lab.bytesAtServer(), 5u);
 
     filter->onNewFlow = NewFlow::drop;
     EXPECT_EQ(makeSocket().connectTo(address(), port), ECONNABORTED);
-    EXPECT_TRUE(eventually([&] { return proxy->openingErrors == 2; }));
+    EXPECT_TRUE(eventually([&] { return *proxy->openingErrors == 2; }));
 
     // A firewall keeps it from the listener, and its application tries again from the same port.
     filter->onNewFlow = NewFlow::allow;
@@ -268,7 +268,7 @@ TEST_P(ClaimedTcp, ItsOpeningFailsWhenItComesTooLateOrTheFilterDropsIt) {
         ASSERT_EQ(client.bindTo(40124, GetParam().family), 0);
         EXPECT_EQ(client.connectTo(address(), port), EINPROGRESS);
     }
-    EXPECT_TRUE(eventually([&] { return proxy->openingErrors == 3; }));
+    EXPECT_TRUE(eventually([&] { return *proxy->openingErrors == 3; }));
 }
 
 TEST_F(InterceptionTest, FilterGoesOnWithoutTheProxyAndTheProxyWithoutTheFilter) {

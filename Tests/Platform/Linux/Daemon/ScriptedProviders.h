@@ -81,7 +81,8 @@ public:
     explicit ScriptedProxy(CallList& list) : calls(list) {}
 
     std::atomic<bool> isClaiming{false};
-    std::atomic<int> openingErrors{0};
+    // An opening that is still pending may fail when this has gone.
+    const std::shared_ptr<std::atomic<int>> openingErrors = std::make_shared<std::atomic<int>>(0);
 
     void startProxy(std::optional<JSONObject>, ErrorCompletion) override {}
     void stopProxy(NEProviderStopReason, Completion<>) override {}
@@ -111,9 +112,10 @@ public:
             const std::lock_guard guard(lock);
             last = flow;
         }
-        flow->openWithLocalEndpoint(nullptr, [this, flow](const std::optional<NSError>& error) {
-            error ? void(++openingErrors) : echo(flow);
-        });
+        flow->openWithLocalEndpoint(
+            nullptr, [errors = openingErrors, flow](const std::optional<NSError>& error) {
+                error ? void(++*errors) : echo(flow);
+            });
     }
 
 private:
