@@ -8,7 +8,7 @@ import socket
 import subprocess
 import threading
 
-from vantrylab import network
+from vantrylab import applications, network, world
 from vantrylab.host import Rules
 
 RULES = Rules(rules={"com.example.courier": "direct", "com.example.ledger": "vpn",
@@ -24,6 +24,7 @@ def run(stage) -> None:
     _words_that_only_look_like_rules(stage)
     _datagrams_stay_on_the_systems_route(stage)
     _bound_to_an_interface(stage)
+    _further_ways_of_a_connection(stage)
     _loopback_is_not_offered(stage)
     _accounts_of_the_system(stage)
     _direct_by_default(stage)
@@ -117,6 +118,50 @@ def _bound_to_an_interface(stage) -> None:
                              capture_output=True, text=True).stdout
     stage.checks.check("and none of them goes into the tunnel", "packets 0 " in counter, counter)
     subprocess.run(["nft", "delete", "table", "inet", "watching"], check=True)
+
+
+MULTIPATH = """
+import socket, sys, time
+one = socket.socket(socket.AF_INET, socket.SOCK_STREAM, 262)
+if sys.argv[1] == "serve":
+    one.bind(("", 5001))
+    one.listen()
+    print("listens", flush=True)
+    one, _ = one.accept()
+    count = 0
+    while piece := one.recv(65536):
+        count += len(piece)
+    print(count, flush=True)
+else:
+    one.connect((sys.argv[2], 5001))
+    for _ in range(20):
+        one.sendall(bytes(50000))
+        time.sleep(0.05)
+"""
+
+
+def _further_ways_of_a_connection(stage) -> None:
+    """Multipath TCP, which the kernel is told to spread over the physical interface too, stays where it began."""
+    weaver, address = applications.make_interpreter("weaver"), stage.ipv4()
+    stage.apply(RULES.but(rules={"weaver": "vpn"}))
+    subprocess.run(["ip", "mptcp", "limits", "set", "subflow", "2"], check=True)
+    subprocess.run(["ip", "mptcp", "endpoint", "add", network.CLIENT_IPV4, "dev", network.PHYSICAL, "subflow"], check=True)
+    server = subprocess.Popen(network.in_server([weaver, "-c", MULTIPATH, "serve"]), stdout=subprocess.PIPE, text=True)
+    server.stdout.readline()
+    subprocess.run([weaver, "-c", MULTIPATH, "connect", address], check=True, timeout=60,
+                   user=world.PERSON if world.is_root_world() else None)
+    stage.checks.equal("Multipath TCP: all bytes arrive", server.communicate(timeout=60)[0].strip(), "1000000")
+    stage.checks.equal("and all of them through the VPN: connections, further ways of them",
+                       [_of_multipath(name) for name in ("MPCapableACKRX", "MPJoinSynRx")], [1, 0])
+    subprocess.run(["ip", "mptcp", "endpoint", "flush"], check=True)
+    stage.apply(RULES)
+
+
+def _of_multipath(counter: str) -> int:
+    """The kernel's, in the server's network."""
+    shown = subprocess.run(network.in_server(["cat", "/proc/net/netstat"]), capture_output=True, text=True, check=True).stdout
+    names, values = (line.split()[1:] for line in shown.splitlines() if line.startswith("MPTcpExt:"))
+    return int(values[names.index(counter)])
 
 
 def _loopback_is_not_offered(stage) -> None:

@@ -88,6 +88,11 @@ PacketRule& PacketRule::ofProtocol(std::uint8_t protocol) {
 PacketRule& PacketRule::withTcpFlags(std::uint8_t mask, std::uint8_t flags) {
     constexpr std::uint32_t offsetOfFlags = 13;
     loadPayload(NFT_PAYLOAD_TRANSPORT_HEADER, offsetOfFlags, 1);
+    compareBits(mask, flags);
+    return *this;
+}
+
+void PacketRule::compareBits(std::uint8_t mask, std::uint8_t bits) {
     const std::uint8_t none = 0;
     nftnl_expr* const expression = add("bitwise");
     nftnl_expr_set_u32(expression, NFTNL_EXPR_BITWISE_SREG, workRegister);
@@ -95,7 +100,18 @@ PacketRule& PacketRule::withTcpFlags(std::uint8_t mask, std::uint8_t flags) {
     nftnl_expr_set_u32(expression, NFTNL_EXPR_BITWISE_LEN, 1);
     nftnl_expr_set(expression, NFTNL_EXPR_BITWISE_MASK, &mask, 1);
     nftnl_expr_set(expression, NFTNL_EXPR_BITWISE_XOR, &none, 1);
-    compare(NFT_CMP_EQ, &flags, 1);
+    compare(NFT_CMP_EQ, &bits, 1);
+}
+
+// RFC 8684, section 3: the option's kind is 30; its third byte begins with the subtype, MP_JOIN is 1.
+PacketRule& PacketRule::joiningMultipathConnection() {
+    nftnl_expr* const expression = add("exthdr");
+    nftnl_expr_set_u32(expression, NFTNL_EXPR_EXTHDR_OP, NFT_EXTHDR_OP_TCPOPT);
+    nftnl_expr_set_u8(expression, NFTNL_EXPR_EXTHDR_TYPE, 30);
+    nftnl_expr_set_u32(expression, NFTNL_EXPR_EXTHDR_OFFSET, 2);
+    nftnl_expr_set_u32(expression, NFTNL_EXPR_EXTHDR_LEN, 1);
+    nftnl_expr_set_u32(expression, NFTNL_EXPR_EXTHDR_DREG, workRegister);
+    compareBits(0xf0, 0x10);
     return *this;
 }
 
@@ -186,6 +202,11 @@ PacketRule& PacketRule::count() {
 
 PacketRule& PacketRule::accept() {
     verdict(NF_ACCEPT, nullptr);
+    return *this;
+}
+
+PacketRule& PacketRule::drop() {
+    verdict(NF_DROP, nullptr);
     return *this;
 }
 

@@ -31,6 +31,8 @@ public:
     PacketRule& ofProtocol(std::uint8_t protocol);
     // Of the TCP flags in `mask`, exactly those in `flags` are set.
     PacketRule& withTcpFlags(std::uint8_t mask, std::uint8_t flags);
+    // Asks to become a further way of a Multipath TCP connection.
+    PacketRule& joiningMultipathConnection();
     PacketRule& withPayload();
     // Sent through a socket that a process holds; packets of the kernel's own are not.
     PacketRule& sentByProcess();
@@ -50,6 +52,7 @@ public:
 
     // Last words.
     PacketRule& accept();
+    PacketRule& drop();
     // The rest of the chain comes after the other one.
     PacketRule& jumpTo(const char* chain);
     // The other chain takes the place of the rest.
@@ -75,6 +78,8 @@ private:
               std::uint32_t key);
     void loadPayload(std::uint32_t base, std::uint32_t offset, std::uint32_t length);
     void mask32(std::uint32_t keep, std::uint32_t flip);
+    // Of the byte loaded, those in `mask` are `bits`.
+    void compareBits(std::uint8_t mask, std::uint8_t bits);
     void compare(std::uint32_t operation, const void* data, std::uint32_t length);
     void verdict(std::uint32_t verdict, const char* chain);
 
