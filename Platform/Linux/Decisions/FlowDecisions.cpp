@@ -11,6 +11,7 @@
 #include "Platform/Linux/DirectSessions.h"
 #include "Platform/Linux/PlatformLog.h"
 #include "Platform/Linux/RefusedFlows.h"
+#include "Platform/Linux/Relay/RelayPairing.h"
 #include "Platform/Linux/Relay/SocketFlow.h"
 #include "Platform/Linux/SystemError.h"
 
@@ -451,9 +452,13 @@ std::unique_ptr<FlowDecisions::Claim> FlowDecisions::offerToRelay(const HeldPack
     // Filled when the flow turns out to be claimed; goes with the application's side.
     auto aliasHolder = std::make_shared<std::shared_ptr<void>>();
     implementation->setEndHandler([aliasHolder, open = claims.countAsOpen()] {});
-    const bool isClaimed = providers.proxy->handleNewFlow(
-        std::make_shared<NEAppProxyTCPFlow>(source.metaData, source.remote, implementation));
-    if (!isClaimed) return nullptr;
+    const auto flow =
+        std::make_shared<NEAppProxyTCPFlow>(source.metaData, source.remote, implementation);
+    {
+        const RelayPairing pairing(*implementation, steering::destinationText(packet.flow),
+                                   packet.flow.destinationPort);
+        if (!providers.proxy->handleNewFlow(flow)) return nullptr;
+    }
     if (!claims.canClaim(packet.flow.family)) {
         implementation->failOpening(systemError(ENOBUFS));
         return nullptr;

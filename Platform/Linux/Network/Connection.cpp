@@ -102,13 +102,15 @@ private:
     SocketConnection* first = nullptr;
 };
 
-SocketConnection::SocketConnection(const NWEndpoint::Host& remoteHost, NWEndpoint::Port remotePort,
-                                   const NWParameters& parameters)
-    : host(remoteHost.text()),
-      port(remotePort.rawValue()),
+SocketConnection::SocketConnection(std::string remoteHost, std::uint16_t remotePort,
+                                   const NWParameters& parameters,
+                                   std::shared_ptr<RelayFailure> failureOfThis)
+    : host(std::move(remoteHost)),
+      port(remotePort),
       interfaceName(parameters.requiredInterface
                         ? std::optional(parameters.requiredInterface->name())
-                        : std::nullopt) {}
+                        : std::nullopt),
+      failure(std::move(failureOfThis)) {}
 
 SocketConnection::~SocketConnection() = default;
 
@@ -167,11 +169,12 @@ void SocketConnection::cancel() {
     perform([this] {
         if (state == Kind::cancelled) return;
         const bool wasStarted = state != Kind::setup;
+        if (state != Kind::ready) failure->note();
         OfOneLoop::current().remove(*this);
         giveUpAttempts();
         failOperations(ECANCELED);
         if (const auto ended = std::exchange(socket, nullptr))
-            isHeldBack ? ended->reset() : ended->finish(StreamSocket::Farewell::untilDelivered);
+            isHeldBack ? ended->reset() : ended->finish(farewell());
         if (!wasStarted) replaceHandler(nullptr);
         enter(Kind::cancelled);
     });
@@ -356,6 +359,7 @@ bool SocketConnection::hasChangedFor(const NetworkState& network) const {
 }
 
 void SocketConnection::fail(NSError error) {
+    failure->note();
     OfOneLoop::current().remove(*this);
     failOperations(static_cast<int>(error.code));
     enter(Kind::failed, std::move(error));
@@ -389,29 +393,36 @@ void SocketConnection::readDone(Data data, bool isEnd, int error) {
     receiving.reset();
     std::optional<Data> bytes;
     if (!data.isEmpty()) bytes = std::move(data);
-    std::optional<NSError> failure;
-    if (error != 0) failure = systemError(error);
     now(std::move(completion), std::move(bytes), NWConnection::ContentContext::defaultMessage,
-        isEnd, std::move(failure));
+        isEnd, noted(error));
 }
 
 void SocketConnection::writeDone(int error) {
     const auto self = shared_from_this();
-    std::optional<NSError> failure;
-    if (error != 0) failure = systemError(error);
-    now(std::exchange(sendCompletion, {}), std::move(failure));
+    now(std::exchange(sendCompletion, {}), noted(error));
+}
+
+StreamSocket::Farewell SocketConnection::farewell() const {
+    using Farewell = StreamSocket::Farewell;
+    return failure->isNoted() ? Farewell::untilReset : Farewell::untilDelivered;
+}
+
+std::optional<NSError> SocketConnection::noted(int error) {
+    if (error == 0) return std::nullopt;
+    failure->note();
+    return systemError(error);
 }
 
 void SocketConnection::failOperations(int error) {
     sending = Data();
     if (!sendCompletion && !receiving) return;
-    const std::optional<NSError> failure = systemError(error);
-    if (sendCompletion) later(std::exchange(sendCompletion, {}), failure);
+    const std::optional<NSError> reason = systemError(error);
+    if (sendCompletion) later(std::exchange(sendCompletion, {}), reason);
     if (!receiving) return;
     auto completion = std::move(receiving->completion);
     receiving.reset();
     later(std::move(completion), std::optional<Data>(),
-          NWConnection::ContentContext::defaultMessage, false, failure);
+          NWConnection::ContentContext::defaultMessage, false, reason);
 }
 
 void SocketConnection::enter(Kind kind, std::optional<NSError> error) {
@@ -436,7 +447,7 @@ std::shared_ptr<NWConnection::Implementation> implementationOf(const NWEndpoint:
                                                                NWEndpoint::Port port,
                                                                const NWParameters& parameters) {
     auto made = OfferInProgress::connectionTo(host.text(), port.rawValue(), parameters);
-    if (!made) made = std::make_shared<SocketConnection>(host, port, parameters);
+    if (!made) made = std::make_shared<SocketConnection>(host.text(), port.rawValue(), parameters);
     return recording::followed(std::move(made), host.text(), port.rawValue(), parameters);
 }
 

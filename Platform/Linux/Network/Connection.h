@@ -15,6 +15,7 @@
 #include "Platform/Linux/Dispatch/EventLoop.h"
 #include "Platform/Linux/Network/NetworkState.h"
 #include "Platform/Linux/Network/SocketAddress.h"
+#include "Platform/Linux/Relay/RelayPairing.h"
 #include "Platform/Linux/Relay/StreamSocket.h"
 #include "Platform/Linux/Result.h"
 
@@ -27,8 +28,10 @@ public:
     using SendCompletion = NWConnection::SendCompletion;
     using ReceiveCompletion = NWConnection::ReceiveCompletion;
 
-    SocketConnection(const NWEndpoint::Host& remoteHost, NWEndpoint::Port remotePort,
-                     const NWParameters& parameters);
+    // `failure` is shared with the flow that the connection carries.
+    SocketConnection(std::string remoteHost, std::uint16_t remotePort,
+                     const NWParameters& parameters,
+                     std::shared_ptr<RelayFailure> failure = std::make_shared<RelayFailure>());
     ~SocketConnection() override;
 
     // The connection's operations. Any thread.
@@ -88,6 +91,9 @@ private:
     void beginReceiving();
     void readDone(Data data, bool isEnd, int error) override;
     void writeDone(int error) override;
+    StreamSocket::Farewell farewell() const;
+    // The error of an operation, none for 0; noted for the other end of a relay.
+    std::optional<NSError> noted(int error);
     void failOperations(int error);
 
     std::shared_ptr<const StateHandler> currentHandler();
@@ -98,6 +104,7 @@ private:
     const std::string host;
     const std::uint16_t port;
     const std::optional<std::string> interfaceName;
+    const std::shared_ptr<RelayFailure> failure;
     std::atomic<EventLoop*> loop{nullptr};
     // Set before `start` on any thread, which a cancel on the loop may overlap. Held by itself, as it
     // may be let go while it runs.

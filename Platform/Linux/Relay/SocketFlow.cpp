@@ -8,16 +8,6 @@
 
 namespace platform {
 
-namespace {
-
-std::optional<NSError> errorOrNone(int error) {
-    std::optional<NSError> failure;
-    if (error != 0) failure = systemError(error);
-    return failure;
-}
-
-}  // namespace
-
 SocketFlow::SocketFlow() = default;
 SocketFlow::~SocketFlow() = default;
 
@@ -156,8 +146,15 @@ void SocketFlow::resetSocket() {
 }
 
 void SocketFlow::finishSocket() {
+    using Farewell = StreamSocket::Farewell;
     if (const auto ended = std::exchange(socket, nullptr))
-        ended->finish(StreamSocket::Farewell::untilPeerEnds);
+        ended->finish(failure_->isNoted() ? Farewell::untilReset : Farewell::untilPeerEnds);
+}
+
+std::optional<NSError> SocketFlow::noted(int error) {
+    if (error == 0) return std::nullopt;
+    failure_->note();
+    return systemError(error);
 }
 
 void SocketFlow::readDone(Data data, bool, int error) {
@@ -166,13 +163,13 @@ void SocketFlow::readDone(Data data, bool, int error) {
     // An end that came along with bytes is what the next read finds.
     std::optional<Data> bytes;
     if (!data.isEmpty()) bytes = std::move(data);
-    completion(std::move(bytes), errorOrNone(error));
+    completion(std::move(bytes), noted(error));
 }
 
 void SocketFlow::writeDone(int error) {
     const auto self = shared_from_this();
     auto completion = std::exchange(writing, {});
-    completion(errorOrNone(error));
+    completion(noted(error));
 }
 
 NEAppProxyTCPFlow::NEAppProxyTCPFlow(NEFlowMetaData flowMetaData, RemoteEndpoint endpoint,

@@ -18,6 +18,7 @@
 #include "Platform/Linux/CarriedEnds.h"
 #include "Platform/Linux/Dispatch/EventLoop.h"
 #include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/Relay/RelayPairing.h"
 #include "Platform/Linux/Relay/StreamSocket.h"
 
 namespace platform {
@@ -45,6 +46,9 @@ public:
     // Runs once, on any thread, when the application's side is over: its socket is closed for good,
     // or the opening failed. Set before the flow is offered.
     void setEndHandler(Completion<> handler);
+    // For the connection that carries the flow on. Once either end has noted a failure, a plain close shows
+    // as a reset, after the bytes that were written.
+    const std::shared_ptr<RelayFailure>& failure() const { return failure_; }
 
     // The extension's operations; their contracts are those of the flow.
     void open(ErrorCompletion completion) override;
@@ -75,11 +79,14 @@ private:
 
     void endReading(const std::optional<NSError>& error);
     void endWriting(const std::optional<NSError>& error);
+    // The error of an operation, none for 0; noted for the other end.
+    std::optional<NSError> noted(int error);
     void cancelReading();
     void cancelWriting();
     void resetSocket();
     void finishSocket();
 
+    const std::shared_ptr<RelayFailure> failure_ = std::make_shared<RelayFailure>();
     Mutex arriving;
     std::vector<Completion<>> beforeArrival GUARDED_BY(arriving);
     std::atomic<EventLoop*> loop{nullptr};  // set once, under `arriving`

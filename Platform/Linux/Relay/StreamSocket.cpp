@@ -22,6 +22,11 @@ constexpr double secondsOfHolding = 0.01;
 // How often a loop looks after the sockets that are finishing.
 constexpr double secondsBetweenChecks = 0.05;
 
+void resetOnClose(int descriptor) {
+    const linger abortively{1, 0};
+    ::setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &abortively, sizeof abortively);
+}
+
 }  // namespace
 
 // The sockets of a loop that are finishing, looked after together: nearly all end within moments,
@@ -190,7 +195,8 @@ void StreamSocket::finish(Farewell farewell) {
     if (phase == Phase::closed || phase == Phase::finishing) return;
     owner = nullptr;
     input.giveUp();
-    if (phase == Phase::connecting || socket.failure() != 0) return close();
+    if (phase == Phase::connecting || socket.failure() != 0)
+        return farewell == Farewell::untilReset ? reset() : close();
     phase = Phase::finishing;
     finishing = std::make_unique<Finishing>();
     finishing->self = shared_from_this();
@@ -204,8 +210,7 @@ void StreamSocket::reset() {
     owner = nullptr;
     input.giveUp();
     if (phase == Phase::closed) return;
-    const linger abortively{1, 0};
-    ::setsockopt(socket.descriptor(), SOL_SOCKET, SO_LINGER, &abortively, sizeof abortively);
+    resetOnClose(socket.descriptor());
     close();
 }
 
@@ -213,7 +218,7 @@ void StreamSocket::continueFinishing() {
     const bool isAllHandedOver = hasDeliveredWriting();
     if (!input.discard()) loop.askForTurn(finishing->self);
     if (socket.failure() != 0 || (isAllHandedOver && mayCloseNow())) return close();
-    if (isAllHandedOver) output.shutDown();
+    if (isAllHandedOver && finishing->farewell != Farewell::untilReset) output.shutDown();
     if (!std::exchange(finishing->isLookedAfter, true)) FinishingOfThread::current().add(*this);
 }
 
@@ -225,9 +230,15 @@ bool StreamSocket::hasDeliveredWriting() {
 bool StreamSocket::mayCloseNow() const {
     // A peer that sends nothing more cannot turn a plain close into a reset, and the system brings
     // the rest to it.
-    if (input.hasEnded()) return true;
-    return finishing->farewell == Farewell::untilDelivered && !socket.mayRead() &&
-           undeliveredBytes() == 0;
+    switch (finishing->farewell) {
+        case Farewell::untilReset:
+            return undeliveredBytes() == 0;
+        case Farewell::untilPeerEnds:
+            return input.hasEnded();
+        case Farewell::untilDelivered:
+            break;
+    }
+    return input.hasEnded() || (!socket.mayRead() && undeliveredBytes() == 0);
 }
 
 std::size_t StreamSocket::undeliveredBytes() const {
@@ -245,7 +256,7 @@ void StreamSocket::checkFinishing(TimerHeap::Clock::time_point now) {
     state.sinceProgress = isProgress ? 0 : state.sinceProgress + state.interval;
     const bool isDelivered = undelivered == 0;
     const double patience = isDelivered ? secondsForPeerToEnd : secondsWithoutProgress;
-    const bool isOver = isDelivered && state.farewell == Farewell::untilDelivered;
+    const bool isOver = isDelivered && state.farewell != Farewell::untilPeerEnds;
     if (isOver || state.sinceProgress >= patience || state.total >= secondsAltogether)
         return close();
     state.interval = std::min(1.0, state.interval * 2);
@@ -255,6 +266,7 @@ void StreamSocket::checkFinishing(TimerHeap::Clock::time_point now) {
 void StreamSocket::close() {
     if (phase == Phase::closed) return;
     phase = Phase::closed;
+    if (finishing && finishing->farewell == Farewell::untilReset) resetOnClose(socket.descriptor());
     input.clear();
     output.clear();
     socket.close();

@@ -42,6 +42,7 @@ public:
     enum class Farewell {
         untilDelivered,  // nothing: it is over when the peer's system has all bytes
         untilPeerEnds,   // a short while for the peer to end too, so that it reads an end, no reset
+        untilReset,      // nothing: when the peer's system has all bytes it is reset
     };
 
     // `owner` has to outlive the socket or end it.
@@ -67,7 +68,7 @@ public:
 
     // Both end the use of the socket: no answer follows. `finish` still brings the bytes of a write
     // under way and those that the system holds to the peer, throws away what the peer sends, and
-    // then closes; a peer that takes nothing for long is given up. `reset` throws everything away,
+    // then closes or resets; a peer that takes nothing for long is given up. `reset` throws everything away,
     // and the peer sees a reset.
     void finish(Farewell farewell);
     void reset();

@@ -73,8 +73,10 @@ private:
                                                               NWHostEndpoint{server, port}, side);
         NWParameters parameters = NWParameters::tcp();
         parameters.requiredInterface = requiredInterface;
-        const auto connection = std::make_shared<NWConnection>(
-            NWEndpoint::Host(server), *NWEndpoint::Port::fromString(port), parameters);
+        const auto remotePort = *NWEndpoint::Port::fromString(port);
+        const RelayPairing pairing(*side, server, remotePort.rawValue());
+        const auto connection =
+            std::make_shared<NWConnection>(NWEndpoint::Host(server), remotePort, parameters);
         std::unique_lock guard(mutex);
         const auto session =
             std::make_shared<vantry::ProxySession>(flow, connection, "org.example.application",

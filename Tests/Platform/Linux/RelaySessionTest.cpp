@@ -82,6 +82,25 @@ TEST_F(RelaySession, ThousandsStartAndEndAtOnce) {
     ::shutdown(listener.get(), SHUT_RDWR);
 }
 
+// An end would say that all bytes have come.
+TEST_F(RelaySession, AFailureOfOneSideShowsAsAResetToTheOtherAfterWhatHadCome) {
+    int error = 0;
+    for (const bool isOfServer : {false, true}) {
+        auto [application, server] = Ends(relay, listener);
+        auto& failing = isOfServer ? server : application;
+        const auto& other = isOfServer ? application : server;
+        sendAll(failing, "part of it");
+        EXPECT_EQ(receive(other, 5), "part ");
+        makeClosingAbortive(failing);
+        failing = FileDescriptor();
+        EXPECT_EQ(receiveToEnd(other, &error), "of it");
+        EXPECT_EQ(std::exchange(error, 0), ECONNRESET);
+    }
+    listener = FileDescriptor();
+    EXPECT_EQ(receiveToEnd(relay.connect(), &error), "");
+    EXPECT_EQ(error, ECONNRESET);
+}
+
 // Descriptors that are used up make connections wait, and end sessions, but not the process; when
 // there are some again, it goes on.
 TEST_F(RelaySession, GoesOnWhenDescriptorsWereUsedUp) {
@@ -119,7 +138,9 @@ TEST(RelaySessionInWorld, EndsWhenItsInterfaceVanishes) {
                      NWInterface("eth0", NWInterface::InterfaceType::wiredEthernet));
     const auto [application, server] = Ends(relay, listener);
     runCommand("ip link del eth0");
-    EXPECT_EQ(receiveToEnd(application), "");
+    int error = 0;
+    EXPECT_EQ(receiveToEnd(application, &error), "");
+    EXPECT_EQ(error, ECONNRESET);
 }
 
 }  // namespace
