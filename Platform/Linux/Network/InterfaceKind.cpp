@@ -22,6 +22,10 @@ bool isOneOf(std::span<const std::string_view> names, std::string_view name) {
     return std::ranges::find(names, name) != names.end();
 }
 
+bool isModemLink(std::string_view linkKind, bool isCellular) {
+    return isCellular || linkKind == "wwan" || linkKind == "rmnet";
+}
+
 bool hasTunnelName(const std::string& name) {
     return name.starts_with("utun") || name.starts_with("ipsec");
 }
@@ -35,7 +39,8 @@ std::string freeName(std::string_view prefix, const std::set<std::string>& taken
 
 }  // namespace
 
-bool isTunnelLink(unsigned hardwareType, std::string_view linkKind) {
+bool isTunnelLink(unsigned hardwareType, std::string_view linkKind, bool isCellular) {
+    if (isModemLink(linkKind, isCellular)) return false;
     switch (hardwareType) {
         case ARPHRD_PPP:
         case ARPHRD_TUNNEL:
@@ -52,8 +57,8 @@ bool isTunnelLink(unsigned hardwareType, std::string_view linkKind) {
 Type interfaceType(unsigned hardwareType, std::string_view linkKind, bool isWireless,
                    bool isCellular) {
     if (hardwareType == ARPHRD_LOOPBACK) return Type::loopback;
-    if (isCellular || linkKind == "wwan" || linkKind == "rmnet") return Type::cellular;
-    if (isTunnelLink(hardwareType, linkKind)) return Type::other;
+    if (isModemLink(linkKind, isCellular)) return Type::cellular;
+    if (isTunnelLink(hardwareType, linkKind, isCellular)) return Type::other;
     if (hardwareType != ARPHRD_ETHER) return Type::other;
     return isWireless ? Type::wifi : Type::wiredEthernet;
 }

@@ -13,8 +13,8 @@ namespace platform {
 // is a modem's.
 NWInterface::InterfaceType interfaceType(unsigned hardwareType, std::string_view linkKind,
                                          bool isWireless, bool isCellular);
-// True for what carries packets inside other packets.
-bool isTunnelLink(unsigned hardwareType, std::string_view linkKind);
+// True for what carries packets inside other packets. A modem's link may look like one, and is none.
+bool isTunnelLink(unsigned hardwareType, std::string_view linkKind, bool isCellular);
 
 // Gives every tunnel the name under which it is shown; a name that has the form already stays, and
 // no two are the same.

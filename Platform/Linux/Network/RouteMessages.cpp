@@ -64,11 +64,16 @@ std::optional<NetworkInterface> readLink(const netlink::Message& message) {
     if (const auto info = attributes.find(IFLA_LINKINFO))
         if (const auto kind = info->nested().find(IFLA_INFO_KIND))
             interface.linkKind = kind->text();
-    const bool isHardware = header->ifi_type == ARPHRD_ETHER && interface.linkKind.empty();
-    interface.isTunnel = isTunnelLink(header->ifi_type, interface.linkKind);
-    interface.type =
-        interfaceType(header->ifi_type, interface.linkKind, isHardware && hasRadio(interface),
-                      isHardware && hasModem(interface));
+    const bool isHardware = interface.linkKind.empty();
+    const bool isEthernet = isHardware && header->ifi_type == ARPHRD_ETHER;
+    // Many modems carry packets without an Ethernet header.
+    const bool mayBeModem =
+        isEthernet ||
+        (isHardware && (header->ifi_type == ARPHRD_NONE || header->ifi_type == ARPHRD_RAWIP));
+    const bool isCellular = mayBeModem && hasModem(interface);
+    interface.isTunnel = isTunnelLink(header->ifi_type, interface.linkKind, isCellular);
+    interface.type = interfaceType(header->ifi_type, interface.linkKind,
+                                   isEthernet && hasRadio(interface), isCellular);
     return interface;
 }
 

@@ -30,7 +30,7 @@ using Type = NWInterface::InterfaceType;
 TEST(NetworkInterfaceKind, FollowsTheLinksHardwareAndDriver) {
     for (const char* card : {"", "veth", "bridge", "bond", "vlan"}) {
         EXPECT_EQ(interfaceType(ARPHRD_ETHER, card, false, false), Type::wiredEthernet) << card;
-        EXPECT_FALSE(isTunnelLink(ARPHRD_ETHER, card)) << card;
+        EXPECT_FALSE(isTunnelLink(ARPHRD_ETHER, card, false)) << card;
     }
     const std::pair<unsigned, const char*> tunnels[] = {{ARPHRD_ETHER, "tun"},
                                                         {ARPHRD_NONE, "tun"},
@@ -39,11 +39,17 @@ TEST(NetworkInterfaceKind, FollowsTheLinksHardwareAndDriver) {
                                                         {ARPHRD_NONE, "xfrm"}};
     for (const auto& [hardware, tunnel] : tunnels) {
         EXPECT_EQ(interfaceType(hardware, tunnel, false, false), Type::other) << tunnel;
-        EXPECT_TRUE(isTunnelLink(hardware, tunnel)) << tunnel;
+        EXPECT_TRUE(isTunnelLink(hardware, tunnel, false)) << tunnel;
+    }
+    // Of a modem the driver tells, or else the device.
+    for (const unsigned hardware : {ARPHRD_ETHER, ARPHRD_RAWIP, ARPHRD_NONE}) {
+        for (const char* modem : {"", "wwan"}) {
+            const bool isSaidByDevice = *modem == '\0';
+            EXPECT_EQ(interfaceType(hardware, modem, false, isSaidByDevice), Type::cellular);
+            EXPECT_FALSE(isTunnelLink(hardware, modem, isSaidByDevice)) << hardware << modem;
+        }
     }
     EXPECT_EQ(interfaceType(ARPHRD_ETHER, "", true, false), Type::wifi);
-    EXPECT_EQ(interfaceType(ARPHRD_ETHER, "", false, true), Type::cellular);
-    EXPECT_EQ(interfaceType(ARPHRD_RAWIP, "wwan", false, false), Type::cellular);
     EXPECT_EQ(interfaceType(ARPHRD_LOOPBACK, "", false, false), Type::loopback);
 }
 
