@@ -108,11 +108,13 @@ void FlowKillCoordinator::updateVpnState(bool isConnected, std::string_view fall
 void FlowKillCoordinator::keepFlowsInTunnel() {
     const NSLockGuard inOrder(tunnelGuardLock);
     bool isWanted = false;
+    bool isConnected = false;
     {
         const NSLockGuard hold(lock);
         isWanted = vpnFallback == "block";
+        isConnected = isVpnConnected;
     }
-    platform::keepWatchedFlowsInTunnel(isWanted);
+    platform::keepWatchedFlowsInTunnel(isWanted, isConnected);
 }
 
 std::string_view FlowKillCoordinator::resolveChildMapping(std::string_view bundleId) const {

@@ -126,7 +126,7 @@ int getnameinfo(const sockaddr*, socklen_t, char*, socklen_t, char*, socklen_t, 
     return EAI_NONAME;
 }
 
-void keepWatchedFlowsInTunnel(bool) {}
+void keepWatchedFlowsInTunnel(bool, bool) {}
 
 // Queues.
 

@@ -303,7 +303,7 @@ void NWPathMonitor::cancel() {
     implementation->cancel();
 }
 
-void keepWatchedFlowsInTunnel(bool isWanted) {
+void keepWatchedFlowsInTunnel(bool isWanted, bool) {
     simulated::checkPlatformCall("keepWatchedFlowsInTunnel");
     machine().network.keepWatchedFlowsInTunnel(isWanted);
 }

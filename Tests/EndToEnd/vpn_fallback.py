@@ -32,7 +32,7 @@ def run(stage) -> None:
     address = stage.ipv4()
     stage.expect_tunnel("the VPN is back", stage.ledger.run("connect", address, 80), address)
     _comes_by_policy(stage)
-    network.vpn_down()
+    _another_vpn_carries_less(stage)
     _flaps(stage)
     stage.stop_daemon()
 
@@ -112,6 +112,20 @@ def _comes_by_policy(stage) -> None:
     stage.apply(UP)
     network.vpn_up("policy")
     network.wait_until(_is_guarded, "the kernel guards both families of a tunnel that comes by policy")
+
+
+def _another_vpn_carries_less(stage) -> None:
+    """A VPN for some networks only, after one for all: the rest takes the system's own route again."""
+    network.vpn_down()
+    stage.apply(DOWN)
+    for words in ("tuntap add tun9 mode tun", "link set tun9 up", "address add 10.77.0.2/16 dev tun9"):
+        subprocess.run(["ip", *words.split()], check=True)
+    stage.apply(UP)
+    network.wait_until(lambda: not _guard(), "the kernel no longer keeps flows in a tunnel that is not for them")
+    for address in (stage.ipv4(), stage.ipv6()):
+        stage.expect_physical("a VPN for some networks comes after one for all",
+                              stage.ledger.run("connect", address, 80), address)
+    subprocess.run(["ip", "link", "delete", "tun9"], check=True)
 
 
 def _the_tunnel_goes_unannounced(stage) -> None:

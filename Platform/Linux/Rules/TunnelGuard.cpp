@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -52,6 +53,8 @@ constexpr std::array<Family, 2> families{{
     {AF_INET6, farIPv6, "ip6", "ipv6", "::1/128, fe80::/10, ff00::/8"},
 }};
 constexpr int millisecondsToNextAttempt = 1000;
+// For a VPN that is up to take the default route, in one family after the other.
+constexpr std::chrono::seconds timeForRoutes{5};
 constexpr std::size_t addressLength(int family) { return family == AF_INET ? 4 : 16; }
 
 // A VPN that routes by policy changes the default with a rule and a table of its own, in one family after
@@ -198,9 +201,15 @@ public:
         thread = std::thread([this] { serve(); });
     }
 
-    void want(bool isWantedNow) {
+    void want(bool isWantedNow, bool isConnectedNow) {
         const MutexGuard guard(lock);
         isWanted = isWantedNow;
+        if (isConnectedNow && !isConnected) {
+            hasComeUp = true;
+            settlesAt = Clock::now() + timeForRoutes;
+        }
+        if (!isConnectedNow) settlesAt.reset();
+        isConnected = isConnectedNow;
         tell();
     }
     void networkChanged() {
@@ -217,9 +226,19 @@ public:
     }
 
 private:
+    using Clock = std::chrono::steady_clock;
+    // What a look at the network is to go by.
+    struct News {
+        bool isWanted = false;
+        bool hasComeUp = false;   // the VPN, since the last one
+        bool hasSettled = false;  // its time for routes is over
+    };
+
     void serve() {
-        while (const auto wanted = awaitNews()) {
-            if (*wanted)
+        while (const auto news = awaitNews()) {
+            if (news->hasComeUp) hasLed = {};
+            if (news->hasSettled) guarded.isFamily = hasLed;
+            if (news->isWanted)
                 look();
             else
                 guarded = {};
@@ -233,25 +252,37 @@ private:
         }
     }
 
-    void tell() { eventfd_write(news.get(), 1); }
+    void tell() { eventfd_write(wakeUp.get(), 1); }
 
-    // Whether the guard is wanted; none when the end has come.
-    std::optional<bool> awaitNews() {
-        std::array<pollfd, 3> descriptors{{{news.get(), POLLIN, 0},
+    // None when the end has come.
+    std::optional<News> awaitNews() {
+        std::array<pollfd, 3> descriptors{{{wakeUp.get(), POLLIN, 0},
                                            {events ? events->descriptor() : -1, POLLIN, 0},
                                            {rules.descriptor(), POLLIN, 0}}};
-        const int patience = wasDone ? -1 : millisecondsToNextAttempt;
-        while (poll(descriptors.data(), descriptors.size(), patience) < 0 && errno == EINTR) {
+        while (poll(descriptors.data(), descriptors.size(), patience()) < 0 && errno == EINTR) {
         }
         eventfd_t ignored = 0;
-        eventfd_read(news.get(), &ignored);
+        eventfd_read(wakeUp.get(), &ignored);
         if (events) events->discard();
         const MutexGuard guard(lock);
-        return hasEnded ? std::nullopt : std::optional(isWanted);
+        if (hasEnded) return std::nullopt;
+        const bool hasSettled = settlesAt && Clock::now() >= *settlesAt;
+        if (hasSettled) settlesAt.reset();
+        return News{isWanted, std::exchange(hasComeUp, false), hasSettled};
     }
 
-    // Takes in what the network shows now. What was once guarded stays so, whatever comes and goes:
-    // that a route is missing is just when the guard is needed.
+    int patience() {
+        using namespace std::chrono;
+        const int longest = wasDone ? -1 : millisecondsToNextAttempt;
+        const MutexGuard guard(lock);
+        if (!settlesAt) return longest;
+        const auto left = ceil<milliseconds>(*settlesAt - Clock::now()).count();
+        const int untilSettled = std::max(0, static_cast<int>(left));
+        return wasDone ? untilSettled : std::min(longest, untilSettled);
+    }
+
+    // Takes in what the network shows now. What was guarded stays so, whatever comes and goes: that a
+    // route is missing is just when the guard is needed.
     void look() {
         if (!socket) return;
         const auto network = NetworkMonitor::shared().state();
@@ -263,7 +294,8 @@ private:
         for (const auto& interface : network->interfaces)
             if (guarded.interfaces.contains(interface.name)) interfaces.push_back(&interface);
         for (std::size_t i = 0; i < families.size(); ++i) {
-            guarded.isFamily[i] |= isTunnel(*network, interfaceOfDefault(*socket, families[i]));
+            if (isTunnel(*network, interfaceOfDefault(*socket, families[i])))
+                guarded.isFamily[i] = hasLed[i] = true;
             // Gone for a moment when an address is renewed, and then back.
             if (auto near = nearPrefixes(*socket, families[i].number, interfaces); !near.empty())
                 guarded.near[i] = std::move(near);
@@ -309,9 +341,13 @@ private:
     Guarded guarded;
     Guarded inForce;
     bool wasDone = true;
-    const FileDescriptor news{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+    std::array<bool, families.size()> hasLed{};  // into a tunnel, since the VPN is up
+    const FileDescriptor wakeUp{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
     Mutex lock;
     bool isWanted GUARDED_BY(lock) = false;
+    bool isConnected GUARDED_BY(lock) = true;
+    bool hasComeUp GUARDED_BY(lock) = false;
+    std::optional<Clock::time_point> settlesAt GUARDED_BY(lock);
     bool hasEnded GUARDED_BY(lock) = false;
     std::thread thread;
 };
@@ -321,8 +357,9 @@ namespace {
 // The one guard of the process, and whether it is wanted: the wish may come first.
 struct Wish {
     Mutex lock;
-    std::function<void(bool)> tell GUARDED_BY(lock);
+    std::function<void(bool, bool)> tell GUARDED_BY(lock);
     bool isWanted GUARDED_BY(lock) = false;
+    bool isVpnConnected GUARDED_BY(lock) = true;
 };
 
 Wish& wish() {
@@ -337,8 +374,10 @@ TunnelGuard::TunnelGuard(MarkPlace place)
       following(NetworkMonitor::shared().observe(
           [held = work](const std::shared_ptr<const NetworkState>&) { held->networkChanged(); })) {
     const MutexGuard guard(wish().lock);
-    wish().tell = [held = work](bool isWanted) { held->want(isWanted); };
-    work->want(wish().isWanted);
+    wish().tell = [held = work](bool isWanted, bool isVpnConnected) {
+        held->want(isWanted, isVpnConnected);
+    };
+    work->want(wish().isWanted, wish().isVpnConnected);
 }
 
 TunnelGuard::~TunnelGuard() {
@@ -352,9 +391,10 @@ TunnelGuard::~TunnelGuard() {
 
 }  // namespace platform::interception
 
-void platform::keepWatchedFlowsInTunnel(bool isWanted) {
+void platform::keepWatchedFlowsInTunnel(bool isWanted, bool isVpnConnected) {
     auto& wish = interception::wish();
     const MutexGuard guard(wish.lock);
     wish.isWanted = isWanted;
-    if (wish.tell) wish.tell(isWanted);
+    wish.isVpnConnected = isVpnConnected;
+    if (wish.tell) wish.tell(isWanted, isVpnConnected);
 }

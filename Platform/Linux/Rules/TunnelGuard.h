@@ -1,8 +1,18 @@
 // Keeps the packets of watched flows from leaving beside the tunnel. The daemon hears of a VPN's end
 // later than the packets that follow it, so a rule in the kernel drops them: watched connections that
-// are about to leave by a physical interface, in each family whose default route has led into a
-// tunnel since the guard was wanted. What is near on such an interface stays reachable: its own
-// prefixes, private ones beyond a router, single hosts, multicast, broadcast and link-local addresses.
+// are about to leave by a physical interface, in each family whose default route leads into a tunnel,
+// or has led there. What is near on such an interface stays reachable: its own prefixes, private ones
+// beyond a router, single hosts, multicast, broadcast and link-local addresses.
+//
+// event                                     | families that are guarded
+// ------------------------------------------+-------------------------------------------------------
+// it is wanted; the network changes         | those of before, and each whose default leads there now
+// the VPN is down                           | those of before
+// it is up again: the next five seconds,    | those of before, and each whose default leads there now
+//  in which its routes may come             |
+// after them                                | each whose default has led there since it is up
+// it is not wanted                          | none
+//
 // The rules stand in a table that vanishes with the process. They are made on a thread of its own,
 // which waits for the kernel; any thread may call.
 #pragma once
