@@ -160,15 +160,20 @@ def _the_tunnel_goes_unannounced(stage) -> None:
 
 
 def _the_tunnel_really_goes(stage) -> None:
-    address, direct_address = stage.ipv4(), stage.ipv4()
+    address, direct_address = stage.ipv6(), stage.ipv4()
     upload = stage.ledger.start("upload", address, 8080, "--duration", 20)
     direct = stage.courier.start("upload", direct_address, 8080, "--duration", 20)
-    upload.report()
-    direct.report()
-    network.vpn_down()
-    changed_at = stage.now()
-    stage.apply(DOWN)
-    stage.expect_ended("the tunnel goes: the upload through it ends", upload.finish(), changed_at, ENDED)
+    unruled = stage.nobody.start("upload", stage.ipv6(), 8080, "--duration", 20)
+    for each in (upload, direct, unruled):
+        each.report()
+    with_its_address = f"src host {network.TUNNEL_IPV4} or src host {network.TUNNEL_IPV6}"
+    with flapping.capture([], network.PHYSICAL, with_its_address) as strays:
+        network.vpn_down()
+        changed_at = stage.now()
+        stage.apply(DOWN)
+        stage.expect_ended("the tunnel goes: the upload through it ends", upload.finish(), changed_at, ENDED)
+    stage.checks.equal("the tunnel goes: nothing bears its address elsewhere", strays, [])
+    unruled.stop()
     stage.expect_untouched("the tunnel goes: a direct upload goes on", direct)
 
 

@@ -135,12 +135,12 @@ def tunnel_server_up() -> subprocess.Popen:
 
 
 @contextlib.contextmanager
-def capture(place: list[str], interface: str):
-    """A list that has a line for each packet to the application's servers once the block is left."""
+def capture(place: list[str], interface: str, packets: str = f"dst host {IPV4} or dst host {IPV6}"):
+    """A list that has a line for each such packet, to the application's servers as a rule, once the block is left."""
     lines: list[str] = []
     process = subprocess.Popen([*place, "tcpdump", "-i", interface, "-n", "-tt", "-l", "--immediate-mode", "-s", "100",
                                 "-B", "16384",
-                                f"(dst host {IPV4} or dst host {IPV6}) and (tcp or udp)"],
+                                f"({packets}) and (tcp or udp)"],
                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
     network.wait_until(lambda: "listening on" in process.stderr.readline(), "the capture begins")
     reader = threading.Thread(target=lambda: lines.extend(filter(str.strip, process.stdout)))

@@ -55,6 +55,8 @@ constexpr std::array<Family, 2> families{{
 constexpr int millisecondsToNextAttempt = 1000;
 // For a VPN that is up to take the default route, in one family after the other.
 constexpr std::chrono::seconds timeForRoutes{5};
+// Of tunnels, in each family.
+constexpr std::size_t mostAddresses = 64;
 constexpr std::size_t addressLength(int family) { return family == AF_INET ? 4 : 16; }
 
 // A VPN that routes by policy changes the default with a rule and a table of its own, in one family after
@@ -67,6 +69,8 @@ struct Guarded {
     std::array<bool, families.size()> isFamily{};
     std::set<std::string> interfaces;
     std::array<std::set<std::string>, families.size()> near;
+    // That tunnels have, or had, those of before first.
+    std::array<std::vector<std::string>, families.size()> tunnelAddresses;
     friend bool operator==(const Guarded&, const Guarded&) = default;
 
     bool isNothing() const { return !isFamily[0] && !isFamily[1]; }
@@ -170,8 +174,53 @@ bool isTunnel(const NetworkState& network, int index) {
     return found != network.interfaces.end() && found->isTunnel;
 }
 
+// The addresses of an interface that are seen beyond its link.
+std::vector<std::string> addressesOf(const NetworkInterface& interface, int family) {
+    std::vector<std::string> addresses;
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    for (const auto& address : interface.addresses) {
+        if (address.family != family || address.isLinkLocal) continue;
+        ::inet_ntop(family, address.bytes.data(), text.data(), text.size());
+        addresses.emplace_back(text.data());
+    }
+    return addresses;
+}
+
+// Those that a tunnel has now become the latest; those that another interface has now are no tunnel's any more.
+void rememberAddresses(std::vector<std::string>& known, const NetworkState& network, int family) {
+    for (const bool ofTunnels : {true, false}) {
+        for (const auto& interface : network.interfaces) {
+            if (interface.isTunnel != ofTunnels) continue;
+            for (auto& address : addressesOf(interface, family)) {
+                std::erase(known, address);
+                if (ofTunnels) known.push_back(std::move(address));
+            }
+        }
+    }
+    if (known.size() > mostAddresses)
+        known.erase(known.begin(), known.end() - static_cast<std::ptrdiff_t>(mostAddresses));
+}
+
+std::string listOf(const std::vector<std::string>& words) {
+    std::string list;
+    for (const auto& word : words) list.append(word).append(", ");
+    return "{ " + list + "}";
+}
+
 void appendAccept(std::string& rules, const std::string& match) {
     rules += "  " + match + " accept\n";
+}
+
+// With a tunnel's address nothing has business on such an interface, but for what is carried directly: that gets the
+// interface's address after this.
+void appendDropOfTunnelAddresses(std::string& rules, const Family& family,
+                                 const std::vector<std::string>& addresses, MarkPlace place) {
+    if (addresses.empty()) return;
+    const auto stateText = [&](FlowState state) { return std::to_string(place.value(state)); };
+    rules.append("  ct mark & ").append(std::to_string(place.stateMask())).append(" != ");
+    rules += listOf({stateText(FlowState::claimed), stateText(FlowState::claimedAndWatched)});
+    rules.append(" ").append(family.keyword).append(" saddr ").append(listOf(addresses));
+    rules += " counter drop\n";
 }
 
 std::string rulesText(const Guarded& guarded, MarkPlace place, bool knowsIPsec) {
@@ -189,6 +238,8 @@ std::string rulesText(const Guarded& guarded, MarkPlace place, bool knowsIPsec) 
         appendAccept(rules, destination + "{ " + family.alwaysNear + " }");
         for (const auto& prefix : guarded.near[i]) appendAccept(rules, destination + prefix);
     }
+    for (std::size_t i = 0; i < families.size(); ++i)
+        appendDropOfTunnelAddresses(rules, families[i], guarded.tunnelAddresses[i], place);
     return rules + "  ct mark & " + std::to_string(place.mask()) +
            " == " + std::to_string(place.value(FlowState::watched)) + " counter drop\n";
 }
@@ -296,6 +347,7 @@ private:
         for (std::size_t i = 0; i < families.size(); ++i) {
             if (isTunnel(*network, interfaceOfDefault(*socket, families[i])))
                 guarded.isFamily[i] = hasLed[i] = true;
+            rememberAddresses(guarded.tunnelAddresses[i], *network, families[i].number);
             // Gone for a moment when an address is renewed, and then back.
             if (auto near = nearPrefixes(*socket, families[i].number, interfaces); !near.empty())
                 guarded.near[i] = std::move(near);

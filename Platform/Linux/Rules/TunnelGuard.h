@@ -2,7 +2,8 @@
 // later than the packets that follow it, so a rule in the kernel drops them: watched connections that
 // are about to leave by a physical interface, in each family whose default route leads into a tunnel,
 // or has led there. What is near on such an interface stays reachable: its own prefixes, private ones
-// beyond a router, single hosts, multicast, broadcast and link-local addresses.
+// beyond a router, single hosts, multicast, broadcast and link-local addresses. In these families nothing
+// leaves there with an address that a tunnel has or had, watched or not, but what is carried directly.
 //
 // event                                     | families that are guarded
 // ------------------------------------------+-------------------------------------------------------
