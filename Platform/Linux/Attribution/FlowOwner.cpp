@@ -110,6 +110,7 @@ public:
         const auto socket = find(flow);
         if (!socket) return ownerOfClosedSocket(flow);
         auto owner = ownerOf(*socket);
+        if (!owner) owner = ownerOfClosingSocket(flow, socket->cookie);
         if (owner && !notes && flow.protocol == IPPROTO_UDP) {
             sources.remember(sourceOf(flow), {*owner, Clock::now()});
         }
@@ -184,6 +185,12 @@ private:
         auto owner = ownerFor(socket, *process);
         sockets.remember(socket.cookie, {{process->pid, holder.descriptor}, owner});
         return owner;
+    }
+
+    // A socket that is being closed has no holder and no note any more while the kernel still tells of it.
+    std::optional<FlowOwner> ownerOfClosingSocket(const FlowTuple& flow, std::uint64_t cookie) {
+        auto owner = notes ? ownerOfClosedSocket(flow) : std::nullopt;
+        return owner && owner->socketCookie == cookie ? std::move(owner) : std::nullopt;
     }
 
     std::optional<FlowOwner> ownerOfClosedSocket(const FlowTuple& flow) {

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <ctime>
 #include <string_view>
-#include <vector>
 
 #include "Platform/Linux/PlatformLog.h"
 
@@ -147,13 +146,14 @@ std::string SocketNotes::controlGroupPath(std::uint64_t id) const {
 
 void SocketNotes::forgetClosed() const {
     const auto ports = programs->ports();
-    std::vector<std::uint32_t> over;
     const auto now = nanosecondsSinceBoot();
-    for (auto port = ports.keyAfter(nullptr); port; port = ports.keyAfter(&*port)) {
+    for (auto port = ports.keyAfter(nullptr); port;) {
+        const auto next = ports.keyAfter(&*port);
+        // At once, as the port may get another socket.
         const auto note = ports.find(*port);
-        if (note && note->closed != 0 && note->closed + memoryOfClosed < now) over.push_back(*port);
+        if (note && note->closed != 0 && note->closed + memoryOfClosed < now) ports.remove(*port);
+        port = next;
     }
-    for (const auto port : over) ports.remove(port);
 }
 
 }  // namespace platform
