@@ -71,6 +71,24 @@ Fields& Fields::line(char direction) {
     return *this;
 }
 
+void addExplanation(Fields& fields, const JSONObject& explanation) {
+    const auto member = [&](std::string_view key) {
+        const auto found = explanation.find(key);
+        return found == explanation.end() ? nullptr : &found->second;
+    };
+    const auto add = [&](std::string_view key, FieldKind kind) {
+        const auto* value = member(key);
+        const auto* text = value ? value->as<std::string>() : nullptr;
+        text ? fields.add(kind, *text) : fields.none();
+    };
+    add("route", FieldKind::plain);
+    add("decidedBy", FieldKind::plain);
+    add("interface", FieldKind::name);
+    const auto* watched = member("isWatched");
+    const auto* isWatched = watched ? watched->as<bool>() : nullptr;
+    isWatched ? fields.number(int{*isWatched}) : fields.none();
+}
+
 std::int64_t Field::number() const {
     std::int64_t value = 0;
     std::from_chars(text.data(), text.data() + text.size(), value);

@@ -16,7 +16,13 @@
 #include <string_view>
 #include <vector>
 
+#include "Platform/Common/JSON.h"
+
 namespace platform::recorded {
+
+// The first words of a recording, before its number of format.
+inline constexpr std::string_view head = "vantry-recording ";
+inline constexpr int format = 2;
 
 enum class FieldKind : char {
     plain = '=',     // a word or a number
@@ -82,12 +88,26 @@ struct Line {
     const Field& at(std::size_t index) const;
 };
 
-// The word for a filter's verdict, on a flow or on bytes of it.
+// A filter's verdict, on a flow or on bytes of it.
 template <class Verdict>
-std::string_view wordFor(const Verdict& verdict) {
+void addVerdict(Fields& fields, const Verdict& verdict) {
     using Kind = typename Verdict::Kind;
-    return verdict.kind == Kind::drop ? "drop" : verdict.kind == Kind::allow ? "allow" : "watch";
+    if (verdict.kind == Kind::drop || verdict.kind == Kind::allow) {
+        fields.word(verdict.kind == Kind::drop ? "drop" : "allow");
+        return;
+    }
+    fields.word("watch");
+    if constexpr (requires { verdict.passBytes; })
+        fields.number(verdict.passBytes).number(verdict.peekBytes);
+    else
+        fields.number(int{verdict.filterInbound})
+            .number(verdict.peekInboundBytes)
+            .number(int{verdict.filterOutbound})
+            .number(verdict.peekOutboundBytes);
 }
+
+// What the platform goes by of an explanation: route, the step that decided, interface, whether it is watched.
+void addExplanation(Fields& fields, const JSONObject& explanation);
 
 // Null for what is no line of a recording.
 std::optional<Line> readLine(std::string_view text);

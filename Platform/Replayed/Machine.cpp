@@ -50,6 +50,7 @@ void Machine::learn(const RecordedCall& call) {
 void Machine::begin(const RecordedCall& call) {
     present = &call;
     heldBackInCall.clear();
+    asksInCall.clear();
     worksInCall = 0;
     learn(call);
 }
@@ -68,9 +69,14 @@ void Machine::act(std::uint64_t number, std::string action) {
 }
 
 void Machine::holdBack(std::uint64_t number) {
-    checkNoFieldLockIsHeld("holdBack");
-    session(number).isHeldBack = true;
+    act(number, "holdBack");
+    session(number).heldBackIn = presentNumber();
     heldBackInCall.push_back(number);
+}
+
+void Machine::ask(std::string what) {
+    checkNoFieldLockIsHeld(what.c_str());
+    asksInCall.push_back(std::move(what));
 }
 
 // Sessions that a change ends are held back one after the other, and then get their turns in the same

@@ -33,7 +33,7 @@ struct Session {
     NWConnection::ReceiveCompletion receiving;
     std::function<void(const NWConnection::State&)> stateHandler;
     std::vector<std::string> actions;
-    bool isHeldBack = false;
+    std::uint64_t heldBackIn = 0;  // the call; 0 for none
 };
 
 class Machine {
@@ -53,6 +53,9 @@ public:
     std::uint64_t presentNumber() const { return present ? present->number : 0; }
     void act(std::uint64_t number, std::string action);
     void holdBack(std::uint64_t number);
+    // Asks of the platform that belong to no connection, in their order since the present call began.
+    void ask(std::string what);
+    const std::vector<std::string>& asks() const { return asksInCall; }
     void later(double seconds, DispatchQueue::Work work);
 
     // Is called whenever the core has given up a lock over fields, so that what others may see of a call that
@@ -92,6 +95,7 @@ private:
     std::map<std::uint64_t, Session> sessions;
     std::map<std::uint64_t, const RecordedCall*> callsByNumber;
     std::deque<std::uint64_t> heldBackInCall;
+    std::vector<std::string> asksInCall;
     int worksInCall = 0;
     std::vector<Work> works;
     std::function<void()> stepWatcher;

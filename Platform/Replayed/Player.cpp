@@ -36,7 +36,7 @@ RemoteEndpoint remoteIn(const Field& host, const Field& port) {
     return NWHostEndpoint{host.text, port.text};
 }
 
-// Where a flow's line has its parts: the proxy's also bear a name.
+// Where a flow's line has its parts: all but the filter's also bear a name.
 struct FlowParts {
     std::string identifier;
     std::optional<Data> token;
@@ -44,7 +44,7 @@ struct FlowParts {
     RemoteEndpoint remote;
 
     explicit FlowParts(const RecordedCall& call) {
-        const std::size_t first = call.name == "proxyFlow" ? 1 : 0;
+        const std::size_t first = call.name == "proxyFlow" || call.name == "explain" ? 1 : 0;
         if (first == 1) identifier = call.with.at(0).text;
         token = tokenIn(call.with.at(first));
         kind = call.with.at(first + 1).text;
@@ -53,13 +53,28 @@ struct FlowParts {
     bool isDatagram() const { return kind == "udp" || kind == "2"; }
 };
 
+std::string textOf(const Line& line) {
+    std::string text;
+    for (const auto& field : line.fields)
+        text.append(text.empty() ? "" : " ").append(field.value() ? field.text : "-");
+    return text;
+}
+
+template <class Add, class Answer>
+std::string textOf(Add add, const Answer& answer) {
+    recorded::Fields fields;
+    add(fields.line('<'), answer);
+    return textOf(recorded::readLine(fields.text()).value_or(Line()));
+}
+
 std::string answerOf(NEFilterDataProvider& filter, const RecordedCall& call) {
     const FlowParts parts(call);
     const NEFilterSocketFlow flow(parts.token, parts.isDatagram() ? 2 : 1, parts.remote);
     if (call.name == "filterFlow")
-        return std::string(recorded::wordFor(filter.handleNewFlow(flow)));
-    return std::string(recorded::wordFor(filter.handleOutboundData(
-        flow, call.with.at(4).number(), dataIn(call.with.at(5)).value_or(Data()))));
+        return textOf(recorded::addVerdict<NEFilterNewFlowVerdict>, filter.handleNewFlow(flow));
+    return textOf(recorded::addVerdict<NEFilterDataVerdict>,
+                  filter.handleOutboundData(flow, call.with.at(4).number(),
+                                            dataIn(call.with.at(5)).value_or(Data())));
 }
 
 bool isOfFilter(const RecordedCall& call) {
@@ -89,7 +104,34 @@ std::string actionIn(const Line& line) {
 bool isAction(const Line& line) {
     const auto& name = line.at(0).text;
     return name == "connect" || name == "open" || name == "start" || name == "cancel" ||
-           name == "closeRead" || name == "closeWrite";
+           name == "holdBack" || name == "closeRead" || name == "closeWrite";
+}
+
+// What the core asked of the platform apart from questions and connections, as the machine has it; empty for
+// anything else.
+std::string askIn(const Line& line) {
+    const auto& name = line.at(0).text;
+    if (name == "tunnels") return name;
+    if (name == "tunnelGuard") return name + " " + line.at(1).text + " " + line.at(2).text;
+    // After the number of its moment.
+    const bool isNumbered =
+        name == "rulesChanging" || name == "proxySettings" || name == "filterSettings";
+    return isNumbered ? name + " " + line.at(2).text : "";
+}
+
+std::vector<std::string> asksIn(const RecordedCall& call) {
+    std::vector<std::string> asks;
+    for (const auto& line : call.asked)
+        if (auto ask = askIn(line); !ask.empty()) asks.push_back(std::move(ask));
+    return asks;
+}
+
+// The words of a failure tell of what could not be read, which is replaced in a recording.
+std::string comparableReply(const std::optional<std::string>& reply) {
+    if (!reply) return "nothing";
+    const auto document = NSJSONSerialization::JSONObjectWithData(*reply);
+    const auto* object = document ? document->as<JSONObject>() : nullptr;
+    return object && object->find("error") != object->end() ? "an error" : *reply;
 }
 
 bool isOfSession(const RecordedCall& call) {
@@ -109,6 +151,11 @@ std::multiset<std::string> withoutErrors(const std::vector<std::string>& actions
     std::multiset<std::string> words;
     for (const auto& action : actions)
         words.insert(action.starts_with("close") ? action.substr(0, action.find(' ')) : action);
+    return words;
+}
+
+std::multiset<std::string> without(const std::string& word, std::multiset<std::string> words) {
+    words.erase(word);
     return words;
 }
 
@@ -144,7 +191,6 @@ Player::Player(const Recording& toPlay)
 }
 
 Result Player::play(std::optional<std::uint64_t> until) {
-    Result result;
     for (const auto& call : recording.calls) {
         if (call.isChange() && !call.isOfPast)
             performChange(call);
@@ -153,10 +199,9 @@ Result Player::play(std::optional<std::uint64_t> until) {
         ++result.calls;
         if (until && call.number == *until) break;
     }
-    compareAnswers(result);
-    compareSessions(result);
+    compareAnswers();
+    compareSessions();
     checkEnds();
-    result.notAskedFor = notAskedFor;
     result.unanswered = Machine::shared().unanswered();
     result.breaches = Machine::shared().breaches();
     return result;
@@ -183,19 +228,37 @@ void Player::perform(const RecordedCall& call) {
     machine.begin(call);
     if (call.name == "proxyFlow") begunHere.insert(call.number);
     if (isOfFilter(call)) tokensOfFilter.insert(tokenText(call));
+    noteActions(call);
+    const bool isKnown =
+        performOnProvider(call) || performOnSession(call) || performCompletion(call);
+    if (call.isOfPast) return;
+    if (isKnown)
+        compareAsks(call);
+    else
+        ++result.notAskedFor;
+}
+
+void Player::noteActions(const RecordedCall& call) {
     for (const auto& line : call.asked) {
-        const auto number = static_cast<std::uint64_t>(line.at(1).number());
-        if (line.at(0).text == "holdBack") heldBack.insert(number);
         if (!isAction(line)) continue;
+        const auto number = static_cast<std::uint64_t>(line.at(1).number());
+        if (line.at(0).text == "holdBack") heldBackIn.emplace(number, &call);
+        if (line.at(0).text == "cancel") endedIn.emplace(number, &call);
         recordedActions[number].push_back(actionIn(line));
         auto& calls = touching[number];
         if (calls.empty() || calls.back() != &call) calls.push_back(&call);
     }
     if (isOfSession(call))
         touching[static_cast<std::uint64_t>(call.with.at(0).number())].push_back(&call);
-    const bool isKnown =
-        performOnProvider(call) || performOnSession(call) || performCompletion(call);
-    if (!isKnown && !call.isOfPast) ++notAskedFor;
+}
+
+void Player::compareAsks(const RecordedCall& call) {
+    const auto before = asksIn(call);
+    const auto& after = Machine::shared().asks();
+    if (before == after) return;
+    result.differences.push_back(
+        {call.number, call.name + ": recorded " + joined(before) + "; now " + joined(after),
+         false});
 }
 
 bool Player::performOnProvider(const RecordedCall& call) {
@@ -205,6 +268,8 @@ bool Player::performOnProvider(const RecordedCall& call) {
         given[call.number] = offerToProxy(call);
     else if (isOfFilter(call))
         given[call.number] = answerOf(*filter, call);
+    else if (name == "explain")
+        given[call.number] = answerNow(call);
     else if (name == "startFilter")
         filter->startFilter([](const std::optional<NSError>&) {});
     else if (name == "startProxy")
@@ -218,10 +283,32 @@ bool Player::performOnProvider(const RecordedCall& call) {
     else if (name == "wake")
         proxy->wake();
     else if (name == "message")
-        proxy->handleAppMessage(Data(call.with.at(0).text), [](const std::optional<Data>&) {});
+        performMessage(call);
     else
         return false;
     return true;
+}
+
+void Player::performMessage(const RecordedCall& call) {
+    const auto reply = std::make_shared<std::optional<std::string>>();
+    proxy->handleAppMessage(Data(call.with.at(0).text), [reply](const std::optional<Data>& data) {
+        if (data) *reply = std::string(data->bytes().value_or(""));
+    });
+    if (!call.isOfPast && !call.answered.fields.empty()) compareReply(call, *reply);
+}
+
+void Player::compareReply(const RecordedCall& message, const std::optional<std::string>& reply) {
+    const auto before = comparableReply(message.answered.at(0).value());
+    const auto after = comparableReply(reply);
+    if (before == after) return;
+    const bool isDuringChange = std::ranges::any_of(recording.calls, [&](const auto& other) {
+        return &other != &message && other.isChange() && message.overlaps(other.ofChange);
+    });
+    if (isDuringChange)
+        ++result.answeredDuringChange;
+    else
+        result.differences.push_back(
+            {message.number, "message: recorded " + before + ", now " + after, false});
 }
 
 bool Player::performOnSession(const RecordedCall& call) {
@@ -317,6 +404,7 @@ std::string Player::answerNow(const RecordedCall& call) const {
         return answerOf(isKnown ? *filter : *registeredProviders.makeFilterProvider(), call);
     }
     const auto explained = explain(call);
+    if (call.name == "explain") return textOf(recorded::addExplanation, explained);
     const auto text = [&](std::string_view key) {
         const auto found = explained.find(key);
         const auto* value = found == explained.end() ? nullptr : found->second.as<std::string>();
@@ -326,12 +414,12 @@ std::string Player::answerNow(const RecordedCall& call) const {
     return text("route") == "direct" || isClosed ? "claimed" : "declined";
 }
 
-void Player::compareAnswers(Result& result) const {
+void Player::compareAnswers() {
     for (const auto& call : recording.calls) {
         const auto found = given.find(call.number);
         if (found == given.end()) continue;
         ++result.flows;
-        const auto& recordedAnswer = call.answered.at(0).text;
+        const auto recordedAnswer = textOf(call.answered);
         if (found->second == recordedAnswer) continue;
         const auto others = alsoRight.find(call.number);
         if (others != alsoRight.end() && others->second.contains(recordedAnswer)) {
@@ -343,7 +431,22 @@ void Player::compareAnswers(Result& result) const {
     }
 }
 
-void Player::compareSessions(Result& result) const {
+// Whether its end overlapped with the change that held it back, or would have: then it may have come first.
+bool Player::isEndedBesideHoldingBack(std::uint64_t number) const {
+    const auto ended = endedIn.find(number);
+    if (ended == endedIn.end()) return false;
+    const auto& end = *ended->second;
+    const auto recordedIn = heldBackIn.find(number);
+    const auto played = Machine::shared().allSessions().find(number);
+    return std::ranges::any_of(recording.calls, [&](const RecordedCall& call) {
+        const bool isHolding = (recordedIn != heldBackIn.end() && recordedIn->second == &call) ||
+                               (played != Machine::shared().allSessions().end() &&
+                                played->second.heldBackIn == call.number);
+        return isHolding && &call != &end && call.overlaps({end.number, end.end});
+    });
+}
+
+void Player::compareSessions() {
     const auto& now = Machine::shared().allSessions();
     for (const auto number : begunHere) {
         const auto recordedOnes = recordedActions.find(number);
@@ -354,9 +457,13 @@ void Player::compareSessions(Result& result) const {
         if (!before.empty()) ++result.sessions;
         if (before == after || alsoRight.contains(number)) continue;
         const auto calls = touching.find(number);
-        const bool isOfTwo =
-            heldBack.contains(number) || (calls != touching.end() && anyOverlap(calls->second));
+        const bool isOfTwo = calls != touching.end() && anyOverlap(calls->second);
         if (isOfTwo && withoutErrors(before) == withoutErrors(after)) {
+            ++result.endedByTwo;
+            continue;
+        }
+        if (isEndedBesideHoldingBack(number) && without("holdBack", withoutErrors(before)) ==
+                                                    without("holdBack", withoutErrors(after))) {
             ++result.endedByTwo;
             continue;
         }

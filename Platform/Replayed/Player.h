@@ -1,8 +1,9 @@
-// Plays a recording against the core that it is linked with, call for call, and compares: what flows are
-// answered, and what is done with each direct connection. Calls that overlapped in the recording are played
-// one after the other, so two things may rightly differ, and are counted instead: a flow that was asked about
-// while the rules or the network changed is answered as they were before, after or at any step between, and the
-// end of a connection that two threads worked at bears the error of either. One thread.
+// Plays a recording against the core that it is linked with, call for call, and compares: what flows and
+// messages are answered, what is done with each direct connection, and what else is asked of the platform.
+// Calls that overlapped in the recording are played one after the other, so two things may rightly differ, and
+// are counted instead: a flow that was asked about while the rules or the network changed is answered as they
+// were before, after or at any step between, and the end of a connection that two threads worked at bears the
+// error of either. One thread.
 #pragma once
 
 #include <cstddef>
@@ -20,8 +21,9 @@
 namespace platform::replayed {
 
 struct Difference {
-    std::uint64_t number = 0;  // of the flow
+    std::uint64_t number = 0;  // of the call, a flow's above all
     std::string text;
+    bool isOfFlow = true;
 };
 
 struct Result {
@@ -49,11 +51,16 @@ private:
     bool performOnSession(const RecordedCall& call);
     bool performCompletion(const RecordedCall& call);
     std::string offerToProxy(const RecordedCall& call);
+    void performMessage(const RecordedCall& call);
     std::string answerNow(const RecordedCall& call) const;
     JSONObject explain(const RecordedCall& call) const;
+    void noteActions(const RecordedCall& call);
 
-    void compareAnswers(Result& result) const;
-    void compareSessions(Result& result) const;
+    void compareAnswers();
+    void compareReply(const RecordedCall& message, const std::optional<std::string>& reply);
+    void compareAsks(const RecordedCall& call);
+    void compareSessions();
+    bool isEndedBesideHoldingBack(std::uint64_t number) const;
     void checkEnds() const;
 
     const Recording& recording;
@@ -64,8 +71,9 @@ private:
     std::set<std::string, std::less<>> tokensOfFilter;  // whose names it may remember
     std::map<std::uint64_t, std::vector<std::string>> recordedActions;
     std::map<std::uint64_t, std::vector<const RecordedCall*>> touching;
-    std::set<std::uint64_t> begunHere, heldBack;
-    std::size_t notAskedFor = 0;
+    std::map<std::uint64_t, const RecordedCall*> heldBackIn, endedIn;  // as recorded, by flow
+    std::set<std::uint64_t> begunHere;
+    Result result;
 };
 
 }  // namespace platform::replayed

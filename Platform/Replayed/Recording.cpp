@@ -10,7 +10,6 @@ namespace platform::replayed {
 
 namespace {
 
-constexpr std::string_view head = "vantry-recording 1 ";
 constexpr std::array<std::string_view, 10> changes{
     "startFilter", "startProxy", "stopFilter", "stopProxy", "notification",
     "path",        "tunnels",    "wake",       "sleep",     "message"};
@@ -28,6 +27,53 @@ RecordedCall::Span spanOfChange(const RecordedCall& call) {
             span.end = number;
     }
     return span;
+}
+
+// When it asked for the rules of the proxy to be replaced; 0 for not at all.
+std::uint64_t numberOfFlush(const RecordedCall& call) {
+    const auto line = std::ranges::find_if(
+        call.asked, [](const auto& each) { return each.at(0).text == "proxySettings"; });
+    return line == call.asked.end() ? 0 : static_cast<std::uint64_t>(line->at(1).number());
+}
+
+// A flush that is asked for while one is under way is dropped. So the end of one comes before a change that
+// overlapped with it and asked for another, and after one that did not.
+void placeBeside(RecordedCall& completion, const std::vector<const RecordedCall*>& notifications) {
+    const bool isEnd = numberOfFlush(completion) == 0;
+    for (const auto* change : notifications) {
+        if (!completion.overlaps({change->number, change->end})) continue;
+        const auto flush = numberOfFlush(*change);
+        if (flush > completion.number) {
+            completion.place = std::min(completion.place, {change->ofChange.begin, 0});
+            return;
+        }
+        if (flush == 0 && isEnd)
+            completion.place = std::max(completion.place, {change->ofChange.begin, 2});
+    }
+}
+
+void placeAll(std::vector<RecordedCall>& calls) {
+    std::vector<const RecordedCall*> notifications;
+    for (auto& call : calls) {
+        call.ofChange = spanOfChange(call);
+        call.place = {call.isChange() ? call.ofChange.begin : call.number, 1};
+        if (call.name == "notification") notifications.push_back(&call);
+    }
+    std::ranges::sort(notifications, {}, [](const auto* each) { return each->place; });
+    for (auto& call : calls)
+        if (call.name == "proxySettings") placeBeside(call, notifications);
+}
+
+// Null if its format can be played.
+std::optional<std::string> faultOfHead(std::string_view text) {
+    if (!text.starts_with(recorded::head)) return "This is no recording of vantryctl record.";
+    text.remove_prefix(recorded::head.size());
+    int format = 0;
+    std::from_chars(text.data(), text.data() + text.size(), format);
+    if (format == recorded::format) return std::nullopt;
+    return "The recording has format " + std::to_string(format) + ", and this replay plays " +
+           std::to_string(recorded::format) +
+           ". Play it with the replay of the version that recorded it, or record again.";
 }
 
 // Number, end, time and name; then what it came with; after the bar what was answered.
@@ -51,7 +97,7 @@ RecordedCall callIn(const recorded::Line& line) {
 }  // namespace
 
 std::variant<Recording, std::string> recordingIn(std::string_view text) {
-    if (!text.starts_with(head)) return "This is no recording of vantryctl record.";
+    if (auto fault = faultOfHead(text)) return std::move(*fault);
     Recording recording;
     bool isOfPast = true;
     std::size_t number = 0;
@@ -62,7 +108,7 @@ std::variant<Recording, std::string> recordingIn(std::string_view text) {
         const auto row = text.substr(0, end);
         text.remove_prefix(end + 1);
         if (++number == 1) {
-            const auto count = row.substr(head.size());
+            const auto count = row.substr(row.rfind(' ') + 1);
             std::from_chars(count.data(), count.data() + count.size(), recording.stateCallsDropped);
             continue;
         }
@@ -81,7 +127,7 @@ std::variant<Recording, std::string> recordingIn(std::string_view text) {
         recording.calls.push_back(callIn(*line));
         recording.calls.back().isOfPast = isOfPast;
     }
-    for (auto& call : recording.calls) call.ofChange = spanOfChange(call);
+    placeAll(recording.calls);
     std::ranges::stable_sort(recording.calls, {}, &RecordedCall::place);
     return recording;
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -28,11 +29,14 @@ struct RecordedCall {
         std::uint64_t end = 0;
     };
     Span ofChange{};
+    // Where it is played: at a number, before (0) or after (2) what else takes effect there.
+    std::pair<std::uint64_t, int> place;
 
-    bool isFlow() const { return name == "proxyFlow" || name == "filterFlow" || name == "data"; }
+    bool isFlow() const {
+        return name == "proxyFlow" || name == "filterFlow" || name == "data" || name == "explain";
+    }
     bool isChange() const { return ofChange.end != 0; }
     bool overlaps(const Span& span) const { return number <= span.end && end >= span.begin; }
-    std::uint64_t place() const { return isChange() ? ofChange.begin : number; }
 };
 
 struct Recording {

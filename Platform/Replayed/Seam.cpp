@@ -126,7 +126,10 @@ int getnameinfo(const sockaddr*, socklen_t, char*, socklen_t, char*, socklen_t, 
     return EAI_NONAME;
 }
 
-void keepWatchedFlowsInTunnel(bool, bool) {}
+void keepWatchedFlowsInTunnel(bool isWanted, bool isVpnConnected) {
+    Machine::shared().ask(std::string("tunnelGuard ") + (isWanted ? "1 " : "0 ") +
+                          (isVpnConnected ? "1" : "0"));
+}
 
 // Queues.
 
@@ -167,20 +170,25 @@ std::shared_ptr<const NEVPNProtocol> NETransparentProxyProvider::protocolConfigu
         std::nullopt, object ? std::optional(*object) : std::nullopt);
 }
 
-void NETransparentProxyProvider::setTunnelNetworkSettings(NETransparentProxyNetworkSettings,
-                                                          ErrorCompletion completion) {
-    checkNoFieldLockIsHeld("setTunnelNetworkSettings");
+void NETransparentProxyProvider::setTunnelNetworkSettings(
+    NETransparentProxyNetworkSettings settings, ErrorCompletion completion) {
+    Machine::shared().ask("proxySettings " +
+                          std::to_string(settings.includedNetworkRules().size()));
     Machine::shared().proxySettings.push_back(std::move(completion));
 }
 
-void NETransparentProxyProvider::setRulesChanging(bool) {}
+void NETransparentProxyProvider::setRulesChanging(bool areChanging) {
+    Machine::shared().ask(areChanging ? "rulesChanging 1" : "rulesChanging 0");
+}
 
-void NEFilterDataProvider::applySettings(NEFilterSettings, ErrorCompletion completion) {
-    checkNoFieldLockIsHeld("applySettings");
+void NEFilterDataProvider::applySettings(NEFilterSettings settings, ErrorCompletion completion) {
+    Machine::shared().ask("filterSettings " +
+                          std::to_string(static_cast<int>(settings.defaultAction)));
     Machine::shared().filterSettings.push_back(std::move(completion));
 }
 
 void NETunnelProviderManager::loadAllFromPreferences(LoadCompletion completion) {
+    Machine::shared().ask("tunnels");
     Machine::shared().loads.push_back(std::move(completion));
 }
 

@@ -93,8 +93,9 @@ int report(const Result& result, const Recording& recording) {
         std::cout << result.unanswered << " questions of the core have no answer recorded.\n";
     for (const auto& breach : result.breaches) std::cout << "broken: " << breach << '\n';
     for (std::size_t index = 0; index < std::min(mostPrinted, result.differences.size()); ++index)
-        std::cout << "flow " << result.differences[index].number << ", "
-                  << result.differences[index].text << '\n';
+        std::cout << (result.differences[index].isOfFlow ? "flow " : "call ")
+                  << result.differences[index].number << ", " << result.differences[index].text
+                  << '\n';
     std::cout << result.differences.size() << " differences, " << result.breaches.size()
               << " promises broken\n";
     return result.differences.empty() && result.breaches.empty() ? EXIT_SUCCESS

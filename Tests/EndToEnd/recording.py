@@ -11,7 +11,7 @@ import subprocess
 import time
 
 import soak
-from vantrylab import network, world
+from vantrylab import host, network, world
 from vantrylab.host import Rules
 
 COURIER, LEDGER = "com.example.courier", "com.example.ledger"
@@ -22,9 +22,15 @@ ROUNDS = 6
 def run(stage) -> None:
     network.vpn_up()
     stage.start_daemon(RULES)
+    host.write_preferences(logLevel="debug", directDatagrams=True)
+    network.wait_until(lambda: "go directly" in stage.health("directDatagrams"), "the preference is in force")
     with Recording(stage, "story") as story:
         _story(stage)
+    host.write_preferences(logLevel="debug", directDatagrams=False)
+    network.wait_until(lambda: "system" in stage.health("directDatagrams"), "the preference is taken back")
     story.expect_the_same()
+    for word in ("explain", "holdBack", "tunnelGuard", "proxySettings", "message"):
+        stage.checks.check(f"recorded: {word}", f"\t={word}" in story.text)
     with Recording(stage, "verbatim", "--verbatim") as verbatim:
         stage.courier.run("connect", stage.ipv4(), 80)
     stage.checks.check("names are there where they are asked for", COURIER in verbatim.text, verbatim.text[-2000:])
@@ -76,6 +82,8 @@ class Recording:
         said = self._play("Tests/replay_with_fault")
         self._stage.checks.check(f"{self._name}: a core that forgets blocks is found out",
                                  said.returncode == 1 and "recorded declined, now claimed" in said.stdout, said.stdout)
+        forgotten = re.search("notification: recorded .*proxySettings .*; now (?!.*proxySettings)", said.stdout)
+        self._stage.checks.check(f"{self._name}: as is that no declined flow is offered again", bool(forgotten), said.stdout)
         number = re.search(r"flow (\d+), proxyFlow: recorded declined", said.stdout)[1]
         why = self._play("replay", "--why", number)
         self._stage.checks.check(f"{self._name}: and the flow is explained",
@@ -90,6 +98,9 @@ def _story(stage) -> None:
     stage.expect_physical("direct", stage.courier.run("connect", address := stage.ipv4(), 80), address)
     stage.expect_tunnel("vpn", stage.ledger.run("connect", address := stage.ipv4(), 80), address)
     stage.applications["studio"].run("connect", stage.ipv4(), 80)
+    for message in ({"type": "getStatus"}, {"type": "getActiveApps"}, {"type": "unheardOf"}):
+        host.send(message)
+    stage.expect_physical("explained", stage.courier.run("datagram", address := stage.ipv4(), 8080), address)
     uploads = [stage.courier.start("upload", stage.ipv4(), 8080, "--duration", 20) for _ in range(4)]
     for upload in uploads:
         upload.report()

@@ -42,7 +42,8 @@ void refuse(Completion<std::optional<NSError>> completion) {
 void NETransparentProxyProvider::setTunnelNetworkSettings(
     NETransparentProxyNetworkSettings settings, ErrorCompletion completion) {
     const NETransparentProxyNetworkSettings wanted = std::move(settings);
-    completion = recording::followedSettings("proxySettings", std::move(completion));
+    completion = recording::followedSettings("proxySettings", wanted.includedNetworkRules().size(),
+                                             std::move(completion));
     if (const auto running = interception::RunningInterception::get())
         running->setProxyRules(wanted.includedNetworkRules(), std::move(completion));
     else
@@ -56,7 +57,8 @@ void NETransparentProxyProvider::setRulesChanging(bool areChanging) {
 }
 
 void NEFilterDataProvider::applySettings(NEFilterSettings settings, ErrorCompletion completion) {
-    completion = recording::followedSettings("filterSettings", std::move(completion));
+    completion = recording::followedSettings(
+        "filterSettings", static_cast<std::size_t>(settings.defaultAction), std::move(completion));
     if (const auto running = interception::RunningInterception::get())
         running->setFilterAction(settings.defaultAction, std::move(completion));
     else

@@ -131,9 +131,9 @@ Providers makeProviders() {
     const auto proxy = registeredProviders.makeProxyProvider();
     const auto filter = registeredProviders.makeFilterProvider();
     return {recording::followed(proxy), recording::followed(filter),
-            [proxy, filter](const FlowQuestion& question) {
+            recording::followed([proxy, filter](const FlowQuestion& question) {
                 return registeredProviders.explain(*proxy, *filter, question);
-            }};
+            })};
 }
 
 // What the host application's questions need of others.

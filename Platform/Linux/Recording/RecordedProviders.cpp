@@ -76,12 +76,28 @@ bool RecordedProxy::handleNewFlow(const std::shared_ptr<NEAppProxyFlow>& flow) {
     return isClaimed;
 }
 
-// Only a request for other rules has to do with the state; the others come all the time.
+// It comes before the message's call returns.
+void noteReply(const std::optional<Data>& reply) {
+    auto* call = Call::current();
+    if (!call) return;
+    if (reply)
+        call->answered().document(reply->bytes().value_or(""));
+    else
+        call->answered().none();
+}
+
+// Only a request for other rules has to do with the state; the others come all the time. What has been active
+// goes back to before the recording, and is not noted.
 void RecordedProxy::handleAppMessage(Data message, Completion<std::optional<Data>> completion) {
     const auto text = message.bytes().value_or("");
     const bool isOfState = text.find("reload") != std::string_view::npos;
     Call call(isOfState ? Call::Kind::ofState : Call::Kind::ofFlow, "message");
     if (call) call.with().document(text);
+    if (call && completion && text.find("getActiveApps") == std::string_view::npos)
+        completion = [completion = std::move(completion)](std::optional<Data> reply) mutable {
+            noteReply(reply);
+            completion(std::move(reply));
+        };
     proxy->handleAppMessage(std::move(message), std::move(completion));
 }
 
@@ -119,7 +135,7 @@ NEFilterNewFlowVerdict RecordedFilter::handleNewFlow(const NEFilterFlow& flow) {
     Call call(Call::Kind::ofFlow, "filterFlow");
     if (call) describeShown(call, flow);
     const auto verdict = filter->handleNewFlow(flow);
-    if (call) call.answered().word(recorded::wordFor(verdict));
+    if (call) recorded::addVerdict(call.answered(), verdict);
     return verdict;
 }
 
@@ -131,7 +147,7 @@ NEFilterDataVerdict RecordedFilter::handleOutboundData(const NEFilterFlow& flow,
         call.with().number(offset).number(bytes.length());
     }
     const auto verdict = filter->handleOutboundData(flow, offset, bytes);
-    if (call) call.answered().word(recorded::wordFor(verdict));
+    if (call) recorded::addVerdict(call.answered(), verdict);
     return verdict;
 }
 
@@ -144,6 +160,22 @@ std::shared_ptr<NETransparentProxyProvider> followed(
 
 std::shared_ptr<NEFilterDataProvider> followed(std::shared_ptr<NEFilterDataProvider> filter) {
     return std::make_shared<RecordedFilter>(std::move(filter));
+}
+
+Explain followed(Explain explain) {
+    return [explain = std::move(explain)](const FlowQuestion& question) {
+        Call call(Call::Kind::ofFlow, "explain");
+        if (!call) return explain(question);
+        const auto& metaData = question.metaData;
+        introduce(call, metaData.sourceAppAuditToken);
+        call.with().name(metaData.sourceAppSigningIdentifier);
+        addToken(call.with(), metaData.sourceAppAuditToken);
+        call.with().word(question.isDatagram ? "udp" : "tcp");
+        addRemote(call.with(), question.remote);
+        auto explanation = explain(question);
+        recorded::addExplanation(call.answered(), explanation);
+        return explanation;
+    };
 }
 
 }  // namespace platform::recording

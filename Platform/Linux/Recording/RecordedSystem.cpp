@@ -92,9 +92,14 @@ void noteRulesChanging(bool areChanging) {
         call->asked("rulesChanging").number(Recorder::nextNumber()).number(int{areChanging});
 }
 
-Completion<std::optional<NSError>> followedSettings(std::string_view name,
+void noteTunnelGuard(bool isWanted, bool isVpnConnected) {
+    if (auto* call = Call::current())
+        call->asked("tunnelGuard").number(int{isWanted}).number(int{isVpnConnected});
+}
+
+Completion<std::optional<NSError>> followedSettings(std::string_view name, std::size_t kind,
                                                     Completion<std::optional<NSError>> completion) {
-    if (auto* call = Call::current()) call->asked(name);
+    if (auto* call = Call::current()) call->asked(name).number(Recorder::nextNumber()).number(kind);
     return [name, completion = std::move(completion)](std::optional<NSError> error) mutable {
         Call call(Call::Kind::ofState, name);
         addError(call.with(), error);
@@ -104,6 +109,7 @@ Completion<std::optional<NSError>> followedSettings(std::string_view name,
 
 NETunnelProviderManager::LoadCompletion followedLoad(
     NETunnelProviderManager::LoadCompletion completion) {
+    if (auto* call = Call::current()) call->asked("tunnels");
     return [completion = std::move(completion)](
                std::optional<std::vector<NETunnelProviderManager>> managers,
                std::optional<NSError> error) mutable {

@@ -2,6 +2,7 @@
 // network. Each does nothing where the calling thread's call is not written down. Any thread.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -22,9 +23,11 @@ void notePath(std::int32_t pid, std::optional<std::string_view> path);
 void noteBundle(std::string_view path, const std::optional<NSBundle>& bundle);
 void noteConfiguration(const NEVPNProtocol* configuration);
 void noteRulesChanging(bool areChanging);
+void noteTunnelGuard(bool isWanted, bool isVpnConnected);
 
-// What the core is asked when this comes; and what it asked, in the order of asking.
-Completion<std::optional<NSError>> followedSettings(std::string_view name,
+// What the core is asked when this comes; and what it asked, in the order of asking. Of settings, `kind` tells
+// apart those that have different effects.
+Completion<std::optional<NSError>> followedSettings(std::string_view name, std::size_t kind,
                                                     Completion<std::optional<NSError>> completion);
 NETunnelProviderManager::LoadCompletion followedLoad(
     NETunnelProviderManager::LoadCompletion completion);

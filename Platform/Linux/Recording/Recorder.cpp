@@ -32,7 +32,8 @@ std::optional<std::int64_t> Recorder::start() {
     const MutexGuard guard(lock);
     endIfForgotten();
     if (isRecording()) return std::nullopt;
-    waiting = "vantry-recording 1 " + std::to_string(stateCallsDropped) + "\n";
+    waiting.assign(recorded::head).append(std::to_string(recorded::format));
+    waiting.append(" ").append(std::to_string(stateCallsDropped)).append("\n");
     for (const auto& call : stateCalls) waiting += call;
     waiting += "recording\n";
     lost = 0;

@@ -26,6 +26,7 @@
 #include "Platform/Linux/Network/PrivateNetworks.h"
 #include "Platform/Linux/Network/RememberedRoutes.h"
 #include "Platform/Linux/PlatformLog.h"
+#include "Platform/Linux/Recording/RecordedSystem.h"
 #include "Platform/Linux/Rules/PacketRule.h"
 #include "Platform/Linux/Rules/RuleLanguage.h"
 #include "Platform/TunnelGuard.h"
@@ -444,6 +445,7 @@ TunnelGuard::~TunnelGuard() {
 }  // namespace platform::interception
 
 void platform::keepWatchedFlowsInTunnel(bool isWanted, bool isVpnConnected) {
+    recording::noteTunnelGuard(isWanted, isVpnConnected);
     auto& wish = interception::wish();
     const MutexGuard guard(wish.lock);
     wish.isWanted = isWanted;
