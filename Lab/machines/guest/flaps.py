@@ -74,6 +74,7 @@ def play(vpn: Vpn, count: int, program: pathlib.Path) -> flapping.Outcome:
     print(f"{vpn.name}, {outcome}; {outcome.through_tunnel / seconds_up:.0f} packets a second while it was up", flush=True)
     for line in outcome.sent_in_clear[:20]:
         print(f"  in the clear: {line.rstrip()}", flush=True)
+    print(run("vantryctl", "status", check=False), flush=True)
     return outcome
 
 

@@ -161,6 +161,58 @@ class Journey:
         self.checks.check("the daemon outlived it", package.is_active())
         limits.unlink()
 
+    def shortages(self) -> None:
+        """The clock, the connection table and memory, which are the whole machine's."""
+        self._clock_jumps()
+        self._connection_table_is_full()
+        self._memory_is_refused()
+
+    def _clock_jumps(self) -> None:
+        fetch, hours = self.programs["fetch"], {"forward": (+2, "1h"), "back": (-3, "10s")}
+        for direction, (hour, length) in hours.items():
+            run("vantryctl", "rules", "block", fetch.identifier, "--for", length)
+            set_clock(hour)
+            network.wait_until(lambda: fetch.identifier not in run("vantryctl", "rules"),
+                               f"a block for {length} ends though the clock was set {direction}", 60)
+            self.goes(f"the clock was set {direction}: what was blocked for {length} passes", fetch, "uplink")
+            self.is_denied(f"the clock was set {direction}: blocked", self.programs["nobody"])
+        set_clock(+1)
+
+    def _connection_table_is_full(self) -> None:
+        """What is open goes on, what is blocked stays so, new connections wait for room, and a person can find out why."""
+        limit = pathlib.Path("/proc/sys/net/netfilter/nf_conntrack_max")
+        usual, upload = limit.read_text(), open_connection(self.programs["fetch"], Place().address)
+        limit.write_text("1")
+        try:
+            place = Place()
+            report = self.programs["fetch"].run("connect", place.address, 80, "--patience", 3)
+            self.checks.check("the connection table is full: a new connection waits", not place.seen() and
+                              report["error"], report)
+            place = Place()
+            self.programs["nobody"].run("connect", place.address, 80, "--patience", 3)
+            self.checks.check("the connection table is full: blocked", not place.seen())
+            self.checks.check("the connection table is full: check says so",
+                              "nearly full" in run("vantryctl", "check", check=False))
+        finally:
+            limit.write_text(usual)
+        self.checks.check("the connection table was full: an open connection goes on", not has_ended(upload))
+        upload.stop()
+        self.goes("the connection table has room again: others pass", self.programs["fetch"], "uplink")
+
+    def _memory_is_refused(self) -> None:
+        """The kernel ends the daemon, again and again, until there is memory."""
+        since = package.process()
+        run("systemctl", "set-property", "--runtime", package.UNIT, "MemoryMax=1M")
+        try:
+            network.wait_until(lambda: package.process() != since, "the kernel ends the daemon", 60)
+        finally:
+            run("systemctl", "revert", package.UNIT)
+        network.wait_until(lambda: package.is_back(since), "the daemon is back once it has memory", 60)
+        self.checks.check("without memory the kernel ended the daemon, and the journal says so",
+                          "OOM killer" in run("journalctl", "--boot", f"--unit={package.UNIT}"))
+        self.is_denied("there is memory again: blocked", self.programs["nobody"])
+        self.goes("there is memory again: others pass", self.programs["fetch"], "uplink")
+
     def containers(self) -> None:
         """A container on the host's network is seen like other programs; one on a bridge is left alone."""
         command = [str(self.programs["fetch"].path), "connect"]
@@ -318,6 +370,10 @@ def printed_commands() -> list[str]:
     spans = re.findall(r"`([^`]*)`", "\n".join(line for line in rows.splitlines() if line.startswith("| ")))
     begin = ("vantryctl ", "sudo vantryctl ", "rules ", "why ", "log ", "status", "failures", "on")
     return [span if "vantryctl" in span else f"vantryctl {span}" for span in spans if span.startswith(begin)]
+
+
+def set_clock(hours: int) -> None:
+    run("date", f"--set={hours:+} hours")
 
 
 def open_connection(program: applications.Application, address: str) -> applications.Running:
