@@ -167,6 +167,7 @@ private:
     bool takeEvents();
     void look(std::uint64_t cookie);
     void followNetwork();
+    void publish(std::vector<Uplink> uplinksNow);
     void sayOfPolicies(const Result<>& put);
     bool putTableInForce(bool hasChanged);
     void sayWhatIsMissing(bool isTableInForce, bool areAnswersTaken);
@@ -181,8 +182,9 @@ private:
     StrictFilter strictFilter;
     netlink::Socket ruleEvents;
     bool isLookDue = false;
-    bool isRouteRefused = false;  // at the last look
     Clock::time_point nextLook;
+    // Of what the kernel refuses, if nothing is reported before.
+    std::optional<Clock::time_point> nextTry;
     Clock::time_point restsUntil;  // no event of a socket is taken before
     std::atomic<Clock::time_point> restsAgainFrom{Clock::time_point()};
     std::array<pollfd, 5> polled;
@@ -314,6 +316,7 @@ void Steering::Work::wait() {
                {ipsec.eventDescriptor(), POLLIN, 0}}};
     auto due = Clock::time_point::max();
     if (isLookDue) due = nextLook;
+    if (nextTry) due = std::min(due, *nextTry);
     if (isResting) due = std::min(due, restsUntil);
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - now).count();
     const bool hasEnd = due != Clock::time_point::max();
@@ -425,6 +428,12 @@ void Steering::Work::followNetwork() {
     if (before != known.all()) forgetDatagrams();
 }
 
+void Steering::Work::publish(std::vector<Uplink> uplinksNow) {
+    auto next = std::make_shared<const std::vector<Uplink>>(std::move(uplinksNow));
+    const MutexGuard guard(lock);
+    published = std::move(next);
+}
+
 void Steering::Work::sayOfPolicies(const Result<>& put) {
     if (put)
         ipsecProblem.end();
@@ -462,10 +471,13 @@ void Steering::Work::sayWhatIsMissing(bool isTableInForce, bool areAnswersTaken)
     }
 }
 
-// As a rule it is something that has just changed, of which there is another report at once.
+// As a rule it is something that has just changed, of which there is another report at once: that counts before the
+// next try, and only what is refused then is said.
 void Steering::Work::sayWhatIsRefused(const std::string& refused) {
-    const bool isAgain = std::exchange(isRouteRefused, !refused.empty());
+    const auto now = Clock::now();
+    const bool isLasting = nextTry && now >= *nextTry;
     if (refused.empty()) {
+        nextTry.reset();
         if (routesProblem.end())
             platformLog.info("The routes of direct connections are there again");
         return;
