@@ -397,6 +397,28 @@ def _interface_goes(stage) -> None:
         report = stage.courier.run("connect", stage.ipv4(), 80)
         return report["serverSaw"] == network.CLIENT_IPV4, report
     stage.checks.eventually("the address is back: direct again", goes_direct)
+    _better_interface_comes_and_goes(stage)
+    stage.checks.eventually("the better interface is gone: direct by the other one", goes_direct)
+
+
+def _better_interface_comes_and_goes(stage) -> None:
+    address = "192.168.77.2"
+    for words in ("link add eth1 type veth peer name net1 netns server", "link set eth1 up",
+                  f"address add {address}/24 dev eth1"):
+        subprocess.run(["ip", *words.split()], check=True)
+    for words in ("link set net1 up", "address add 192.168.77.1/24 dev net1"):
+        subprocess.run(network.in_server(["ip", *words.split()]), check=True)
+    subprocess.run("ip route add default via 192.168.77.1 dev eth1 metric 5".split(), check=True)
+
+    def leaves_by_it():
+        report = stage.courier.run("connect", stage.ipv4(), 80)
+        return report["serverSaw"] == address, report
+    stage.checks.eventually("a better interface comes: direct by that", leaves_by_it)
+    upload = stage.courier.start("upload", stage.ipv4(), 8080, "--duration", 20)
+    upload.report()
+    changed_at = stage.now()
+    subprocess.run(["ip", "link", "delete", "eth1"], check=True)
+    stage.expect_ended("it goes: the upload ends, though there is another one", upload.finish(), changed_at, ENDED)
 
 
 def _ends_of_the_daemon(stage) -> None:

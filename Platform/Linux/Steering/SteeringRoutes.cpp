@@ -419,9 +419,10 @@ SteeringRoutes::Lead SteeringRoutes::findLead(const Uplink& uplink, int family,
             index = static_cast<int>(numberIn(answer.attributes<rtmsg>(), RTA_OIF));
     });
     if (!asked) return Lead::nowhere;
-    if (otherNetworks.contains(index)) return Lead::toOtherNetwork;
-    const bool isOut = index == uplink.interfaceIndex && uplink.reach(family).source;
-    return isOut ? Lead::out : Lead::nowhere;
+    // Of several uplinks, one's own network is another one to the others.
+    if (index != uplink.interfaceIndex)
+        return otherNetworks.contains(index) ? Lead::toOtherNetwork : Lead::nowhere;
+    return uplink.reach(family).source ? Lead::out : Lead::nowhere;
 }
 
 std::set<SteeringRoutes::MarkTest> SteeringRoutes::marksInRules() {
