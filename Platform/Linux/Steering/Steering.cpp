@@ -53,6 +53,16 @@ SteeredSocket letGo() {
     return seen;
 }
 
+std::vector<Uplink> thoseInBoth(std::vector<Uplink> now, const std::vector<Uplink>& before) {
+    std::erase_if(now, [&](const Uplink& uplink) {
+        return std::ranges::none_of(before, [&](const Uplink& earlier) {
+            return earlier.number == uplink.number &&
+                   earlier.interfaceIndex == uplink.interfaceIndex && earlier.name == uplink.name;
+        });
+    });
+    return now;
+}
+
 Result<netlink::Socket> openRuleEvents() {
     constexpr std::array<unsigned, 1> groups{NFNLGRP_NFTABLES};
     return netlink::Socket::open(NETLINK_NETFILTER, groups);
@@ -341,10 +351,11 @@ void Steering::Work::serve() {
             routes->discardEvents();
             ipsec.discardEvents();
             isLookDue = true;
-        } else if (!isLookDue) {
+        } else if (!isLookDue && !nextTry) {
             routes->settle();
         }
-        if (isLookDue && Clock::now() >= nextLook) followNetwork();
+        const auto now = Clock::now();
+        if ((isLookDue && now >= nextLook) || (nextTry && now >= *nextTry)) followNetwork();
     }
 }
 
@@ -409,10 +420,8 @@ void Steering::Work::followNetwork() {
     const auto before = known.all();
     auto policies = ipsec.look();
     const bool hasNumbers = known.follow(*network, ipsec.tunnelAddresses());
-    {
-        const MutexGuard guard(lock);
-        published = std::make_shared<const std::vector<Uplink>>(known.all());
-    }
+    // Without its packet rules a new one's number would lead nowhere but the system's own way.
+    publish(thoseInBoth(known.all(), before));
     const auto updated = routes->update(known.all(), *network);
     const std::string refused = updated ? "" : updated.error().text();
     if (policies) policies = ipsec.exempt(known.all());
@@ -421,6 +430,7 @@ void Steering::Work::followNetwork() {
     for (const Uplink& uplink : known.all())
         areAnswersTaken &= strictFilter.letMarksCount(uplink.name);
     const bool isTableInForce = putTableInForce(before != known.all());
+    publish(known.all());
     sayWhatIsMissing(isTableInForce, areAnswersTaken);
     sayWhatIsRefused(refused);
     if (!hasNumbers) platformLog.error("There are more physical interfaces than can be used");
@@ -482,9 +492,8 @@ void Steering::Work::sayWhatIsRefused(const std::string& refused) {
             platformLog.info("The routes of direct connections are there again");
         return;
     }
-    isLookDue = true;
-    nextLook = Clock::now() + betweenTries;
-    if (isAgain && routesProblem.begin(refused))
+    if (!nextTry || isLasting) nextTry = now + betweenTries;
+    if (isLasting && routesProblem.begin(refused))
         platformLog.error(
             "The routes of direct connections are refused and tried again: %{public}s", refused);
 }

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
@@ -41,6 +42,16 @@ public:
         return masked("ct mark", marks.numberMask()) + "{ " +
                std::to_string(marks.ofConnection(FlowState::claimed, number)) + ", " +
                std::to_string(marks.ofConnection(FlowState::claimedAndWatched, number)) + " } ";
+    }
+    // By the number of an interface that has gone, or is not known here yet.
+    std::string isSteeredByNone(const std::vector<Uplink>& uplinks) const {
+        std::string list;
+        for (unsigned number = 1; number <= mostUplinks; ++number) {
+            if (std::ranges::find(uplinks, number, &Uplink::number) != uplinks.end()) continue;
+            for (const FlowState state : {FlowState::claimed, FlowState::claimedAndWatched})
+                list.append(std::to_string(marks.ofConnection(state, number))).append(", ");
+        }
+        return masked("ct mark", marks.numberMask()) + "{ " + list + "} ";
     }
     std::string isSteered() const {
         const std::uint32_t state = marks.place().stateMask();
@@ -132,6 +143,8 @@ std::string tableText(SteeringMarks marks, const std::vector<Uplink>& uplinks, b
             }
         }
     }
+    // The first packet comes again.
+    if (uplinks.size() < mostUplinks) checking += words.isSteeredByNone(uplinks) + "drop\n";
     checking += words.isHeldContent() + "drop\n" + words.isSteeredBy(unreachableNumber) +
                 // The error message itself counts as the connection's, too.
                 "meta l4proto { tcp, udp } reject with icmpx type host-unreachable\n";
