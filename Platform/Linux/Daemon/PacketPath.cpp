@@ -1,8 +1,5 @@
 #include "Platform/Linux/Daemon/PacketPath.h"
 
-#include <linux/netfilter/nfnetlink.h>
-
-#include <array>
 #include <cerrno>
 #include <string>
 #include <utility>
@@ -114,9 +111,8 @@ void PacketPath::putInPlace(MarkPlace newPlace) {
 }
 
 Result<> PacketPath::openParts() {
-    constexpr std::array<unsigned, 1> groups{NFNLGRP_NFTABLES};
     Result<> done;
-    if (!events) done = openPart(events, netlink::Socket::open(NETLINK_NETFILTER, groups));
+    if (!events) done = openPart(events, RuleEvents::open());
     if (done && !entries) done = openPart(entries, ConnectionEntries::open());
     if (done && !table) done = openPart(table, PacketTable::open(ownership));
     if (done && !queue) done = openPart(queue, PacketQueue::open());
@@ -200,9 +196,9 @@ Result<> PacketPath::installAs(unsigned generation) {
 }
 
 void PacketPath::rulesHaveChanged() {
-    events->discard();
-    haveOthersChanged = true;
-    putBack();
+    const auto news = events->take();
+    haveOthersChanged |= news.areOthersChanged;
+    if (news.areAny()) putBack();
 }
 
 void PacketPath::putBack() {

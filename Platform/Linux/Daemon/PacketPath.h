@@ -19,6 +19,7 @@
 #include "Platform/Linux/Rules/DirectRoutes.h"
 #include "Platform/Linux/Rules/MarkPlaces.h"
 #include "Platform/Linux/Rules/PacketTable.h"
+#include "Platform/Linux/Rules/RuleEvents.h"
 #include "Platform/Linux/Rules/TunnelGuard.h"
 #include "Platform/Linux/Steering/Steering.h"
 
@@ -83,7 +84,7 @@ private:
     std::optional<MarkPlace> place;
     std::optional<DirectRoutes> directRoutes;
     std::optional<TunnelGuard> tunnelGuard;
-    std::optional<netlink::Socket> events;
+    std::optional<RuleEvents> events;
     std::unique_ptr<ConnectionEntries> entries;
     std::shared_ptr<steering::Steering> steering;
     std::unique_ptr<PacketTable> table;

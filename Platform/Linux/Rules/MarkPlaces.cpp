@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <sstream>
+#include <string_view>
 
 #include "Platform/Linux/Netlink/Socket.h"
 #include "Platform/Linux/Rules/DirectRoutes.h"
@@ -54,16 +55,19 @@ bool isGone(const RuleLanguage::Answer& answer) {
 
 }  // namespace
 
+bool isOwnTable(std::string_view name) {
+    return name == packetTableName || name == guardTableName || name == steeringTableName;
+}
+
 Result<std::string> packetRulesOfOthers() {
     RuleLanguage language;
     const auto tables = language.run("list tables");
     if (!tables.isDone) return unlisted(tables);
     std::string rules;
     std::istringstream lines(tables.output);
-    const std::string prefix = "table inet ";
+    constexpr std::string_view ofBothFamilies = "table inet ";
     for (std::string table; std::getline(lines, table);) {
-        if (table == prefix + packetTableName || table == prefix + guardTableName ||
-            table == prefix + steeringTableName)
+        if (table.starts_with(ofBothFamilies) && isOwnTable(table.substr(ofBothFamilies.size())))
             continue;
         const auto listed = language.run("list " + table);
         if (!listed.isDone && !isGone(listed)) return unlisted(listed);

@@ -6,11 +6,15 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "Platform/Linux/Result.h"
 #include "Platform/Linux/Rules/FlowMark.h"
 
 namespace platform::interception {
+
+// Whether a table of the family inet is one of the daemon's.
+bool isOwnTable(std::string_view name);
 
 // The packet rules of others that are in force, in their text form; or why they cannot be
 // listed. (The form for machines is of no use: libnftables 1.0.6 breaks off at a table with an owner.)

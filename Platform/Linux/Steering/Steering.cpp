@@ -4,8 +4,6 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
-#include <linux/netfilter/nfnetlink.h>
-
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -20,6 +18,7 @@
 #include "Platform/Linux/Network/NetworkMonitor.h"
 #include "Platform/Linux/PlatformLog.h"
 #include "Platform/Linux/Rules/ConnectionEntries.h"
+#include "Platform/Linux/Rules/RuleEvents.h"
 #include "Platform/Linux/Steering/EarlierConnections.h"
 #include "Platform/Linux/Steering/Farewells.h"
 #include "Platform/Linux/Steering/IpsecPolicies.h"
@@ -61,11 +60,6 @@ std::vector<Uplink> thoseInBoth(std::vector<Uplink> now, const std::vector<Uplin
         });
     });
     return now;
-}
-
-Result<netlink::Socket> openRuleEvents() {
-    constexpr std::array<unsigned, 1> groups{NFNLGRP_NFTABLES};
-    return netlink::Socket::open(NETLINK_NETFILTER, groups);
 }
 
 }  // namespace
@@ -168,7 +162,7 @@ private:
         std::unique_ptr<SteeringRoutes> routes;
         std::unique_ptr<ConnectionEntries> entries;
         std::unique_ptr<ConnectionEntries> datagramEntries;
-        netlink::Socket ruleEvents;
+        interception::RuleEvents ruleEvents;
     };
 
     Work(SteeringMarks steeringMarks, Parts parts);
@@ -190,7 +184,7 @@ private:
     Uplinks known;
     IpsecPolicies ipsec{marks};
     StrictFilter strictFilter;
-    netlink::Socket ruleEvents;
+    interception::RuleEvents ruleEvents;
     bool isLookDue = false;
     Clock::time_point nextLook;
     // Of what the kernel refuses, if nothing is reported before.
@@ -292,7 +286,7 @@ Result<std::shared_ptr<Steering::Work>> Steering::Work::begin(MarkPlace place) {
     if (!entries) return entries.error();
     auto datagramEntries = ConnectionEntries::open();
     if (!datagramEntries) return datagramEntries.error();
-    auto events = openRuleEvents();
+    auto events = interception::RuleEvents::open();
     if (!events) return events.error();
     // Before the marks and rules are ours.
     endEarlierConnections((*routes)->marksInRules(), **entries);
@@ -320,9 +314,9 @@ void Steering::Work::wait() {
     const auto now = Clock::now();
     const bool isResting = now < restsUntil;
     polled = {{{isResting ? -1 : programs->eventDescriptor(), POLLIN, 0},
+               {ruleEvents.descriptor(), POLLIN, 0},
                {wakeUp->get(), POLLIN, 0},
                {routes->eventDescriptor(), POLLIN, 0},
-               {ruleEvents.descriptor(), POLLIN, 0},
                {ipsec.eventDescriptor(), POLLIN, 0}}};
     auto due = Clock::time_point::max();
     if (isLookDue) due = nextLook;
@@ -342,12 +336,13 @@ void Steering::Work::serve() {
         }
         if (const auto now = Clock::now(); now >= restsUntil && takeEvents())
             restsUntil = now >= restsAgainFrom.load() ? now + betweenEvents : now;
-        const bool isChanged = std::any_of(polled.begin() + 1, polled.end(),
+        const bool areRulesChanged = ruleEvents.take().areAny();
+        const bool isChanged =
+            areRulesChanged || std::any_of(polled.begin() + 2, polled.end(),
                                            [](const pollfd& one) { return one.revents != 0; });
         if (isChanged) {
             eventfd_t ignored = 0;
             eventfd_read(wakeUp->get(), &ignored);
-            ruleEvents.discard();
             routes->discardEvents();
             ipsec.discardEvents();
             isLookDue = true;
