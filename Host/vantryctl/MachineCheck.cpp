@@ -18,6 +18,7 @@
 
 #include "Host/vantryctl/Departures.h"
 #include "Platform/Linux/Rules/MarkPlaces.h"
+#include "Platform/Linux/Rules/MarksInRules.h"
 
 namespace vantryctl {
 
@@ -217,6 +218,15 @@ Findings findingsInRules(const std::string& rulesOfOthers) {
              "what is sent may be denied by " + denying +
                  ": a firewall that denies, or a VPN's kill switch",
              "What direct applications send by the physical interface has to be allowed there."});
+    const auto overwriting = platform::interception::tablesThatOverwriteMarks(rulesOfOthers);
+    if (!overwriting.empty())
+        findings.push_back(
+            {"connection marks", Verdict::warning,
+             "rules write the whole mark of connections, in the tables " + overwriting +
+                 ": blocks and the VPN's fallback don't reach open connections that pass them, and "
+                 "direct ones may hang",
+             "Have these rules keep the other bits: ct mark set ct mark & 0xffffff00 | 0x1, or "
+             "CONNMARK --save-mark --mask 0xff."});
     if (!chains.guardingTunnel.empty())
         findings.push_back(
             {"rules of a VPN", Verdict::warning,

@@ -92,12 +92,26 @@ MarkBits PacketPath::readMarkBits() {
     auto bits = markBitsInUse();
     if (!bits.unread) {
         unreadRules.end();
+        sayOfOverwriting(bits.overwritingTables);
     } else if (unreadRules.begin(bits.unread->text())) {
         platformLog.error(
             "Marks of connections may get into the way of others' packet rules: %{public}s",
             bits.unread->text());
     }
     return bits;
+}
+
+void PacketPath::sayOfOverwriting(const std::string& tables) {
+    if (tables.empty()) {
+        if (overwriting.end()) platformLog.info("Rules of others keep connections' marks again");
+    } else if (overwriting.begin("in the tables " + tables)) {
+        platformLog.error(
+            "Rules of others write the whole mark of connections (tables: %{public}s). For those "
+            "that pass them, blocks and the VPN's fallback reach only new ones, and direct ones "
+            "may hang: have these rules keep the other bits, as in ct mark set ct mark & "
+            "0xffffff00 | 0x1",
+            tables);
+    }
 }
 
 void PacketPath::putInPlace(MarkPlace newPlace) {
@@ -225,13 +239,13 @@ void PacketPath::keepHouse() {
 
 void PacketPath::followMarksOfOthers() {
     if (!place) return;
-    const auto [used, unread] = readMarkBits();
-    if ((used & place->mask()) == 0) {
-        if (!unread && clash.end())
+    const auto bits = readMarkBits();
+    if ((bits.used & place->mask()) == 0) {
+        if (!bits.unread && clash.end())
             platformLog.info("The bits of marks that are in use here are free again");
         return;
     }
-    const auto found = freeMarkPlace(used);
+    const auto found = freeMarkPlace(bits.used);
     const auto moved = found ? moveTo(*found) : Error(EADDRINUSE, "find a free byte");
     if (moved) {
         clash.end();

@@ -64,6 +64,7 @@ private:
     Result<> begin();
     Result<> choosePlace();
     MarkBits readMarkBits();
+    void sayOfOverwriting(const std::string& tables);
     Result<> openParts();
     Result<> chooseCarrier();
     Result<> wipeMarks();
@@ -101,6 +102,8 @@ private:
                            "Direct connections are carried", "not yet"};
     health::Problem clash{health::Place::verdicts, "markClash",
                           "Others use the same bits of marks"};
+    health::Problem overwriting{health::Place::verdicts, "overwrittenMarks",
+                                "Others overwrite connections' marks"};
     health::Problem unreadRules{health::Place::verdicts, "rulesOfOthers",
                                 "Others' packet rules cannot be read"};
     health::Problem heldUp{health::Place::packets, "heldUp", "Verdicts are held up"};

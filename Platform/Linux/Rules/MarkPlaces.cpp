@@ -78,8 +78,9 @@ Result<std::string> packetRulesOfOthers() {
 
 MarkBits markBitsInUse() {
     const auto rules = packetRulesOfOthers();
-    if (!rules) return {bitsInRoutingRules(), rules.error()};
-    return {bitsInRoutingRules() | markBitsInRules(*rules), std::nullopt};
+    if (!rules) return {bitsInRoutingRules(), "", rules.error()};
+    return {bitsInRoutingRules() | markBitsInRules(*rules), tablesThatOverwriteMarks(*rules),
+            std::nullopt};
 }
 
 std::optional<MarkPlace> freeMarkPlace(std::uint32_t used) {

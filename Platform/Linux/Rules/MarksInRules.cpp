@@ -1,6 +1,7 @@
 #include "Platform/Linux/Rules/MarksInRules.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cctype>
 #include <charconv>
@@ -126,26 +127,82 @@ private:
 
 bool hasMark(const Words& words) { return std::ranges::find(words, "mark") != words.end(); }
 
+bool isOperator(std::string_view word) {
+    constexpr std::array<std::string_view, 6> operators{"&", "|", "^", "and", "or", "xor"};
+    return std::ranges::find(operators, word) != operators.end();
+}
+
+// Whether the value that begins at a word is made of the connection's own mark, too.
+bool keepsConnectionMark(const Words& words, std::size_t at) {
+    const auto is = [&](std::size_t place, std::string_view word) {
+        return place < words.size() && words[place] == word;
+    };
+    // What iptables' CONNMARK --save-mark with a mask is shown as, though it keeps the rest.
+    if (is(at, "mark") && is(at + 1, "and")) return true;
+    for (;; ++at) {
+        if (is(at, "ct") && is(at + 1, "mark")) return true;
+        if (is(at, "meta")) ++at;
+        if (++at >= words.size() || !isOperator(words[at])) return false;
+    }
+}
+
+bool overwritesConnectionMark(const Words& words) {
+    for (std::size_t at = 1; at < words.size(); ++at) {
+        if (words[at - 1] != "mark") continue;
+        // Only for one mark, which is no other's by the bits that it has.
+        if (numberIn(words[at], false) && (at + 1 == words.size() || !isOperator(words[at + 1])))
+            return false;
+        const bool isOfConnection = at > 1 && words[at - 2] == "ct";
+        if (isOfConnection && words[at] == "set" && !keepsConnectionMark(words, at + 1))
+            return true;
+    }
+    return false;
+}
+
+// Shows each line's words and what it was.
+template <class Visit>
+void forEachLine(std::string_view rules, Visit visit) {
+    while (!rules.empty()) {
+        const auto end = rules.find('\n');
+        const std::string line = withoutTexts(rules.substr(0, end));
+        rules.remove_prefix(end == std::string_view::npos ? rules.size() : end + 1);
+        visit(wordsOf(line), line);
+    }
+}
+
 }  // namespace
 
 std::uint32_t markBitsInRules(std::string_view rules) {
     std::uint32_t bits = 0;
     bool isSetOfMarks = false;  // the elements of one follow on lines of their own
-    while (!rules.empty()) {
-        const auto end = rules.find('\n');
-        const std::string line = withoutTexts(rules.substr(0, end));
-        rules.remove_prefix(end == std::string_view::npos ? rules.size() : end + 1);
-        const Words words = wordsOf(line);
+    forEachLine(rules, [&](const Words& words, const std::string& line) {
         if (words.empty()) {
             // A set ends where its bracket does.
             if (line.find('}') != std::string::npos) isSetOfMarks = false;
-            continue;
+            return;
         }
         const bool isType = words[0] == "type" || words[0] == "typeof";
         if (isType) isSetOfMarks = hasMark(words);
         if (!isType && (isSetOfMarks || hasMark(words))) bits |= RuleReader(words).bits();
-    }
+    });
     return bits;
+}
+
+std::string tablesThatOverwriteMarks(std::string_view rules) {
+    std::string tables;
+    std::string table;
+    bool isForwarding = false;  // the chain
+    forEachLine(rules, [&](const Words& words, const std::string&) {
+        if (words.empty()) return;
+        if (words[0] == "table" && words.size() > 2)
+            table = std::string(words[1]).append(" ").append(words[2]);
+        if (words[0] == "chain") isForwarding = false;
+        if (words.size() > 3 && words[2] == "hook") isForwarding = words[3] == "forward";
+        if (isForwarding || table.empty() || !overwritesConnectionMark(words)) return;
+        tables.append(tables.empty() ? "" : ", ").append(table);
+        table.clear();
+    });
+    return tables;
 }
 
 }  // namespace platform::interception

@@ -162,4 +162,28 @@ TEST(MarkPlaces, RangesAndNumbersThatTheKernelDrawsCountWhole) {
               0x00ff00ffu);
 }
 
+TEST(MarkPlaces, RulesThatKeepNothingOfAConnectionsMarkAreTold) {
+    const auto chain = [](const std::string& name, const std::string& rule) {
+        return "table ip " + name +
+               " {\n\tchain c {\n\t\ttype filter hook output priority 0;\n\t\t" + rule +
+               "\n\t}\n}\n";
+    };
+    EXPECT_EQ(
+        tablesThatOverwriteMarks(chain("saved", "oifname \"tun0\" ct mark set meta mark") +
+                                 chain("number", "ct mark set 0x00000001 meta mark set ct mark") +
+                                 chain("masked", "ct mark set meta mark & 0x000000ff") +
+                                 chain("some", "meta mark != 0x00000000 ct mark set meta mark") +
+                                 chain("iptables", "counter packets 1 bytes 60 ct mark set mark")),
+        "ip saved, ip number, ip masked, ip some, ip iptables");
+    EXPECT_EQ(tablesThatOverwriteMarks(
+                  chain("kept", "ct mark set ct mark & 0xffffff00 | 0x00000001") +
+                  chain("both", "ct mark set meta mark & 0xff | ct mark & 0xffffff00") +
+                  chain("iptables", "ct mark set mark and 0xff0000") +
+                  chain("tunnel", "meta l4proto udp meta mark 0x0000ca6c ct mark set meta mark") +
+                  chain("read", "meta mark set ct mark") +
+                  "table ip f {\n\tchain c {\n\t\ttype filter hook forward priority 0;\n"
+                  "\t\tct mark set 0x1\n"),
+              "");
+}
+
 }  // namespace platform::interception
