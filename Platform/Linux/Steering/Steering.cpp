@@ -97,7 +97,7 @@ private:
     Mutex lock;
     // Once there was a way by the uplink.
     int interfaceIndex GUARDED_BY(lock) = 0;
-    InterfaceAddress source GUARDED_BY(lock);
+    std::array<std::uint8_t, 16> source GUARDED_BY(lock){};
 };
 
 // What the thread, the sessions' sockets and the offers share.
@@ -246,7 +246,9 @@ Way Steering::Socket::findWay(const std::string& interfaceName) {
     if (way.kind == Way::Kind::open && way.needsUplink) {
         const MutexGuard guard(lock);
         interfaceIndex = uplink->interfaceIndex;
-        source = *uplink->reach(flow.family).source;
+        // An address of the uplink's that the application has chosen stays.
+        const auto& reach = uplink->reach(flow.family);
+        source = reach.has(flow.sourceAddress) ? flow.sourceAddress : reach.source->bytes;
     }
     return way;
 }
@@ -272,8 +274,7 @@ bool Steering::Socket::hasNetwork(const std::vector<Uplink>& uplinks) {
     if (interfaceIndex == 0) return true;
     const auto uplink = std::ranges::find(uplinks, interfaceIndex, &Uplink::interfaceIndex);
     if (uplink == uplinks.end()) return false;
-    const auto& addresses = uplink->reach(flow.family).addresses;
-    return std::ranges::find(addresses, source.bytes, &InterfaceAddress::bytes) != addresses.end();
+    return uplink->reach(flow.family).has(source);
 }
 
 Result<std::shared_ptr<Steering::Work>> Steering::Work::begin(MarkPlace place) {

@@ -56,6 +56,10 @@ Reach reachOf(const NetworkInterface& interface, int family, const TunnelAddress
 
 }  // namespace
 
+bool Reach::has(const std::array<std::uint8_t, 16>& address) const {
+    return std::ranges::find(addresses, address, &InterfaceAddress::bytes) != addresses.end();
+}
+
 const Reach& Uplink::reach(int family) const { return family == AF_INET ? ipv4 : ipv6; }
 
 bool Uplinks::follow(const NetworkState& network, const TunnelAddresses& ofTunnels) {

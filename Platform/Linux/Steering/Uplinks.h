@@ -23,6 +23,7 @@ struct Reach {
     std::optional<InterfaceAddress> source;
 
     bool isUsable() const { return route && source; }
+    bool has(const std::array<std::uint8_t, 16>& address) const;
     friend bool operator==(const Reach&, const Reach&) = default;
 };
 
