@@ -78,7 +78,10 @@ SteeredSession::Verdict SteeredSession::decideAgain() {
         name = interfaceName;
     }
     const Way found = socket->findWay(name);
+    const bool isGone = found.kind == Way::Kind::gone;
+    if (isGone) socket->destroy();
     const Turn turn(*this);
+    if (state == State::waiting && isGone) fail(ENETDOWN);
     if (state == State::waiting && found.kind == Way::Kind::open && !isHeldBack) {
         way = found;
         state = State::connecting;
@@ -272,6 +275,8 @@ void SteeredSession::follow(Way found) {
             return;
         case Way::Kind::otherFamilyOnly:
             return fail(EHOSTUNREACH);
+        case Way::Kind::gone:
+            return fail(ENETDOWN);
         case Way::Kind::none:
             state = State::waiting;
             return tell(Kind::waiting, ENETUNREACH);

@@ -13,9 +13,11 @@
 // |             |                                       | comes next             |              |
 // |             | start, a way in the other family only | failed EHOSTUNREACH    | ICMP         |
 // |             | start, no way                         | waiting                | SYN dropped  |
+// |             | start, the interface does not exist   | failed ENETDOWN        | denied       |
 // |             | decided without a start               | -                      | denied       |
 // | waiting     | SYN again, a way                      | preparing              | SYN goes     |
 // |             | SYN again, no way                     | -                      | SYN dropped  |
+// |             | SYN again, no such interface any more | failed ENETDOWN        | ended before |
 // | connecting  | established                           | ready                  | -            |
 // | waiting, connecting | closed with an error          | failed with it         | -            |
 // |             | closed by the application             | failed ECONNABORTED    | -            |
@@ -49,7 +51,7 @@ namespace platform::steering {
 
 // How the first packet can leave by the interface that the core requires.
 struct Way {
-    enum class Kind { open, otherFamilyOnly, none };
+    enum class Kind { open, otherFamilyOnly, none, gone };  // the last: with its interface
     Kind kind = Kind::none;
     unsigned number = 0;      // of the uplink; 0 if there is no such interface
     bool needsUplink = true;  // not to another network of this machine

@@ -238,7 +238,9 @@ Way Steering::Socket::findWay(const std::string& interfaceName) {
     const auto uplink = std::ranges::find(*uplinks, interfaceName, &Uplink::name);
     if (uplink == uplinks->end()) {
         isFollowed(0);
-        return {};
+        // What the core does not know yet is waited for in vain: it may have another one by now.
+        const bool exists = NetworkMonitor::shared().state()->named(interfaceName) != nullptr;
+        return {exists ? Way::Kind::none : Way::Kind::gone, 0};
     }
     // Without room to hear of it there would be no end of it.
     if (!isFollowed(uplink->number)) return {Way::Kind::otherFamilyOnly, 0};

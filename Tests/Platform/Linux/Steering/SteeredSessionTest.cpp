@@ -124,6 +124,15 @@ TEST_F(SteeredSessionStory, WaitsForAWayWithEachOpeningThatComesAgain) {
     EXPECT_EQ(socket->done, "destroy ");
 }
 
+TEST_F(SteeredSessionStory, WaitsForNoInterfaceThatIsGone) {
+    socket->way = {};
+    EXPECT_EQ(decide(), Decision::drop);
+    socket->way = {Way::Kind::gone, 0};
+    EXPECT_EQ(session->decideAgain().decision, Decision::deny);
+    EXPECT_TRUE(ended());
+    EXPECT_EQ(socket->done, "destroy ");
+}
+
 TEST_F(SteeredSessionStory, StopIsOrderlyAndAKillIsNot) {
     establish();
     proxied->cancel();
