@@ -89,8 +89,9 @@ public:
             recording::Pseudonyms pseudonyms;
             while (!isOver) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(100));
-                benchmark::DoNotOptimize(
-                    pseudonyms.replaced(recording::Recorder::shared().fetch(number).lines));
+                auto lines = recording::Recorder::shared().fetch(number).lines;
+                benchmark::DoNotOptimize(pseudonyms.replaced(lines));
+                recording::Recorder::shared().giveBack(std::move(lines));
             }
         });
     }

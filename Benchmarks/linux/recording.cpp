@@ -1,5 +1,5 @@
-// What a recording adds to a declined flow, which the proxy and the filter are asked about: with its fetching,
-// the replacing of names included, and idle.
+// What a recording adds to a declined flow, which the proxy and the filter are asked about: idle, and with all that
+// the daemon does for the tool that fetches it.
 
 #include <benchmark/benchmark.h>
 
@@ -10,9 +10,8 @@
 #include <utility>
 
 #include "Platform/Linux/CarriedEnds.h"
-#include "Platform/Linux/Recording/Pseudonyms.h"
+#include "Platform/Linux/Recording/RecordQuestions.h"
 #include "Platform/Linux/Recording/RecordedProviders.h"
-#include "Platform/Linux/Recording/Recorder.h"
 
 namespace {
 
@@ -63,10 +62,12 @@ void declinedFlow(benchmark::State& state) {
         proxy = recording::followed(proxy);
         filter = recording::followed(filter);
     }
-    auto& recorder = recording::Recorder::shared();
     const bool isFetching = mode >= Mode::verbatim && state.thread_index() == 0;
-    const auto number = isFetching ? recorder.start().value_or(0) : 0;
-    recording::Pseudonyms pseudonyms;
+    recording::RecordQuestions questions;
+    JSONValue number = 0;
+    if (isFetching)
+        number =
+            questions.answer({{"do", "start"}, {"verbatim", mode == Mode::verbatim}})["number"];
     const Data token(std::string(32, '\7'));
     const NWHostEndpoint remote{"198.51.100.2", "7009"};
     const auto end = std::make_shared<NoEnd>();
@@ -77,11 +78,11 @@ void declinedFlow(benchmark::State& state) {
         benchmark::DoNotOptimize(proxy->handleNewFlow(flow));
         benchmark::DoNotOptimize(filter->handleNewFlow(NEFilterSocketFlow(token, 1, remote)));
         if (!isFetching || ++count % flowsOfFetch != 0) continue;
-        auto lines = recorder.fetch(number).lines;
-        if (mode == Mode::withoutNames) lines = pseudonyms.replaced(lines);
-        benchmark::DoNotOptimize(lines);
+        JSONWriter writer;
+        writer.value(questions.answer({{"do", "fetch"}, {"number", number}}));
+        benchmark::DoNotOptimize(writer.finish());
     }
-    if (isFetching) recorder.stop(number);
+    if (isFetching) questions.answer({{"do", "stop"}, {"number", number}});
     constexpr const char* names[] = {"bare", "idle", "recorded verbatim", "recorded without names"};
     state.SetLabel(names[state.range(0)]);
 }

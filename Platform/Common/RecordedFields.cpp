@@ -25,13 +25,17 @@ void escapeTo(std::string& text, unsigned char byte) {
     text += hexadecimalDigits[byte & 0xfU];
 }
 
+}  // namespace
+
 void appendEscaped(std::string& text, std::string_view content) {
-    bool isPlain = true;
+    // Without a branch for each byte: nearly all of them are plain.
+    unsigned odd = 0;
     for (const char each : content) {
         const auto byte = static_cast<unsigned char>(each);
-        isPlain = isPlain && byte < 0x7f && !needsEscape(byte);
+        odd |= static_cast<unsigned>(byte < 0x20) | static_cast<unsigned>(byte >= 0x7f) |
+               static_cast<unsigned>(byte == '\\');
     }
-    if (isPlain) {
+    if (odd == 0) {
         text += content;
         return;
     }
@@ -45,8 +49,6 @@ void appendEscaped(std::string& text, std::string_view content) {
     }
 }
 
-}  // namespace
-
 Fields& Fields::add(FieldKind kind, std::string_view content) {
     text_ += '\t';
     text_ += static_cast<char>(kind);
@@ -57,10 +59,13 @@ Fields& Fields::add(FieldKind kind, std::string_view content) {
 Fields& Fields::bytes(std::string_view content) {
     text_ += '\t';
     text_ += static_cast<char>(FieldKind::bytes);
+    const auto begin = text_.size();
+    text_.resize(begin + content.size() * 2);
+    auto* to = text_.data() + begin;
     for (const char each : content) {
         const auto byte = static_cast<unsigned char>(each);
-        text_ += hexadecimalDigits[byte >> 4U];
-        text_ += hexadecimalDigits[byte & 0xfU];
+        *to++ = hexadecimalDigits[byte >> 4U];
+        *to++ = hexadecimalDigits[byte & 0xfU];
     }
     return *this;
 }
@@ -115,26 +120,20 @@ std::string unescaped(std::string_view text) {
     return content;
 }
 
-bool visitFields(std::string_view text, const VisitField& visit) {
-    if (text.empty() || (text.front() != '>' && text.front() != '<')) return false;
+std::optional<Line> readLine(std::string_view text) {
+    if (text.empty() || std::string_view("><=.").find(text.front()) == std::string_view::npos)
+        return std::nullopt;
+    Line line{text.front(), {}};
     text.remove_prefix(1);
     while (!text.empty()) {
-        if (text.front() != '\t' || text.size() < 2) return false;
+        if (text.front() != '\t' || text.size() < 2) return std::nullopt;
         const auto end = text.find('\t', 1);
         const auto field = text.substr(1, end == std::string_view::npos ? end : end - 1);
-        if (field.empty()) return false;
-        visit(static_cast<FieldKind>(field.front()), field.substr(1));
+        if (field.empty()) return std::nullopt;
+        line.fields.push_back({static_cast<FieldKind>(field.front()), unescaped(field.substr(1))});
         text.remove_prefix(end == std::string_view::npos ? text.size() : end);
     }
-    return true;
-}
-
-std::optional<Line> readLine(std::string_view text) {
-    Line line{text.empty() ? '\0' : text.front(), {}};
-    const bool isLine = visitFields(text, [&](FieldKind kind, std::string_view escaped) {
-        line.fields.push_back({kind, unescaped(escaped)});
-    });
-    return isLine ? std::optional(std::move(line)) : std::nullopt;
+    return line;
 }
 
 std::string bytesOfDigits(std::string_view digits) {

@@ -2,15 +2,15 @@
 // the one that plays recordings. A field says what it is, so that names and addresses can be replaced
 // without knowing what the line means. Values; any thread.
 //
-//   line    := (">" | "<") fields       what the platform asks of the core, or the core of the platform
-//   field   := TAB kind text            control characters, backslashes and bytes that are no UTF-8 escaped
+//   line    := (">" | "<" | "=" | ".") fields   what the platform asks of the core, what the core asks of the
+//                                               platform meanwhile, what it answers, and the call's end
+//   field   := TAB kind text                    control characters, backslashes and bytes that are no UTF-8 escaped
 #pragma once
 
 #include <array>
 #include <charconv>
 #include <concepts>
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -22,7 +22,7 @@ namespace platform::recorded {
 
 // The first words of a recording, before its number of format.
 inline constexpr std::string_view head = "vantry-recording ";
-inline constexpr int format = 2;
+inline constexpr int format = 3;
 
 enum class FieldKind : char {
     plain = '=',     // a word or a number
@@ -60,11 +60,13 @@ public:
 
     // Begins a line: everything before belongs to another one.
     Fields& line(char direction);
-    void append(const Fields& others) { text_ += others.text_; }
+    void endLine() { text_ += '\n'; }
     void reserve(std::size_t length) { text_.reserve(length); }
+    // Keeps the room that it has.
+    void clear() { text_.clear(); }
+    std::size_t capacity() const { return text_.capacity(); }
 
     const std::string& text() const { return text_; }
-    std::string take() { return std::move(text_); }
 
 private:
     std::string text_;
@@ -112,9 +114,7 @@ void addExplanation(Fields& fields, const JSONObject& explanation);
 // Null for what is no line of a recording.
 std::optional<Line> readLine(std::string_view text);
 
-// The same, a field at a time, as it stands: with its escapes. False for what is no line.
-using VisitField = std::function<void(FieldKind kind, std::string_view escaped)>;
-bool visitFields(std::string_view text, const VisitField& visit);
+void appendEscaped(std::string& text, std::string_view content);
 std::string unescaped(std::string_view text);
 // The bytes behind hexadecimal digits.
 std::string bytesOfDigits(std::string_view digits);

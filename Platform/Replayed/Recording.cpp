@@ -76,22 +76,26 @@ std::optional<std::string> faultOfHead(std::string_view text) {
            ". Play it with the replay of the version that recorded it, or record again.";
 }
 
-// Number, end, time and name; then what it came with; after the bar what was answered.
-RecordedCall callIn(const recorded::Line& line) {
+// Number, time and name, and then what it came with.
+RecordedCall callIn(recorded::Line line) {
     RecordedCall call;
     call.number = static_cast<std::uint64_t>(line.at(0).number());
-    call.end = static_cast<std::uint64_t>(line.at(1).number());
-    call.begun = line.at(2).number();
-    call.name = line.at(3).text;
-    bool isAnswer = false;
-    for (std::size_t index = 4; index < line.fields.size(); ++index) {
-        const auto& field = line.fields[index];
-        if (!isAnswer && field.kind == recorded::FieldKind::plain && field.text == "|")
-            isAnswer = true;
-        else
-            (isAnswer ? call.answered : call.with).fields.push_back(field);
-    }
+    call.begun = line.at(1).number();
+    call.name = line.at(2).text;
+    line.fields.erase(line.fields.begin(),
+                      line.fields.begin() + static_cast<std::ptrdiff_t>(
+                                                std::min<std::size_t>(3, line.fields.size())));
+    call.with = std::move(line);
     return call;
+}
+
+void addTo(RecordedCall& call, recorded::Line line) {
+    if (line.direction == '<')
+        call.asked.push_back(std::move(line));
+    else if (line.direction == '=')
+        call.answered = std::move(line);
+    else
+        call.end = static_cast<std::uint64_t>(line.at(0).number());
 }
 
 }  // namespace
@@ -103,7 +107,7 @@ std::variant<Recording, std::string> recordingIn(std::string_view text) {
     std::size_t number = 0;
     while (!text.empty()) {
         const auto end = text.find('\n');
-        // The last line of a file that ran full is only a part of one.
+        // The last line of a file that ran full is only a part of one, as is the last call.
         if (end == std::string_view::npos) break;
         const auto row = text.substr(0, end);
         text.remove_prefix(end + 1);
@@ -121,12 +125,13 @@ std::variant<Recording, std::string> recordingIn(std::string_view text) {
         if (!line || (!isCall && recording.calls.empty()))
             return "Line " + std::to_string(number) + " cannot be read.";
         if (!isCall) {
-            recording.calls.back().asked.push_back(std::move(*line));
+            addTo(recording.calls.back(), std::move(*line));
             continue;
         }
-        recording.calls.push_back(callIn(*line));
+        recording.calls.push_back(callIn(std::move(*line)));
         recording.calls.back().isOfPast = isOfPast;
     }
+    if (!recording.calls.empty() && recording.calls.back().end == 0) recording.calls.pop_back();
     placeAll(recording.calls);
     std::ranges::stable_sort(recording.calls, {}, &RecordedCall::place);
     return recording;

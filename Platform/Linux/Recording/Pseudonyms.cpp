@@ -10,6 +10,7 @@ namespace {
 using recorded::FieldKind;
 
 constexpr std::size_t mostDocuments = 64;
+constexpr std::size_t mostNames = 4096;
 
 // Parts of names that mean something to the core, or say nothing about a person.
 constexpr auto knownParts = std::to_array<std::string_view>(
@@ -63,34 +64,28 @@ bool isIn(const auto& words, std::string_view word) {
 
 }  // namespace
 
+// Most fields are no names, and stay as they are written.
 std::string Pseudonyms::replaced(std::string_view lines) {
     std::string result;
     result.reserve(lines.size());
-    while (!lines.empty()) {
-        const auto end = lines.find('\n');
-        result += replacedLine(lines.substr(0, end));
-        result += '\n';
-        lines.remove_prefix(end == std::string_view::npos ? lines.size() : end + 1);
+    std::size_t done = 0;
+    for (auto tab = lines.find('\t'); tab < lines.size(); tab = lines.find('\t', tab)) {
+        const auto begin = std::min(tab + 2, lines.size());
+        const auto kind = static_cast<FieldKind>(lines[begin - 1]);
+        tab = begin;
+        if (!isReplaced(kind)) continue;
+        const auto end = std::min(lines.find_first_of("\t\n", begin), lines.size());
+        const auto text = lines.substr(begin, end - begin);
+        const bool isEscaped = text.find('\\') != std::string_view::npos;
+        result += lines.substr(done, begin - done);
+        recorded::appendEscaped(result,
+                                substitute(kind, isEscaped ? recorded::unescaped(text) : text));
+        done = tab = end;
     }
-    return result;
+    return result += lines.substr(done);
 }
 
-// Most fields are no names, and stay as they are written.
-std::string Pseudonyms::replacedLine(std::string_view text) {
-    if (text.empty()) return {};
-    recorded::Fields fields;
-    fields.reserve(text.size());
-    fields.line(text.front());
-    const bool isLine = recorded::visitFields(text, [&](FieldKind kind, std::string_view escaped) {
-        if (isReplaced(kind))
-            fields.add(kind, substitute(kind, recorded::unescaped(escaped)));
-        else
-            fields.addPlain(kind, escaped);
-    });
-    return isLine ? fields.take() : std::string(text);
-}
-
-std::string Pseudonyms::substitute(FieldKind kind, std::string_view text) {
+const std::string& Pseudonyms::substitute(FieldKind kind, std::string_view text) {
     if (kind == FieldKind::host) return host(text);
     return kind == FieldKind::document ? document(text) : name(text);
 }
@@ -103,9 +98,16 @@ const std::string& Pseudonyms::part(std::string_view text) {
     return parts.emplace(text, std::move(substitute)).first->second;
 }
 
+const std::string& Pseudonyms::name(std::string_view text) {
+    const auto found = names.find(text);
+    if (found != names.end()) return found->second;
+    if (names.size() >= mostNames) names.clear();
+    return names.emplace(text, byParts(text)).first->second;
+}
+
 // Part by part, so that what lies below another name or folder still does. A name may be a path, and a path
 // may hold names.
-std::string Pseudonyms::name(std::string_view text) {
+std::string Pseudonyms::byParts(std::string_view text) {
     std::string result;
     for (;;) {
         const auto end = text.find_first_of("./");
@@ -117,7 +119,7 @@ std::string Pseudonyms::name(std::string_view text) {
 }
 
 // From the blocks that are set aside for documentation and tests.
-std::string Pseudonyms::host(std::string_view text) {
+const std::string& Pseudonyms::host(std::string_view text) {
     const auto found = hosts.find(text);
     if (found != hosts.end()) return found->second;
     const auto count = hosts.size() + 1;
@@ -132,7 +134,7 @@ std::string Pseudonyms::host(std::string_view text) {
 }
 
 // What is no whole document stays none.
-std::string Pseudonyms::document(std::string_view text) {
+const std::string& Pseudonyms::document(std::string_view text) {
     const auto found = documents.find(text);
     if (found != documents.end()) return found->second;
     const auto read = parseJSON(text);
@@ -146,7 +148,7 @@ std::string Pseudonyms::document(std::string_view text) {
 
 JSONValue Pseudonyms::value(const JSONValue& of) {
     if (const auto* text = of.as<std::string>())
-        return isIn(knownWords, *text) ? *text : name(*text);
+        return isIn(knownWords, *text) ? *text : byParts(*text);
     if (const auto* list = of.as<JSONArray>()) {
         JSONArray replacedList;
         for (const auto& each : *list) replacedList.push_back(value(each));
@@ -156,7 +158,7 @@ JSONValue Pseudonyms::value(const JSONValue& of) {
     if (!object) return of;
     JSONObject replacedObject;
     for (const auto& [key, member] : *object)
-        replacedObject[isIn(knownWords, key) ? key : name(key)] = value(member);
+        replacedObject[isIn(knownWords, key) ? key : byParts(key)] = value(member);
     return replacedObject;
 }
 

@@ -17,16 +17,16 @@ public:
     std::string replaced(std::string_view lines);
 
 private:
-    std::string replacedLine(std::string_view line);
-    std::string substitute(recorded::FieldKind kind, std::string_view text);
-    std::string name(std::string_view text);
-    std::string host(std::string_view text);
-    std::string document(std::string_view text);
+    const std::string& substitute(recorded::FieldKind kind, std::string_view text);
+    const std::string& name(std::string_view text);
+    std::string byParts(std::string_view text);
+    const std::string& host(std::string_view text);
+    const std::string& document(std::string_view text);
     JSONValue value(const JSONValue& of);
     const std::string& part(std::string_view text);
 
     StringMap<std::string> parts, hosts;
-    StringMap<std::string> documents;  // the latest ones: rules are read again and again
+    StringMap<std::string> names, documents;  // the latest ones: they come again and again
 };
 
 }  // namespace platform::recording

@@ -32,10 +32,14 @@ JSONObject RecordQuestions::start(bool isVerbatim) {
 
 JSONObject RecordQuestions::fetch(std::int64_t number) {
     auto piece = Recorder::shared().fetch(number);
-    if (pseudonyms) piece.lines = pseudonyms->replaced(piece.lines);
-    return {{"lines", std::move(piece.lines)},
-            {"lost", static_cast<std::int64_t>(piece.lost)},
-            {"isOver", piece.isOver}};
+    if (pseudonyms) {
+        auto replaced = pseudonyms->replaced(piece.lines);
+        piece.lines.swap(replaced);
+        Recorder::shared().giveBack(std::move(replaced));
+    }
+    JSONObject answer{{"lost", static_cast<std::int64_t>(piece.lost)}, {"isOver", piece.isOver}};
+    answer["lines"] = std::move(piece.lines);
+    return answer;
 }
 
 }  // namespace platform::recording

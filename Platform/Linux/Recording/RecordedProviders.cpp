@@ -63,12 +63,12 @@ bool RecordedProxy::handleNewFlow(const std::shared_ptr<NEAppProxyFlow>& flow) {
     Call call(Call::Kind::ofFlow, "proxyFlow");
     if (!call) return proxy->handleNewFlow(flow);
     const auto& metaData = flow->metaData();
-    introduce(call, metaData.sourceAppAuditToken);
     auto connection = std::dynamic_pointer_cast<NEAppProxyTCPFlow>(flow);
     call.with().name(metaData.sourceAppSigningIdentifier);
     addToken(call.with(), metaData.sourceAppAuditToken);
     call.with().word(connection ? "tcp" : "udp");
     addRemote(call.with(), flow->remoteEndpoint());
+    introduce(call, metaData.sourceAppAuditToken);
     const bool isClaimed =
         connection ? proxy->handleNewFlow(followed(std::move(connection), call.number()))
                    : proxy->handleNewFlow(flow);
@@ -124,7 +124,6 @@ private:
 };
 
 void describeShown(Call& call, const NEFilterFlow& flow) {
-    introduce(call, flow.sourceAppAuditToken());
     addToken(call.with(), flow.sourceAppAuditToken());
     const auto* socket = dynamic_cast<const NEFilterSocketFlow*>(&flow);
     call.with().number(socket ? socket->socketType() : 0);
@@ -133,7 +132,10 @@ void describeShown(Call& call, const NEFilterFlow& flow) {
 
 NEFilterNewFlowVerdict RecordedFilter::handleNewFlow(const NEFilterFlow& flow) {
     Call call(Call::Kind::ofFlow, "filterFlow");
-    if (call) describeShown(call, flow);
+    if (call) {
+        describeShown(call, flow);
+        introduce(call, flow.sourceAppAuditToken());
+    }
     const auto verdict = filter->handleNewFlow(flow);
     if (call) recorded::addVerdict(call.answered(), verdict);
     return verdict;
@@ -145,6 +147,7 @@ NEFilterDataVerdict RecordedFilter::handleOutboundData(const NEFilterFlow& flow,
     if (call) {
         describeShown(call, flow);
         call.with().number(offset).number(bytes.length());
+        introduce(call, flow.sourceAppAuditToken());
     }
     const auto verdict = filter->handleOutboundData(flow, offset, bytes);
     if (call) recorded::addVerdict(call.answered(), verdict);
@@ -167,11 +170,11 @@ Explain followed(Explain explain) {
         Call call(Call::Kind::ofFlow, "explain");
         if (!call) return explain(question);
         const auto& metaData = question.metaData;
-        introduce(call, metaData.sourceAppAuditToken);
         call.with().name(metaData.sourceAppSigningIdentifier);
         addToken(call.with(), metaData.sourceAppAuditToken);
         call.with().word(question.isDatagram ? "udp" : "tcp");
         addRemote(call.with(), question.remote);
+        introduce(call, metaData.sourceAppAuditToken);
         auto explanation = explain(question);
         recorded::addExplanation(call.answered(), explanation);
         return explanation;

@@ -13,8 +13,9 @@ constexpr std::size_t mostOfState = 4 << 20;
 constexpr std::size_t mostStateCalls = 256;
 // The start and its completions stay.
 constexpr std::size_t stateCallsOfStart = 8;
-constexpr std::chrono::seconds longestWithoutFetch{10};
+constexpr std::int64_t longestWithoutFetch = 10'000'000;  // microseconds
 constexpr std::size_t usualCall = 400;
+constexpr std::size_t mostRoomOfThread = 64 << 10;
 
 }  // namespace
 
@@ -29,8 +30,9 @@ std::int64_t Recorder::microseconds() {
 }
 
 std::optional<std::int64_t> Recorder::start() {
+    const auto now = microseconds();
     const MutexGuard guard(lock);
-    endIfForgotten();
+    endIfForgotten(now);
     if (isRecording()) return std::nullopt;
     waiting.assign(recorded::head).append(std::to_string(recorded::format));
     waiting.append(" ").append(std::to_string(stateCallsDropped)).append("\n");
@@ -38,7 +40,7 @@ std::optional<std::int64_t> Recorder::start() {
     waiting += "recording\n";
     lost = 0;
     knownTokens.clear();
-    lastFetch = Clock::now();
+    lastFetch = now;
     recording = true;
     return ++present;
 }
@@ -50,29 +52,42 @@ bool Recorder::stop(std::int64_t number) {
 }
 
 Recorder::Piece Recorder::fetch(std::int64_t number) {
+    const auto now = microseconds();
     const MutexGuard guard(lock);
     if (number != present) return {};
-    lastFetch = Clock::now();
-    return {std::exchange(waiting, {}), lost, !isRecording()};
+    lastFetch = now;
+    Piece piece{std::exchange(waiting, std::exchange(room, {})), lost, !isRecording()};
+    if (piece.isOver) freeRoom();
+    return piece;
 }
 
-void Recorder::take(std::string lines, bool isOfState) {
+void Recorder::giveBack(std::string lines) {
+    lines.clear();
     const MutexGuard guard(lock);
-    endIfForgotten();
+    if (isRecording()) room = std::move(lines);
+}
+
+void Recorder::freeRoom() {
+    waiting = {};
+    room = {};
+}
+
+void Recorder::take(std::string_view lines, bool isOfState, std::int64_t begun) {
+    const MutexGuard guard(lock);
+    endIfForgotten(begun);
     if (isRecording()) {
         if (waiting.size() + lines.size() > mostWaiting)
             ++lost;
         else
             waiting += lines;
     }
-    if (isOfState) keep(std::move(lines));
+    if (isOfState) keep(std::string(lines));
 }
 
-void Recorder::endIfForgotten() {
-    if (!isRecording() || Clock::now() - lastFetch <= longestWithoutFetch) return;
+void Recorder::endIfForgotten(std::int64_t now) {
+    if (!isRecording() || now - lastFetch <= longestWithoutFetch) return;
     recording = false;
-    waiting.clear();
-    waiting.shrink_to_fit();
+    freeRoom();
 }
 
 void Recorder::keep(std::string lines) {
@@ -103,23 +118,19 @@ Call::Call(Kind kindOfCall, std::string_view name)
     if (!isWritten) return;
     ownNumber = Recorder::nextNumber();
     begun = Recorder::microseconds();
-    given.reserve(usualCall);
-    given.word(name);
+    std::swap(text, room);
+    text.reserve(usualCall);
+    text.line('>').number(ownNumber).number(begun).word(name);
 }
 
 Call::~Call() {
     present = around;
     if (!isWritten) return;
-    recorded::Fields all;
-    all.reserve(given.text().size() + answer.text().size() + inside.text().size() + usualCall / 4);
-    all.line('>').number(ownNumber).number(Recorder::nextNumber()).number(begun);
-    all.append(given);
-    all.word("|");
-    all.append(answer);
-    auto lines = all.take();
-    lines += '\n';
-    if (!inside.text().empty()) lines.append(inside.text()) += '\n';
-    Recorder::shared().take(std::move(lines), kind == Kind::ofState);
+    text.line('.').number(Recorder::nextNumber()).endLine();
+    Recorder::shared().take(text.text(), kind == Kind::ofState, begun);
+    if (text.capacity() > mostRoomOfThread) return;
+    text.clear();
+    std::swap(text, room);
 }
 
 void addError(recorded::Fields& fields, const std::optional<NSError>& error) {

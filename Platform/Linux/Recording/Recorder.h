@@ -4,22 +4,22 @@
 //
 //   idle ──start──► recording ──stop, or not fetched for ten seconds──► idle
 //
-// A call is one piece of text, handed over when it ends, so that what goes on at the same time does not
-// mix. Those few that make the core's state (start, rules, network, settings) are kept also while idle, the
-// latest of them: a recording begins with them. Any thread; while idle a flow costs one load for each call.
+// A call is one piece of text, written into its thread's own room and handed over when it ends, so that what
+// goes on at the same time does not mix. Those few that make the core's state (start, rules, network, settings)
+// are kept also while idle, the latest of them: a recording begins with them. Any thread; while idle a flow
+// costs one load for each call.
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 
 #include "Platform/Common/Mutex.h"
 #include "Platform/Common/RecordedFields.h"
+#include "Platform/Common/StringHash.h"
 #include "Platform/Foundation.h"
 
 namespace platform::recording {
@@ -41,17 +41,20 @@ public:
         bool isOver = true;
     };
     Piece fetch(std::int64_t number);
+    // What was fetched and is no longer needed gives its room to what comes.
+    void giveBack(std::string lines);
 
     // A call's side.
     static std::uint64_t nextNumber() { return ++lastNumber; }
     static std::int64_t microseconds();
-    void take(std::string lines, bool isOfState);
+    void take(std::string_view lines, bool isOfState, std::int64_t begun);
     // Whether a program of this token is new to the recording.
     bool isNews(const Data& auditToken);
 
 private:
     void keep(std::string lines) REQUIRES(lock);
-    void endIfForgotten() REQUIRES(lock);
+    void endIfForgotten(std::int64_t now) REQUIRES(lock);
+    void freeRoom() REQUIRES(lock);
 
     static inline std::atomic<bool> recording = false;
     static inline std::atomic<std::uint64_t> lastNumber = 0;
@@ -61,14 +64,14 @@ private:
     std::deque<std::string> stateCalls GUARDED_BY(lock);
     std::size_t stateBytes GUARDED_BY(lock) = 0;
     std::uint64_t stateCallsDropped GUARDED_BY(lock) = 0;
-    std::string waiting GUARDED_BY(lock);
+    std::string waiting GUARDED_BY(lock), room GUARDED_BY(lock);
     std::uint64_t lost GUARDED_BY(lock) = 0;
-    std::set<std::string, std::less<>> knownTokens GUARDED_BY(lock);
-    std::chrono::steady_clock::time_point lastFetch GUARDED_BY(lock);
+    StringSet knownTokens GUARDED_BY(lock);
+    std::int64_t lastFetch GUARDED_BY(lock) = 0;  // in microseconds
 };
 
 // A call of the platform into the core, as long as this lives; what the thread asks of the platform
-// meanwhile belongs to it. False where it isn't written down.
+// meanwhile belongs to it. False where it isn't written down. What it comes with is written before anything else.
 class Call {
 public:
     enum class Kind { ofFlow, ofState };
@@ -81,10 +84,10 @@ public:
     explicit operator bool() const { return isWritten; }
     std::uint64_t number() const { return ownNumber; }
     int nextWork() { return works++; }
-    recorded::Fields& with() { return given; }
-    recorded::Fields& answered() { return answer; }
-    // Begins a line for something that the core asks of the platform.
-    recorded::Fields& asked(std::string_view name) { return inside.line('<').word(name); }
+    recorded::Fields& with() { return text; }
+    // Begins a line for what the core answers, and for something that it asks of the platform.
+    recorded::Fields& answered() { return text.line('='); }
+    recorded::Fields& asked(std::string_view name) { return text.line('<').word(name); }
 
     // Of the calling thread; null if there is none, or it isn't written down.
     static Call* current() { return present && present->isWritten ? present : nullptr; }
@@ -95,9 +98,10 @@ private:
     std::uint64_t ownNumber = 0;
     int works = 0;
     std::int64_t begun = 0;
-    recorded::Fields given, answer, inside;
+    recorded::Fields text;
     Call* const around;
     static inline thread_local Call* present = nullptr;
+    static inline thread_local recorded::Fields room;  // for the next text
 };
 
 // An error by its number; its words are not recorded.
