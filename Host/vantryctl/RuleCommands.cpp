@@ -295,7 +295,7 @@ ExitCode blockApplications(const std::vector<std::string>& words,
             "Blocked, with all that is named below: new traffic is refused, TCP and UDP, except "
             "name "
             "look-ups (UDP port 53). Open connections end, at the latest with what they send "
-            "next.");
+            "next. What others begin is still answered.");
         say(console,
             "A program that an application starts is blocked through that application, or under "
             "its "
