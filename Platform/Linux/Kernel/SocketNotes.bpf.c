@@ -4,7 +4,7 @@
 // namespaces.
 //
 //   connect, sendmsg   `notes` by the socket's cookie: the process, its program and its ancestors
-//   sendmsg            `ports` by the local port as well: the last sender, whose socket may be one of
+//   these of datagrams `ports` by the local port as well: the last sender, whose socket may be one of
 //                      several on the port; and `sendings` by port and destination: the cookie
 //   TCP before SYN     `connections` by the tuple: the cookie
 //   release            the socket's entries go; a datagram's stay in `ports`, marked as closed, as
@@ -301,9 +301,12 @@ static __always_inline int noteConnect(struct bpf_sock_addr* hook, int isIPv6) {
     if (!isLookedAt(task)) return GOES_ON;
     struct KernelNote note = {};
     __u32 port = hook->sk ? hook->sk->src_port : 0;
-    fillNote(&note, bpf_get_socket_cookie(hook), port, hook, isIPv6);
+    __u64 cookie = bpf_get_socket_cookie(hook);
+    fillNote(&note, cookie, port, hook, isIPv6);
     keepNote(&note);
-    if (port && hook->protocol == UDP) bpf_map_update_elem(&ports, &port, &note, BPF_ANY);
+    if (!port || hook->protocol != UDP) return GOES_ON;
+    bpf_map_update_elem(&ports, &port, &note, BPF_ANY);
+    noteSending(&note.tuple, cookie);
     return GOES_ON;
 }
 

@@ -365,8 +365,8 @@ TEST_F(FlowOwnersByNotes, AnOpeningOutlivesItsSocket) {
 }
 
 TEST_F(FlowOwnersByNotes, OfSeveralSocketsOnAPortTheOneThatSentIsNamed) {
-    const auto on = [&](std::uint16_t port, const char* host) {
-        return std::make_unique<RunningProgram>([&, port, host](int ready) {
+    const auto on = [&](std::uint16_t port, const char* host, bool isConnected = false) {
+        return std::make_unique<RunningProgram>([&, port, host, isConnected](int ready) {
             becomePerson();
             const FileDescriptor socket(::socket(AF_INET, SOCK_DGRAM, 0));
             const int yes = 1;
@@ -374,6 +374,7 @@ TEST_F(FlowOwnersByNotes, OfSeveralSocketsOnAPortTheOneThatSentIsNamed) {
             const auto own = SocketAddress::fromNumeric("0.0.0.0", port).value();
             const auto to = SocketAddress::fromNumeric(host, destination.port).value();
             if (::bind(socket.get(), &own.any, own.length) != 0) ::_exit(1);
+            if (isConnected && ::connect(socket.get(), &to.any, to.length) != 0) ::_exit(1);
             shared->port = portOf(socket);
             sayReady(ready);
             while (true) {
@@ -396,6 +397,10 @@ TEST_F(FlowOwnersByNotes, OfSeveralSocketsOnAPortTheOneThatSentIsNamed) {
     }
     send(third);
     EXPECT_EQ(ownerPid(flow(datagram, shared->port)), second->pid()) << "whose packet still waits";
+    const auto connected = on(static_cast<std::uint16_t>(shared->port.load()), "127.0.0.1", true);
+    send(third);
+    EXPECT_EQ(ownerPid(flow(datagram, shared->port)), connected->pid())
+        << "which need not name whom it sends to";
 }
 
 TEST_F(FlowOwnersByNotes, NoAccountPushesOutTheNotesOfAnother) {
