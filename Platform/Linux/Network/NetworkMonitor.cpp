@@ -7,6 +7,7 @@
 
 #include "Platform/Common/Mutex.h"
 #include "Platform/Linux/Dispatch/EventLoop.h"
+#include "Platform/Linux/Health/Health.h"
 #include "Platform/Linux/Network/RememberedRoutes.h"
 #include "Platform/Linux/Network/RouteMessages.h"
 #include "Platform/Linux/Network/StoredRoutes.h"
@@ -17,6 +18,8 @@ namespace {
 
 // However many reports come, pictures are taken no closer together than this.
 constexpr double secondsBetweenPictures = 0.02;
+// Where one can't be taken, as without descriptors.
+constexpr double secondsBetweenTries = 1;
 
 }  // namespace
 
@@ -40,11 +43,7 @@ public:
 
     void handleEvents(std::uint32_t) override {
         reports->discard();
-        if (isResting) {
-            isOutdated = true;
-            return;
-        }
-        refresh();
+        refreshSoon();
     }
 
 private:
@@ -60,6 +59,13 @@ private:
         refresh();  // what changed since the first picture
     }
 
+    void refreshSoon() {
+        if (isResting)
+            isOutdated = true;
+        else
+            refresh();
+    }
+
     void refresh() {
         isResting = true;
         isOutdated = false;
@@ -68,16 +74,23 @@ private:
             if (isOutdated) refresh();
         });
         if (takePicture(*state())) tellObservers();
+        if (!unread.isProblem() || std::exchange(isTryDue, true)) return;
+        loop.after(secondsBetweenTries, [this] {
+            isTryDue = false;
+            refreshSoon();
+        });
     }
 
     // True if it differs from the one before. What `earlier` knows of routes that are gone, it remembers.
     bool takePicture(const NetworkState& earlier) {
         auto picture = readNetworkState();
         if (!picture) {
-            platformLog.error("The state of the network cannot be read: %{public}s",
-                              picture.error().text());
+            if (unread.begin(picture.error().text()))
+                platformLog.error("The state of the network cannot be read: %{public}s",
+                                  picture.error().text());
             return false;
         }
+        if (unread.end()) platformLog.info("The state of the network can be read again");
         rememberRoutes(earlier, *picture);
         if (*picture == *state()) return false;
         const MutexGuard guard(lock);
@@ -100,6 +113,9 @@ private:
     std::optional<netlink::Socket> reports;
     bool isResting = false;   // since the last picture
     bool isOutdated = false;  // by a report since then
+    bool isTryDue = false;    // as the last one failed
+    health::Problem unread{health::Place::network, "networkUnread",
+                           "The state of the network cannot be read"};
     mutable Mutex lock;
     std::shared_ptr<const NetworkState> present GUARDED_BY(lock) =
         std::make_shared<const NetworkState>();
