@@ -21,6 +21,9 @@ namespace {
 // How long a tunnel that no general route leads to may take to get one.
 constexpr std::chrono::seconds timeForRoutes{1};
 
+// Longer than a VPN is away that connects again.
+constexpr std::chrono::minutes longestAbsence{1};
+
 // Addresses of no machine on the way, two for each family: VPNs that replace the default route by its
 // halves have both. (The ranges for benchmarks, RFC 2544 and RFC 5180, and the first of a half.)
 constexpr std::array probesIPv4{"198.18.0.1", "128.0.0.1"};
@@ -91,13 +94,18 @@ TunnelView TunnelState::look(const platform::NetworkState& state,
     }
     for (const auto& name : names)
         if (state.named(name) == nullptr) view.absent.push_back(name);
-    for (auto& [name, tunnel] : tunnels)
-        if (state.named(name) == nullptr) tunnel.inUseSince.reset();
+    for (auto& [name, tunnel] : tunnels) {
+        if (state.named(name) != nullptr) continue;
+        tunnel.inUseSince.reset();
+        if (!tunnel.goneSince) tunnel.goneSince = now;
+    }
     return view;
 }
 
 bool TunnelState::carries(const NetworkInterface& interface, Clock::time_point now) {
     auto& tunnel = tunnels[interface.name];
+    if (tunnel.goneSince && now - *tunnel.goneSince >= longestAbsence) tunnel = {};
+    tunnel.goneSince.reset();
     if (!isInUse(interface)) {
         tunnel.inUseSince.reset();
         return false;

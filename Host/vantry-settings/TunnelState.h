@@ -8,6 +8,7 @@
 //                                                                networks only
 //   is in use, has led the routes       up                       down: its routes are to come, or gone
 //
+// After a minute without the interface it is another VPN's that has the name: what the one before led is forgotten.
 // One thread.
 #pragma once
 
@@ -49,6 +50,7 @@ private:
     struct Tunnel {
         bool hasLed = false;
         std::optional<Clock::time_point> inUseSince;
+        std::optional<Clock::time_point> goneSince;
     };
 
     bool carries(const platform::NetworkInterface& interface, Clock::time_point now);

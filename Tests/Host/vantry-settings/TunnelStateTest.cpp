@@ -58,6 +58,16 @@ TEST_F(TunnelStateTest, ItIsUpWhenItsRoutesAreThere) {
     now += 10s;
     EXPECT_EQ(carrying(), Names{}) << "once it has led the routes, an address alone is not enough";
     EXPECT_EQ(state.looksAgainAt(), std::nullopt);
+    // Another VPN's, perhaps, once it was away for long.
+    for (const auto& [absence, afterwards] : {std::pair(59s, Names{}), {60s, Names{"wg0"}}}) {
+        network = {};
+        EXPECT_EQ(carrying(), Names{});
+        now += absence;
+        network = {{interfaceNamed("wg0")}};
+        EXPECT_EQ(carrying(), Names{});
+        now += 1s;
+        EXPECT_EQ(carrying(), afterwards) << absence.count();
+    }
     // One for some networks only never leads them.
     network = {{interfaceNamed("split")}};
     EXPECT_EQ(carrying(), Names{});
