@@ -25,10 +25,8 @@ Failure unreadable(const std::string& path, const platform::Error& refusal) {
             "Look at it with ls -l, and move it away if no one needs it."};
 }
 
-Failure malformed(const std::string& path, const std::string& why) {
-    return {ExitCode::failed,
-            path + " is not what it should be: " + why + ". It was left as it is.",
-            "Correct it, or move it away: mv " + path + " " + path + ".broken"};
+Failure malformed(const std::string& name, const std::string& why) {
+    return {ExitCode::failed, name + " is not what it should be: " + why + ".", ""};
 }
 
 }  // namespace
@@ -47,18 +45,27 @@ Outcome<std::optional<JSONObject>> readObject(const std::string& path) {
     if (auto* failure = std::get_if<Failure>(&content)) return std::move(*failure);
     const auto& bytes = std::get<std::optional<std::string>>(content);
     if (!bytes) return std::nullopt;
-    auto object = objectFrom(path, *bytes);
+    auto object = objectInOwnFile(path, *bytes);
     if (auto* failure = std::get_if<Failure>(&object)) return std::move(*failure);
     return std::get<JSONObject>(std::move(object));
 }
 
-Outcome<JSONObject> objectFrom(const std::string& path, std::string_view bytes) {
+Outcome<JSONObject> objectFrom(const std::string& name, std::string_view bytes) {
     auto document = platform::parseJSON(bytes);
     if (const auto* failure = std::get_if<JSONFailure>(&document))
-        return malformed(path, failure->description);
+        return malformed(name, failure->description);
     auto* object = std::get_if<JSONObject>(&std::get<JSONValue>(document).value);
-    if (object == nullptr) return malformed(path, "it holds no object");
+    if (object == nullptr) return malformed(name, "it holds no object");
     return std::move(*object);
+}
+
+Outcome<JSONObject> objectInOwnFile(const std::string& path, std::string_view bytes) {
+    auto object = objectFrom(path, bytes);
+    if (auto* failure = std::get_if<Failure>(&object)) {
+        failure->what += " It was left as it is.";
+        failure->advice = "Correct it, or move it away: mv " + path + " " + path + ".broken";
+    }
+    return object;
 }
 
 Outcome<> replaceFile(const std::string& path, const std::string& bytes) {

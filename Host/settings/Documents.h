@@ -15,14 +15,16 @@ namespace vantryhost {
 // The bytes of the file; no value if there is no such file.
 Outcome<std::optional<std::string>> readFile(const std::string& path);
 
-// The object in the file; no value if there is no such file.
+// The object in a file of the settings' own; no value if there is no such file.
 Outcome<std::optional<platform::JSONObject>> readObject(const std::string& path);
 
 // Replaces the file in one step.
 Outcome<> replaceFile(const std::string& path, const std::string& bytes);
 
-// The object that `bytes`, the content of the file at `path`, hold.
-Outcome<platform::JSONObject> objectFrom(const std::string& path, std::string_view bytes);
+// The object that `bytes` hold, which came from what is named so.
+Outcome<platform::JSONObject> objectFrom(const std::string& name, std::string_view bytes);
+// The same of the content of one of the settings' own files, which may be moved away where it is broken.
+Outcome<platform::JSONObject> objectInOwnFile(const std::string& path, std::string_view bytes);
 
 // The text under a key; `otherwise` if there is none.
 std::string textUnder(const platform::JSONObject& object, std::string_view key,

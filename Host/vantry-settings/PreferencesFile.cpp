@@ -76,7 +76,7 @@ Outcome<std::optional<JSONObject>> documentAt(const std::string& path) {
     if (auto* failure = std::get_if<Failure>(&content)) return std::move(*failure);
     const auto& bytes = std::get<std::optional<std::string>>(content);
     if (!bytes) return std::nullopt;
-    auto object = vantryhost::objectFrom(path, *bytes);
+    auto object = vantryhost::objectInOwnFile(path, *bytes);
     if (auto* failure = std::get_if<Failure>(&object)) return std::move(*failure);
     return std::get<JSONObject>(std::move(object));
 }

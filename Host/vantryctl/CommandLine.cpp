@@ -41,6 +41,14 @@ constexpr const char* closingText =
     "not running, 4 not permitted (root, or the group vantry); of why: 0 over the\n"
     "system's own route, 10 directly, 11 blocked.\n";
 
+// Empty if an interface may be called so, as the parser wants it.
+std::string interfaceName(const std::string& name) {
+    constexpr std::size_t longest = 15;
+    const bool isPossible =
+        name.size() <= longest && name.find_first_of(" \t\n/:") == std::string::npos;
+    return isPossible && !name.empty() ? "" : "no interface can be called \"" + name + "\"";
+}
+
 // Where the explanations begin, so that lines fit a terminal.
 constexpr std::size_t columnOfHelp = 18;
 
@@ -196,7 +204,8 @@ void Commands::addVPN() {
     add(vpn, "follow", "The settings service sees by itself whether it is up (the default)",
         [this] { return followVPN(request.interfaces, console); })
         .add_option("-i,--interface", request.interfaces,
-                    "Only these interfaces are the VPN (default: every tunnel)");
+                    "Only these interfaces are the VPN (default: every tunnel)")
+        ->check(interfaceName);
     add(vpn, "up", "The VPN is up", [this] { return setVPNState(true, console); });
     add(vpn, "down", "The VPN is down: its fallback holds",
         [this] { return setVPNState(false, console); });
@@ -304,7 +313,8 @@ void Commands::addLog() {
     });
     takeJSON(log);
     log.add_flag("-f,--follow", request.log.isFollowing, "Go on with each new flow");
-    log.add_option("-n,--lines", request.log.lines, "How many of the latest (40)");
+    log.add_option("-n,--lines", request.log.lines, "How many of the latest (40)")
+        ->check(CLI::Range(0, 1000000));
     log.add_option("-a,--app", request.log.application,
                    "Only this application and what is below it");
 }

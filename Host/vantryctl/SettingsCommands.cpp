@@ -3,11 +3,14 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iostream>
 #include <set>
 #include <sstream>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "Host/settings/Documents.h"
 #include "Host/vantryctl/CommandLine.h"
@@ -93,19 +96,50 @@ std::string difference(const Choices& before, const Choices& after) {
     return text;
 }
 
+std::string mistakenWord(std::string_view what, const std::string& word,
+                         const std::vector<std::string>& words) {
+    if (std::ranges::find(words, word) != words.end()) return "";
+    return fmt::format("{} is \"{}\", not {}", what, printable(word), fmt::join(words, " or "));
+}
+
+// What the daemon would pass over, taking its own choice instead; empty if there is nothing.
+std::string mistakeIn(const JSONObject& document, const Settings& settings) {
+    JSONObject known;
+    settings.writeInto(known);
+    for (const auto& [key, value] : document)
+        if (known.find(key) == known.end())
+            return fmt::format("no setting is called {}", printable(key));
+    const std::vector<std::string> routes{"vpn", "direct"};
+    const std::vector<std::string> fallbacks{"allow", "block"};
+    std::vector mistakes{mistakenWord("defaultAction", settings.defaultAction, routes),
+                         mistakenWord("vpnFallback", settings.vpnFallback, fallbacks),
+                         mistakenWord("directFallback", settings.directFallback, fallbacks)};
+    for (const auto& [application, word] : settings.rules)
+        mistakes.push_back(
+            mistakenWord(fmt::format("the rule of {}", printable(application)), word, routes));
+    const auto first =
+        std::ranges::find_if(mistakes, [](const auto& each) { return !each.empty(); });
+    return first == mistakes.end() ? "" : *first;
+}
+
 Outcome<Settings> settingsInFile(const std::string& path) {
+    const auto unusable = [](const std::string& what) {
+        return Failure{ExitCode::failed, what, "Make one with: vantryctl export > FILE"};
+    };
     std::ifstream file(path);
-    if (!file)
-        return Failure{ExitCode::failed, path + " cannot be read.",
-                       "Make one with: vantryctl export > FILE"};
+    if (!file) return unusable(path + " cannot be read.");
     std::ostringstream content;
     content << file.rdbuf();
-    auto document = vantryhost::objectFrom(path, content.str());
-    if (auto* failure = std::get_if<Failure>(&document)) return std::move(*failure);
-    auto settings = Settings::read(std::get<JSONObject>(document));
+    const auto document = vantryhost::objectFrom(path, content.str());
+    if (const auto* failure = failureOf(document)) return unusable(failure->what);
+    const auto& object = std::get<JSONObject>(document);
+    auto settings = Settings::read(object);
     if (const auto* problem = std::get_if<JSONFailure>(&settings))
-        return Failure{ExitCode::failed, path + ": " + problem->description + ".", ""};
-    return std::get<Settings>(std::move(settings));
+        return unusable(path + ": " + problem->description + ".");
+    auto& found = std::get<Settings>(settings);
+    const auto mistake = mistakeIn(object, found);
+    if (!mistake.empty()) return unusable(path + ": " + mistake + ".");
+    return std::move(found);
 }
 
 bool agrees(const Console& console) {
@@ -129,6 +163,9 @@ ExitCode finish(const Outcome<Change>& outcome, const Console& console, std::str
 
 ExitCode tryCommand(const std::vector<std::string>& arguments, std::chrono::seconds time,
                     const Console& console) {
+    if (arguments.empty())
+        return console.report({ExitCode::usage, "There is no command to try.",
+                               "vantryctl try --help says what it takes."});
     const TrialOfChanges trial(time);
     const int status = run(arguments, console);
     if (trial.hasBegun())
@@ -143,7 +180,11 @@ ExitCode tryCommand(const std::vector<std::string>& arguments, std::chrono::seco
 ExitCode confirmTrial(const Console& console) {
     const auto change = changeSettings(
         [](Choices& choices) { return std::exchange(choices.trial, std::nullopt).has_value(); });
-    return finish(change, console, "It is kept.", "Nothing is on trial.");
+    if (const auto* done = std::get_if<Change>(&change); done != nullptr && !done->isStored)
+        return console.report(
+            {ExitCode::failed, "Nothing is on trial.",
+             "A trial whose time is over was taken back: make the change again."});
+    return finish(change, console, "It is kept.", "");
 }
 
 ExitCode switchRules(bool areOn, const Console& console) {

@@ -334,6 +334,7 @@ TEST_F(RuleCommands, WhatIsTemporaryOrOnTrialEndsAlsoOverARestart) {
     ASSERT_EQ(runTool("try --for 1h rules set b direct").exitCode, 0);
     EXPECT_EQ(rules(), parsed(R"({"a":"vpn","b":"direct"})"));
     EXPECT_EQ(runTool("confirm").exitCode, 0);
+    EXPECT_EQ(runTool("confirm").exitCode, 1) << "nothing is on trial any more";
     // What is taken back is the whole of it: the trial does not begin again.
     EXPECT_EQ(runTool("undo").exitCode, 0);
     EXPECT_EQ(rules(), parsed(R"({"a":"vpn"})"));
@@ -398,6 +399,13 @@ TEST_F(RuleCommands, SettingsTravelAsADocument) {
     EXPECT_EQ(runTool("export").out, exported.out);
     ASSERT_EQ(runTool("rules block a --for 1h").exitCode, 0);
     EXPECT_EQ(runTool("import --yes /run/settings.json").out, "Nothing to change.\n");
+    for (const auto* broken : {"", R"({"vpnFallbak":"block"})", R"({"defaultAction":"sideways"})",
+                               R"({"rules":{"a":"block"}})"}) {
+        writeFile("/run/settings.json", broken);
+        const auto refused = runTool("import --yes /run/settings.json");
+        EXPECT_EQ(refused.exitCode, 1) << broken;
+        EXPECT_EQ(refused.err.find("mv "), std::string::npos) << refused.err;
+    }
 }
 
 }  // namespace
