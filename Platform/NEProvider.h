@@ -78,8 +78,9 @@ public:
     // Says that the rules on which both providers' answers rest begin to change, or that the change is
     // over. Of a flow about which they were asked meanwhile, one may have answered by the old rules and
     // the other by the new ones: if it was declined and let pass, it is offered again, as a new flow,
-    // at its next outbound packet, until they are asked outside of a change. One change at a time. Any
-    // thread.
+    // at its next outbound packet, until they are asked outside of a change. When the change is over, the
+    // filter is asked again, as about a new flow, about each other flow that was declined and let pass, at
+    // its next outbound packet. One change at a time. Any thread.
     void setRulesChanging(bool areChanging);
 };
 

@@ -137,21 +137,24 @@ Offer Flows::offer(const Flow& flow) {
     const auto protocol = protocolOf(state.description.kind);
     auto& providers = machine().providers;
     return show(state, providers.isProxyOffered(protocol, state.description.remoteEndpoint),
-                providers.isFilterAsked());
+                providers.isFilterAsked(), currentGeneration());
 }
 
-Offer Flows::offerToProxy(const Flow& flow) { return show(*flow.state, true, false); }
+Offer Flows::offerToProxy(const Flow& flow) {
+    return show(*flow.state, true, false, currentGeneration());
+}
 
-Offer Flows::show(Flow::State& state, bool toProxy, bool toFilter) {
+Offer Flows::show(Flow::State& state, bool toProxy, bool toFilter, std::uint64_t generationShown) {
     const auto changesBefore = ruleChanges.load();
     std::shared_ptr<ApplicationSocket> socket;
     {
         const MutexGuard guard(state.mutex);
-        state.generation = currentGeneration();
+        state.generation = generationShown;
+        state.ruleChanges = changesBefore;
         socket = state.socket;
     }
     Offer offer;
-    socket->holdOpening();
+    if (toProxy) socket->holdOpening();
     // Held until the proxy's answer is known to its other side: a declined object is let go then.
     const auto object = toProxy ? makeProxyFlow(state.description, socket) : nullptr;
     if (toProxy) offer.claimed = showToProxy(object);
@@ -183,6 +186,7 @@ bool Flows::showToProxy(const std::shared_ptr<NEAppProxyFlow>& object) {
 std::optional<NEFilterDataVerdict> Flows::outbound(const Flow& flow, std::string bytes) {
     auto& state = *flow.state;
     reofferIfDue(state);
+    askFilterIfDue(state);
     {
         const MutexGuard guard(state.mutex);
         if (state.isEnded) return std::nullopt;
@@ -208,9 +212,23 @@ void Flows::reofferIfDue(Flow::State& state) {
     const auto protocol = protocolOf(state.description.kind);
     const auto again =
         show(state, providers.isProxyOffered(protocol, state.description.remoteEndpoint),
-             providers.isFilterAsked());
+             providers.isFilterAsked(), currentGeneration());
     const MutexGuard guard(state.mutex);
     if (again.claimed && !state.isEnded) end(state);
+}
+
+// Once a change of the rules is over, the filter may want to watch or drop what it has let pass.
+void Flows::askFilterIfDue(Flow::State& state) {
+    std::uint64_t declinedIn = 0;
+    {
+        const MutexGuard guard(state.mutex);
+        const bool isDue = !state.offers.empty() &&
+                           state.ruleChanges / 2 != ruleChanges.load() / 2 && !state.isEnded &&
+                           !state.isWatched && !state.offers.back().claimed;
+        if (!isDue) return;
+        declinedIn = state.generation;
+    }
+    if (machine().providers.isFilterAsked()) show(state, false, true, declinedIn);
 }
 
 // The filter sees what has not passed yet, once there is as much as it asked for.

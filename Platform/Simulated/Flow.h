@@ -95,6 +95,7 @@ private:
         bool isEnded GUARDED_BY(mutex) = false;
         bool isWatched GUARDED_BY(mutex) = false;
         std::uint64_t generation GUARDED_BY(mutex) = 0;
+        std::uint64_t ruleChanges GUARDED_BY(mutex) = 0;  // when the filter was asked
         std::int64_t offset GUARDED_BY(mutex) = 0;
         std::size_t peekBytes GUARDED_BY(mutex) = 0;
         std::string unpassed GUARDED_BY(mutex);
@@ -112,19 +113,22 @@ public:
     // Shows it to one provider, whatever the settings.
     Offer offerToProxy(const Flow& flow);
     // Has the application send bytes now, on the caller's thread. Gives what the filter said, or
-    // null if it was not asked. A declined flow that is due to be offered again is.
+    // null if it was not asked. A declined flow that is due to be offered again, to both or to the
+    // filter, is.
     std::optional<NEFilterDataVerdict> outbound(const Flow& flow, std::string bytes);
 
     // Flows that were declined and let pass will be offered once more.
     void startNewGeneration() { generation.fetch_add(1); }
     std::uint64_t currentGeneration() const { return generation.load(); }
-    // Those about which a provider was asked between the two calls will be, too.
+    // Those about which a provider was asked between the two calls will be, too, and the others to the
+    // filter.
     void setRulesChanging(bool) { ruleChanges.fetch_add(1); }
 
 private:
-    Offer show(Flow::State& state, bool toProxy, bool toFilter);
+    Offer show(Flow::State& state, bool toProxy, bool toFilter, std::uint64_t generationShown);
     static bool showToProxy(const std::shared_ptr<NEAppProxyFlow>& object);
     void reofferIfDue(Flow::State& state);
+    void askFilterIfDue(Flow::State& state);
     std::optional<NEFilterDataVerdict> showBytes(Flow::State& state, std::string bytes);
     static void pass(Flow::State& state, const std::string& bytes) REQUIRES(state.mutex);
     static void end(Flow::State& state) REQUIRES(state.mutex);

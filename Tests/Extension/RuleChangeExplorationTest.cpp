@@ -39,7 +39,6 @@ constexpr std::array<Rules, 7> allRules{{
      R"("rules":{"com.example.A":"direct"},"vpnConnected":true,"blockedApps":["com.example.A"])"},
     {"vpn, others direct", Fate::watched,
      R"("rules":{"com.example.A":"vpn"},"vpnConnected":true,"defaultAction":"direct")"},
-    // The last one, which flows pass unseen under: only to end with.
     {"vpn by default", Fate::passing, R"("rules":{},"vpnConnected":true)"},
 }};
 
@@ -73,8 +72,8 @@ void flowsAndChanges(World& world) {
     const auto process = world.application("A", app);
     world.peer("h", 1).echoes();
     world.setPath({{"en0", NWInterface::InterfaceType::wifi}});
-    std::vector<const Rules*> story{&allRules[world.draw(6)]};
-    if (world.draw(2) == 0) story.push_back(&allRules[world.draw(6)]);
+    std::vector<const Rules*> story{&allRules[world.draw(7)]};
+    if (world.draw(2) == 0) story.push_back(&allRules[world.draw(7)]);
     story.push_back(&allRules[world.draw(7)]);
     world.files.put(rulesFile, document(*story.front()));
     ASSERT_TRUE(world.start());

@@ -92,6 +92,14 @@ void Interception::setRulesChanging(bool areChanging) {
     if (areChanging) return;
     areDatagramsDue = true;
     eventfd_write(wakeUp.get(), 1);
+    // One setting does for all changes before it is carried out.
+    if (isFilterDue.exchange(true)) return;
+    apply(
+        [this](Offers& offers) {
+            isFilterDue = false;
+            ++offers.changesOver;
+        },
+        {});
 }
 
 void Interception::setDirectDatagrams(bool areDirect) {
@@ -113,7 +121,9 @@ void Interception::endOffers(ErrorCompletion completion) {
         for (Setting& setting : waiting) setting.change = nullptr;
         isEnding = true;
         waiting.push_back({[](Offers& offers) {
-                               offers = {{}, {}, offers.generation};
+                               offers.proxyRules.clear();
+                               offers.filterAction.reset();
+                               offers.areDatagramsDirect = false;
                            },
                            std::move(completion)});
         isAllInForce = false;
@@ -223,16 +233,22 @@ Result<> Interception::carryOut(const Change& change) {
     const bool isOfferedAgain = !keepsAllRules(before->proxyRules, wanted.proxyRules) ||
                                 before->areDatagramsDirect != wanted.areDatagramsDirect;
     needsFlush |= path.isInstalled() && !wanted.proxyRules.empty() && isOfferedAgain;
+    needsFilter |=
+        path.isInstalled() && wanted.filterAction && before->changesOver != wanted.changesOver;
     wereDatagramsDirect |= before->areDatagramsDirect;
     if (auto put = path.offer(protocolsOf(wanted), before->generation); !put) return put;
     decisions.setOffers(wanted);
-    if (!needsFlush) return {};
-    // From here on verdicts carry the new generation, and those that were asked for before don't.
-    ++wanted.generation;
-    if (auto flushed = path.offerAgain(wanted.generation); !flushed) return flushed;
-    decisions.setOffers(wanted);
-    if (wereDatagramsDirect) decisions.offerSteeredDatagramsAgain();
-    needsFlush = wereDatagramsDirect = false;
+    return needsFlush || needsFilter ? offerAgain(std::move(wanted)) : Result<>();
+}
+
+// From here on verdicts carry the new generation, and those that were asked for before don't.
+Result<> Interception::offerAgain(Offers offers) {
+    ++offers.generation;
+    if (needsFlush) offers.flush = offers.generation;
+    if (auto offered = path.offerAgain(offers.generation, offers.flush); !offered) return offered;
+    decisions.setOffers(std::move(offers));
+    if (needsFlush && wereDatagramsDirect) decisions.offerSteeredDatagramsAgain();
+    needsFlush = needsFilter = wereDatagramsDirect = false;
     return {};
 }
 

@@ -63,7 +63,8 @@ public:
     // False if verdicts are held up.
     bool areVerdictsMoving() const { return path.areVerdictsMoving(); }
 
-    // What is asked about between the two calls is asked again later.
+    // What is asked about between the two calls is asked again later. After the second one the filter is asked
+    // about each declined flow once more.
     void setRulesChanging(bool areChanging);
 
     // Whose socket it is. For questions, not on a packet's way.
@@ -91,6 +92,7 @@ private:
     std::optional<Change> firstChange();
     void finishFirst(const Result<>& outcome);
     Result<> carryOut(const Change& change);
+    Result<> offerAgain(Offers offers);
     bool canBeRetried(const Error& error) const;
     void postpone(const Error& error);
     void sayItIsOver();
@@ -107,9 +109,12 @@ private:
     FileDescriptor wakeUp;
     // Rules have changed: what is steered of datagrams is to be offered again.
     std::atomic<bool> areDatagramsDue = false;
+    // A setting waits that has the filter asked again.
+    std::atomic<bool> isFilterDue = false;
 
     // For the thread alone.
     bool needsFlush = false;
+    bool needsFilter = false;
     bool wereDatagramsDirect = false;  // when the flush became needed, or later
     unsigned triesInVain = 0;
     Clock::time_point nextTry;

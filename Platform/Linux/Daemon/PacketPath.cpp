@@ -118,6 +118,7 @@ void PacketPath::putInPlace(MarkPlace newPlace) {
     place = newPlace;
     // What it steers bears marks in the place before, and ends with it.
     decisions.steerBy(nullptr);
+    decisions.setPlace(newPlace);
     steering.reset();
     OwnTraffic::setMark(newPlace.ownValue());
     directRoutes.emplace(newPlace);
@@ -184,13 +185,20 @@ void PacketPath::startWorkers() {
     startedWorkers = workers.get();
 }
 
-Result<> PacketPath::offerAgain(unsigned generation) {
+Result<> PacketPath::offerAgain(unsigned generation, unsigned flush) {
     const unsigned marked = markedGeneration(generation, generation);
     const std::uint32_t mask = place->mask();
-    const std::uint32_t reused = place->value(FlowState::declined, marked);
-    const std::uint32_t stale = place->value(FlowState::declined, staleGeneration);
+    const auto declinedIn = [at = *place](unsigned number) {
+        return at.value(FlowState::declined, number);
+    };
+    // The last flows to bear the number are so many generations old.
+    const bool isReusedAfterFlush = generation - flush >= countedGenerations;
+    const unsigned becomesOfReused = isReusedAfterFlush ? staleForFilter : staleGeneration;
     auto changed = entries->changeMarks(mask, [=](std::uint32_t mark) {
-        return (mark & mask) == reused ? std::optional(stale) : std::nullopt;
+        const bool isOvertaken = generation == flush && (mark & mask) == declinedIn(staleForFilter);
+        if (isOvertaken) return std::optional(declinedIn(staleGeneration));
+        const bool isReused = (mark & mask) == declinedIn(marked);
+        return isReused ? std::optional(declinedIn(becomesOfReused)) : std::nullopt;
     });
     if (!changed) return changed;
     const auto set = table->setGeneration(marked);

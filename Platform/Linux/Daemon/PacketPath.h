@@ -43,8 +43,9 @@ public:
     // Offers the new flows of these protocols, none of them perhaps. What was in force stays so if that
     // fails; it can be tried again.
     Result<> offer(const std::set<std::uint8_t>& protocols, unsigned generation);
-    // Offers the declined flows of all generations before this one again.
-    Result<> offerAgain(unsigned generation);
+    // Offers the declined flows of all generations before this one again, those that were declined since the
+    // generation `flush` to the filter alone.
+    Result<> offerAgain(unsigned generation, unsigned flush);
 
     bool isInstalled() const { return isInForce; }
 

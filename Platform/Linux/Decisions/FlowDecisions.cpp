@@ -212,7 +212,8 @@ PacketVerdict FlowDecisions::packetVerdict(const Occasion& occasion, const Verdi
     if (beginsAfresh(packet, verdict)) return PacketVerdict::drop(packet);
     if (isClaimed(verdict.state)) return PacketVerdict::of(packet, verdict.state, verdict.uplink);
     if (verdict.state != FlowState::declined) return PacketVerdict::of(packet, verdict.state);
-    if (!isSettledSince(occasion.ruleChanges)) {
+    // When a change is over a generation ends: that is enough for the filter to be asked again.
+    if (!verdict.isOfFilterAlone && !isSettledSince(occasion.ruleChanges)) {
         recent.forget(packet.flow);
         return PacketVerdict::of(packet, FlowState::declined, staleGeneration);
     }
@@ -310,7 +311,8 @@ bool FlowDecisions::isOfAnotherSocket(const HeldPacket& packet, std::uint64_t co
 
 Verdict FlowDecisions::offer(const Occasion& occasion) {
     const auto& [packet, asked, changes, ways] = occasion;
-    const Source source = sourceOf(packet);
+    Source source = sourceOf(packet);
+    source.isOnlyForFilter |= isOfferedToFilterAlone(occasion);
     if (const auto known = verdictOnSteered(packet, source)) return *known;
     const auto claimed = offerToProxy(packet, source, asked);
     const bool isClaimed = claimed != nullptr;
@@ -344,7 +346,9 @@ Verdict FlowDecisions::offer(const Occasion& occasion) {
     if (!source.isAttributed && packet.purpose == PacketPurpose::newFlow &&
         state == FlowState::declined)
         state = FlowState::passedUnseen;
-    return {state, asked.generation, source.cookie};
+    Verdict unclaimed{state, asked.generation, source.cookie};
+    unclaimed.isOfFilterAlone = source.isOnlyForFilter;
+    return unclaimed;
 }
 
 void FlowDecisions::watch(const HeldPacket& packet, const Source& source,
@@ -368,6 +372,18 @@ FlowDecisions::Source FlowDecisions::sourceOf(const HeldPacket& packet) {
         unattributed.add();
     }
     return source;
+}
+
+// True for what the proxy has declined since the last flush: only the rules have changed, and what it would
+// claim now can't be taken over.
+bool FlowDecisions::isOfferedToFilterAlone(const Occasion& occasion) {
+    const auto& [packet, asked, changes, ways] = occasion;
+    if (packet.purpose != PacketPurpose::offeredAgain) return false;
+    const MutexGuard guard(entriesLock);
+    const auto mark = entries ? entries->markOf(packet.flow) : std::nullopt;
+    const MarkPlace place(placeShift);
+    return mark && place.stateOf(*mark) == FlowState::declined &&
+           isAfterFlush(place.generationOf(*mark), asked.flush, asked.generation);
 }
 
 // A connection that the kernel carries already, and that sends its opening again.

@@ -40,7 +40,9 @@ struct Providers {
 struct Offers {
     std::vector<NENetworkRule> proxyRules;       // none: the proxy is not asked
     std::optional<NEFilterAction> filterAction;  // nothing: the filter is not asked
-    unsigned generation = 0;                     // the number of flushes so far
+    unsigned generation = 0;                     // how often declined flows were offered again
+    unsigned flush = 0;                          // the generation in which they last were to both
+    unsigned changesOver = 0;                    // how many changes of the rules were noticed
     bool areDatagramsDirect = false;             // those of direct applications are steered
 };
 
@@ -56,6 +58,9 @@ public:
     // The rules begin to change, or the change is over. A flow that is declined on the word of providers
     // that were asked in between is marked so that its next packet is offered again.
     void setRulesChanging(bool) { ruleChanges.fetch_add(1); }
+
+    // Where in marks the states of flows stand.
+    void setPlace(MarkPlace place) { placeShift = place.shift(); }
 
     // From now on the kernel carries what the proxy claims; null ends that.
     void steerBy(std::shared_ptr<steering::Steering> carrier);
@@ -129,6 +134,7 @@ private:
     Verdict verdictOnForgotten(const Occasion& occasion);
     Verdict show(const Occasion& occasion, WatchedFlow& flow, bool isClaimed);
     Source sourceOf(const HeldPacket& packet);
+    bool isOfferedToFilterAlone(const Occasion& occasion);
     Verdict deny(const Occasion& occasion, std::uint64_t cookie);
     bool countsForItsFlow(const HeldPacket& packet, const Verdict& verdict);
     void forgetFlow(const FlowTuple& flow);
@@ -160,6 +166,7 @@ private:
     std::shared_ptr<steering::Steering> presentSteering GUARDED_BY(offersLock);
     // How often a change of the rules has begun or ended.
     std::atomic<unsigned> ruleChanges = 0;
+    std::atomic<unsigned> placeShift = 0;
     // Null where the kernel does not tell. The last one: its thread uses the others.
     std::unique_ptr<ClosedFlows> closedFlows;
 };

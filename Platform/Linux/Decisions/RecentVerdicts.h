@@ -17,10 +17,11 @@ namespace platform::interception {
 
 struct Verdict {
     FlowState state = FlowState::unseen;
-    unsigned generation = 0;   // in which it was asked for
-    std::uint64_t cookie = 0;  // of the socket that it is about, 0 if that is not known
-    unsigned uplink = 0;       // of a claimed one: the number in its mark; 0 if it is relayed
-    bool isDropped = false;    // the packet goes nowhere, and leaves its connection as it is
+    unsigned generation = 0;       // in which it was asked for
+    std::uint64_t cookie = 0;      // of the socket that it is about, 0 if that is not known
+    unsigned uplink = 0;           // of a claimed one: the number in its mark; 0 if it is relayed
+    bool isOfFilterAlone = false;  // the proxy was not asked
+    bool isDropped = false;        // the packet goes nowhere, and leaves its connection as it is
     // Of steered datagrams: as many changes of rules had begun or ended, and of the ways that datagrams take.
     unsigned ruleChanges = 0;
     std::uint64_t wayChanges = 0;

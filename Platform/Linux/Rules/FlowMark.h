@@ -10,16 +10,26 @@
 
 namespace platform::interception {
 
-// Generations count flushes; a mark has room for few of them, which come round again and again. The
-// last value stands for every generation that is no longer told apart from others, so that a flow that
-// slept through many flushes is still offered again.
+// Generations count how often declined flows were offered again: to both providers by a flush, or to the
+// filter alone. A mark has room for few of them, which come round again and again. Two values more stand for
+// every generation that is no longer told apart from others, of before the last flush and of after it, so
+// that a flow that slept through many is still offered again.
+inline constexpr unsigned countedGenerations = 30;
+inline constexpr unsigned staleForFilter = 30;
 inline constexpr unsigned staleGeneration = 31;
 
-// What a mark says of a generation. The next flush may be under way: a generation whose turn would
-// come with that one counts as stale already.
+// What a mark says of a generation. The next one may be about to begin: one whose turn would come with
+// that counts as stale already.
 constexpr unsigned markedGeneration(unsigned generation, unsigned latest) {
-    const bool isToldApart = latest - generation < staleGeneration - 1;
-    return isToldApart ? generation % staleGeneration : staleGeneration;
+    const bool isToldApart = latest - generation < countedGenerations - 1;
+    return isToldApart ? generation % countedGenerations : staleGeneration;
+}
+
+// Whether a flow that bears this was declined after the last flush, `latest` being in force.
+constexpr bool isAfterFlush(unsigned marked, unsigned flush, unsigned latest) {
+    if (marked >= countedGenerations) return marked == staleForFilter;
+    const unsigned age = (latest % countedGenerations + countedGenerations - marked);
+    return age % countedGenerations <= latest - flush;
 }
 
 constexpr std::uint8_t markByte(FlowState state, unsigned generation = 0) {

@@ -8,7 +8,8 @@
 //                 |             | it is first |             |
 // passed unseen   | offer       | offer again | offer again | offer again
 // declined        | offer       | pass        | pass        | pass
-//  before a flush | offer       | offer again | offer again | offer again
+//  in an earlier  | offer       | offer again | offer again | offer again
+//  generation     |             |             |             |
 // claimed         | offer       | pass        | pass        | pass
 // watched         | offer       | show        | show        | pass
 //  and claimed    | offer       | show        | show        | pass
@@ -25,6 +26,10 @@
 // verdict comes. So whatever lets the packet pass without one (a queue that is full, a verdict that
 // comes too late, the end of the daemon), the connection is offered again with its next packet. What
 // is offered again keeps its state meanwhile.
+//
+// A generation ends with a flush, or with a change of the rules. What was declined before a flush is offered to
+// both providers, and what was declined before a change of the rules, with no flush since, to the filter alone:
+// the proxy might claim it now, and a connection that runs can't be taken over.
 //
 // A denied connection stays so, as no verdict on a packet that had waited meanwhile changes it, and
 // a further datagram is answered from memory as long as its socket and the rules are the same (DeniedFlows).
@@ -55,7 +60,7 @@ enum class PacketKind : std::uint8_t { tcpOpening, datagram, tcpPayload, otherTc
 
 enum class Effect : std::uint8_t { pass, offer, offerIfFirst, offerAgain, show, refuse };
 
-// The table. Declined connections are those of before a flush: the rules let the others pass first.
+// The table. Declined connections are those of earlier generations: the rules let the others pass first.
 constexpr Effect effectOn(FlowState state, PacketKind kind) {
     if (kind == PacketKind::tcpOpening)
         return state == FlowState::ownTraffic ? Effect::refuse : Effect::offer;

@@ -58,6 +58,12 @@ struct Scene {
         setRules(withAnother);
         setRules(everyFlow);
     }
+    void changeRules() {
+        interception->setRulesChanging(true);
+        interception->setRulesChanging(false);
+        // Carried out after what the change has set off.
+        setFilter(NEFilterAction::filterData);
+    }
     // The bytes that the filter was shown, all from the first one on.
     std::int64_t bytesShown() const {
         std::int64_t expected = 0;
@@ -172,6 +178,34 @@ TEST_P(InterceptionOfEveryKind, FlushOffersDeclinedFlowsOnceMoreAlsoAfterALongSl
     ClientSocket another = makeSocket();
     const int error = another.connectTo(address(), port);
     EXPECT_EQ(isTcp() ? error : another.exchange(), ECONNABORTED);
+}
+
+TEST_P(InterceptionOfEveryKind, ChangedRulesShowDeclinedFlowsToTheFilterAlone) {
+    ClientSocket client = connected();
+    ASSERT_EQ(client.exchange(), 0);
+    proxy->isClaiming = true;
+    for (const unsigned changes : {1u, countedGenerations + 1, 1u}) {
+        const std::size_t shown = timesOffered();
+        for (unsigned count = 0; count < changes; ++count) changeRules();
+        for (int round = 0; round < 3; ++round) ASSERT_EQ(client.exchange(), 0);
+        EXPECT_GT(timesOffered(), shown);
+    }
+    EXPECT_EQ(calls.count(Kind::proxy), 1u);
+
+    // A flush counts, however many changes there were before it and after.
+    proxy->isClaiming = false;
+    for (unsigned count = 0; count < countedGenerations; ++count) changeRules();
+    flush();
+    changeRules();
+    ASSERT_EQ(client.exchange(), 0);
+    EXPECT_EQ(calls.count(Kind::proxy), 2u);
+
+    filter->onNewFlow = NewFlow::filterData;
+    changeRules();
+    ASSERT_EQ(client.exchange(), 0);
+    EXPECT_EQ(calls.count(Kind::data), 1u);
+    filter->onData = OnData::drop;
+    EXPECT_EQ(client.exchange(), ECONNABORTED);
 }
 
 TEST_P(InterceptionOfEveryKind, OwnAndLoopbackTrafficIsNeverOffered) {
@@ -560,12 +594,12 @@ TEST(InterceptionQueue, FlushesWithinAMomentOfferAFlowOnceMore) {
     ClientSocket client = Scene::connected(SOCK_DGRAM);
     ASSERT_EQ(client.send(1), 0);
     ASSERT_TRUE(eventually([&] { return scene.timesOffered() == 1; }));
-    for (unsigned count = 0; count < staleGeneration; ++count) scene.flush();
+    for (unsigned count = 0; count < countedGenerations; ++count) scene.flush();
     scene.filter->mayGoOn.set_value();
     ASSERT_EQ(client.receive(1), 0);
     for (int round = 0; round < 2; ++round) ASSERT_EQ(client.exchange(), 0);
     EXPECT_EQ(scene.timesOffered(), 2u);
-    for (unsigned count = 0; count < staleGeneration; ++count) scene.flush();
+    for (unsigned count = 0; count < countedGenerations; ++count) scene.flush();
     ASSERT_EQ(client.exchange(), 0);
     EXPECT_EQ(scene.timesOffered(), 3u);
 }
