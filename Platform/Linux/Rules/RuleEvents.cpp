@@ -16,11 +16,10 @@ namespace platform::interception {
 
 namespace {
 
-bool isOfOurs(const netlink::Message& event, const netlink::Attributes& attributes) {
+bool isOfOurs(const nfgenmsg& header, const netlink::Attributes& attributes) {
     // The same number in events of tables, chains, rules, sets and elements.
     const auto table = attributes.find(NFTA_TABLE_NAME);
-    return table && event.fixedHeader<nfgenmsg>()->nfgen_family == NFPROTO_INET &&
-           isOwnTable(table->text());
+    return table && header.nfgen_family == NFPROTO_INET && isOwnTable(table->text());
 }
 
 bool mayMapToMark(const netlink::Attribute& element) {
@@ -40,9 +39,10 @@ bool concernsUs(unsigned kind, const netlink::Attributes& attributes) {
 void note(const netlink::Message& event, RuleEvents::News& news) {
     const unsigned kind = NFNL_MSG_TYPE(event.type());
     // The end of each change, whatever it was.
-    if (kind == NFT_MSG_NEWGEN || !event.fixedHeader<nfgenmsg>()) return;
+    const auto header = event.fixedHeader<nfgenmsg>();
+    if (kind == NFT_MSG_NEWGEN || !header) return;
     const auto attributes = event.attributes<nfgenmsg>();
-    if (isOfOurs(event, attributes))
+    if (isOfOurs(*header, attributes))
         news.areOursChanged = true;
     else if (concernsUs(kind, attributes))
         news.areOthersChanged = true;
