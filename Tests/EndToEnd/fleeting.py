@@ -46,4 +46,5 @@ def run(stage) -> None:
                                 text=True, check=True).stdout
         stage.checks.equal("of a blocked program that closes its sockets at once: segments and datagrams that leave",
                            [int(each) for each in re.findall(r"packets (\d+)", listed)], [0, 0])
+        stage.checks.equal("and flows that no program could be named for", stage.health("unattributedFlows"), 0)
     stage.stop_daemon()

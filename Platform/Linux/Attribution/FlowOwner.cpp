@@ -109,8 +109,7 @@ public:
         }
         const auto socket = find(flow);
         if (!socket) return ownerOfClosedSocket(flow);
-        auto owner = ownerOf(*socket);
-        if (!owner) owner = ownerOfClosingSocket(flow, socket->cookie);
+        auto owner = ownerOf(*socket, flow);
         if (owner && !notes && flow.protocol == IPPROTO_UDP) {
             sources.remember(sourceOf(flow), {*owner, Clock::now()});
         }
@@ -147,10 +146,12 @@ private:
         return socket;
     }
 
-    std::optional<FlowOwner> ownerOf(const SocketFacts& socket) {
+    std::optional<FlowOwner> ownerOf(const SocketFacts& socket, const FlowTuple& flow) {
         if (const auto note = notes ? notes->ofSocket(socket.cookie) : std::nullopt) {
             if (auto owner = ownerByNote(*note, socket)) return owner;
         }
+        // Before the search, in whose time another socket may come to the port.
+        if (auto owner = ownerOfClosingSocket(flow, socket.cookie)) return owner;
         const bool isHeld = socket.inode != 0;
         if (isHeld) {
             if (auto owner = ownerByHolder(socket)) return owner;
