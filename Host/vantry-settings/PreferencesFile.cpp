@@ -101,8 +101,8 @@ std::vector<std::uint64_t> versions() {
 
 Outcome<> keepVersion(const JSONObject& document) {
     const auto numbers = versions();
-    const auto kept = replaceDurably(pathOfVersion(numbers.empty() ? 1 : numbers.back() + 1),
-                                     vantryhost::prettyDocumentOf(document), accessOfPreferences());
+    auto kept = replaceDurably(pathOfVersion(numbers.empty() ? 1 : numbers.back() + 1),
+                               vantryhost::prettyDocumentOf(document), accessOfPreferences());
     if (failureOf(kept)) return kept;
     const auto count = static_cast<std::size_t>(numbers.size()) + 1;
     for (std::size_t index = 0; index + PreferencesFile::versionsKept < count; ++index)
@@ -130,10 +130,10 @@ Outcome<std::optional<JSONObject>> PreferencesFile::read() {
 Outcome<> PreferencesFile::replace(const std::optional<JSONObject>& before,
                                    const JSONObject& document) {
     if (before) {
-        const auto kept = keepVersion(*before);
+        auto kept = keepVersion(*before);
         if (failureOf(kept)) return kept;
     }
-    const auto replaced = put(document);
+    auto replaced = put(document);
     if (failureOf(replaced) && before) forgetNewestVersion();
     return replaced;
 }
