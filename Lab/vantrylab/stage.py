@@ -170,8 +170,8 @@ class Stage:
 
     # Expectations about what the daemon says
 
-    def expect_line(self, what: str, text: str, since: int = 0) -> None:
-        self.checks.check(what, self.daemon.wait_for(text, since) is not None, f"no line {text!r}")
+    def expect_line(self, what: str, text: str, since: int = 0, seconds: float = 5) -> None:
+        self.checks.check(what, self.daemon.wait_for(text, since, seconds=seconds) is not None, f"no line {text!r}")
 
     def expect_record(self, what: str, address: str, **fields) -> None:
         """The activity log has exactly one entry for the address, with these fields.

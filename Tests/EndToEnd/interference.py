@@ -10,6 +10,8 @@ from vantrylab.verdicts import AT_ONCE_MILLISECONDS, ENDED
 TABLE = ("inet", "vantry")
 RULES = Rules(rules={"com.example.courier": "direct", "com.example.ledger": "vpn"},
               blockedApps=("com.example.chatter",))
+# The daemon looks at the rules of others once in five.
+SECONDS_TO_LOOK = 15
 
 
 def run(stage) -> None:
@@ -55,10 +57,11 @@ def _marks_of_others(stage) -> None:
          "add rule inet other between meta mark set 0x0d000000",
          "add rule inet other after meta mark != 0x0d000000 counter drop")
     _verdicts(stage, "marks of others, at first")
-    stage.expect_line("the byte moves to where no one else's is", "eight others are, from 16 on", since)
+    stage.expect_line("the byte moves to where no one else's is", "eight others are, from 16 on", since,
+                      SECONDS_TO_LOOK)
     _verdicts(stage, "marks of others, after the move")
     _nft("add rule inet other after meta mark 0x6d6f6c65 accept")
-    stage.expect_line("no byte is free: it is said", "that are in use here: cannot find a free byte", since)
+    stage.expect_line("no byte is free: it is said", "that are in use here: cannot find a free byte", since, SECONDS_TO_LOOK)
     _verdicts(stage, "no byte is free")
     _nft("delete table inet other")
     changed_at = stage.now()
@@ -130,7 +133,8 @@ def _routes(stage) -> None:
     since = stage.daemon.mark()
     _nft("add table inet other", "add chain inet other out { type filter hook output priority -180; }",
          "add rule inet other out meta mark set mark or 0x05000000")
-    stage.expect_line("the byte moves while connections are relayed", "eight others are, from 16 on", since)
+    stage.expect_line("the byte moves while connections are relayed", "eight others are, from 16 on", since,
+                      SECONDS_TO_LOOK)
     address = stage.ipv4()
     stage.expect_physical("a direct connection after that", stage.courier.run("connect", address, 80), address)
     _nft("delete table inet other")
