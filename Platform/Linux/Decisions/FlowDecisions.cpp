@@ -534,7 +534,9 @@ Verdict FlowDecisions::show(const Occasion& occasion, WatchedFlow& flow, bool is
         flow.shownAs(), flow.offsetOf(packet), unreadBytes(packet.payloadLength));
     switch (verdict.kind) {
         case NEFilterDataVerdict::Kind::drop:
-            return deny(occasion, flow.cookie());
+            // The end may have begun since it was asked, and the providers know of no rules any more.
+            if (offers()->filterAction) return deny(occasion, flow.cookie());
+            [[fallthrough]];
         case NEFilterDataVerdict::Kind::allow:
             watched.remove(packet.flow);
             return unwatched(occasion, isClaimed, flow.cookie());

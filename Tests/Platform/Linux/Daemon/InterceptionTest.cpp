@@ -364,6 +364,22 @@ TEST_F(InterceptionTest, WhatWaitsAfterADeniedSegmentIsDeniedUnasked) {
     EXPECT_EQ(lab.bytesAtServer(), 5u);
 }
 
+TEST_F(InterceptionTest, ADropThatComesOnceTheEndHasBegunEndsNothing) {
+    filter->onNewFlow = NewFlow::filterData;
+    ClientSocket client = connected();
+    ASSERT_EQ(client.exchange(), 0);
+    filter->onData = OnData::drop;
+    filter->isWaiting = true;
+    ASSERT_EQ(client.send(1), 0);
+    ASSERT_TRUE(eventually([&] { return calls.count(Kind::data) == 2; }));
+    Awaited<std::optional<NSError>> ended;
+    interception->endOffers(ended.put());
+    EXPECT_EQ(ended.get(), std::nullopt);
+    filter->mayGoOn.set_value();
+    EXPECT_EQ(client.receive(1), 0);
+    EXPECT_EQ(client.exchange(), 0);
+}
+
 TEST_F(InterceptionTest, LargeSegmentsOfAWatchedUploadAreShownWholeAndInOrder) {
     filter->onNewFlow = NewFlow::filterData;
     ClientSocket client = connected();
