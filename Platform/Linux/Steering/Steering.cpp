@@ -333,6 +333,9 @@ void Steering::Work::wait() {
 void Steering::Work::serve() {
     for (;;) {
         wait();
+        // Before the look for the end: one that comes after it wakes the next wait.
+        eventfd_t ignored = 0;
+        eventfd_read(wakeUp->get(), &ignored);
         {
             const MutexGuard guard(lock);
             if (isStopping) return;
@@ -344,8 +347,6 @@ void Steering::Work::serve() {
             areRulesChanged || std::any_of(polled.begin() + 2, polled.end(),
                                            [](const pollfd& one) { return one.revents != 0; });
         if (isChanged) {
-            eventfd_t ignored = 0;
-            eventfd_read(wakeUp->get(), &ignored);
             routes->discardEvents();
             ipsec.discardEvents();
             isLookDue = true;
