@@ -179,7 +179,7 @@ class Journey:
         set_clock(+1)
 
     def _connection_table_is_full(self) -> None:
-        """What is open goes on, what is blocked stays so, new connections wait for room, and a person can find out why."""
+        """What is open goes on, what is blocked stays so, new connections wait for room, and `check` says why."""
         limit = pathlib.Path("/proc/sys/net/netfilter/nf_conntrack_max")
         usual, upload = limit.read_text(), open_connection(self.programs["fetch"], Place().address)
         limit.write_text("1")

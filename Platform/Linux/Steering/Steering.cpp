@@ -335,7 +335,7 @@ void Steering::Work::serve() {
         wait();
         // Before the look for the end: one that comes after it wakes the next wait.
         eventfd_t ignored = 0;
-        eventfd_read(wakeUp->get(), &ignored);
+        const bool isWoken = eventfd_read(wakeUp->get(), &ignored) == 0;
         {
             const MutexGuard guard(lock);
             if (isStopping) return;
@@ -344,8 +344,7 @@ void Steering::Work::serve() {
             restsUntil = now >= restsAgainFrom.load() ? now + betweenEvents : now;
         const bool areRulesChanged = ruleEvents.take().areAny();
         const bool isChanged =
-            areRulesChanged || std::any_of(polled.begin() + 2, polled.end(),
-                                           [](const pollfd& one) { return one.revents != 0; });
+            isWoken || areRulesChanged || polled[3].revents != 0 || polled[4].revents != 0;
         if (isChanged) {
             routes->discardEvents();
             ipsec.discardEvents();
