@@ -16,6 +16,7 @@
 #include <iterator>
 #include <memory>
 #include <optional>
+#include <thread>
 
 #include "Host/settings/Documents.h"
 #include "Host/vantryctl/Daemon.h"
@@ -39,6 +40,9 @@ constexpr milliseconds slice{100};
 constexpr milliseconds afterwards{300};
 constexpr std::chrono::seconds longestRule{60};
 constexpr unsigned longestLife = 10;
+// A verdict takes this at most. Until then the sender of a datagram must be found, where the kernel
+// takes no notes by who holds its socket.
+constexpr std::chrono::seconds longestVerdict{2};
 
 bool isIPv6(const Destination& destination) {
     return destination.host.find(':') != std::string::npos;
@@ -312,6 +316,7 @@ ExitCode knock(const std::vector<std::string>& hostsAndPorts) {
         getsockopt(connection.get(), SOL_SOCKET, SO_ERROR, &error, &length);
         if (error == 0) pause();
     }
+    if (!datagrams.empty()) std::this_thread::sleep_for(longestVerdict);
     return ExitCode::done;
 }
 
