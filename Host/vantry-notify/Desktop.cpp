@@ -68,7 +68,7 @@ std::unique_ptr<Desktop> Desktop::connect(Press pressed) {
 
 bool Desktop::show(const Notice& notice) {
     const auto call = callFor(*bus, notice);
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};
     sd_bus_message* reply = nullptr;
     const int result = call ? sd_bus_call(bus.get(), call.get(), 0, &error, &reply) : -ENOMEM;
     if (result < 0)
