@@ -128,7 +128,7 @@ std::vector<std::string> asksIn(const RecordedCall& call) {
 
 // The words of a failure tell of what could not be read, which is replaced in a recording.
 std::string comparableReply(const std::optional<std::string>& reply) {
-    if (!reply) return "nothing";
+    if (!reply) return "no reply";
     const auto document = NSJSONSerialization::JSONObjectWithData(*reply);
     const auto* object = document ? document->as<JSONObject>() : nullptr;
     return object && object->find("error") != object->end() ? "an error" : *reply;
