@@ -35,8 +35,7 @@ PacketPath::~PacketPath() {
     startedWorkers = nullptr;
     workers.reset();
     // Ends what is left of direct connections, while marks and rules still carry their last packets.
-    decisions.steerBy(nullptr);
-    steering.reset();
+    endSteering();
     if (table) static_cast<void>(table->remove());
     if (isInForce) static_cast<void>(wipeMarks());
 }
@@ -116,13 +115,19 @@ void PacketPath::sayOfOverwriting(const std::string& tables) {
 
 void PacketPath::putInPlace(MarkPlace newPlace) {
     place = newPlace;
-    // What it steers bears marks in the place before, and ends with it.
-    decisions.steerBy(nullptr);
     decisions.setPlace(newPlace);
-    steering.reset();
+    // What it steers bears marks in the place before.
+    endSteering();
     OwnTraffic::setMark(newPlace.ownValue());
     directRoutes.emplace(newPlace);
     tunnelGuard.emplace(newPlace);
+}
+
+// Workers that decide just now, and the sessions of the core, may hold it longer than this.
+void PacketPath::endSteering() {
+    decisions.steerBy(nullptr);
+    if (steering) steering->end();
+    steering.reset();
 }
 
 Result<> PacketPath::openParts() {

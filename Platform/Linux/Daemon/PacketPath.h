@@ -71,6 +71,7 @@ private:
     Result<> wipeMarks();
     Result<> installAs(unsigned generation);
     void startSteering();
+    void endSteering();
     void startWorkers();
     void putInPlace(MarkPlace newPlace);
     void followMarksOfOthers();

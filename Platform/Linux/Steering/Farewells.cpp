@@ -65,19 +65,24 @@ FileDescriptor copyOf(const FileDescriptor& process, int descriptor, const Socke
 
 Farewells::Farewells() : thread([this] { serve(); }) {}
 
-Farewells::~Farewells() {
+void Farewells::cutShort() {
+    if (!thread.joinable()) return;
     {
         const MutexGuard guard(lock);
         isEnding = true;
         changed.notifyAll();
     }
     thread.join();
+    const MutexGuard guard(lock);
     for (const auto& farewell : waiting) diagnosis.destroy(farewell.flow, farewell.cookie);
     for (const auto& socket : undelivered) reset(socket);
+    waiting.clear();
+    undelivered.clear();
 }
 
 void Farewells::say(const FlowTuple& flow, std::uint64_t cookie) {
     const MutexGuard guard(lock);
+    if (isEnding) return;
     waiting.push_back({flow, cookie});
     changed.notifyAll();
 }

@@ -23,14 +23,15 @@ namespace platform::steering {
 class Farewells {
 public:
     Farewells();
-    // What still waits is ended at once, and so is what has not arrived.
-    ~Farewells();
+    ~Farewells() { cutShort(); }
     Farewells(const Farewells&) = delete;
     Farewells& operator=(const Farewells&) = delete;
 
     void say(const FlowTuple& flow, std::uint64_t cookie);
     // Waits until all have been said and what was sent has arrived, or for so long.
     void await(std::chrono::milliseconds longest);
+    // What still waits is ended at once, and so is what has not arrived. Nothing is said after that.
+    void cutShort();
 
 private:
     struct Farewell {

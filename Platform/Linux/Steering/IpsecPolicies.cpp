@@ -70,7 +70,8 @@ IpsecPolicies::IpsecPolicies(SteeringMarks steeringMarks) : marks(steeringMarks)
         events.emplace(std::move(*reports));
 }
 
-IpsecPolicies::~IpsecPolicies() {
+void IpsecPolicies::takeAway() {
+    if (std::exchange(isTakenAway, true)) return;
     // What the kernel does not take away does no harm: no packet has its mark any more.
     if (look()) static_cast<void>(exempt({}));
 }

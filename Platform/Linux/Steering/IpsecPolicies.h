@@ -26,8 +26,7 @@ namespace platform::steering {
 class IpsecPolicies {
 public:
     explicit IpsecPolicies(SteeringMarks marks);
-    // Takes ours away.
-    ~IpsecPolicies();
+    ~IpsecPolicies() { takeAway(); }
     IpsecPolicies(const IpsecPolicies&) = delete;
     IpsecPolicies& operator=(const IpsecPolicies&) = delete;
 
@@ -43,6 +42,8 @@ public:
     const TunnelAddresses& tunnelAddresses() const { return ofTunnels; }
     // Puts in force what these uplinks need, after a look.
     Result<> exempt(const std::vector<Uplink>& uplinks);
+    // Takes ours away, once: the next ones may be another's.
+    void takeAway();
 
 private:
     struct Exemption {
@@ -64,6 +65,7 @@ private:
     std::set<Exemption> ours;
     bool haveOthers = false;
     TunnelAddresses ofTunnels;
+    bool isTakenAway = false;
 };
 
 }  // namespace platform::steering

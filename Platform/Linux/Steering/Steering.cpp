@@ -26,6 +26,7 @@
 #include "Platform/Linux/Steering/SteeringTable.h"
 #include "Platform/Linux/Steering/StrictFilter.h"
 #include "Platform/Linux/Steering/Uplinks.h"
+#include "Platform/Linux/SystemError.h"
 
 namespace platform::steering {
 
@@ -51,6 +52,16 @@ SteeredSocket letGo() {
     seen.isReleased = 1;
     return seen;
 }
+
+SteeredSocket endedHere() {
+    SteeredSocket seen{};
+    seen.isClosed = 1;
+    seen.error = ECONNABORTED;
+    return seen;
+}
+
+// Counts on when another steering takes the place of one: a verdict by the first is not current with the second.
+std::atomic<std::uint64_t> wayChangesSoFar{0};
 
 std::vector<Uplink> thoseInBoth(std::vector<Uplink> now, const std::vector<Uplink>& before) {
     std::erase_if(now, [&](const Uplink& uplink) {
@@ -104,18 +115,29 @@ private:
 class Steering::Work {
 public:
     using UplinksPointer = std::shared_ptr<const std::vector<Uplink>>;
+    struct Claim {
+        std::shared_ptr<SteeredSession> session;
+        std::shared_ptr<Socket> socket;
+    };
 
     static Result<std::shared_ptr<Work>> begin(MarkPlace place);
 
     void serve();
-    void stop();
+    // From here on no claim is taken, and the thread ends.
+    void beginEnd();
     void takeAway();
 
-    void enter(const std::shared_ptr<SteeredSession>& session,
+    // False after the end has begun.
+    bool enter(const std::shared_ptr<SteeredSession>& session,
                const std::shared_ptr<Socket>& socket);
+    Verdict confirmed(const Claim& claim, const Verdict& verdict);
     bool follow(const Socket& socket, std::uint32_t mark, std::uint32_t mask);
     std::shared_ptr<SteeredSession> leave(std::uint64_t cookie, std::uint32_t sequence);
-    std::shared_ptr<SteeredSession> sessionOf(std::uint64_t cookie, std::uint32_t sequence);
+    Claim claimOf(std::uint64_t cookie, std::uint32_t sequence);
+    bool isEnding() {
+        const MutexGuard guard(lock);
+        return hasEndBegun;
+    }
 
     UplinksPointer uplinks() {
         const MutexGuard guard(lock);
@@ -139,7 +161,7 @@ public:
     Way wayBy(const Uplink& uplink, const FlowTuple& flow) const;
     // Counted first: a verdict whose entry is not there yet finds the change when it is.
     void forgetDatagrams() {
-        ++wayChanges;
+        ++wayChangesSoFar;
         const MutexGuard guard(datagramsLock);
         datagramEntries->removeDatagramsWith([place = marks.place()](std::uint32_t mark) {
             return interception::isClaimed(place.stateOf(mark));
@@ -150,13 +172,8 @@ public:
     const std::unique_ptr<SteeringPrograms> programs;
     const std::unique_ptr<SteeringRoutes> routes;
     Farewells farewells;
-    std::atomic<std::uint64_t> wayChanges{0};
 
 private:
-    struct Claim {
-        std::shared_ptr<SteeredSession> session;
-        std::shared_ptr<Socket> socket;
-    };
     struct Parts {
         std::unique_ptr<SteeringPrograms> programs;
         std::unique_ptr<SteeringRoutes> routes;
@@ -177,7 +194,9 @@ private:
     void sayWhatIsMissing(bool isTableInForce, bool areAnswersTaken);
     void sayWhatIsRefused(const std::string& refused);
     void endThoseWithoutNetwork();
+    bool isClaim(const Socket& socket) REQUIRES(lock);
     std::vector<Claim> allClaims();
+    std::vector<Claim> takeClaims();
 
     // For the thread alone, and before and after it.
     SteeringTable table{marks};
@@ -208,7 +227,7 @@ private:
     Mutex lock;
     std::unordered_map<std::uint64_t, Claim> claims GUARDED_BY(lock);
     UplinksPointer published GUARDED_BY(lock) = std::make_shared<const std::vector<Uplink>>();
-    bool isStopping GUARDED_BY(lock) = false;
+    bool hasEndBegun GUARDED_BY(lock) = false;
 
     health::Problem rulesProblem{health::Place::steering, "steeringRules",
                                  "Direct connections lack rules"};
@@ -236,14 +255,15 @@ Way Steering::Work::wayBy(const Uplink& uplink, const FlowTuple& flow) const {
 Way Steering::Socket::findWay(const std::string& interfaceName) {
     const auto uplinks = work->uplinks();
     const auto uplink = std::ranges::find(*uplinks, interfaceName, &Uplink::name);
-    if (uplink == uplinks->end()) {
-        isFollowed(0);
+    const bool isThere = uplink != uplinks->end();
+    // Without room to hear of it there would be no end of it.
+    if (!isFollowed(isThere ? uplink->number : 0))
+        return {work->isEnding() ? Way::Kind::gone : Way::Kind::otherFamilyOnly, 0};
+    if (!isThere) {
         // What the core does not know yet is waited for in vain: it may have another one by now.
         const bool exists = NetworkMonitor::shared().state()->named(interfaceName) != nullptr;
         return {exists ? Way::Kind::none : Way::Kind::gone, 0};
     }
-    // Without room to hear of it there would be no end of it.
-    if (!isFollowed(uplink->number)) return {Way::Kind::otherFamilyOnly, 0};
     const Way way = work->wayBy(*uplink, flow);
     if (way.kind == Way::Kind::open && way.needsUplink) {
         const MutexGuard guard(lock);
@@ -265,8 +285,9 @@ bool Steering::Socket::isFollowed(unsigned number) {
 void Steering::Socket::destroy() { work->destroy(flow, cookie); }
 
 void Steering::Socket::finish() {
-    hasFarewell = true;
     work->farewells.say(flow, cookie);
+    // From here on the end of all leaves it to the farewell.
+    hasFarewell = true;
 }
 
 void Steering::Socket::holdBack() { work->holdBack(flow); }
@@ -298,6 +319,7 @@ Result<std::shared_ptr<Steering::Work>> Steering::Work::begin(MarkPlace place) {
                          std::move(*datagramEntries), std::move(*events)}));
     work->followNetwork();
     if (!work->rulesProblem.isProblem()) return work;
+    work->beginEnd();
     work->takeAway();
     return Error(ENOTSUP, "put the packet rules of direct connections in force");
 }
@@ -336,10 +358,7 @@ void Steering::Work::serve() {
         // Before the look for the end: one that comes after it wakes the next wait.
         eventfd_t ignored = 0;
         const bool isWoken = eventfd_read(wakeUp->get(), &ignored) == 0;
-        {
-            const MutexGuard guard(lock);
-            if (isStopping) return;
-        }
+        if (isEnding()) return;
         if (const auto now = Clock::now(); now >= restsUntil && takeEvents())
             restsUntil = now >= restsAgainFrom.load() ? now + betweenEvents : now;
         const bool areRulesChanged = ruleEvents.take().areAny();
@@ -357,21 +376,26 @@ void Steering::Work::serve() {
     }
 }
 
-void Steering::Work::stop() {
+void Steering::Work::beginEnd() {
     following.reset();
     const MutexGuard guard(lock);
-    isStopping = true;
+    hasEndBegun = true;
+    published = std::make_shared<const std::vector<Uplink>>();
     eventfd_write(wakeUp->get(), 1);
 }
 
-// Ends what is left while the rules that its last packets need are there.
+// Ends what is left while the rules that its last packets need are there. The order is the header's.
 void Steering::Work::takeAway() {
-    for (const Claim& claim : allClaims()) {
+    for (const Claim& claim : takeClaims()) {
         if (!claim.socket->isEndedInOrder()) claim.socket->destroy();
-        leave(claim.socket->cookie, claim.socket->sequence);
+        claim.session->socketChanged(endedHere());
     }
+    farewells.cutShort();
     forgetDatagrams();
     table.remove();
+    ipsec.takeAway();
+    routes->takeAway();
+    strictFilter.takeBack();
 }
 
 // False if there were none.
@@ -509,26 +533,59 @@ std::vector<Steering::Work::Claim> Steering::Work::allClaims() {
     return all;
 }
 
+std::vector<Steering::Work::Claim> Steering::Work::takeClaims() {
+    std::vector<Claim> all;
+    const MutexGuard guard(lock);
+    all.reserve(claims.size());
+    for (auto& [cookie, claim] : claims) {
+        programs->forget(cookie);
+        all.push_back(std::move(claim));
+    }
+    claims.clear();
+    return all;
+}
+
 // Two attempts of one socket may be decided at the same time: the claim that comes later counts, whichever it is of.
 // The entry that the programs know always belongs to the claim, as both change under the lock.
-void Steering::Work::enter(const std::shared_ptr<SteeredSession>& session,
+bool Steering::Work::enter(const std::shared_ptr<SteeredSession>& session,
                            const std::shared_ptr<Socket>& socket) {
     Claim overtaken;
     {
         const MutexGuard guard(lock);
+        if (hasEndBegun) return false;
         overtaken = std::exchange(claims[socket->cookie], Claim{session, socket});
     }
     if (overtaken.session) overtaken.session->socketChanged(letGo());
+    return true;
 }
 
 bool Steering::Work::follow(const Socket& socket, std::uint32_t mark, std::uint32_t mask) {
     const MutexGuard guard(lock);
-    const auto found = claims.find(socket.cookie);
-    const bool isClaim = found != claims.end() && found->second.socket.get() == &socket;
-    return isClaim && programs->follow(socket.cookie, socket.sequence, mark, mask);
+    return isClaim(socket) && programs->follow(socket.cookie, socket.sequence, mark, mask);
 }
 
-// The session of that attempt; null if it has none any more.
+bool Steering::Work::isClaim(const Socket& socket) {
+    const auto found = claims.find(socket.cookie);
+    return found != claims.end() && found->second.socket.get() == &socket;
+}
+
+// Of a socket that ended before its entry was made there are no events, and of one whose claim has gone meanwhile
+// no one looks at them.
+Steering::Verdict Steering::Work::confirmed(const Claim& claim, const Verdict& verdict) {
+    bool isFollowedStill = false;
+    {
+        const MutexGuard guard(lock);
+        isFollowedStill = isClaim(*claim.socket);
+    }
+    const bool isAlive = isFollowedStill && verdict.decision != SteeredSession::Decision::deny &&
+                         !programs->wasOverBefore(claim.socket->cookie);
+    if (isAlive) return verdict;
+    if (isFollowedStill) leave(claim.socket->cookie, claim.socket->sequence);
+    claim.session->socketChanged(letGo());
+    return {};
+}
+
+// Takes the session of that attempt; null if it has none any more.
 std::shared_ptr<SteeredSession> Steering::Work::leave(std::uint64_t cookie,
                                                       std::uint32_t sequence) {
     const MutexGuard guard(lock);
@@ -541,21 +598,20 @@ std::shared_ptr<SteeredSession> Steering::Work::leave(std::uint64_t cookie,
 }
 
 // Another number tells another connection of the same socket, whose earlier one is over.
-std::shared_ptr<SteeredSession> Steering::Work::sessionOf(std::uint64_t cookie,
-                                                          std::uint32_t sequence) {
+Steering::Work::Claim Steering::Work::claimOf(std::uint64_t cookie, std::uint32_t sequence) {
     std::uint32_t earlier = 0;
     {
         const MutexGuard guard(lock);
         const auto found = claims.find(cookie);
-        if (found == claims.end()) return nullptr;
+        if (found == claims.end()) return {};
         earlier = found->second.socket->sequence;
-        if (earlier == sequence) return found->second.session;
+        if (earlier == sequence) return found->second;
     }
     // Its event may wait still.
     auto seen = programs->look(cookie).value_or(letGo());
     seen.isReleased = 1;
     if (const auto overtaken = leave(cookie, earlier)) overtaken->socketChanged(seen);
-    return nullptr;
+    return {};
 }
 
 Result<std::unique_ptr<Steering>> Steering::start(MarkPlace place) {
@@ -567,8 +623,9 @@ Result<std::unique_ptr<Steering>> Steering::start(MarkPlace place) {
 Steering::Steering(std::shared_ptr<Work> begun)
     : work(std::move(begun)), thread([held = work] { held->serve(); }) {}
 
-Steering::~Steering() {
-    work->stop();
+void Steering::end() {
+    if (!thread.joinable()) return;
+    work->beginEnd();
     thread.join();
     work->takeAway();
 }
@@ -577,8 +634,9 @@ MarkPlace Steering::place() const { return work->marks.place(); }
 
 std::optional<Steering::Verdict> Steering::verdictOnKnown(const HeldPacket& packet,
                                                           std::uint64_t cookie) {
-    const auto session = work->sessionOf(cookie, packet.tcpSequence);
-    return session ? std::optional(session->decideAgain()) : std::nullopt;
+    const auto claim = work->claimOf(cookie, packet.tcpSequence);
+    if (!claim.session) return std::nullopt;
+    return claim.session->decideAgain();
 }
 
 std::unique_ptr<Steering::Offer> Steering::offer(const HeldPacket& packet, std::uint64_t cookie) {
@@ -603,7 +661,7 @@ Way Steering::wayOfDatagrams(const FlowTuple& flow, const std::string& interface
 
 void Steering::forgetDatagrams() { work->forgetDatagrams(); }
 
-std::uint64_t Steering::wayChanges() const { return work->wayChanges; }
+std::uint64_t Steering::wayChanges() const { return wayChangesSoFar; }
 
 void Steering::awaitEnds(std::chrono::milliseconds longest) { work->farewells.await(longest); }
 
@@ -625,14 +683,9 @@ std::shared_ptr<NWConnection::Implementation> Steering::Offer::Pairing::pairWith
 
 Steering::Verdict Steering::Offer::claim(std::shared_ptr<void> kept) {
     socket->keep(std::move(kept));
-    work->enter(session, socket);
-    const Verdict verdict = session->decide();
-    // A socket that was closed before it was followed has no events any more.
-    const bool isAlive = verdict.decision != SteeredSession::Decision::deny &&
-                         !work->programs->wasOverBefore(socket->cookie);
-    if (isAlive) return verdict;
-    if (work->leave(socket->cookie, socket->sequence)) session->socketChanged(letGo());
-    return {};
+    if (work->enter(session, socket)) return work->confirmed({session, socket}, session->decide());
+    refuse(systemError(ECONNABORTED));
+    return {SteeredSession::Decision::drop, 0};
 }
 
 }  // namespace platform::steering

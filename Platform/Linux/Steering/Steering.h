@@ -3,6 +3,26 @@
 // rules, programs), knows the session of each steered socket, and tells it what happens to the socket. One
 // thread of its own reads the kernel's events and keeps routes and rules as they should be; any thread
 // may offer.
+//
+// A worker may be deciding on a flow when steering ends, at a stop or because the marks' byte moves, and the
+// core's sessions may outlive it. Nothing depends on that, as the end is a step of its own: `end`.
+//
+// | Event                                      | serving            | ending, and after the end              |
+// |--------------------------------------------|--------------------|----------------------------------------|
+// | a flow is claimed                          | its session enters | the opening fails, the SYN is dropped: |
+// |                                            |                    | it comes again as a new flow           |
+// | its way is asked for, by `start` or again  | followed, found    | gone: the session fails, denied        |
+// | decided; its claim was ended meanwhile     | -                  | denied                                 |
+// | a known SYN comes again                    | its session's word | unknown                                |
+// | a session's socket ends or is established  | its session hears  | it has been told of the end            |
+// | the core closes with an error              | socket ended       | socket ended, if it was not yet        |
+// | the core closes in order                   | farewell           | - (the socket has ended)               |
+// | a datagram's way is asked for              | found              | none: dropped                          |
+//
+// The end: 1. no claim is taken any more, and the thread ends; 2. each session's socket is ended, and then the
+// session told; 3. farewells that wait are cut short; 4. entries of steered datagrams go; 5. the packet
+// rules go, so that no packet gets a mark; 6. what marks lead to: IPsec policies, routes, settings of the
+// reverse-path filter. The programs in the kernel, which have no entries then, go with the last session.
 #pragma once
 
 #include <chrono>
@@ -27,10 +47,13 @@ public:
     // Puts all that is needed in force. What an earlier process steered is ended, as the rules may have
     // changed since. Fails where the kernel cannot steer, and leaves nothing then.
     static Result<std::unique_ptr<Steering>> start(MarkPlace place);
-    // Ends the connections that are left, and takes everything away.
-    ~Steering();
+    ~Steering() { end(); }
     Steering(const Steering&) = delete;
     Steering& operator=(const Steering&) = delete;
+
+    // Ends the connections that are left, and takes everything away: another one may start then, even if a worker
+    // still holds this one. The owner's thread.
+    void end();
 
     MarkPlace place() const;
 

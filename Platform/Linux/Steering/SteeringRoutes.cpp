@@ -99,9 +99,11 @@ SteeringRoutes::SteeringRoutes(SteeringMarks steeringMarks, netlink::Socket aski
       events(std::move(reports)),
       questions(std::move(forQuestions)) {}
 
-SteeringRoutes::~SteeringRoutes() {
+void SteeringRoutes::takeAway() {
+    if (std::exchange(isTakenAway, true)) return;
     // What the kernel does not take away does no harm: no packet has its mark any more.
     static_cast<void>(update({}, {}));
+    discardEvents();
 }
 
 Result<> SteeringRoutes::update(const std::vector<Uplink>& uplinks, const NetworkState& network) {

@@ -34,8 +34,7 @@ class SteeringRoutes {
 public:
     // Takes nothing over of what an earlier process left: `update` replaces it.
     static Result<std::unique_ptr<SteeringRoutes>> open(SteeringMarks marks);
-    // Takes rules and tables away.
-    ~SteeringRoutes();
+    ~SteeringRoutes() { takeAway(); }
     SteeringRoutes(const SteeringRoutes&) = delete;
     SteeringRoutes& operator=(const SteeringRoutes&) = delete;
 
@@ -47,6 +46,8 @@ public:
 
     // Puts in force what these uplinks need. Fails with the first thing that the kernel refuses.
     Result<> update(const std::vector<Uplink>& uplinks, const NetworkState& network);
+    // Takes rules and tables away, once: the next ones may be another's.
+    void takeAway();
 
     // False where a rule of somebody else stands so far to the front that none fits before it.
     bool hasRoomForRules() const { return hasRoom; }
@@ -103,6 +104,7 @@ private:
     netlink::Socket socket;
     netlink::Socket events;
     bool hasRoom = true;
+    bool isTakenAway = false;
     Mutex questionsLock;
     netlink::Socket questions GUARDED_BY(questionsLock);
     // By the uplink's number and the family: what is reached.

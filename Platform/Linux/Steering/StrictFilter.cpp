@@ -66,10 +66,11 @@ std::set<std::string> storedNames() {
 
 StrictFilter::StrictFilter() : changed(storedNames()) {}
 
-StrictFilter::~StrictFilter() {
+void StrictFilter::takeBack() {
     if (changed.empty()) return;
     for (const auto& interface : changed) static_cast<void>(haveMarksCount(interface, 0));
     NSFileManager::defaultManager().removeItemAtPath(places::strictFilterFile);
+    changed.clear();
 }
 
 bool StrictFilter::letMarksCount(const std::string& interface) {

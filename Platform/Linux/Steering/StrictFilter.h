@@ -13,12 +13,14 @@ namespace platform::steering {
 class StrictFilter {
 public:
     StrictFilter();
-    ~StrictFilter();
+    ~StrictFilter() { takeBack(); }
     StrictFilter(const StrictFilter&) = delete;
     StrictFilter& operator=(const StrictFilter&) = delete;
 
     // False if answers over this interface would be dropped, and that cannot be changed.
     bool letMarksCount(const std::string& interface);
+    // The interfaces are as they were.
+    void takeBack();
 
 private:
     void store() const;
