@@ -15,7 +15,8 @@
 // |             | start, no way                         | waiting                | SYN dropped  |
 // |             | start, the interface does not exist   | failed ENETDOWN        | denied       |
 // |             | decided without a start               | -                      | denied       |
-// | waiting     | SYN again, a way                      | preparing              | SYN goes     |
+// | waiting     | SYN again, a way                      | preparing              | SYN goes,    |
+// |             |                                       |                        | marked       |
 // |             | SYN again, no way                     | -                      | SYN dropped  |
 // |             | SYN again, no such interface any more | failed ENETDOWN        | ended before |
 // | connecting  | established                           | ready                  | -            |
@@ -61,7 +62,8 @@ struct Way {
 class SessionSocket {
 public:
     virtual ~SessionSocket() = default;
-    // From here on events of the socket come, and its mark will be that of the uplink, if there is one.
+    // From here on events of the socket come, and its mark will be that of the uplink, if there is one; asked
+    // again, that of the uplink that there is by then.
     virtual Way findWay(const std::string& interfaceName) = 0;
     // Ends the socket: its application fails at once, its peer gets a reset.
     virtual void destroy() = 0;

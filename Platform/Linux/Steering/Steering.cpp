@@ -99,11 +99,13 @@ public:
     const FlowTuple flow;
 
 private:
+    static constexpr unsigned notFollowed = ~0u;
     bool isFollowed(unsigned number);
 
     const std::shared_ptr<Work> work;
     std::shared_ptr<void> kept;  // set before anyone else has the socket
-    std::atomic_flag followed;
+    // The number of the uplink whose mark it is to get, 0 for none yet.
+    std::atomic<unsigned> followedAs{notFollowed};
     std::atomic<bool> hasFarewell{false};
     Mutex lock;
     // Once there was a way by the uplink.
@@ -275,11 +277,14 @@ Way Steering::Socket::findWay(const std::string& interfaceName) {
     return way;
 }
 
+// One that waits may get its uplink, or another one, with an opening that comes again: then its entry is made again.
 bool Steering::Socket::isFollowed(unsigned number) {
-    if (followed.test_and_set()) return true;
+    if (followedAs.exchange(number) == number) return true;
     const SteeringMarks& marks = work->marks;
-    return number == 0 ? work->follow(*this, 0, 0)
-                       : work->follow(*this, marks.ofSocket(number), marks.mask());
+    const bool hasEntry = number == 0 ? work->follow(*this, 0, 0)
+                                      : work->follow(*this, marks.ofSocket(number), marks.mask());
+    if (!hasEntry) followedAs = notFollowed;
+    return hasEntry;
 }
 
 void Steering::Socket::destroy() { work->destroy(flow, cookie); }
@@ -636,7 +641,9 @@ std::optional<Steering::Verdict> Steering::verdictOnKnown(const HeldPacket& pack
                                                           std::uint64_t cookie) {
     const auto claim = work->claimOf(cookie, packet.tcpSequence);
     if (!claim.session) return std::nullopt;
-    return claim.session->decideAgain();
+    const Verdict verdict = claim.session->decideAgain();
+    const bool isSteered = verdict.decision == SteeredSession::Decision::steer;
+    return isSteered ? work->confirmed(claim, verdict) : verdict;
 }
 
 std::unique_ptr<Steering::Offer> Steering::offer(const HeldPacket& packet, std::uint64_t cookie) {

@@ -1,4 +1,5 @@
-// What a worker and the core still hold of direct connections when steering ends.
+// What a worker and the core still hold of direct connections when steering ends, and those that wait for an
+// uplink.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
@@ -99,6 +100,26 @@ TEST_F(SteeringEnd, ClaimThatComesAfterItIsRefusedAndLeavesTheNextOneAlone) {
     offered.reset();
     proxied.reset();
     EXPECT_EQ(rules(), before);
+}
+
+TEST_F(SteeringEnd, OneThatWaitedGetsTheMarkOfTheUplinkThatCame) {
+    runCommand("ip route del default dev eth0; ip -6 route del default dev eth0");
+    start();
+    const auto offered = offer();
+    ASSERT_EQ(offered->claim(nullptr).decision, Decision::drop);
+    runCommand("ip route add default via 192.0.2.1 dev eth0 metric 100");
+    ASSERT_TRUE(eventually([&] {
+        const auto again = steering->verdictOnKnown(opening(), cookie());
+        return again && again->decision == Decision::steer;
+    }));
+    ASSERT_EQ(client.connectTo(TestNetwork::serverIPv4, InterceptionLab::echoPort), 0);
+    int mark = 0;
+    socklen_t length = sizeof mark;
+    getsockopt(client.descriptor(), SOL_SOCKET, SO_MARK, &mark, &length);
+    EXPECT_NE(mark, 0);
+    EXPECT_EQ(ends, 0);
+    steering.reset();
+    EXPECT_TRUE(ended());
 }
 
 }  // namespace
