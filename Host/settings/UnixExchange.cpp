@@ -16,8 +16,6 @@ using Step = ExchangeFailure::Step;
 
 namespace {
 
-constexpr timeval longestWait{15, 0};
-
 bool sendAll(int socket, std::string_view bytes) {
     while (!bytes.empty()) {
         const ssize_t length = send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
@@ -56,10 +54,12 @@ int connectTo(const char* path, int socket) {
 }
 
 std::variant<std::string, ExchangeFailure> exchange(const char* socketPath,
-                                                    std::string_view request) {
+                                                    std::string_view request,
+                                                    std::chrono::seconds longestWait) {
+    const timeval wait{longestWait.count(), 0};
     const FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &longestWait, sizeof longestWait);
-    setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &longestWait, sizeof longestWait);
+    setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
     if (connectTo(socketPath, socket.get()) != 0) return ExchangeFailure{Step::connect, errno};
     if (!sendAll(socket.get(), request)) return ExchangeFailure{Step::send, errno};
     auto reply = receiveAll(socket.get());

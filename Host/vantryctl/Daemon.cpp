@@ -32,8 +32,9 @@ Failure failureFor(const vantryhost::ExchangeFailure& failure) {
 }
 
 Outcome<std::string> exchange(std::string_view request,
-                              const char* socketPath = places::messageSocket) {
-    auto reply = vantryhost::exchange(socketPath, request);
+                              const char* socketPath = places::messageSocket,
+                              std::chrono::seconds longestWait = vantryhost::usualWait) {
+    auto reply = vantryhost::exchange(socketPath, request, longestWait);
     if (const auto* failure = std::get_if<vantryhost::ExchangeFailure>(&reply))
         return failureFor(*failure);
     auto& document = std::get<std::string>(reply);
@@ -101,8 +102,9 @@ Outcome<std::vector<HealthItem>> askForHealth() {
     return items;
 }
 
-Outcome<JSONObject> askPlatform(const JSONObject& question) {
-    const auto reply = exchange(vantryhost::documentOf(question), places::questionSocket);
+Outcome<JSONObject> askPlatform(const JSONObject& question, std::chrono::seconds longestWait) {
+    const auto reply =
+        exchange(vantryhost::documentOf(question), places::questionSocket, longestWait);
     if (const auto* failure = std::get_if<Failure>(&reply)) return *failure;
     auto answer = vantryhost::objectFrom("The daemon's answer", std::get<std::string>(reply));
     if (const auto* failure = std::get_if<Failure>(&answer)) return *failure;

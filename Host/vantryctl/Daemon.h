@@ -1,6 +1,7 @@
 // The tool's line to the running daemon: a message and its reply.
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -8,6 +9,7 @@
 #include "Extension/ipc/ExtensionMessage.h"
 #include "Extension/ipc/ExtensionResponse.h"
 #include "Extension/ipc/ExtensionStatus.h"
+#include "Host/settings/UnixExchange.h"
 #include "Host/vantryctl/Outcome.h"
 
 namespace vantryctl {
@@ -18,7 +20,8 @@ Outcome<vantry::ActiveAppsResponse> askForActiveApps();
 Outcome<> askToClearActivityLog();
 
 // A question that the daemon's platform answers; Platform/Linux/HostChannel/Questions.h lists them.
-Outcome<platform::JSONObject> askPlatform(const platform::JSONObject& question);
+Outcome<platform::JSONObject> askPlatform(const platform::JSONObject& question,
+                                          std::chrono::seconds longestWait = vantryhost::usualWait);
 
 // How well the daemon's platform does its work: what it tells of itself, in its order.
 struct HealthItem {

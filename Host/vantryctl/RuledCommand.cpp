@@ -134,6 +134,13 @@ Outcome<RuledCommand> startUnderRule(const std::vector<std::string>& words, Comm
         return *failure;
     }
     command.notes = std::get<Change>(given).notes;
+    if (!std::get<Change>(given).isInForce) {
+        static_cast<void>(endRuleOf(command));
+        return Failure{ExitCode::failed,
+                       fmt::format("{} was not started, as its rule is not in force: {}",
+                                   words.front(), fmt::join(command.notes, " ")),
+                       "See vantryctl status."};
+    }
     const auto all = isManaged ? underServiceManager(group, words) : words;
     command.process = fork();
     if (command.process == 0) become(all, command.groupPath);

@@ -8,6 +8,7 @@
 #include "Host/settings/Places.h"
 #include "Host/settings/UnixExchange.h"
 #include "Host/vantryctl/Console.h"
+#include "Host/vantryctl/Daemon.h"
 
 namespace vantryctl {
 
@@ -130,12 +131,29 @@ bool editBesideTrial(const Edit& edit, Choices& after) {
     return isChanged || isKeptChanged;
 }
 
-void noteSilentDaemon(const Answer& answer, std::vector<std::string>& notes) {
-    if (!answer.stored.isDaemonListening)
-        notes.emplace_back("The daemon is not running; it reads the settings when it starts.");
+// The service has told the daemon, which may still be on its way to the new rules: what is started next
+// would go by the old ones.
+void waitForDaemon(Change& change) {
+    constexpr std::chrono::seconds longestWait{3};
+    const auto taken = askPlatform({{"question", "delivered"}}, longestWait);
+    const auto* failure = failureOf(taken);
+    change.isInForce = failure == nullptr;
+    if (failure == nullptr) return;
+    change.notes.push_back("The daemon does not say that it has taken the change: " +
+                           failure->what);
+    if (!failure->advice.empty()) change.notes.push_back(failure->advice);
+}
+
+void bringToDaemon(const Answer& answer, Change& change) {
+    if (answer.stored.isDaemonListening)
+        waitForDaemon(change);
+    else
+        change.notes.emplace_back(
+            "The daemon is not running; it reads the settings when it starts.");
     if (answer.stored.choices.isOff)
-        notes.emplace_back("All rules are switched off; they hold again after vantryctl on.");
-    for (const auto& problem : answer.stored.problems) notes.push_back(problem);
+        change.notes.emplace_back(
+            "All rules are switched off; they hold again after vantryctl on.");
+    for (const auto& problem : answer.stored.problems) change.notes.push_back(problem);
 }
 
 Outcome<Change> changeBy(const char* request) {
@@ -143,12 +161,15 @@ Outcome<Change> changeBy(const char* request) {
     auto after = ask({{"do", request}});
     if (auto* failure = std::get_if<Failure>(&after)) return std::move(*failure);
     auto& done = std::get<Answer>(after);
-    Change change{{}, done.stored.choices, true, done.notes};
+    Change change;
+    change.after = done.stored.choices;
+    change.isStored = true;
+    change.notes = done.notes;
     if (auto* known = std::get_if<Answer>(&before)) {
         change.before = known->stored.choices;
         change.isStored = known->stored.choices != done.stored.choices;
     }
-    noteSilentDaemon(done, change.notes);
+    bringToDaemon(done, change);
     return change;
 }
 
@@ -174,7 +195,8 @@ Outcome<Change> changeBy(const Edit& edit, bool isPassing) {
         auto asked = ask({{"do", "get"}});
         if (auto* failure = std::get_if<Failure>(&asked)) return std::move(*failure);
         auto& present = std::get<Answer>(asked);
-        Change change{present.stored.choices, present.stored.choices, false, {}};
+        Change change;
+        change.before = change.after = present.stored.choices;
         if (!editBesideTrial(edit, change.after)) return change;
         if (!isPassing) putOnTrial(change.before, change.after);
         change.after.writeInto(present.preferences);
@@ -189,7 +211,7 @@ Outcome<Change> changeBy(const Edit& edit, bool isPassing) {
         change.isStored = true;
         if (timeOfTrial && !isPassing) hasPutOnTrial = true;
         change.notes = done.notes;
-        noteSilentDaemon(done, change.notes);
+        bringToDaemon(done, change);
         return change;
     }
     return Failure{ExitCode::failed, "Other tools are changing the settings all the time.",

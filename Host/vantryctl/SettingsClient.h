@@ -41,11 +41,12 @@ struct Change {
     vantryhost::Choices before;
     vantryhost::Choices after;
     bool isStored = false;           // false if the edit left everything as it was
+    bool isInForce = true;           // false if a daemon that runs has not taken it yet
     std::vector<std::string> notes;  // what the user should know
 };
 
-// Stores the choices as `edit` leaves them; they are in force when it returns. On failure everything is as
-// before. While a `TrialOfChanges` lives, the change is taken back after its time unless it is confirmed.
+// Stores the choices as `edit` leaves them; they are in force when it returns, or a note says why not. On
+// failure everything is as before. While a `TrialOfChanges` lives, the change is taken back after its time unless it is confirmed.
 vantryhost::Outcome<Change> changeSettings(const Edit& edit);
 
 // The same, for what is no setting of the user's: it is not on trial, and cannot be undone.

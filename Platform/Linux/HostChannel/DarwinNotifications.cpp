@@ -22,6 +22,7 @@
 #include "Platform/Common/ThreadAnnotations.h"
 #include "Platform/Foundation.h"
 #include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/HostChannel/DeliveredPosts.h"
 #include "Platform/Linux/HostChannel/FixedPlaces.h"
 #include "Platform/Linux/HostChannel/FolderWatch.h"
 #include "Platform/Linux/HostChannel/HostChannelLog.h"
@@ -61,6 +62,7 @@ public:
 
     void addObserver(void* observer, CFNotificationCallback callback, std::string_view name);
     void removeEveryObserver(void* observer);
+    void whenDelivered(Completion<> completion);
 
 private:
     struct Registration {
@@ -76,6 +78,7 @@ private:
     bool waitForEvents() const;
     std::vector<std::string> namesToDeliver();
     std::vector<std::string> takeNewlyObserved();
+    std::vector<Completion<>> takeWaiting();
     std::vector<std::string> observedNames();
     void deliver(const std::string& name);
     std::vector<std::uint64_t> registrationsOf(const std::string& name);
@@ -96,10 +99,12 @@ private:
     std::uint64_t lastNumber GUARDED_BY(lock) = 0;
     // Names that somebody has begun to observe and that are to be delivered for that.
     std::vector<std::string> newlyObserved GUARDED_BY(lock);
+    // Who wants to know when what was posted has been delivered.
+    std::vector<Completion<>> waiting GUARDED_BY(lock);
 
     std::once_flag deliveryStart;
     const FileDescriptor stopSignal{eventfd(0, EFD_CLOEXEC)};
-    const FileDescriptor observedSignal{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+    const FileDescriptor askedSignal{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
     // Made by `startDelivery`, from then on the delivery thread's own.
     std::unique_ptr<FolderWatch> watch;
     NotificationTouches touches;
@@ -132,7 +137,15 @@ void CFNotificationCenter::addObserver(void* observer, CFNotificationCallback ca
         const MutexGuard guard(lock);
         newlyObserved.emplace_back(name);
     }
-    eventfd_write(observedSignal.get(), 1);
+    eventfd_write(askedSignal.get(), 1);
+}
+
+void CFNotificationCenter::whenDelivered(Completion<> completion) {
+    {
+        const MutexGuard guard(lock);
+        waiting.push_back(std::move(completion));
+    }
+    eventfd_write(askedSignal.get(), 1);
 }
 
 void CFNotificationCenter::removeEveryObserver(void* observer) {
@@ -166,8 +179,13 @@ void CFNotificationCenter::makeFile(const std::string& name) {
 
 void CFNotificationCenter::runDelivery() {
     while (waitForEvents()) {
+        eventfd_t ignored = 0;
+        eventfd_read(askedSignal.get(), &ignored);
+        // Taken first: what was posted before they came is read after.
+        auto answers = takeWaiting();
         for (const auto& name : takeNewlyObserved()) deliver(name);
         for (const auto& name : namesToDeliver()) deliver(name);
+        for (auto& each : answers) each();
     }
 }
 
@@ -175,7 +193,7 @@ void CFNotificationCenter::runDelivery() {
 bool CFNotificationCenter::waitForEvents() const {
     std::array<pollfd, 3> descriptors{{{stopSignal.get(), POLLIN, 0},
                                        {watch->descriptor(), POLLIN, 0},
-                                       {observedSignal.get(), POLLIN, 0}}};
+                                       {askedSignal.get(), POLLIN, 0}}};
     const int timeout = watch->isWatching() ? -1 : retryMilliseconds;
     poll(descriptors.data(), descriptors.size(), timeout);
     return descriptors[0].revents == 0;
@@ -192,10 +210,13 @@ std::vector<std::string> CFNotificationCenter::namesToDeliver() {
 }
 
 std::vector<std::string> CFNotificationCenter::takeNewlyObserved() {
-    eventfd_t ignored = 0;
-    eventfd_read(observedSignal.get(), &ignored);
     const MutexGuard guard(lock);
     return std::exchange(newlyObserved, {});
+}
+
+std::vector<Completion<>> CFNotificationCenter::takeWaiting() {
+    const MutexGuard guard(lock);
+    return std::exchange(waiting, {});
 }
 
 std::vector<std::string> CFNotificationCenter::observedNames() {
@@ -261,6 +282,10 @@ void CFNotificationCenterAddObserver(CFNotificationCenter& center, void* observe
 
 void CFNotificationCenterRemoveEveryObserver(CFNotificationCenter& center, void* observer) {
     center.removeEveryObserver(observer);
+}
+
+void whenPostsAreDelivered(Completion<> completion) {
+    CFNotificationCenterGetDarwinNotifyCenter().whenDelivered(std::move(completion));
 }
 
 }  // namespace platform

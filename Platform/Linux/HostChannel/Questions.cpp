@@ -15,6 +15,7 @@
 #include "Platform/Linux/Attribution/ProcessTable.h"
 #include "Platform/Linux/Attribution/SocketAccounts.h"
 #include "Platform/Linux/DirectSessions.h"
+#include "Platform/Linux/HostChannel/DeliveredPosts.h"
 #include "Platform/Linux/HostChannel/FixedPlaces.h"
 #include "Platform/Linux/HostChannel/SharedFolder.h"
 #include "Platform/Linux/RefusedFlows.h"
@@ -38,6 +39,13 @@ std::int64_t numberUnder(const JSONObject& object, std::string_view key) {
 }
 
 JSONObject errorWith(std::string text) { return {{"error", std::move(text)}}; }
+
+std::optional<Data> dataOf(const JSONObject& answer) {
+    JSONWriter writer;
+    writer.value(answer);
+    auto text = writer.finish();
+    return text ? std::optional<Data>(Data(std::move(*text))) : std::nullopt;
+}
 
 const char* wordFor(ProcessKind kind) {
     switch (kind) {
@@ -184,18 +192,19 @@ Questions::Questions(Sources answersFrom)
           places::questionSocket,
           [] { return prepareSharedFolder(places::runtimeFolder, FolderAccess::everyoneMayRead); },
           [this](const Data& request, Completion<std::optional<Data>> completion) {
-              completion(reply(request));
+              reply(request, std::move(completion));
           },
           {}) {}
 
-std::optional<Data> Questions::reply(const Data& request) const {
+void Questions::reply(const Data& request, Completion<std::optional<Data>> completion) const {
     const auto document = parseJSON(request.bytes().value_or(""));
     const auto* value = std::get_if<JSONValue>(&document);
     const auto* question = value ? value->as<JSONObject>() : nullptr;
-    JSONWriter writer;
-    writer.value(question ? answer(*question) : errorWith("That is no question."));
-    auto text = writer.finish();
-    return text ? std::optional<Data>(Data(std::move(*text))) : std::nullopt;
+    if (!question) return completion(dataOf(errorWith("That is no question.")));
+    if (textUnder(*question, "question") != "delivered")
+        return completion(dataOf(answer(*question)));
+    whenPostsAreDelivered(
+        [completion = std::move(completion)]() mutable { completion(dataOf(JSONObject{})); });
 }
 
 JSONObject Questions::answer(const JSONObject& question) const {

@@ -19,6 +19,10 @@
 //   {"question": "owner", "protocol", "source", "sourcePort", "host", "port", "interface"}
 //   -> {"identifier", "route"}: of a flow that was just seen to leave; empty where no one can be named
 //
+//   {"question": "delivered"}
+//   -> {}, once the notifications that were posted before it have been delivered: new flows go by the rules
+//      that were written then
+//
 //   {"question": "record", ...}, see Platform/Linux/Recording/RecordQuestions.h
 //
 // A session is a direct connection, its phase "begun", "open", "ended" or "failed"; only living ones have
@@ -52,7 +56,7 @@ public:
     // Answers from here to the destructor, on a thread of its own.
     explicit Questions(Sources answersFrom);
 
-    // The answer to one question. Any thread.
+    // The answer to one question, but for "delivered". Any thread.
     JSONObject answer(const JSONObject& question) const;
 
 private:
@@ -62,7 +66,7 @@ private:
     JSONObject owner(const JSONObject& question) const;
     JSONObject refusals() const;
     JSONObject record(const JSONObject& question) const;
-    std::optional<Data> reply(const Data& request) const;
+    void reply(const Data& request, Completion<std::optional<Data>> completion) const;
 
     const Sources sources;
     mutable Mutex recordLock;

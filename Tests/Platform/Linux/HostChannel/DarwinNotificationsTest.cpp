@@ -7,10 +7,12 @@
 #include <atomic>
 #include <future>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <utility>
 #include <vector>
 
+#include "Platform/Linux/HostChannel/DeliveredPosts.h"
 #include "Platform/Linux/HostChannel/FixedPlaces.h"
 #include "Platform/Linux/HostChannel/FolderWatch.h"
 #include "Platform/Linux/HostChannel/SharedFolder.h"
@@ -21,7 +23,6 @@ namespace {
 
 const std::string folder = places::notificationsFolder;
 constexpr const char* changed = "org.quillmere.Vantry.rulesChanged";
-constexpr const char* marker = "org.quillmere.Vantry.marker";
 
 bool touch(const std::string& path) {
     const FileDescriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_NONBLOCK, 0666));
@@ -57,10 +58,11 @@ public:
     bool isDelivered(const std::string& name, int times) {
         return eventually([&] { return count(name) >= times; });
     }
-    // Everything posted before has been delivered when this returns: deliveries keep their order.
-    void settle() {
-        ASSERT_TRUE(touch(folder + "/" + marker));
-        ASSERT_TRUE(isDelivered(marker, ++markers));
+    // Everything posted before has been delivered when this returns.
+    static void settle() {
+        const auto delivered = std::make_shared<std::promise<void>>();
+        whenPostsAreDelivered([delivered] { delivered->set_value(); });
+        delivered->get_future().wait();
     }
 
     std::mutex hold;
@@ -80,7 +82,6 @@ private:
 
     std::mutex lock;
     std::map<std::string, int> counts;
-    int markers = 0;
     std::function<void()> whenDelivered = [] {};
 };
 
@@ -88,7 +89,7 @@ using DarwinNotifications = PrivateMachine;
 
 TEST_F(DarwinNotifications, EveryShapeOfATouchIsOneDelivery) {
     static Observer observer;
-    observer.observe({changed, marker});
+    observer.observe({changed});
     const std::string path = folder + "/" + changed;
     const std::string other = folder + "/other";
     const struct {
@@ -108,7 +109,7 @@ TEST_F(DarwinNotifications, EveryShapeOfATouchIsOneDelivery) {
     for (const auto& each : cases) {
         const int before = observer.count(changed);
         ASSERT_TRUE(each.act()) << each.what;
-        observer.settle();
+        Observer::settle();
         EXPECT_EQ(observer.count(changed) - before, each.deliveries) << each.what;
     }
     observer.stopObserving();
@@ -116,14 +117,14 @@ TEST_F(DarwinNotifications, EveryShapeOfATouchIsOneDelivery) {
 
 TEST_F(DarwinNotifications, PostsDuringADeliveryGiveOneMore) {
     static Observer observer;
-    observer.observe({changed, marker});
+    observer.observe({changed});
     {
         const std::lock_guard holdsTheDelivery(observer.hold);
         touch(folder + "/" + changed);
         ASSERT_TRUE(observer.isDelivered(changed, 1));
         for (int post = 0; post < 5; ++post) touch(folder + "/" + changed);
     }
-    observer.settle();
+    Observer::settle();
     EXPECT_EQ(observer.count(changed), 2);
     observer.stopObserving();
 }
@@ -134,12 +135,12 @@ TEST_F(DarwinNotifications, NoDeliveryBeginsOnceAnObserverIsRemoved) {
     // Out of its first delivery: the second registration of the same observer hears nothing more.
     leaving.observe({changed});
     leaving.observe({changed});
-    staying.observe({changed, marker});
+    staying.observe({changed});
     const int before = leaving.count(changed);
     leaving.onDelivery([] { leaving.stopObserving(); });
     touch(folder + "/" + changed);
     touch(folder + "/" + changed);
-    staying.settle();
+    Observer::settle();
     EXPECT_EQ(leaving.count(changed) - before, 1);
     EXPECT_GE(staying.count(changed), 1);
     staying.stopObserving();
