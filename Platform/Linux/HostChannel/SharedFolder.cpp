@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <optional>
 
 #include "Platform/Linux/FileDescriptor.h"
@@ -26,10 +27,11 @@ Error unusable(const std::string& path, const Error& why) {
 }
 
 // A process that may not give the group its folder, as in a namespace that doesn't know the group,
-// keeps it for itself.
-bool giveToGroup(int folder, const struct stat& present, std::optional<gid_t> group) {
+// keeps it for itself; `refusal` says why.
+bool giveToGroup(int folder, const struct stat& present, gid_t group, int& refusal) {
     const bool isGroups =
-        group && (present.st_gid == *group || fchown(folder, static_cast<uid_t>(-1), *group) == 0);
+        present.st_gid == group || fchown(folder, static_cast<uid_t>(-1), group) == 0;
+    if (!isGroups) refusal = errno;
     return fchmod(folder, isGroups ? groupFolderMode : ownerFolderMode) == 0;
 }
 
@@ -40,16 +42,15 @@ bool isAsAsked(const struct stat& present, FolderAccess access, std::optional<gi
     return mode == groupFolderMode && present.st_gid == *group;
 }
 
-bool setAccess(int folder, const struct stat& present, FolderAccess access) {
+bool setAccess(int folder, const struct stat& present, FolderAccess access, int& refusal) {
     const auto group = trustedGroup();
     if (isAsAsked(present, access, group)) return true;
     if (access == FolderAccess::everyoneMayRead) return fchmod(folder, readableFolderMode) == 0;
-    return giveToGroup(folder, present, group);
+    if (!group) return fchmod(folder, ownerFolderMode) == 0;
+    return giveToGroup(folder, present, *group, refusal);
 }
 
-}  // namespace
-
-Result<> prepareSharedFolder(const std::string& path, FolderAccess access) {
+Result<> prepare(const std::string& path, FolderAccess access, int& refusal) {
     // Closed to everybody else until its group and mode are set.
     if (mkdir(path.c_str(), ownerFolderMode) != 0 && errno != EEXIST)
         return unusable(path, Error::last());
@@ -61,13 +62,25 @@ Result<> prepareSharedFolder(const std::string& path, FolderAccess access) {
     if (!isTrustedAccount(present.st_uid))
         return unusable(path, {EPERM, "", "its owner is not trusted"});
     if (present.st_uid != geteuid() && geteuid() != 0) return {};
-    if (!setAccess(folder.get(), present, access)) return unusable(path, Error::last());
+    if (!setAccess(folder.get(), present, access, refusal)) return unusable(path, Error::last());
     return {};
 }
 
+}  // namespace
+
+Result<> prepareSharedFolder(const std::string& path, FolderAccess access) {
+    int refusal = 0;
+    return prepare(path, access, refusal);
+}
+
 bool makeSharedFolder(const std::string& path, FolderAccess access) {
-    const auto prepared = prepareSharedFolder(path, access);
+    int refusal = 0;
+    const auto prepared = prepare(path, access, refusal);
     if (!prepared) hostChannelLog.error("%{public}s", prepared.error().text());
+    if (refusal != 0)
+        hostChannelLog.error(
+            "%{public}s cannot be given to the group vantry (%{public}s): only root can use it",
+            path, std::strerror(refusal));
     return static_cast<bool>(prepared);
 }
 

@@ -15,8 +15,9 @@ enum class FolderAccess {
 
 // Makes the folder if it is missing and gives it the owner group and the mode that `access` asks
 // for; without a trusted group, or where this process may not give it the folder, it is the owner's
-// alone. A folder that belongs to somebody who is not trusted, or a link in its place, is left alone.
-// False if the folder cannot be used as asked, with one line that says why. Any thread.
+// alone; the latter is said. A folder that belongs to somebody who is not trusted, or a link in its
+// place, is left alone. False if the folder cannot be used as asked, with one line that says why.
+// Any thread.
 bool makeSharedFolder(const std::string& path, FolderAccess access);
 
 // The same without a line; the error is a sentence for people.
