@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "Platform/Common/Mutex.h"
 #include "Platform/Linux/DescriptorReserve.h"
 #include "Platform/Linux/FileDescriptor.h"
 #include "Platform/Linux/Packets/HeldPacket.h"
@@ -34,7 +35,6 @@ namespace {
 constexpr std::chrono::seconds longestWait{10};
 // Between two looks the claims cannot use up the reserve of descriptors.
 constexpr unsigned claimsBetweenLooks = 8;
-constexpr std::chrono::minutes betweenComplaints{1};
 
 void fillFrom(const sockaddr_storage& address, std::array<std::uint8_t, 16>& bytes,
               std::uint16_t& port) {
@@ -49,7 +49,7 @@ void fillFrom(const sockaddr_storage& address, std::array<std::uint8_t, 16>& byt
     }
 }
 
-// The flow as its application sees it; null if the connection was not redirected.
+// The flow as its application sees it; null, with errno set, if the kernel no longer knows.
 std::optional<FlowTuple> originalFlow(int socket, const sockaddr_storage& peer) {
     const bool isIPv4 = peer.ss_family == AF_INET;
     sockaddr_storage wanted{};
@@ -131,6 +131,7 @@ public:
 
     void supply(FileDescriptor socket, const sockaddr_storage& peer) {
         const auto flow = originalFlow(socket.get(), peer);
+        if (!flow) complain(errno);
         Flow claimed = flow ? take(*flow) : nullptr;
         if (flow && !claimed) claimed = takeTranslated(answersOn(socket.get(), peer));
         if (claimed)
@@ -154,6 +155,13 @@ public:
 
 private:
     using Clock = std::chrono::steady_clock;
+
+    void complain(int cause) {
+        if (resets.isDue())
+            platformLog.error("Reset a direct connection whose destination is unknown: %{public}s",
+                              std::strerror(cause));
+    }
+
     struct Claim {
         Flow flow;
         Clock::time_point deadline;
@@ -192,6 +200,7 @@ private:
         ConnectionEntries::openOrNull();
     Mutex lock;
     std::unordered_map<FlowTuple, Claim, FlowHash, SameFlow> claims GUARDED_BY(lock);
+    Seldom resets;
 };
 
 class ClaimedFlows::OpenFlows {
@@ -246,18 +255,9 @@ bool ClaimedFlows::canClaim(int family) {
     claimsSinceLook = 0;
     const FileDescriptor probe(eventfd(0, EFD_CLOEXEC));
     hadDescriptors = probe && !DescriptorReserve::holds(probe.get());
-    if (!hadDescriptors) complain();
+    if (!hadDescriptors && shortages.isDue())
+        platformLog.error("Descriptors are running out; new direct flows are left to the system");
     return hadDescriptors;
-}
-
-void ClaimedFlows::complain() {
-    const auto now = std::chrono::steady_clock::now();
-    {
-        const MutexGuard guard(complaintLock);
-        if (now < nextComplaint) return;
-        nextComplaint = now + betweenComplaints;
-    }
-    platformLog.error("Descriptors are running out; new direct flows are left to the system");
 }
 
 void ClaimedFlows::expect(const FlowTuple& flow, Flow claimed) {

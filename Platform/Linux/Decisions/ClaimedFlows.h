@@ -1,16 +1,16 @@
 // Takes over the connections of claimed flows. The rules redirect them to listeners on the loopback
 // addresses; each accepted socket finds the claim that waits for it by its application's address
 // and port and by the destination that it wanted, and becomes that flow's socket. Any other one is
-// somebody who found the port, and is reset. Any thread may call; accepting happens on the event
-// loops.
+// somebody who found the port, and is reset, as is one whose destination the kernel has
+// forgotten, which is said. Any thread may call; accepting happens on the event loops.
 #pragma once
 
 #include <atomic>
 #include <chrono>
 #include <memory>
 
-#include "Platform/Common/Mutex.h"
 #include "Platform/Linux/Attribution/FlowOwner.h"
+#include "Platform/Linux/Decisions/Seldom.h"
 #include "Platform/Linux/Relay/ConnectionAcceptor.h"
 #include "Platform/Linux/Rules/PacketTable.h"
 
@@ -51,12 +51,9 @@ private:
     class Awaited;
     class OpenFlows;
 
-    void complain();
-
     std::atomic<bool> hadDescriptors{false};
     std::atomic<unsigned> claimsSinceLook{0};
-    Mutex complaintLock;
-    std::chrono::steady_clock::time_point nextComplaint GUARDED_BY(complaintLock);
+    Seldom shortages;
     std::shared_ptr<Awaited> awaited;
     std::shared_ptr<OpenFlows> openFlows;
     std::unique_ptr<ConnectionAcceptor> ipv4;
