@@ -93,6 +93,18 @@ Result<FileDescriptor> openForWriting(const std::string& path) {
     return openTrustedFile(path, O_WRONLY | O_CREAT | O_EXCL);
 }
 
+// Any account can put a folder into shared ground, which no file can be moved over. It is kept under
+// another name. True if the way is free now.
+bool moveFolderAside(const std::string& path) {
+    struct stat status;
+    if (::lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return false;
+    const auto aside = temporaryNameBeside(path + ".broken");
+    if (::rename(path.c_str(), aside.c_str()) != 0) return false;
+    platformLog.info("A folder of user %{public}s stood at %{public}s; it is now %{public}s",
+                     std::to_string(status.st_uid), path, aside);
+    return true;
+}
+
 }  // namespace
 
 NSFileManager& NSFileManager::defaultManager() {
@@ -124,11 +136,14 @@ std::optional<Data> NSFileManager::contentsAtPath(std::string_view path) {
 
 std::optional<NSError> NSFileManager::writeAtomically(std::string_view bytes,
                                                       std::string_view path) {
+    const std::string destination(path);
     const std::string temporaryName = temporaryNameBeside(path);
     const auto filled = createAndFill(temporaryName, bytes);
     if (!filled) return systemError(filled.error());
-    if (::rename(temporaryName.c_str(), std::string(path).c_str()) == 0) return std::nullopt;
+    const auto put = [&] { return ::rename(temporaryName.c_str(), destination.c_str()) == 0; };
+    if (put()) return std::nullopt;
     const Error error = Error::last();
+    if (moveFolderAside(destination) && put()) return std::nullopt;
     ::unlink(temporaryName.c_str());
     return systemError(error);
 }
