@@ -51,6 +51,7 @@ Outcome<bool> RulesFile::write(const Settings& settings, std::vector<std::string
         rememberFile();
         return false;
     }
+    written.reset();
     if (auto obstacle = clearTheWay(notes)) return *std::move(obstacle);
     const auto replaced =
         replaceDurably(places::rulesFile, document, {geteuid(), getegid(), modeOfRulesFile});

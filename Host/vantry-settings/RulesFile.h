@@ -15,7 +15,8 @@ namespace vantrysettings {
 
 class RulesFile {
 public:
-    // Makes the file say `settings`. True if it had to be written; notes say what was in the way.
+    // Makes the file say `settings`. True if it had to be written; notes say what was in the way. After a
+    // failure nothing counts as written.
     vantryhost::Outcome<bool> write(const vantryhost::Settings& settings,
                                     std::vector<std::string>& notes);
 

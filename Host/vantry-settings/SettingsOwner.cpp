@@ -63,15 +63,18 @@ SettingsOwner::SettingsOwner() : revision(firstRevision()) {}
 void SettingsOwner::start(SecondsSince1970 now) {
     removeLeftovers(vantryhost::places::rulesFile);
     preferencesTouched(now);
+}
+
+// Rules that are in force and that no preferences have: from before this service existed, or before the
+// preferences were damaged.
+void SettingsOwner::takeOverRulesFile() {
     if (hasSettings || !preferencesProblem.empty()) return;
-    // Rules that were written before this service existed.
-    if (auto settings = RulesFile::settingsOfOthers()) {
-        Choices taken;
-        taken.settings = *std::move(settings);
-        remember(preferencesProblem,
-                 store(preferences.value_or(JSONObject{}), std::move(taken), Keeping::version));
-        putInForce();
-    }
+    auto settings = RulesFile::settingsOfOthers();
+    if (!settings) return;
+    Choices taken;
+    taken.settings = *std::move(settings);
+    remember(preferencesProblem,
+             store(preferences.value_or(JSONObject{}), std::move(taken), Keeping::version));
 }
 
 Outcome<> SettingsOwner::load() {
@@ -81,19 +84,16 @@ Outcome<> SettingsOwner::load() {
     if (auto* failure = std::get_if<Failure>(&read)) return std::move(*failure);
     auto& document = std::get<std::optional<JSONObject>>(read);
     if (!document) {
-        isStoringDue = false;
-        storingProblem.clear();
-        hasSettings = false;
-        preferences.reset();
-        choices = {};
+        isStoringDue = hasSettings;
         return vantryhost::Nothing{};
     }
     auto found = Choices::read(*document);
     if (auto* failure = std::get_if<Failure>(&found)) return std::move(*failure);
     auto& known = std::get<std::optional<Choices>>(found);
-    const bool holdsSettings = known.has_value();
+    // Settings that someone has taken out of the file are set back, those that never were stay unset.
+    const bool areSet = known.has_value() || hasSettings;
     adoptStored(*std::move(document), known ? *std::move(known) : Choices{});
-    hasSettings = holdsSettings;
+    hasSettings = areSet;
     return vantryhost::Nothing{};
 }
 
@@ -107,6 +107,7 @@ void SettingsOwner::adopt(Document document, Choices found) {
 // What cannot be used leaves the settings in force as they are.
 void SettingsOwner::preferencesTouched(SecondsSince1970 now) {
     remember(preferencesProblem, load());
+    takeOverRulesFile();
     timePassed(now);
     putInForce();
 }
@@ -268,16 +269,18 @@ JSONObject SettingsOwner::undo(SecondsSince1970 now) {
 }
 
 JSONObject SettingsOwner::report() const {
-    return {{"revision", std::to_string(revision)},
-            {"preferences", preferences.value_or(JSONObject{})},
-            {"hasSettings", hasSettings},
-            {"tunnel", JSONObject{{"isFollowed", choices.tunnel.isFollowed},
-                                  {"isUp", settingsInForce().vpnConnected},
-                                  {"carrying", list(tunnel.carrying)},
-                                  {"absent", list(tunnel.absent)}}},
-            {"isDaemonListening", vantryhost::isDaemonListening()},
-            {"problems", list(present)},
-            {"notes", list(notes)}};
+    JSONObject report{{"revision", std::to_string(revision)},
+                      {"preferences", preferences.value_or(JSONObject{})},
+                      {"hasSettings", hasSettings},
+                      {"tunnel", JSONObject{{"isFollowed", choices.tunnel.isFollowed},
+                                            {"isUp", settingsInForce().vpnConnected},
+                                            {"carrying", list(tunnel.carrying)},
+                                            {"absent", list(tunnel.absent)}}},
+                      {"isDaemonListening", vantryhost::isDaemonListening()},
+                      {"problems", list(present)},
+                      {"notes", list(notes)}};
+    if (!rulesFileProblem.empty()) report["notInForce"] = rulesFileProblem;
+    return report;
 }
 
 vantryhost::Settings SettingsOwner::settingsInForce() const {

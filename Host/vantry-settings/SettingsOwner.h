@@ -1,6 +1,7 @@
 // What the settings service decides: it owns the preferences, keeps the rules file saying what they say,
 // ends what is temporary, and puts in force whether the VPN is up. It answers requests as documents.
-// It has no clock, no thread and no socket of its own: whoever runs it tells it what has happened.
+// What it shows is what is in force: a preferences file that is taken away is written again, as the rules
+// file is. It has no clock, no thread and no socket of its own: whoever runs it tells it what has happened.
 //
 // A change is a whole new document against the revision that it was made from, so two tools at once
 // cannot undo each other's work: the second is told of the conflict, reads again and repeats its edit.
@@ -11,8 +12,8 @@
 //   {"do": "undo"}                                            the newest version that differs
 //   {"do": "restore"}                                         the rules file is looked at again
 //
-// An answer has "revision", "preferences", "tunnel", "problems" and "notes"; or "conflict": true; or
-// "failure" with "what" and "advice".
+// An answer has "revision", "preferences", "tunnel", "problems" and "notes", and "notInForce" if the rules file
+// cannot be written at present; or "conflict": true; or "failure" with "what" and "advice".
 #pragma once
 
 #include <cstdint>
@@ -60,6 +61,7 @@ private:
     using Document = platform::JSONObject;
 
     vantryhost::Outcome<> load();
+    void takeOverRulesFile();
     void adopt(Document document, vantryhost::Choices choices);
     void adoptStored(Document document, vantryhost::Choices choices);
     void changeByItself(vantryhost::Choices changed);

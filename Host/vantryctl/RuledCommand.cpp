@@ -111,6 +111,13 @@ Outcome<Change> giveRule(const std::string& identifier, Way way, std::chrono::se
     });
 }
 
+Failure notStarted(const std::string& program, const Change& change) {
+    return {ExitCode::failed,
+            fmt::format("{} was not started, as its rule is not in force. {}", program,
+                        fmt::join(change.notes, " ")),
+            "See vantryctl status."};
+}
+
 }  // namespace
 
 Outcome<RuledCommand> startUnderRule(const std::vector<std::string>& words, CommandKind kind,
@@ -129,18 +136,14 @@ Outcome<RuledCommand> startUnderRule(const std::vector<std::string>& words, Comm
                        "runs in this session.",
                        "Log in as yourself (not by su), or use sudo."};
     const auto given = giveRule(group.identifier, way, time);
-    if (const auto* failure = failureOf(given)) {
-        if (!command.groupPath.empty()) rmdir(command.groupPath.c_str());
-        return *failure;
-    }
-    command.notes = std::get<Change>(given).notes;
-    if (!std::get<Change>(given).isInForce) {
+    const auto* failure = failureOf(given);
+    const auto* change = std::get_if<Change>(&given);
+    if (failure != nullptr || !change->isInForce) {
+        // It may be stored all the same.
         static_cast<void>(endRuleOf(command));
-        return Failure{ExitCode::failed,
-                       fmt::format("{} was not started, as its rule is not in force: {}",
-                                   words.front(), fmt::join(command.notes, " ")),
-                       "See vantryctl status."};
+        return failure != nullptr ? *failure : notStarted(words.front(), *change);
     }
+    command.notes = change->notes;
     const auto all = isManaged ? underServiceManager(group, words) : words;
     command.process = fork();
     if (command.process == 0) become(all, command.groupPath);

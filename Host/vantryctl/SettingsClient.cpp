@@ -30,6 +30,7 @@ struct Answer {
     JSONObject preferences;
     std::string revision;
     std::vector<std::string> notes;
+    std::string notInForce;  // why, where that is so
     bool isConflict = false;
 };
 
@@ -82,6 +83,7 @@ Outcome<Answer> answerIn(const JSONObject& document) {
     answer.preferences = objectIn(document, "preferences");
     answer.revision = textUnder(document, "revision");
     answer.notes = textsIn(document, "notes");
+    answer.notInForce = textUnder(document, "notInForce");
     auto choices = Choices::read(answer.preferences);
     if (auto* problem = std::get_if<Failure>(&choices)) return std::move(*problem);
     const auto tunnel = objectIn(document, "tunnel");
@@ -131,6 +133,12 @@ bool editBesideTrial(const Edit& edit, Choices& after) {
     return isChanged || isKeptChanged;
 }
 
+// Where the rules file cannot be written, nothing changes for any flow.
+Failure storedOnly(const Answer& answer) {
+    return {ExitCode::failed, "The change is stored, but it is not in force: " + answer.notInForce,
+            "The service tries it again every few seconds; vantryctl status says when it has."};
+}
+
 // The service has told the daemon, which may still be on its way to the new rules: what is started next
 // would go by the old ones.
 void waitForDaemon(Change& change) {
@@ -161,6 +169,7 @@ Outcome<Change> changeBy(const char* request) {
     auto after = ask({{"do", request}});
     if (auto* failure = std::get_if<Failure>(&after)) return std::move(*failure);
     auto& done = std::get<Answer>(after);
+    if (!done.notInForce.empty()) return storedOnly(done);
     Change change;
     change.after = done.stored.choices;
     change.isStored = true;
@@ -210,6 +219,7 @@ Outcome<Change> changeBy(const Edit& edit, bool isPassing) {
         change.after = done.stored.choices;
         change.isStored = true;
         if (timeOfTrial && !isPassing) hasPutOnTrial = true;
+        if (!done.notInForce.empty()) return storedOnly(done);
         change.notes = done.notes;
         bringToDaemon(done, change);
         return change;

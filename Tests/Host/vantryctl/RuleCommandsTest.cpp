@@ -309,6 +309,27 @@ TEST_F(RuleCommands, AFullDiskLeavesEverythingAsItWas) {
         [] { return contentOf(places::preferencesFile).find("until") == std::string::npos; }));
 }
 
+TEST_F(RuleCommands, WhatIsShownIsInForce) {
+    ASSERT_EQ(runTool("rules set a direct").exitCode, 0);
+    const auto before = contentOf(places::preferencesFile);
+    ASSERT_EQ(unlink(places::preferencesFile), 0);
+    EXPECT_TRUE(eventually([&] { return contentOf(places::preferencesFile) == before; }));
+    startServiceWith("{");
+    ASSERT_EQ(unlink(places::preferencesFile), 0);
+    EXPECT_TRUE(eventually([&] {
+        return under(parsed(runTool("rules --json").out), "rules") == parsed(R"({"a":"direct"})");
+    })) << "of damaged preferences, what is in force stays";
+
+    ASSERT_EQ(mount("tmpfs", "/tmp", "tmpfs", MS_REMOUNT, "size=64k"), 0);
+    writeFile("/tmp/filler", std::string(65536, 'x'));
+    const auto result = runTool("rules block b");
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_NE(result.err.find("not in force"), std::string::npos) << result.err;
+    ASSERT_EQ(unlink("/tmp/filler"), 0);
+    EXPECT_TRUE(eventually(
+        [] { return under(storedInRulesFile(), "blockedApps") == parsed(R"(["b"])"); }));
+}
+
 TEST_F(RuleCommands, WhatIsTemporaryOrOnTrialEndsAlsoOverARestart) {
     const auto rules = [] { return under(storedInRulesFile(), "rules"); };
     const auto blocked = [] { return under(storedInRulesFile(), "blockedApps"); };
