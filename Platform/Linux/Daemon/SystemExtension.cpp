@@ -33,6 +33,7 @@ using interception::Providers;
 using interception::RunningInterception;
 
 constexpr std::chrono::seconds longestStart{10};
+constexpr std::chrono::milliseconds betweenLooks{50};
 constexpr std::chrono::milliseconds longestStop{800};
 constexpr std::chrono::milliseconds longestFarewell{1000};
 constexpr std::chrono::milliseconds longestEnd{2500};
@@ -57,17 +58,34 @@ std::optional<Result> await(std::chrono::milliseconds longest, Operation operati
     return result.get();
 }
 
+bool isToEnd() {
+    sigset_t pending;
+    return sigpending(&pending) == 0 &&
+           (sigismember(&pending, SIGTERM) == 1 || sigismember(&pending, SIGINT) == 1);
+}
+
+// A start that is refused for now is not waited for when the process is to end.
+template <class Operation>
+void awaitStart(Operation operation) {
+    const auto done = std::make_shared<std::promise<void>>();
+    const auto result = done->get_future();
+    const auto deadline = std::chrono::steady_clock::now() + longestStart;
+    operation(done);
+    while (result.wait_for(betweenLooks) != std::future_status::ready && !isToEnd() &&
+           std::chrono::steady_clock::now() < deadline) {
+    }
+}
+
 void startFilter(const Providers& providers) {
-    await<bool>(longestStart, [&](auto done) {
-        providers.filter->startFilter(
-            [done](const std::optional<NSError>& error) { done->set_value(!error); });
+    awaitStart([&](auto done) {
+        providers.filter->startFilter([done](const std::optional<NSError>&) { done->set_value(); });
     });
 }
 
 void startProxy(const Providers& providers) {
-    await<bool>(longestStart, [&](auto done) {
-        providers.proxy->startProxy(
-            std::nullopt, [done](const std::optional<NSError>& error) { done->set_value(!error); });
+    awaitStart([&](auto done) {
+        providers.proxy->startProxy(std::nullopt,
+                                    [done](const std::optional<NSError>&) { done->set_value(); });
     });
 }
 
@@ -156,13 +174,13 @@ Questions::Sources answersFrom(const Providers& providers) {
 // that cannot succeed ends at once.
 int serve(const Interception& interception, HostChannel& channel) {
     const sigset_t signals = endSignals();
-    constexpr timespec betweenLooks{0, 50'000'000};
+    constexpr timespec moment{0, std::chrono::nanoseconds(betweenLooks).count()};
     while (!interception.isInForce()) {
         if (const auto failure = interception.failure()) {
             platformLog.error("Flows cannot be decided: %{public}s", failure->text());
             return EXIT_FAILURE;
         }
-        if (sigtimedwait(&signals, nullptr, &betweenLooks) > 0) return EXIT_SUCCESS;
+        if (sigtimedwait(&signals, nullptr, &moment) > 0) return EXIT_SUCCESS;
     }
     channel.sayReady();
     int received = 0;
