@@ -32,9 +32,32 @@ Settings lastingSettings(Choices choices) {
     return std::move(choices.settings);
 }
 
-JSONObject lastingDocument(const Choices& choices) {
+const std::vector<std::string> routeWords{"vpn", "direct", "block"};
+const std::vector<std::string> fallbackWords{"allow", "block"};
+
+bool isOneOf(const std::string& word, const std::vector<std::string>& words) {
+    return std::ranges::find(words, word) != words.end();
+}
+
+// Words that an edit by hand has brought in, as what they count for: `import` knows no others.
+Settings inKnownWords(Settings settings, const Console& console) {
+    const auto replace = [&](std::string_view what, std::string& word, const auto& words) {
+        if (isOneOf(word, words)) return;
+        console.note(fmt::format("{} is \"{}\", which counts as {}: printed as that.", what, word,
+                                 words[0]));
+        word = words[0];
+    };
+    replace("defaultAction", settings.defaultAction, routeWords);
+    replace("vpnFallback", settings.vpnFallback, fallbackWords);
+    replace("directFallback", settings.directFallback, fallbackWords);
+    for (auto& [application, word] : settings.rules)
+        replace(fmt::format("the rule of {}", application), word, routeWords);
+    return settings;
+}
+
+JSONObject lastingDocument(const Settings& settings) {
     JSONObject document;
-    lastingSettings(choices).writeInto(document);
+    settings.writeInto(document);
     JSONObject lasting;
     for (auto& [key, value] : document)
         if (key != "vpnConnected") lasting[key] = std::move(value);
@@ -98,7 +121,7 @@ std::string difference(const Choices& before, const Choices& after) {
 
 std::string mistakenWord(std::string_view what, const std::string& word,
                          const std::vector<std::string>& words) {
-    if (std::ranges::find(words, word) != words.end()) return "";
+    if (isOneOf(word, words)) return "";
     return fmt::format("{} is \"{}\", not {}", what, printable(word), fmt::join(words, " or "));
 }
 
@@ -109,17 +132,29 @@ std::string mistakeIn(const JSONObject& document, const Settings& settings) {
     for (const auto& [key, value] : document)
         if (known.find(key) == known.end())
             return fmt::format("no setting is called {}", printable(key));
-    const std::vector<std::string> routes{"vpn", "direct"};
-    const std::vector<std::string> fallbacks{"allow", "block"};
-    std::vector mistakes{mistakenWord("defaultAction", settings.defaultAction, routes),
-                         mistakenWord("vpnFallback", settings.vpnFallback, fallbacks),
-                         mistakenWord("directFallback", settings.directFallback, fallbacks)};
+    std::vector mistakes{mistakenWord("defaultAction", settings.defaultAction, routeWords),
+                         mistakenWord("vpnFallback", settings.vpnFallback, fallbackWords),
+                         mistakenWord("directFallback", settings.directFallback, fallbackWords)};
     for (const auto& [application, word] : settings.rules)
         mistakes.push_back(
-            mistakenWord(fmt::format("the rule of {}", printable(application)), word, routes));
+            mistakenWord(fmt::format("the rule of {}", printable(application)), word, routeWords));
     const auto first =
         std::ranges::find_if(mistakes, [](const auto& each) { return !each.empty(); });
     return first == mistakes.end() ? "" : *first;
+}
+
+// Such a rule counts as one for the VPN, whatever its writer may have meant.
+void noteWhatBlocksNothing(const Settings& settings, const Console& console) {
+    for (const auto& [application, word] : settings.rules)
+        if (word == "block" && blockThatCovers(settings, application).empty())
+            console.note(
+                fmt::format("A rule \"block\" blocks nothing. To block it: vantryctl rules "
+                            "block {}",
+                            application));
+    if (settings.defaultAction == "block")
+        console.note(
+            "\"block\" as the default blocks nothing: block applications one by one, with "
+            "vantryctl rules block APPLICATION");
 }
 
 Outcome<Settings> settingsInFile(const std::string& path) {
@@ -138,7 +173,9 @@ Outcome<Settings> settingsInFile(const std::string& path) {
         return unusable(path + ": " + problem->description + ".");
     auto& found = std::get<Settings>(settings);
     const auto mistake = mistakeIn(object, found);
-    if (!mistake.empty()) return unusable(path + ": " + mistake + ".");
+    if (!mistake.empty())
+        return Failure{ExitCode::failed, path + ": " + mistake + ".",
+                       "Correct it in the file; man vantry-rules says what each setting takes."};
     return std::move(found);
 }
 
@@ -208,8 +245,8 @@ ExitCode undo(const Console& console) {
 ExitCode exportSettings(const Console& console) {
     const auto loaded = loadSettings();
     if (const auto* failure = failureOf(loaded)) return console.report(*failure);
-    console.out << vantryhost::prettyDocumentOf(
-        lastingDocument(std::get<StoredSettings>(loaded).choices));
+    console.out << vantryhost::prettyDocumentOf(lastingDocument(
+        inKnownWords(lastingSettings(std::get<StoredSettings>(loaded).choices), console)));
     return ExitCode::done;
 }
 
@@ -225,6 +262,7 @@ ExitCode importSettings(const ImportOptions& options, const Console& console) {
         return ExitCode::done;
     }
     console.out << text;
+    noteWhatBlocksNothing(wanted, console);
     if (options.isDryRun) return ExitCode::done;
     if (!options.isAgreed && !agrees(console)) {
         console.out << "Nothing was changed. Add --yes to do it without asking.\n";

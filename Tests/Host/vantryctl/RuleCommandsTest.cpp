@@ -421,12 +421,22 @@ TEST_F(RuleCommands, SettingsTravelAsADocument) {
     ASSERT_EQ(runTool("rules block a --for 1h").exitCode, 0);
     EXPECT_EQ(runTool("import --yes /run/settings.json").out, "Nothing to change.\n");
     for (const auto* broken : {"", R"({"vpnFallbak":"block"})", R"({"defaultAction":"sideways"})",
-                               R"({"rules":{"a":"block"}})"}) {
+                               R"({"rules":{"a":"drect"}})"}) {
         writeFile("/run/settings.json", broken);
         const auto refused = runTool("import --yes /run/settings.json");
         EXPECT_EQ(refused.exitCode, 1) << broken;
         EXPECT_EQ(refused.err.find("mv "), std::string::npos) << refused.err;
     }
+    // Words that an edit by hand has brought in.
+    replaceFile(places::preferencesFile, R"({"protocolConfiguration":{"providerConfiguration":{
+        "rules":{"c":"block","d":"drect"},"vpnFallback":"reject"}}})");
+    ASSERT_TRUE(
+        eventually([&] { return runTool("rules").out.find("drect") != std::string::npos; }));
+    writeFile("/run/settings.json", runTool("export").out);
+    const auto imported = runTool("import --yes /run/settings.json");
+    EXPECT_EQ(imported.exitCode, 0) << imported.err;
+    EXPECT_NE(imported.err.find("vantryctl rules block c"), std::string::npos) << imported.err;
+    EXPECT_EQ(under(storedInRulesFile(), "rules"), parsed(R"({"c":"block","d":"vpn"})"));
 }
 
 }  // namespace
