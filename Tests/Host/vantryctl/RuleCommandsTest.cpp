@@ -326,8 +326,8 @@ TEST_F(RuleCommands, WhatIsShownIsInForce) {
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_NE(result.err.find("not in force"), std::string::npos) << result.err;
     ASSERT_EQ(unlink("/tmp/filler"), 0);
-    EXPECT_TRUE(eventually(
-        [] { return under(storedInRulesFile(), "blockedApps") == parsed(R"(["b"])"); }));
+    EXPECT_TRUE(
+        eventually([] { return under(storedInRulesFile(), "blockedApps") == parsed(R"(["b"])"); }));
 }
 
 TEST_F(RuleCommands, WhatIsTemporaryOrOnTrialEndsAlsoOverARestart) {
