@@ -138,6 +138,7 @@ def _the_tunnel_goes_unannounced(stage) -> None:
     """The daemon hears of it later than the packets: none of a VPN-ruled application may leave in the clear."""
     network.wait_until(_is_guarded, "the kernel guards the tunnel")
     _its_process_ends(stage)
+    kept_before = stage.health("keptInTunnel")
     network.vpn_down()
     for words, next_address in (("connect", stage.ipv4), ("connect", stage.ipv6), ("datagram", stage.ipv4)):
         address = next_address()
@@ -163,6 +164,9 @@ def _the_tunnel_goes_unannounced(stage) -> None:
     network.vpn_up()
     address = stage.ipv4()
     stage.expect_tunnel("the tunnel is back, unsaid", stage.ledger.run("connect", address, 80), address)
+    kept = stage.health("keptInTunnel")
+    stage.checks.check("status counts what was kept from leaving, over changes of the rules", kept > kept_before,
+                       f"{kept} after {kept_before}")
 
 
 def _the_tunnel_really_goes(stage) -> None:

@@ -20,6 +20,7 @@
 #include <utility>
 
 #include "Platform/Linux/ClosedLast.h"
+#include "Platform/Linux/Rules/RuleCounters.h"
 
 namespace platform::interception {
 
@@ -312,22 +313,6 @@ Result<> commitTable(Transaction& transaction, netlink::Socket& socket) {
     return committed;
 }
 
-void freeRule(const nftnl_rule* rule) { nftnl_rule_free(rule); }
-
-std::optional<std::uint64_t> countIn(nftnl_rule* rule) {
-    std::optional<std::uint64_t> packets;
-    nftnl_expr_foreach(
-        rule,
-        [](nftnl_expr* expression, void* into) {
-            if (std::string_view(nftnl_expr_get_str(expression, NFTNL_EXPR_NAME)) == "counter")
-                *static_cast<std::optional<std::uint64_t>*>(into) =
-                    nftnl_expr_get_u64(expression, NFTNL_EXPR_CTR_PACKETS);
-            return 0;
-        },
-        &packets);
-    return packets;
-}
-
 }  // namespace
 
 Result<std::unique_ptr<PacketTable>> PacketTable::open(TableOwnership ownership) {
@@ -422,36 +407,20 @@ Result<> PacketTable::setGeneration(unsigned generation) {
     return transaction.commit(socket);
 }
 
-template <class Visit>
-Result<> PacketTable::visitRules(Visit visit) {
-    alignas(nlmsghdr) std::array<char, 256> buffer;
-    PacketRule every(offerChain);
-    nftnl_rule_unset(every.get(), NFTNL_RULE_CHAIN);
-    nlmsghdr* const header =
-        nftnl_nlmsg_build_hdr(buffer.data(), NFT_MSG_GETRULE, NFPROTO_INET, NLM_F_DUMP, 2);
-    nftnl_rule_nlmsg_build_payload(header, every.get());
-    return socket.request(*header, visit);
-}
-
 bool PacketTable::isComplete() {
     // A count that another change of the rules spoils is taken again.
     for (;;) {
         std::size_t found = 0;
-        const auto counted = visitRules([&](const netlink::Message&) { ++found; });
+        const auto counted =
+            visitRules(packetTableName, socket, [&](const netlink::Message&) { ++found; });
         if (counted) return found == ruleCount;
         if (counted.error().code() != EINTR) return false;
     }
 }
 
 std::optional<std::uint64_t> PacketTable::passedUnseen() {
-    std::optional<std::uint64_t> packets;
-    const auto read = visitRules([&packets](const netlink::Message& message) {
-        const std::unique_ptr<nftnl_rule, decltype(&freeRule)> rule(nftnl_rule_alloc(), &freeRule);
-        if (!rule || nftnl_rule_nlmsg_parse(&message.header(), rule.get()) < 0) return;
-        // The table has one counter.
-        if (const auto counted = countIn(rule.get())) packets = counted;
-    });
-    return read ? packets : std::nullopt;
+    // The table has one counter.
+    return packetsCounted(packetTableName, socket);
 }
 
 }  // namespace platform::interception

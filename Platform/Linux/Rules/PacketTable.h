@@ -96,8 +96,6 @@ private:
     PacketTable(netlink::Socket opened, TableOwnership wanted)
         : socket(std::move(opened)), ownership(wanted) {}
 
-    template <class Visit>
-    Result<> visitRules(Visit visit);
     // In the form of the queue's rule that this kernel knows.
     template <class Install>
     Result<> inWorkingForm(Install install);

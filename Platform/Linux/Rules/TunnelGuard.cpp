@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -22,12 +23,14 @@
 
 #include "Platform/Common/Mutex.h"
 #include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/Health/Health.h"
 #include "Platform/Linux/Netlink/Socket.h"
 #include "Platform/Linux/Network/PrivateNetworks.h"
 #include "Platform/Linux/Network/RememberedRoutes.h"
 #include "Platform/Linux/PlatformLog.h"
 #include "Platform/Linux/Recording/RecordedSystem.h"
 #include "Platform/Linux/Rules/PacketRule.h"
+#include "Platform/Linux/Rules/RuleCounters.h"
 #include "Platform/Linux/Rules/RuleLanguage.h"
 #include "Platform/TunnelGuard.h"
 
@@ -275,6 +278,8 @@ public:
             tell();
         }
         thread.join();
+        countedBefore += countedNow();
+        rules.end();
     }
 
 private:
@@ -372,10 +377,18 @@ private:
     }
 
     bool install(bool knowsIPsec, std::string& failure) {
-        if (guarded.isNothing()) {
-            rules.end();
-            return true;
-        }
+        const auto counted = countedNow();
+        const bool isDone = guarded.isNothing() ? removed() : replaced(knowsIPsec, failure);
+        if (isDone) countedBefore += counted;
+        return isDone;
+    }
+
+    bool removed() {
+        rules.end();
+        return true;
+    }
+
+    bool replaced(bool knowsIPsec, std::string& failure) {
         const std::string table = std::string("table inet ") + guardTableName;
         auto answer =
             rules.run("add " + table + " { flags owner; }\ndelete " + table + '\n' + table +
@@ -385,6 +398,14 @@ private:
         failure = std::move(answer.failure);
         return answer.isDone;
     }
+
+    static std::uint64_t countedNow() {
+        auto socket = netlink::Socket::open(NETLINK_NETFILTER);
+        return socket ? packetsCounted(guardTableName, *socket).value_or(0) : 0;
+    }
+
+    // By rules that others have replaced since, also those of another guard.
+    static inline std::atomic<std::uint64_t> countedBefore{0};
 
     const MarkPlace place;
     // For the thread alone. The table goes with the process of the rules.
@@ -402,6 +423,9 @@ private:
     bool hasComeUp GUARDED_BY(lock) = false;
     std::optional<Clock::time_point> settlesAt GUARDED_BY(lock);
     bool hasEnded GUARDED_BY(lock) = false;
+    health::Gauge kept{health::Place::packets, "keptInTunnel",
+                       "Packets kept from leaving beside the tunnel",
+                       [] { return countedBefore + countedNow(); }};
     std::thread thread;
 };
 
