@@ -38,13 +38,17 @@ bool writeAll(int file, std::string_view bytes) {
 
 bool fill(int file, std::string_view bytes, const FileAccess& access) {
     return writeAll(file, bytes) && fchown(file, access.owner, access.group) == 0 &&
-           fchmod(file, access.mode) == 0 && fsync(file) == 0;
+           fchmod(file, access.mode) == 0;
 }
 
-bool makeWhole(const std::string& path, std::string_view bytes, const FileAccess& access) {
+enum class Lasts { untilBoot, overLossOfPower };
+
+bool makeWhole(const std::string& path, std::string_view bytes, const FileAccess& access,
+               Lasts lasts) {
     const FileDescriptor file(
         open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    return file && fill(file.get(), bytes, access);
+    return file && fill(file.get(), bytes, access) &&
+           (lasts == Lasts::untilBoot || fsync(file.get()) == 0);
 }
 
 bool syncFolderOf(const std::string& path) {
@@ -57,19 +61,29 @@ Failure cannotWrite(const std::string& path, int error) {
             error == ENOSPC || error == EDQUOT ? "Make room on the disk, and try again." : ""};
 }
 
-}  // namespace
-
-Outcome<> replaceDurably(const std::string& path, std::string_view bytes,
-                         const FileAccess& access) {
+Outcome<> replace(const std::string& path, std::string_view bytes, const FileAccess& access,
+                  Lasts lasts) {
     const std::string made =
         path + std::string(makingSuffix) + platform::UUID::random().uuidString();
-    if (!makeWhole(made, bytes, access) || rename(made.c_str(), path.c_str()) != 0) {
+    if (!makeWhole(made, bytes, access, lasts) || rename(made.c_str(), path.c_str()) != 0) {
         const int error = errno;
         unlink(made.c_str());
         return cannotWrite(path, error);
     }
-    if (!syncFolderOf(path)) return cannotWrite(path, errno);
+    if (lasts == Lasts::overLossOfPower && !syncFolderOf(path)) return cannotWrite(path, errno);
     return Nothing{};
+}
+
+}  // namespace
+
+Outcome<> replaceDurably(const std::string& path, std::string_view bytes,
+                         const FileAccess& access) {
+    return replace(path, bytes, access, Lasts::overLossOfPower);
+}
+
+Outcome<> replaceUntilBoot(const std::string& path, std::string_view bytes,
+                           const FileAccess& access) {
+    return replace(path, bytes, access, Lasts::untilBoot);
 }
 
 void removeLeftovers(const std::string& path) {

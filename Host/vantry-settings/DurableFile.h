@@ -1,6 +1,5 @@
-// Replaces a file in one step that survives a loss of power: the new content is on the disk before it
-// takes the old one's name, and the name is on the disk before the call returns. After a failure at any
-// point the file is the old one or the new one, whole. For root, in folders where others may write too.
+// Replaces a file in one step: after a failure at any point the file is the old one or the new one, whole.
+// For root, in folders where others may write too.
 #pragma once
 
 #include <sys/types.h>
@@ -18,9 +17,15 @@ struct FileAccess {
     mode_t mode;
 };
 
-// The new file gets `access`, whatever the caller's umask.
+// Survives a loss of power: the new content is on the disk before it takes the old one's name, and the name
+// is on the disk before the call returns, which takes seconds where a disk is slow or busy. The new file gets
+// `access`, whatever the caller's umask.
 vantryhost::Outcome<> replaceDurably(const std::string& path, std::string_view bytes,
                                      const FileAccess& access);
+
+// The same, for a file that is made again at each boot: does not wait for the disk.
+vantryhost::Outcome<> replaceUntilBoot(const std::string& path, std::string_view bytes,
+                                       const FileAccess& access);
 
 // Removes what a process that was killed on the way to replacing the file left beside it.
 void removeLeftovers(const std::string& path);

@@ -53,8 +53,9 @@ Outcome<bool> RulesFile::write(const Settings& settings, std::vector<std::string
     }
     written.reset();
     if (auto obstacle = clearTheWay(notes)) return *std::move(obstacle);
+    // The daemon waits for it, and the preferences are what lasts.
     const auto replaced =
-        replaceDurably(places::rulesFile, document, {geteuid(), getegid(), modeOfRulesFile});
+        replaceUntilBoot(places::rulesFile, document, {geteuid(), getegid(), modeOfRulesFile});
     if (const auto* failure = failureOf(replaced)) return *failure;
     rememberFile();
     return true;
