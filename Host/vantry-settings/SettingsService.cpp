@@ -101,6 +101,8 @@ SettingsService::SettingsService()
                      events.error().text());
     networkToken = platform::NetworkMonitor::shared().observe(
         [this](const auto&) { eventfd_write(networkSignal.get(), 1); });
+    // The socket says what is wrong with it.
+    static_cast<void>(makeRuntimeFolder());
     lookAtTunnel();
     owner.start(now());
     lookAtTunnel();
@@ -181,6 +183,7 @@ void SettingsService::lookAtTunnel() {
     if (interfaces == nullptr) return;
     auto view =
         tunnelState.look(*platform::NetworkMonitor::shared().state(), *interfaces, Clock::now());
+    keepTunnels();
     if (saidToBeUp == view.isUp() && view == tunnel) return;
     tunnel = std::move(view);
     if (saidToBeUp != tunnel.isUp())
@@ -188,6 +191,17 @@ void SettingsService::lookAtTunnel() {
                     tunnel.isUp() ? "up: " + tunnel.carrying.front() : std::string("down"));
     saidToBeUp = tunnel.isUp();
     owner.tunnelChanged(tunnel);
+}
+
+void SettingsService::keepTunnels() {
+    auto names = tunnelState.haveLed();
+    if (names == keptTunnels) return;
+    keptTunnels = std::move(names);
+    if (const auto kept = TunnelMemory::keep(keptTunnels); failureOf(kept))
+        logger.error(
+            "%{public}s Should this service start again while the VPN has no routes, it may count "
+            "as up",
+            failureOf(kept)->what);
 }
 
 void SettingsService::readFileEvents() {

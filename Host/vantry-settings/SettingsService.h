@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Host/vantry-settings/SettingsOwner.h"
+#include "Host/vantry-settings/TunnelMemory.h"
 #include "Host/vantry-settings/TunnelState.h"
 #include "Platform/Common/Completion.h"
 #include "Platform/Common/Data.h"
@@ -41,12 +42,14 @@ private:
     void setAlarm();
     void lookAtClock();
     void lookAtTunnel();
+    void keepTunnels();
     void readFileEvents();
     void answerRequests();
     void sayProblems();
 
     SettingsOwner owner;
-    TunnelState tunnelState{routesLeadTo};
+    std::set<std::string> keptTunnels = TunnelMemory::read();
+    TunnelState tunnelState{routesLeadTo, keptTunnels};
     TunnelView tunnel;
     std::vector<std::string> saidProblems;
     std::optional<bool> saidToBeUp;

@@ -83,10 +83,26 @@ bool routesLeadTo(const NetworkInterface& interface) {
                                [&](const char* probe) { return leadsByIPv6(interface, probe); });
 }
 
+TunnelState::TunnelState(LeadsTo question, const std::set<std::string>& haveLed)
+    : leadsTo(std::move(question)) {
+    for (const auto& name : haveLed) tunnels[name].hasLed = true;
+}
+
+std::set<std::string> TunnelState::haveLed() const {
+    std::set<std::string> names;
+    for (const auto& [name, tunnel] : tunnels)
+        if (tunnel.hasLed) names.insert(name);
+    return names;
+}
+
 TunnelView TunnelState::look(const platform::NetworkState& state,
                              const std::vector<std::string>& names, Clock::time_point now) {
     TunnelView view;
     nextLook.reset();
+    std::erase_if(tunnels, [&](const auto& each) {
+        const auto& gone = each.second.goneSince;
+        return gone && now - *gone >= longestAbsence;
+    });
     for (const auto& interface : state.interfaces) {
         const bool isNamed = std::ranges::find(names, interface.name) != names.end();
         if ((names.empty() ? interface.isTunnel : isNamed) && carries(interface, now))
@@ -104,7 +120,6 @@ TunnelView TunnelState::look(const platform::NetworkState& state,
 
 bool TunnelState::carries(const NetworkInterface& interface, Clock::time_point now) {
     auto& tunnel = tunnels[interface.name];
-    if (tunnel.goneSince && now - *tunnel.goneSince >= longestAbsence) tunnel = {};
     tunnel.goneSince.reset();
     if (!isInUse(interface)) {
         tunnel.inUseSince.reset();

@@ -16,6 +16,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -37,12 +38,15 @@ public:
     // Whether traffic for the rest of the world leaves by this interface.
     using LeadsTo = std::function<bool(const platform::NetworkInterface&)>;
 
-    explicit TunnelState(LeadsTo question) : leadsTo(std::move(question)) {}
+    // `haveLed`: those of an earlier start of the service.
+    explicit TunnelState(LeadsTo question, const std::set<std::string>& haveLed = {});
 
     // With `names`, only interfaces of these names count, and they count whatever they are; without, every
     // tunnel does.
     TunnelView look(const platform::NetworkState& state, const std::vector<std::string>& names,
                     Clock::time_point now);
+    // Those that have led the routes and are not gone for long.
+    std::set<std::string> haveLed() const;
     // When to look again although nothing has happened.
     std::optional<Clock::time_point> looksAgainAt() const { return nextLook; }
 

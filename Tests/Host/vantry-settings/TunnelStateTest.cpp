@@ -58,6 +58,9 @@ TEST_F(TunnelStateTest, ItIsUpWhenItsRoutesAreThere) {
     now += 10s;
     EXPECT_EQ(carrying(), Names{}) << "once it has led the routes, an address alone is not enough";
     EXPECT_EQ(state.looksAgainAt(), std::nullopt);
+    TunnelState ofNextStart([](const auto&) { return false; }, state.haveLed());
+    ofNextStart.look(network, {}, now);
+    EXPECT_FALSE(ofNextStart.look(network, {}, now + 10s).isUp()) << "nor after a restart";
     // Another VPN's, perhaps, once it was away for long.
     for (const auto& [absence, afterwards] : {std::pair(59s, Names{}), {60s, Names{"wg0"}}}) {
         network = {};
