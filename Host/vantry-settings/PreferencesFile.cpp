@@ -85,6 +85,8 @@ std::string pathOfVersion(std::uint64_t number) {
     return fmt::format("{}/{:010}.json", places::versionsFolder, number);
 }
 
+std::string pathOfCopy() { return std::string(places::versionsFolder) + "/present.json"; }
+
 // The numbers of the versions kept, oldest first.
 std::vector<std::uint64_t> versions() {
     std::vector<std::uint64_t> numbers;
@@ -147,6 +149,21 @@ Outcome<std::optional<JSONObject>> PreferencesFile::newestVersion() {
     const auto numbers = versions();
     if (numbers.empty()) return std::nullopt;
     return documentAt(pathOfVersion(numbers.back()));
+}
+
+void PreferencesFile::keepCopy(const JSONObject& document) {
+    // Without it, what a start finds is the newest version.
+    static_cast<void>(replaceUntilBoot(pathOfCopy(), vantryhost::prettyDocumentOf(document),
+                                       accessOfPreferences()));
+}
+
+std::optional<JSONObject> PreferencesFile::copy() {
+    auto kept = documentAt(pathOfCopy());
+    if (auto* found = std::get_if<std::optional<JSONObject>>(&kept); found && *found)
+        return std::move(*found);
+    kept = newestVersion();
+    auto* version = std::get_if<std::optional<JSONObject>>(&kept);
+    return version ? std::move(*version) : std::nullopt;
 }
 
 void PreferencesFile::forgetNewestVersion() {

@@ -33,6 +33,11 @@ public:
     static void forgetNewestVersion();
     // Replaces the file without keeping a version.
     static vantryhost::Outcome<> put(const platform::JSONObject& document);
+
+    // A copy of the document that is in force, for a start at which the file cannot be used. No value where
+    // there is none.
+    static void keepCopy(const platform::JSONObject& document);
+    static std::optional<platform::JSONObject> copy();
 };
 
 }  // namespace vantrysettings

@@ -65,6 +65,16 @@ void SettingsOwner::start(SecondsSince1970 now) {
     preferencesTouched(now);
 }
 
+// Of preferences that cannot be used when the service starts: the daemon can't use them either, and a boot has
+// emptied the rules file.
+void SettingsOwner::takeCopy() {
+    auto document = PreferencesFile::copy();
+    auto found = document ? Choices::read(*document) : Outcome<std::optional<Choices>>{};
+    auto* kept = std::get_if<std::optional<Choices>>(&found);
+    if (!kept || !*kept) return;
+    adopt(*std::move(document), **std::move(kept));
+}
+
 // Rules that are in force and that no preferences have: from before this service existed, or before the
 // preferences were damaged.
 void SettingsOwner::takeOverRulesFile() {
@@ -107,6 +117,14 @@ void SettingsOwner::adopt(Document document, Choices found) {
 // What cannot be used leaves the settings in force as they are.
 void SettingsOwner::preferencesTouched(SecondsSince1970 now) {
     remember(preferencesProblem, load());
+    if (!preferencesProblem.empty()) {
+        if (!hasSettings) takeCopy();
+        if (hasSettings)
+            preferencesProblem +=
+                " Until then the last settings that could be used hold; vantryctl undo writes them "
+                "there again.";
+        collectProblems();
+    }
     takeOverRulesFile();
     timePassed(now);
     putInForce();
@@ -182,6 +200,7 @@ Outcome<> SettingsOwner::store(Document document, Choices changed, Keeping keepi
 }
 
 void SettingsOwner::adoptStored(Document document, Choices stored) {
+    PreferencesFile::keepCopy(document);
     adopt(std::move(document), std::move(stored));
     isStoringDue = false;
     storingProblem.clear();
@@ -250,7 +269,9 @@ Outcome<std::optional<JSONObject>> SettingsOwner::newestOtherVersion(SecondsSinc
 }
 
 JSONObject SettingsOwner::undo(SecondsSince1970 now) {
-    auto version = newestOtherVersion(now);
+    // Of preferences that cannot be used nothing is taken back but what made them so.
+    const bool isRepair = !preferencesProblem.empty() && hasSettings;
+    auto version = isRepair ? preferences : newestOtherVersion(now);
     if (const auto* failure = failureOf(version)) return failed(*failure);
     auto& document = std::get<std::optional<JSONObject>>(version);
     if (!document)
@@ -259,7 +280,10 @@ JSONObject SettingsOwner::undo(SecondsSince1970 now) {
     if (const auto* failure = std::get_if<Failure>(&restored)) return failed(*failure);
     const auto replaced = PreferencesFile::put(*document);
     if (const auto* failure = failureOf(replaced)) return failed(*failure);
-    PreferencesFile::forgetNewestVersion();
+    if (isRepair)
+        notes.emplace_back("The preferences could not be used; now they are as they were before.");
+    else
+        PreferencesFile::forgetNewestVersion();
     preferencesProblem.clear();
     adoptStored(*std::move(document),
                 std::get<std::optional<Choices>>(std::move(restored)).value_or(Choices{}));

@@ -62,6 +62,7 @@ private:
 
     vantryhost::Outcome<> load();
     void takeOverRulesFile();
+    void takeCopy();
     void adopt(Document document, vantryhost::Choices choices);
     void adoptStored(Document document, vantryhost::Choices choices);
     void changeByItself(vantryhost::Choices changed);

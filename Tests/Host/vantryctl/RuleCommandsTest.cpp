@@ -187,13 +187,22 @@ TEST_F(RuleCommands, PreferencesThatAreNotUnderstoodAreLeftAsTheyAre) {
             EXPECT_NE(result.err.find(places::preferencesFile), std::string::npos) << result.err;
         }
         EXPECT_EQ(contentOf(places::preferencesFile), content);
-        EXPECT_FALSE(std::filesystem::exists(places::rulesFile));
+        EXPECT_FALSE(std::filesystem::exists(places::rulesFile)) << "nothing was ever set";
     }
     // Nor does what ends meanwhile have them written.
     startServiceWith(withTemporaryRule(std::time(nullptr) + 2));
     replaceFile(places::preferencesFile, "{");
     EXPECT_TRUE(eventually([] { return under(storedInRulesFile(), "rules") == parsed("{}"); }));
     EXPECT_EQ(contentOf(places::preferencesFile), "{");
+    // What was last understood holds, also from the next boot on, until it is put back.
+    unlink(places::preferencesFile);
+    ASSERT_TRUE(eventually([] { return runTool("rules set b vpn").exitCode == 0; }));
+    stopService();
+    unlink(places::rulesFile);
+    startServiceWith("{");
+    EXPECT_EQ(under(storedInRulesFile(), "rules"), parsed(R"({"b":"vpn"})"));
+    EXPECT_EQ(runTool("undo").exitCode, 0);
+    EXPECT_EQ(under(storedInPreferences(), "rules"), parsed(R"({"b":"vpn"})"));
 }
 
 TEST_F(RuleCommands, WhateverTakesTheRulesFilesPlaceIsMovedAside) {
