@@ -87,38 +87,6 @@ TEST_F(FilterTest, WhatItCannotAttributePasses) {
     }
 }
 
-TEST_F(FilterTest, PrefersTheOwnBundleThenTheNearestKnownAncestorThenTheOwnBundle) {
-    const auto grandparent = world.application("Grand", "com.example.Grand");
-    const auto parent = world.process({.path = "/bin/sh", .parent = grandparent.pid});
-    world.bundle("/Applications/Child.app", "com.example.Child");
-    const auto child = [&](std::uint32_t version) {
-        return world.process(
-            {.path = "/Applications/Child.app/c", .parent = parent.pid, .version = version});
-    };
-    const auto bare = world.process({.path = "/bin/tool", .parent = parent.pid});
-
-    const auto viaTree = [](const std::string& from) {
-        return debug("Resolved " + from + " -> com.example.Grand via process tree");
-    };
-    const auto blocked = [](const std::string& owner) {
-        return info("BLOCK: " + owner + " TCP -> 203.0.113.9:443");
-    };
-    // Below a member, through a mapping, or as a member: the candidate itself is the answer.
-    coordinator.updateBlockedApps(share({"com.example"}));
-    EXPECT_EQ(offer(child(1)), drop);
-    EXPECT_TRUE(filterLogIs({blocked("com.example.Child")}));
-    coordinator.updateBlockedApps(share({"com.example.Grand"}));
-    EXPECT_EQ(offer(child(2)), drop);
-    EXPECT_EQ(offer(bare), drop);
-    EXPECT_TRUE(
-        filterLogIs({viaTree("com.example.Child"), blocked("com.example.Grand"),
-                     viaTree("pid:" + std::to_string(bare.pid)), blocked("com.example.Grand")}));
-    coordinator.registerChildProcess("com.example.Grand", "mapped");
-    coordinator.updateBlockedApps(share({"mapped"}));
-    EXPECT_EQ(offer(child(3)), drop);
-    EXPECT_TRUE(filterLogIs({viaTree("com.example.Child"), blocked("com.example.Grand")}));
-}
-
 TEST_F(FilterTest, ACachedAnswerStandsWhateverTheSetsSayLater) {
     const auto parent = world.application("Parent", "com.example.Parent");
     world.bundle("/Applications/Child.app", "com.example.Child");

@@ -1,4 +1,5 @@
-// Whole stories of starts and stops, of sleep and wake, and of what the host application asks for.
+// Whole stories of starts and stops, of sleep and wake, of an interface that goes, and of what the host application
+// asks for.
 
 #include "Tests/Extension/StoryTest.h"
 
@@ -39,71 +40,6 @@ protected:
         asks(message, R"({"success":{}})", "reload", lines);
     }
 };
-
-TEST_F(LifecycleStory, AFirstStartWithoutAnySource) {
-    world.setPath({{"utun0", Interface::InterfaceType::other}});
-    EXPECT_TRUE(world.start());
-    EXPECT_TRUE(happened(R"(
-        filter info  Filter provider started
-        proxy  info  startProxy() called (invocation #1)
-        proxy  info  Starting transparent proxy...
-        proxy  error No providerConfiguration available
-        proxy  debug Reading rules from: /tmp/org.quillmere.Vantry.rules.json
-        proxy  debug No rules file found at /tmp/org.quillmere.Vantry.rules.json
-        proxy  debug Initial rules after startProxy load (0 rules):
-        proxy  info  Registered for Darwin rules-changed notification
-        filter info  Filter settings applied (default: filterData)
-        proxy  debug Received rules-changed Darwin notification
-        proxy  debug Current routingRules.count BEFORE reload: 0
-        proxy  debug Reading rules from: /tmp/org.quillmere.Vantry.rules.json
-        proxy  debug No rules file found at /tmp/org.quillmere.Vantry.rules.json
-        proxy  debug Rules identical after reload: true
-        proxy  debug routingRules.count AFTER reload: 0
-        proxy  debug Active proxy sessions at notification time: 0
-        proxy  debug killSessionsForChangedRules: oldRules=0 newRules=0
-        proxy  debug changedBundleIds count (direct->vpn): 0
-        proxy  debug No direct->vpn rule changes detected, skipping session kill
-        proxy  error No physical interface found
-        proxy  info  Transparent proxy started with 0 rules
-    )"));
-    EXPECT_EQ(state(),
-              "watched [] blocked [] vpn up allow, no state received, sessions 0, settings 1");
-    const auto flow = open(mail);
-    EXPECT_TRUE(happened(firstFlow() + leftToTheSystem("acme.mail")));
-    EXPECT_EQ(fates({flow}), Lines{"declined, passing"});
-    EXPECT_EQ(recorded(), Lines{"acme.mail vpn vpn 10.8.0.2 h:443 tcp vpn"});
-    EXPECT_EQ(world.files.permissions(activityLogFile), 0644);
-    EXPECT_FALSE(world.files.exists(rulesFile));
-
-    EXPECT_TRUE(world.stopProxy(NEProviderStopReason::none).hasCome());
-    EXPECT_TRUE(happened(stopOfProxy(0, 0)));
-    EXPECT_EQ(world.network.monitors().cancelled, 1);
-}
-
-// What was brought up stays up: the platform hears of the failure, and rules go on being followed.
-TEST_F(LifecycleStory, AStartWhoseSettingsFailUndoesNothing) {
-    const NSError refused{"test", 5, "not allowed"};
-    world.providers.proxySettings.script({refused, refused});
-    rules = {.word = "vpn"};
-    putRules(rules.document());
-    const auto failed = world.startProxy();
-    EXPECT_FALSE(failed.hasCome());
-    world.runUntilIdle();
-    EXPECT_EQ(failed.error(), refused);
-    EXPECT_TRUE(happened(startOfProxy(1) + firstDelivery() + R"(
-        proxy  info  Physical interface detected: en0 (wifi)
-        proxy  error Failed to set proxy settings: not allowed
-    )"));
-    EXPECT_TRUE(rulesBecome({.word = "vpn", .isVpnUp = false}, 0, nothingLeavesDirect()));
-    EXPECT_EQ(state(), "watched [acme.mail] blocked [] vpn down allow, sessions 0, settings 1");
-    // The platform gets its answer also when the provider has gone meanwhile.
-    const auto orphaned = world.startProxy();
-    world.providers.letGoOfProxy();
-    world.takeLog();
-    world.runUntilIdle();
-    EXPECT_EQ(orphaned.error(), refused);
-    EXPECT_TRUE(happened(""));
-}
 
 // The file wins for every key that it carries. Its load takes the configuration's blocked list along;
 // the first delivery takes blocked applications from the watched ones, here when the file has gone.
@@ -400,6 +336,53 @@ TEST_F(LifecycleStory, TheLogGrowsPastItsLimitWithTheFiltersRecordsDrainingIn) {
     asks(R"({"type":"clearActivityLog"})", R"({"success":{}})", "clearActivityLog");
     EXPECT_FALSE(world.files.exists(activityLogFile));
     EXPECT_EQ(state(), "watched [] blocked [acme.mail] vpn up allow, sessions 0, settings 1");
+}
+
+TEST_F(LifecycleStory, TheInterfaceIsLostAndFound) {
+    EXPECT_TRUE(begin({.word = "direct"}));
+    const auto before = open(mail);
+    EXPECT_TRUE(happened(firstFlow() + relayed(1, 1)));
+    world.setPath(
+        {{"pdp", Interface::InterfaceType::cellular}, {"utun0", Interface::InterfaceType::other}});
+    world.runUntilIdle();
+    const auto closed = open(mail);
+    EXPECT_TRUE(happened(R"(
+        proxy  error No physical interface found
+        proxy  info  TCP flow: acme.mail, decision: direct
+        proxy  debug   -> h:443
+        proxy  debug Direct fallback triggered: behavior=block bundleId=acme.mail
+        proxy  error No physical interface, BLOCKING direct flow per fallback setting: acme.mail
+        proxy  debug DIRECT path: bundleId=acme.mail dest=h:443 handled=true interface=none
+    )"));
+    EXPECT_EQ(fates({closed}), Lines{"claimed, closed"});
+    EXPECT_FALSE(world.files.exists("/container/connection_failures.json"));
+
+    EXPECT_TRUE(rulesBecome({.word = "direct", .directFallback = "vpn"}, 1, nothingLeavesDirect()));
+    const auto declined = open(mail);
+    open(mail);
+    EXPECT_TRUE(happened(leftWithoutInterface("vpn", "443", true) +
+                         leftWithoutInterface("vpn", "443", false)));
+    EXPECT_EQ(fates({declined}), Lines{"declined, passing"});
+    EXPECT_EQ(world.files.contents("/container/connection_failures.json"),
+              R"([{"bundleId":"acme.mail","host":"h","timestamp":"2026-01-01T00:00:00Z"}])");
+
+    world.setPath({{"pdp", Interface::InterfaceType::cellular},
+                   {"en1", Interface::InterfaceType::wiredEthernet},
+                   {"en0", Interface::InterfaceType::wifi}});
+    world.runUntilIdle();
+    const auto after = open(mail);
+    EXPECT_TRUE(happened("proxy  info  Physical interface detected: en1 (wiredEthernet)\n" +
+                         relayed(2, 2, "en1")));
+    EXPECT_EQ(world.network.connections().back()->requiredInterface()->name(), "en1");
+    sendsAByte(before);  // stays on the interface that it was built with
+    EXPECT_EQ(before.received(), "x");
+    EXPECT_EQ(fates({after}), Lines{"claimed, open"});
+    EXPECT_EQ(state(), "watched [] blocked [] vpn up allow, sessions 2, settings 1");
+    EXPECT_EQ(recorded(), (Lines{"acme.mail direct direct 10.0.0.2 h:443 tcp vpn",
+                                 "acme.mail direct direct - h:443 tcp vpn",
+                                 "acme.mail direct vpn 10.8.0.2 h:443 tcp vpn",
+                                 "acme.mail direct vpn 10.8.0.2 h:443 tcp vpn",
+                                 "acme.mail direct direct 10.0.1.2 h:443 tcp vpn"}));
 }
 
 }  // namespace

@@ -44,26 +44,6 @@ TEST_F(FlowIntakeTest, AFlowWithoutAUsableEndpointIsRoutedByItsApplicationAlone)
                                         "acme.mail odd direct - unknown:0 tcp no vpn"}));
 }
 
-TEST_F(FlowIntakeTest, DatagramsAndOtherFlowsLeaveNoTraceBeyondTheirMapping) {
-    EXPECT_TRUE(begin({.word = "direct", .isBlocked = true}));
-    world.clock.set(Date::since1970(1'700'000'000.25));
-    offerToProxy({}, Kind::udp, "");  // a system process, whose flow is the first all the same
-    EXPECT_TRUE(happened("proxy  debug First flow handled at 1700000000.250 app="));
-    for (const auto kind : {Kind::udp, Kind::other})
-        EXPECT_FALSE(offerToProxy(NWHostEndpoint{"h", "1"}, kind));
-    EXPECT_TRUE(happened(""));
-    EXPECT_EQ(recorded(), std::vector<std::string>());
-    // A TCP flow is resolved twice, a datagram once.
-    for (const auto kind : {Kind::tcp, Kind::udp}) {
-        offerToProxy(NWHostEndpoint{"h", "1"}, kind, "acme.mail.helper");
-        const std::string once =
-            "proxy debug Resolved acme.mail.helper -> acme.mail via prefix stripping\n";
-        EXPECT_TRUE(happened(kind == Kind::udp ? once : once + once + R"(
-            proxy  info  BLOCK (filter-enforced): acme.mail TCP -> h:1
-            )"));
-    }
-}
-
 TEST_F(FlowIntakeTest, HostsAreClassifiedForTheLogAlone) {
     EXPECT_TRUE(begin({.word = "direct"}));
     const std::vector<std::pair<std::string, std::string>> cases{

@@ -168,27 +168,5 @@ TEST_F(RuleChangesTest, AFlushMakesThreeCallsAtMostAndIsThenOver) {
     }
 }
 
-TEST_F(RuleChangesTest, AFlushUnderWayOutlivesAStopAndEndsWithItsProvider) {
-    startWith(R"({"rules":{"a":"vpn"}})");
-    world.providers.proxySettings.hold();
-    changeRules(R"({"rules":{"a":"direct"}})");
-    world.stopProxy();
-    world.providers.proxySettings.release();
-    world.runUntilIdle();
-    EXPECT_EQ(settingsCalls(), 3u);
-
-    ASSERT_TRUE(world.start());
-    changeRules(R"({"rules":{"a":"vpn"}})");
-    world.providers.proxySettings.hold();
-    changeRules(R"({"rules":{"a":"direct"}})");
-    const auto pending = settingsCalls();
-    world.providers.letGoOfProxy();
-    world.takeLog();
-    world.providers.proxySettings.release();
-    world.runUntilIdle();
-    EXPECT_EQ(settingsCalls(), pending);  // nothing follows the sentinel
-    EXPECT_TRUE(world.takeLog(proxyCategory).empty());
-}
-
 }  // namespace
 }  // namespace vantry
