@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "Platform/Common/Mutex.h"
+#include "Platform/Linux/ThreadPriority.h"
 
 namespace platform {
 
@@ -43,6 +44,7 @@ void finishLook(const std::string& key) {
 bool beginLook(const std::string& key, std::function<void()> look) {
     try {
         std::thread([key, work = std::move(look)] {
+            runBeforeOrdinaryPrograms();
             work();
             finishLook(key);
         }).detach();
