@@ -14,6 +14,7 @@ inline constexpr const char* failureFile =
     "/var/lib/group.org.quillmere.Vantry/connection_failures.json";
 inline constexpr const char* settingsSocket = "/run/org.quillmere.Vantry/settings.sock";
 inline constexpr const char* tunnelsFile = "/run/org.quillmere.Vantry/tunnels";
+inline constexpr const char* tunnelsOfBefore = "/var/lib/org.quillmere.Vantry/tunnels";
 inline constexpr const char* versionsFolder = "/var/lib/org.quillmere.Vantry/versions";
 }  // namespace places
 

@@ -212,7 +212,10 @@ JSONObject SettingsOwner::answer(const JSONObject& request, SecondsSince1970 now
     notes.clear();
     if (what == "put") return put(request, now);
     if (what == "undo") return undo(now);
-    if (what == "restore") putInForce();
+    if (what == "restore") {
+        isPostDue = true;
+        putInForce();
+    }
     if (what == "get" || what == "restore") {
         if (!preferencesProblem.empty()) return failed({ExitCode::failed, preferencesProblem, ""});
         return report();
@@ -313,19 +316,22 @@ vantryhost::Settings SettingsOwner::settingsInForce() const {
     return settings;
 }
 
-// Nothing was ever set: nothing is written, so that a first installation changes nothing.
+// Nothing was ever set: nothing is written, so that a first installation changes nothing. Nor is it before the
+// first look at a VPN that is followed.
 void SettingsOwner::putInForce() {
-    if (!hasSettings) return;
+    if (!hasSettings || (choices.tunnel.isFollowed && !isTunnelKnown)) return;
     auto written = rulesFile.write(settingsInForce(), notes);
-    if (const auto* failure = failureOf(written))
-        remember(rulesFileProblem, *failure);
-    else
-        remember(rulesFileProblem, vantryhost::Nothing{});
-    if (const auto* isNew = std::get_if<bool>(&written); isNew != nullptr && *isNew) post();
+    if (const auto* failure = failureOf(written)) {
+        isPostDue = true;
+        return remember(rulesFileProblem, *failure);
+    }
+    remember(rulesFileProblem, vantryhost::Nothing{});
+    if (std::get<bool>(written) || isPostDue) post();
 }
 
 // A daemon that is not there reads the file when it starts.
 void SettingsOwner::post() {
+    isPostDue = false;
     const auto posted = vantryhost::postRulesChanged();
     const auto* failure = failureOf(posted);
     if (failure != nullptr && failure->code != ExitCode::daemonNotRunning)

@@ -87,6 +87,7 @@ private:
     RulesFile rulesFile;
     TunnelView tunnel;
     bool isTunnelKnown = false;
+    bool isPostDue = true;      // the daemon may not have heard of the rules file as it is
     bool isStoringDue = false;  // what ended is in force and not yet in the file
     std::string preferencesProblem;
     std::string storingProblem;

@@ -103,7 +103,6 @@ SettingsService::SettingsService()
         [this](const auto&) { eventfd_write(networkSignal.get(), 1); });
     // The socket says what is wrong with it.
     static_cast<void>(makeRuntimeFolder());
-    lookAtTunnel();
     owner.start(now());
     lookAtTunnel();
     sayProblems();
@@ -194,14 +193,15 @@ void SettingsService::lookAtTunnel() {
 }
 
 void SettingsService::keepTunnels() {
-    auto names = tunnelState.haveLed();
-    if (names == keptTunnels) return;
-    keptTunnels = std::move(names);
-    if (const auto kept = TunnelMemory::keep(keptTunnels); failureOf(kept))
+    auto kinds = tunnelState.kinds();
+    if (kinds == keptKinds) return;
+    keptKinds = std::move(kinds);
+    const auto kept = TunnelMemory::keep(keptKinds);
+    if (const auto* failure = failureOf(kept))
         logger.error(
-            "%{public}s Should this service start again while the VPN has no routes, it may count "
+            "%{public}s If this service starts again while the VPN has no routes, that may count "
             "as up",
-            failureOf(kept)->what);
+            failure->what);
 }
 
 void SettingsService::readFileEvents() {

@@ -48,8 +48,8 @@ private:
     void sayProblems();
 
     SettingsOwner owner;
-    std::set<std::string> keptTunnels = TunnelMemory::read();
-    TunnelState tunnelState{routesLeadTo, keptTunnels};
+    TunnelState tunnelState{routesLeadTo, TunnelMemory::read()};
+    TunnelKinds keptKinds;
     TunnelView tunnel;
     std::vector<std::string> saidProblems;
     std::optional<bool> saidToBeUp;

@@ -4,23 +4,45 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <initializer_list>
 
 #include "Host/settings/Places.h"
 #include "Host/vantry-settings/DurableFile.h"
 
 namespace vantrysettings {
 
-std::set<std::string> TunnelMemory::read() {
-    std::set<std::string> names;
-    std::ifstream file(vantryhost::places::tunnelsFile);
-    for (std::string name; std::getline(file, name);) names.insert(std::move(name));
-    return names;
+namespace places = vantryhost::places;
+
+namespace {
+
+constexpr const char* full = "full";
+constexpr const char* split = "split";
+
+// A line each: the kind and the name.
+TunnelKinds kindsIn(const char* path) {
+    TunnelKinds kinds;
+    std::ifstream file(path);
+    for (std::string kind, name; file >> kind >> name;)
+        if (kind == full || kind == split)
+            kinds[name] = kind == full ? TunnelKind::full : TunnelKind::split;
+    return kinds;
 }
 
-vantryhost::Outcome<> TunnelMemory::keep(const std::set<std::string>& names) {
+}  // namespace
+
+TunnelMemory TunnelMemory::read() {
+    return {kindsIn(places::tunnelsFile), kindsIn(places::tunnelsOfBefore)};
+}
+
+vantryhost::Outcome<> TunnelMemory::keep(const TunnelKinds& kinds) {
     std::string lines;
-    for (const auto& name : names) lines += fmt::format("{}\n", name);
-    return replaceUntilBoot(vantryhost::places::tunnelsFile, lines, {geteuid(), getegid(), 0644});
+    for (const auto& [name, kind] : kinds)
+        lines += fmt::format("{} {}\n", kind == TunnelKind::full ? full : split, name);
+    for (const auto* path : {places::tunnelsFile, places::tunnelsOfBefore})
+        if (auto kept = replaceUntilBoot(path, lines, {geteuid(), getegid(), 0644});
+            failureOf(kept))
+            return kept;
+    return vantryhost::Nothing{};
 }
 
 }  // namespace vantrysettings

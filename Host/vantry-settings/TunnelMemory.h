@@ -1,19 +1,24 @@
-// Which tunnels have led the machine's routes, for the service's next start: one that keeps its device and has
-// lost its routes would else count as a VPN for some networks only. Kept until the machine's next start.
+// What the machine's tunnels were, for the service's next start, and for the next boot: whether one led all
+// routes or is for some networks only does not show while it comes up, nor of one that has lost its routes.
 #pragma once
 
-#include <set>
+#include <map>
 #include <string>
 
 #include "Host/settings/Outcome.h"
 
 namespace vantrysettings {
 
-class TunnelMemory {
-public:
-    // Interfaces' names; none where nothing was kept or it cannot be read.
-    static std::set<std::string> read();
-    static vantryhost::Outcome<> keep(const std::set<std::string>& names);
+enum class TunnelKind { full, split };
+using TunnelKinds = std::map<std::string, TunnelKind>;  // by the interface's name
+
+struct TunnelMemory {
+    TunnelKinds sinceBoot;
+    TunnelKinds before;
+
+    // Empty where nothing was kept or it cannot be read.
+    static TunnelMemory read();
+    static vantryhost::Outcome<> keep(const TunnelKinds& kinds);
 };
 
 }  // namespace vantrysettings

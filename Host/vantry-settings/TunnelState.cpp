@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <utility>
 
 #include "Platform/Linux/FileDescriptor.h"
 
@@ -18,8 +19,13 @@ using platform::NetworkInterface;
 
 namespace {
 
-// How long a tunnel that no general route leads to may take to get one.
-constexpr std::chrono::seconds timeForRoutes{1};
+// How long a tunnel that no general route leads to may take to get one, by what it was the last time.
+std::chrono::seconds timeForRoutes(std::optional<TunnelKind> before) {
+    if (!before) return std::chrono::seconds{5};
+    return std::chrono::seconds{*before == TunnelKind::full ? 10 : 1};
+}
+
+constexpr std::size_t mostRemembered = 256;
 
 // Longer than a VPN is away that connects again.
 constexpr std::chrono::minutes longestAbsence{1};
@@ -83,26 +89,29 @@ bool routesLeadTo(const NetworkInterface& interface) {
                                [&](const char* probe) { return leadsByIPv6(interface, probe); });
 }
 
-TunnelState::TunnelState(LeadsTo question, const std::set<std::string>& haveLed)
+TunnelState::TunnelState(LeadsTo question, const TunnelMemory& memory)
     : leadsTo(std::move(question)) {
-    for (const auto& name : haveLed) tunnels[name].hasLed = true;
+    for (const auto& [name, kind] : memory.before) tunnels[name].before = kind;
+    for (const auto& [name, kind] : memory.sinceBoot) tunnels[name].present = kind;
 }
 
-std::set<std::string> TunnelState::haveLed() const {
-    std::set<std::string> names;
+TunnelKinds TunnelState::kinds() const {
+    TunnelKinds found;
     for (const auto& [name, tunnel] : tunnels)
-        if (tunnel.hasLed) names.insert(name);
-    return names;
+        if (const auto kind = tunnel.present ? tunnel.present : tunnel.before) found[name] = *kind;
+    return found;
+}
+
+void TunnelState::Tunnel::beginAgain() {
+    if (present) before = std::exchange(present, std::nullopt);
 }
 
 TunnelView TunnelState::look(const platform::NetworkState& state,
                              const std::vector<std::string>& names, Clock::time_point now) {
     TunnelView view;
     nextLook.reset();
-    std::erase_if(tunnels, [&](const auto& each) {
-        const auto& gone = each.second.goneSince;
-        return gone && now - *gone >= longestAbsence;
-    });
+    if (tunnels.size() > mostRemembered)
+        std::erase_if(tunnels, [](const auto& each) { return each.second.goneSince.has_value(); });
     for (const auto& interface : state.interfaces) {
         const bool isNamed = std::ranges::find(names, interface.name) != names.end();
         if ((names.empty() ? interface.isTunnel : isNamed) && carries(interface, now))
@@ -114,22 +123,27 @@ TunnelView TunnelState::look(const platform::NetworkState& state,
         if (state.named(name) != nullptr) continue;
         tunnel.inUseSince.reset();
         if (!tunnel.goneSince) tunnel.goneSince = now;
+        if (tunnel.present == TunnelKind::split) tunnel.beginAgain();
     }
     return view;
 }
 
 bool TunnelState::carries(const NetworkInterface& interface, Clock::time_point now) {
     auto& tunnel = tunnels[interface.name];
+    if (tunnel.goneSince && now - *tunnel.goneSince >= longestAbsence) tunnel.beginAgain();
     tunnel.goneSince.reset();
     if (!isInUse(interface)) {
         tunnel.inUseSince.reset();
+        if (tunnel.present == TunnelKind::split) tunnel.beginAgain();
         return false;
     }
     if (!tunnel.inUseSince) tunnel.inUseSince = now;
-    if (leadsTo(interface)) return tunnel.hasLed = true;
-    if (tunnel.hasLed) return false;
-    const auto settled = *tunnel.inUseSince + timeForRoutes;
-    if (now >= settled) return true;
+    const bool isLed = leadsTo(interface);
+    if (isLed) tunnel.present = TunnelKind::full;
+    if (tunnel.present) return isLed || *tunnel.present == TunnelKind::split;
+    const auto settled = *tunnel.inUseSince + timeForRoutes(tunnel.before);
+    if (now >= settled) tunnel.present = TunnelKind::split;
+    if (tunnel.present) return true;
     nextLook = nextLook ? std::min(*nextLook, settled) : settled;
     return false;
 }

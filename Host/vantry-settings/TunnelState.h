@@ -4,22 +4,24 @@
 //
 //   the interface                       routes lead to it        they lead elsewhere
 //   is gone, down, or has no address    -                        down
-//   is in use, never led the routes     up                       up after a second: a tunnel for some
-//                                                                networks only
 //   is in use, has led the routes       up                       down: its routes are to come, or gone
+//   is in use, never led the routes     up                       up after a while: a tunnel for some
+//                                                                networks only
 //
-// After a minute without the interface it is another VPN's that has the name: what the one before led is forgotten.
-// One thread.
+// The while is short where the interface of that name was such a tunnel the last time, longer where it led the
+// routes then or is new: scripts may stand between a VPN's address and its routes. After a minute without the
+// interface it may be another VPN's that has the name, and begins as one in use for the first time. What is known
+// outlives the service (`TunnelMemory`). One thread.
 #pragma once
 
 #include <chrono>
 #include <functional>
 #include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
+#include "Host/vantry-settings/TunnelMemory.h"
 #include "Platform/Linux/Network/NetworkState.h"
 
 namespace vantrysettings {
@@ -38,21 +40,23 @@ public:
     // Whether traffic for the rest of the world leaves by this interface.
     using LeadsTo = std::function<bool(const platform::NetworkInterface&)>;
 
-    // `haveLed`: those of an earlier start of the service.
-    explicit TunnelState(LeadsTo question, const std::set<std::string>& haveLed = {});
+    explicit TunnelState(LeadsTo question, const TunnelMemory& memory = {});
 
     // With `names`, only interfaces of these names count, and they count whatever they are; without, every
     // tunnel does.
     TunnelView look(const platform::NetworkState& state, const std::vector<std::string>& names,
                     Clock::time_point now);
-    // Those that have led the routes and are not gone for long.
-    std::set<std::string> haveLed() const;
+    // What the service's next start is to know.
+    TunnelKinds kinds() const;
     // When to look again although nothing has happened.
     std::optional<Clock::time_point> looksAgainAt() const { return nextLook; }
 
 private:
     struct Tunnel {
-        bool hasLed = false;
+        void beginAgain();
+
+        std::optional<TunnelKind> before;   // what it was the last time
+        std::optional<TunnelKind> present;  // once that is known
         std::optional<Clock::time_point> inUseSince;
         std::optional<Clock::time_point> goneSince;
     };

@@ -49,7 +49,7 @@ TEST_F(TunnelStateTest, OnlyATunnelInUseIsTheVPN) {
 TEST_F(TunnelStateTest, ItIsUpWhenItsRoutesAreThere) {
     network = {{interfaceNamed("wg0")}};
     EXPECT_EQ(carrying(), Names{}) << "its routes may be on their way";
-    EXPECT_EQ(state.looksAgainAt(), now + 1s);
+    EXPECT_EQ(state.looksAgainAt(), now + 5s);
     leading = {"wg0"};
     EXPECT_EQ(carrying(), (Names{"wg0"}));
     // Its routes go first, then it; it comes back in steps.
@@ -58,24 +58,38 @@ TEST_F(TunnelStateTest, ItIsUpWhenItsRoutesAreThere) {
     now += 10s;
     EXPECT_EQ(carrying(), Names{}) << "once it has led the routes, an address alone is not enough";
     EXPECT_EQ(state.looksAgainAt(), std::nullopt);
-    TunnelState ofNextStart([](const auto&) { return false; }, state.haveLed());
+    TunnelState ofNextStart([](const auto&) { return false; }, {state.kinds(), {}});
     ofNextStart.look(network, {}, now);
     EXPECT_FALSE(ofNextStart.look(network, {}, now + 10s).isUp()) << "nor after a restart";
-    // Another VPN's, perhaps, once it was away for long.
+    // Another VPN's, perhaps, once it was away for long. It led the routes the last time.
     for (const auto& [absence, afterwards] : {std::pair(59s, Names{}), {60s, Names{"wg0"}}}) {
         network = {};
         EXPECT_EQ(carrying(), Names{});
         now += absence;
         network = {{interfaceNamed("wg0")}};
         EXPECT_EQ(carrying(), Names{});
+        now += 9s;
+        EXPECT_EQ(carrying(), Names{});
         now += 1s;
         EXPECT_EQ(carrying(), afterwards) << absence.count();
     }
-    // One for some networks only never leads them.
-    network = {{interfaceNamed("split")}};
-    EXPECT_EQ(carrying(), Names{});
-    now += 1s;
-    EXPECT_EQ(carrying(), (Names{"split"}));
+    // One for some networks only never leads them, and is known for that the next time, also after a boot.
+    for (const auto time : {5s, 1s}) {
+        network = {{interfaceNamed("split")}};
+        EXPECT_EQ(carrying(), Names{});
+        now += time - 1ms;
+        EXPECT_EQ(carrying(), Names{});
+        now += 1ms;
+        EXPECT_EQ(carrying(), (Names{"split"}));
+        EXPECT_TRUE(TunnelState([](const auto&) { return false; }, {state.kinds(), {}})
+                        .look(network, {}, now)
+                        .isUp())
+            << "at once after a restart";
+        network = {};
+        EXPECT_EQ(carrying(), Names{});
+    }
+    EXPECT_EQ(state.kinds(),
+              (TunnelKinds{{"split", TunnelKind::split}, {"wg0", TunnelKind::split}}));
 }
 
 }  // namespace
