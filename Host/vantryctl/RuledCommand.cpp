@@ -138,7 +138,8 @@ Outcome<RuledCommand> startUnderRule(const std::vector<std::string>& words, Comm
     const auto given = giveRule(group.identifier, way, time);
     const auto* failure = failureOf(given);
     const auto* change = std::get_if<Change>(&given);
-    if (failure != nullptr || !change->isInForce) {
+    // What `verify` sees of its command is right to know in any case.
+    if (failure != nullptr || (!change->isInForce && kind == CommandKind::run)) {
         // It may be stored all the same.
         static_cast<void>(endRuleOf(command));
         return failure != nullptr ? *failure : notStarted(words.front(), *change);

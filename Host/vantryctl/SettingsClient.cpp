@@ -1,5 +1,7 @@
 #include "Host/vantryctl/SettingsClient.h"
 
+#include <unistd.h>
+
 #include <cstring>
 #include <ctime>
 #include <utility>
@@ -46,7 +48,7 @@ Failure failureFor(const ExchangeFailure& failure) {
     return {
         ExitCode::failed,
         std::string("The settings service gave no answer: ") + std::strerror(failure.error) + ".",
-        ""};
+        "If that lasts, restart it: systemctl restart vantry-settings"};
 }
 
 const platform::JSONValue* member(const JSONObject& object, std::string_view key) {
@@ -103,6 +105,10 @@ Outcome<Answer> ask(const JSONObject& request) {
     if (const auto* failure = std::get_if<ExchangeFailure>(&reply)) return failureFor(*failure);
     const auto& bytes = std::get<std::string>(reply);
     // A peer that is not trusted is hung up on.
+    if (bytes.empty() && geteuid() == 0)
+        return Failure{ExitCode::failed, "The settings service ended before it answered.",
+                       "Look at what is set now (vantryctl rules), and at why it ended (journalctl "
+                       "-u vantry-settings)."};
     if (bytes.empty()) return failureFor({ExchangeFailure::Step::receive, EPERM});
     auto document = vantryhost::objectFrom("The settings service's answer", bytes);
     if (auto* failure = std::get_if<Failure>(&document)) return std::move(*failure);
@@ -162,6 +168,7 @@ void bringToDaemon(const Answer& answer, Change& change) {
         change.notes.emplace_back(
             "All rules are switched off; they hold again after vantryctl on.");
     for (const auto& problem : answer.stored.problems) change.notes.push_back(problem);
+    if (!answer.stored.isDaemonListening || answer.stored.choices.isOff) change.isInForce = false;
 }
 
 Outcome<Change> changeBy(const char* request) {
