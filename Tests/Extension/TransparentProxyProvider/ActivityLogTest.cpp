@@ -60,31 +60,6 @@ TEST_F(ActivityLogTest, AnEntryIsWrittenAtOnceOrWithOthersASecondAfterTheLastWri
     EXPECT_EQ(inFile(), " a b c d e f g h i j late");
 }
 
-TEST_F(ActivityLogTest, AFailedWriteCountsForTheThrottleAndAModeThatCannotBeSetIsSilent) {
-    world.files.fail(FileOperation::writeAtomically, activityLogFile);
-    offer("a");
-    world.advance(0.5);
-    offer("b");
-    EXPECT_EQ(writes(), 1u);
-    EXPECT_FALSE(world.files.exists(activityLogFile));
-    world.advance(1);
-    EXPECT_EQ(inFile(), " a b");
-
-    world.files.fail(FileOperation::setPermissions, activityLogFile);
-    world.advance(2);
-    world.takeLog();
-    offer("c");
-    EXPECT_EQ(inFile(), " a b c");
-    for (const auto& line : world.takeLog()) EXPECT_NE(line.level, LogLevel::error) << line;
-
-    // A name that is no UTF-8 cannot be written, and keeps the file from being.
-    world.advance(2);
-    offer("\xff");
-    EXPECT_EQ(inFile(), " a b c");
-    EXPECT_TRUE(logHolds(world, {error("Failed to write activity log file: The activity log cannot "
-                                       "be expressed as JSON")}));
-}
-
 TEST_F(ActivityLogTest, ADiskThatHangsHoldsUpNoFlowButTheOneWhoseWriteItIs) {
     world.files.stall(FileOperation::writeAtomically, activityLogFile);
     auto writer = std::async(std::launch::async, [&] { offer("a"); });

@@ -70,28 +70,5 @@ TEST_F(RuleSourcesTest, CutsThePreviewAtBytesAndLoadsTheWholeFile) {
               "Raw file contents (617 bytes): " + ascii.substr(0, 500));
 }
 
-TEST_F(RuleSourcesTest, TheConfigurationGivesEachKeyByItself) {
-    const auto linesOfWake = [&](std::string_view configuration) {
-        world.preferences.setProviderConfiguration(configuration);
-        world.takeLog();
-        world.wake();
-        return world.takeLog();
-    };
-    ASSERT_TRUE(world.start());
-    linesOfWake(R"({"rules":{"a":"direct","b":"vpn"},"vpnFallback":"block","vpnConnected":false,
-                    "directFallback":"odd","blockedApps":["c"]})");
-    // The configuration's blocked list answers here and does not reach the coordinator yet.
-    EXPECT_EQ(decisionOf("c"), "block");
-    EXPECT_FALSE(coordinator.shouldBlockFlow("c"));
-    // Without rules, or with rules of the wrong type, the other keys still apply.
-    for (const auto* configuration : {R"({"rules":{"z":1},"defaultAction":"direct"})", "{}"})
-        EXPECT_TRUE(
-            linesAre(linesOfWake(configuration),
-                     {info("System waking..."),
-                      info("VPN state updated: connected=false fallback=block firstInit=false"),
-                      info("Loaded 2 routing rules from config, default: direct, blocked: 1"),
-                      info("Fallback settings from config: vpn=block, direct=odd")}));
-}
-
 }  // namespace
 }  // namespace vantry

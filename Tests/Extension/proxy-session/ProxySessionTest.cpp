@@ -152,25 +152,6 @@ TEST_F(ProxySessionTest, AConnectionThatStaysWaitingIsGivenUpThirtySecondsAfterT
     EXPECT_TRUE(logIs(world, {}));
 }
 
-TEST_F(ProxySessionTest, OpensTheFlowThenConnectsThenRelaysAlsoWhenTheTimerFires) {
-    relay.flow.opensAfter(5);
-    relay.flow.sends("early");
-    relay.peer.waits(3);
-    relay.peer.echoes();
-    relay.start();
-    world.advance(4);
-    EXPECT_TRUE(relay.peer.connections().empty());
-    world.advance(20);
-    EXPECT_EQ(relay.flow.received(), "early");
-    const auto waiting = error("sid=7 Connection waiting: Network is down (posix 50)");
-    EXPECT_TRUE(logIs(world, {waiting, waiting, waiting, ready}));
-    world.advance(60);
-    EXPECT_TRUE(relay.isOpenAndRelaying());
-    relay.flow.sends("alive");
-    world.runUntilIdle();
-    EXPECT_EQ(relay.flow.received(), "earlyalive");
-}
-
 TEST_F(ProxySessionTest, ASideThatDoesNotReadHoldsBackTheOther) {
     startAndConnect();
     relay.flow.stopsReading();
