@@ -17,8 +17,8 @@ _PROMPT = "#"
 _FINDING = re.compile(r"^(Of what the daemon|warning|unknown|MISSING) |^         ")
 
 _ALICE = """
-Alice works over a VPN. All of it is to go on that way but the uploads of one program, and nothing of what has a rule
-for the VPN may leave without it. She is led through it, and sees that it holds:
+Alice works over a VPN. All of it is to go on that way but the uploads of one program, and no TCP and no HTTP/3 of what
+has a rule for the VPN may leave without it. She is led through it, and sees that it holds:
 """
 _BOB = """
 Bob wants a program kept off the network, and tries what it breaks before he decides; another one is to go beside the
