@@ -438,6 +438,8 @@ def _ends_of_the_daemon(stage) -> None:
     stage.checks.equal("and all the idle ones", _states_at(crowded), {"reset": IDLE})
     crowd.stop()
     stage.checks.check("no one cleans up beside a daemon", stage.clean_up() == 1)
+    second = subprocess.run((world.BUILD / "vantryd",), capture_output=True, text=True, timeout=20)
+    stage.checks.check("no second daemon starts", second.returncode == 1 and "running already" in second.stderr, second)
     address = stage.ipv4()
     stage.expect_physical("a new one is direct", stage.courier.run("connect", address, 80), address)
     upload = stage.courier.start("upload", stage.ipv4(), 8080, "--duration", 20)

@@ -48,13 +48,16 @@ std::vector<std::string> ownArguments() {
     std::exit(usageStatus);
 }
 
+// One that stands still has its socket still, and no room in its queue perhaps; one that was killed refuses.
 bool isDaemonRunning() {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::strncpy(address.sun_path, places::messageSocket, sizeof address.sun_path - 1);
-    const FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    return socket && ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address),
-                               sizeof address) == 0;
+    const FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!socket) return false;
+    const int connected =
+        ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    return connected == 0 || errno == EAGAIN;
 }
 
 // The status to end with.
@@ -70,11 +73,19 @@ int cleanUp() {
     return EXIT_FAILURE;
 }
 
+// It would take the sockets and files of the first one, also from another network.
+void refuseSecondDaemon() {
+    if (!isDaemonRunning()) return;
+    std::cerr << "vantryd: the daemon is running already. To start it again: systemctl restart "
+                 "vantryd\n";
+    std::exit(EXIT_FAILURE);
+}
+
 }  // namespace
 
 void answerArguments() {
     const auto arguments = ownArguments();
-    if (arguments.empty()) return;
+    if (arguments.empty()) return refuseSecondDaemon();
     const std::string& first = arguments.front();
     const bool isKnown =
         first == "--help" || first == "-h" || first == "--version" || first == "--clean-up";
