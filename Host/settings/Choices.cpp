@@ -185,7 +185,7 @@ void Choices::writeInto(JSONObject& preferences) const {
     auto& provider = madeObjectUnder(madeObjectUnder(preferences, documentKeys::protocol),
                                      documentKeys::provider);
     settings.writeInto(provider);
-    if (tunnel.isFollowed) provider[std::string(documentKeys::vpnConnected)] = false;
+    if (tunnel.isFollowed) removeFrom(provider, documentKeys::vpnConnected);
 
     if (tunnel == TunnelChoice{})
         removeFrom(preferences, documentKeys::tunnel);

@@ -25,8 +25,7 @@ namespace vantryhost {
 using SecondsSince1970 = std::int64_t;
 
 // Whether the service says if the VPN is up, and by which interfaces; every tunnel if none is named.
-// While it does, `vpnConnected` is false in the preferences: a state is no setting, and a daemon that finds no
-// rules file, as the service has not come up, does not take the VPN for up.
+// While it does, the preferences carry no `vpnConnected`: a state is no setting.
 struct TunnelChoice {
     bool isFollowed = true;
     std::vector<std::string> interfaces;

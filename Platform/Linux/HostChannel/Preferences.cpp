@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <utility>
@@ -49,6 +50,17 @@ std::shared_ptr<const NEVPNProtocol> protocolIn(const JSONValue* value, bool isO
     if (configuration && isOff) takeRulesFrom(*configuration);
     return std::make_shared<NETunnelProviderProtocol>(
         typedMember<std::string>(*object, "providerBundleIdentifier"), std::move(configuration));
+}
+
+// Whether a VPN that is followed is up stands in the rules file, which the settings service writes before
+// the daemon starts and which is read next. Where that has not come up, the VPN counts as down.
+std::shared_ptr<const NEVPNProtocol> withVPNInDoubt(std::shared_ptr<const NEVPNProtocol> given) {
+    const auto* protocol = dynamic_cast<const NETunnelProviderProtocol*>(given.get());
+    if (protocol == nullptr || !protocol->providerConfiguration()) return given;
+    auto configuration = *protocol->providerConfiguration();
+    if (member(configuration, "vpnConnected") == nullptr) configuration["vpnConnected"] = false;
+    return std::make_shared<NETunnelProviderProtocol>(protocol->providerBundleIdentifier(),
+                                                      std::move(configuration));
 }
 
 std::vector<NETunnelProviderManager> managersIn(const JSONObject& document) {
@@ -134,6 +146,9 @@ std::optional<Preferences> Preferences::load() {
 std::shared_ptr<const NEVPNProtocol> NETransparentProxyProvider::protocolConfiguration() const {
     const auto preferences = Preferences::load();
     auto configuration = preferences ? preferences->protocolConfiguration : nullptr;
+    // At a waking, what is known of it stays.
+    static std::atomic<bool> isStart = true;
+    if (isStart.exchange(false)) configuration = withVPNInDoubt(std::move(configuration));
     recording::noteConfiguration(configuration.get());
     return configuration;
 }
