@@ -72,9 +72,10 @@ public:
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         socketPath().copy(address.sun_path, sizeof address.sun_path - 1);
-        fuzz::require(::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address),
-                                sizeof address) == 0,
-                      "the socket takes no client");
+        // The fuzzer's clock interrupts calls.
+        const auto connected = TEMP_FAILURE_RETRY(
+            ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address));
+        fuzz::require(connected == 0, "the socket takes no client");
         // Far more than a reply takes: what stays out fails instead of hanging.
         const timeval limit{30, 0};
         setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
@@ -84,7 +85,8 @@ public:
 
     void send(const std::string& piece) {
         if (!socket || hasEnded || piece.empty()) return;
-        const auto sent = ::send(socket.get(), piece.data(), piece.size(), MSG_NOSIGNAL);
+        const auto sent =
+            TEMP_FAILURE_RETRY(::send(socket.get(), piece.data(), piece.size(), MSG_NOSIGNAL));
         // Only a request that has grown too long is cut off.
         request += piece;
         fuzz::require(sent == static_cast<ssize_t>(piece.size()) || isTooLong(), "cut off");
@@ -101,7 +103,8 @@ public:
         std::string reply;
         std::array<char, 4096> buffer;
         ssize_t length = 0;
-        while ((length = recv(socket.get(), buffer.data(), buffer.size(), 0)) > 0)
+        while ((length = TEMP_FAILURE_RETRY(recv(socket.get(), buffer.data(), buffer.size(), 0))) >
+               0)
             reply.append(buffer.data(), static_cast<std::size_t>(length));
         fuzz::require(length == 0 || (isTooLong() && errno == ECONNRESET), "no end of the reply",
                       request);
