@@ -92,6 +92,7 @@ MarkBits PacketPath::readMarkBits() {
     if (!bits.unread) {
         unreadRules.end();
         sayOfOverwriting(bits.overwritingTables);
+        sayOfUntracked(bits.untrackingTables);
     } else if (unreadRules.begin(bits.unread->text())) {
         platformLog.error(
             "Marks of connections may get into the way of others' packet rules: %{public}s",
@@ -109,6 +110,17 @@ void PacketPath::sayOfOverwriting(const std::string& tables) {
             "that pass them, blocks and the VPN's fallback reach only new ones, and direct ones "
             "may hang: have these rules keep the other bits, as in ct mark set ct mark & "
             "0xffffff00 | 0x1",
+            tables);
+    }
+}
+
+void PacketPath::sayOfUntracked(const std::string& tables) {
+    if (tables.empty()) {
+        if (untracked.end()) platformLog.info("Rules of others leave nothing untracked any more");
+    } else if (untracked.begin("in the tables " + tables)) {
+        platformLog.error(
+            "Rules of others leave flows untracked (tables: %{public}s): no rule, no block and no "
+            "fallback reaches those. Take the notrack rules away",
             tables);
     }
 }

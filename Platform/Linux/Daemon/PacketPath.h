@@ -66,6 +66,7 @@ private:
     Result<> choosePlace();
     MarkBits readMarkBits();
     void sayOfOverwriting(const std::string& tables);
+    void sayOfUntracked(const std::string& tables);
     Result<> openParts();
     Result<> chooseCarrier();
     Result<> wipeMarks();
@@ -106,6 +107,8 @@ private:
                           "Others use the same bits of marks"};
     health::Problem overwriting{health::Place::verdicts, "overwrittenMarks",
                                 "Others overwrite connections' marks"};
+    health::Problem untracked{health::Place::verdicts, "untracked",
+                              "Others leave flows untracked, which no rule reaches"};
     health::Problem unreadRules{health::Place::verdicts, "rulesOfOthers",
                                 "Others' packet rules cannot be read"};
     health::Problem heldUp{health::Place::packets, "heldUp", "Verdicts are held up"};

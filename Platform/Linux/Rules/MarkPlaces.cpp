@@ -78,9 +78,9 @@ Result<std::string> packetRulesOfOthers() {
 
 MarkBits markBitsInUse() {
     const auto rules = packetRulesOfOthers();
-    if (!rules) return {bitsInRoutingRules(), "", rules.error()};
+    if (!rules) return {bitsInRoutingRules(), "", "", rules.error()};
     return {bitsInRoutingRules() | markBitsInRules(*rules), tablesThatOverwriteMarks(*rules),
-            std::nullopt};
+            tablesThatDoNotTrack(*rules), std::nullopt};
 }
 
 std::optional<MarkPlace> freeMarkPlace(std::uint32_t used) {

@@ -188,21 +188,39 @@ std::uint32_t markBitsInRules(std::string_view rules) {
     return bits;
 }
 
-std::string tablesThatOverwriteMarks(std::string_view rules) {
+namespace {
+
+// The tables with such a rule in a chain that what is sent may pass; `elsewhere` are the hooks of other chains.
+template <class Matches>
+std::string tablesWith(std::string_view rules, std::initializer_list<std::string_view> elsewhere,
+                       Matches matches) {
     std::string tables;
     std::string table;
-    bool isForwarding = false;  // the chain
+    bool isElsewhere = false;  // the chain
     forEachLine(rules, [&](const Words& words, const std::string&) {
         if (words.empty()) return;
         if (words[0] == "table" && words.size() > 2)
             table = std::string(words[1]).append(" ").append(words[2]);
-        if (words[0] == "chain") isForwarding = false;
-        if (words.size() > 3 && words[2] == "hook") isForwarding = words[3] == "forward";
-        if (isForwarding || table.empty() || !overwritesConnectionMark(words)) return;
+        if (words[0] == "chain") isElsewhere = false;
+        if (words.size() > 3 && words[2] == "hook")
+            isElsewhere = std::ranges::find(elsewhere, words[3]) != elsewhere.end();
+        if (isElsewhere || table.empty() || !matches(words)) return;
         tables.append(tables.empty() ? "" : ", ").append(table);
         table.clear();
     });
     return tables;
+}
+
+}  // namespace
+
+std::string tablesThatOverwriteMarks(std::string_view rules) {
+    return tablesWith(rules, {"forward"}, overwritesConnectionMark);
+}
+
+std::string tablesThatDoNotTrack(std::string_view rules) {
+    return tablesWith(rules, {"forward", "prerouting"}, [](const Words& words) {
+        return std::ranges::find(words, "notrack") != words.end();
+    });
 }
 
 }  // namespace platform::interception

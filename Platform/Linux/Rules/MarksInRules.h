@@ -17,4 +17,8 @@ std::uint32_t markBitsInRules(std::string_view rules);
 // for what is forwarded, and for one mark alone, are left out.
 std::string tablesThatOverwriteMarks(std::string_view rules);
 
+// The same of those with a rule that leaves what is sent untracked: without an entry of its own a packet bears no
+// verdict, and is offered to no one.
+std::string tablesThatDoNotTrack(std::string_view rules);
+
 }  // namespace platform::interception

@@ -175,6 +175,8 @@ TEST(MarkPlaces, RulesThatKeepNothingOfAConnectionsMarkAreTold) {
                                  chain("some", "meta mark != 0x00000000 ct mark set meta mark") +
                                  chain("iptables", "counter packets 1 bytes 60 ct mark set mark")),
         "ip saved, ip number, ip masked, ip some, ip iptables");
+    EXPECT_EQ(tablesThatDoNotTrack(chain("web", "tcp dport 80 notrack") + chain("b", "accept")),
+              "ip web");
     EXPECT_EQ(tablesThatOverwriteMarks(
                   chain("kept", "ct mark set ct mark & 0xffffff00 | 0x00000001") +
                   chain("both", "ct mark set meta mark & 0xff | ct mark & 0xffffff00") +
