@@ -40,8 +40,8 @@ using Edit = std::function<bool(vantryhost::Choices&)>;
 struct Change {
     vantryhost::Choices before;
     vantryhost::Choices after;
-    bool isStored = false;           // false if the edit left everything as it was
-    bool isInForce = true;           // false without a daemon that has taken it, and where all is off
+    bool isStored = false;  // false if the edit left everything as it was
+    bool isInForce = true;  // false without a daemon that has taken it, and where all is off
     std::vector<std::string> notes;  // what the user should know
 };
 
