@@ -30,7 +30,7 @@ std::optional<std::string> replyTo(const std::string& request) {
     return "<" + request + ">";
 }
 
-void answer(Data request, platform::Completion<std::optional<Data>> completion) {
+void answer(const Data& request, platform::Completion<std::optional<Data>> completion) {
     const std::string text(request.bytes().value_or(""));
     if (text.starts_with('d')) return;
     const auto reply = replyTo(text);
