@@ -7,9 +7,12 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <utility>
+
+#include "Platform/Linux/PlatformLog.h"
 
 namespace platform {
 
@@ -49,7 +52,12 @@ SocketFacts factsOf(const inet_diag_msg& message) {
 }  // namespace
 
 SocketDiagnosis::SocketDiagnosis() {
+    // One after the other fails while something is short: said once until one does not.
+    static std::atomic<bool> isFailureSaid = false;
     auto opened = netlink::Socket::open(NETLINK_SOCK_DIAG);
+    if (!isFailureSaid.exchange(!opened) && !opened)
+        platformLog.error("The kernel can be asked about no sockets, nor to end one: %{public}s",
+                          opened.error().text());
     if (!opened) return;
     // The kernel answers while the question is sent; the limit only keeps a thread from being lost.
     opened->setLongestWait(std::chrono::seconds(1));
