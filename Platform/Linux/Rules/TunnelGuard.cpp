@@ -388,10 +388,11 @@ private:
         return true;
     }
 
+    // The chain stays: when one goes, the kernel drops all packets that wait for a verdict.
     bool replaced(bool knowsIPsec, std::string& failure) {
         const std::string table = std::string("table inet ") + guardTableName;
         auto answer =
-            rules.run("add " + table + " { flags owner; }\ndelete " + table + '\n' + table +
+            rules.run("add " + table + " { flags owner; }\nflush " + table + '\n' + table +
                       " {\n flags owner\n chain leaving {\n"
                       "  type filter hook postrouting priority 0\n" +
                       rulesText(guarded, place, knowsIPsec) + " }\n}\n");

@@ -171,11 +171,15 @@ bool SteeringTable::run(const std::string& commands) {
 std::string SteeringTable::listed() { return run("list " + table) ? output : ""; }
 
 bool SteeringTable::install(const std::vector<Uplink>& uplinks) {
-    // Adding a table that exists is no error, deleting one that does not is. The new nat chain is there
-    // before the old one goes, so that connections keep their translation.
-    const std::string begin = "add " + table + "\ndelete " + table + "\n";
-    const bool isDone = run(begin + tableText(marks, uplinks, true)) ||
-                        run(begin + tableText(marks, uplinks, false));
+    // The chains stay where they are as they should be: when one goes, the kernel drops all packets that wait for a
+    // verdict. Else the new nat chain is there before the old one goes, so that connections keep their translation.
+    // Adding a table that exists is no error, deleting or flushing one that does not is.
+    const std::string adding = "add " + table + "\n";
+    const std::string emptied = adding + "flush " + table + "\n";
+    const std::string replaced = adding + "delete " + table + "\n";
+    const std::string whole = tableText(marks, uplinks, true);
+    const bool isDone = run(emptied + whole) || run(replaced + whole) ||
+                        run(replaced + tableText(marks, uplinks, false));
     inForce = isDone ? listed() : "";
     return isDone;
 }
