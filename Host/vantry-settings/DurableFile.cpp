@@ -41,14 +41,13 @@ bool fill(int file, std::string_view bytes, const FileAccess& access) {
            fchmod(file, access.mode) == 0;
 }
 
-enum class Lasts { untilBoot, overLossOfPower };
+enum class Sync { no, yes };
 
 bool makeWhole(const std::string& path, std::string_view bytes, const FileAccess& access,
-               Lasts lasts) {
+               Sync sync) {
     const FileDescriptor file(
         open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    return file && fill(file.get(), bytes, access) &&
-           (lasts == Lasts::untilBoot || fsync(file.get()) == 0);
+    return file && fill(file.get(), bytes, access) && (sync == Sync::no || fsync(file.get()) == 0);
 }
 
 bool syncFolderOf(const std::string& path) {
@@ -62,15 +61,15 @@ Failure cannotWrite(const std::string& path, int error) {
 }
 
 Outcome<> replace(const std::string& path, std::string_view bytes, const FileAccess& access,
-                  Lasts lasts) {
+                  Sync sync) {
     const std::string made =
         path + std::string(makingSuffix) + platform::UUID::random().uuidString();
-    if (!makeWhole(made, bytes, access, lasts) || rename(made.c_str(), path.c_str()) != 0) {
+    if (!makeWhole(made, bytes, access, sync) || rename(made.c_str(), path.c_str()) != 0) {
         const int error = errno;
         unlink(made.c_str());
         return cannotWrite(path, error);
     }
-    if (lasts == Lasts::overLossOfPower && !syncFolderOf(path)) return cannotWrite(path, errno);
+    if (sync == Sync::yes && !syncFolderOf(path)) return cannotWrite(path, errno);
     return Nothing{};
 }
 
@@ -78,12 +77,12 @@ Outcome<> replace(const std::string& path, std::string_view bytes, const FileAcc
 
 Outcome<> replaceDurably(const std::string& path, std::string_view bytes,
                          const FileAccess& access) {
-    return replace(path, bytes, access, Lasts::overLossOfPower);
+    return replace(path, bytes, access, Sync::yes);
 }
 
-Outcome<> replaceUntilBoot(const std::string& path, std::string_view bytes,
-                           const FileAccess& access) {
-    return replace(path, bytes, access, Lasts::untilBoot);
+Outcome<> replaceUnsynced(const std::string& path, std::string_view bytes,
+                          const FileAccess& access) {
+    return replace(path, bytes, access, Sync::no);
 }
 
 void removeLeftovers(const std::string& path) {

@@ -23,9 +23,10 @@ struct FileAccess {
 vantryhost::Outcome<> replaceDurably(const std::string& path, std::string_view bytes,
                                      const FileAccess& access);
 
-// The same, for a file that is made again at each boot: does not wait for the disk.
-vantryhost::Outcome<> replaceUntilBoot(const std::string& path, std::string_view bytes,
-                                       const FileAccess& access);
+// Does not wait for the disk: after a loss of power the file may be empty. For what a boot makes again, and what
+// can be missed.
+vantryhost::Outcome<> replaceUnsynced(const std::string& path, std::string_view bytes,
+                                      const FileAccess& access);
 
 // Removes what a process that was killed on the way to replacing the file left beside it.
 void removeLeftovers(const std::string& path);

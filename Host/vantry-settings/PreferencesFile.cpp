@@ -153,8 +153,8 @@ Outcome<std::optional<JSONObject>> PreferencesFile::newestVersion() {
 
 void PreferencesFile::keepCopy(const JSONObject& document) {
     // Without it, what a start finds is the newest version.
-    static_cast<void>(replaceUntilBoot(pathOfCopy(), vantryhost::prettyDocumentOf(document),
-                                       accessOfPreferences()));
+    static_cast<void>(replaceUnsynced(pathOfCopy(), vantryhost::prettyDocumentOf(document),
+                                      accessOfPreferences()));
 }
 
 std::optional<JSONObject> PreferencesFile::copy() {

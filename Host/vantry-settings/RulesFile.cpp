@@ -55,7 +55,7 @@ Outcome<bool> RulesFile::write(const Settings& settings, std::vector<std::string
     if (auto obstacle = clearTheWay(notes)) return *std::move(obstacle);
     // The daemon waits for it, and the preferences are what lasts.
     const auto replaced =
-        replaceUntilBoot(places::rulesFile, document, {geteuid(), getegid(), modeOfRulesFile});
+        replaceUnsynced(places::rulesFile, document, {geteuid(), getegid(), modeOfRulesFile});
     if (const auto* failure = failureOf(replaced)) return *failure;
     rememberFile();
     return true;

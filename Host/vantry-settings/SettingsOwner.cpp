@@ -95,6 +95,7 @@ Outcome<> SettingsOwner::load() {
     auto& document = std::get<std::optional<JSONObject>>(read);
     if (!document) {
         isStoringDue = hasSettings;
+        if (!hasSettings) preferences.reset();
         return vantryhost::Nothing{};
     }
     auto found = Choices::read(*document);
@@ -283,10 +284,7 @@ JSONObject SettingsOwner::undo(SecondsSince1970 now) {
     if (const auto* failure = std::get_if<Failure>(&restored)) return failed(*failure);
     const auto replaced = PreferencesFile::put(*document);
     if (const auto* failure = failureOf(replaced)) return failed(*failure);
-    if (isRepair)
-        notes.emplace_back("The preferences could not be used; now they are as they were before.");
-    else
-        PreferencesFile::forgetNewestVersion();
+    if (!isRepair) PreferencesFile::forgetNewestVersion();
     preferencesProblem.clear();
     adoptStored(*std::move(document),
                 std::get<std::optional<Choices>>(std::move(restored)).value_or(Choices{}));

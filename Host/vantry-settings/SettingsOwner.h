@@ -1,7 +1,7 @@
 // What the settings service decides: it owns the preferences, keeps the rules file saying what they say,
 // ends what is temporary, and puts in force whether the VPN is up. It answers requests as documents.
 // What it shows is what is in force: a preferences file that is taken away is written again, as the rules
-// file is. It has no clock, no thread and no socket of its own: whoever runs it tells it what has happened.
+// file is. It has no clock, no thread and no socket of its own: its owner tells it what has happened.
 //
 // A change is a whole new document against the revision that it was made from, so two tools at once
 // cannot undo each other's work: the second is told of the conflict, reads again and repeats its edit.

@@ -39,8 +39,7 @@ vantryhost::Outcome<> TunnelMemory::keep(const TunnelKinds& kinds) {
     for (const auto& [name, kind] : kinds)
         lines += fmt::format("{} {}\n", kind == TunnelKind::full ? full : split, name);
     for (const auto* path : {places::tunnelsFile, places::tunnelsOfBefore})
-        if (auto kept = replaceUntilBoot(path, lines, {geteuid(), getegid(), 0644});
-            failureOf(kept))
+        if (auto kept = replaceUnsynced(path, lines, {geteuid(), getegid(), 0644}); failureOf(kept))
             return kept;
     return vantryhost::Nothing{};
 }

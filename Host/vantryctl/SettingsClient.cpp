@@ -181,6 +181,7 @@ Outcome<Change> changeBy(const char* request) {
     change.after = done.stored.choices;
     change.isStored = true;
     change.notes = done.notes;
+    change.isRepair = failureOf(before) != nullptr;
     if (auto* known = std::get_if<Answer>(&before)) {
         change.before = known->stored.choices;
         change.isStored = known->stored.choices != done.stored.choices;

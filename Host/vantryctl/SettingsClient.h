@@ -42,6 +42,7 @@ struct Change {
     vantryhost::Choices after;
     bool isStored = false;  // false if the edit left everything as it was
     bool isInForce = true;  // false without a daemon that has taken it, and where all is off
+    bool isRepair = false;  // the preferences could not be used before
     std::vector<std::string> notes;  // what the user should know
 };
 

@@ -235,6 +235,10 @@ ExitCode switchRules(bool areOn, const Console& console) {
 
 ExitCode undo(const Console& console) {
     const auto outcome = undoChange();
+    if (const auto* change = std::get_if<Change>(&outcome); change && change->isRepair)
+        return finish(outcome, console,
+                      "The preferences can be used again, with the last settings that could be.",
+                      "");
     const auto status = finish(outcome, console, "The newest change is taken back:",
                                "The newest change is taken back; nothing that is shown differs.");
     if (const auto* change = std::get_if<Change>(&outcome))

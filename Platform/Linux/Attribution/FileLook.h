@@ -10,9 +10,9 @@
 
 namespace platform {
 
-// Has `look` run for the thing called `key`, before ordinary programs, as a flow waits for it; and waits for that; true if it has returned. What the look
-// finds it has to keep where the caller reads it: it may run on after this has returned, so it owns
-// all that it uses. False also where too many others have not come back.
+// Has `look` run for the thing called `key`, before ordinary programs, as a flow waits for it. Waits for it;
+// true if it has returned. What the look finds it has to keep where the caller reads it: it may run on
+// after this has returned, so it owns all that it uses. False also where too many others have not come back.
 bool lookWithPatience(const std::string& key, std::function<void()> look);
 
 // Long enough for a cold disk on a busy machine, as a look that comes too late gives a flow the wrong name; two,

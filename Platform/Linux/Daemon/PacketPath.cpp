@@ -13,6 +13,17 @@ namespace platform::interception {
 
 namespace {
 
+// Says when rules of others begin to be in the daemon's way, and when they no longer are.
+void sayOf(health::Problem& problem, const std::string& tables, const char* whatTheyDo,
+           const char* whatFollows) {
+    if (tables.empty()) {
+        if (problem.end()) platformLog.info("Rules of others no longer %{public}s", whatTheyDo);
+    } else if (problem.begin("in the tables " + tables)) {
+        platformLog.error("Rules of others %{public}s (tables: %{public}s). %{public}s", whatTheyDo,
+                          tables, whatFollows);
+    }
+}
+
 template <class Part>
 Result<> openPart(Part& part, auto opened) {
     if (!opened) return opened.error();
@@ -91,38 +102,18 @@ MarkBits PacketPath::readMarkBits() {
     auto bits = markBitsInUse();
     if (!bits.unread) {
         unreadRules.end();
-        sayOfOverwriting(bits.overwritingTables);
-        sayOfUntracked(bits.untrackingTables);
+        sayOf(overwriting, bits.overwritingTables, "write the whole mark of connections",
+              "For those that pass them, blocks and the VPN's fallback reach only new ones, and "
+              "direct ones may hang: have these rules keep the other bits, as in ct mark set ct "
+              "mark & 0xffffff00 | 0x1");
+        sayOf(untracked, bits.untrackingTables, "leave flows untracked",
+              "No rule, no block and no fallback reaches those: take the notrack rules away");
     } else if (unreadRules.begin(bits.unread->text())) {
         platformLog.error(
             "Marks of connections may get into the way of others' packet rules: %{public}s",
             bits.unread->text());
     }
     return bits;
-}
-
-void PacketPath::sayOfOverwriting(const std::string& tables) {
-    if (tables.empty()) {
-        if (overwriting.end()) platformLog.info("Rules of others keep connections' marks again");
-    } else if (overwriting.begin("in the tables " + tables)) {
-        platformLog.error(
-            "Rules of others write the whole mark of connections (tables: %{public}s). For those "
-            "that pass them, blocks and the VPN's fallback reach only new ones, and direct ones "
-            "may hang: have these rules keep the other bits, as in ct mark set ct mark & "
-            "0xffffff00 | 0x1",
-            tables);
-    }
-}
-
-void PacketPath::sayOfUntracked(const std::string& tables) {
-    if (tables.empty()) {
-        if (untracked.end()) platformLog.info("Rules of others leave nothing untracked any more");
-    } else if (untracked.begin("in the tables " + tables)) {
-        platformLog.error(
-            "Rules of others leave flows untracked (tables: %{public}s): no rule, no block and no "
-            "fallback reaches those. Take the notrack rules away",
-            tables);
-    }
 }
 
 void PacketPath::putInPlace(MarkPlace newPlace) {

@@ -65,8 +65,6 @@ private:
     Result<> begin();
     Result<> choosePlace();
     MarkBits readMarkBits();
-    void sayOfOverwriting(const std::string& tables);
-    void sayOfUntracked(const std::string& tables);
     Result<> openParts();
     Result<> chooseCarrier();
     Result<> wipeMarks();

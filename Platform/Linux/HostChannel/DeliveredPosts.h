@@ -1,4 +1,4 @@
-// Tells when notifications have been delivered, so that whoever posted one knows that the daemon works by it.
+// Tells when notifications have been delivered: from then on the daemon works by what they told of.
 #pragma once
 
 #include "Platform/Common/Completion.h"

@@ -21,8 +21,8 @@ bool isOwnTable(std::string_view name);
 Result<std::string> packetRulesOfOthers();
 
 // The bits of marks that the packet rules of others and the routing rules test or set, as far as
-// they can be read; which tables write the whole mark of connections, or leave what is sent untracked; and why the packet rules cannot be read,
-// where that is so.
+// they can be read; which tables write the whole mark of connections, or leave what is sent untracked; and
+// why the packet rules cannot be read, where that is so.
 struct MarkBits {
     std::uint32_t used = 0;
     std::string overwritingTables;

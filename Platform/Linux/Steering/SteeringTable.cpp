@@ -174,14 +174,18 @@ bool SteeringTable::install(const std::vector<Uplink>& uplinks) {
     // The chains stay where they are as they should be: when one goes, the kernel drops all packets that wait for a
     // verdict. Else the new nat chain is there before the old one goes, so that connections keep their translation.
     // Adding a table that exists is no error, deleting or flushing one that does not is.
+    inForce.clear();
     const std::string adding = "add " + table + "\n";
-    const std::string emptied = adding + "flush " + table + "\n";
-    const std::string replaced = adding + "delete " + table + "\n";
-    const std::string whole = tableText(marks, uplinks, true);
-    const bool isDone = run(emptied + whole) || run(replaced + whole) ||
-                        run(replaced + tableText(marks, uplinks, false));
-    inForce = isDone ? listed() : "";
-    return isDone;
+    const std::string emptying = adding + "flush " + table + "\n";
+    const std::string replacing = adding + "delete " + table + "\n";
+    for (const auto* begin : {&emptying, &replacing}) {
+        for (const bool hasFtpHelpers : {true, false}) {
+            if (!run(*begin + tableText(marks, uplinks, hasFtpHelpers))) continue;
+            inForce = listed();
+            return true;
+        }
+    }
+    return false;
 }
 
 bool SteeringTable::isComplete() { return !inForce.empty() && listed() == inForce; }
