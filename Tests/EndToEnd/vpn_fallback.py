@@ -82,6 +82,8 @@ def _watched_connections_go_on(stage) -> None:
     stage.apply(DOWN.but(vpnFallback="allow"))
     for each in running:
         stage.expect_untouched("VPN down, fallback allow: what runs goes on", each)
+    stage.checks.check("the guard's chain stays: were it removed, packets that wait for a verdict would be lost",
+                       "chain leaving" in _guard() and "drop" not in _guard(), _guard())
 
 
 def _flaps(stage) -> None:
@@ -127,7 +129,8 @@ def _another_vpn_carries_less(stage) -> None:
     for words in ("tuntap add tun9 mode tun", "link set tun9 up", "address add 10.77.0.2/16 dev tun9"):
         subprocess.run(["ip", *words.split()], check=True)
     stage.apply(UP)
-    network.wait_until(lambda: not _guard(), "the kernel no longer keeps flows in a tunnel that is not for them")
+    network.wait_until(lambda: "drop" not in _guard(),
+                       "the kernel no longer keeps flows in a tunnel that is not for them")
     for address in (stage.ipv4(), stage.ipv6()):
         stage.expect_physical("a VPN for some networks comes after one for all",
                               stage.ledger.run("connect", address, 80), address)

@@ -299,7 +299,7 @@ private:
                 look();
             else
                 guarded = {};
-            if (!inForce.isNothing() && !rules.isThere()) {
+            if (!rules.isThere() && !inForce.isNothing()) {
                 platformLog.error(
                     "What keeps watched flows in the tunnel had ended with the process that holds "
                     "it, and is put back");
@@ -366,6 +366,10 @@ private:
         bool isDone = install(true, failure);
         // The kernel may lack IPsec.
         if (!isDone) isDone = install(false, failure);
+        if (!isDone && guarded.isNothing()) {
+            rules.end();
+            isDone = true;
+        }
         if (isDone) inForce = guarded;
         if (std::exchange(wasDone, isDone) == isDone) return;
         if (isDone)
@@ -378,24 +382,20 @@ private:
 
     bool install(bool knowsIPsec, std::string& failure) {
         const auto counted = countedNow();
-        const bool isDone = guarded.isNothing() ? removed() : replaced(knowsIPsec, failure);
+        const bool isDone = replaced(knowsIPsec, failure);
         if (isDone) countedBefore += counted;
         return isDone;
     }
 
-    bool removed() {
-        rules.end();
-        return true;
-    }
-
-    // The chain stays: when one goes, the kernel drops all packets that wait for a verdict.
+    // The chain stays, empty where nothing is guarded: when one goes, the kernel drops all packets that wait for a
+    // verdict.
     bool replaced(bool knowsIPsec, std::string& failure) {
         const std::string table = std::string("table inet ") + guardTableName;
-        auto answer =
-            rules.run("add " + table + " { flags owner; }\nflush " + table + '\n' + table +
-                      " {\n flags owner\n chain leaving {\n"
-                      "  type filter hook postrouting priority 0\n" +
-                      rulesText(guarded, place, knowsIPsec) + " }\n}\n");
+        auto answer = rules.run(
+            "add " + table + " { flags owner; }\nflush " + table + '\n' + table +
+            " {\n flags owner\n chain leaving {\n"
+            "  type filter hook postrouting priority 0\n" +
+            (guarded.isNothing() ? "" : rulesText(guarded, place, knowsIPsec)) + " }\n}\n");
         failure = std::move(answer.failure);
         return answer.isDone;
     }

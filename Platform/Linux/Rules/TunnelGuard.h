@@ -14,9 +14,10 @@
 // after them                                | each whose default has led there since it is up
 // it is not wanted                          | none
 //
-// The rules stand in a table that vanishes with the process. They are made on a thread of its own,
-// which waits for the kernel; any thread may call. What they drop the kernel counts, and `status` shows: by
-// `keptInTunnel` since the daemon's start, but for what is dropped in the moment of a change of the rules.
+// The rules stand in a table that vanishes with the process; once made, it stays until then, empty where nothing
+// is guarded. They are made on a thread of its own, which waits for the kernel; any thread may call. What they drop
+// the kernel counts, and `status` shows: by `keptInTunnel` since the daemon's start, but for what is dropped in the
+// moment of a change of the rules.
 #pragma once
 
 #include <memory>
