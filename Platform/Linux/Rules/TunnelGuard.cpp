@@ -227,7 +227,8 @@ void appendDropOfTunnelAddresses(std::string& rules, const Family& family,
     rules += " counter drop\n";
 }
 
-std::string rulesText(const Guarded& guarded, MarkPlace place, bool knowsIPsec) {
+// What the guard lets pass, whoever sent it.
+std::string exceptionsText(const Guarded& guarded, bool knowsIPsec) {
     std::string names;
     for (const auto& name : guarded.interfaces) names += '"' + name + "\", ";
     std::string rules;
@@ -242,10 +243,26 @@ std::string rulesText(const Guarded& guarded, MarkPlace place, bool knowsIPsec) 
         appendAccept(rules, destination + "{ " + family.alwaysNear + " }");
         for (const auto& prefix : guarded.near[i]) appendAccept(rules, destination + prefix);
     }
-    for (std::size_t i = 0; i < families.size(); ++i)
-        appendDropOfTunnelAddresses(rules, families[i], guarded.tunnelAddresses[i], place);
-    return rules + "  ct mark & " + std::to_string(place.mask()) +
-           " == " + std::to_string(place.value(FlowState::watched)) + " counter drop\n";
+    return rules;
+}
+
+// The chains stay, empty where nothing is guarded: when one goes, the kernel drops all packets that wait for a verdict.
+std::string chainsText(const Guarded& guarded, MarkPlace place, bool knowsIPsec) {
+    const std::string exceptions = guarded.isNothing() ? "" : exceptionsText(guarded, knowsIPsec);
+    std::string watched = exceptions;
+    std::string ofTunnels = exceptions;
+    if (!guarded.isNothing()) {
+        watched += "  ct mark & " + std::to_string(place.mask()) +
+                   " == " + std::to_string(place.value(FlowState::watched)) + " counter drop\n";
+        for (std::size_t i = 0; i < families.size(); ++i)
+            appendDropOfTunnelAddresses(ofTunnels, families[i], guarded.tunnelAddresses[i], place);
+    }
+    const auto chain = [](const char* name, const char* priority, const std::string& rules) {
+        return std::string(" chain ") + name + " {\n  type filter hook postrouting priority " +
+               priority + "\n" + rules + " }\n";
+    };
+    // Whoever sends by a way of his own beside the tunnel has the address translated.
+    return chain("leaving", "0", watched) + chain("translated", "srcnat + 10", ofTunnels);
 }
 
 }  // namespace
@@ -387,15 +404,11 @@ private:
         return isDone;
     }
 
-    // The chain stays, empty where nothing is guarded: when one goes, the kernel drops all packets that wait for a
-    // verdict.
     bool replaced(bool knowsIPsec, std::string& failure) {
         const std::string table = std::string("table inet ") + guardTableName;
-        auto answer = rules.run(
-            "add " + table + " { flags owner; }\nflush " + table + '\n' + table +
-            " {\n flags owner\n chain leaving {\n"
-            "  type filter hook postrouting priority 0\n" +
-            (guarded.isNothing() ? "" : rulesText(guarded, place, knowsIPsec)) + " }\n}\n");
+        auto answer =
+            rules.run("add " + table + " { flags owner; }\nflush " + table + '\n' + table +
+                      " {\n flags owner\n" + chainsText(guarded, place, knowsIPsec) + "}\n");
         failure = std::move(answer.failure);
         return answer.isDone;
     }

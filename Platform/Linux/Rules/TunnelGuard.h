@@ -3,7 +3,8 @@
 // are about to leave by a physical interface, in each family whose default route leads into a tunnel,
 // or has led there. What is near on such an interface stays reachable: its own prefixes, private ones
 // beyond a router, single hosts, multicast, broadcast and link-local addresses. In these families nothing
-// leaves there with an address that a tunnel has or had, watched or not, but what is carried directly.
+// leaves there with an address that a tunnel has or had, watched or not, but what is carried directly. That is
+// looked at after source NAT: other programs have ways of their own beside a tunnel, and masquerade.
 //
 // event                                     | families that are guarded
 // ------------------------------------------+-------------------------------------------------------
