@@ -15,6 +15,7 @@ import dataclasses
 import os
 import pathlib
 import random
+import re
 import resource
 import signal
 import subprocess
@@ -270,6 +271,10 @@ def _expected_client(rules: Rules, attempt: Attempt) -> str | None:
     return None if falls_back and (not is_datagram or port == 443) else system
 
 
+# Of packet rules: a table or chain without a rule may stay.
+_FRAME = re.compile(r"\s*(table|chain|type|flags|}|$)")
+
+
 @dataclasses.dataclass(frozen=True)
 class Held:
     descriptors: collections.Counter
@@ -284,7 +289,7 @@ def _held_by(daemon) -> Held:
     status = dict(line.split(":", 1) for line in (process / "status").read_text().splitlines())
     return Held(descriptors=_descriptors_of(process), threads=int(status["Threads"]),
                 kilobytes=int(status["VmRSS"].split()[0]),
-                rules=len(_output("nft", "list", "ruleset").splitlines()),
+                rules=sum(not _FRAME.match(line) for line in _output("nft", "list", "ruleset").splitlines()),
                 aliases=len(_output("ip", "address", "show", "dev", "lo").splitlines()))
 
 
