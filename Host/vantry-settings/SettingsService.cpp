@@ -169,7 +169,8 @@ void SettingsService::lookAtClock() {
 }
 
 int SettingsService::millisecondsToWait() const {
-    const int wait = owner.problems().empty() ? -1 : retryMilliseconds;
+    const bool isWatching = preferencesFolder.isWatching() && rulesFolder.isWatching();
+    const int wait = owner.problems().empty() && isWatching ? -1 : retryMilliseconds;
     const auto look = tunnelState.looksAgainAt();
     if (!look) return wait;
     const auto untilLook = static_cast<int>(std::clamp<std::int64_t>(

@@ -179,7 +179,8 @@ ExitCode followLog(std::vector<ActivityLogEntryIPC> log, const LogOptions& optio
     printEntries(log, options, console);
     while (console.out.good()) {
         pollfd change{watch.descriptor(), POLLIN, 0};
-        poll(&change, 1, -1);
+        constexpr int millisecondsUnwatched = 1000;
+        poll(&change, 1, watch.isWatching() ? -1 : millisecondsUnwatched);
         watch.read();
         auto present = readActivityLog();
         if (auto* entries = std::get_if<std::vector<ActivityLogEntryIPC>>(&present))

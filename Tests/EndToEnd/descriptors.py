@@ -3,9 +3,10 @@
 import concurrent.futures
 import os
 import pathlib
+import resource
 import time
 
-from vantrylab import network, verdicts
+from vantrylab import host, network, verdicts
 from vantrylab.host import Rules
 
 RULES = Rules(rules={"com.example.courier": "direct", "com.example.studio": "direct", "com.example.ledger": "vpn"},
@@ -31,9 +32,24 @@ def run(stage) -> None:
     crowd.stop()
     stage.expect_untouched(f"{FEW} downloads that waited meanwhile are complete", hoard)
     _claims_again(stage)
+    _a_change_without_one(stage)
     stage.expect_untouched("a relayed upload has gone on all the time", relayed)
     stage.stop_daemon()
     network.vpn_down()
+
+
+def _a_change_without_one(stage) -> None:
+    """The rules cannot be read when their change is told."""
+    process, since = stage.daemon.process.pid, stage.daemon.mark()
+    limits = resource.prlimit(process, resource.RLIMIT_NOFILE)
+    resource.prlimit(process, resource.RLIMIT_NOFILE, (8, limits[1]))
+    host.write_rules(RULES.but(blockedApps=("com.example.chatter", "com.example.ledger")))
+    host.post()
+    stage.expect_line("rules that cannot be read are said", "is not in force; it is tried again each second", since)
+    resource.prlimit(process, resource.RLIMIT_NOFILE, limits)
+    stage.expect_line("they are read later", "What could not be read has been read", since)
+    address = stage.ipv4()
+    stage.expect_denied("and are in force", stage.ledger.run("connect", address, 80), address)
 
 
 def _before_the_shortage(stage):

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -13,6 +14,7 @@
 #include "Platform/Foundation.h"
 #include "Platform/Linux/FileDescriptor.h"
 #include "Platform/Linux/Files/TrustedFile.h"
+#include "Platform/Linux/Files/UnreadFile.h"
 #include "Platform/Linux/HostChannel/FixedPlaces.h"
 #include "Platform/Linux/HostChannel/SharedFolder.h"
 #include "Platform/Linux/PlatformLog.h"
@@ -44,7 +46,10 @@ std::optional<std::string> readAll(int descriptor) {
     std::string bytes(static_cast<std::size_t>(status.st_size) + 1, '\0');
     std::size_t length = 0;
     for (;;) {
-        if (length > largestFile) return std::nullopt;
+        if (length > largestFile) {
+            errno = EFBIG;
+            return std::nullopt;
+        }
         if (length == bytes.size()) bytes.resize(bytes.size() * 2);
         const ssize_t count = ::read(descriptor, bytes.data() + length, bytes.size() - length);
         if (count < 0 && errno == EINTR) continue;
@@ -114,19 +119,36 @@ NSFileManager& NSFileManager::defaultManager() {
 
 namespace {
 
+thread_local std::optional<std::string> unreadFile;
+
+// For the machine's sake: not as there is no such file, or as it is not trusted.
+void noteUnread(std::string_view path, const Error& error) {
+    constexpr std::array passing{EMFILE, ENFILE, ENOMEM, EIO};
+    if (std::ranges::find(passing, error.code()) == passing.end()) return;
+    unreadFile = std::string(path).append(": ").append(error.text());
+}
+
 std::optional<Data> trustedContents(std::string_view path) {
     const auto opened = openTrustedFile(std::string(path), O_RDONLY);
-    if (!opened) return std::nullopt;
+    if (!opened) {
+        noteUnread(path, opened.error());
+        return std::nullopt;
+    }
     if (isTooLarge(opened->get())) {
         platformLog.error("The file %{public}s is too large to be read", path);
         return std::nullopt;
     }
     auto bytes = readAll(opened->get());
-    if (!bytes) return std::nullopt;
+    if (!bytes) {
+        noteUnread(path, Error::last());
+        return std::nullopt;
+    }
     return Data(std::move(*bytes));
 }
 
 }  // namespace
+
+std::optional<std::string> takeUnreadFile() { return std::exchange(unreadFile, std::nullopt); }
 
 std::optional<Data> NSFileManager::contentsAtPath(std::string_view path) {
     auto contents = trustedContents(path);

@@ -22,6 +22,8 @@
 #include "Platform/Common/ThreadAnnotations.h"
 #include "Platform/Foundation.h"
 #include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/Files/UnreadFile.h"
+#include "Platform/Linux/Health/Health.h"
 #include "Platform/Linux/HostChannel/DeliveredPosts.h"
 #include "Platform/Linux/HostChannel/FixedPlaces.h"
 #include "Platform/Linux/HostChannel/FolderWatch.h"
@@ -76,9 +78,12 @@ private:
     void makeFile(const std::string& name);
     void runDelivery();
     bool waitForEvents() const;
+    void sayWhetherPostsAreSeen();
+    void deliverAll(const std::vector<std::string>& names);
     std::vector<std::string> namesToDeliver();
     std::vector<std::string> takeNewlyObserved();
     std::vector<Completion<>> takeWaiting();
+    void keepWaiting(std::vector<Completion<>> answers);
     std::vector<std::string> observedNames();
     void deliver(const std::string& name);
     std::vector<std::uint64_t> registrationsOf(const std::string& name);
@@ -108,6 +113,12 @@ private:
     // Made by `startDelivery`, from then on the delivery thread's own.
     std::unique_ptr<FolderWatch> watch;
     NotificationTouches touches;
+    // Whose observers could not read what they were to read; delivered again each second.
+    std::vector<std::string> unread;
+    health::Problem unreadFile{health::Place::hostChannel, "unreadFile",
+                               "A file that has changed cannot be read, it is tried again"};
+    health::Problem unseen{health::Place::hostChannel, "changesUnseen",
+                           "Changes of the rules are not seen"};
     std::thread delivery;
 };
 
@@ -183,9 +194,39 @@ void CFNotificationCenter::runDelivery() {
         eventfd_read(askedSignal.get(), &ignored);
         // Taken first: what was posted before they came is read after.
         auto answers = takeWaiting();
-        for (const auto& name : takeNewlyObserved()) deliver(name);
-        for (const auto& name : namesToDeliver()) deliver(name);
-        for (auto& each : answers) each();
+        deliverAll(std::exchange(unread, {}));
+        deliverAll(takeNewlyObserved());
+        deliverAll(namesToDeliver());
+        sayWhetherPostsAreSeen();
+        if (unread.empty()) {
+            for (auto& each : answers) each();
+        } else {
+            keepWaiting(std::move(answers));
+        }
+    }
+}
+
+// The watch logs it.
+void CFNotificationCenter::sayWhetherPostsAreSeen() {
+    if (watch->isWatching())
+        unseen.end();
+    else
+        unseen.begin("the journal says why; it is tried again each second");
+}
+
+void CFNotificationCenter::deliverAll(const std::vector<std::string>& names) {
+    for (const auto& name : names) {
+        static_cast<void>(takeUnreadFile());
+        deliver(name);
+        const auto file = takeUnreadFile();
+        if (file && std::ranges::find(unread, name) == unread.end()) unread.push_back(name);
+        if (!file) std::erase(unread, name);
+        if (file && unreadFile.begin(*file))
+            hostChannelLog.error(
+                "%{public}s. What has changed in it is not in force; it is tried again each second",
+                *file);
+        if (unread.empty() && unreadFile.end())
+            hostChannelLog.info("What could not be read has been read, and is in force");
     }
 }
 
@@ -194,7 +235,7 @@ bool CFNotificationCenter::waitForEvents() const {
     std::array<pollfd, 3> descriptors{{{stopSignal.get(), POLLIN, 0},
                                        {watch->descriptor(), POLLIN, 0},
                                        {askedSignal.get(), POLLIN, 0}}};
-    const int timeout = watch->isWatching() ? -1 : retryMilliseconds;
+    const int timeout = watch->isWatching() && unread.empty() ? -1 : retryMilliseconds;
     poll(descriptors.data(), descriptors.size(), timeout);
     return descriptors[0].revents == 0;
 }
@@ -217,6 +258,11 @@ std::vector<std::string> CFNotificationCenter::takeNewlyObserved() {
 std::vector<Completion<>> CFNotificationCenter::takeWaiting() {
     const MutexGuard guard(lock);
     return std::exchange(waiting, {});
+}
+
+void CFNotificationCenter::keepWaiting(std::vector<Completion<>> answers) {
+    const MutexGuard guard(lock);
+    for (auto& each : answers) waiting.push_back(std::move(each));
 }
 
 std::vector<std::string> CFNotificationCenter::observedNames() {

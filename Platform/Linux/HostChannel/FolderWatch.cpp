@@ -23,10 +23,7 @@ std::string parentOf(const std::string& path) { return path.substr(0, path.rfind
 }  // namespace
 
 FolderWatch::FolderWatch(std::string folderPath, MakeFolder makeTheFolder, std::uint32_t eventMask)
-    : folder(std::move(folderPath)),
-      makeFolder(std::move(makeTheFolder)),
-      mask(eventMask),
-      inotify(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+    : folder(std::move(folderPath)), makeFolder(std::move(makeTheFolder)), mask(eventMask) {
     watch();
 }
 
@@ -41,6 +38,9 @@ void FolderWatch::watch() {
 }
 
 Result<> FolderWatch::addWatches() {
+    // Each account may have a few only, and containers may have taken them.
+    if (!inotify) inotify = FileDescriptor(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    if (!inotify) return Error::last("watch files");
     parentWatch = inotify_add_watch(inotify.get(), parentOf(folder).c_str(), selfMask | IN_ONLYDIR);
     folderWatch = inotify_add_watch(inotify.get(), folder.c_str(),
                                     mask | selfMask | IN_ONLYDIR | IN_DONT_FOLLOW);

@@ -36,6 +36,7 @@ public:
 
     // False while the folder cannot be watched: call `read` again after a moment.
     bool isWatching() const { return folderWatch >= 0; }
+    // -1 while there is none; it may come with `read`.
     int descriptor() const { return inotify.get(); }
 
     // Everything that has happened since the last call, in order. Does not wait.

@@ -15,6 +15,7 @@
 
 #include "Platform/Linux/Attribution/SystemAccounts.h"
 #include "Platform/Linux/FileDescriptor.h"
+#include "Platform/Linux/Files/UnreadFile.h"
 #include "Platform/Linux/Health/Health.h"
 #include "Platform/Linux/HostChannel/FixedPlaces.h"
 #include "Platform/Linux/HostChannel/FolderWatch.h"
@@ -81,7 +82,10 @@ private:
     SleepSignal::Listener sleepListener();
     void follow();
     int runLoop(sd_event& loop);
+    int servePreferences(sd_event& loop);
+    void readPreferences();
     void readPreferencesEvents();
+    static int nextTryIsDue(sd_event_source* source, std::uint64_t due, void* self);
 
     int giveSignsOfLife(sd_event& loop);
     static int signOfLifeIsDue(sd_event_source* source, std::uint64_t due, void* self);
@@ -95,6 +99,9 @@ private:
     const FileDescriptor stopSignal{eventfd(0, EFD_CLOEXEC)};
     FolderWatch preferencesWatch{places::preferencesFolder, makePreferencesFolder,
                                  IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE};
+    bool isWatchServed = false;
+    bool isUnread = false;
+    sd_event_source* nextTry = nullptr;
     MessageSocket messages;
     const Questions questions;
     std::thread follower;
@@ -129,7 +136,7 @@ SleepSignal::Listener HostChannel::Running::sleepListener() {
 
 void HostChannel::Running::follow() {
     // What was stored before the watch began.
-    applyPreferences(listener);
+    readPreferences();
     sd_event* made = nullptr;
     int result = sd_event_new(&made);
     const std::unique_ptr<sd_event, DropEventLoop> loop(made);
@@ -144,14 +151,35 @@ int HostChannel::Running::runLoop(sd_event& loop) {
                                            &Running::stopIsAsked, nullptr);
         result < 0)
         return result;
-    if (preferencesWatch.isWatching()) {
-        const int result = sd_event_add_io(&loop, nullptr, preferencesWatch.descriptor(), EPOLLIN,
-                                           &Running::preferencesChanged, this);
-        if (result < 0) return result;
-    }
+    if (const int result = servePreferences(loop); result < 0) return result;
     if (const int result = giveSignsOfLife(loop); result < 0) return result;
     const SleepSignal sleepSignal(loop, sleepListener());
     return sd_event_loop(&loop);
+}
+
+// Until they are watched, and have been read, each second.
+int HostChannel::Running::servePreferences(sd_event& loop) {
+    if (!isWatchServed && preferencesWatch.isWatching()) {
+        const int result = sd_event_add_io(&loop, nullptr, preferencesWatch.descriptor(), EPOLLIN,
+                                           &Running::preferencesChanged, this);
+        if (result < 0) return result;
+        isWatchServed = true;
+    }
+    if (isWatchServed && !isUnread) return 0;
+    constexpr std::uint64_t microsecondsToNextTry = 1'000'000;
+    if (nextTry == nullptr) {
+        const int result =
+            sd_event_add_time_relative(&loop, &nextTry, CLOCK_MONOTONIC, microsecondsToNextTry, 0,
+                                       &Running::nextTryIsDue, this);
+        // From here on it is the loop's.
+        return result < 0 ? result : sd_event_source_set_floating(nextTry, 1);
+    }
+    const int result = sd_event_source_set_time_relative(nextTry, microsecondsToNextTry);
+    return result < 0 ? result : sd_event_source_set_enabled(nextTry, SD_EVENT_ONESHOT);
+}
+
+int HostChannel::Running::nextTryIsDue(sd_event_source* source, std::uint64_t, void* self) {
+    return preferencesChanged(source, -1, 0, self);
 }
 
 int HostChannel::Running::giveSignsOfLife(sd_event& loop) {
@@ -173,9 +201,11 @@ int HostChannel::Running::stopIsAsked(sd_event_source* source, int, std::uint32_
     return sd_event_exit(sd_event_source_get_event(source), 0);
 }
 
-int HostChannel::Running::preferencesChanged(sd_event_source*, int, std::uint32_t, void* self) {
-    static_cast<Running*>(self)->readPreferencesEvents();
-    return 0;
+int HostChannel::Running::preferencesChanged(sd_event_source* source, int, std::uint32_t,
+                                             void* self) {
+    auto& running = *static_cast<Running*>(self);
+    running.readPreferencesEvents();
+    return running.servePreferences(*sd_event_source_get_event(source));
 }
 
 void HostChannel::Running::readPreferencesEvents() {
@@ -183,8 +213,15 @@ void HostChannel::Running::readPreferencesEvents() {
     const auto concernsPreferences = [](const auto& event) {
         return event.name == preferencesName;
     };
-    if (batch.mayHaveMissedSome || std::ranges::any_of(batch.events, concernsPreferences))
-        applyPreferences(listener);
+    if (isUnread || batch.mayHaveMissedSome ||
+        std::ranges::any_of(batch.events, concernsPreferences))
+        readPreferences();
+}
+
+void HostChannel::Running::readPreferences() {
+    static_cast<void>(takeUnreadFile());
+    applyPreferences(listener);
+    isUnread = takeUnreadFile().has_value();
 }
 
 HostChannel::HostChannel() {
