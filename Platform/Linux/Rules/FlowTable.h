@@ -17,10 +17,10 @@
 // our own         | refuse      | pass        | pass        | pass
 //
 // Left alone before that: what leaves by the loopback interface, the daemon's own packets (by their mark),
-// TCP resets, and packets of no process. An opening is a SYN: one that meets a connection is either sent
-// again or of another socket that has the same ports, which the daemon tells apart; one that meets a
-// connection of our own can't be either. Unseen connections
-// whose packets pass are older than the rules.
+// TCP resets, and packets of no process, but for the payload that a closed socket still has to send. An opening is
+// a SYN: one that meets a connection is either sent again or of another socket that has the same ports, which the
+// daemon tells apart; one that meets a connection of our own can't be either. Unseen connections whose packets pass
+// are older than the rules.
 //
 // An offered connection is "passed unseen" from the moment when its packet enters the queue until the
 // verdict comes. So whatever lets the packet pass without one (a queue that is full, a verdict that

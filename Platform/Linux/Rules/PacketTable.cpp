@@ -179,7 +179,12 @@ void addEffect(Transaction& transaction, const PacketTableContent& content, Queu
             offerTo(rule, place, queueOfOffers(content.queues, state, kind), form);
             break;
         case Effect::offerAgain:
-            rule.sentByProcess().queueTo(content.queues.offeredAgain, form);
+            // A socket that its process has closed sends what it holds, and then is no process's.
+            if (kind == PacketKind::tcpPayload)
+                rule.withPayload();
+            else
+                rule.sentByProcess();
+            rule.queueTo(content.queues.offeredAgain, form);
             break;
         case Effect::show:
             rule.withPayload().queueTo(
@@ -229,8 +234,8 @@ void addEffects(Transaction& transaction, const PacketTableContent& content, Que
         add(datagramsChain, PacketKind::datagram);
         add(segmentsChain, PacketKind::tcpPayload);
         const Effect onOthers = effectOn(state, PacketKind::otherTcp);
-        // Where the effect is the same, one rule does for both.
-        if (onOthers != effectOn(state, PacketKind::tcpPayload))
+        // Where the effect is the same, one rule does for both, but for what may be no process's any more.
+        if (onOthers == Effect::offerAgain || onOthers != effectOn(state, PacketKind::tcpPayload))
             add(segmentsChain, PacketKind::otherTcp);
     }
     // The kernel opens further ways of a Multipath TCP connection from sockets that no process holds, so that no rule would
