@@ -97,6 +97,14 @@ constexpr std::array<Family, 2> families{
     {{AF_INET, "ip saddr ", "snat ip to ", "meta nfproto ipv4 "},
      {AF_INET6, "ip6 saddr ", "snat ip6 to ", "meta nfproto ipv6 "}}};
 
+// What a kernel may lack.
+struct Extras {
+    bool hasFtpHelpers;
+    bool hasTimeouts;
+};
+constexpr std::array<Extras, 4> extrasToTry{
+    {{true, true}, {false, true}, {true, false}, {false, false}}};
+
 // In active mode the client tells the server its own address, which is the tunnel's: the kernel writes
 // the uplink's in its place, and lets the connection that the server makes in, as a part of the client's.
 constexpr const char* ftpHelpers =
@@ -106,7 +114,35 @@ constexpr const char* useOfFtpHelpers =
     "meta nfproto ipv4 tcp dport 21 ct helper set \"ftp\"\n"
     "meta nfproto ipv6 tcp dport 21 ct helper set \"ftp6\"\n";
 
-std::string tableText(SteeringMarks marks, const std::vector<Uplink>& uplinks, bool hasFtpHelpers) {
+// A half-closed connection whose server takes its time is forgotten after a minute or two, by default, and then its
+// answer finds no way back: two hours, TCP's own time before it asks whether the peer is there. Five days are the
+// default for established ones.
+constexpr const char* timeouts =
+    " ct timeout lasting { protocol tcp; l3proto ip;"
+    " policy = { established : 432000, fin_wait : 7200, close_wait : 7200 }; }\n"
+    " ct timeout lasting6 { protocol tcp; l3proto ip6;"
+    " policy = { established : 432000, fin_wait : 7200, close_wait : 7200 }; }\n";
+constexpr const char* useOfTimeouts =
+    "meta nfproto ipv4 meta l4proto tcp ct timeout set \"lasting\"\n"
+    "meta nfproto ipv6 meta l4proto tcp ct timeout set \"lasting6\"\n";
+
+// Objects, and a chain for the first packet of a connection.
+std::string beginningText(const Extras& extras) {
+    std::string objects;
+    std::string uses;
+    if (extras.hasFtpHelpers) {
+        objects += ftpHelpers;
+        uses += useOfFtpHelpers;
+    }
+    if (extras.hasTimeouts) {
+        objects += timeouts;
+        uses += useOfTimeouts;
+    }
+    return objects + " chain beginning {\n" + uses + " }\n";
+}
+
+std::string tableText(SteeringMarks marks, const std::vector<Uplink>& uplinks,
+                      const Extras& extras) {
     const Words words(marks);
     std::string leaving;
     std::string checking;
@@ -148,11 +184,9 @@ std::string tableText(SteeringMarks marks, const std::vector<Uplink>& uplinks, b
     checking += words.isHeldContent() + "drop\n" + words.isSteeredBy(unreachableNumber) +
                 // The error message itself counts as the connection's, too.
                 "meta l4proto { tcp, udp } reject with icmpx type host-unreachable\n";
-    if (hasFtpHelpers) leaving += words.isSteered() + "jump helping\n";
-    const std::string helpers =
-        hasFtpHelpers ? ftpHelpers + (std::string(" chain helping {\n") + useOfFtpHelpers + " }\n")
-                      : "";
-    return table + " {\n" + helpers + chain("leaving", "route hook output priority 200", leaving) +
+    leaving += words.isSteered() + "jump beginning\n";
+    return table + " {\n" + beginningText(extras) +
+           chain("leaving", "route hook output priority 200", leaving) +
            chain("checking", "filter hook output priority 201", checking) +
            chain("arriving", "filter hook prerouting priority -149", arriving) +
            chain("naming", "nat hook postrouting priority 100", naming) +
@@ -179,8 +213,8 @@ bool SteeringTable::install(const std::vector<Uplink>& uplinks) {
     const std::string emptying = adding + "flush " + table + "\n";
     const std::string replacing = adding + "delete " + table + "\n";
     for (const auto* begin : {&emptying, &replacing}) {
-        for (const bool hasFtpHelpers : {true, false}) {
-            if (!run(*begin + tableText(marks, uplinks, hasFtpHelpers))) continue;
+        for (const auto& extras : extrasToTry) {
+            if (!run(*begin + tableText(marks, uplinks, extras))) continue;
             inForce = listed();
             return true;
         }
