@@ -9,7 +9,9 @@
 
 #include <nftables/libnftables.h>
 
+#include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -140,6 +142,13 @@ std::optional<pid_t> spawn(int channel) {
 }
 
 }  // namespace
+
+bool isPlainName(std::string_view name) {
+    return std::ranges::all_of(name, [](char letter) {
+        return std::isalnum(static_cast<unsigned char>(letter)) != 0 ||
+               std::string_view("._-@+").find(letter) != std::string_view::npos;
+    });
+}
 
 RuleLanguage::Answer RuleLanguage::run(const std::string& commands) {
     constexpr int attempts = 2;

@@ -13,10 +13,15 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "Platform/Linux/FileDescriptor.h"
 
 namespace platform::interception {
+
+// Whether the name of an interface can stand in commands, in quotes. The kernel allows quotes and brackets in names, and the
+// language has no way to escape them: where this is false the interface's number has to do.
+bool isPlainName(std::string_view name);
 
 class RuleLanguage {
 public:

@@ -72,6 +72,7 @@ constexpr std::array<unsigned, 4> guardEventGroups{RTNLGRP_IPV4_RULE, RTNLGRP_IP
 struct Guarded {
     std::array<bool, families.size()> isFamily{};
     std::set<std::string> interfaces;
+    std::set<int> oddlyNamed;  // interfaces whose names no rule can have
     std::array<std::set<std::string>, families.size()> near;
     // That tunnels have, or had, those of before first.
     std::array<std::vector<std::string>, families.size()> tunnelAddresses;
@@ -230,9 +231,14 @@ void appendDropOfTunnelAddresses(std::string& rules, const Family& family,
 // What the guard lets pass, whoever sent it.
 std::string exceptionsText(const Guarded& guarded, bool knowsIPsec) {
     std::string names;
+    std::string numbers;
     for (const auto& name : guarded.interfaces) names += '"' + name + "\", ";
+    for (const int number : guarded.oddlyNamed) numbers += std::to_string(number) + ", ";
+    std::string isElsewhere;
+    if (!names.empty()) isElsewhere.append("oifname != { ").append(names).append("} ");
+    if (!numbers.empty()) isElsewhere.append("meta oif != { ").append(numbers).append("}");
     std::string rules;
-    appendAccept(rules, "oifname != { " + names + '}');
+    appendAccept(rules, isElsewhere);
     // By policies, a tunnel's packets are seen here before they are encrypted.
     if (knowsIPsec) appendAccept(rules, "rt ipsec exists");
     for (std::size_t i = 0; i < families.size(); ++i) {
@@ -363,10 +369,15 @@ private:
         Interfaces interfaces;
         for (const auto& interface : network->interfaces) {
             if (interface.isTunnel || (!interface.ipv4 && !interface.ipv6)) continue;
-            guarded.interfaces.insert(interface.name);
+            if (isPlainName(interface.name))
+                guarded.interfaces.insert(interface.name);
+            else
+                guarded.oddlyNamed.insert(interface.index);
         }
         for (const auto& interface : network->interfaces)
-            if (guarded.interfaces.contains(interface.name)) interfaces.push_back(&interface);
+            if (guarded.interfaces.contains(interface.name) ||
+                guarded.oddlyNamed.contains(interface.index))
+                interfaces.push_back(&interface);
         for (std::size_t i = 0; i < families.size(); ++i) {
             if (isTunnel(*network, interfaceOfDefault(*socket, families[i])))
                 guarded.isFamily[i] = hasLed[i] = true;
@@ -375,7 +386,7 @@ private:
             if (auto near = nearPrefixes(*socket, families[i].number, interfaces); !near.empty())
                 guarded.near[i] = std::move(near);
         }
-        if (guarded.interfaces.empty()) guarded.isFamily = {};
+        if (guarded.interfaces.empty() && guarded.oddlyNamed.empty()) guarded.isFamily = {};
     }
 
     void putInForce() {

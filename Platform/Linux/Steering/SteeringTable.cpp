@@ -141,6 +141,12 @@ std::string beginningText(const Extras& extras) {
     return objects + " chain beginning {\n" + uses + " }\n";
 }
 
+std::string leavesBy(const Uplink& uplink) {
+    return interception::isPlainName(uplink.name)
+               ? "oifname \"" + uplink.name + "\" "
+               : "meta oif " + std::to_string(uplink.interfaceIndex) + " ";
+}
+
 std::string tableText(SteeringMarks marks, const std::vector<Uplink>& uplinks,
                       const Extras& extras) {
     const Words words(marks);
@@ -162,7 +168,7 @@ std::string tableText(SteeringMarks marks, const std::vector<Uplink>& uplinks,
     for (const Uplink& uplink : uplinks) {
         const unsigned number = uplink.number;
         const std::string hasMark = words.hasPacketMark(marks.ofPacket(number));
-        const std::string leavesHere = "oifname \"" + uplink.name + "\" " + hasMark;
+        const std::string leavesHere = leavesBy(uplink) + hasMark;
         const std::string setMark = words.setPacketMark(number) + "\n";
         leaving += words.isSteeredBy(number) + setMark;
         leaving += words.hasPacketMark(marks.ofSocket(number)) + setMark;
