@@ -10,9 +10,11 @@
 #include <functional>
 #include <set>
 #include <sstream>
+#include <utility>
 
 #include "Host/vantryctl/ActivityLog.h"
 #include "Host/vantryctl/CommandLine.h"
+#include "Host/vantryctl/SessionsCommand.h"
 #include "Host/vantryctl/SettingsClient.h"
 #include "Platform/Common/Version.h"
 
@@ -47,6 +49,7 @@ std::vector<std::string> knownNames() {
     const auto log = readActivityLog();
     if (const auto* entries = std::get_if<std::vector<vantry::ActivityLogEntryIPC>>(&log))
         for (const auto& entry : *entries) names.insert(entry.bundleId);
+    for (auto& application : applicationsWithSessions()) names.insert(std::move(application));
     return {names.begin(), names.end()};
 }
 
@@ -97,6 +100,8 @@ void Redaction::replaceAddresses(std::string& text) {
     for (std::size_t at = 0; at < text.size();) {
         auto end = text.find_first_not_of(letters, at);
         if (end == std::string::npos) end = text.size();
+        // One that ends a sentence has a full stop after it.
+        while (end > at && text[end - 1] == '.') --end;
         auto piece = text.substr(at, end - at);
         // An address of IPv4 may have a port.
         const auto port = std::ranges::count(piece, ':') == 1 ? piece.find(':') : piece.size();

@@ -73,6 +73,14 @@ std::vector<std::string> rowOf(const JSONObject& session, std::int64_t now) {
 
 }  // namespace
 
+std::vector<std::string> applicationsWithSessions() {
+    std::vector<std::string> applications;
+    const auto sessions = sessionsOfDaemon();
+    if (const auto* known = std::get_if<std::vector<JSONObject>>(&sessions))
+        for (const auto& session : *known) applications.push_back(textUnder(session, "identifier"));
+    return applications;
+}
+
 ExitCode showSessions(const SessionsOptions& options, const Console& console) {
     auto answer = sessionsOfDaemon();
     if (const auto* failure = failureOf(answer)) return console.report(*failure);

@@ -16,6 +16,9 @@ struct SessionsOptions {
     bool asJSON = false;
 };
 
+// The identifiers of the applications whose direct connections the daemon remembers; none where it cannot be asked.
+std::vector<std::string> applicationsWithSessions();
+
 ExitCode showSessions(const SessionsOptions& options, const Console& console);
 
 // Which of the log's direct flows never came up, as far as the daemon remembers: it names none where the

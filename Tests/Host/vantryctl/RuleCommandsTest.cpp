@@ -412,8 +412,8 @@ TEST_F(RuleCommands, SetupAsksNothingWhereAllIsSaidAndAReportNamesNoOne) {
     EXPECT_NE(runTool("report --plain").out.find("secret"), std::string::npos);
     Redaction redaction({"curl"});
     EXPECT_EQ(
-        redaction.of("curl to [2001:db8::1]:443, 203.0.113.7:80, 203.0.113.7; curly 12:30:45"),
-        "(application 1) to [(address 1)]:443, (address 2):80, (address 2); curly 12:30:45");
+        redaction.of("curl to [2001:db8::1]:443, 203.0.113.7:80, 203.0.113.7. curly 12:30:45"),
+        "(application 1) to [(address 1)]:443, (address 2):80, (address 2). curly 12:30:45");
 }
 
 TEST_F(RuleCommands, SettingsTravelAsADocument) {
