@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <utility>
@@ -24,7 +25,7 @@ namespace {
 constexpr int mostConflicts = 100;
 
 std::optional<std::chrono::seconds> timeOfTrial;
-bool hasPutOnTrial = false;
+std::optional<vantryhost::SecondsSince1970> endOfTrial;
 
 // An answer of the service: the settings, and the document and revision that they came in.
 struct Answer {
@@ -122,7 +123,8 @@ void putOnTrial(const Choices& before, Choices& after) {
     auto kept = before;
     kept.trial.reset();
     kept.writeInto(trial.before);
-    if (before.trial) trial.before = before.trial->before;
+    // Whoever tries what may lock him out relies on the first one's end.
+    if (before.trial) trial = {std::min(trial.until, before.trial->until), before.trial->before};
     after.trial = std::move(trial);
 }
 
@@ -194,10 +196,10 @@ Outcome<Change> changeBy(const char* request) {
 
 TrialOfChanges::TrialOfChanges(std::chrono::seconds time) {
     timeOfTrial = time;
-    hasPutOnTrial = false;
+    endOfTrial.reset();
 }
 TrialOfChanges::~TrialOfChanges() { timeOfTrial.reset(); }
-bool TrialOfChanges::hasBegun() const { return hasPutOnTrial; }
+std::optional<vantryhost::SecondsSince1970> TrialOfChanges::end() const { return endOfTrial; }
 
 Outcome<StoredSettings> loadSettings() {
     auto answer = ask({{"do", "get"}});
@@ -226,7 +228,7 @@ Outcome<Change> changeBy(const Edit& edit, bool isPassing) {
         if (done.isConflict) continue;
         change.after = done.stored.choices;
         change.isStored = true;
-        if (timeOfTrial && !isPassing) hasPutOnTrial = true;
+        if (timeOfTrial && !isPassing && change.after.trial) endOfTrial = change.after.trial->until;
         if (!done.notInForce.empty()) return storedOnly(done);
         change.notes = done.notes;
         bringToDaemon(done, change);
@@ -252,3 +254,12 @@ Outcome<Change> undoChange() {
 Outcome<Change> restoreRulesFile() { return changeBy("restore"); }
 
 }  // namespace vantryctl
+std::string splitTunnelsText(const TunnelReport& tunnel) {
+    if (tunnel.isUp || tunnel.split.empty()) return "";
+    return fmt::format(
+        "{} carries some networks only, and another tunnel carried all; if it is the VPN: "
+        "vantryctl "
+        "vpn follow -i {}",
+        fmt::join(tunnel.split, ", "), tunnel.split.front());
+}
+

@@ -66,8 +66,9 @@ public:
     TrialOfChanges(const TrialOfChanges&) = delete;
     TrialOfChanges& operator=(const TrialOfChanges&) = delete;
 
-    // Whether any change was put on trial since.
-    bool hasBegun() const;
+    // When what was put on trial since is taken back; null where nothing was. That is earlier than asked where
+    // something was on trial before, as both end together.
+    std::optional<vantryhost::SecondsSince1970> end() const;
 };
 
 }  // namespace vantryctl

@@ -205,10 +205,10 @@ ExitCode tryCommand(const std::vector<std::string>& arguments, std::chrono::seco
                                "vantryctl try --help says what it takes."});
     const TrialOfChanges trial(time);
     const int status = run(arguments, console);
-    if (trial.hasBegun())
+    if (const auto end = trial.end())
         console.out << fmt::format(
             "On trial: taken back in {} unless you keep it with: vantryctl confirm\n",
-            durationText(time.count()));
+            durationText(*end - std::time(nullptr)));
     else if (status == 0)
         console.out << "This changed nothing that would be taken back.\n";
     return static_cast<ExitCode>(status);
