@@ -300,7 +300,8 @@ JSONObject SettingsOwner::report() const {
                       {"tunnel", JSONObject{{"isFollowed", choices.tunnel.isFollowed},
                                             {"isUp", settingsInForce().vpnConnected},
                                             {"carrying", list(tunnel.carrying)},
-                                            {"absent", list(tunnel.absent)}}},
+                                            {"absent", list(tunnel.absent)},
+                                            {"split", list(tunnel.split)}}},
                       {"isDaemonListening", vantryhost::isDaemonListening()},
                       {"problems", list(present)},
                       {"notes", list(notes)}};

@@ -189,6 +189,12 @@ void SettingsService::lookAtTunnel() {
     if (saidToBeUp != tunnel.isUp())
         logger.info("The VPN is %{public}s",
                     tunnel.isUp() ? "up: " + tunnel.carrying.front() : std::string("down"));
+    if (!tunnel.isUp() && !tunnel.split.empty())
+        logger.info(
+            "%{public}s carries some networks only and does not count as the VPN, as another "
+            "tunnel "
+            "carried all (vantryctl vpn follow -i INTERFACE says otherwise)",
+            tunnel.split.front());
     saidToBeUp = tunnel.isUp();
     owner.tunnelChanged(tunnel);
 }

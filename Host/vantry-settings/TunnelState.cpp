@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <iterator>
 #include <utility>
 
 #include "Platform/Linux/FileDescriptor.h"
@@ -117,6 +118,7 @@ TunnelView TunnelState::look(const platform::NetworkState& state,
         if ((names.empty() ? interface.isTunnel : isNamed) && carries(interface, now))
             view.carrying.push_back(interface.name);
     }
+    if (names.empty()) setSplitAside(view);
     for (const auto& name : names)
         if (state.named(name) == nullptr) view.absent.push_back(name);
     for (auto& [name, tunnel] : tunnels) {
@@ -126,6 +128,15 @@ TunnelView TunnelState::look(const platform::NetworkState& state,
         if (tunnel.present == TunnelKind::split) tunnel.beginAgain();
     }
     return view;
+}
+
+void TunnelState::setSplitAside(TunnelView& view) {
+    const auto known = kinds();
+    const auto isFull = [](const auto& each) { return each.second == TunnelKind::full; };
+    if (std::ranges::none_of(known, isFull)) return;
+    const auto isSplit = [&](const auto& name) { return known.at(name) == TunnelKind::split; };
+    std::ranges::copy_if(view.carrying, std::back_inserter(view.split), isSplit);
+    std::erase_if(view.carrying, isSplit);
 }
 
 bool TunnelState::carries(const NetworkInterface& interface, Clock::time_point now) {

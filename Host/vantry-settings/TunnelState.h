@@ -8,6 +8,9 @@
 //   is in use, never led the routes     up                       up after a while: a tunnel for some
 //                                                                networks only
 //
+// Where no names were given and one that leads the routes is known, such tunnels are not the VPN, also while that
+// one is away: a mesh of one's own machines must not stand in for it.
+//
 // The while is short where the interface of that name was such a tunnel the last time, longer where it led the
 // routes then or is new: scripts may stand between a VPN's address and its routes. After a minute without the
 // interface it may be another VPN's that has the name, and begins as one in use for the first time. What is known
@@ -29,6 +32,8 @@ namespace vantrysettings {
 struct TunnelView {
     std::vector<std::string> carrying;  // the interfaces that carry the VPN now; up if there is any
     std::vector<std::string> absent;    // those that were named and are not there
+    std::vector<std::string>
+        split;  // for some networks only, and not the VPN as a full one is known
 
     bool isUp() const { return !carrying.empty(); }
     friend bool operator==(const TunnelView&, const TunnelView&) = default;
@@ -62,6 +67,7 @@ private:
     };
 
     bool carries(const platform::NetworkInterface& interface, Clock::time_point now);
+    void setSplitAside(TunnelView& view);
 
     const LeadsTo leadsTo;
     std::map<std::string, Tunnel> tunnels;

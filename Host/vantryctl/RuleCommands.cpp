@@ -138,7 +138,8 @@ std::string tunnelText(const StoredSettings& stored) {
     const auto& tunnel = stored.tunnel;
     const std::string_view state = tunnel.isUp ? "up" : "down";
     if (!tunnel.isFollowed) return fmt::format("The VPN is said to be {} (vpn follow).", state);
-    if (!tunnel.isUp) return "The VPN is down.";
+    if (!tunnel.isUp && tunnel.split.empty()) return "The VPN is down.";
+    if (!tunnel.isUp) return fmt::format("The VPN is down: {}.", splitTunnelsText(tunnel));
     return fmt::format("The VPN is up: {}.", fmt::join(tunnel.carrying, ", "));
 }
 

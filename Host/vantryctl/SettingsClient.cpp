@@ -7,6 +7,9 @@
 #include <ctime>
 #include <utility>
 
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
 #include "Host/settings/Documents.h"
 #include "Host/settings/Places.h"
 #include "Host/settings/UnixExchange.h"
@@ -90,12 +93,13 @@ Outcome<Answer> answerIn(const JSONObject& document) {
     auto choices = Choices::read(answer.preferences);
     if (auto* problem = std::get_if<Failure>(&choices)) return std::move(*problem);
     const auto tunnel = objectIn(document, "tunnel");
-    answer.stored = {std::get<std::optional<Choices>>(std::move(choices)).value_or(Choices{}),
-                     flagIn(document, "hasSettings"),
-                     {flagIn(tunnel, "isFollowed"), flagIn(tunnel, "isUp"),
-                      textsIn(tunnel, "carrying"), textsIn(tunnel, "absent")},
-                     flagIn(document, "isDaemonListening"),
-                     textsIn(document, "problems")};
+    answer.stored = {
+        std::get<std::optional<Choices>>(std::move(choices)).value_or(Choices{}),
+        flagIn(document, "hasSettings"),
+        {flagIn(tunnel, "isFollowed"), flagIn(tunnel, "isUp"), textsIn(tunnel, "carrying"),
+         textsIn(tunnel, "absent"), textsIn(tunnel, "split")},
+        flagIn(document, "isDaemonListening"),
+        textsIn(document, "problems")};
     answer.stored.choices.settings.vpnConnected = answer.stored.tunnel.isUp;
     return answer;
 }
@@ -253,7 +257,6 @@ Outcome<Change> undoChange() {
 
 Outcome<Change> restoreRulesFile() { return changeBy("restore"); }
 
-}  // namespace vantryctl
 std::string splitTunnelsText(const TunnelReport& tunnel) {
     if (tunnel.isUp || tunnel.split.empty()) return "";
     return fmt::format(
@@ -263,3 +266,4 @@ std::string splitTunnelsText(const TunnelReport& tunnel) {
         fmt::join(tunnel.split, ", "), tunnel.split.front());
 }
 
+}  // namespace vantryctl

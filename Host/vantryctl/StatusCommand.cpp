@@ -43,6 +43,7 @@ std::string settingsText(const StoredSettings& stored) {
     std::string vpn = tunnel.isUp ? "up" : "down";
     if (!tunnel.isFollowed) vpn = "said to be " + vpn;
     if (!tunnel.carrying.empty()) vpn += fmt::format(" ({})", fmt::join(tunnel.carrying, ", "));
+    const auto others = splitTunnelsText(tunnel);
     return fmt::format("Settings  {}\n",
                        stored.hasSettings ? fmt::format("{}, {} blocked, all others {}",
                                                         counted(std::ssize(settings.rules), "rule"),
@@ -51,6 +52,7 @@ std::string settingsText(const StoredSettings& stored) {
                                           : "nothing was set yet, the defaults hold") +
            fmt::format("VPN       {}; when down: {}\n", printable(vpn),
                        printable(settings.vpnFallback)) +
+           (others.empty() ? "" : fmt::format("          {}\n", printable(others))) +
            fmt::format("Direct    without a physical interface: {}\n",
                        printable(settings.directFallback)) +
            trialText(stored.choices);

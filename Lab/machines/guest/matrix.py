@@ -47,6 +47,8 @@ class Trial:
         try:
             self._firewall.up(self._vpn)
             set_rules(self._direct, self._tunnelled, self._blocked)
+            if self._vpn.is_split:
+                run("vantryctl", "vpn", "follow", "-i", self._vpn.device)
             self._raise()
             for cell, attempt in self._cells():
                 say(cell=cell, **self._outcome(attempt))

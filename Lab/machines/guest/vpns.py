@@ -31,6 +31,8 @@ class Vpn:
     # What the tunnel's own packets are, in words of nft, for firewalls that must let them out.
     carrier = "udp dport 51820"
     has_ipv6 = True
+    # For some networks only: beside full ones it is the VPN where it is named.
+    is_split = False
 
     def prepare(self) -> None:
         """Makes configuration and far end, once."""
@@ -51,6 +53,7 @@ class WireGuard(Vpn):
 
     def __init__(self, name: str, device: str, allowed: str):
         self.name, self.device, self._allowed = name, device, allowed
+        self.is_split = "0.0.0.0/0" not in allowed
         self._unit = f"wg-quick@{device}"
 
     def prepare(self) -> None:

@@ -88,6 +88,15 @@ TEST_F(TunnelStateTest, ItIsUpWhenItsRoutesAreThere) {
         network = {};
         EXPECT_EQ(carrying(), Names{});
     }
+    // Beside one that is known to carry all it is not the VPN, unless it is named.
+    TunnelState besideFull([](const auto&) { return false; },
+                           {{}, {{"split", TunnelKind::split}, {"full", TunnelKind::full}}});
+    network = {{interfaceNamed("split")}};
+    besideFull.look(network, {}, now);
+    const auto view = besideFull.look(network, {}, now + 1s);
+    EXPECT_FALSE(view.isUp());
+    EXPECT_EQ(view.split, (Names{"split"}));
+    EXPECT_TRUE(besideFull.look(network, {"split"}, now + 1s).isUp());
     EXPECT_EQ(state.kinds(),
               (TunnelKinds{{"split", TunnelKind::split}, {"wg0", TunnelKind::split}}));
 }
