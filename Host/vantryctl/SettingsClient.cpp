@@ -261,8 +261,7 @@ std::string splitTunnelsText(const TunnelReport& tunnel) {
     if (tunnel.isUp || tunnel.split.empty()) return "";
     return fmt::format(
         "{} carries some networks only, and another tunnel carried all; if it is the VPN: "
-        "vantryctl "
-        "vpn follow -i {}",
+        "vantryctl vpn follow -i {}",
         fmt::join(tunnel.split, ", "), tunnel.split.front());
 }
 
