@@ -222,6 +222,14 @@ ExitCode setRule(const std::vector<std::string>& words, const std::string& route
                 "Open direct connections end; new ones take the system's own route, the VPN while "
                 "that is up. When it is down, " +
                     vpnDownText(done.after.settings) + ".");
+        const auto wasDirectByDefault = [&](const auto& application) {
+            const auto& before = done.before.settings;
+            return before.defaultAction == "direct" && !before.rules.contains(application);
+        };
+        if (route != "direct" && std::ranges::any_of(applications, wasDirectByDefault))
+            console.note(
+                "What was direct by the default goes on directly until it ends: restart the "
+                "application.");
         sayHowLong(time, console);
         for (const auto& application : applications)
             if (const auto block = blockThatCovers(done.after.settings, application);

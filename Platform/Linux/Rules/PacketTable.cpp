@@ -240,9 +240,8 @@ void addEffects(Transaction& transaction, const PacketTableContent& content, Que
     }
     // The kernel opens further ways of a Multipath TCP connection from sockets that no process holds, so that no rule would
     // ever be asked about them. Without them the connection goes on as it began.
-    transaction.addRule(std::move(ruleOnState(openingsChain, content.place, FlowState::unseen)
-                                      .joiningMultipathConnection()
-                                      .drop()));
+    PacketRule joining = ruleOnState(openingsChain, content.place, FlowState::unseen);
+    transaction.addRule(joining.joiningMultipathConnection().drop());
 }
 
 // Our own packets pass; their connections are known by it from the first one on.
