@@ -127,7 +127,7 @@ void putOnTrial(const Choices& before, Choices& after) {
     auto kept = before;
     kept.trial.reset();
     kept.writeInto(trial.before);
-    // Whoever tries what may lock him out relies on the first one's end.
+    // A person who may be locked out relies on the first one's end.
     if (before.trial) trial = {std::min(trial.until, before.trial->until), before.trial->before};
     after.trial = std::move(trial);
 }

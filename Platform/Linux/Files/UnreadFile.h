@@ -1,5 +1,5 @@
 // Tells that a file which is there could not be read for the machine's sake: no descriptor, no memory, a fault of
-// the disk. For whoever asked for it the file is just not there; who had him ask then has him ask again.
+// the disk. To the code that asked for it the file is just not there; what had it ask has it ask again.
 #pragma once
 
 #include <optional>

@@ -267,7 +267,7 @@ std::string chainsText(const Guarded& guarded, MarkPlace place, bool knowsIPsec)
         return std::string(" chain ") + name + " {\n  type filter hook postrouting priority " +
                priority + "\n" + rules + " }\n";
     };
-    // Whoever sends by a way of his own beside the tunnel has the address translated.
+    // Programs that have a way of their own beside the tunnel have the address translated.
     return chain("leaving", "0", watched) + chain("translated", "srcnat + 10", ofTunnels);
 }
 
