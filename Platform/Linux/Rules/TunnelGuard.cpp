@@ -228,7 +228,7 @@ void appendDropOfTunnelAddresses(std::string& rules, const Family& family,
     rules += " counter drop\n";
 }
 
-// What the guard lets pass, whoever sent it.
+// What the guard lets pass, of any program.
 std::string exceptionsText(const Guarded& guarded, bool knowsIPsec) {
     std::string names;
     std::string numbers;
