@@ -95,8 +95,15 @@ private:
 
 namespace {
 
-RemoteEndpoint remoteEndpointOf(const FlowTuple& flow) {
-    return NWHostEndpoint{steering::destinationText(flow), std::to_string(flow.destinationPort)};
+NWHostEndpoint destinationOf(const FlowTuple& flow) {
+    return {steering::destinationText(flow), std::to_string(flow.destinationPort)};
+}
+
+// Empty where there is none.
+std::string textIn(const JSONObject& document, std::string_view key) {
+    const auto found = document.find(key);
+    const auto* value = found == document.end() ? nullptr : found->second.as<std::string>();
+    return value == nullptr ? std::string() : *value;
 }
 
 bool isLinkLocal(const FlowTuple& flow) {
@@ -312,7 +319,7 @@ bool FlowDecisions::isOfAnotherSocket(const HeldPacket& packet, std::uint64_t co
 Verdict FlowDecisions::offer(const Occasion& occasion) {
     const auto& [packet, asked, changes, ways] = occasion;
     Source source = sourceOf(packet);
-    source.isOnlyForFilter |= isOfferedToFilterAlone(occasion);
+    source.isOnlyForFilter |= isOfferedToFilterAlone(occasion, source);
     if (const auto known = verdictOnSteered(packet, source)) return *known;
     const auto claimed = offerToProxy(packet, source, asked);
     const bool isClaimed = claimed != nullptr;
@@ -360,7 +367,7 @@ void FlowDecisions::watch(const HeldPacket& packet, const Source& source,
 
 FlowDecisions::Source FlowDecisions::sourceOf(const HeldPacket& packet) {
     Source source;
-    source.remote = remoteEndpointOf(packet.asSent());
+    source.remote = destinationOf(packet.asSent());
     source.isOnlyForFilter = isLinkLocal(packet.asSent());
     if (const auto owner = attribution.ownerOf(packet.asSent())) {
         source.metaData = metaDataOf(*owner);
@@ -375,15 +382,26 @@ FlowDecisions::Source FlowDecisions::sourceOf(const HeldPacket& packet) {
 }
 
 // True for what the proxy has declined since the last flush: only the rules have changed, and what it would
-// claim now can't be taken over.
-bool FlowDecisions::isOfferedToFilterAlone(const Occasion& occasion) {
-    const auto& [packet, asked, changes, ways] = occasion;
+// claim now can't be taken over. Also for what it would claim by the default: no rule of the application's asks for
+// its connections to begin again.
+bool FlowDecisions::isOfferedToFilterAlone(const Occasion& occasion, const Source& source) {
+    const HeldPacket& packet = occasion.packet;
+    const Offers& asked = occasion.asked;
     if (packet.purpose != PacketPurpose::offeredAgain) return false;
-    const MutexGuard guard(entriesLock);
-    const auto mark = entries ? entries->markOf(packet.flow) : std::nullopt;
+    const auto mark = [&] {
+        const MutexGuard guard(entriesLock);
+        return entries ? entries->markOf(packet.flow) : std::nullopt;
+    }();
     const MarkPlace place(placeShift);
-    return mark && place.stateOf(*mark) == FlowState::declined &&
-           isAfterFlush(place.generationOf(*mark), asked.flush, asked.generation);
+    if (!mark || place.stateOf(*mark) != FlowState::declined) return false;
+    return isAfterFlush(place.generationOf(*mark), asked.flush, asked.generation) ||
+           isDirectByDefault(packet, source);
+}
+
+bool FlowDecisions::isDirectByDefault(const HeldPacket& packet, const Source& source) {
+    if (!providers.explain || isDatagram(packet)) return false;
+    const auto connection = providers.explain({source.metaData, destinationOf(packet.flow)});
+    return textIn(connection, "route") == "direct" && textIn(connection, "decidedBy") == "default";
 }
 
 // A connection that the kernel carries already, and that sends its opening again.
@@ -409,14 +427,8 @@ std::optional<Verdict> FlowDecisions::verdictOnDatagram(const Occasion& occasion
                          isDatagram(packet) && source.isAttributed && !source.isOnlyForFilter &&
                          steering::Steering::isForDatagrams(packet.flow);
     if (!isMeant) return std::nullopt;
-    const auto connections = providers.explain(
-        {source.metaData,
-         {steering::destinationText(packet.flow), std::to_string(packet.flow.destinationPort)}});
-    const auto text = [&](std::string_view key) {
-        const auto found = connections.find(key);
-        const auto* value = found == connections.end() ? nullptr : found->second.as<std::string>();
-        return value == nullptr ? std::string() : *value;
-    };
+    const auto connections = providers.explain({source.metaData, destinationOf(packet.flow)});
+    const auto text = [&](std::string_view key) { return textIn(connections, key); };
     Verdict verdict{stateOf(true, isWatched), asked.generation, source.cookie};
     verdict.ruleChanges = changes;
     verdict.wayChanges = ways;
@@ -577,10 +589,7 @@ bool FlowDecisions::hasOutlivedItsRule(const HeldPacket& packet) {
     if (!isDatagram(packet) || !providers.explain) return false;
     const Source source = sourceOf(packet);
     if (!source.isAttributed) return false;
-    const auto newFlow = providers.explain(
-        {source.metaData,
-         {steering::destinationText(packet.flow), std::to_string(packet.flow.destinationPort)},
-         true});
+    const auto newFlow = providers.explain({source.metaData, destinationOf(packet.flow), true});
     // Told of what is neither blocked nor stopped while the VPN is down.
     const auto isWatched = newFlow.find("isWatched");
     const auto* value = isWatched == newFlow.end() ? nullptr : isWatched->second.as<bool>();

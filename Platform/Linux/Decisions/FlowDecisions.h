@@ -134,7 +134,8 @@ private:
     Verdict verdictOnForgotten(const Occasion& occasion);
     Verdict show(const Occasion& occasion, WatchedFlow& flow, bool isClaimed);
     Source sourceOf(const HeldPacket& packet);
-    bool isOfferedToFilterAlone(const Occasion& occasion);
+    bool isOfferedToFilterAlone(const Occasion& occasion, const Source& source);
+    bool isDirectByDefault(const HeldPacket& packet, const Source& source);
     Verdict deny(const Occasion& occasion, std::uint64_t cookie);
     bool countsForItsFlow(const HeldPacket& packet, const Verdict& verdict);
     void forgetFlow(const FlowTuple& flow);
