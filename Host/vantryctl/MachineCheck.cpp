@@ -246,6 +246,14 @@ Findings checkOtherRules() {
         return {{"rules of others", Verdict::unknown, rules.error().text(),
                  "See whether nft list ruleset can."}};
     auto findings = findingsInRules(*rules);
+    if (const auto tables = platform::interception::legacyTablesInUse({"raw", "mangle", "filter"});
+        !tables.empty())
+        findings.push_back(
+            {"iptables-legacy", Verdict::warning,
+             "its rules cannot be read, in the tables " + tables +
+                 ": they may deny, leave flows untracked, or take marks",
+             "update-alternatives --set iptables /usr/sbin/iptables-nft has such rules made in the "
+             "way that can."});
     findings.push_back(checkMarks(platform::interception::markBitsInUse().used));
     return findings;
 }

@@ -248,6 +248,10 @@ void PacketPath::putBack() {
 void PacketPath::keepHouse() {
     putBack();
     if (std::exchange(haveOthersChanged, false)) followMarksOfOthers();
+    // No event tells of these.
+    sayOf(legacy, legacyTablesInUse({"raw", "mangle"}), "are made by iptables-legacy",
+          "What they do to marks and tracking cannot be read: after update-alternatives --set "
+          "iptables /usr/sbin/iptables-nft they are made in the way that can");
     countPassed();
     if (!hadExcess.exchange(false) && areVerdictsMoving() && heldUp.end())
         platformLog.info("Verdicts are given in time again");

@@ -107,6 +107,8 @@ private:
                                 "Others overwrite connections' marks"};
     health::Problem untracked{health::Place::verdicts, "untracked",
                               "Others leave flows untracked, which no rule reaches"};
+    health::Problem legacy{health::Place::verdicts, "legacyRules",
+                           "Others' rules of iptables-legacy, which cannot be read"};
     health::Problem unreadRules{health::Place::verdicts, "rulesOfOthers",
                                 "Others' packet rules cannot be read"};
     health::Problem heldUp{health::Place::packets, "heldUp", "Verdicts are held up"};

@@ -5,9 +5,12 @@
 #include <linux/fib_rules.h>
 #include <linux/rtnetlink.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <fstream>
 #include <sstream>
 #include <string_view>
+#include <utility>
 
 #include "Platform/Linux/Netlink/Socket.h"
 #include "Platform/Linux/Rules/DirectRoutes.h"
@@ -74,6 +77,18 @@ Result<std::string> packetRulesOfOthers() {
         rules += listed.output;
     }
     return rules;
+}
+
+std::string legacyTablesInUse(std::initializer_list<std::string_view> wanted) {
+    std::string tables;
+    for (const auto& [family, path] : {std::pair("ip ", "/proc/self/net/ip_tables_names"),
+                                       std::pair("ip6 ", "/proc/self/net/ip6_tables_names")}) {
+        std::ifstream names(path);
+        for (std::string name; std::getline(names, name);)
+            if (std::ranges::find(wanted, name) != wanted.end())
+                tables.append(tables.empty() ? "" : ", ").append(family).append(name);
+    }
+    return tables;
 }
 
 MarkBits markBitsInUse() {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -19,6 +20,10 @@ bool isOwnTable(std::string_view name);
 // The packet rules of others that are in force, in their text form; or why they cannot be
 // listed. (The form for machines is of no use: libnftables 1.0.6 breaks off at a table with an owner.)
 Result<std::string> packetRulesOfOthers();
+
+// Those of the named tables of iptables-legacy that are in use: "ip raw, ip6 mangle". They are no part of what nft
+// lists, and nothing here reads their rules.
+std::string legacyTablesInUse(std::initializer_list<std::string_view> wanted);
 
 // The bits of marks that the packet rules of others and the routing rules test or set, as far as
 // they can be read; which tables write the whole mark of connections, or leave what is sent untracked; and
