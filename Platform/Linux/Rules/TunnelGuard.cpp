@@ -254,21 +254,31 @@ std::string exceptionsText(const Guarded& guarded, bool knowsIPsec) {
 
 // The chains stay, empty where nothing is guarded: when one goes, the kernel drops all packets that wait for a verdict.
 std::string chainsText(const Guarded& guarded, MarkPlace place, bool knowsIPsec) {
-    const std::string exceptions = guarded.isNothing() ? "" : exceptionsText(guarded, knowsIPsec);
-    std::string watched = exceptions;
-    std::string ofTunnels = exceptions;
+    std::string refusing;
+    std::string leaving;
+    std::string translated;
     if (!guarded.isNothing()) {
-        watched += "  ct mark & " + std::to_string(place.mask()) +
-                   " == " + std::to_string(place.value(FlowState::watched)) + " counter drop\n";
+        const std::string isWatched = "ct mark & " + std::to_string(place.mask()) +
+                                      " == " + std::to_string(place.value(FlowState::watched));
+        leaving = translated = exceptionsText(guarded, knowsIPsec);
+        // Only a connection that begins can be told: it would go on into the tunnel that comes, under the uplink's
+        // address, and hang.
+        refusing =
+            "  meta l4proto != tcp accept\n"
+            "  tcp flags & (fin | syn | rst | ack) != syn accept\n" +
+            leaving + "  " + isWatched + " counter reject with tcp reset\n";
+        leaving += "  " + isWatched + " counter drop\n";
         for (std::size_t i = 0; i < families.size(); ++i)
-            appendDropOfTunnelAddresses(ofTunnels, families[i], guarded.tunnelAddresses[i], place);
+            appendDropOfTunnelAddresses(translated, families[i], guarded.tunnelAddresses[i], place);
     }
-    const auto chain = [](const char* name, const char* priority, const std::string& rules) {
-        return std::string(" chain ") + name + " {\n  type filter hook postrouting priority " +
-               priority + "\n" + rules + " }\n";
+    const auto chain = [](const char* name, const char* hook, const std::string& rules) {
+        return std::string(" chain ") + name + " {\n  type filter hook " + hook + "\n" + rules +
+               " }\n";
     };
     // Programs that have a way of their own beside the tunnel have the address translated.
-    return chain("leaving", "0", watched) + chain("translated", "srcnat + 10", ofTunnels);
+    return chain("refusing", "output priority 202", refusing) +
+           chain("leaving", "postrouting priority 0", leaving) +
+           chain("translated", "postrouting priority srcnat + 10", translated);
 }
 
 }  // namespace

@@ -4,7 +4,8 @@
 // or has led there. What is near on such an interface stays reachable: its own prefixes, private ones
 // beyond a router, single hosts, multicast, broadcast and link-local addresses. In these families nothing
 // leaves there with an address that a tunnel has or had, watched or not, but what is carried directly. That is
-// looked at after source NAT: other programs have ways of their own beside a tunnel, and masquerade.
+// looked at after source NAT: other programs have ways of their own beside a tunnel, and masquerade. A connection
+// that begins is refused, at once; what is later than that can only be dropped.
 //
 // event                                     | families that are guarded
 // ------------------------------------------+-------------------------------------------------------
