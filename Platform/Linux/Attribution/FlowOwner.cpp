@@ -21,7 +21,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-constexpr std::size_t rememberedSockets = 2048;
+constexpr std::size_t rememberedSockets = 8192;
 // A datagram may leave after its socket was closed; a port is not used again so soon.
 constexpr auto memoryOfSource = 2s;
 // A socket that no one was found to hold is not searched for again at once.
@@ -105,7 +105,10 @@ public:
 
     std::optional<FlowOwner> ownerOf(const FlowTuple& flow) {
         if (const auto note = notes ? notes->ofOpenSocket(flow) : std::nullopt) {
-            if (auto owner = ownerByNote(*note, factsOf(*note))) return owner;
+            if (auto owner = ownerByNote(*note, factsOf(*note))) {
+                if (flow.protocol == IPPROTO_TCP) sockets.remember(note->cookie, {{}, *owner});
+                return owner;
+            }
         }
         const auto socket = find(flow);
         if (!socket) return ownerOfClosedSocket(flow);
@@ -156,7 +159,11 @@ private:
         if (isHeld) {
             if (auto owner = ownerByHolder(socket)) return owner;
         }
-        if (const auto known = sockets.find(socket.cookie)) return known->owner;
+        if (auto known = sockets.find(socket.cookie)) {
+            // What it holds is sent after its application has closed it.
+            known->owner.isGivenUp = !isHeld && flow.protocol == IPPROTO_TCP;
+            return known->owner;
+        }
         // The account says enough.
         const bool isSystems = isHeld && isSystemAccount(socket.uid);
         return isSystems ? std::optional(unnamedOwner(socket, socket.uid)) : std::nullopt;

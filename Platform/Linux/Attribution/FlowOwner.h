@@ -32,7 +32,7 @@ struct FlowOwner {
     uid_t uid = 0;                   // of the program or the socket, not as shown in the token
     std::uint64_t socketCookie = 0;  // the kernel's number for the socket, never used twice
     bool isBoundToDevice = false;    // the application pinned the socket to one interface
-    bool isGivenUp = false;          // the socket of an opening that still waits is closed
+    bool isGivenUp = false;          // of TCP: the application has closed the socket
     std::string path;                // of the executable, as proc_pidpath shows it
 };
 
