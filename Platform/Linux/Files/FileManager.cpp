@@ -123,8 +123,8 @@ thread_local std::optional<std::string> unreadFile;
 
 // For the machine's sake: not as there is no such file, or as it is not trusted.
 void noteUnread(std::string_view path, const Error& error) {
-    constexpr std::array passing{EMFILE, ENFILE, ENOMEM, EIO};
-    if (std::ranges::find(passing, error.code()) == passing.end()) return;
+    constexpr std::array others{ENOENT, ENOTDIR, EPERM, EFBIG};
+    if (std::ranges::find(others, error.code()) != others.end()) return;
     unreadFile = std::string(path).append(": ").append(error.text());
 }
 

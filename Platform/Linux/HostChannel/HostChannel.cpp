@@ -101,6 +101,8 @@ private:
                                  IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE};
     bool isWatchServed = false;
     bool isUnread = false;
+    health::Problem unreadPreferences{health::Place::hostChannel, "unreadPreferences",
+                                      "The preferences cannot be read, it is tried again"};
     sd_event_source* nextTry = nullptr;
     MessageSocket messages;
     const Questions questions;
@@ -171,8 +173,11 @@ int HostChannel::Running::servePreferences(sd_event& loop) {
         const int result =
             sd_event_add_time_relative(&loop, &nextTry, CLOCK_MONOTONIC, microsecondsToNextTry, 0,
                                        &Running::nextTryIsDue, this);
+        if (result < 0) return result;
         // From here on it is the loop's.
-        return result < 0 ? result : sd_event_source_set_floating(nextTry, 1);
+        sd_event_source_set_floating(nextTry, 1);
+        sd_event_source_unref(nextTry);
+        return 0;
     }
     const int result = sd_event_source_set_time_relative(nextTry, microsecondsToNextTry);
     return result < 0 ? result : sd_event_source_set_enabled(nextTry, SD_EVENT_ONESHOT);
@@ -221,7 +226,13 @@ void HostChannel::Running::readPreferencesEvents() {
 void HostChannel::Running::readPreferences() {
     static_cast<void>(takeUnreadFile());
     applyPreferences(listener);
-    isUnread = takeUnreadFile().has_value();
+    const auto file = takeUnreadFile();
+    isUnread = file.has_value();
+    if (file && unreadPreferences.begin(*file))
+        hostChannelLog.error(
+            "%{public}s. The preferences hold as they were; it is tried again each second", *file);
+    if (!file && unreadPreferences.end())
+        hostChannelLog.info("The preferences have been read, and are in force");
 }
 
 HostChannel::HostChannel() {

@@ -121,10 +121,7 @@ std::optional<Preferences> Preferences::load() {
     if (access(places::preferencesFile, F_OK) != 0 && errno == ENOENT) return Preferences{};
     const auto content = NSFileManager::defaultManager().contentsAtPath(places::preferencesFile);
     const auto bytes = content ? content->bytes() : std::nullopt;
-    if (!bytes) {
-        hostChannelLog.error("The preferences cannot be read");
-        return std::nullopt;
-    }
+    if (!bytes) return std::nullopt;
     const auto document = parseJSON(*bytes);
     const auto* value = std::get_if<JSONValue>(&document);
     const JSONObject* object = value == nullptr ? nullptr : value->as<JSONObject>();
