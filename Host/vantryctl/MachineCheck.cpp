@@ -246,15 +246,18 @@ Findings checkOtherRules() {
         return {{"rules of others", Verdict::unknown, rules.error().text(),
                  "See whether nft list ruleset can."}};
     auto findings = findingsInRules(*rules);
-    if (const auto tables = platform::interception::legacyTablesInUse({"raw", "mangle", "filter"});
-        !tables.empty())
-        findings.push_back(
-            {"iptables-legacy", Verdict::warning,
-             "its rules cannot be read, in the tables " + tables +
-                 ": they may deny, leave flows untracked, or take marks",
-             "update-alternatives --set iptables /usr/sbin/iptables-nft has such rules made in the "
-             "way that can."});
     findings.push_back(checkMarks(platform::interception::markBitsInUse().used));
+    const auto tables =
+        platform::interception::legacyTablesInUse({"raw", "mangle", "filter"}).value_or("");
+    if (tables.empty()) return findings;
+    for (auto& finding : findings)
+        if (finding.verdict == Verdict::good) finding.detail += ", as far as nft shows";
+    findings.push_back(
+        {"iptables-legacy", Verdict::warning,
+         "rules may stand in its tables " + tables +
+             ", and cannot be read: they may deny, leave flows untracked, or take marks",
+         "After update-alternatives --set iptables /usr/sbin/iptables-nft and a restart of the "
+         "machine such rules can be read."});
     return findings;
 }
 

@@ -209,6 +209,10 @@ ExitCode setRule(const std::vector<std::string>& words, const std::string& route
         return choices != before;
     });
     return finish(change, console, [&](const Change& done) {
+        const auto wasDirectByDefault = [&](const auto& application) {
+            const auto& before = done.before.settings;
+            return before.defaultAction == "direct" && !before.rules.contains(application);
+        };
         if (route == "direct")
             say(console,
                 "New TCP connections leave over the physical interface, beside the VPN; open ones "
@@ -219,13 +223,11 @@ ExitCode setRule(const std::vector<std::string>& words, const std::string& route
                                       "system's own route."));
         else
             say(console,
-                "Open direct connections end; new ones take the system's own route, the VPN while "
-                "that is up. When it is down, " +
+                std::string(std::ranges::all_of(applications, wasDirectByDefault)
+                                ? "New connections take"
+                                : "Open direct connections end; new ones take") +
+                    " the system's own route, the VPN while that is up. When it is down, " +
                     vpnDownText(done.after.settings) + ".");
-        const auto wasDirectByDefault = [&](const auto& application) {
-            const auto& before = done.before.settings;
-            return before.defaultAction == "direct" && !before.rules.contains(application);
-        };
         if (route != "direct" && std::ranges::any_of(applications, wasDirectByDefault))
             console.note(
                 "What was direct by the default goes on directly until it ends: restart the "
@@ -399,7 +401,9 @@ ExitCode followVPN(const std::vector<std::string>& interfaces, const Console& co
     return finish(change, console, [&](const Change&) {
         say(console,
             interfaces.empty()
-                ? std::string("The VPN is up while any tunnel is, and its routes are there.")
+                ? std::string(
+                      "The VPN is up while any tunnel is, and its routes are there. One for "
+                      "some networks only does not count beside one that carried all.")
                 : fmt::format("The VPN is up while {} is, and its routes are there.",
                               fmt::join(interfaces, " or ")));
     });

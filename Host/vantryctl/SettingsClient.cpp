@@ -258,7 +258,7 @@ Outcome<Change> undoChange() {
 Outcome<Change> restoreRulesFile() { return changeBy("restore"); }
 
 std::string splitTunnelsText(const TunnelReport& tunnel) {
-    if (tunnel.isUp || tunnel.split.empty()) return "";
+    if (!tunnel.isFollowed || tunnel.isUp || tunnel.split.empty()) return "";
     return fmt::format(
         "{} carries some networks only, and another tunnel carried all; if it is the VPN: "
         "vantryctl vpn follow -i {}",

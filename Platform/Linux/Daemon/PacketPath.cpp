@@ -249,9 +249,10 @@ void PacketPath::keepHouse() {
     putBack();
     if (std::exchange(haveOthersChanged, false)) followMarksOfOthers();
     // No event tells of these.
-    sayOf(legacy, legacyTablesInUse({"raw", "mangle"}), "are made by iptables-legacy",
-          "What they do to marks and tracking cannot be read: after update-alternatives --set "
-          "iptables /usr/sbin/iptables-nft they are made in the way that can");
+    if (const auto tables = legacyTablesInUse({"raw", "mangle"}))
+        sayOf(legacy, *tables, "may stand in tables of iptables-legacy",
+              "What they do to marks and tracking cannot be read. After update-alternatives --set "
+              "iptables /usr/sbin/iptables-nft and a restart of the machine it can");
     countPassed();
     if (!hadExcess.exchange(false) && areVerdictsMoving() && heldUp.end())
         platformLog.info("Verdicts are given in time again");

@@ -108,7 +108,7 @@ private:
     health::Problem untracked{health::Place::verdicts, "untracked",
                               "Others leave flows untracked, which no rule reaches"};
     health::Problem legacy{health::Place::verdicts, "legacyRules",
-                           "Others' rules of iptables-legacy, which cannot be read"};
+                           "Tables of iptables-legacy, which cannot be read"};
     health::Problem unreadRules{health::Place::verdicts, "rulesOfOthers",
                                 "Others' packet rules cannot be read"};
     health::Problem heldUp{health::Place::packets, "heldUp", "Verdicts are held up"};

@@ -79,11 +79,12 @@ Result<std::string> packetRulesOfOthers() {
     return rules;
 }
 
-std::string legacyTablesInUse(std::initializer_list<std::string_view> wanted) {
+std::optional<std::string> legacyTablesInUse(std::initializer_list<std::string_view> wanted) {
     std::string tables;
     for (const auto& [family, path] : {std::pair("ip ", "/proc/self/net/ip_tables_names"),
                                        std::pair("ip6 ", "/proc/self/net/ip6_tables_names")}) {
         std::ifstream names(path);
+        if (!names && errno != ENOENT) return std::nullopt;
         for (std::string name; std::getline(names, name);)
             if (std::ranges::find(wanted, name) != wanted.end())
                 tables.append(tables.empty() ? "" : ", ").append(family).append(name);

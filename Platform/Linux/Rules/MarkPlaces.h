@@ -22,8 +22,8 @@ bool isOwnTable(std::string_view name);
 Result<std::string> packetRulesOfOthers();
 
 // Those of the named tables of iptables-legacy that are in use: "ip raw, ip6 mangle". They are no part of what nft
-// lists, and nothing here reads their rules.
-std::string legacyTablesInUse(std::initializer_list<std::string_view> wanted);
+// lists, and nothing here reads their rules; one without rules is named too. None if that cannot be told.
+std::optional<std::string> legacyTablesInUse(std::initializer_list<std::string_view> wanted);
 
 // The bits of marks that the packet rules of others and the routing rules test or set, as far as
 // they can be read; which tables write the whole mark of connections, or leave what is sent untracked; and
