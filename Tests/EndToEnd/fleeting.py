@@ -1,4 +1,5 @@
-"""Sockets that are closed as soon as they have sent, of a program that is blocked: nothing leaves.
+"""Sockets that are closed as soon as they have sent, of a program that is blocked: nothing leaves. Nor does what one that
+is closed still holds when its program is blocked.
 
 The kernel's notes name them, which it takes for daemons that see all processes of the machine.
 """
@@ -25,6 +26,29 @@ while time.monotonic() < end:
         one.connect(("{ADDRESS}", {STREAM_PORT}))
     time.sleep(0.002)
 """
+SLOW_ADDRESS = "198.51.100.98"
+SLOW_SERVER = f"""
+import socket
+server = socket.socket()
+server.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 8192)
+server.bind(("{SLOW_ADDRESS}", {STREAM_PORT + 1}))
+server.listen()
+print("listening", flush=True)
+connection, _ = server.accept()
+input()
+try:
+    while connection.recv(65536):
+        pass
+    print("the end")
+except ConnectionResetError:
+    print("a reset")
+"""
+LEAVING = f"""
+import socket
+with socket.create_connection(("{SLOW_ADDRESS}", {STREAM_PORT + 1})) as one:
+    one.setblocking(False)
+    one.send(bytes(1 << 20))
+"""
 COUNTING = f"""table inet fleeting {{
   chain arriving {{
     type filter hook prerouting priority -290
@@ -47,4 +71,16 @@ def run(stage) -> None:
         stage.checks.equal("of a blocked program that closes its sockets at once: segments and datagrams that leave",
                            [int(each) for each in re.findall(r"packets (\d+)", listed)], [0, 0])
         stage.checks.equal("and flows that no program could be named for", stage.health("unattributedFlows"), 0)
+    _closed_with_content(stage)
     stage.stop_daemon()
+
+
+def _closed_with_content(stage) -> None:
+    server = subprocess.Popen(network.in_server(["python3", "-c", SLOW_SERVER]), text=True, stdin=subprocess.PIPE,
+                              stdout=subprocess.PIPE)
+    server.stdout.readline()
+    leaver = applications.make_interpreter("leaver")
+    subprocess.run([leaver, "-c", LEAVING], check=True, user=world.PERSON if world.is_root_world() else None)
+    stage.apply(Rules(rules={}, blockedApps=("mayfly", "leaver")))
+    told, _ = server.communicate("read on\n", timeout=30)
+    stage.checks.equal("what a closed socket still holds when its program is blocked comes to", told.strip(), "a reset")
