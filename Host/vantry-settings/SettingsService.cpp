@@ -192,8 +192,7 @@ void SettingsService::lookAtTunnel() {
     if (!tunnel.isUp() && !tunnel.split.empty())
         logger.info(
             "%{public}s carries some networks only and does not count as the VPN, as another "
-            "tunnel "
-            "carried all (vantryctl vpn follow -i INTERFACE says otherwise)",
+            "tunnel carried all (vantryctl vpn follow -i INTERFACE says otherwise)",
             tunnel.split.front());
     saidToBeUp = tunnel.isUp();
     owner.tunnelChanged(tunnel);

@@ -32,8 +32,7 @@ namespace vantrysettings {
 struct TunnelView {
     std::vector<std::string> carrying;  // the interfaces that carry the VPN now; up if there is any
     std::vector<std::string> absent;    // those that were named and are not there
-    std::vector<std::string>
-        split;  // for some networks only, and not the VPN as a full one is known
+    std::vector<std::string> split;  // for some networks only, not the VPN as a full one is known
 
     bool isUp() const { return !carrying.empty(); }
     friend bool operator==(const TunnelView&, const TunnelView&) = default;

@@ -1,14 +1,13 @@
 #include "Host/vantryctl/SettingsClient.h"
 
+#include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <utility>
-
-#include <fmt/format.h>
-#include <fmt/ranges.h>
 
 #include "Host/settings/Documents.h"
 #include "Host/settings/Places.h"

@@ -20,8 +20,7 @@ struct TunnelReport {
     bool isUp = true;
     std::vector<std::string> carrying;  // the interfaces, while it is up
     std::vector<std::string> absent;    // interfaces that were named and are not there
-    std::vector<std::string>
-        split;  // tunnels for some networks only that are not taken for the VPN
+    std::vector<std::string> split;     // tunnels for some networks only, not taken for the VPN
 };
 
 // While the VPN is down and other tunnels are up: that they are not the VPN, and how to say otherwise. Else empty.

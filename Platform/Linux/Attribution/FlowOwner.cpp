@@ -21,6 +21,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
+// Among them those that their applications have closed, which still send what they hold.
 constexpr std::size_t rememberedSockets = 8192;
 // A datagram may leave after its socket was closed; a port is not used again so soon.
 constexpr auto memoryOfSource = 2s;

@@ -7,6 +7,7 @@
 #include <array>
 #include <utility>
 
+#include "Platform/Linux/PlatformLog.h"
 #include "Platform/Linux/Rules/PacketRule.h"
 
 namespace platform::steering {
@@ -141,6 +142,18 @@ std::string beginningText(const Extras& extras) {
     return objects + " chain beginning {\n" + uses + " }\n";
 }
 
+void sayLack(const Extras& extras) {
+    if (!extras.hasTimeouts)
+        platformLog.info(
+            "The kernel has no connection times of one's own (nfnetlink_cttimeout): direct "
+            "connections that are half-closed and silent for a minute or two get no answer any "
+            "more");
+    if (!extras.hasFtpHelpers)
+        platformLog.info(
+            "The kernel has no help for FTP (nf_nat_ftp): active FTP of direct applications does "
+            "not work");
+}
+
 std::string leavesBy(const Uplink& uplink) {
     return interception::isPlainName(uplink.name)
                ? "oifname \"" + uplink.name + "\" "
@@ -222,6 +235,7 @@ bool SteeringTable::install(const std::vector<Uplink>& uplinks) {
         for (const auto& extras : extrasToTry) {
             if (!run(*begin + tableText(marks, uplinks, extras))) continue;
             inForce = listed();
+            if (!std::exchange(hasSaidLack, true)) sayLack(extras);
             return true;
         }
     }

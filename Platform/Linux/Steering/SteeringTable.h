@@ -3,8 +3,9 @@
 //
 //     leaving    route, output 200        a steered connection's packets get the uplink's mark and are routed
 //                                         again: after the firewalls, which see them leave as the
-//                                         application's route says; those to port 21 get the kernel's
-//                                         help for active FTP, where it has it
+//                                         application's route says; the first one gets its connection times
+//                                         that outlast a silent server, and to port 21 the kernel's help
+//                                         for active FTP, where the kernel has these
 //     checking   filter, output 201       no content of what is held back; an error for what has no way
 //     arriving   filter, prerouting -149  the mark for what comes back, so that a strict reverse-path filter
 //                                         finds it right; no content of what is held back
@@ -48,6 +49,7 @@ private:
     std::string output;
     std::string inForce;  // as the kernel shows it
     std::string failureText;
+    bool hasSaidLack = false;
 };
 
 }  // namespace platform::steering
